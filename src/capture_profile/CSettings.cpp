@@ -1,0 +1,5 @@
+#include "capture_profile/CSettings.h"
+
+void CSettings::Init() {
+    numEncoders = 0;
+}
