@@ -1,0 +1,186 @@
+// The captures that play a source file out through a decoder: re-encode and mezzanine.
+#include "foundation/ErrorCodes.h"
+#include "foundation/FixedText.h"
+#include "foundation/Logger.h"
+#include "jobs/CaptureJob.h"
+#include "jobs/InputField.h"
+#include "jobs/RequestValues.h"
+#include "resources/ResourceMgr.h"
+
+#include <cstring>
+
+using namespace kestrel;
+
+double (*CaptureReencodeJob::frameRateOfSource)(const char* path) = nullptr;
+
+CaptureReencodeJob::CaptureReencodeJob() : CaptureReencodeJob(0) {}
+
+CaptureReencodeJob::CaptureReencodeJob(unsigned long newId, JobType type) : CaptureJob(newId, type, QUEUED) {
+    formatText(blackFileSuffix, "_%ld", static_cast<long>(newId));
+}
+
+CaptureReencodeJob::CaptureReencodeJob(const CaptureReencodeJob& other) : CaptureJob(other) {
+    copyReencodeFields(other);
+}
+
+CaptureReencodeJob& CaptureReencodeJob::operator=(const CaptureReencodeJob& other) {
+    if (this != &other) {
+        CaptureJob::operator=(other);
+        copyReencodeFields(other);
+    }
+    return *this;
+}
+
+CaptureReencodeJob::~CaptureReencodeJob() = default;
+
+CaptureReencodeJob* CaptureReencodeJob::clone() const {
+    return new CaptureReencodeJob(*this);
+}
+
+void CaptureReencodeJob::copyReencodeFields(const CaptureReencodeJob& other) {
+    std::memcpy(sourceFile, other.sourceFile, sizeof sourceFile);
+    std::memcpy(markIn, other.markIn, sizeof markIn);
+    std::memcpy(markOut, other.markOut, sizeof markOut);
+    std::memcpy(blackFileSuffix, other.blackFileSuffix, sizeof blackFileSuffix);
+    m_interfaceAddress = other.m_interfaceAddress;
+    // Each job has a placeholder of its own.
+    m_placeholder.reset();
+    decoder = other.decoder;
+    if (other.m_placeholder) {
+        m_placeholder = std::make_unique<Decoder>(0);
+        m_placeholder->interfaceAddress = other.m_placeholder->interfaceAddress;
+        if (other.m_placeholder->profile)
+            m_placeholder->setProfile(other.m_placeholder->profile);
+        decoder = m_placeholder.get();
+    }
+}
+
+void CaptureReencodeJob::setId(unsigned long newId) {
+    formatText(blackFileSuffix, "_%ld", static_cast<long>(newId));
+    Job::setId(newId);
+}
+
+int CaptureReencodeJob::validate() {
+    if (sourceFile[0] == '\0')
+        return refuse(error::noSourceFile, LOG_MSG(error::noSourceFile));
+    // A placeholder stands for a decoder that the request has not named.
+    if (decoder == nullptr || decoder == m_placeholder.get())
+        return refuse(error::noDecoder, LOG_MSG(error::noDecoder));
+    if (jobType == CAPTURE_MEZZANINE_JOB) {
+        if (const int code = validateMezzanine())
+            return code;
+    }
+    return CaptureJob::validate();
+}
+
+int CaptureReencodeJob::validateMezzanine() {
+    if (markIn[0] == '\0' || markOut[0] == '\0')
+        return refuse(error::marksRequired, LOG_MSG(error::marksRequired));
+    return frameRateOfSource ? validateMarks(frameRateOfSource(sourceFile)) : 0;
+}
+
+int CaptureReencodeJob::validateMarks(double framesPerSecond) {
+    const int code = mpeg_timecode::GetFrameRateCode(framesPerSecond);
+    const bool dropFrame = mpeg_timecode::frameRateCodeToDropFrame(code);
+    const mpeg_timecode in(markIn, dropFrame, code);
+    const mpeg_timecode out(markOut, dropFrame, code);
+    if (out <= in)
+        return refuse(error::markOutNotAfterMarkIn, LOG_MSG(error::markOutNotAfterMarkIn));
+
+    struct Mark {
+        const mpeg_timecode& time;
+        const char* text;
+    };
+    for (const Mark& mark : {Mark{in, markIn}, Mark{out, markOut}}) {
+        const mpeg_timecode& t = mark.time;
+        if (!mpeg_timecode::IsTimecodeValid(t.hours, t.minutes, t.seconds, t.frames, code)) {
+            char text[sizeof results];
+            formatText(text, LOG_MSG(error::invalidTimecode), mark.text, framesPerSecond);
+            return refuse(error::invalidTimecode, text);
+        }
+    }
+    return 0;
+}
+
+int CaptureReencodeJob::setFields(std::vector<InputField>& fields) {
+    for (InputField& field : fields) {
+        switch (field.getFieldName()) {
+        case InputField::SRC_FILENAME:
+            takeText(sourceFile, field);
+            break;
+        case InputField::MARK_IN_TIME:
+            takeText(markIn, field);
+            break;
+        case InputField::MARK_OUT_TIME:
+            takeText(markOut, field);
+            break;
+        case InputField::DECODER_IP:
+            takeDecoderAddress(field);
+            break;
+        case InputField::DECODER_PROFILE:
+            takeDecoderProfile(field);
+            break;
+        case InputField::DECODER_INTF_IP:
+            takeDecoderInterface(field);
+            setField(field);
+            break;
+        default:
+            setField(field);
+            break;
+        }
+    }
+    return validate();
+}
+
+void CaptureReencodeJob::SetDecoder(Decoder* found) {
+    if (found == nullptr)
+        return;
+    m_placeholder.reset();
+    decoder = found;
+    equipment.push_back(found);
+}
+
+Decoder& CaptureReencodeJob::decoderOrPlaceholder() {
+    if (decoder == nullptr) {
+        m_placeholder = std::make_unique<Decoder>(0);
+        decoder = m_placeholder.get();
+    }
+    return *decoder;
+}
+
+void CaptureReencodeJob::takeDecoderAddress(const InputField& field) {
+    const auto address = deviceAddress(field);
+    if (!address)
+        return;
+    Decoder* found = ResourceMgr::GetResourceMgrInst()->GetDecoder(*address);
+    if (found == nullptr)
+        return;
+    if (m_placeholder) {
+        // The interface address is taken over even where the request named a profile only: it is then zero,
+        // and the decoder sends where its own settings say.
+        ResourceMgr::GetResourceMgrInst()->withRecords([&] {
+            if (m_placeholder->profile)
+                found->setProfile(m_placeholder->profile);
+            found->interfaceAddress = m_placeholder->interfaceAddress;
+        });
+    } else if (found != decoder) {
+        m_interfaceAddress.reset();
+    }
+    SetDecoder(found);
+}
+
+void CaptureReencodeJob::takeDecoderProfile(const InputField& field) {
+    if (field.currValue == nullptr)
+        return;
+    Decoder& record = decoderOrPlaceholder();
+    ResourceMgr::GetResourceMgrInst()->withRecords([&] { record.setProfile(field.currValue); });
+}
+
+void CaptureReencodeJob::takeDecoderInterface(const InputField& field) {
+    Decoder& record = decoderOrPlaceholder();
+    const auto address = addressValue(field);
+    if (!address)
+        return;
+    ResourceMgr::GetResourceMgrInst()->withRecords([&] { record.interfaceAddress = *address; });
+    m_interfaceAddress = address;
+}

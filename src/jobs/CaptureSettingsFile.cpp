@@ -1,0 +1,147 @@
+// The settings file: how a capture job describes itself to the capture worker.
+#include "capture_profile/CSettings.h"
+#include "foundation/FixedText.h"
+#include "foundation/Logger.h"
+#include "jobs/CaptureJob.h"
+#include "resources/ResourceMgr.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+using namespace kestrel;
+
+namespace {
+
+std::uint32_t ipv4(unsigned long address) {
+    return static_cast<std::uint32_t>(address);
+}
+
+// Room in a longer field is left to what the profile makes of it: texts of records come from profiles of the
+// same lengths.
+void describeEncoder(CSettings::EncoderReception& reception, const Encoder& encoder) {
+    reception.snmpIpAddress = ipv4(encoder.address);
+    reception.snmpPort = static_cast<int>(encoder.snmpPort);
+    reception.frameOffsetNoVitc = encoder.frameOffsetNoVitc;
+    copyText(reception.filePrefix, encoder.filePrefix);
+    copyText(reception.mainCaptureDirectory, encoder.mainCaptureDirectory);
+    copyText(reception.scheduleCaptureDirectory, encoder.scheduleCaptureDirectory);
+    copyText(reception.rollingCaptureDirectory, encoder.rollingCaptureDirectory);
+    copyText(reception.mezzanineCaptureDirectory, encoder.mezzanineCaptureDirectory);
+    reception.lockMainCaptureDirectory = encoder.lockMainCaptureDirectory;
+    reception.lockScheduleCaptureDirectory = encoder.lockScheduleCaptureDirectory;
+    reception.lockRollingCaptureDirectory = encoder.lockRollingCaptureDirectory;
+    reception.lockMezzanineCaptureDirectory = encoder.lockMezzanineCaptureDirectory;
+    copyText(reception.profile, encoder.profile);
+}
+
+} // namespace
+
+int CaptureJob::CreateIniFile() {
+    std::string path;
+    {
+        MutexLock lock(m_statusMutex);
+        formatText(iniFilename, "/tmp/capture_%d.xml", static_cast<int>(id));
+        path = iniFilename;
+    }
+    CSettings settings;
+    settings.Init();
+    // A cut name would be another file, so there is no settings file then.
+    int error = copyText(settings.cmd.outputFile, outputFile) ? 0 : ENAMETOOLONG;
+    if (error == 0) {
+        ResourceMgr::GetResourceMgrInst()->withRecords([&] {
+            describeEncoders(settings);
+            describe(settings);
+        });
+        settings.cmd.serviceMgrInvoked = true;
+        setRemoteEncodeSettings(settings);
+        if (!settings.SaveProfile(path.c_str()))
+            error = errno ? errno : EIO;
+    }
+    if (error != 0)
+        LogUtil::Error("JobMgmt", "Could not write the settings file %s: %s (errno %d).", path.c_str(),
+                       std::strerror(error), error);
+    return error;
+}
+
+void CaptureJob::setRemoteEncodeSettings(CSettings& /*settings*/) {}
+
+void CaptureJob::describeEncoders(CSettings& settings) const {
+    const std::size_t count = std::min(encoders.size(), settings.encoders.size());
+    settings.numEncoders = static_cast<int>(count);
+    for (std::size_t i = 0; i < count; ++i) {
+        const Encoder& encoder = *encoders[i];
+        const EncoderOptions options = i < m_encoderOptions.size() ? m_encoderOptions[i] : EncoderOptions();
+        describeEncoder(settings.encoders[i], encoder);
+        if (options.profile)
+            copyText(settings.encoders[i].profile, *options.profile);
+        // There is one such setting for all encoders: the last one's.
+        settings.vtr.vitcSupport = options.vitcInput.value_or(encoder.vitcInput);
+    }
+}
+
+void CaptureJob::describe(CSettings& /*settings*/) const {}
+
+void CaptureManualJob::describe(CSettings& settings) const {
+    settings.cmd.jobType = CSettings::JOB_MANUAL;
+}
+
+void CaptureTimedJob::describe(CSettings& settings) const {
+    settings.cmd.jobType = CSettings::JOB_TIMED;
+    copyText(settings.cmd.duration, duration);
+}
+
+// The worker knows no schedule: it is started, and records for as long as the booking lasts.
+void CaptureScheduledJob::describe(CSettings& settings) const {
+    settings.cmd.jobType = CSettings::JOB_TIMED;
+    const std::int64_t elapsed = elapsedSeconds();
+    constexpr std::int64_t hourLimit = 100; // prints as 99, like everything longer
+    const CTimeSpanUtil span(0, 0, 0, static_cast<int>(std::min(elapsed / 3600, hourLimit)),
+                             static_cast<int>(elapsed / 60 % 60), static_cast<int>(elapsed % 60));
+    char text[CTimeSpanUtil::HHMMSSFF_CAPACITY];
+    span.getHHMMSSFF(text);
+    copyText(settings.cmd.duration, text);
+}
+
+void CaptureRollingJob::describe(CSettings& settings) const {
+    settings.cmd.jobType = CSettings::JOB_ROLLING;
+    settings.cmd.rollingDurationMin = rollingDurationMin;
+    settings.cmd.rollingStartNow = rollingStartNow;
+}
+
+void CaptureVTRJob::describe(CSettings& settings) const {
+    settings.cmd.jobType = CSettings::JOB_VTR;
+    copyText(settings.cmd.markInTime, markIn);
+    copyText(settings.cmd.markOutTime, markOut);
+    if (vtr == nullptr)
+        return;
+    copyText(settings.vtr.port, vtr->comPort);
+    settings.vtr.useInternalCue = m_internalCue.value_or(vtr->useInternalCue);
+}
+
+void CaptureReencodeJob::describe(CSettings& settings) const {
+    settings.cmd.jobType =
+        jobType == CAPTURE_MEZZANINE_JOB ? CSettings::JOB_MEZZANINE : CSettings::JOB_TIMED_REENCODE;
+    if (jobType == CAPTURE_MEZZANINE_JOB) {
+        copyText(settings.cmd.markInTime, markIn);
+        copyText(settings.cmd.markOutTime, markOut);
+    }
+    copyText(settings.cmd.sourceFile, sourceFile);
+    copyText(settings.cmd.blackFileSuffix, blackFileSuffix);
+    describeDecoder(settings);
+}
+
+void CaptureReencodeJob::describeDecoder(CSettings& settings) const {
+    if (decoder == nullptr)
+        return;
+    settings.decoder.controlAddress = ipv4(decoder->address);
+    settings.decoder.interfaceAddress = ipv4(m_interfaceAddress.value_or(decoder->interfaceAddress));
+    settings.decoder.ipAddress = ipv4(decoder->streamAddress);
+    settings.decoderStreamNumber = static_cast<int>(decoder->streamNumber);
+}
+
+void MpegNormalizeJob::describe(CSettings& settings) const {
+    settings.cmd.jobType = CSettings::JOB_MPEG_NORMALIZE;
+    copyText(settings.cmd.sourceFile, sourceFile);
+}

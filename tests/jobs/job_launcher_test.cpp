@@ -1,0 +1,468 @@
+// Launching and watching real worker processes over real queues.
+#include "jobs/JobLauncher.h"
+
+#include "foundation/PosixWrappers.h"
+#include "foundation/QueueMessages.h"
+#include "job_workers.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <sys/resource.h>
+#include <sys/wait.h>
+
+using ::testing::AnyOf;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+namespace {
+
+// Lowers a limit of this process while it lives.
+class LowerLimit {
+public:
+    LowerLimit(__rlimit_resource resource, rlim_t value) : m_resource(resource) {
+        getrlimit(resource, &m_former);
+        const rlimit lower{value, m_former.rlim_max};
+        setrlimit(resource, &lower);
+    }
+    ~LowerLimit() { setrlimit(m_resource, &m_former); }
+    LowerLimit(const LowerLimit&) = delete;
+    LowerLimit& operator=(const LowerLimit&) = delete;
+
+private:
+    __rlimit_resource m_resource;
+    rlimit m_former{};
+};
+
+pid_t firstChild() {
+    return static_cast<pid_t>(std::atoi(childrenOfThisProcess().c_str()));
+}
+
+double cpuSeconds() {
+    timespec used{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
+    return static_cast<double>(used.tv_sec) + static_cast<double>(used.tv_nsec) * 1e-9;
+}
+
+} // namespace
+
+TEST_F(JobLauncherTest, ThreadDataCopiesTheCommandLine) {
+    std::string text = "abc";
+    const JobLauncher::ThreadData data(text.c_str());
+    text[0] = 'X';
+    EXPECT_STREQ(data.cmdLine, "abc");
+    EXPECT_STREQ(JobLauncher::ThreadData(nullptr).cmdLine, "");
+}
+
+// How a worker ends, and what becomes of its job in each state.
+TEST_F(JobLauncherTest, FinalStates) {
+    struct Row {
+        const char* script;
+        Job::JobState before;
+        Job::JobState after;
+        const char* logged;
+    };
+    const Row rows[] = {
+        {"exit:0", Job::QUEUED, Job::COMPLETE, "[JobLauncher:Info] Info: Job process returned SUCCESS."},
+        {"exit:0", Job::IN_PROGRESS, Job::COMPLETE, "SUCCESS."},
+        {"exit:0", Job::CANCELLED, Job::CANCELLED, "SUCCESS."},
+        {"exit:3", Job::QUEUED, Job::ERROR, " exited with code 3."},
+        {"exit:3", Job::IN_PROGRESS, Job::ERROR, " exited with code 3."},
+        {"exit:255", Job::IN_PROGRESS, Job::ERROR, " exited with code 255."},
+        {"exit:3", Job::CANCELLED, Job::CANCELLED, " exited with code 3."},
+        {"signal:9", Job::IN_PROGRESS, Job::ERROR,
+         " exited, but could not retrieve exit code.  Was exit() used?"},
+        {"signal:15", Job::CANCELLED, Job::ERROR,
+         " exited, but could not retrieve exit code.  Was exit() used?"},
+    };
+    unsigned long id = 901000;
+    for (const Row& row : rows) {
+        CaptureManualJob job(id++);
+        job.setState(row.before);
+        EXPECT_EQ(run(job, row.script), row.after) << row.script;
+        EXPECT_THAT(log.text(), HasSubstr(row.logged));
+        EXPECT_FALSE(queueExists(job.jobUpdateQueueName));
+        EXPECT_FALSE(queueExists(job.mgrQueueName));
+    }
+    EXPECT_THAT(log.text(),
+                HasSubstr("[JobLauncher:Info] Info: Launching Job command \"" KESTREL_TEST_WORKER));
+    EXPECT_THAT(log.text(), HasSubstr("[JobLauncher:Error] Error: Process \"" KESTREL_TEST_WORKER));
+    EXPECT_THAT(log.text(), HasSubstr("[JobLauncher:Error] Child process \"" KESTREL_TEST_WORKER));
+}
+
+TEST_F(JobLauncherTest, AProgramThatDoesNotExistExitsWith255) {
+    CaptureManualJob job(901020);
+    EXPECT_EQ(JobLauncher::Launch(&job, "/nowhere/worker -x", 0, true), 0);
+    EXPECT_EQ(job.state(), Job::ERROR);
+    EXPECT_THAT(log.text(), HasSubstr("Error: Process /nowhere/worker -x exited with code 255."));
+}
+
+TEST_F(JobLauncherTest, NoProcessIsToldToTheCallerAndLeavesJobAndQueues) {
+    CaptureManualJob job(901021);
+    for (const bool wait : {true, false}) {
+        EXPECT_EQ(JobLauncher::Launch(&job, "", 0, wait), 10036);
+        EXPECT_TRUE(allEnded());
+        EXPECT_EQ(job.state(), Job::IN_PROGRESS);
+        EXPECT_THAT(log.text(), HasSubstr("[JobLauncher:Error] Error: Could not launch process ."));
+        EXPECT_TRUE(queueExists(job.jobUpdateQueueName));
+        EXPECT_TRUE(queueExists(job.mgrQueueName));
+    }
+    EXPECT_EQ(run(job, "exit:0"), Job::COMPLETE) << "the next launch replaces them";
+    EXPECT_FALSE(queueExists(job.mgrQueueName));
+}
+
+TEST_F(JobLauncherTest, QuotedStretchesAreOneArgument) {
+    CaptureManualJob job(901022);
+    const std::string held = file("a b");
+    ASSERT_EQ(launch(job, "\"hold:" + held + "\""), 0);
+    EXPECT_TRUE(eventually([&] { return std::filesystem::exists(held + ".there"); }));
+    std::ofstream(held).flush();
+    EXPECT_TRUE(allEnded());
+    EXPECT_EQ(job.state(), Job::COMPLETE);
+}
+
+TEST_F(JobLauncherTest, LaunchReturnsWhileTheWorkerRuns) {
+    CaptureManualJob job(901023);
+    const std::string held = file("held");
+    ASSERT_EQ(launch(job, "hold:" + held), 0);
+    EXPECT_EQ(JobLauncher::WatchingCount(), 1);
+    EXPECT_EQ(job.state(), Job::IN_PROGRESS);
+    EXPECT_NE(firstChild(), 0) << "the process exists when Launch has returned";
+    std::ofstream(held).flush();
+    EXPECT_TRUE(allEnded());
+    EXPECT_EQ(job.state(), Job::COMPLETE);
+}
+
+TEST_F(JobLauncherTest, TheManagersQueueReachesTheWorker) {
+    CaptureManualJob job(901024);
+    ASSERT_EQ(launch(job, "cancel exit:0"), 0);
+    const mqd_t queue = connectToMsgQueue(job.mgrQueueName, O_WRONLY);
+    GenericMsg cancel(CANCEL_MSG, nullptr, 0);
+    EXPECT_EQ(sendPriorityMsg(queue, reinterpret_cast<char*>(cancel.buffer), cancel.length, 0), 0);
+    closeMsgQueue(queue);
+    job.setState(Job::CANCELLED);
+    EXPECT_TRUE(allEnded());
+    EXPECT_EQ(job.state(), Job::CANCELLED);
+}
+
+TEST_F(JobLauncherTest, ResultsSentJustBeforeTheEndAreNeverLost) {
+    for (int i = 0; i < 50; ++i) {
+        CaptureManualJob job(901030);
+        EXPECT_EQ(run(job, "say:3: say:3: say:7:done" + std::to_string(i)), Job::COMPLETE);
+        EXPECT_EQ(job.resultsText(), "done" + std::to_string(i));
+    }
+}
+
+TEST_F(JobLauncherTest, AWorkerFasterThanTheQueueIsDrainedAllTheSame) {
+    CaptureManualJob job(901031);
+    EXPECT_EQ(run(job, "every:0:500 say:7:last"), Job::COMPLETE);
+    EXPECT_EQ(job.resultsText(), "last");
+    const std::string text = log.text();
+    int count = 0;
+    for (std::size_t at = text.find("status msg"); at != std::string::npos;
+         at = text.find("status msg", at + 1))
+        ++count;
+    EXPECT_EQ(count, 500);
+}
+
+TEST_F(JobLauncherTest, AfterTheExitMessageOnlyTheEndCounts) {
+    CaptureManualJob job(901032);
+    // The silence limit is passed twice over after the announcement.
+    EXPECT_EQ(run(job, "say:7:before say:0: sleep:3000 say:7:after exit:4", 1), Job::ERROR);
+    EXPECT_EQ(job.resultsText(), "before");
+    EXPECT_THAT(log.text(), HasSubstr("EXIT_MSG"));
+    EXPECT_THAT(log.text(), Not(HasSubstr("No status message")));
+}
+
+TEST_F(JobLauncherTest, SilenceEndsTheWatchingAndLeavesTheWorkerAlone) {
+    CaptureManualJob job(901033);
+    std::strcpy(job.guidStr, "g-33");
+    const std::string held = file("held");
+    const auto start = std::chrono::steady_clock::now();
+    ASSERT_EQ(launch(job, "hold:" + held, 1), 0);
+    const pid_t worker = firstChild();
+    EXPECT_TRUE(allEnded());
+    const auto silence = std::chrono::steady_clock::now() - start;
+    EXPECT_GT(silence, 1s);
+    EXPECT_LT(silence, 3s);
+    EXPECT_THAT(log.text(),
+                HasSubstr("[JobLauncher:Error] No status message in last 1 seconds, terminating job "
+                          "901033 g-33."));
+    EXPECT_EQ(job.state(), Job::IN_PROGRESS);
+    EXPECT_FALSE(queueExists(job.jobUpdateQueueName));
+    EXPECT_FALSE(queueExists(job.mgrQueueName));
+    EXPECT_THAT(processState(worker), AnyOf('S', 'R'));
+    std::ofstream(held).flush();
+    EXPECT_TRUE(eventually([&] { return processState(worker) == '\0'; })) << "and is reaped when it ends";
+}
+
+TEST_F(JobLauncherTest, AnyMessageResetsTheSilence) {
+    CaptureManualJob job(901034);
+    EXPECT_EQ(run(job, "sleep:900 say:9: sleep:900 say:3: sleep:900 say:1: sleep:900", 1), Job::COMPLETE);
+    EXPECT_THAT(log.text(), Not(HasSubstr("No status message")));
+}
+
+TEST_F(JobLauncherTest, WithoutATimeoutSilenceIsAllowed) {
+    for (const int timeout : {0, -1}) {
+        CaptureManualJob job(901035);
+        EXPECT_EQ(run(job, "sleep:300", timeout), Job::COMPLETE);
+    }
+    CaptureManualJob job(901035);
+    EXPECT_EQ(run(job, "sleep:50", 2147483647), Job::COMPLETE);
+}
+
+TEST_F(JobLauncherTest, AStoppedWorkerIsAnErrorAndIsReapedWhenItEnds) {
+    CaptureManualJob job(901036);
+    job.setState(Job::CANCELLED);
+    const std::string held = file("held");
+    ASSERT_EQ(launch(job, "hold:" + held), 0);
+    const pid_t worker = firstChild();
+    ASSERT_TRUE(eventually([&] { return std::filesystem::exists(held + ".there"); }));
+    kill(worker, SIGSTOP);
+    EXPECT_TRUE(allEnded());
+    EXPECT_EQ(job.state(), Job::ERROR);
+    EXPECT_THAT(log.text(), HasSubstr("could not retrieve exit code.  Was exit() used?"));
+    EXPECT_EQ(processState(worker), 'T');
+    kill(worker, SIGKILL);
+    EXPECT_TRUE(eventually([&] { return processState(worker) == '\0'; }));
+}
+
+TEST_F(JobLauncherTest, TheEndOfAWorkerIsSeenAtOnce) {
+    CaptureManualJob job(901037);
+    const std::string held = file("held");
+    ASSERT_EQ(launch(job, "hold:" + held), 0);
+    const pid_t worker = firstChild();
+    ASSERT_TRUE(eventually([&] { return std::filesystem::exists(held + ".there"); }));
+    // The best of some rounds would hide nothing here: one is enough, and a busy machine gets a margin that
+    // is still far below the pause between two looks for a stopped worker.
+    const auto start = std::chrono::steady_clock::now();
+    kill(worker, SIGKILL);
+    while (job.state() != Job::ERROR && std::chrono::steady_clock::now() - start < 5s)
+        std::this_thread::sleep_for(100us);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 100ms);
+    EXPECT_TRUE(allEnded());
+}
+
+TEST_F(JobLauncherTest, AWorkerThatSomebodyElseReapedIsAnError) {
+    CaptureManualJob job(901038);
+    struct sigaction ignore {};
+    struct sigaction former {};
+    ignore.sa_handler = SIG_IGN; // the system reaps children itself then
+    sigaction(SIGCHLD, &ignore, &former);
+    EXPECT_EQ(run(job, "exit:0"), Job::ERROR);
+    sigaction(SIGCHLD, &former, nullptr);
+    EXPECT_THAT(log.text(), HasSubstr("could not retrieve exit code.  Was exit() used?"));
+}
+
+TEST_F(JobLauncherTest, AStaleQueueIsReplaced) {
+    CaptureManualJob job(901039);
+    mq_attr small{};
+    small.mq_maxmsg = 1;
+    small.mq_msgsize = 8;
+    const mqd_t stale = mq_open(job.jobUpdateQueueName, O_CREAT | O_RDWR | O_CLOEXEC, 0600, &small);
+    ASSERT_GE(stale, 0);
+    ASSERT_EQ(mq_send(stale, "\7\0\0\0old", 7, 0), 0);
+    EXPECT_EQ(run(job, "say:7:a_text_longer_than_the_old_queue_takes"), Job::COMPLETE);
+    EXPECT_EQ(job.resultsText(), "a_text_longer_than_the_old_queue_takes");
+    mq_close(stale);
+}
+
+TEST_F(JobLauncherTest, CreatedQueuesHaveTheDocumentedAttributes) {
+    char name[] = "/job_update_q_901040";
+    int queue = -1;
+    ASSERT_EQ(JobLauncher::createQueue(name, queue), 0);
+    long attributes[4] = {};
+    ASSERT_EQ(getQueueAttr(queue, attributes), 0);
+    EXPECT_EQ(attributes[0], 0);
+    EXPECT_EQ(attributes[1], 10);
+    EXPECT_EQ(attributes[2], 1000);
+    EXPECT_EQ(attributes[3], 0);
+    EXPECT_NE(fcntl(queue, F_GETFD) & FD_CLOEXEC, 0);
+    for (int i = 0; i < 10; ++i)
+        ASSERT_EQ(sendMsg(queue, "1234", 4), 0);
+    EXPECT_EQ(JobLauncher::flushAndDestroyQueue(name, queue), 0) << "waiting messages do not hold it up";
+    EXPECT_FALSE(queueExists(name));
+    EXPECT_EQ(fcntl(queue, F_GETFD), -1);
+}
+
+TEST_F(JobLauncherTest, FlushReportsWhatItCannotDo) {
+    char name[] = "/job_update_q_901041";
+    int queue = -1;
+    ASSERT_EQ(JobLauncher::createQueue(name, queue), 0);
+    EXPECT_EQ(JobLauncher::flushAndDestroyQueue(name, -1), 10031);
+    EXPECT_THAT(log.text(), HasSubstr("Error: Could not close queue /job_update_q_901041."));
+    EXPECT_EQ(JobLauncher::flushAndDestroyQueue(name, queue), 10032) << "the name is gone by now";
+    EXPECT_THAT(log.text(), HasSubstr("Error: Could not unlink queue /job_update_q_901041."));
+    EXPECT_EQ(JobLauncher::flushAndDestroyQueue(name, -1), 10032);
+    EXPECT_EQ(JobLauncher::flushAndDestroyQueue(nullptr, -1), 10032);
+}
+
+TEST_F(JobLauncherTest, AQueueThatCannotBeMadeHasNoDescriptor) {
+    char name[] = "no-leading-slash/inside";
+    int queue = 5;
+    EXPECT_EQ(JobLauncher::createQueue(name, queue), 10028);
+    EXPECT_LT(queue, 0);
+    EXPECT_THAT(log.text(),
+                HasSubstr("[JobLauncher:Error] Error: Could not create queue no-leading-slash/inside."));
+    EXPECT_EQ(JobLauncher::createQueue(nullptr, queue), 10028);
+}
+
+TEST_F(JobLauncherTest, ALaunchWithoutQueuesSaysWhichLimitWasMet) {
+    CaptureManualJob job(901042);
+    {
+        const LowerLimit limit(RLIMIT_MSGQUEUE, 1000);
+        EXPECT_EQ(launch(job, "exit:0"), 10028);
+    }
+    EXPECT_THAT(job.resultsText(),
+                HasSubstr("Error: Could not create queue /job_update_q_901042. (limit met: bytes "
+                          "in message queues of this user, RLIMIT_MSGQUEUE 1000"));
+    EXPECT_EQ(job.state(), Job::IN_PROGRESS);
+    const std::size_t open = entriesOf("/proc/self/fd");
+    {
+        const LowerLimit limit(RLIMIT_NOFILE, 3);
+        EXPECT_EQ(launch(job, "exit:0"), 10028);
+    }
+    EXPECT_THAT(job.resultsText(), HasSubstr("(limit met: open files of this process, RLIMIT_NOFILE 3"));
+    EXPECT_EQ(entriesOf("/proc/self/fd"), open);
+    EXPECT_EQ(JobLauncher::WatchingCount(), 0);
+}
+
+TEST_F(JobLauncherTest, WhenTheSecondQueueFailsTheFirstGoesToo) {
+    CaptureManualJob job(901043);
+    std::strcpy(job.mgrQueueName, "/not/a/queue");
+    EXPECT_EQ(launch(job, "exit:0"), 10028);
+    EXPECT_THAT(job.resultsText(), HasSubstr("Error: Could not create queue /not/a/queue. ("));
+    EXPECT_FALSE(queueExists(job.jobUpdateQueueName));
+}
+
+TEST_F(JobLauncherTest, ASecondReaderOfTheQueueDoesNotHangTheWatching) {
+    CaptureManualJob job(901044);
+    ASSERT_EQ(launch(job, "every:0:300 exit:0"), 0);
+    const mqd_t thief = mq_open(job.jobUpdateQueueName, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    char buffer[1000];
+    while (JobLauncher::WatchingCount() > 0)
+        mq_receive(thief, buffer, sizeof buffer, nullptr);
+    mq_close(thief);
+    EXPECT_EQ(job.state(), Job::COMPLETE);
+}
+
+TEST_F(JobLauncherTest, DoWorkAloneWatchesAndFreesItsData) {
+    CaptureManualJob job(901045);
+    auto* const data = new JobLauncher::ThreadData(line(job, "say:7:alone").c_str());
+    ASSERT_EQ(JobLauncher::createQueue(job.jobUpdateQueueName, data->updateQueue), 0);
+    ASSERT_EQ(JobLauncher::createQueue(job.mgrQueueName, data->mgrQueue), 0);
+    data->job = &job;
+    EXPECT_EQ(JobLauncher::doWork(data), nullptr);
+    EXPECT_EQ(job.state(), Job::COMPLETE);
+    EXPECT_EQ(job.resultsText(), "alone");
+}
+
+TEST_F(JobLauncherTest, AHundredShortJobsLeaveNothingBehind) {
+    CaptureManualJob first(901100);
+    EXPECT_EQ(run(first, "exit:0"), Job::COMPLETE);
+    const std::size_t threads = entriesOf("/proc/self/task");
+    const std::size_t descriptors = entriesOf("/proc/self/fd");
+    std::vector<std::unique_ptr<CaptureManualJob>> jobs;
+    for (unsigned long i = 0; i < 100; ++i) {
+        jobs.push_back(std::make_unique<CaptureManualJob>(901100 + i));
+        ASSERT_EQ(launch(*jobs.back(), "status:0:1 say:7:r exit:" + std::to_string(i % 2), 5), 0);
+        // As many at a time as the host's limit on queues allows for sure.
+        EXPECT_TRUE(eventually([] { return JobLauncher::WatchingCount() < 10; }));
+    }
+    EXPECT_TRUE(allEnded());
+    for (unsigned long i = 0; i < 100; ++i) {
+        EXPECT_EQ(jobs[i]->state(), i % 2 == 0 ? Job::COMPLETE : Job::ERROR);
+        EXPECT_EQ(jobs[i]->resultsText(), "r");
+        EXPECT_FALSE(queueExists(jobs[i]->jobUpdateQueueName));
+        EXPECT_FALSE(queueExists(jobs[i]->mgrQueueName));
+    }
+    EXPECT_TRUE(eventually([&] { return entriesOf("/proc/self/task") <= threads; }));
+    EXPECT_EQ(entriesOf("/proc/self/fd"), descriptors);
+    EXPECT_EQ(childrenOfThisProcess(), "");
+}
+
+TEST_F(JobLauncherTest, StopWatchingLeavesWorkersAndJobsAsTheyAre) {
+    const std::string held = file("held");
+    std::vector<std::unique_ptr<CaptureManualJob>> jobs;
+    for (unsigned long i = 0; i < 5; ++i) {
+        jobs.push_back(std::make_unique<CaptureManualJob>(901210 + i));
+        std::strcpy(jobs.back()->guidStr, "g-stop");
+        ASSERT_EQ(launch(*jobs.back(), (i % 2 ? "say:0: hold:" : "hold:") + held, 30), 0);
+    }
+    const pid_t worker = firstChild();
+    EXPECT_EQ(JobLauncher::WatchingCount(), 5);
+    const auto start = std::chrono::steady_clock::now();
+    JobLauncher::StopWatching();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
+    EXPECT_EQ(JobLauncher::WatchingCount(), 0);
+    for (const auto& job : jobs) {
+        EXPECT_EQ(job->state(), Job::IN_PROGRESS);
+        EXPECT_FALSE(queueExists(job->jobUpdateQueueName));
+        EXPECT_FALSE(queueExists(job->mgrQueueName));
+    }
+    jobs.clear();
+    EXPECT_THAT(log.text(),
+                HasSubstr("[JobLauncher:Info] Job 901210 g-stop is no longer watched. Its worker, process " +
+                          std::to_string(worker) + ", keeps running; to end it: kill -TERM " +
+                          std::to_string(worker)));
+    EXPECT_THAT(processState(worker), AnyOf('S', 'R'));
+
+    CaptureManualJob next(901210);
+    EXPECT_EQ(run(next, "say:7:next"), Job::COMPLETE) << "a later launch is watched as usual";
+    std::ofstream(held).flush();
+    EXPECT_TRUE(eventually([] { return childrenOfThisProcess().empty(); })) << "reaped, though unwatched";
+}
+
+TEST_F(JobLauncherTest, StopWatchingEndsAWaitingLaunchToo) {
+    CaptureManualJob job(901220);
+    const std::string held = file("held");
+    int result = -1;
+    std::thread caller([&] { result = launch(job, "hold:" + held, 0, true); });
+    EXPECT_TRUE(eventually([&] { return std::filesystem::exists(held + ".there"); }));
+    JobLauncher::StopWatching();
+    caller.join();
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(job.state(), Job::IN_PROGRESS);
+    std::ofstream(held).flush();
+    EXPECT_TRUE(eventually([] { return childrenOfThisProcess().empty(); }));
+}
+
+TEST_F(JobLauncherTest, StopWatchingWithoutJobsReturns) {
+    JobLauncher::StopWatching();
+    JobLauncher::StopWatching();
+    EXPECT_EQ(JobLauncher::WatchingCount(), 0);
+}
+
+TEST_F(JobLauncherTest, AJobIsCopiedAndAskedWhileItsWorkerReports) {
+    CaptureManualJob job(901230);
+    std::string script;
+    for (int i = 0; i < 40; ++i)
+        script += "status:" + std::to_string(i % 4) + ":7 say:7:r" + std::to_string(i) + " ";
+    ASSERT_EQ(launch(job, script), 0);
+    while (JobLauncher::WatchingCount() > 0) {
+        const std::unique_ptr<CaptureManualJob> copy(job.clone());
+        EXPECT_LE(copy->statusDetails.size(), 4u);
+        copy->getLogFilename();
+        job.getLogFilename();
+    }
+    EXPECT_EQ(job.state(), Job::COMPLETE);
+}
+
+TEST_F(JobLauncherTest, WatchingQuietJobsCostsNextToNothing) {
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "sanitizers change what things cost";
+#endif
+    const std::string held = file("held");
+    std::vector<std::unique_ptr<CaptureManualJob>> jobs;
+    for (unsigned long i = 0; i < 30; ++i) {
+        jobs.push_back(std::make_unique<CaptureManualJob>(901300 + i));
+        const int code = launch(*jobs.back(), "hold:" + held, 60);
+        ASSERT_EQ(code, 0) << jobs.back()->resultsText();
+    }
+    const double before = cpuSeconds();
+    std::this_thread::sleep_for(2s);
+    const double used = cpuSeconds() - before;
+    EXPECT_LT(used, 2 * 0.005) << "half a percent of a core for all of them";
+    std::ofstream(held).flush();
+    EXPECT_TRUE(allEnded());
+}

@@ -1,0 +1,126 @@
+// What each message of a worker does to its job.
+#include "foundation/CallbackLib.h"
+#include "foundation/QueueMessages.h"
+#include "job_workers.h"
+#include "jobs/WorkerMessages.h"
+
+#include <cstring>
+
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+namespace {
+
+class JobMessagesTest : public JobLauncherTest {};
+
+bool take(Job& job, int type, std::string_view payload) {
+    std::string bytes(4, '\0');
+    std::memcpy(bytes.data(), &type, 4);
+    bytes += payload;
+    const GenericFlatMsg message(reinterpret_cast<unsigned char*>(bytes.data()),
+                                 static_cast<int>(bytes.size()));
+    return kestrel::takeWorkerMessage(job, message);
+}
+
+// Deck commands that reached the manager's side of the callback registry.
+struct DeckCalls {
+    DeckCalls() {
+        CallbackLib::initCallBackLib()->registerCallback(DATA_CALLBACK_VTR_CMD_REQUEST, &DeckCalls::called,
+                                                         &buffer, "test", -1, this);
+    }
+    ~DeckCalls() { CallbackLib::ShutDownCallBackLib(); }
+    static void called(CallbackLib::_Data* data) {
+        static_cast<DeckCalls*>(data->context)->calls.push_back(*static_cast<_VTRCmdData*>(data->data));
+    }
+
+    _VTRCmdData buffer{};
+    std::vector<_VTRCmdData> calls;
+};
+
+} // namespace
+
+TEST_F(JobMessagesTest, HeartbeatIsLoggedWithJobAndGuid) {
+    CaptureManualJob job(902001);
+    std::strcpy(job.guidStr, "g-1");
+    EXPECT_EQ(run(job, "say:3:"), Job::COMPLETE);
+    EXPECT_THAT(log.text(), HasSubstr("[JobLauncher:Debug] status msg received from job 902001 g-1."));
+}
+
+TEST_F(JobMessagesTest, CaptureStatusReachesTheJob) {
+    CaptureManualJob job(902002);
+    EXPECT_EQ(run(job, "status:1:50"), Job::COMPLETE);
+    ASSERT_EQ(job.statusDetails.size(), 2u);
+    EXPECT_EQ(job.statusDetails[1]->duration.frame_count(), 50);
+    EXPECT_EQ(job.statusDetails[1]->number1, 33);
+    EXPECT_EQ(job.statusDetails[1]->number2, 11);
+    EXPECT_EQ(job.statusDetails[1]->number3, 22);
+}
+
+TEST_F(JobMessagesTest, CaptureStatusOfEveryShorterLengthIsIgnored) {
+    CaptureManualJob job(902003);
+    for (std::size_t length = 0; length < sizeof(_CaptureJobStatusData); ++length)
+        take(job, CAPTURE_STATUS_MSG, std::string(length, '\0'));
+    EXPECT_TRUE(job.statusDetails.empty());
+    EXPECT_THAT(log.text(), HasSubstr("message of type 6 ignored, 39 bytes instead of 40."));
+    take(job, CAPTURE_STATUS_MSG, std::string(sizeof(_CaptureJobStatusData), '\0'));
+    take(job, CAPTURE_STATUS_MSG, std::string(996, '\0'));
+    EXPECT_EQ(job.statusDetails.size(), 1u);
+}
+
+TEST_F(JobMessagesTest, CaptureStatusForAnotherKindOfJobIsIgnored) {
+    Job job(902004, Job::VERIFIER_JOB, Job::QUEUED);
+    take(job, CAPTURE_STATUS_MSG, std::string(40, '\0'));
+    EXPECT_THAT(log.text(), HasSubstr("capture status ignored, the job is no capture."));
+}
+
+TEST_F(JobMessagesTest, ResultsAreTextUpToTheTerminatorOrTheField) {
+    CaptureManualJob job(902005);
+    EXPECT_EQ(run(job, "say:7:all_well"), Job::COMPLETE);
+    EXPECT_EQ(job.resultsText(), "all_well");
+    take(job, RESULTS_MSG, std::string_view("seen\0unseen", 11));
+    EXPECT_EQ(job.resultsText(), "seen");
+    take(job, RESULTS_MSG, std::string(299, 'a'));
+    EXPECT_EQ(job.resultsText(), std::string(299, 'a'));
+    take(job, RESULTS_MSG, std::string(996, 'b'));
+    EXPECT_EQ(job.resultsText(), std::string(299, 'b'));
+    take(job, RESULTS_MSG, "");
+    EXPECT_EQ(job.resultsText(), "");
+    EXPECT_EQ(run(job, "fill:7:996"), Job::COMPLETE);
+    EXPECT_EQ(job.resultsText(), std::string(299, 'x'));
+}
+
+TEST_F(JobMessagesTest, DeckCommandGoesToTheBridgeWithTheWorkersQueue) {
+    DeckCalls deck;
+    CaptureManualJob job(902006);
+    EXPECT_EQ(run(job, "deck:COM7"), Job::COMPLETE);
+    ASSERT_EQ(deck.calls.size(), 1u);
+    EXPECT_EQ(deck.calls[0].commandKind, kestrel::vtrCurrentTime);
+    EXPECT_STREQ(deck.calls[0].serialPort, "COM7");
+    EXPECT_STREQ(deck.calls[0].replyQueueName, "/mgr_msg_q_902006");
+    take(job, VTR_CMD_REQUEST_MSG, std::string(487, '\0'));
+    EXPECT_EQ(deck.calls.size(), 1u);
+    EXPECT_THAT(log.text(), HasSubstr("message of type 8 ignored, 487 bytes instead of 488."));
+    take(job, VTR_CMD_REQUEST_MSG, std::string(488, '\0'));
+    EXPECT_EQ(deck.calls.size(), 2u);
+}
+
+TEST_F(JobMessagesTest, OtherTypesAreDropped) {
+    CaptureManualJob job(902007);
+    for (const int type : {1, 2, 4, 5, 9, 10, 1000, -1, -2147483647})
+        EXPECT_FALSE(take(job, type, "payload")) << type;
+    EXPECT_EQ(log.text(), "");
+    EXPECT_EQ(run(job, "say:1:a say:2:b say:4:c say:5:d say:9:e"), Job::COMPLETE);
+}
+
+TEST_F(JobMessagesTest, MessagesTooShortForATypeAreDropped) {
+    CaptureManualJob job(902008);
+    unsigned char bytes[3] = {};
+    for (int length = 0; length <= 3; ++length)
+        EXPECT_FALSE(kestrel::takeWorkerMessage(job, GenericFlatMsg(bytes, length)));
+}
+
+TEST_F(JobMessagesTest, ExitIsAnnouncedInTheLog) {
+    CaptureManualJob job(902009);
+    EXPECT_TRUE(take(job, EXIT_MSG, ""));
+    EXPECT_THAT(log.text(), HasSubstr("[JobLauncher:Error] EXIT_MSG"));
+}
