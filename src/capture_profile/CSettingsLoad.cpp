@@ -1,23 +1,17 @@
 // Reading a capture profile.
 #include "capture_profile/CSettings.h"
 #include "capture_profile/ProfileFormat.h"
+#include "capture_profile/XmlFile.h"
 #include "foundation/FixedText.h"
-#include "foundation/UniqueFd.h"
 
-#include <algorithm>
 #include <arpa/inet.h>
-#include <cerrno>
-#include <charconv>
 #include <cstddef>
 #include <cstring>
-#include <fcntl.h>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <strings.h>
-#include <sys/stat.h>
 #include <tinyxml.h>
-#include <unistd.h>
 
 namespace {
 
@@ -25,65 +19,7 @@ namespace profile = kestrel::profile;
 using profile::BoolRule;
 using profile::IntegerRule;
 
-constexpr std::size_t maxProfileBytes = 16U << 20;
-// A profile has ten elements and some hundred attributes. The parser recurses once for each nested element
-// and compares each attribute with all before it in its element, so both are bounded before it sees the text.
-constexpr std::ptrdiff_t maxTags = 4096;
-constexpr std::ptrdiff_t maxAttributes = 16384;
-
-// The bytes of a regular file of at most maxProfileBytes.
-std::optional<std::string> readProfile(const char* path) {
-    // Non-blocking, so that a FIFO without a writer does not hold the caller.
-    const kestrel::UniqueFd fd(::open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-    struct stat info {};
-    if (!fd.valid() || ::fstat(fd.get(), &info) != 0 || !S_ISREG(info.st_mode) || info.st_size < 0 ||
-        static_cast<std::size_t>(info.st_size) > maxProfileBytes)
-        return std::nullopt;
-
-    std::string bytes;
-    char block[16384];
-    for (;;) {
-        const ssize_t got = ::read(fd.get(), block, sizeof block);
-        if (got < 0 && errno == EINTR)
-            continue;
-        if (got < 0)
-            return std::nullopt;
-        if (got == 0)
-            return bytes;
-        bytes.append(block, static_cast<std::size_t>(got));
-        if (bytes.size() > maxProfileBytes)
-            return std::nullopt;
-    }
-}
-
-// Whether text can go to the parser without exhausting the stack or the patience of the caller.
-bool isParsable(std::string_view text) {
-    return text.find('\0') == std::string_view::npos &&
-           std::count(text.begin(), text.end(), '<') <= maxTags &&
-           std::count(text.begin(), text.end(), '=') <= maxAttributes;
-}
-
-std::string_view trimmed(std::string_view text) {
-    constexpr std::string_view blanks = " \t\r\n";
-    const std::size_t first = text.find_first_not_of(blanks);
-    if (first == std::string_view::npos)
-        return {};
-    return text.substr(first, text.find_last_not_of(blanks) - first + 1);
-}
-
-// The whole text as an integer.
-std::optional<int> parseInteger(const char* text) {
-    if (text == nullptr)
-        return std::nullopt;
-    std::string_view digits = trimmed(text);
-    if (digits.size() > 1 && digits[0] == '+' && digits[1] != '-')
-        digits.remove_prefix(1);
-    int value = 0;
-    const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), value);
-    if (error != std::errc() || end != digits.data() + digits.size())
-        return std::nullopt;
-    return value;
-}
+using kestrel::parseInteger;
 
 // Fills sections from elements. One reader serves one load: it remembers the integer most recently read.
 class ProfileReader {
@@ -213,14 +149,10 @@ bool CSettings::LoadProfile(const char* path) {
     Init();
     if (path == nullptr)
         return false;
-    std::optional<std::string> text = readProfile(path);
-    if (!text || !isParsable(*text))
-        return false;
-    // The parser looks for a byte-order mark without regard for the end: a cut-off one must not stand there.
-    text->append("\n\n\n");
     TiXmlDocument document;
-    document.Parse(text->c_str());
-    const TiXmlElement* root = document.Error() ? nullptr : document.RootElement();
+    if (!kestrel::parseXmlFile(path, document))
+        return false;
+    const TiXmlElement* root = document.RootElement();
     if (root == nullptr)
         return false;
 

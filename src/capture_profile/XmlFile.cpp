@@ -1,0 +1,92 @@
+#include "capture_profile/XmlFile.h"
+
+#include "foundation/UniqueFd.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstddef>
+#include <fcntl.h>
+#include <string>
+#include <string_view>
+#include <sys/stat.h>
+#include <tinyxml.h>
+#include <unistd.h>
+
+namespace kestrel {
+
+namespace {
+
+constexpr std::size_t maxFileBytes = 16U << 20;
+// A settings file has ten elements and some hundred attributes. The parser recurses once for each nested
+// element and compares each attribute with all before it in its element, so both are bounded before it sees
+// the text.
+constexpr std::ptrdiff_t maxTags = 4096;
+constexpr std::ptrdiff_t maxAttributes = 16384;
+
+// The bytes of a regular file of at most maxFileBytes.
+std::optional<std::string> readRegularFile(const char* path) {
+    // Non-blocking, so that a FIFO without a writer does not hold the caller.
+    const UniqueFd fd(::open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    struct stat info {};
+    if (!fd.valid() || ::fstat(fd.get(), &info) != 0 || !S_ISREG(info.st_mode) || info.st_size < 0 ||
+        static_cast<std::size_t>(info.st_size) > maxFileBytes)
+        return std::nullopt;
+
+    std::string bytes;
+    char block[16384];
+    for (;;) {
+        const ssize_t got = ::read(fd.get(), block, sizeof block);
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got < 0)
+            return std::nullopt;
+        if (got == 0)
+            return bytes;
+        bytes.append(block, static_cast<std::size_t>(got));
+        if (bytes.size() > maxFileBytes)
+            return std::nullopt;
+    }
+}
+
+// Whether text can go to the parser without exhausting the stack or the patience of the caller.
+bool isParsable(std::string_view text) {
+    return text.find('\0') == std::string_view::npos &&
+           std::count(text.begin(), text.end(), '<') <= maxTags &&
+           std::count(text.begin(), text.end(), '=') <= maxAttributes;
+}
+
+std::string_view trimmed(std::string_view text) {
+    constexpr std::string_view blanks = " \t\r\n";
+    const std::size_t first = text.find_first_not_of(blanks);
+    if (first == std::string_view::npos)
+        return {};
+    return text.substr(first, text.find_last_not_of(blanks) - first + 1);
+}
+
+} // namespace
+
+bool parseXmlFile(const char* path, TiXmlDocument& document) {
+    std::optional<std::string> text = readRegularFile(path);
+    if (!text || !isParsable(*text))
+        return false;
+    // The parser looks for a byte-order mark without regard for the end: a cut-off one must not stand there.
+    text->append("\n\n\n");
+    document.Parse(text->c_str());
+    return !document.Error();
+}
+
+std::optional<int> parseInteger(const char* text) {
+    if (text == nullptr)
+        return std::nullopt;
+    std::string_view digits = trimmed(text);
+    if (digits.size() > 1 && digits[0] == '+' && digits[1] != '-')
+        digits.remove_prefix(1);
+    int value = 0;
+    const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), value);
+    if (error != std::errc() || end != digits.data() + digits.size())
+        return std::nullopt;
+    return value;
+}
+
+} // namespace kestrel

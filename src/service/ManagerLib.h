@@ -1,0 +1,130 @@
+// The manager: owns the settings, the job queue, the threads and the events that end the service.
+#pragma once
+
+#include "foundation/CallbackLib.h"
+#include "foundation/Logger.h"
+#include "foundation/Mutex.h"
+#include "foundation/QueueMessages.h"
+#include "jobs/JobQueue.h"
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <pthread.h>
+#include <semaphore.h>
+
+class CaptureJob;
+class CaptureRequest;
+class ResourceMgr;
+class VerifierRequest;
+
+// The directories of the profile and of the logs, with a trailing "/". Written before the first GetInstance.
+extern char KESTREL_CONFIG_PARENT_DIR[260];
+extern char KESTREL_LOG_PARENT_DIR[260];
+
+class CManagerLib {
+public:
+    // The profile.
+    struct KestrelManagerSettings {
+        std::int32_t portNumber;
+        std::int32_t numSimultaneousHandles;
+        char captureExe[260];
+        char captureLogDir[260];
+        char verifierExe[260];
+        char reportDir[260];
+        std::int32_t quickPropertiesDurationSecs;
+        std::int32_t numAudios;
+        char audioPlaceholderValue[260];
+        char deckCtrlExe[260];
+        char deckCtrlLogFile[260];
+        std::int32_t deckCtrlLogLevel;
+        std::int32_t heartbeatTimeoutSecs;
+        std::int32_t listenBacklog;
+    };
+
+    // The one instance, made on first call: reads the profile and sets up logging.
+    static CManagerLib* GetInstance();
+    // Destroys the instance.
+    static void Cleanup();
+
+    // Fills the record with defaults, then from the profile. loadLogging also sets up the loggers: on
+    // defaultLogFile and at defaultLevel where the profile names none. 0, 10040 when the profile cannot be
+    // read, 10041 when it has no root element. Works without a manager.
+    static int GetSettings(KestrelManagerSettings& settings, bool loadLogging, const char* defaultLogFile,
+                           BaseLogger::_LogLevel defaultLevel);
+    void loadSettings();
+
+    // Starts the service and returns: 0, or an error.
+    int startWork();
+    int runCmdLine();
+    void run();
+    static int Run();
+    // Starts the service and returns when it has ended: 1 after a signal, else Shutdown's or the start's
+    // result; -1 when it could not start.
+    static int RunCmdLine();
+    // Ends the service for a signal. Runs on the thread that waits for signals, never in a handler.
+    static void cmdLineExitHandler(int signal);
+    // Ends the service and destroys the instance; -1 when there is none. Of several calls at once one does
+    // the work, and all return when it is done.
+    static int Shutdown();
+    int shutdown();
+    // Makes RunCmdLine end the service.
+    void setShutdownEvent();
+
+    // The job of that GUID, or null.
+    Job* GetJob(const char* guid);
+
+    // The job commands. Each returns 0, or an error code whose text is in the request's errorText (or in
+    // out, size bytes, cut and terminated).
+    int AddCaptureJob(CaptureRequest* request, bool add);
+    int ValidateCaptureJob(CaptureRequest* request);
+    int AddVerifierJob(VerifierRequest* request);
+    int StopJob(const char* guid, char* out, int size);
+    int GetJobStatus(const char* guid, char* out, int size);
+    int GetJobResults(const char* guid, char* out, int size);
+    int GetCaptureLogFilename(const char* guid, char* out, int size);
+    // The tail of a capture job's log in one line.
+    int GetCaptureLastLogEntries(const char* guid, char* out, int size);
+    // Sends one message on the named queue, which is opened and closed for it.
+    int SendQueueMessage(char* queueName, AppMsgType type, void* data, int size);
+
+    // Body of the incoming-message thread: the socket server's accept loop.
+    static void* incomingMessageThread(void* socketManager);
+
+    // Deck control, which this version does not have: commands are refused with a text in the record.
+    static void VTRCmdRequestCallbackFn(CallbackLib::_Data* data);
+    void handleVTRCmdRequest(_VTRCmdData record);
+    static int sendVTRCmdRequestBlocking(_VTRCmdData* record);
+
+    [[nodiscard]] const KestrelManagerSettings& settings() const noexcept { return m_settings; }
+    [[nodiscard]] JobQueue& jobQueue() noexcept { return m_jobQueue; }
+
+    static CManagerLib* m_instance;
+    static Mutex m_mutex; // guards the instance's creation and destruction
+    static Mutex m_vtrMsgMutex;
+    static sem_t* m_hVtrMsgEvent;
+    static char m_kestrelMgrSettingsFname[260];
+
+private:
+    CManagerLib();
+    ~CManagerLib();
+    CManagerLib(const CManagerLib&) = delete;
+    CManagerLib& operator=(const CManagerLib&) = delete;
+
+    std::unique_ptr<CaptureJob> makeCaptureJob(int type) const;
+    CaptureJob* queueCaptureJob(CaptureJob& job);
+    int launchCaptureJob(CaptureRequest& request, CaptureJob& job);
+    CaptureJob* findCaptureJob(const char* guid);
+    int waitForEnd();
+
+    KestrelManagerSettings m_settings{};
+    std::atomic<bool> m_shutdown{false};
+    sem_t* m_shutdownRequestEvent = nullptr;
+    sem_t* m_shutdownCompleteEvent = nullptr;
+    JobQueue m_jobQueue;
+    ResourceMgr* m_resourceMgr;
+    CallbackLib* m_callbackLib = nullptr;
+    std::optional<pthread_t> m_incomingMessageThread;
+    _VTRCmdData m_vtrCallbackBuffer{};
+};

@@ -1,0 +1,143 @@
+#include "service/RequestMessages.h"
+
+#include "foundation/FixedText.h"
+#include "foundation/Logger.h"
+#include "jobs/Job.h"
+#include "service/ManagerLib.h"
+
+#include <span>
+
+namespace {
+
+constexpr const char* MODULE = "RequestMessages";
+// What the check of a command type has always compared with; a lookup answers -1 for an unknown word.
+constexpr int NO_REQUEST_TYPE = 10;
+
+// A failed call has left its answer in the response.
+bool moveAnswerToError(Message& message) {
+    kestrel::copyText(message.errorText, kestrel::fieldText(message.responseText));
+    message.responseText[0] = '\0';
+    return false;
+}
+
+} // namespace
+
+ServicePing::ServicePing(char /*args*/[][300], int /*count*/) : Message(SERVICE_PING) {}
+
+bool ServicePing::process() {
+    kestrel::copyText(responseText, "ALIVE");
+    return true;
+}
+
+ServiceStop::ServiceStop(char /*args*/[][300], int /*count*/) : Message(SERVICE_STOP) {}
+
+bool ServiceStop::process() {
+    CManagerLib::GetInstance()->setShutdownEvent();
+    kestrel::copyText(responseText, "Shutdown Signalled to Kestrel Manager Service");
+    return true;
+}
+
+CaptureRequest::CaptureRequest(char args[][300], int count)
+    : Message(CAPTURE_REQUEST), captureJobType(Job::NONE) {
+    if (count < 3) {
+        refuse("Invalid Capture Request.  Expected cmdType, GUID.");
+        return;
+    }
+    requestType = getRequestType(args[1]);
+    // Kept: an unknown word is -1 and passes, and is then handled like a validation. Clients that misspell a
+    // query are answered by the job type's check.
+    if (requestType == NO_REQUEST_TYPE) {
+        char text[300];
+        kestrel::formatText(text, "Invalid Command Type %s in Capture Request", args[1]);
+        refuse(text);
+        return;
+    }
+    setGuidStr(args[2]);
+    if (requestType == JOB_BEGIN || requestType == JOB_VALIDATE)
+        takeJob(args, count);
+}
+
+void CaptureRequest::takeJob(char args[][300], int count) {
+    if (count == 3) {
+        refuse("Invalid Capture Request.  Expected cmdType, GUID, captureJobType, args.");
+        return;
+    }
+    captureJobType = Job::getJobType(args[3]);
+    if (captureJobType == Job::NONE) {
+        char text[300];
+        kestrel::formatText(text, "Invalid Capture Job Type %s in Capture Request", args[3]);
+        refuse(text);
+        return;
+    }
+    for (int i = 4; i < count; ++i)
+        inputFields.emplace_back(args[i]);
+}
+
+void CaptureRequest::refuse(const char* text) {
+    kestrel::copyText(errorText, text);
+    LogUtil::Error(MODULE, "%s", errorText);
+}
+
+bool CaptureRequest::process() {
+    CManagerLib& manager = *CManagerLib::GetInstance();
+    switch (requestType) {
+    case JOB_BEGIN:
+        return manager.AddCaptureJob(this, true) == 0;
+    case JOB_ABORT:
+        return manager.StopJob(guid, responseText, ANSWER_SIZE) == 0 || moveAnswerToError(*this);
+    case JOB_LOGFILENAME:
+        return manager.GetCaptureLogFilename(guid, responseText, ANSWER_SIZE) == 0 ||
+               moveAnswerToError(*this);
+    case JOB_LAST_LOG_ENTRIES:
+        return manager.GetCaptureLastLogEntries(guid, responseText, ANSWER_SIZE) == 0 ||
+               moveAnswerToError(*this);
+    default:
+        // Status and results are not answered here, deliberately: clients use the requests of that name.
+        return manager.ValidateCaptureJob(this) == 0;
+    }
+}
+
+VerifierRequest::VerifierRequest(char args[][300], int count) : Message(VERIFIER_REQUEST) {
+    if (count < 4) {
+        kestrel::copyText(errorText, "Invalid Verifier Request.  Expected cmdType, GUID, filename.");
+        return;
+    }
+    requestType = getRequestType(args[1]);
+    setGuidStr(args[2]);
+    kestrel::copyText(fileName, args[3]);
+    kestrel::copyText(propertyName, count == 4 ? "ALL" : args[4]);
+    if (count > 5) {
+        xmlOutput = std::string_view(args[5]) == "XML";
+        blocking = xmlOutput || std::string_view(args[5]) == "BLOCK";
+    }
+    if (count > 6)
+        kestrel::copyText(optionText, args[6]);
+}
+
+bool VerifierRequest::process() {
+    return CManagerLib::GetInstance()->AddVerifierJob(this) == 0;
+}
+
+JobStatusRequest::JobStatusRequest(char args[][300], int count) : Message(JOB_STATUS_REQUEST) {
+    if (count < 2)
+        kestrel::copyText(errorText, "Invalid Job Status Request.  Expected Job GUID.");
+    else
+        setGuidStr(args[1]);
+}
+
+bool JobStatusRequest::process() {
+    return CManagerLib::GetInstance()->GetJobStatus(guid, responseText, ANSWER_SIZE) == 0 ||
+           moveAnswerToError(*this);
+}
+
+JobResultsRequest::JobResultsRequest(char args[][300], int count) : Message(JOB_RESULTS_REQUEST) {
+    if (count < 2)
+        kestrel::copyText(errorText, "Invalid Job Results Request.  Expected Job GUID.");
+    else
+        setGuidStr(args[1]);
+}
+
+bool JobResultsRequest::process() {
+    return CManagerLib::GetInstance()->GetJobResults(guid, responseText, ANSWER_SIZE) == 0 ||
+           moveAnswerToError(*this);
+}
