@@ -1,0 +1,62 @@
+#include "capture/ServiceLink.h"
+#include "capture/worker_process.h"
+
+#include <gtest/gtest.h>
+
+using namespace kestrel::capture;
+using namespace capture_test;
+
+namespace {
+
+TEST(ServiceLink, StatusIsDroppedWhenTheQueueIsFullAndTheResultsWaitForRoom) {
+    ServiceQueues queues;
+    ServiceLink link;
+    link.connect(queues.updateName(), queues.managerName());
+    for (int i = 0; i < 30; ++i)
+        link.sendHeartbeat(); // returns at once
+    std::thread reader([&queues] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        for (int i = 0; i < 12; ++i)
+            queues.receive(std::chrono::seconds(5));
+    });
+    link.sendResults(std::string(400, 'x'));
+    link.sendExit();
+    reader.join();
+    const auto messages = queues.received();
+    ASSERT_EQ(messages.size(), 12u);
+    EXPECT_EQ(messages[10].type, RESULTS_MSG);
+    EXPECT_EQ(messages[10].text, std::string(299, 'x'));
+    EXPECT_EQ(messages[11].type, EXIT_MSG);
+}
+
+TEST(ServiceLink, OnlyTheCancelMessageCancels) {
+    ServiceQueues queues;
+    ServiceLink link;
+    link.connect(queues.updateName(), queues.managerName());
+    queues.send(STATUS_MSG);
+    EXPECT_FALSE(link.cancelReceived());
+    queues.send(STATUS_MSG);
+    queues.send(CANCEL_MSG);
+    EXPECT_TRUE(link.cancelReceived());
+    EXPECT_FALSE(link.cancelReceived());
+}
+
+TEST(ServiceLink, DoesWithoutQueuesThatAreNotThereOrGoAway) {
+    ServiceLink none;
+    none.connect("/kestrel_no_such_queue", "");
+    none.sendHeartbeat();
+    none.sendResults("text");
+    EXPECT_FALSE(none.cancelReceived());
+
+    auto queues = std::make_unique<ServiceQueues>();
+    ServiceLink link;
+    link.connect(queues->updateName(), queues->managerName());
+    queues.reset();
+    for (int i = 0; i < 30; ++i)
+        link.sendHeartbeat();
+    const auto begin = Clock::now();
+    link.sendResults("text");
+    EXPECT_LT(Clock::now() - begin, std::chrono::seconds(1)) << "nobody to wait for";
+}
+
+} // namespace

@@ -1,0 +1,99 @@
+#include "capture/UdpReceiver.h"
+#include "capture/worker_process.h"
+
+#include <gtest/gtest.h>
+#include <poll.h>
+
+using namespace kestrel::capture;
+using namespace capture_test;
+
+namespace {
+
+// What a ring holds once it has that many packets, or after five seconds.
+Packets collect(PacketRing& ring, WakeEvent& wake, std::size_t count) {
+    Packets packets;
+    const auto deadline = Clock::now() + std::chrono::seconds(5);
+    while (packets.size() < count && Clock::now() < deadline) {
+        pollfd wait{wake.fd(), POLLIN, 0};
+        ::poll(&wait, 1, 100);
+        wake.clear();
+        for (auto part = ring.readable(); !part.empty(); part = ring.readable()) {
+            packets.insert(packets.end(), part.begin(), part.end());
+            ring.consume(part.size());
+        }
+    }
+    return packets;
+}
+
+TEST(UdpReceiver, EncodersThatShareAPortAreToldApartByTheirAddress) {
+    const int port = freePort();
+    PacketRing rings[2] = {PacketRing(4096), PacketRing(4096)};
+    WakeEvent wakes[2];
+    std::unique_ptr<UdpReceiver> receivers[2];
+    for (unsigned i = 0; i < 2; ++i) {
+        StreamSource source;
+        source.port = port;
+        source.sender = 0x7F000002 + i; // 127.0.0.2, 127.0.0.3
+        receivers[i] = std::make_unique<UdpReceiver>(source, rings[i], wakes[i]);
+        const auto failed = receivers[i]->open();
+        ASSERT_FALSE(failed) << failed->text;
+        ASSERT_FALSE(receivers[i]->start());
+    }
+    const Packets first = StreamBuilder().frames(30);
+    const Packets second = StreamBuilder({.rateCode = 4}).frames(30);
+    Sender("127.0.0.1", port, "127.0.0.2").send(first);
+    Sender("127.0.0.1", port, "127.0.0.3").send(second);
+    Sender("127.0.0.1", port, "127.0.0.4").send(first); // somebody else
+    EXPECT_TRUE(collect(rings[0], wakes[0], first.size()) == first);
+    EXPECT_TRUE(collect(rings[1], wakes[1], second.size()) == second);
+}
+
+TEST(UdpReceiver, ASecondReceiverOfAUnicastPortIsRefused) {
+    StreamSource source;
+    source.address = 0x7F000001;
+    source.port = freePort();
+    PacketRing ring(16);
+    WakeEvent wake;
+    UdpReceiver first(source, ring, wake);
+    ASSERT_FALSE(first.open());
+    UdpReceiver second(source, ring, wake);
+    EXPECT_TRUE(second.open());
+}
+
+TEST(UdpReceiver, WhatTheRingHasNoRoomForIsCounted) {
+    StreamSource source;
+    source.address = 0x7F000001;
+    source.port = freePort();
+    PacketRing ring(64);
+    WakeEvent wake;
+    UdpReceiver receiver(source, ring, wake);
+    ASSERT_FALSE(receiver.open());
+    ASSERT_FALSE(receiver.start());
+    Sender("127.0.0.1", source.port).send(Packets(700, Packet{0x47}));
+    receiver.stop();
+    EXPECT_EQ(receiver.counts().packets, 64u);
+    EXPECT_EQ(receiver.counts().overflow, 700u - 64u);
+    EXPECT_EQ(receiver.counts().kernelDrops, 0u);
+}
+
+TEST(UdpReceiver, PacketsWithoutSyncAndStrayBytesAreLeftOut) {
+    StreamSource source;
+    source.address = 0x7F000001;
+    source.port = freePort();
+    PacketRing ring(64);
+    WakeEvent wake;
+    UdpReceiver receiver(source, ring, wake);
+    ASSERT_FALSE(receiver.open());
+    ASSERT_FALSE(receiver.start());
+    Sender sender("127.0.0.1", source.port);
+    std::vector<unsigned char> bytes(3 * packetSize + 5, 0);
+    bytes[0] = bytes[2 * packetSize] = 0x47;
+    sender.sendRaw(bytes);
+    sender.sendRaw({1, 2, 3});
+    receiver.stop();
+    EXPECT_EQ(receiver.counts().packets, 2u);
+    EXPECT_EQ(receiver.counts().badPackets, 1u);
+    EXPECT_EQ(receiver.counts().badDatagrams, 2u);
+}
+
+} // namespace

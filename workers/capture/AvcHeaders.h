@@ -1,0 +1,49 @@
+// The few syntax elements of H.264 (ITU-T H.264) that tell frames apart: from sequence parameter sets,
+// picture parameter sets and the beginning of slice headers. Bounded reads with a sticky failure.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <span>
+
+namespace kestrel::capture {
+
+// The headers of one stream. A NAL unit is given from its start code prefix 00 00 01 on and may be cut.
+class AvcHeaders {
+public:
+    struct Slice {
+        unsigned firstMacroblock = 0;
+        bool intra = false;       // I or SI
+        bool field = false;       // field_pic_flag
+        bool bottom = false;      // bottom_field_flag
+        unsigned frameNumber = 0; // frame_num
+    };
+
+    // 7.3.2.1. Returns false when it cannot be read.
+    bool takeSequence(std::span<unsigned char> nal);
+    // 7.3.2.2.
+    void takePicture(std::span<unsigned char> nal);
+    // 7.3.3; none when not even the first elements can be read. Without its parameter sets a slice counts as
+    // one of a frame.
+    [[nodiscard]] std::optional<Slice> readSlice(std::span<unsigned char> nal) const;
+    // Whether an SEI NAL unit begins with, or holds near its beginning, a recovery point (D.1.7).
+    [[nodiscard]] static bool hasRecoveryPoint(std::span<unsigned char> nal);
+
+    // MPEG-2 frame_rate_code by the VUI timing of the latest sequence; 0 when it has none that fits.
+    [[nodiscard]] int frameRateCode() const noexcept { return m_frameRateCode; }
+
+private:
+    struct Sequence {
+        bool known = false;
+        bool separatePlanes = false;
+        bool framesOnly = true;
+        unsigned frameNumberBits = 4;
+    };
+
+    std::array<Sequence, 32> m_sequences{};
+    std::array<std::uint8_t, 256> m_sequenceOfPicture{};
+    int m_frameRateCode = 0;
+};
+
+} // namespace kestrel::capture

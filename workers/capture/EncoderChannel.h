@@ -1,0 +1,64 @@
+// One encoder of a capture: its receiver, its ring, and the thread that writes its recording.
+#pragma once
+
+#include "Recording.h"
+#include "UdpReceiver.h"
+#include "foundation/Mutex.h"
+
+#include <atomic>
+#include <string>
+#include <thread>
+
+namespace kestrel::capture {
+
+class EncoderChannel {
+public:
+    // ended is signalled when the recording has ended.
+    EncoderChannel(const StreamSource& source, RecordingPlan plan, WakeEvent& ended,
+                   const Timing& timing = {});
+    ~EncoderChannel();
+    EncoderChannel(const EncoderChannel&) = delete;
+    EncoderChannel& operator=(const EncoderChannel&) = delete;
+
+    // Checks the output and opens the socket.
+    [[nodiscard]] MaybeFailure open();
+    // Starts both threads.
+    [[nodiscard]] MaybeFailure start();
+    // Ends the recording; what has been received until now is still written.
+    void cancel();
+    // Ends the receiver of a recording that has ended, and waits for both threads.
+    void join();
+
+    [[nodiscard]] RecordingStatus status() const EXCLUDES(m_mutex);
+    // What the network and the ring lost since the recording began, as it stands in the results: "" or
+    // ", 3 datagrams lost in the receive buffer".
+    [[nodiscard]] std::string losses() const;
+    // Logs what was lost since the last call.
+    void logLosses();
+
+private:
+    // Losses at one moment.
+    struct Losses {
+        std::uint64_t kernel = 0, ring = 0, rtp = 0, late = 0, bad = 0;
+    };
+
+    void write() noexcept;
+    void publish() EXCLUDES(m_mutex);
+    [[nodiscard]] Losses currentLosses() const;
+
+    const std::string m_name;
+    PacketRing m_ring;
+    WakeEvent m_arrived;
+    WakeEvent& m_ended;
+    UdpReceiver m_receiver;
+    Recording m_recording; // of the writer thread, once that runs
+    std::thread m_writer;
+    std::atomic<bool> m_cancel{false};
+    Losses m_logged;
+
+    mutable Mutex m_mutex;
+    RecordingStatus m_status GUARDED_BY(m_mutex);
+    Losses m_atStart GUARDED_BY(m_mutex);
+};
+
+} // namespace kestrel::capture

@@ -1,0 +1,58 @@
+#include "EncoderMap.h"
+
+#include "Ipv4.h"
+#include "foundation/ErrorCodes.h"
+
+#include <strings.h>
+#include <tinyxml.h>
+
+namespace kestrel::capture {
+namespace {
+
+// An address attribute; an absent one is 0 unless it is required.
+bool readAddress(const TiXmlElement& element, const char* key, bool required, std::uint32_t& address) {
+    const char* text = element.Attribute(key);
+    if (!text)
+        return !required;
+    const auto parsed = parseAddress(text);
+    address = parsed.value_or(0);
+    return parsed.has_value();
+}
+
+bool readEntry(const TiXmlElement& element, EncoderMap::Entry& entry) {
+    const char* overwrite = element.Attribute("OVERWRITE");
+    entry.overwrite = overwrite && strcasecmp(overwrite, "TRUE") == 0;
+    return readAddress(element, "CONTROL_ADDRESS", true, entry.controlAddress) &&
+           readAddress(element, "STREAM_ADDRESS", false, entry.streamAddress) &&
+           readAddress(element, "INTERFACE", false, entry.interfaceAddress) &&
+           element.QueryIntAttribute("PORT", &entry.port) == TIXML_SUCCESS && entry.port > 0 &&
+           entry.port < 65536;
+}
+
+} // namespace
+
+MaybeFailure EncoderMap::load(const std::string& path) {
+    m_entries.clear();
+    TiXmlDocument document;
+    if (!document.LoadFile(path.c_str()) || !document.RootElement())
+        return detailed(failure(error::invalidConfigurationFile),
+                        "encoder map " + path + ": " + document.ErrorDesc());
+    for (const TiXmlElement* element = document.RootElement()->FirstChildElement("Encoder"); element;
+         element = element->NextSiblingElement("Encoder")) {
+        Entry entry;
+        if (!readEntry(*element, entry))
+            return detailed(failure(error::invalidConfigurationFile),
+                            format("encoder map %s, line %d", path.c_str(), element->Row()));
+        m_entries.push_back(entry);
+    }
+    return std::nullopt;
+}
+
+const EncoderMap::Entry* EncoderMap::find(std::uint32_t controlAddress) const noexcept {
+    for (const Entry& entry : m_entries)
+        if (entry.controlAddress == controlAddress)
+            return &entry;
+    return nullptr;
+}
+
+} // namespace kestrel::capture

@@ -1,0 +1,87 @@
+#include "Options.h"
+
+#include <getopt.h>
+
+namespace kestrel::capture {
+namespace {
+
+enum Option : int { settings = 1, writeQueue, readQueue, logFile, encoders, help };
+
+constexpr option table[] = {
+    {"ini", required_argument, nullptr, settings},
+    {"wq", required_argument, nullptr, writeQueue},
+    {"rq", required_argument, nullptr, readQueue},
+    {"log", required_argument, nullptr, logFile},
+    {"encoders", required_argument, nullptr, encoders},
+    {"help", no_argument, nullptr, help},
+    {nullptr, 0, nullptr, 0},
+};
+
+} // namespace
+
+Options parseOptions(int argc, char** argv) {
+    Options options;
+    optind = 0; // also resets getopt's state, so that tests may parse more than once
+    opterr = 0;
+    // A leading ':' tells a missing value from an unknown option.
+    for (int found = 0; (found = getopt_long_only(argc, argv, ":", table, nullptr)) != -1;) {
+        switch (found) {
+        case settings:
+            options.settingsFile = optarg;
+            break;
+        case writeQueue:
+            options.writeQueue = optarg;
+            break;
+        case readQueue:
+            options.readQueue = optarg;
+            break;
+        case logFile:
+            options.logFile = optarg;
+            break;
+        case encoders:
+            options.encoderMap = optarg;
+            break;
+        case help:
+            options.help = true;
+            return options;
+        case ':':
+            options.error = std::string("option ") + argv[optind - 1] + " needs a value";
+            return options;
+        default:
+            options.error = std::string("unknown option ") + argv[optind - 1];
+            return options;
+        }
+    }
+    if (optind < argc)
+        options.error = std::string("unexpected argument ") + argv[optind];
+    else if (options.settingsFile.empty())
+        options.error = "no settings file: -ini is required";
+    return options;
+}
+
+std::string usage(const std::string& program) {
+    return "Usage: " + program +
+           " [-encoders FILE] -ini FILE [-wq QUEUE] [-rq QUEUE] [-log FILE]\n"
+           "Records MPEG transport streams from one or two encoders as a settings file says.\n"
+           "\n"
+           "  -ini FILE       capture settings (XML, root CaptureSettings)\n"
+           "  -wq QUEUE       message queue for heartbeats, status and results\n"
+           "  -rq QUEUE       message queue on which the cancel message arrives\n"
+           "  -log FILE       log file, appended to; without it the log goes to standard error\n"
+           "  -encoders FILE  where each encoder's stream is (XML, see below)\n"
+           "  --help          this text\n"
+           "\n"
+           "The stream of an encoder is looked for at IP_ADDRESS and PORT of its reception, else where the\n"
+           "encoder map says, else in the datagrams that the encoder itself (SNMP_IP_ADDRESS) sends to UDP\n"
+           "port 5000 of this host. An encoder map:\n"
+           "\n"
+           "  <Encoders>\n"
+           "    <Encoder CONTROL_ADDRESS=\"10.1.2.3\" STREAM_ADDRESS=\"239.1.1.1\" PORT=\"5000\"\n"
+           "             INTERFACE=\"0.0.0.0\" OVERWRITE=\"FALSE\"/>\n"
+           "  </Encoders>\n"
+           "\n"
+           "SIGTERM and SIGINT end a recording like the cancel message. Exit code 0: recorded as asked;\n"
+           "1: not, or not all of it; 2: wrong command line.\n";
+}
+
+} // namespace kestrel::capture

@@ -1,0 +1,41 @@
+#include "OutputNames.h"
+
+#include <array>
+
+namespace kestrel::capture {
+namespace {
+
+// Position of the extension's dot in the last component, or the end. A leading dot begins a name.
+std::size_t extensionAt(const std::string& path) {
+    const std::size_t slash = path.rfind('/');
+    const std::size_t name = slash == std::string::npos ? 0 : slash + 1;
+    const std::size_t dot = path.rfind('.');
+    return dot == std::string::npos || dot <= name ? path.size() : dot;
+}
+
+} // namespace
+
+std::string outputPath(const std::string& outputFile, const std::string& directory) {
+    if (outputFile.empty() || outputFile.front() == '/' || directory.empty())
+        return outputFile;
+    return directory + (directory.back() == '/' ? "" : "/") + outputFile;
+}
+
+std::string encoderPath(const std::string& output, int encoder) {
+    if (encoder == 0)
+        return output;
+    std::string path = output;
+    return path.insert(extensionAt(path), "_" + std::to_string(encoder + 1));
+}
+
+std::string segmentPath(const std::string& output, std::time_t begin, int attempt) {
+    std::tm local{};
+    localtime_r(&begin, &local);
+    std::array<char, 32> stamp{};
+    std::strftime(stamp.data(), stamp.size(), "_%Y%m%d_%H%M%S", &local);
+    const std::size_t dot = extensionAt(output);
+    return output.substr(0, dot) + stamp.data() + (attempt > 1 ? "-" + std::to_string(attempt) : "") +
+           (dot < output.size() ? output.substr(dot) : ".ts");
+}
+
+} // namespace kestrel::capture

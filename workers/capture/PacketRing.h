@@ -1,0 +1,42 @@
+// The ring of transport packets between a receiver thread and a writer thread.
+#pragma once
+
+#include "Limits.h"
+
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <memory>
+#include <span>
+
+namespace kestrel::capture {
+
+using Packet = std::array<unsigned char, packetSize>;
+
+// One producer, one consumer, no lock: neither ever waits for the other. All memory is taken (and touched) at
+// construction.
+class PacketRing {
+public:
+    // Room for at least that many packets, rounded up to a power of two.
+    explicit PacketRing(std::size_t packets);
+
+    // Producer: copies whole packets in and publishes them together. Returns how many found room; the rest
+    // were not taken.
+    std::size_t push(std::span<const unsigned char> packets) noexcept;
+
+    // Consumer: the oldest packets that lie in one piece; empty when there are none. Valid until consume.
+    [[nodiscard]] std::span<const Packet> readable() const noexcept;
+    // Consumer: gives the first count packets of readable() back.
+    void consume(std::size_t count) noexcept;
+
+    [[nodiscard]] std::size_t capacity() const noexcept { return m_mask + 1; }
+
+private:
+    std::size_t m_mask;
+    std::unique_ptr<Packet[]> m_slots;
+    // Packets ever pushed and ever consumed, each on a cache line of its own.
+    alignas(64) std::atomic<std::size_t> m_pushed{0};
+    alignas(64) std::atomic<std::size_t> m_consumed{0};
+};
+
+} // namespace kestrel::capture

@@ -1,0 +1,46 @@
+// The two message queues that connect the worker with the service. Nothing here waits for the service, except
+// the last two messages for a bounded time.
+#pragma once
+
+#include "foundation/QueueMessages.h"
+
+#include <string>
+#include <string_view>
+
+namespace kestrel::capture {
+
+class ServiceLink {
+public:
+    ServiceLink() = default;
+    ~ServiceLink();
+    ServiceLink(const ServiceLink&) = delete;
+    ServiceLink& operator=(const ServiceLink&) = delete;
+
+    // Connects to the queues; an empty name means none. A queue that cannot be reached is logged and does
+    // without.
+    void connect(const std::string& writeQueue, const std::string& readQueue);
+    // Descriptor to poll for messages of the service; -1 when there is none.
+    [[nodiscard]] int readFd() const noexcept { return m_read; }
+    // Takes all messages that wait; true when one was the cancel message.
+    [[nodiscard]] bool cancelReceived();
+
+    void sendHeartbeat();
+    void sendStatus(_CaptureJobStatusData status);
+    // The results text, cut at what the service keeps; waits for room within a deadline.
+    void sendResults(std::string_view text);
+    // The last message; likewise.
+    void sendExit();
+
+private:
+    bool trySend(AppMsgType type, const void* payload, int size);
+    void sendSurely(AppMsgType type, const void* payload, int size);
+    void noticeRemoval();
+
+    std::string m_writeName;
+    int m_write = -1;
+    int m_read = -1;
+    bool m_fullLogged = false;
+    bool m_removed = false;
+};
+
+} // namespace kestrel::capture

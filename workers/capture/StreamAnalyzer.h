@@ -1,0 +1,90 @@
+// Follows one transport stream packet by packet: its program tables and the frames of its video.
+#pragma once
+
+#include "SectionCollector.h"
+#include "VideoScanner.h"
+
+#include <array>
+#include <cstdint>
+#include <string>
+
+namespace kestrel::capture {
+
+// Frame rate and elapsed time by the timestamps of the frames; indifferent to the wrap of the 33-bit clock
+// and to its jumps.
+class StreamClock {
+public:
+    // The next frame begins, with this timestamp (or none), after `frames` frames since the last call.
+    void advance(PTS stamp, unsigned frames, int frameRateCode) noexcept;
+    // Time by the stream since the first frame, in PTS units.
+    [[nodiscard]] std::int64_t elapsed() const noexcept { return m_elapsed; }
+    // frame_rate_code by the spacing of the timestamps; 0 until they were regular for some frames.
+    [[nodiscard]] int frameRateCode() const noexcept { return m_rateCode; }
+
+private:
+    static constexpr unsigned spacings = 4;
+
+    PTS m_last;
+    bool m_started = false;
+    std::int64_t m_elapsed = 0;
+    std::int64_t m_sum = 0; // of regular spacings
+    std::int64_t m_spacing = 0;
+    unsigned m_count = 0;
+    int m_rateCode = 0;
+};
+
+class StreamAnalyzer {
+public:
+    // Takes the next packet. True when it begins a PES packet of the video: closedUnit() is then the one
+    // before, and unit() this one.
+    bool take(const unsigned char* packet) noexcept;
+
+    [[nodiscard]] const VideoUnit& unit() const noexcept { return m_scanner.unit(); }
+    [[nodiscard]] const VideoUnit& closedUnit() const noexcept { return m_scanner.closed(); }
+
+    // Both tables have been seen.
+    [[nodiscard]] bool programKnown() const noexcept { return m_pmtPid > 0 && !m_pmt.section().empty(); }
+    [[nodiscard]] int pmtPid() const noexcept { return m_pmtPid; }
+    [[nodiscard]] int videoPid() const noexcept { return m_videoPid; }
+    [[nodiscard]] std::span<const Packet> patPackets() const noexcept { return m_pat.packets(); }
+    [[nodiscard]] std::span<const Packet> pmtPackets() const noexcept { return m_pmt.packets(); }
+    // Counts the changes of the program (PIDs or stream types).
+    [[nodiscard]] unsigned programVersion() const noexcept { return m_programVersion; }
+    // "PMT PID 4096, PCR PID 256, 256 MPEG-2 video, 257 AC-3 audio"
+    [[nodiscard]] std::string describeProgram() const;
+    // Last continuity counter of a PID; -1 before its first packet.
+    [[nodiscard]] int lastCounter(int pid) const noexcept;
+
+    // frame_rate_code of the headers, else by the timestamps; 0 while unknown.
+    [[nodiscard]] int frameRateCode() const noexcept;
+    [[nodiscard]] StreamClock& clock() noexcept { return m_clock; }
+    [[nodiscard]] const StreamClock& clock() const noexcept { return m_clock; }
+
+private:
+    void takePat() noexcept;
+    void takePmt() noexcept;
+    bool takeVideo(const unsigned char* packet, bool lost) noexcept;
+    void takePes(std::span<const unsigned char> bytes) noexcept;
+    bool noteCounter(const unsigned char* packet, int pid) noexcept;
+
+    SectionCollector m_pat{0};
+    SectionCollector m_pmt{2};
+    int m_pmtPid = 0;
+    int m_videoPid = -1;
+    int m_videoType = 0;
+    unsigned m_programVersion = 0;
+    std::array<signed char, 8192> m_counters = [] {
+        std::array<signed char, 8192> unseen{};
+        unseen.fill(-1);
+        return unseen;
+    }();
+
+    VideoScanner m_scanner;
+    StreamClock m_clock;
+    // The head of a PES packet that may go on in further packets.
+    std::array<unsigned char, 9 + 255> m_pesHead{};
+    std::size_t m_pesHeadLength = 0;
+    enum class PesState { none, head, data } m_pesState = PesState::none;
+};
+
+} // namespace kestrel::capture

@@ -1,0 +1,257 @@
+#include "UdpReceiver.h"
+
+#include "Ipv4.h"
+#include "foundation/ErrorCodes.h"
+#include "foundation/Logger.h"
+
+#include <arpa/inet.h>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <system_error>
+#include <vector>
+
+namespace kestrel::capture {
+namespace {
+
+sockaddr_in socketAddress(std::uint32_t address, int port) noexcept {
+    sockaddr_in result{};
+    result.sin_family = AF_INET;
+    result.sin_addr.s_addr = htonl(address);
+    result.sin_port = htons(static_cast<std::uint16_t>(port));
+    return result;
+}
+
+bool bindTo(int fd, std::uint32_t address, int port) noexcept {
+    const sockaddr_in name = socketAddress(address, port);
+    return ::bind(fd, reinterpret_cast<const sockaddr*>(&name), sizeof name) == 0;
+}
+
+bool setFlag(int fd, int level, int option, int value) noexcept {
+    return ::setsockopt(fd, level, option, &value, sizeof value) == 0;
+}
+
+void count(std::atomic<std::uint64_t>& counter, std::uint64_t more = 1) noexcept {
+    counter.fetch_add(more, std::memory_order_relaxed);
+}
+
+// Bounds one call of drain on a flood, so that a stop is always seen.
+constexpr int batchesPerTurn = 64;
+constexpr int batchesAtStop = 4096;
+
+} // namespace
+
+// The buffers of one recvmmsg(2).
+struct UdpReceiver::Batch {
+    alignas(cmsghdr) std::array<std::array<char, CMSG_SPACE(sizeof(std::uint32_t))>, receiveBatch> control{};
+    std::array<sockaddr_in, receiveBatch> senders{};
+    std::array<iovec, receiveBatch> parts{};
+    std::array<mmsghdr, receiveBatch> messages{};
+    std::vector<unsigned char> bytes = std::vector<unsigned char>(receiveBatch * datagramBytes);
+
+    // The kernel writes into the headers, so each call needs them anew.
+    void prepare() noexcept {
+        for (std::size_t i = 0; i < receiveBatch; ++i) {
+            parts[i] = {bytes.data() + i * datagramBytes, datagramBytes};
+            msghdr& header = messages[i].msg_hdr;
+            header = {};
+            header.msg_name = &senders[i];
+            header.msg_namelen = sizeof senders[i];
+            header.msg_iov = &parts[i];
+            header.msg_iovlen = 1;
+            header.msg_control = control[i].data();
+            header.msg_controllen = control[i].size();
+        }
+    }
+};
+
+UdpReceiver::UdpReceiver(const StreamSource& source, PacketRing& ring, WakeEvent& wake)
+    : m_source(source), m_ring(ring), m_wake(wake), m_batch(std::make_unique<Batch>()) {}
+
+UdpReceiver::~UdpReceiver() {
+    stop();
+}
+
+MaybeFailure UdpReceiver::open() {
+    m_socket.reset(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!m_socket.valid() || !m_stop.valid())
+        return detailed(failure(error::startCaptureFailed), "socket: " + errnoText(errno));
+    growBuffer();
+    setFlag(m_socket.get(), SOL_SOCKET, SO_RXQ_OVFL, 1);
+    if (auto failed = bindSocket())
+        return failed;
+    return isMulticast(m_source.address) ? joinGroup() : std::nullopt;
+}
+
+void UdpReceiver::growBuffer() {
+    // Forced past the system's limit when the process may; the plain option is held at the limit.
+    if (!setFlag(m_socket.get(), SOL_SOCKET, SO_RCVBUFFORCE, socketBufferBytes))
+        setFlag(m_socket.get(), SOL_SOCKET, SO_RCVBUF, socketBufferBytes);
+    socklen_t size = sizeof m_bufferBytes;
+    ::getsockopt(m_socket.get(), SOL_SOCKET, SO_RCVBUF, &m_bufferBytes, &size);
+}
+
+MaybeFailure UdpReceiver::bindSocket() {
+    const int fd = m_socket.get();
+    // A group may have any number of receivers. A unicast port has one: two sockets on it would take each
+    // other's stream, so the second is refused, except where the kernel tells senders apart (below).
+    if (isMulticast(m_source.address) || m_source.sender != 0)
+        setFlag(fd, SOL_SOCKET, SO_REUSEADDR, 1);
+    // Bound to the group, a socket does not get the other groups of that port. An address that is not one of
+    // this host is the encoder's view of a path we cannot see: any local address will do then.
+    if (!bindTo(fd, m_source.address, m_source.port) &&
+        !(errno == EADDRNOTAVAIL && bindTo(fd, INADDR_ANY, m_source.port)))
+        return detailed(failure(error::startCaptureFailed),
+                        format("UDP port %d of %s: %s", m_source.port, addressText(m_source.address).c_str(),
+                               errnoText(errno).c_str()));
+    if (m_source.sender != 0) {
+        // Connected to port 0 of the encoder, the socket gets what the encoder sends from any port and
+        // nothing else, so that several recorders share the default port. Where this is refused the sender is
+        // checked datagram by datagram all the same. (The kernel then also takes only what goes to the
+        // address of this host on the route to the encoder; a host with several needs a line in the encoder
+        // map.)
+        const sockaddr_in sender = socketAddress(m_source.sender, 0);
+        if (::connect(fd, reinterpret_cast<const sockaddr*>(&sender), sizeof sender) != 0)
+            LogUtil::Warning("Capture", "Cannot reserve the datagrams of %s: %s",
+                             addressText(m_source.sender).c_str(), errnoText(errno).c_str());
+    }
+    return std::nullopt;
+}
+
+MaybeFailure UdpReceiver::joinGroup() {
+    ip_mreqn group{};
+    group.imr_multiaddr.s_addr = htonl(m_source.address);
+    group.imr_address.s_addr = htonl(m_source.interfaceAddress);
+    setFlag(m_socket.get(), IPPROTO_IP, IP_MULTICAST_ALL, 0);
+    const auto join = [&] {
+        return ::setsockopt(m_socket.get(), IPPROTO_IP, IP_ADD_MEMBERSHIP, &group, sizeof group) == 0;
+    };
+    if (join())
+        return std::nullopt;
+    // A host without a route for groups still has the loopback interface.
+    if (errno == ENODEV && m_source.interfaceAddress == 0) {
+        group.imr_address.s_addr = htonl(INADDR_LOOPBACK);
+        if (join()) {
+            LogUtil::Warning("Capture", "No route for group %s: joined on the loopback interface",
+                             addressText(m_source.address).c_str());
+            return std::nullopt;
+        }
+    }
+    return detailed(failure(error::startCaptureFailed),
+                    format("join %s on interface %s: %s", addressText(m_source.address).c_str(),
+                           addressText(m_source.interfaceAddress).c_str(), errnoText(errno).c_str()));
+}
+
+MaybeFailure UdpReceiver::start() {
+    try {
+        m_thread = std::thread([this] { run(); });
+    } catch (const std::system_error&) {
+        return failure(error::captureThreadNotLaunched);
+    }
+    return std::nullopt;
+}
+
+void UdpReceiver::stop() {
+    if (!m_thread.joinable())
+        return;
+    m_stop.signal();
+    m_thread.join();
+}
+
+void UdpReceiver::run() noexcept {
+    pollfd waits[] = {{m_stop.fd(), POLLIN, 0}, {m_socket.get(), POLLIN, 0}};
+    const bool gather = m_bufferBytes >= smallSocketBufferBytes;
+    for (;;) {
+        if (::poll(waits, 2, -1) < 0 && errno != EINTR)
+            break;
+        const bool stopping = waits[0].revents != 0;
+        if (drain(stopping ? batchesAtStop : batchesPerTurn))
+            m_wake.signal();
+        if (stopping)
+            break;
+        if (gather)
+            ::poll(waits, 1, static_cast<int>(gatherTime.count()));
+    }
+    m_wake.signal();
+}
+
+// Takes what waits in the socket. Returns whether there was anything.
+bool UdpReceiver::drain(int mostBatches) noexcept {
+    bool any = false;
+    for (int batch = 0; batch < mostBatches; ++batch) {
+        m_batch->prepare();
+        const int received =
+            ::recvmmsg(m_socket.get(), m_batch->messages.data(), receiveBatch, MSG_DONTWAIT, nullptr);
+        if (received <= 0) {
+            // Errors of the network (an ICMP answer, say) belong to the past; what comes next is read again.
+            if (received < 0 && errno != EAGAIN && errno != EWOULDBLOCK)
+                continue;
+            break;
+        }
+        any = true;
+        for (int i = 0; i < received; ++i)
+            takeDatagram(m_batch->messages[static_cast<std::size_t>(i)]);
+        if (static_cast<std::size_t>(received) < receiveBatch)
+            break;
+    }
+    return any;
+}
+
+void UdpReceiver::takeDatagram(const mmsghdr& message) noexcept {
+    const msghdr& header = message.msg_hdr;
+    for (cmsghdr* control = CMSG_FIRSTHDR(&header); control;
+         control = CMSG_NXTHDR(const_cast<msghdr*>(&header), control)) {
+        if (control->cmsg_level != SOL_SOCKET || control->cmsg_type != SO_RXQ_OVFL)
+            continue;
+        std::uint32_t drops = 0;
+        std::memcpy(&drops, CMSG_DATA(control), sizeof drops);
+        count(m_counts.kernelDrops, static_cast<std::uint32_t>(drops - m_lastDropCount));
+        m_lastDropCount = drops;
+    }
+    const std::uint32_t sender = ntohl(static_cast<const sockaddr_in*>(header.msg_name)->sin_addr.s_addr);
+    if (m_source.sender != 0 && sender != m_source.sender) {
+        count(m_counts.foreign);
+        return;
+    }
+    count(m_counts.datagrams);
+    if (m_counts.firstSender.load(std::memory_order_relaxed) == 0)
+        m_counts.firstSender.store(sender, std::memory_order_relaxed);
+
+    const Datagram datagram =
+        parseDatagram({static_cast<const unsigned char*>(header.msg_iov->iov_base), message.msg_len});
+    if (datagram.strayBytes != 0)
+        count(m_counts.badDatagrams);
+    if (datagram.rtp) {
+        m_counts.rtp.store(true, std::memory_order_relaxed);
+        const RtpSequence::Step step = m_rtp.next(datagram.sequence, datagram.source);
+        if (step.lost)
+            count(m_counts.rtpLost, step.lost);
+        if (step.late)
+            count(m_counts.rtpLate);
+    }
+    takePackets(datagram.packets);
+}
+
+// Packets that lack the sync byte are left out; the runs between them go on in one piece each.
+void UdpReceiver::takePackets(std::span<const unsigned char> packets) noexcept {
+    while (!packets.empty()) {
+        std::size_t run = 0;
+        while (run < packets.size() && packets[run] == 0x47)
+            run += packetSize;
+        if (run != 0) {
+            const std::size_t taken = m_ring.push(packets.first(run));
+            count(m_counts.packets, taken);
+            if (taken < run / packetSize)
+                count(m_counts.overflow, run / packetSize - taken);
+            packets = packets.subspan(run);
+        } else {
+            count(m_counts.badPackets);
+            packets = packets.subspan(packetSize);
+        }
+    }
+}
+
+} // namespace kestrel::capture

@@ -1,0 +1,81 @@
+// Receives the datagrams of one encoder and puts their transport packets into a ring.
+#pragma once
+
+#include "DatagramParser.h"
+#include "Failure.h"
+#include "PacketRing.h"
+#include "StreamSource.h"
+#include "WakeEvent.h"
+#include "foundation/UniqueFd.h"
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <thread>
+
+struct mmsghdr;
+
+namespace kestrel::capture {
+
+// What a receiver has seen so far; read by any thread at any time.
+struct ReceiverCounts {
+    std::atomic<std::uint64_t> datagrams{0};
+    std::atomic<std::uint64_t> packets{0};      // given to the ring
+    std::atomic<std::uint64_t> overflow{0};     // packets that found no room in the ring
+    std::atomic<std::uint64_t> kernelDrops{0};  // datagrams that found no room in the socket's buffer
+    std::atomic<std::uint64_t> badDatagrams{0}; // neither transport packets nor RTP, or with stray bytes
+    std::atomic<std::uint64_t> badPackets{0};   // without the sync byte
+    std::atomic<std::uint64_t> rtpLost{0};      // datagrams missing by their RTP sequence numbers
+    std::atomic<std::uint64_t> rtpLate{0};      // datagrams out of order by their RTP sequence numbers
+    std::atomic<std::uint64_t> foreign{0};      // datagrams of another sender
+    std::atomic<std::uint32_t> firstSender{0};  // host order; 0 until the first datagram
+    std::atomic<bool> rtp{false};               // the stream comes in RTP
+};
+
+// A socket and the thread that empties it. The thread never waits for anything but the socket: it takes
+// datagrams in batches, lets them gather a few milliseconds between batches, and counts what the ring has no
+// room for.
+class UdpReceiver {
+public:
+    // Packets go to ring; wake is signalled after each batch. Both outlive the receiver.
+    UdpReceiver(const StreamSource& source, PacketRing& ring, WakeEvent& wake);
+    ~UdpReceiver();
+    UdpReceiver(const UdpReceiver&) = delete;
+    UdpReceiver& operator=(const UdpReceiver&) = delete;
+
+    // Makes the socket, with as large a buffer as the system gives, and joins the group.
+    [[nodiscard]] MaybeFailure open();
+    // Starts the thread.
+    [[nodiscard]] MaybeFailure start();
+    // Takes what has arrived until now and ends the thread. Further calls do nothing.
+    void stop();
+
+    // Bytes of the socket's receive buffer.
+    [[nodiscard]] int bufferBytes() const noexcept { return m_bufferBytes; }
+    [[nodiscard]] const ReceiverCounts& counts() const noexcept { return m_counts; }
+
+private:
+    struct Batch;
+
+    [[nodiscard]] MaybeFailure bindSocket();
+    [[nodiscard]] MaybeFailure joinGroup();
+    void growBuffer();
+    void run() noexcept;
+    bool drain(int mostBatches) noexcept;
+    void takeDatagram(const mmsghdr& message) noexcept;
+    void takePackets(std::span<const unsigned char> packets) noexcept;
+
+    StreamSource m_source;
+    PacketRing& m_ring;
+    WakeEvent& m_wake;
+    UniqueFd m_socket;
+    WakeEvent m_stop;
+    std::thread m_thread;
+    std::unique_ptr<Batch> m_batch;
+    RtpSequence m_rtp;
+    std::uint32_t m_lastDropCount = 0;
+    int m_bufferBytes = 0;
+    ReceiverCounts m_counts;
+};
+
+} // namespace kestrel::capture

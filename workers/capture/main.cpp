@@ -1,0 +1,56 @@
+// kestrelCapture: records MPEG transport streams from network encoders, as the service's capture jobs ask.
+
+#include "CaptureSession.h"
+#include "Failure.h"
+#include "foundation/FileUtil.h"
+#include "foundation/Logger.h"
+
+#include <cerrno>
+#include <csignal>
+#include <exception>
+#include <fstream>
+#include <iostream>
+
+using namespace kestrel::capture;
+
+namespace {
+
+// Every line goes to exactly the file named, at once.
+void openLog(const std::string& path, std::ofstream& file) {
+    if (!path.empty()) {
+        cFileUtil::CreateDir(path.c_str());
+        file.open(path, std::ios::app);
+        if (file) {
+            file << std::unitbuf;
+            LogUtil::GetInstance()->addStreamLogger(&file);
+            return;
+        }
+        std::cerr << "kestrelCapture: cannot open log " << path << ": " << errnoText(errno) << '\n';
+    }
+    LogUtil::GetInstance()->addStreamLogger(&std::cerr);
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    const Options options = parseOptions(argc, argv);
+    if (options.help) {
+        std::cout << usage(argv[0]);
+        return exitSuccess;
+    }
+    if (!options.error.empty()) {
+        std::cerr << "kestrelCapture: " << options.error << '\n' << usage(argv[0]);
+        return exitUsage;
+    }
+    std::signal(SIGPIPE, SIG_IGN);
+    std::ofstream log;
+    openLog(options.logFile, log);
+    int result = exitFailure;
+    try {
+        result = CaptureSession(options).run();
+    } catch (const std::exception& problem) {
+        LogUtil::Fatal("Capture", "Ends: %s", problem.what());
+    }
+    LogUtil::Cleanup();
+    return result;
+}
