@@ -1,0 +1,197 @@
+// Start, stop, signals, profiles: the service as an operator sees it.
+#include "system/service_under_test.h"
+
+#include <arpa/inet.h>
+#include <csignal>
+#include <fstream>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+using namespace kestrel::test;
+using testing::HasSubstr;
+using testing::Not;
+
+namespace {
+
+Ended endOf(Child& child, std::chrono::milliseconds limit = 20s) {
+    const std::optional<Ended> ended = child.wait(limit);
+    EXPECT_TRUE(ended.has_value()) << "the process still runs";
+    return ended.value_or(Ended{});
+}
+
+TEST(ServiceLife, StopServiceIsAnsweredAndEndsTheServiceWithStatusZero) {
+    ServiceUnderTest service;
+    service.start();
+    EXPECT_EQ(service.ask("STOP_SERVICE"), "TRUE - Shutdown Signalled to Kestrel Manager Service");
+    const Ended ended = endOf(service.process());
+    EXPECT_TRUE(ended.exited);
+    EXPECT_EQ(ended.code, 0);
+    const std::string log = service.log();
+    EXPECT_THAT(log, HasSubstr("[Manager:Info] setShutdownEvent\r\n"));
+    EXPECT_THAT(log, HasSubstr("[Manager:Info] Received Shutdown Request\r\n"));
+    EXPECT_THAT(log, HasSubstr("[Manager:Info] Shutting down KestrelManager\r\n"));
+    EXPECT_THAT(log, HasSubstr("[Manager:Info] Stopping SocketServer\r\n"));
+    EXPECT_THAT(log, HasSubstr("[Manager:Info] All KestrelManager threads exited\r\n"));
+    EXPECT_THAT(log, HasSubstr("[Manager:Info] Signal Shutdown Complete\r\n"));
+    EXPECT_THAT(log, Not(HasSubstr("Ending VTR Process")));
+}
+
+class ServiceSignals : public testing::TestWithParam<int> {};
+
+TEST_P(ServiceSignals, EndTheServiceInOrder) {
+    ServiceUnderTest service;
+    service.start();
+    service.process().signal(GetParam());
+    const Ended ended = endOf(service.process());
+    EXPECT_TRUE(ended.exited);
+    EXPECT_EQ(ended.code, 0);
+    EXPECT_THAT(service.log(), HasSubstr("Signal Shutdown Complete"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Each, ServiceSignals, testing::Values(SIGINT, SIGHUP, SIGTERM),
+                         [](const auto& each) { return std::string(sigabbrev_np(each.param)); });
+
+TEST(ServiceLife, ASecondSignalAndAStopDuringTheShutdownChangeNothing) {
+    ServiceUnderTest service;
+    service.start();
+    service.ask("STOP_SERVICE");
+    service.process().signal(SIGTERM);
+    service.process().signal(SIGINT);
+    const Ended ended = endOf(service.process());
+    EXPECT_TRUE(ended.exited);
+    EXPECT_EQ(ended.code, 0);
+}
+
+TEST(ServiceLife, TheStopClientPrintsTheAnswerAndTheServiceEnds) {
+    ServiceUnderTest service;
+    service.start();
+    const auto client = service.run("stop");
+    const Ended ended = endOf(*client);
+    EXPECT_EQ(ended.code, 0);
+    EXPECT_THAT(ended.output, HasSubstr("TRUE - Shutdown Signalled to Kestrel Manager Service\n"));
+    EXPECT_EQ(endOf(service.process()).code, 0);
+}
+
+TEST(ServiceLife, TheStopClientSaysWhereItCouldNotConnect) {
+    ServiceUnderTest service;
+    const Ended ended = endOf(*service.run("stop"));
+    EXPECT_EQ(ended.output, "Could not connect to port " + std::to_string(service.port()) +
+                                " to send stop message: errno=111\n");
+    EXPECT_EQ(ended.code, 255);
+}
+
+TEST(ServiceLife, TheStopClientGivesUpAfterThirtySecondsWithoutAnAnswer) {
+    ServiceUnderTest service;
+    const kestrel::UniqueFd listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(service.port()));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(listen(listener.get(), 1), 0);
+    const Ended ended = endOf(*service.run("stop"), 45s);
+    EXPECT_EQ(ended.output, "No response from Service.  Check that it is running\n");
+    EXPECT_EQ(ended.code, 0);
+}
+
+class OtherWords : public testing::TestWithParam<const char*> {};
+
+TEST_P(OtherWords, DoNothingAndExitZero) {
+    const ServiceUnderTest service;
+    const Ended ended = endOf(*service.run(GetParam()));
+    EXPECT_TRUE(ended.exited);
+    EXPECT_EQ(ended.code, 0);
+    EXPECT_EQ(ended.output, "");
+    EXPECT_EQ(service.log(), "");
+}
+
+INSTANTIATE_TEST_SUITE_P(Each, OtherWords,
+                         testing::Values("install", "uninstall", "Debug", "START", "stopx", "--help"));
+
+TEST(ServiceLife, WithoutAWordItRunsInTheForegroundAndDetachesOnlyAfterTheEnd) {
+    ServiceUnderTest service;
+    const auto process = service.run("");
+    ASSERT_TRUE(eventually([&] { return service.ask("PING_SERVICE") == "TRUE - ALIVE"; }, 30s));
+    EXPECT_TRUE(process->running());
+    service.ask("STOP_SERVICE");
+    EXPECT_EQ(endOf(*process).code, 0);
+}
+
+TEST(ServiceLife, StartDetachesAndTheServiceRunsInTmp) {
+    ServiceUnderTest service;
+    const Ended caller = endOf(*service.run("start"));
+    EXPECT_EQ(caller.code, 0);
+    ASSERT_TRUE(eventually([&] { return service.ask("PING_SERVICE") == "TRUE - ALIVE"; }, 30s));
+    service.ask("STOP_SERVICE");
+    EXPECT_TRUE(service.waitForLog("Signal Shutdown Complete"));
+    EXPECT_TRUE(eventually([&] { return service.ask("PING_SERVICE").empty(); }));
+}
+
+TEST(ServiceLife, ASecondInstanceOnThePortFailsToStartAndTheFirstGoesOn) {
+    ServiceUnderTest service;
+    service.start();
+    const Ended second = endOf(*service.run("debug"));
+    EXPECT_EQ(second.code, 0);
+    EXPECT_THAT(service.log(), HasSubstr("[SocketManager:Fatal] Could not use port " +
+                                         std::to_string(service.port()) + ".\r\n"));
+    EXPECT_EQ(service.ask("PING_SERVICE"), "TRUE - ALIVE");
+}
+
+TEST(ServiceLife, WithoutAProfileTheDefaultsHoldAndTheLogSaysSo) {
+    ServiceUnderTest service;
+    service.removeProfile();
+    const auto process = service.run("debug");
+    // The default port may be taken on this machine; either way the profile's absence is logged first.
+    EXPECT_TRUE(service.waitForLog("Could not load KestrelManager settings file " + service.root().string() +
+                                   "/conf/KestrelManagerProfile.xml."));
+    process->signal(SIGTERM);
+    endOf(*process);
+    EXPECT_TRUE(service.log().find("port 5112") != std::string::npos ||
+                service.log().find("Could not use port 5112.") != std::string::npos);
+}
+
+TEST(ServiceLife, AMalformedProfileIsLoggedAndTheDefaultsHold) {
+    ServiceUnderTest service;
+    service.setProfileText("this is no XML <<<");
+    const auto process = service.run("debug");
+    EXPECT_TRUE(service.waitForLog("KestrelManager settings file"));
+    process->signal(SIGTERM);
+    endOf(*process);
+}
+
+TEST(ServiceLife, AProfileWithoutALoggingSectionLogsNothing) {
+    ServiceUnderTest service;
+    service.setProfileText("<Profile><WebServicesComm PORT_NUMBER='" + std::to_string(service.port()) +
+                           "' NUMBER_OF_SIMULTANEOUS_HANDLES='5'/></Profile>");
+    service.start();
+    service.stop();
+    EXPECT_EQ(service.log(), "");
+}
+
+TEST(ServiceLife, AnIdleServiceMakesNoWakeUps) {
+    ServiceUnderTest service;
+    service.start();
+    const auto switches = [&] {
+        long sum = 0;
+        for (const auto& task : std::filesystem::directory_iterator(
+                 "/proc/" + std::to_string(service.process().pid()) + "/task")) {
+            std::ifstream status(task.path() / "status");
+            for (std::string line; std::getline(status, line);)
+                if (line.starts_with("voluntary_ctxt_switches:"))
+                    sum += std::stol(line.substr(24));
+        }
+        return sum;
+    };
+    // The connection thread of the last question must be gone first.
+    ASSERT_TRUE(service.waitForLog("Number of handles: 0"));
+    timespec second{1, 0};
+    nanosleep(&second, nullptr);
+    const long before = switches();
+    timespec interval{3, 0};
+    nanosleep(&interval, nullptr);
+    EXPECT_LE(switches() - before, 6);
+}
+
+} // namespace
