@@ -25,7 +25,7 @@ constexpr const char* category = "JobLauncher";
 
 // Messages, the end of the worker and the end of watching are events. That a worker was stopped is none, and
 // is looked for this often.
-constexpr int stoppedCheckMs = 250;
+constexpr int stoppedCheckMs = 1000;
 // Where the kernel gives no process descriptor, the end is no event either.
 constexpr int endCheckMs = 10;
 
