@@ -301,7 +301,7 @@ TEST_F(TimeSpanUtil, MonthsAndYearsAreIgnoredInSecondsAndLogged) {
 TEST_F(TimeSpanUtil, SecondsWrapAt32Bits) {
     EXPECT_EQ(CTimeSpanUtil(0, 0, 24855, 3, 14, 7).inSeconds(), INT_MAX);
     EXPECT_EQ(CTimeSpanUtil(0, 0, 24855, 3, 14, 8).inSeconds(), INT_MIN);
-    EXPECT_EQ(CTimeSpanUtil(0, 0, INT_MAX, INT_MAX, INT_MAX, INT_MAX).inSeconds(), -90061);
+    EXPECT_EQ(CTimeSpanUtil(0, 0, INT_MAX, INT_MAX, INT_MAX, INT_MAX).inSeconds(), 2147393587);
 }
 
 TEST_F(TimeSpanUtil, TextCountsDaysAsHours) {

@@ -38,12 +38,6 @@ pid_t firstChild() {
     return static_cast<pid_t>(std::atoi(childrenOfThisProcess().c_str()));
 }
 
-double cpuSeconds() {
-    timespec used{};
-    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
-    return static_cast<double>(used.tv_sec) + static_cast<double>(used.tv_nsec) * 1e-9;
-}
-
 } // namespace
 
 TEST_F(JobLauncherTest, ThreadDataCopiesTheCommandLine) {
@@ -446,23 +440,4 @@ TEST_F(JobLauncherTest, AJobIsCopiedAndAskedWhileItsWorkerReports) {
         job.getLogFilename();
     }
     EXPECT_EQ(job.state(), Job::COMPLETE);
-}
-
-TEST_F(JobLauncherTest, WatchingQuietJobsCostsNextToNothing) {
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-    GTEST_SKIP() << "sanitizers change what things cost";
-#endif
-    const std::string held = file("held");
-    std::vector<std::unique_ptr<CaptureManualJob>> jobs;
-    for (unsigned long i = 0; i < 30; ++i) {
-        jobs.push_back(std::make_unique<CaptureManualJob>(901300 + i));
-        const int code = launch(*jobs.back(), "hold:" + held, 60);
-        ASSERT_EQ(code, 0) << jobs.back()->resultsText();
-    }
-    const double before = cpuSeconds();
-    std::this_thread::sleep_for(2s);
-    const double used = cpuSeconds() - before;
-    EXPECT_LT(used, 2 * 0.005) << "half a percent of a core for all of them";
-    std::ofstream(held).flush();
-    EXPECT_TRUE(allEnded());
 }
