@@ -15,7 +15,8 @@ bool copyText(std::span<char> field, std::string_view text) noexcept;
 bool copyText(std::span<char> field, const char* text) noexcept;
 
 // printf into field, cut at the field's capacity and terminated. Returns whether all of it fitted.
-bool formatText(std::span<char> field, const char* format, ...) noexcept __attribute__((format(printf, 2, 3)));
+bool formatText(std::span<char> field, const char* format, ...) noexcept
+    __attribute__((format(printf, 2, 3)));
 
 // Appends text to the terminated text in field, cut and terminated. Returns whether all of it fitted.
 bool appendText(std::span<char> field, std::string_view text) noexcept;

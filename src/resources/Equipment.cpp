@@ -33,6 +33,11 @@ std::string dottedText(unsigned long address) {
     return text;
 }
 
+void takeControlAddress(const char* dotted, unsigned long& address, std::string& name) {
+    address = hostAddress(dotted);
+    name = std::string("D:") + (dotted == nullptr ? "" : dotted);
+}
+
 int refuse(char (&message)[300], long code) {
     kestrel::copyText(message, LOG_MSG(code));
     LogUtil::Error(MODULE, "%s", message);
@@ -202,8 +207,7 @@ Encoder::Encoder(unsigned long ip, unsigned long port) : Equipment(ENCODER), add
 }
 
 void Encoder::setCtrlIp(const char* dotted) {
-    address = hostAddress(dotted);
-    name = std::string("D:") + (dotted == nullptr ? "" : dotted);
+    takeControlAddress(dotted, address, name);
 }
 
 int Encoder::setFields(std::vector<InputField>& fields) {
@@ -233,8 +237,7 @@ Decoder::Decoder(unsigned long ip) : Equipment(DECODER), address(ip) {
 }
 
 void Decoder::setCtrlIp(const char* dotted) {
-    address = hostAddress(dotted);
-    name = std::string("D:") + (dotted == nullptr ? "" : dotted);
+    takeControlAddress(dotted, address, name);
 }
 
 int Decoder::setFields(std::vector<InputField>& fields) {

@@ -59,10 +59,10 @@ public:
 
     unsigned long checkoutJobId = FREE;
     Job::JobType checkoutJobType = Job::NONE;
-    CTimeUtil checkoutUntil;           // zero: open-ended
-    std::list<ScheduleTime> schedule;  // by start
-    std::string name;                  // as shown in messages: "VTR:%s", "D:%s", "E:%s"
-    char message[300] = {};            // last error text
+    CTimeUtil checkoutUntil;          // zero: open-ended
+    std::list<ScheduleTime> schedule; // by start
+    std::string name;                 // as shown in messages: "VTR:%s", "D:%s", "E:%s"
+    char message[300] = {};           // last error text
     ResourceType resourceType;
     char* profile = nullptr; // owned
     std::string subtype;

@@ -32,8 +32,8 @@ public:
     // Takes ownership.
     void AddEquipment(Equipment* record);
 
-    void AddScheduleTime(std::vector<Equipment*>& set, unsigned long jobId, Job::JobType type, CTimeUtil start,
-                         CTimeUtil end);
+    void AddScheduleTime(std::vector<Equipment*>& set, unsigned long jobId, Job::JobType type,
+                         CTimeUtil start, CTimeUtil end);
     void RemoveScheduleTime(std::vector<Equipment*>& set, unsigned long jobId);
 
     bool isAvailable(std::vector<Equipment*>& set, unsigned long& jobId, Job::JobType& type, CTimeUtil start,
@@ -47,7 +47,8 @@ public:
                         CTimeSpanUtil span);
 
     // All or nothing.
-    bool CheckoutEquipment(std::vector<Equipment*>& set, unsigned long jobId, Job::JobType type, CTimeUtil until);
+    bool CheckoutEquipment(std::vector<Equipment*>& set, unsigned long jobId, Job::JobType type,
+                           CTimeUtil until);
     // Tries every member; true only when all succeeded.
     bool CheckinEquipment(std::vector<Equipment*>& set, unsigned long jobId);
 
