@@ -1,0 +1,133 @@
+// PES headers and their timestamps (ISO/IEC 13818-1, 2.4.3.6).
+#include "mpeg/mpeg2.h"
+
+#include <algorithm>
+#include <gtest/gtest.h>
+#include <vector>
+
+namespace {
+
+using Bytes = std::vector<unsigned char>;
+
+// A header with those PTS_DTS_flags and all timestamp bytes at "prefix, zero, markers".
+Bytes header(int flags) {
+    Bytes bytes{0, 0, 1, 0xE0, 0, 0, 0x80, static_cast<unsigned char>(flags << 6), 10};
+    bytes.insert(bytes.end(), {0x21, 0x00, 0x01, 0x00, 0x01});
+    bytes.insert(bytes.end(), {0x11, 0x00, 0x01, 0x00, 0x01});
+    bytes.resize(32, 0xFF);
+    return bytes;
+}
+
+struct Header {
+    explicit Header(int flags) : bytes(header(flags)), view(bytes.data(), static_cast<int>(bytes.size())) {}
+    Bytes bytes;
+    array_byte_sequence view;
+};
+
+TEST(PesHeader, PacketLengthCountsTheSixBytesBeforeIt) {
+    Header pes(2);
+    MPEG::PES::set_packet_length(pes.view, 0x1234);
+    EXPECT_EQ(pes.bytes[4] << 8 | pes.bytes[5], 0x1234 - 6);
+    EXPECT_EQ(MPEG::PES::get_packet_length(pes.view), 0x1234);
+    MPEG::PES::set_packet_length(pes.view, 0);
+    EXPECT_EQ(MPEG::PES::get_packet_length(pes.view), 0) << "unbounded stays 0";
+    EXPECT_EQ(MPEG::PES::header_length(pes.view), 19);
+}
+
+TEST(PesHeader, FlagsTellWhichTimestampsAreThere) {
+    for (const int flags : {0, 1, 2, 3}) {
+        const Header pes(flags);
+        EXPECT_EQ(MPEG::PES::PTS_DTS_flag(pes.view), flags);
+        EXPECT_EQ(MPEG::PES::has_PTS(pes.view), flags >= 2);
+        EXPECT_EQ(MPEG::PES::has_DTS(pes.view), flags == 3);
+        EXPECT_EQ(MPEG::PES::get_PTS(pes.view), flags >= 2 ? 0 : -1);
+        EXPECT_EQ(MPEG::PES::get_DTS(pes.view), flags == 3 ? 0 : -1);
+        EXPECT_EQ(MPEG::PES::get_PTS(pes.bytes.data()), flags >= 2 ? 0 : -1);
+        EXPECT_EQ(MPEG::PES::get_DTS(pes.bytes.data()), flags == 3 ? 0 : -1);
+    }
+}
+
+TEST(PesHeader, AllThirtyThreeBitsComeBackTimesFour) {
+    Header pes(2);
+    const unsigned char all[5] = {0x2F, 0xFF, 0xFF, 0xFF, 0xFF};
+    std::copy(all, all + 5, pes.bytes.begin() + 9);
+    EXPECT_EQ(MPEG::PES::get_PTS(pes.view), 0x7FFFFFFFC);
+    PTS pts;
+    MPEG::PES::get_PTS(pes.view, &pts);
+    EXPECT_EQ(pts, 0x7FFFFFFFC);
+}
+
+TEST(PesHeader, ValuesAreRoundedToTheNearestTickHalvesUpward) {
+    Header pes(2);
+    const struct {
+        std::int64_t written;
+        std::int64_t ticks;
+    } rows[] = {{4, 1}, {5, 1}, {6, 2}, {7, 2}, {8, 2}, {0, 0}, {1, 0}, {2, 1}};
+    for (const auto& row : rows) {
+        MPEG::PES::set_PTS(pes.view, row.written);
+        EXPECT_EQ(MPEG::PES::get_PTS(pes.view), row.ticks * 4) << row.written;
+    }
+}
+
+TEST(PesHeader, EveryBitOfATimestampSurvivesARoundTrip) {
+    Header pes(3);
+    for (int bit = 0; bit < 33; ++bit) {
+        const PTS value = PTS::from_ticks(std::int64_t{1} << bit);
+        MPEG::PES::set_PTS(pes.view, value);
+        MPEG::PES::set_DTS(pes.view, value);
+        EXPECT_EQ(MPEG::PES::get_PTS(pes.view), value) << bit;
+        EXPECT_EQ(MPEG::PES::get_DTS(pes.view), value) << bit;
+        MPEG::PES::set_PTS(pes.bytes.data(), value);
+        MPEG::PES::set_DTS(pes.bytes.data(), value);
+        EXPECT_EQ(MPEG::PES::get_PTS(pes.bytes.data()), value) << bit;
+        EXPECT_EQ(MPEG::PES::get_DTS(pes.bytes.data()), value) << bit;
+    }
+}
+
+TEST(PesHeader, WritingThroughAViewKeepsPrefixAndMarkers) {
+    Header pes(3);
+    pes.bytes[9] = 0xF0; // odd prefix, no marker
+    pes.bytes[11] = 0x00;
+    pes.bytes[13] = 0x00;
+    MPEG::PES::set_PTS(pes.view, PTS::from_ticks(0x1FFFFFFFF));
+    EXPECT_EQ(pes.bytes[9], 0xFE);
+    EXPECT_EQ(pes.bytes[11], 0xFE);
+    EXPECT_EQ(pes.bytes[13], 0xFE);
+}
+
+TEST(PesHeader, WritingRawMakesPrefixAndMarkers) {
+    for (const int flags : {2, 3}) {
+        Header pes(flags);
+        std::fill_n(pes.bytes.begin() + 9, 10, static_cast<unsigned char>(0));
+        MPEG::PES::set_PTS(pes.bytes.data(), PTS::from_ticks(0));
+        MPEG::PES::set_DTS(pes.bytes.data(), PTS::from_ticks(0));
+        EXPECT_EQ(pes.bytes[9], flags == 3 ? 0x31 : 0x21);
+        EXPECT_EQ(pes.bytes[11], 0x01);
+        EXPECT_EQ(pes.bytes[13], 0x01);
+        EXPECT_EQ(pes.bytes[14], 0x11);
+    }
+}
+
+TEST(PesHeader, ReadingBothGivesZeroForWhatIsNotThere) {
+    for (const int flags : {0, 1, 2, 3}) {
+        Header pes(flags);
+        MPEG::PES::set_PTS(pes.view, PTS::from_ticks(10));
+        MPEG::PES::set_DTS(pes.view, PTS::from_ticks(20));
+        PTS pts = 99;
+        PTS dts = 99;
+        MPEG::PES::read_pts_and_dts_from_PES_header(pes.view, &pts, &dts);
+        EXPECT_EQ(pts, flags >= 2 ? 40 : 0);
+        // The forbidden flag value 01 yields a DTS without a PTS: kept.
+        EXPECT_EQ(dts, (flags & 1) != 0 ? 80 : 0);
+        pts = 99;
+        MPEG::PES::read_pts_and_dts_from_PES_header(pes.view, &pts);
+        EXPECT_EQ(pts, flags >= 2 ? 40 : 0);
+
+        pts = dts = 99;
+        MPEG::PES::read_pts_and_dts_from_PES_header_(pes.bytes.data() + 4, &pts, &dts);
+        EXPECT_EQ(pts, flags >= 2 ? 40 : 0);
+        EXPECT_EQ(dts, flags == 3 ? 80 : 0) << "the raw form knows only the two proper values";
+    }
+}
+
+} // namespace
