@@ -184,7 +184,8 @@ TEST(AppendPrefix, IsCutAtEveryCapacity) {
 }
 
 TEST(AppendPrefix, TakesAtMost260CharactersOfTheName) {
-    const std::string name = std::string(300, 'n') + ".ts";
+    std::string name(300, 'n');
+    name += ".ts";
     EXPECT_EQ(prefixed(("/a/" + name).c_str(), "X"), "/a/X" + std::string(260, 'n'));
 }
 
@@ -267,12 +268,12 @@ TEST_F(PartialFileCopy, TooFewBytesAreMinus12) {
 }
 
 TEST_F(PartialFileCopy, SourceThatCannotBeOpenedIsMinus20) {
-    // A socket has a status but cannot be opened; give it a size by asking for a negative offset.
     if (::geteuid() != 0) {
         fs::permissions(m_source, fs::perms::none);
         EXPECT_EQ(copy(0, -1), -20);
         fs::permissions(m_source, fs::perms::owner_all);
     }
+    // A socket has a status but cannot be opened; its size of 0 lies beyond an offset of -1.
     const std::string node = m_dir.path("node");
     ASSERT_EQ(::mknod(node.c_str(), S_IFSOCK | 0600, 0), 0);
     EXPECT_EQ(FileIO::PartialFileCopy(node.c_str(), m_target.c_str(), -1, 0), -20);
