@@ -146,10 +146,13 @@ TEST(ServiceLife, WithoutAProfileTheDefaultsHoldAndTheLogSaysSo) {
     // The default port may be taken on this machine; either way the profile's absence is logged first.
     EXPECT_TRUE(service.waitForLog("Could not load KestrelManager settings file " + service.root().string() +
                                    "/conf/KestrelManagerProfile.xml."));
+    EXPECT_TRUE(eventually([&] {
+        const std::string log = service.log();
+        return log.find("on port 5112...") != std::string::npos ||
+               log.find("Could not use port 5112.") != std::string::npos;
+    }));
     process->signal(SIGTERM);
     endOf(*process);
-    EXPECT_TRUE(service.log().find("port 5112") != std::string::npos ||
-                service.log().find("Could not use port 5112.") != std::string::npos);
 }
 
 TEST(ServiceLife, AMalformedProfileIsLoggedAndTheDefaultsHold) {
