@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
 #include <span>
 
 namespace {
@@ -134,7 +135,7 @@ int CManagerLib::launchCaptureJob(CaptureRequest& request, CaptureJob& job) {
     }
     LogUtil::Error(MODULE, "%s", request.errorText);
     job.setResults(request.errorText);
-    job.setState(Job::ERROR);
+    job.finish(Job::ERROR);
     return result;
 }
 
@@ -223,6 +224,9 @@ int CManagerLib::SendQueueMessage(char* queueName, AppMsgType type, void* data, 
         LogUtil::Error(MODULE, "Error: Could not connect to queue %s.", queueName);
         return asCode(kestrel::error::queueNotConnected);
     }
+    // A reader that has stopped reading must not hold its sender: a full queue is a failed send.
+    long attributes[4] = {O_NONBLOCK, 0, 0, 0};
+    setQueueAttr(queue, attributes);
     const GenericMsg message(type, data, size);
     if (sendPriorityMsg(queue, reinterpret_cast<const char*>(message.buffer), message.length, 0) != 0) {
         LogUtil::Error(MODULE, "Error: Failed to send message on queue %s.", queueName);

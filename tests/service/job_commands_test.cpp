@@ -132,6 +132,10 @@ TEST_F(JobCommands, AMessageGoesOnTheNamedQueue) {
     ASSERT_EQ(receiveMsg(queue, buffer, sizeof buffer, &length), 0);
     EXPECT_EQ(length, 12);
     EXPECT_STREQ(buffer + 4, "payload");
+    for (int i = 0; i < 10; ++i)
+        EXPECT_EQ(manager().SendQueueMessage(copy.data(), RESULTS_MSG, data, 8), 0);
+    EXPECT_EQ(manager().SendQueueMessage(copy.data(), RESULTS_MSG, data, 8), 10030)
+        << "a full queue is not waited for";
     closeMsgQueue(queue);
     unlinkMsgQueue(name.c_str());
     EXPECT_EQ(manager().SendQueueMessage(copy.data(), RESULTS_MSG, data, 8), 10029);
