@@ -68,7 +68,8 @@ bool CMessageProcessor::process(char* request, char* response, int responseSize)
             const std::unique_ptr<Message> message = createRequest(request == nullptr ? "" : request);
             answer(out, message.get());
         }
-        LogUtil::Info(MODULE, "CMessageProcessor::process done with response: %s", response);
+        LogUtil::Info(MODULE, "CMessageProcessor::process done with response: %s",
+                      out.empty() ? "" : response);
     } catch (...) {
         LogUtil::Error(MODULE, "CMessageProcessor::process error");
         kestrel::copyText(out, "FALSE - exception");

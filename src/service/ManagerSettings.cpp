@@ -15,6 +15,8 @@ namespace {
 
 constexpr const char* MODULE = "Manager";
 constexpr int MAX_PORT = 65535;
+// A profile that gives only the port has always had that many handles.
+constexpr int MAX_HANDLES = MAX_PORT;
 
 using Settings = CManagerLib::KestrelManagerSettings;
 
@@ -129,7 +131,7 @@ void readLogging(ProfileReader& profile, const char* defaultLogFile, BaseLogger:
 void readSections(ProfileReader& profile, Settings& settings) {
     if (profile.enter("WebServicesComm")) {
         profile.integerOrLast("PORT_NUMBER", settings.portNumber, MAX_PORT);
-        profile.integerOrLast("NUMBER_OF_SIMULTANEOUS_HANDLES", settings.numSimultaneousHandles, 1000);
+        profile.integerOrLast("NUMBER_OF_SIMULTANEOUS_HANDLES", settings.numSimultaneousHandles, MAX_HANDLES);
         int backlog = 0;
         if (profile.integer("LISTEN_BACKLOG", backlog) && backlog > 0)
             settings.listenBacklog = backlog;

@@ -14,9 +14,8 @@ constexpr const char* MODULE = "RequestMessages";
 constexpr int NO_REQUEST_TYPE = 10;
 
 // A failed call has left its answer in the response.
-bool moveAnswerToError(Message& message) {
+bool copyAnswerToError(Message& message) {
     kestrel::copyText(message.errorText, kestrel::fieldText(message.responseText));
-    message.responseText[0] = '\0';
     return false;
 }
 
@@ -84,13 +83,13 @@ bool CaptureRequest::process() {
     case JOB_BEGIN:
         return manager.AddCaptureJob(this, true) == 0;
     case JOB_ABORT:
-        return manager.StopJob(guid, responseText, ANSWER_SIZE) == 0 || moveAnswerToError(*this);
+        return manager.StopJob(guid, responseText, ANSWER_SIZE) == 0 || copyAnswerToError(*this);
     case JOB_LOGFILENAME:
         return manager.GetCaptureLogFilename(guid, responseText, ANSWER_SIZE) == 0 ||
-               moveAnswerToError(*this);
+               copyAnswerToError(*this);
     case JOB_LAST_LOG_ENTRIES:
         return manager.GetCaptureLastLogEntries(guid, responseText, ANSWER_SIZE) == 0 ||
-               moveAnswerToError(*this);
+               copyAnswerToError(*this);
     default:
         // Status and results are not answered here, deliberately: clients use the requests of that name.
         return manager.ValidateCaptureJob(this) == 0;
@@ -127,7 +126,7 @@ JobStatusRequest::JobStatusRequest(char args[][300], int count) : Message(JOB_ST
 
 bool JobStatusRequest::process() {
     return CManagerLib::GetInstance()->GetJobStatus(guid, responseText, ANSWER_SIZE) == 0 ||
-           moveAnswerToError(*this);
+           copyAnswerToError(*this);
 }
 
 JobResultsRequest::JobResultsRequest(char args[][300], int count) : Message(JOB_RESULTS_REQUEST) {
@@ -139,5 +138,5 @@ JobResultsRequest::JobResultsRequest(char args[][300], int count) : Message(JOB_
 
 bool JobResultsRequest::process() {
     return CManagerLib::GetInstance()->GetJobResults(guid, responseText, ANSWER_SIZE) == 0 ||
-           moveAnswerToError(*this);
+           copyAnswerToError(*this);
 }

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cerrno>
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
 namespace kestrel {
@@ -28,13 +29,13 @@ SignalPipe& signalPipe() {
 std::atomic<int> handlerEnd{-1};
 constexpr unsigned char END = 0;
 
-void writeNumber(unsigned char number) {
-    // A full pipe holds more signals than anyone needs to be told of.
-    [[maybe_unused]] const ssize_t written = write(handlerEnd.load(), &number, 1);
+bool writeNumber(unsigned char number) {
+    return write(handlerEnd.load(), &number, 1) == 1;
 }
 
 extern "C" void passOn(int signal) {
     const int saved = errno;
+    // A full pipe holds more signals than anyone needs to be told of.
     writeNumber(static_cast<unsigned char>(signal));
     errno = saved;
 }
@@ -59,7 +60,11 @@ SignalWatch::SignalWatch(std::initializer_list<int> signals, std::function<void(
 SignalWatch::~SignalWatch() {
     for (const auto& [signal, former] : m_former)
         sigaction(signal, &former, nullptr);
-    writeNumber(END);
+    // The end must not get lost behind a full pipe, which the thread empties meanwhile.
+    while (!writeNumber(END) && (errno == EAGAIN || errno == EINTR)) {
+        pollfd entry{handlerEnd.load(), POLLOUT, 0};
+        poll(&entry, 1, -1);
+    }
     m_thread.join();
 }
 

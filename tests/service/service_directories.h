@@ -1,4 +1,4 @@
-// A directory for the profile and the logs of one test.
+// A directory for the profile and the logs of one test, and a log that a test can read.
 #pragma once
 
 #include "foundation/FixedText.h"
@@ -11,6 +11,29 @@
 #include <gtest/gtest.h>
 #include <sstream>
 #include <string>
+
+// Collects what is logged while it lives, one "[module:level] text" a line. Read it only while no other
+// thread logs.
+class LogLines {
+public:
+    LogLines() { listen(); }
+    ~LogLines() { LogUtil::Cleanup(); }
+    LogLines(const LogLines&) = delete;
+    LogLines& operator=(const LogLines&) = delete;
+
+    [[nodiscard]] std::string text() const { return m_stream.str(); }
+
+private:
+    void listen() {
+        LogUtil::Cleanup();
+        LogUtil* const log = LogUtil::GetInstance();
+        log->setDefaultLogLevel(BaseLogger::Debug);
+        log->setShowTimestamp(false);
+        log->addStreamLogger(&m_stream);
+    }
+
+    std::ostringstream m_stream;
+};
 
 // Points the two globals at a fresh directory, and takes manager and loggers away afterwards.
 class ServiceDirectories : public testing::Test {
