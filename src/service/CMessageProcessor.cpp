@@ -36,10 +36,8 @@ std::unique_ptr<Message> createRequest(const char* line) {
     if (!split.withinBounds())
         return refuseOutOfBounds(split);
     Arguments arguments = {};
-    for (std::size_t i = 0; i < split.arguments.size(); ++i)
-        kestrel::copyText(arguments[i], split.arguments[i]);
-    return std::unique_ptr<Message>(
-        Message::createRequestMessage(arguments, static_cast<int>(split.arguments.size())));
+    const int count = CMessageProcessor::getArgumentList(line, arguments);
+    return std::unique_ptr<Message>(Message::createRequestMessage(arguments, count));
 }
 
 void answer(std::span<char> response, Message* message) {
@@ -58,6 +56,10 @@ void answer(std::span<char> response, Message* message) {
 }
 
 } // namespace
+
+int CMessageProcessor::getArgumentList(const char* line, char (*args)[300]) {
+    return cStringUtil::getArgumentList(line, args, SEPARATORS);
+}
 
 bool CMessageProcessor::process(char* request, char* response, int responseSize) {
     const std::span<char> out(response, responseSize > 0 ? static_cast<std::size_t>(responseSize) : 0);

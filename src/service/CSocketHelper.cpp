@@ -13,6 +13,8 @@
 namespace {
 
 constexpr const char* MODULE = "CSocketHelper";
+// Bytes that are read and dropped behind an over-long request.
+constexpr int MAX_DROPPED = 1 << 20;
 
 } // namespace
 
@@ -56,7 +58,18 @@ bool CSocketHelper::serveOneRequest() {
     LogUtil::Info(MODULE, "length of the m_Message: %d", static_cast<int>(std::strlen(m_Message)));
 
     char response[RESPONSE_SIZE] = {};
-    return m_processor->process(m_Message, response, RESPONSE_SIZE) && sendToSocket(response);
+    const bool served = m_processor->process(m_Message, response, RESPONSE_SIZE) && sendToSocket(response);
+    if (served && received == MAX_REQUEST)
+        dropRest();
+    return served;
+}
+
+// A socket that is closed with unread data resets the connection, and the client may lose its answer.
+void CSocketHelper::dropRest() const {
+    char rest[4096];
+    for (int i = 0; i < MAX_DROPPED / static_cast<int>(sizeof rest); ++i)
+        if (recv(m_socket, rest, sizeof rest, MSG_DONTWAIT) <= 0)
+            return;
 }
 
 bool CSocketHelper::sendToSocket(char* text) {
@@ -79,5 +92,5 @@ bool CSocketHelper::sendToSocket(char* text) {
 }
 
 void CSocketHelper::shutDown() const noexcept {
-    ::shutdown(m_socket, SHUT_RDWR);
+    ::shutdown(m_socket, SHUT_RD);
 }

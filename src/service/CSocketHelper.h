@@ -41,7 +41,8 @@ public:
     void readFromSocket() override;
     bool sendToSocket(char* text) override;
 
-    // Ends the connection from another thread: a waiting receive returns at once.
+    // Ends the reading from another thread: a waiting receive returns at once. An answer in the making is
+    // still sent.
     void shutDown() const noexcept;
 
     // The last request, trimmed.
@@ -49,6 +50,7 @@ public:
 
 private:
     bool serveOneRequest();
+    void dropRest() const;
 
     int m_socket;
     std::unique_ptr<IMessageProcessor> m_processor;

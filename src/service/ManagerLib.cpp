@@ -11,8 +11,12 @@
 #include "service/ServiceLimits.h"
 #include "service/SignalWatch.h"
 
+#include <atomic>
 #include <csignal>
 #include <ctime>
+#include <exception>
+#include <optional>
+#include <string>
 
 namespace {
 
@@ -20,8 +24,9 @@ constexpr const char* MODULE = "Manager";
 constexpr int FOREVER = -1;
 // So that the connection thread can send the answer to the stop request.
 constexpr time_t STOP_ANSWER_SECONDS = 2;
-// So that the main thread, woken by the shutdown, reads the shutdown flag before the instance goes.
+// Leaves those who were told of the end a moment before the instance goes.
 constexpr time_t CLEANUP_SECONDS = 1;
+constexpr const char* CALLBACK_NAME = "CManagerLib";
 
 void sleepSeconds(time_t seconds) {
     timespec left{seconds, 0};
@@ -29,10 +34,20 @@ void sleepSeconds(time_t seconds) {
     }
 }
 
-// One shutdown at a time; held while it runs, so that a second caller returns when the first is done.
-Mutex& shutdownMutex() {
+// One start or shutdown at a time: a signal that comes while the service starts ends it once it has started,
+// and a second caller of Shutdown returns when the first is done.
+Mutex& lifeMutex() {
     static Mutex* const mutex = new Mutex;
     return *mutex;
+}
+int lastShutdownResult = 0; // guarded by it
+
+// Whether a thread waits inside the instance, which must outlive the wait.
+std::atomic<bool> mainWaits{false};
+
+void letMainGo() {
+    mainWaits = false;
+    mainWaits.notify_all();
 }
 
 } // namespace
@@ -50,7 +65,17 @@ CManagerLib* CManagerLib::GetInstance() {
     return m_instance;
 }
 
+CManagerLib* CManagerLib::existingInstance() {
+    MutexLock lock(m_mutex);
+    return m_instance;
+}
+
 void CManagerLib::Cleanup() {
+    // Connection threads are joined before the lock is taken, which they may be waiting for.
+    if (CManagerLib* const instance = existingInstance(); instance != nullptr) {
+        instance->stopThreads();
+        CSocketManager::destroyInstance();
+    }
     MutexLock lock(m_mutex);
     delete m_instance;
     m_instance = nullptr;
@@ -67,6 +92,10 @@ CManagerLib::CManagerLib() : m_resourceMgr(ResourceMgr::GetResourceMgrInst()) {
 CManagerLib::~CManagerLib() {
     // Watching threads point at the queue's jobs.
     JobLauncher::StopWatching();
+    if (m_callbackLib != nullptr) {
+        std::string name = CALLBACK_NAME;
+        m_callbackLib->unregisterCallback(DATA_CALLBACK_VTR_CMD_REQUEST, name.data());
+    }
     ResourceMgr::Cleanup();
     EventWrapper::CleanupEvent(m_shutdownRequestEvent);
     EventWrapper::CleanupEvent(m_shutdownCompleteEvent);
@@ -82,7 +111,7 @@ int CManagerLib::startWork() {
 
     m_callbackLib = CallbackLib::initCallBackLib();
     m_callbackLib->registerCallback(DATA_CALLBACK_VTR_CMD_REQUEST, VTRCmdRequestCallbackFn,
-                                    &m_vtrCallbackBuffer, "CManagerLib", -1, this);
+                                    &m_vtrCallbackBuffer, CALLBACK_NAME, -1, this);
     if (m_settings.deckCtrlExe[0] != '\0')
         LogUtil::Error(MODULE, "Deck control is not available in this version: %s is not started.",
                        m_settings.deckCtrlExe);
@@ -112,6 +141,7 @@ int CManagerLib::Run() {
     CManagerLib* const instance = GetInstance();
     if (instance == nullptr)
         return -1;
+    MutexLock oneAtATime(lifeMutex());
     instance->run();
     return 0;
 }
@@ -122,8 +152,18 @@ int CManagerLib::RunCmdLine() {
     if (instance == nullptr)
         return -1;
     // Ends after everything below, so that no shutdown runs on while the process exits.
-    const kestrel::SignalWatch signals({SIGINT, SIGHUP, SIGTERM}, cmdLineExitHandler);
-    const int result = instance->runCmdLine();
+    std::optional<kestrel::SignalWatch> signals;
+    int result = -1;
+    {
+        MutexLock oneAtATime(lifeMutex());
+        try {
+            signals.emplace(std::initializer_list<int>{SIGINT, SIGHUP, SIGTERM}, cmdLineExitHandler);
+            result = instance->runCmdLine();
+        } catch (const std::exception& failure) {
+            LogUtil::Error(MODULE, "The service cannot start: %s", failure.what());
+        }
+        mainWaits = result == 0;
+    }
     if (result != 0) {
         Shutdown();
         return result;
@@ -134,12 +174,15 @@ int CManagerLib::RunCmdLine() {
 int CManagerLib::waitForEnd() {
     sem_t* events[2] = {m_shutdownCompleteEvent, m_shutdownRequestEvent};
     EventWrapper::WaitForMultipleEventSignals(2, events, false, FOREVER, false, nullptr);
-    // A signal's thread has run the shutdown; it destroys this object a second from now.
-    if (m_shutdown)
+    const bool shutDownBySignal = m_shutdown;
+    // From here on this object may be gone.
+    letMainGo();
+    if (shutDownBySignal)
         return 1;
     sleepSeconds(STOP_ANSWER_SECONDS);
     LogUtil::Info(MODULE, "Received Shutdown Request");
-    return Shutdown();
+    // A signal may have ended the service during the sleep; its result is this one's too.
+    return endInstance(true);
 }
 
 void CManagerLib::cmdLineExitHandler(int /*signal*/) {
@@ -147,24 +190,35 @@ void CManagerLib::cmdLineExitHandler(int /*signal*/) {
 }
 
 int CManagerLib::Shutdown() {
-    MutexLock oneAtATime(shutdownMutex());
+    return endInstance(existingInstance() != nullptr);
+}
+
+int CManagerLib::endInstance(bool wasRunning) {
+    MutexLock oneAtATime(lifeMutex());
     LogUtil::Info(MODULE, "Shutdown");
-    CManagerLib* instance = nullptr;
-    {
-        MutexLock lock(m_mutex);
-        instance = m_instance;
-    }
+    CManagerLib* const instance = existingInstance();
     if (instance == nullptr)
-        return -1;
-    const int result = instance->shutdown();
+        return wasRunning ? lastShutdownResult : -1;
+    lastShutdownResult = instance->shutdown();
     sleepSeconds(CLEANUP_SECONDS);
+    mainWaits.wait(true);
     Cleanup();
-    return result;
+    return lastShutdownResult;
 }
 
 int CManagerLib::shutdown() {
     LogUtil::Info(MODULE, "Shutting down KestrelManager");
     m_shutdown = true;
+    stopThreads();
+    LogUtil::Info(MODULE, "All KestrelManager threads exited");
+    CSocketManager::destroyInstance();
+    LogUtil::Info(MODULE, "Signal Shutdown Complete");
+    EventWrapper::SignalEvent(m_shutdownCompleteEvent);
+    return 0;
+}
+
+// Does nothing when nothing is being served.
+void CManagerLib::stopThreads() {
     if (CSocketManager* const server = CSocketManager::getInstance(); server != nullptr) {
         LogUtil::Info(MODULE, "Stopping SocketServer");
         server->stop();
@@ -175,11 +229,6 @@ int CManagerLib::shutdown() {
         LogUtil::Debug(MODULE, "Thread %d complete.", 0);
         m_incomingMessageThread.reset();
     }
-    LogUtil::Info(MODULE, "All KestrelManager threads exited");
-    CSocketManager::destroyInstance();
-    LogUtil::Info(MODULE, "Signal Shutdown Complete");
-    EventWrapper::SignalEvent(m_shutdownCompleteEvent);
-    return 0;
 }
 
 void CManagerLib::setShutdownEvent() {

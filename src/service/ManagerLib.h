@@ -66,7 +66,7 @@ public:
     // Ends the service for a signal. Runs on the thread that waits for signals, never in a handler.
     static void cmdLineExitHandler(int signal);
     // Ends the service and destroys the instance; -1 when there is none. Of several calls at once one does
-    // the work, and all return when it is done.
+    // the work, and all return its result when it is done.
     static int Shutdown();
     int shutdown();
     // Makes RunCmdLine end the service.
@@ -117,6 +117,9 @@ private:
     int launchCaptureJob(CaptureRequest& request, CaptureJob& job);
     CaptureJob* findCaptureJob(const char* guid);
     int waitForEnd();
+    void stopThreads();
+    static CManagerLib* existingInstance();
+    static int endInstance(bool wasRunning);
 
     KestrelManagerSettings m_settings{};
     std::atomic<bool> m_shutdown{false};

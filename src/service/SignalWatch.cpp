@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <poll.h>
+#include <system_error>
 #include <unistd.h>
 
 namespace kestrel {
@@ -45,6 +46,8 @@ extern "C" void passOn(int signal) {
 SignalWatch::SignalWatch(std::initializer_list<int> signals, std::function<void(int)> function)
     : m_function(std::move(function)) {
     handlerEnd = signalPipe().writeEnd;
+    if (handlerEnd < 0)
+        throw std::system_error(errno, std::generic_category(), "no pipe for signals");
     m_thread = std::thread([this] { watch(signalPipe().readEnd); });
     for (const int signal : signals) {
         struct sigaction action {};

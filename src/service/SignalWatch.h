@@ -15,6 +15,7 @@ namespace kestrel {
 // function that runs and restores the former dispositions. One at a time in a process.
 class SignalWatch {
 public:
+    // Throws std::system_error when there is no descriptor or no thread for it.
     SignalWatch(std::initializer_list<int> signals, std::function<void(int)> function);
     ~SignalWatch();
     SignalWatch(const SignalWatch&) = delete;

@@ -94,6 +94,22 @@ TEST_F(SocketServer, AnswersAndClosesTheConnection) {
     EXPECT_EQ(ping(connectTo(port)), "TRUE - ALIVE\n");
 }
 
+TEST_F(SocketServer, AnOverLongRequestIsAnsweredWithoutAReset) {
+    start(1);
+    for (int i = 0; i < 20; ++i) {
+        int ends[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+        const UniqueFd client(ends[0]);
+        // All of it has arrived before the server reads.
+        ASSERT_TRUE(sendText(client, "PING_SERVICE" + std::string(50'000, ' ')));
+        int slot = -1;
+        ASSERT_TRUE(server->createSocketHelper(slot, ends[1]));
+        EXPECT_EQ(receive(client), "TRUE - ALIVE\n") << i;
+        char byte = 0;
+        EXPECT_EQ(recv(client.get(), &byte, 1, 0), 0) << "an orderly end";
+    }
+}
+
 TEST_F(SocketServer, ThereIsNoneBeforeTheSetupAndAfterTheEnd) {
     EXPECT_EQ(CSocketManager::getInstance(), nullptr);
     CSocketManager::destroyInstance();
@@ -220,6 +236,10 @@ TEST_F(SocketServer, ConnectionsAreServedBesideOneAnother) {
 }
 
 TEST_F(SocketServer, ItsEndEndsLiveConnectionsAndTheirThreads) {
+    // A first round makes what lives as long as the process.
+    start(3);
+    EXPECT_EQ(ping(connectTo(port)), "TRUE - ALIVE\n");
+    stop();
     const long threadsBefore = threads();
     const long descriptorsBefore = descriptors();
     start(5);
