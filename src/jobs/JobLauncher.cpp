@@ -150,8 +150,12 @@ void* JobLauncher::doWork(void* threadData) {
     return nullptr;
 }
 
-void JobLauncher::StopWatching() {
-    WatchRegistry::instance().stopAll();
+void JobLauncher::StopWatching(bool forGood) {
+    WatchRegistry::instance().stopAll(forGood);
+}
+
+void JobLauncher::ResumeWatching() {
+    WatchRegistry::instance().reopen();
 }
 
 int JobLauncher::WatchingCount() {

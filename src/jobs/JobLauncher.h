@@ -52,8 +52,10 @@ public:
 
     // Ends all watching, for a manager that is about to delete its jobs: each worker that still runs is
     // logged and left running, its queues are removed, its job stays in its state. Returns when no watching
-    // thread touches a job any more. A later Launch is watched as usual.
-    static void StopWatching();
+    // thread touches a job any more. A later Launch is watched as usual, unless it is forGood:
+    // then its worker is left alone like the others, until ResumeWatching.
+    static void StopWatching(bool forGood = false);
+    static void ResumeWatching();
 
     // Workers being watched now.
     static int WatchingCount();

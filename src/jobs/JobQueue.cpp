@@ -7,6 +7,7 @@
 #include "foundation/QueueMessages.h"
 #include "jobs/CaptureJob.h"
 #include "resources/ResourceMgr.h"
+#include "verifier/VerifierJob.h"
 
 #include <algorithm>
 #include <fcntl.h>
@@ -152,6 +153,10 @@ CaptureReencodeJob* JobQueue::AddCaptureMezzanineJob(const CaptureReencodeJob& j
 }
 
 MpegNormalizeJob* JobQueue::AddMpegNormalizeJob(const MpegNormalizeJob& job) {
+    return cloneOffline(job);
+}
+
+VerifierJob* JobQueue::AddVerifierJob(const VerifierJob& job) {
     return cloneOffline(job);
 }
 

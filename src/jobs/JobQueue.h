@@ -20,6 +20,7 @@ class CaptureScheduledJob;
 class CaptureTimedJob;
 class CaptureVTRJob;
 class MpegNormalizeJob;
+class VerifierJob;
 
 // Jobs in order of insertion, with an index by GUID and by id that keeps the first match. Operations that
 // the table in the .cpp marks as "caller's lock" are called with m_mutex held, or on a queue that nobody
@@ -50,6 +51,7 @@ public:
     CaptureReencodeJob* AddCaptureReencodeJob(const CaptureReencodeJob& job);
     CaptureReencodeJob* AddCaptureMezzanineJob(const CaptureReencodeJob& job);
     MpegNormalizeJob* AddMpegNormalizeJob(const MpegNormalizeJob& job);
+    VerifierJob* AddVerifierJob(const VerifierJob& job);
     CaptureManualJob* AddCaptureManualJob(const CaptureManualJob& job);
     CaptureTimedJob* AddCaptureTimedJob(const CaptureTimedJob& job);
     CaptureRollingJob* AddCaptureRollingJob(const CaptureRollingJob& job);

@@ -14,7 +14,8 @@ WatchRegistry::Membership WatchRegistry::join() {
     MutexLock lock(m_mutex);
     if (!m_current) {
         m_current = std::make_shared<Generation>();
-        m_current->event.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+        m_current->event.reset(eventfd(m_closed ? 1 : 0, EFD_CLOEXEC | EFD_NONBLOCK));
+        m_current->stopped = m_closed;
     }
     ++m_current->members;
     ++m_count;
@@ -41,8 +42,9 @@ bool WatchRegistry::Membership::stopRequested() const noexcept {
     return m_generation->stopped;
 }
 
-void WatchRegistry::stopAll() {
+void WatchRegistry::stopAll(bool staysClosed) {
     MutexLock lock(m_mutex);
+    m_closed = staysClosed;
     const std::shared_ptr<Generation> ending = std::exchange(m_current, nullptr);
     if (!ending)
         return;
@@ -51,6 +53,14 @@ void WatchRegistry::stopAll() {
         eventfd_write(ending->event.get(), 1);
     while (ending->members > 0)
         pthread_cond_wait(&m_left, m_mutex.native());
+}
+
+void WatchRegistry::reopen() {
+    MutexLock lock(m_mutex);
+    m_closed = false;
+    // Its members are leaving; the next one begins a generation of its own.
+    if (m_current && m_current->stopped)
+        m_current.reset();
 }
 
 int WatchRegistry::count() {

@@ -11,7 +11,7 @@
 namespace kestrel {
 
 // Counts the threads that watch workers. Those that are members when stopAll is called are told to end; who
-// joins later is not.
+// joins later is not, unless stopAll was asked to keep the registry closed until it is reopened.
 class WatchRegistry {
     struct Generation;
 
@@ -40,8 +40,10 @@ public:
     static WatchRegistry& instance();
 
     Membership join();
-    // Tells all members to end and waits until they have.
-    void stopAll();
+    // Tells all members to end and waits until they have. When it stays closed, whoever joins later is told
+    // to end at once.
+    void stopAll(bool staysClosed);
+    void reopen();
     int count();
 
 private:
@@ -57,6 +59,7 @@ private:
     pthread_cond_t m_left = PTHREAD_COND_INITIALIZER;
     std::shared_ptr<Generation> m_current GUARDED_BY(m_mutex);
     int m_count GUARDED_BY(m_mutex) = 0; // members of all generations
+    bool m_closed GUARDED_BY(m_mutex) = false;
 };
 
 } // namespace kestrel

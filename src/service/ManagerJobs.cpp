@@ -112,37 +112,36 @@ int CManagerLib::ValidateCaptureJob(CaptureRequest* request) {
     return AddCaptureJob(request, false);
 }
 
-// Starts the queued job's worker. A job that cannot be started is an ERROR, whatever its first state was, and
-// client and job carry the reason.
 int CManagerLib::launchCaptureJob(CaptureRequest& request, CaptureJob& job) {
     const char* const commandLine = job.getCmdLine(m_settings.captureExe);
-    int result = 0;
-    if (const int reason = job.settingsErrno(); reason != 0) {
-        result = asCode(kestrel::error::fileNotOpened);
-        kestrel::formatText(request.errorText, "Error: Could not write settings file %s: errno %d (%s).",
-                            job.iniFilename, reason, std::strerror(reason));
-    } else {
-        result = JobLauncher::Launch(&job, commandLine, m_settings.heartbeatTimeoutSecs, false);
-        if (result == 0)
-            return 0;
-        if (result == asCode(kestrel::error::queueNotCreated))
-            kestrel::copyText(request.errorText, job.resultsText());
-        else if (result == asCode(kestrel::error::processNotLaunched))
-            kestrel::formatText(request.errorText, "Error: Could not launch process %s.",
-                                m_settings.captureExe);
-        else
-            kestrel::copyText(request.errorText, LOG_MSG(result));
-    }
+    const int reason = job.settingsErrno();
+    if (reason == 0)
+        return launchJob(job, m_settings.captureExe, commandLine, false, request.errorText);
+    kestrel::formatText(request.errorText, "Error: Could not write settings file %s: errno %d (%s).",
+                        job.iniFilename, reason, std::strerror(reason));
     LogUtil::Error(MODULE, "%s", request.errorText);
     job.setResults(request.errorText);
     job.finish(Job::ERROR);
-    return result;
+    return asCode(kestrel::error::fileNotOpened);
 }
 
-int CManagerLib::AddVerifierJob(VerifierRequest* request) {
-    kestrel::copyText(request->errorText, "Error: Verification is not available in this version.");
-    LogUtil::Error(MODULE, "%s", request->errorText);
-    return asCode(kestrel::error::mpegPropertyFailed);
+// Starts a job's worker. A job that cannot be started is an ERROR, whatever its first state was, and client
+// and job carry the reason.
+int CManagerLib::launchJob(Job& job, const char* program, const char* commandLine, bool wait,
+                           char (&errorText)[300]) {
+    const int result = JobLauncher::Launch(&job, commandLine, m_settings.heartbeatTimeoutSecs, wait);
+    if (result == 0)
+        return 0;
+    if (result == asCode(kestrel::error::queueNotCreated))
+        kestrel::copyText(errorText, job.resultsText());
+    else if (result == asCode(kestrel::error::processNotLaunched))
+        kestrel::formatText(errorText, "Error: Could not launch process %s.", program);
+    else
+        kestrel::copyText(errorText, LOG_MSG(result));
+    LogUtil::Error(MODULE, "%s", errorText);
+    job.setResults(errorText);
+    job.finish(Job::ERROR);
+    return result;
 }
 
 int CManagerLib::StopJob(const char* guid, char* out, int size) {

@@ -74,6 +74,7 @@ void CManagerLib::Cleanup() {
     // Connection threads are joined before the lock is taken, which they may be waiting for.
     if (CManagerLib* const instance = existingInstance(); instance != nullptr) {
         instance->stopThreads();
+        JobLauncher::StopWatching(true);
         CSocketManager::destroyInstance();
     }
     MutexLock lock(m_mutex);
@@ -91,7 +92,7 @@ CManagerLib::CManagerLib() : m_resourceMgr(ResourceMgr::GetResourceMgrInst()) {
 
 CManagerLib::~CManagerLib() {
     // Watching threads point at the queue's jobs.
-    JobLauncher::StopWatching();
+    JobLauncher::StopWatching(false);
     if (m_callbackLib != nullptr) {
         std::string name = CALLBACK_NAME;
         m_callbackLib->unregisterCallback(DATA_CALLBACK_VTR_CMD_REQUEST, name.data());
@@ -107,6 +108,7 @@ int CManagerLib::startWork() {
     EventWrapper::ResetEvent(m_shutdownRequestEvent);
     EventWrapper::ResetEvent(m_shutdownCompleteEvent);
     m_shutdown = false;
+    JobLauncher::ResumeWatching();
     kestrel::raiseServiceLimits();
 
     m_callbackLib = CallbackLib::initCallBackLib();
@@ -210,6 +212,8 @@ int CManagerLib::shutdown() {
     LogUtil::Info(MODULE, "Shutting down KestrelManager");
     m_shutdown = true;
     stopThreads();
+    // A connection that waits for its verification must not hold the shutdown.
+    JobLauncher::StopWatching(true);
     LogUtil::Info(MODULE, "All KestrelManager threads exited");
     CSocketManager::destroyInstance();
     LogUtil::Info(MODULE, "Signal Shutdown Complete");

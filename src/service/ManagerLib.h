@@ -17,6 +17,7 @@
 class CaptureJob;
 class CaptureRequest;
 class ResourceMgr;
+class VerifierJob;
 class VerifierRequest;
 
 // The directories of the profile and of the logs, with a trailing "/". Written before the first GetInstance.
@@ -115,6 +116,8 @@ private:
     std::unique_ptr<CaptureJob> makeCaptureJob(int type) const;
     CaptureJob* queueCaptureJob(CaptureJob& job);
     int launchCaptureJob(CaptureRequest& request, CaptureJob& job);
+    int launchJob(Job& job, const char* program, const char* commandLine, bool wait, char (&errorText)[300]);
+    int runVerification(VerifierRequest& request, VerifierJob& job);
     CaptureJob* findCaptureJob(const char* guid);
     int waitForEnd();
     void stopThreads();

@@ -367,10 +367,18 @@ TEST_F(ManagerJobs, AValidationQueuesNothingAndUsesNoNumber) {
     EXPECT_EQ(manager().jobQueue().nextId, next);
 }
 
-TEST_F(ManagerJobs, VerificationIsRefusedAsLongAsItIsNotThere) {
-    const auto message = request({"GET_MPEG_PROPERTIES", "JOB_BEGIN", "cafe", "/f.ts"});
-    EXPECT_NE(manager().AddVerifierJob(&as<VerifierRequest>(message)), 0);
-    EXPECT_STREQ(message->errorText, "Error: Verification is not available in this version.");
+TEST_F(ManagerJobs, AVerificationThatCannotBeIsRefusedWithItsReason) {
+    const auto refusal = [&](const std::string& file, const char* property) {
+        const auto message = request({"GET_MPEG_PROPERTIES", "JOB_BEGIN", "cafe", file.c_str(), property});
+        code = manager().AddVerifierJob(&as<VerifierRequest>(message));
+        return std::string(message->errorText);
+    };
+    EXPECT_EQ(refusal("/no/such/file.ts", "ALL"), "Error: file /no/such/file.ts could not be found.");
+    EXPECT_EQ(code, 10014);
+    EXPECT_EQ(refusal(profilePath(), "NONSENSE"), "Error: file " + profilePath() + " could not be found.");
+    writeProfile("<P/>");
+    EXPECT_EQ(refusal(profilePath(), "NONSENSE"), "Error: Invalid Mpeg Property.");
+    EXPECT_EQ(code, 10025);
     EXPECT_TRUE(manager().jobQueue().jobs.empty());
 }
 

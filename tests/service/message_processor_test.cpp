@@ -136,8 +136,9 @@ TEST_F(MessageProcessorTest, AFormatInARequestIsAText) {
 
 TEST_F(MessageProcessorTest, ADroppedModeFieldMakesBlockTheProperty) {
     // "GET_MPEG_PROPERTIES,JOB_BEGIN,guid,file,,BLOCK": see the arguments it comes to.
-    EXPECT_EQ(answer("GET_MPEG_PROPERTIES,JOB_BEGIN,guid,file,,BLOCK"),
-              "FALSE - Error: Verification is not available in this version.");
+    writeProfile("<P/>");
+    EXPECT_EQ(answer("GET_MPEG_PROPERTIES,JOB_BEGIN,guid," + profilePath() + ",,BLOCK"),
+              "FALSE - Error: Invalid Mpeg Property.");
     const kestrel::ArgumentSplit split =
         kestrel::splitArguments("GET_MPEG_PROPERTIES,JOB_BEGIN,guid,file,,BLOCK", ",");
     ASSERT_EQ(split.arguments.size(), 5U);
@@ -189,8 +190,6 @@ TEST_F(MessageProcessorTest, AQueuedJobAnswersItsStateAndResults) {
 }
 
 TEST_F(MessageProcessorTest, WhatIsNotThereYetSaysSo) {
-    EXPECT_EQ(answer("GET_MPEG_PROPERTIES,JOB_BEGIN,1,/f.ts"),
-              "FALSE - Error: Verification is not available in this version.");
     for (const char* line : {"VTR_CURRENT_TIME,COM1", "VTR_SEEKING,COM1", "VTR_CMD,COM1,0,Play"})
         EXPECT_EQ(answer(line), "FALSE - Error: Cannot send VTR command.  Send queue not available.");
 }

@@ -207,6 +207,11 @@ void ServiceUnderTest::setWorker(const std::string& options) {
     set("Capture", "EXE", options.empty() ? KESTREL_TEST_WORKER : KESTREL_TEST_WORKER " " + options);
 }
 
+void ServiceUnderTest::setVerifier(const std::string& options) {
+    set("Verifier", "EXE", KESTREL_TEST_WORKER " " + options);
+    set("Verifier", "REPORT_DIR", m_root.string() + "/");
+}
+
 void ServiceUnderTest::writeProfile() const {
     if (!m_profilePresent)
         return;

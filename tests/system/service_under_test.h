@@ -83,6 +83,8 @@ public:
     void removeProfile();
     // The capture worker of the profile: the scripted test worker with these options.
     void setWorker(const std::string& options);
+    // The same for the verifier, which writes its reports into the service's own directory.
+    void setVerifier(const std::string& options);
 
     // Starts "KestrelManager debug" and waits until it answers.
     void start();

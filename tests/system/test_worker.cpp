@@ -10,9 +10,11 @@
 //   --wait-cancel          wait for the cancel message (type 5)
 //   --wait-file FILE       wait until FILE exists
 //   --signal N             send itself a signal
+//   --verify FILE          write FILE as the verifier's report, where the service wants it
 //   --exit N               end with that code (default 0)
 //
-// and then, as the service adds them: -ini FILE -wq QUEUE -rq QUEUE -log FILE.
+// and then, as the service adds them: -ini FILE -wq QUEUE -rq QUEUE -log FILE, or for a verification
+// -r xml -report_dst DIR -report_name NAME [-duration S] -out_queue_name QUEUE -in_queue_name QUEUE -f FILE.
 #include "foundation/QueueMessages.h"
 
 #include <cstdio>
@@ -105,13 +107,21 @@ int main(int argc, char** argv) {
     std::string outName;
     std::string inName;
     Queues queues;
+    std::string reportDirectory;
+    std::string reportName;
     for (int i = 1; i < argc; ++i) {
         const std::string word = argv[i];
         const std::string value = word != "--wait-cancel" && i + 1 < argc ? argv[++i] : "";
-        if (word == "-wq")
+        if (word == "-wq" || word == "-out_queue_name")
             outName = value;
-        else if (word == "-rq")
+        else if (word == "-rq" || word == "-in_queue_name")
             inName = value;
+        else if (word == "-report_dst")
+            reportDirectory = value;
+        else if (word == "-report_name")
+            reportName = value;
+        else if (word == "-r" || word == "-duration" || word == "-f")
+            continue;
         else if (word == "-log")
             queues.log = value;
         else if (word != "-ini")
@@ -138,6 +148,9 @@ int main(int argc, char** argv) {
         } else if (action == "--write") {
             const auto [file, text] = splitAtColon(value);
             std::ofstream(file) << text << '\n';
+        } else if (action == "--verify") {
+            std::filesystem::copy_file(value, reportDirectory + reportName,
+                                       std::filesystem::copy_options::overwrite_existing);
         } else if (action == "--sleep") {
             sleepMs(std::atol(value.c_str()));
         } else if (action == "--wait-cancel") {

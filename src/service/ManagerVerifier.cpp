@@ -1,0 +1,49 @@
+// The verifications: run at once for a client that waits, or queued like any other job.
+#include "foundation/ErrorCodes.h"
+#include "foundation/FixedText.h"
+#include "jobs/JobLauncher.h"
+#include "service/ManagerLib.h"
+#include "service/RequestMessages.h"
+#include "verifier/VerifierJob.h"
+
+#include <memory>
+
+int CManagerLib::AddVerifierJob(VerifierRequest* request) {
+    VerifierJob job(request->fileName, m_settings.reportDir, request->guid, request->propertyName,
+                    m_settings.quickPropertiesDurationSecs, request->blocking, request->xmlOutput,
+                    request->optionText, m_settings.numAudios, m_settings.audioPlaceholderValue);
+    if (const int result = job.validate(); result != 0) {
+        kestrel::copyText(request->errorText, job.resultsText());
+        return result;
+    }
+    if (job.property < VerifierJob::SHORT_PROPERTIES || request->blocking)
+        return runVerification(*request, job);
+    VerifierJob* const queued = m_jobQueue.AddVerifierJob(job);
+    queued->setGuid(request->guid);
+    return launchJob(*queued, m_settings.verifierExe, queued->getCmdLine(m_settings.verifierExe), false,
+                     request->errorText);
+}
+
+// Outside the queue, on the connection's thread, until the worker has ended.
+int CManagerLib::runVerification(VerifierRequest& request, VerifierJob& job) {
+    job.setId(m_jobQueue.incNextId());
+    job.setGuid(request.guid);
+    if (const int result = launchJob(job, m_settings.verifierExe, job.getCmdLine(m_settings.verifierExe),
+                                     true, request.errorText);
+        result != 0)
+        return result;
+    if (job.state() == Job::COMPLETE) {
+        const int result = job.getJobResults(request.responseText, Message::ANSWER_SIZE);
+        if (result != 0)
+            kestrel::copyText(request.errorText, kestrel::fieldText(request.responseText));
+        return result;
+    }
+    if (job.state() == Job::ERROR) {
+        const int result = job.getJobResults(request.errorText, sizeof request.errorText);
+        // Whatever its report says: a worker that failed has not verified the file.
+        return result != 0 ? result : static_cast<int>(kestrel::error::mpegPropertyFailed);
+    }
+    // Silent for too long, or the service is ending: nobody knows the answer.
+    kestrel::copyText(request.errorText, LOG_MSG(kestrel::error::jobTimeout));
+    return static_cast<int>(kestrel::error::jobTimeout);
+}

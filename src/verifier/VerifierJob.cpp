@@ -1,0 +1,223 @@
+#include "verifier/VerifierJob.h"
+
+#include "foundation/ErrorCodes.h"
+#include "foundation/FileUtil.h"
+#include "foundation/FixedText.h"
+#include "foundation/StringUtil.h"
+#include "verifier/VerifierXml.h"
+
+#include <algorithm>
+#include <cstring>
+#include <iterator>
+#include <span>
+#include <string>
+#include <string_view>
+
+const char* const VerifierJob::PropertyNameStr[PROPERTY_COUNT] = {
+    "QUICK",
+    "VIDEO_ENCODING",
+    "VIDEO_RESOLUTION",
+    "VIDEO_ASPECT_RATIO",
+    "TRANSPORT_RATE",
+    "DROP_FRAME",
+    "VIDEO_PID",
+    "PCR_PID",
+    "PMT_PID",
+    "IS_HD",
+    "VIDEO_FRAME_RATE",
+    "IS_CC",
+    "GOP_STRUCTURE",
+    "VARIABLE_GOPS",
+    "VIDEO_RATE",
+    "GOP_LENGTH",
+    "QUADBYTEALIGNED",
+    "IS_MPEG2",
+    "IS_MPEG4",
+    "AUDIO_MODES",
+    "ALL",
+    "RUNTIME",
+    "VIDEO_CBR",
+    "NEEDS_REENCODING",
+    "VALIDATION_ERRORS",
+};
+
+const char* const VerifierJob::ValidationErrorEnabledStr[RULE_COUNT] = {
+    "File_isMpeg2",
+    "PMTPid_480",
+    "PCRPid_481",
+    "VideoPid_481",
+    "GOPLength_FPS24_12",
+    "GOPLength_FPSnot24_15",
+    "GOPStructure_IBBP",
+    "SD_Resolution_352x480_or_528x480",
+    "Mpeg2SD_QuadByteAligned",
+    "SD_TxRate_3p75Mbs",
+    "SD_VidBR_3p18Mbs",
+    "HD_TxRate_19Mbs",
+    "HD_VidBR_18p1Mbs",
+    "Audio_FirstPid_482",
+    "Audio_PidsIncBy1",
+    "AudioRate_192or384Kbps",
+    "AudioRate_DD5p1_384Kbps",
+    "AC3_AudioSamplingRate_48kHz",
+    "Audio_isAC3",
+};
+
+namespace {
+
+std::span<char> buffer(char* out, int size) {
+    return {out, out != nullptr && size > 0 ? static_cast<std::size_t>(size) : 0};
+}
+
+template <std::size_t Count>
+int indexOf(const char* const (&names)[Count], const char* name) {
+    if (name == nullptr)
+        return -1;
+    const auto found = std::find_if(std::begin(names), std::end(names),
+                                    [&](const char* n) { return std::strcmp(n, name) == 0; });
+    return found == std::end(names) ? -1 : static_cast<int>(found - std::begin(names));
+}
+
+// The launcher splits the command line at blanks: a text with one needs quotes.
+std::string argument(const char* text) {
+    const std::string plain(text);
+    return plain.find(' ') == std::string::npos ? plain : '"' + plain + '"';
+}
+
+} // namespace
+
+VerifierJob::VerifierJob() : Job(static_cast<unsigned long>(-1), VERIFIER_JOB, CREATED) {
+    std::fill(std::begin(validationErrorEnabled), std::end(validationErrorEnabled), true);
+}
+
+VerifierJob::VerifierJob(const char* file, const char* directory, const char* guidText,
+                         const char* propertyName, int seconds, bool isBlocking, bool returnXml,
+                         const char* disabledRules, int audios, const char* placeholder)
+    : Job(static_cast<unsigned long>(-1), VERIFIER_JOB, CREATED), property(getPropertyName(propertyName)),
+      duration(seconds), blocking(isBlocking), returnReportXml(returnXml), numAudios(audios) {
+    kestrel::copyText(fileName, file);
+    kestrel::copyText(reportDir, directory);
+    kestrel::copyText(audioPlaceholder, placeholder);
+    setGuid(guidText);
+    setReportFilename();
+    std::fill(std::begin(validationErrorEnabled), std::end(validationErrorEnabled), true);
+    if (disabledRules != nullptr && *disabledRules != '\0')
+        setValidationErrorFlags(disabledRules);
+}
+
+VerifierJob::VerifierJob(const VerifierJob& other) : Job(other) {
+    copyFields(other);
+}
+
+VerifierJob& VerifierJob::operator=(const VerifierJob& other) {
+    if (this == &other)
+        return *this;
+    Job::operator=(other);
+    copyFields(other);
+    return *this;
+}
+
+VerifierJob::~VerifierJob() = default;
+
+void VerifierJob::copyFields(const VerifierJob& other) {
+    kestrel::copyText(fileName, kestrel::fieldText(other.fileName));
+    kestrel::copyText(reportDir, kestrel::fieldText(other.reportDir));
+    kestrel::copyText(audioPlaceholder, kestrel::fieldText(other.audioPlaceholder));
+    property = other.property;
+    duration = other.duration;
+    blocking = other.blocking;
+    returnReportXml = other.returnReportXml;
+    numAudios = other.numAudios;
+    std::copy(std::begin(other.validationErrorEnabled), std::end(other.validationErrorEnabled),
+              std::begin(validationErrorEnabled));
+    setReportFilename();
+}
+
+VerifierJob* VerifierJob::clone() const {
+    return new VerifierJob(*this);
+}
+
+int VerifierJob::getPropertyName(const char* name) {
+    return indexOf(PropertyNameStr, name);
+}
+
+int VerifierJob::getValidationErrorFlag(const char* name) {
+    return indexOf(ValidationErrorEnabledStr, name);
+}
+
+void VerifierJob::setValidationErrorFlags(const char* list) {
+    std::string_view rest(list == nullptr ? "" : list);
+    while (!rest.empty()) {
+        const std::size_t end = std::min(rest.find(';'), rest.size());
+        if (const int rule = getValidationErrorFlag(std::string(rest.substr(0, end)).c_str()); rule >= 0)
+            validationErrorEnabled[rule] = false;
+        rest.remove_prefix(std::min(end + 1, rest.size()));
+    }
+}
+
+void VerifierJob::setReportFilename() {
+    kestrel::formatText(reportFilename, "%s%s-%s.report.xml", reportDir, guidStr,
+                        cStringUtil::getStrippedFilename(fileName));
+}
+
+int VerifierJob::validate() {
+    long code = 0;
+    char text[sizeof results] = "";
+    if (fileName[0] == '\0')
+        kestrel::copyText(text, LOG_MSG(code = kestrel::error::noSourceFile));
+    else if (!cFileUtil::FileExists(fileName))
+        kestrel::formatText(text, LOG_MSG(code = kestrel::error::fileNotFound), fileName);
+    else if (reportDir[0] == '\0')
+        kestrel::copyText(text, LOG_MSG(code = kestrel::error::noOutputFile));
+    else if (property == -1)
+        kestrel::copyText(text, LOG_MSG(code = kestrel::error::invalidMpegProperty));
+    if (code != 0)
+        setResults(text);
+    return static_cast<int>(code);
+}
+
+const char* VerifierJob::getCmdLine(const char* exe) {
+    // The profile may give options behind the program.
+    std::string line = cStringUtil::cValue(exe);
+    line += " -r xml -report_dst " + argument(reportDir);
+    line += " -report_name " + argument(cStringUtil::getStrippedFilename(reportFilename));
+    if (property < SHORT_PROPERTIES)
+        line += " -duration " + std::to_string(duration);
+    line += std::string(" -out_queue_name ") + jobUpdateQueueName + " -in_queue_name " + mgrQueueName;
+    line += " -f " + argument(fileName);
+    MutexLock lock(m_statusMutex);
+    kestrel::copyText(cmdLine, line);
+    return cmdLine;
+}
+
+int VerifierJob::getJobResults(char* out, int capacity) {
+    const std::span<char> answer = buffer(out, capacity);
+    kestrel::copyText(answer, "");
+    const int code = readAnswer(out, capacity);
+    if (code == 0)
+        return 0;
+    kestrel::copyText(answer, LOG_MSG(code));
+    // What the worker said of its failure is the reason why there is no report.
+    if (const std::string reason = resultsText(); !reason.empty())
+        kestrel::appendText(answer, " " + reason);
+    return code;
+}
+
+int VerifierJob::readAnswer(char* out, int capacity) {
+    if (returnReportXml) {
+        kestrel::copyText(buffer(out, capacity), reportFilename);
+        return 0;
+    }
+    switch (property) {
+    case 0:
+        return getMpegPropertiesQuick(out, capacity);
+    case 19:
+        return getAudioModes(out, capacity);
+    case 20:
+        return getMpegProperties(out, capacity);
+    case 24:
+        return getValidationErrors(out, capacity);
+    default:
+        return singleAnswer(out, capacity);
+    }
+}

@@ -1,0 +1,78 @@
+// The job that checks one transport-stream file against the delivery specification.
+#pragma once
+
+#include "jobs/Job.h"
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+class VerifierXml;
+
+// Built from a request, run by the verifier worker, answered from the worker's report.
+class VerifierJob : public Job {
+public:
+    static constexpr int PROPERTY_COUNT = 25;
+    static constexpr int RULE_COUNT = 19;
+    // Properties below this one are short analyses: the worker reads only the first seconds, and the manager
+    // waits for it.
+    static constexpr int SHORT_PROPERTIES = 20;
+
+    // Names of properties and rules; the index is the code.
+    static const char* const PropertyNameStr[PROPERTY_COUNT];
+    static const char* const ValidationErrorEnabledStr[RULE_COUNT];
+
+    VerifierJob();
+    // duration: seconds that a short analysis reads. disabledRules: names of rules, separated by ";".
+    // numAudios: audio groups that every property list shows, with audioPlaceholder where the file has none.
+    VerifierJob(const char* fileName, const char* reportDir, const char* guid, const char* propertyName,
+                int duration, bool blocking, bool returnReportXml, const char* disabledRules, int numAudios,
+                const char* audioPlaceholder);
+    VerifierJob(const VerifierJob& other);
+    VerifierJob& operator=(const VerifierJob& other);
+    ~VerifierJob() override;
+
+    VerifierJob* clone() const override;
+    // 0; 10013 without a file name, 10014 when there is no such file, 10012 without a report directory, 10025
+    // for an unknown property. The text is in results.
+    int validate() override;
+    const char* getCmdLine(const char* exe) override;
+    // The answer from the report: a value, a list of name=value pairs that each end in a tab, the
+    // validation errors (empty: the file passed), or the report's path. 0, or 10026 with its text in out.
+    int getJobResults(char* out, int capacity) override;
+
+    // Index of the exact name, -1 when there is none.
+    static int getPropertyName(const char* name);
+    static int getValidationErrorFlag(const char* name);
+    // Switches the named rules off; unknown names are ignored.
+    void setValidationErrorFlags(const char* list);
+    // reportDir, GUID, "-", the file's name without directories, ".report.xml".
+    void setReportFilename();
+
+    // The lists that getJobResults is made of, each from the report as it is now. 0, or 10026.
+    int getMpegPropertiesQuick(char* out, int capacity);
+    int getMpegProperties(char* out, int capacity);
+    int getAudioModes(char* out, int capacity);
+    int getValidationErrors(char* out, int capacity);
+    // Appends the audio groups at length, which moves on.
+    void getAudioInfo(VerifierXml& report, char* out, int capacity, int& length);
+    // Appends "name=value" and a tab at length, which moves on. A null value and a pair without room are left
+    // out.
+    static void pushProperty(const char* name, const char* value, char* out, int capacity, int& length);
+
+    char fileName[261] = {};
+    char reportDir[261] = {};
+    char reportFilename[600] = {};
+    std::int32_t property = -1; // index into PropertyNameStr; -1: unknown
+    std::int32_t duration = 0;  // seconds
+    bool blocking = false;
+    bool returnReportXml = false;
+    bool validationErrorEnabled[RULE_COUNT];
+    std::int32_t numAudios = 0;
+    char audioPlaceholder[260] = {};
+
+private:
+    int readAnswer(char* out, int capacity);
+    int singleAnswer(char* out, int capacity);
+    void copyFields(const VerifierJob& other);
+};

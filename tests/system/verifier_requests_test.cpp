@@ -1,0 +1,178 @@
+// Verifications over the protocol, with a verifier that does what the test says.
+#include "system/service_under_test.h"
+
+#include <chrono>
+#include <fstream>
+#include <future>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using namespace kestrel::test;
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+
+namespace {
+
+constexpr const char* GUID = "0123456789abcdef0123456789abcdef";
+constexpr const char* REPORT =
+    "<Report><Media><SystemInformation><PMTTable><Pid value='480'/><PcrPid value='481'/></PMTTable>"
+    "</SystemInformation><VideoStream><Pid value='481'/><VideoResolution "
+    "value='1920x1080'/></VideoStream></Media>"
+    "<MediaSummary><AssetDuration value='00:00:10:00'/></MediaSummary></Report>";
+
+class VerifierRequests : public testing::Test {
+protected:
+    VerifierRequests() {
+        file = (service.root() / "asset.ts").string();
+        std::ofstream(file) << "packets";
+        prepared = (service.root() / "prepared.xml").string();
+        std::ofstream(prepared) << REPORT;
+        service.set("MPEGProperties", "NUM_AUDIOS", "0");
+    }
+
+    void start(const std::string& verifierOptions) {
+        service.setVerifier(verifierOptions);
+        service.start();
+    }
+    std::string verify(const std::string& rest) const {
+        return service.ask(std::string("GET_MPEG_PROPERTIES,JOB_BEGIN,") + GUID + "," + file + rest);
+    }
+    [[nodiscard]] std::string reportPath() const {
+        return service.root().string() + "/" + GUID + "-asset.ts.report.xml";
+    }
+
+    ServiceUnderTest service;
+    std::string file;
+    std::string prepared;
+};
+
+constexpr const char* NO_PROPERTY = "FALSE - Error: Failed to get requested Mpeg Property.";
+
+TEST_F(VerifierRequests, ASinglePropertyIsAnsweredAtOnceAndQueuesNothing) {
+    start("--verify " + prepared);
+    EXPECT_EQ(verify(",VIDEO_PID"), "TRUE - 481");
+    EXPECT_EQ(verify(",IS_HD"), "TRUE - TRUE");
+    EXPECT_EQ(service.ask(std::string("JOB_STATUS,") + GUID),
+              std::string("FALSE - Error: Invalid job GUID ") + GUID + ".");
+    EXPECT_THAT(service.log(),
+                HasSubstr("-r xml -report_dst " + service.root().string() + "/ -report_name " + GUID +
+                          "-asset.ts.report.xml -duration 20 -out_queue_name "
+                          "/job_update_q_0 -in_queue_name /mgr_msg_q_0 -f " +
+                          file));
+}
+
+TEST_F(VerifierRequests, TheDefaultIsAllInTheQueue) {
+    start("--verify " + prepared);
+    EXPECT_EQ(verify(""), "TRUE");
+    EXPECT_EQ(service.waitForState(GUID, "COMPLETE"), "TRUE - COMPLETE");
+    EXPECT_THAT(service.ask(std::string("JOB_RESULTS,") + GUID),
+                StartsWith("TRUE - ENCODING=MPEG2\tRESOLUTION=1920x1080\tRUNTIME=00:00:10:00\t"));
+    EXPECT_THAT(service.log(), Not(HasSubstr("-duration")));
+}
+
+TEST_F(VerifierRequests, AQueuedVerificationStaysQueuedWhileItsWorkerRuns) {
+    const std::string go = service.root() / "go";
+    start("--wait-file " + go + " --verify " + prepared);
+    EXPECT_EQ(verify(",RUNTIME"), "TRUE");
+    EXPECT_EQ(service.ask(std::string("JOB_STATUS,") + GUID), "TRUE - QUEUED");
+    EXPECT_EQ(service.ask(std::string("JOB_RESULTS,") + GUID), NO_PROPERTY) << "no report yet";
+    std::ofstream(go) << "go";
+    service.waitForState(GUID, "COMPLETE");
+    EXPECT_EQ(service.ask(std::string("JOB_RESULTS,") + GUID), "TRUE - 00:00:10:00");
+}
+
+TEST_F(VerifierRequests, ABlockingRequestWaitsForTheAnswer) {
+    start("--sleep 200 --verify " + prepared);
+    EXPECT_EQ(verify(",RUNTIME,BLOCK"), "TRUE - 00:00:10:00");
+    EXPECT_EQ(verify(",VALIDATION_ERRORS,BLOCK,GOPLength_FPS24_12;GOPStructure_IBBP"), "TRUE");
+    EXPECT_EQ(verify(",VALIDATION_ERRORS,BLOCK,GOPLength_FPS24_12"),
+              "TRUE - The GOP structure must be IBBP.\t");
+}
+
+TEST_F(VerifierRequests, ForXmlTheAnswerIsTheReportsPath) {
+    start("--verify " + prepared);
+    EXPECT_EQ(verify(",ALL,XML"), "TRUE - " + reportPath());
+    EXPECT_TRUE(std::filesystem::exists(reportPath()));
+}
+
+TEST_F(VerifierRequests, AnEmptyFifthFieldIsDroppedAndBlockIsNoProperty) {
+    start("--verify " + prepared);
+    EXPECT_EQ(verify(",,BLOCK"), "FALSE - Error: Invalid Mpeg Property.");
+}
+
+TEST_F(VerifierRequests, AFileThatIsNotThereIsNamed) {
+    start("--verify " + prepared);
+    std::filesystem::remove(file);
+    EXPECT_EQ(verify(",VIDEO_PID"), "FALSE - Error: file " + file + " could not be found.");
+}
+
+TEST_F(VerifierRequests, WithoutAReportTheAnswerSaysSo) {
+    start("");
+    EXPECT_EQ(verify(",VIDEO_PID"), NO_PROPERTY);
+    EXPECT_EQ(verify(",ALL,BLOCK"), NO_PROPERTY);
+}
+
+TEST_F(VerifierRequests, APropertyThatTheReportLacksFails) {
+    start("--verify " + prepared);
+    EXPECT_EQ(verify(",GOP_LENGTH"), NO_PROPERTY);
+}
+
+TEST_F(VerifierRequests, AWorkerThatFailedIsNeverAnsweredTrue) {
+    start("--verify " + prepared + " --exit 3");
+    EXPECT_EQ(verify(",VIDEO_PID"), "FALSE - 481");
+    EXPECT_EQ(verify(",ALL"), "TRUE") << "begun";
+    EXPECT_EQ(service.waitForState(GUID, "ERROR"), "TRUE - ERROR");
+}
+
+TEST_F(VerifierRequests, TheWorkersReasonReachesTheClient) {
+    start("--say 7:unreadable --exit 1");
+    EXPECT_EQ(verify(",VIDEO_PID"), std::string(NO_PROPERTY) + " unreadable");
+}
+
+TEST_F(VerifierRequests, AVerifierThatIsNotThereFails) {
+    service.set("Verifier", "EXE", "/no/such/verifier");
+    service.start();
+    EXPECT_EQ(verify(",VIDEO_PID"), NO_PROPERTY);
+    EXPECT_THAT(service.log(), HasSubstr("exited with code 255"));
+}
+
+TEST_F(VerifierRequests, ASilentVerifierIsATimeout) {
+    service.set("Job", "HEARTBEAT_TIMEOUT_SECS", "1");
+    const std::string go = service.root() / "go";
+    start("--wait-file " + go + " --verify " + prepared);
+    EXPECT_EQ(verify(",VIDEO_PID"), "FALSE - Error: Timeout waiting for job to complete.");
+    std::ofstream(go) << "go";
+}
+
+TEST_F(VerifierRequests, AShutdownDoesNotWaitForAVerification) {
+    const std::string go = service.root() / "go";
+    start("--wait-file " + go + " --verify " + prepared);
+    auto answer = std::async(std::launch::async, [&] { return verify(",VIDEO_PID"); });
+    ASSERT_TRUE(service.waitForLog("Launching Job command"));
+    const Ended ended = service.stop();
+    EXPECT_EQ(ended.code, 0);
+    EXPECT_EQ(answer.get(), "FALSE - Error: Timeout waiting for job to complete.");
+    std::ofstream(go) << "go";
+}
+
+TEST_F(VerifierRequests, OtherClientsAreServedWhileOneWaits) {
+    const std::string go = service.root() / "go";
+    start("--wait-file " + go + " --verify " + prepared);
+    auto answer = std::async(std::launch::async, [&] { return verify(",VIDEO_PID"); });
+    ASSERT_TRUE(service.waitForLog("Launching Job command"));
+    EXPECT_EQ(service.ask("PING_SERVICE"), "TRUE - ALIVE");
+    std::ofstream(go) << "go";
+    EXPECT_EQ(answer.get(), "TRUE - 481");
+}
+
+TEST_F(VerifierRequests, AVerificationHasNoLog) {
+    start("--verify " + prepared);
+    verify(",ALL");
+    service.waitForState(GUID, "COMPLETE");
+    const std::string expected = std::string("FALSE - Error: Invalid job GUID ") + GUID + ".";
+    EXPECT_EQ(service.ask(std::string("CAPTURE,JOB_LOGFILENAME,") + GUID), expected);
+    EXPECT_EQ(service.ask(std::string("CAPTURE,JOB_LAST_LOG_ENTRIES,") + GUID), expected);
+}
+
+} // namespace
