@@ -17,6 +17,7 @@
 #include <exception>
 #include <optional>
 #include <string>
+#include <sys/eventfd.h>
 
 namespace {
 
@@ -55,7 +56,9 @@ void letMainGo() {
 CManagerLib* CManagerLib::m_instance = nullptr;
 Mutex CManagerLib::m_mutex;
 Mutex CManagerLib::m_vtrMsgMutex;
+Mutex CManagerLib::m_vtrResponseMutex;
 sem_t* CManagerLib::m_hVtrMsgEvent = nullptr;
+_VTRCmdData* CManagerLib::m_vtrCmdResponse = nullptr;
 char CManagerLib::m_kestrelMgrSettingsFname[260] = "";
 
 CManagerLib* CManagerLib::GetInstance() {
@@ -73,9 +76,10 @@ CManagerLib* CManagerLib::existingInstance() {
 void CManagerLib::Cleanup() {
     // Connection threads are joined before the lock is taken, which they may be waiting for.
     if (CManagerLib* const instance = existingInstance(); instance != nullptr) {
+        instance->m_shutdown = true;
         instance->stopThreads();
-        JobLauncher::StopWatching(true);
         CSocketManager::destroyInstance();
+        instance->EndVTRProcess();
     }
     MutexLock lock(m_mutex);
     delete m_instance;
@@ -114,9 +118,14 @@ int CManagerLib::startWork() {
     m_callbackLib = CallbackLib::initCallBackLib();
     m_callbackLib->registerCallback(DATA_CALLBACK_VTR_CMD_REQUEST, VTRCmdRequestCallbackFn,
                                     &m_vtrCallbackBuffer, CALLBACK_NAME, -1, this);
-    if (m_settings.deckCtrlExe[0] != '\0')
-        LogUtil::Error(MODULE, "Deck control is not available in this version: %s is not started.",
-                       m_settings.deckCtrlExe);
+    if (m_settings.deckCtrlExe[0] != '\0') {
+        if (const int code = LaunchVTRProcess(); code != 0)
+            return code;
+        pthread_t responses{};
+        if (createPosixThread(&responses, vtrResponseThread, this) != 0)
+            return -1;
+        m_vtrResponseThread = responses;
+    }
 
     CSocketManager* const server =
         CSocketManager::SetupSocketServer(static_cast<unsigned short>(m_settings.portNumber),
@@ -212,10 +221,12 @@ int CManagerLib::shutdown() {
     LogUtil::Info(MODULE, "Shutting down KestrelManager");
     m_shutdown = true;
     stopThreads();
-    // A connection that waits for its verification must not hold the shutdown.
-    JobLauncher::StopWatching(true);
     LogUtil::Info(MODULE, "All KestrelManager threads exited");
     CSocketManager::destroyInstance();
+    if (m_settings.deckCtrlExe[0] != '\0') {
+        LogUtil::Info(MODULE, "Ending VTR Process");
+        EndVTRProcess();
+    }
     LogUtil::Info(MODULE, "Signal Shutdown Complete");
     EventWrapper::SignalEvent(m_shutdownCompleteEvent);
     return 0;
@@ -227,12 +238,21 @@ void CManagerLib::stopThreads() {
         LogUtil::Info(MODULE, "Stopping SocketServer");
         server->stop();
     }
-    if (m_incomingMessageThread) {
-        LogUtil::Debug(MODULE, "Waiting for thread %d.", 0);
-        joinPosixThread(*m_incomingMessageThread, nullptr);
-        LogUtil::Debug(MODULE, "Thread %d complete.", 0);
-        m_incomingMessageThread.reset();
+    if (m_vtrWake.valid())
+        eventfd_write(m_vtrWake.get(), 1);
+    int index = 0;
+    for (std::optional<pthread_t>* thread : {&m_incomingMessageThread, &m_vtrResponseThread}) {
+        if (*thread) {
+            LogUtil::Debug(MODULE, "Waiting for thread %d.", index);
+            joinPosixThread(**thread, nullptr);
+            LogUtil::Debug(MODULE, "Thread %d complete.", index);
+            thread->reset();
+        }
+        ++index;
     }
+    // Connections that wait for a deck or for a verification must not hold the end.
+    failPendingVtrRequest("Error: The service is shutting down.");
+    JobLauncher::StopWatching(true);
 }
 
 void CManagerLib::setShutdownEvent() {

@@ -5,7 +5,9 @@
 #include "foundation/Logger.h"
 #include "foundation/Mutex.h"
 #include "foundation/QueueMessages.h"
+#include "foundation/UniqueFd.h"
 #include "jobs/JobQueue.h"
+#include "service/DeckProcess.h"
 
 #include <atomic>
 #include <cstdint>
@@ -13,6 +15,7 @@
 #include <optional>
 #include <pthread.h>
 #include <semaphore.h>
+#include <string>
 
 class CaptureJob;
 class CaptureRequest;
@@ -93,9 +96,18 @@ public:
     // Body of the incoming-message thread: the socket server's accept loop.
     static void* incomingMessageThread(void* socketManager);
 
-    // Deck control, which this version does not have: commands are refused with a text in the record.
+    // Deck control. Makes the two queues and starts the process: 0, 10028, or 10036 (the queues stay).
+    int LaunchVTRProcess();
+    // Asks the process to end, ends it after 10 s, and removes the queues. Always 0.
+    int EndVTRProcess();
+    // Body of the response thread: passes answers on and keeps the process running.
+    static void* vtrResponseThread(void* manager);
+    // A worker's request, as the registry brings it (the context is the manager).
     static void VTRCmdRequestCallbackFn(CallbackLib::_Data* data);
+    // Sends a request to the process without waiting; a failure is logged.
     void handleVTRCmdRequest(_VTRCmdData record);
+    // Sends a client's request and waits at most 30 s for the answer, which replaces the record, one at a
+    // time. 0, the deck's error code, or 20063; the text is in the record.
     static int sendVTRCmdRequestBlocking(_VTRCmdData* record);
 
     [[nodiscard]] const KestrelManagerSettings& settings() const noexcept { return m_settings; }
@@ -104,7 +116,8 @@ public:
     static CManagerLib* m_instance;
     static Mutex m_mutex; // guards the instance's creation and destruction
     static Mutex m_vtrMsgMutex;
-    static sem_t* m_hVtrMsgEvent;
+    static sem_t* m_hVtrMsgEvent;         // an answer has come
+    static _VTRCmdData* m_vtrCmdResponse; // the request that waits, null: none; under m_vtrResponseMutex
     static char m_kestrelMgrSettingsFname[260];
 
 private:
@@ -121,9 +134,23 @@ private:
     CaptureJob* findCaptureJob(const char* guid);
     int waitForEnd();
     void stopThreads();
+    bool startDeckProcess();
+    void watchDeckProcess();
+    void takeDeckAnswers();
+    void takeDeckAnswer(_VTRCmdData& record);
+    void dropDeckRequests();
+    bool deckIsDown() const;
+    bool askDeck(_VTRCmdData& record);
+    static void failPendingVtrRequest(const std::string& why);
     static CManagerLib* existingInstance();
     static int endInstance(bool wasRunning);
 
+    static Mutex m_vtrResponseMutex;
+
+    char m_fromVtrQueueName[20] = "/from_vtr_proc_q";
+    char m_toVtrQueueName[20] = "/to_vtr_proc_q";
+    int m_toVtrQueue = -1;
+    int m_fromVtrQueue = -1;
     KestrelManagerSettings m_settings{};
     std::atomic<bool> m_shutdown{false};
     sem_t* m_shutdownRequestEvent = nullptr;
@@ -131,6 +158,10 @@ private:
     JobQueue m_jobQueue;
     ResourceMgr* m_resourceMgr;
     CallbackLib* m_callbackLib = nullptr;
+    kestrel::DeckProcess m_deckProcess; // the response thread's while that runs
+    std::atomic<bool> m_deckRunning{false};
+    kestrel::UniqueFd m_vtrWake; // an eventfd: the response thread is to look at the shutdown flag
     std::optional<pthread_t> m_incomingMessageThread;
+    std::optional<pthread_t> m_vtrResponseThread;
     _VTRCmdData m_vtrCallbackBuffer{};
 };

@@ -1,15 +1,205 @@
-// Deck commands, as far as this version goes: without a deck-control process each is refused.
+// The bridge to the deck-control process: requests of clients and of workers go out on one queue, answers
+// come in on another. The response thread owns the process between start-up and shutdown.
+#include "foundation/AppLaunchUtil.h"
 #include "foundation/ErrorCodes.h"
+#include "foundation/EventWrapper.h"
 #include "foundation/FixedText.h"
+#include "foundation/PosixWrappers.h"
+#include "jobs/JobLauncher.h"
 #include "service/ManagerLib.h"
 
+#include <algorithm>
+#include <array>
+#include <chrono>
 #include <cstring>
+#include <fcntl.h>
+#include <poll.h>
+#include <string>
+#include <sys/eventfd.h>
+#include <vector>
 
 namespace {
 
 constexpr const char* MODULE = "Manager";
+constexpr int RESPONSE_TIMEOUT_MS = 30'000;
+// How long the process may take to end by itself, and after it was terminated.
+constexpr int END_ASKED_MS = 10'000;
+constexpr int END_TERMINATED_MS = 3'000;
+// Pauses between the end of a process and the next start.
+constexpr std::chrono::seconds FIRST_PAUSE{1};
+constexpr std::chrono::seconds LONGEST_PAUSE{60};
+
+int asCode(long code) {
+    return static_cast<int>(code);
+}
+
+void setError(_VTRCmdData& record, long code, const std::string& text) {
+    record.errorCode = asCode(code);
+    kestrel::copyText(record.errorText, text);
+}
+
+bool sameCommand(const _VTRCmdData& a, const _VTRCmdData& b) {
+    return a.commandKind == b.commandKind &&
+           kestrel::fieldText(a.serialPort) == kestrel::fieldText(b.serialPort);
+}
 
 } // namespace
+
+int CManagerLib::LaunchVTRProcess() {
+    if (const int code = JobLauncher::createQueue(m_toVtrQueueName, m_toVtrQueue); code != 0)
+        return code;
+    if (const int code = JobLauncher::createQueue(m_fromVtrQueueName, m_fromVtrQueue); code != 0) {
+        JobLauncher::flushAndDestroyQueue(m_toVtrQueueName, m_toVtrQueue);
+        m_toVtrQueue = -1;
+        return code;
+    }
+    // Neither a process that does not read nor one that takes its answers back may hold the service.
+    long attributes[4] = {O_NONBLOCK, 0, 0, 0};
+    setQueueAttr(m_toVtrQueue, attributes);
+    setQueueAttr(m_fromVtrQueue, attributes);
+    m_vtrWake.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    return startDeckProcess() ? 0 : asCode(kestrel::error::processNotLaunched);
+}
+
+// The profile may give options behind the program.
+bool CManagerLib::startDeckProcess() {
+    std::vector<std::string> arguments =
+        kestrel::ArgumentVector(std::string_view(m_settings.deckCtrlExe)).arguments();
+    for (const std::string& argument :
+         {std::string("-log"), std::string(m_settings.deckCtrlLogFile), std::string("-loglvl"),
+          std::to_string(m_settings.deckCtrlLogLevel), std::string("-i"), std::string(m_toVtrQueueName),
+          std::string("-o"), std::string(m_fromVtrQueueName)})
+        arguments.push_back(argument);
+    const int failure = m_deckProcess.start(std::move(arguments));
+    m_deckRunning = failure == 0;
+    if (failure != 0)
+        LogUtil::Error(MODULE, LOG_MSG(kestrel::error::processNotLaunched), m_settings.deckCtrlExe);
+    else
+        LogUtil::Info(MODULE, "VTR process %d started: %s", static_cast<int>(m_deckProcess.pid()),
+                      m_settings.deckCtrlExe);
+    return failure == 0;
+}
+
+int CManagerLib::EndVTRProcess() {
+    const GenericMsg message(EXIT_MSG, nullptr, 0);
+    if (m_toVtrQueue >= 0)
+        sendPriorityMsg(m_toVtrQueue, reinterpret_cast<const char*>(message.buffer), message.length, 0);
+    if (m_deckProcess.running()) {
+        const std::string end = m_deckProcess.waitForEnd(END_ASKED_MS, END_TERMINATED_MS);
+        LogUtil::Info(MODULE, "VTR process ended %s", end.c_str());
+    }
+    m_deckRunning = false;
+    if (m_toVtrQueue >= 0)
+        JobLauncher::flushAndDestroyQueue(m_toVtrQueueName, m_toVtrQueue);
+    if (m_fromVtrQueue >= 0)
+        JobLauncher::flushAndDestroyQueue(m_fromVtrQueueName, m_fromVtrQueue);
+    m_toVtrQueue = m_fromVtrQueue = -1;
+    return 0;
+}
+
+void* CManagerLib::vtrResponseThread(void* manager) {
+    static_cast<CManagerLib*>(manager)->watchDeckProcess();
+    return nullptr;
+}
+
+void CManagerLib::watchDeckProcess() {
+    using Clock = std::chrono::steady_clock;
+    Clock::time_point started = Clock::now();
+    Clock::time_point nextStart{};
+    std::chrono::seconds pause = FIRST_PAUSE;
+    while (!m_shutdown) {
+        int waitMs = -1;
+        if (!m_deckProcess.running()) {
+            const auto left = std::chrono::ceil<std::chrono::milliseconds>(nextStart - Clock::now()).count();
+            waitMs = static_cast<int>(std::max<long>(left, 0));
+        }
+        // Negative descriptors are skipped by poll.
+        std::array<pollfd, 3> events{{{m_fromVtrQueue, POLLIN, 0},
+                                      {m_vtrWake.get(), POLLIN, 0},
+                                      {m_deckProcess.descriptor(), POLLIN, 0}}};
+        poll(events.data(), events.size(), waitMs);
+        takeDeckAnswers();
+        if (m_shutdown)
+            break;
+        if (const auto end = m_deckProcess.takeEnd()) {
+            m_deckRunning = false;
+            if (Clock::now() - started > LONGEST_PAUSE)
+                pause = FIRST_PAUSE;
+            LogUtil::Error(MODULE, "VTR process ended %s. It is started again in %d seconds.", end->c_str(),
+                           static_cast<int>(pause.count()));
+            failPendingVtrRequest("Error: The VTR process ended " + *end + " before it answered.");
+            // What it has not read must not be carried out by the next one, who knows how much later.
+            dropDeckRequests();
+            nextStart = Clock::now() + pause;
+            pause = std::min(pause * 2, LONGEST_PAUSE);
+        } else if (!m_deckProcess.running() && Clock::now() >= nextStart) {
+            started = Clock::now();
+            if (!startDeckProcess()) {
+                nextStart = started + pause;
+                pause = std::min(pause * 2, LONGEST_PAUSE);
+            }
+        }
+    }
+    failPendingVtrRequest("Error: The service is shutting down.");
+}
+
+void CManagerLib::dropDeckRequests() {
+    std::array<char, kestrel::maxQueueMessage> buffer;
+    int length = 0;
+    while (receiveMsg(m_toVtrQueue, buffer.data(), static_cast<int>(buffer.size()), &length) == 0) {
+    }
+}
+
+void CManagerLib::takeDeckAnswers() {
+    long attributes[4] = {};
+    if (getQueueAttr(m_fromVtrQueue, attributes) != 0)
+        return;
+    std::array<char, kestrel::maxQueueMessage> buffer;
+    for (long i = 0; i < attributes[3]; ++i) {
+        int length = 0;
+        if (receiveMsg(m_fromVtrQueue, buffer.data(), static_cast<int>(buffer.size()), &length) != 0)
+            continue;
+        const GenericFlatMsg message(reinterpret_cast<unsigned char*>(buffer.data()), length);
+        if (message.type != VTR_CMD_RESPONSE_MSG)
+            continue;
+        if (message.payloadSize != sizeof(_VTRCmdData)) {
+            LogUtil::Error(MODULE, "An answer of the VTR process has %d bytes, %zu were expected.",
+                           message.payloadSize, sizeof(_VTRCmdData));
+            continue;
+        }
+        _VTRCmdData record;
+        std::memcpy(&record, message.payload, sizeof record);
+        takeDeckAnswer(record);
+    }
+}
+
+// A worker's answer goes to its own queue; the manager's own to the request that waits for it. One that
+// belongs to an earlier request, which has timed out, is dropped: nobody is to be told another deck's time.
+void CManagerLib::takeDeckAnswer(_VTRCmdData& record) {
+    record.replyQueueName[sizeof record.replyQueueName - 1] = '\0';
+    if (record.replyQueueName[0] != '\0') {
+        SendQueueMessage(record.replyQueueName, VTR_CMD_RESPONSE_MSG, &record, sizeof record);
+        return;
+    }
+    MutexLock lock(m_vtrResponseMutex);
+    if (m_vtrCmdResponse == nullptr || !sameCommand(*m_vtrCmdResponse, record)) {
+        LogUtil::Info(MODULE, "A late answer of the VTR process is dropped: command %d, port %.12s",
+                      record.commandKind, record.serialPort);
+        return;
+    }
+    *m_vtrCmdResponse = record;
+    m_vtrCmdResponse = nullptr;
+    EventWrapper::SignalEvent(m_hVtrMsgEvent);
+}
+
+void CManagerLib::failPendingVtrRequest(const std::string& why) {
+    MutexLock lock(m_vtrResponseMutex);
+    if (m_vtrCmdResponse == nullptr)
+        return;
+    setError(*m_vtrCmdResponse, kestrel::error::vtrSendQueueMissing, why);
+    m_vtrCmdResponse = nullptr;
+    EventWrapper::SignalEvent(m_hVtrMsgEvent);
+}
 
 void CManagerLib::VTRCmdRequestCallbackFn(CallbackLib::_Data* data) {
     _VTRCmdData record;
@@ -17,21 +207,55 @@ void CManagerLib::VTRCmdRequestCallbackFn(CallbackLib::_Data* data) {
     static_cast<CManagerLib*>(data->context)->handleVTRCmdRequest(record);
 }
 
-// A worker's request: the answer goes to its own queue at once, so that it does not wait for a deck.
 void CManagerLib::handleVTRCmdRequest(_VTRCmdData record) {
-    record.errorCode = static_cast<std::int32_t>(kestrel::error::vtrSendQueueMissing);
-    kestrel::copyText(record.errorText, LOG_MSG(kestrel::error::vtrSendQueueMissing));
-    LogUtil::Error(MODULE, "%s", record.errorText);
+    const GenericMsg message(VTR_CMD_REQUEST_MSG, &record, sizeof record);
+    if (m_deckRunning &&
+        sendPriorityMsg(m_toVtrQueue, reinterpret_cast<const char*>(message.buffer), message.length, 0) == 0)
+        return;
+    LogUtil::Error(MODULE, LOG_MSG(kestrel::error::queueSendFailed), m_toVtrQueueName);
+    // A worker need not wait for an answer that nobody will give.
     record.replyQueueName[sizeof record.replyQueueName - 1] = '\0';
-    if (record.replyQueueName[0] != '\0')
-        SendQueueMessage(record.replyQueueName, VTR_CMD_RESPONSE_MSG, &record, sizeof record);
+    if (record.replyQueueName[0] == '\0')
+        return;
+    setError(record, kestrel::error::vtrSendQueueMissing, LOG_MSG(kestrel::error::vtrSendQueueMissing));
+    SendQueueMessage(record.replyQueueName, VTR_CMD_RESPONSE_MSG, &record, sizeof record);
 }
 
 int CManagerLib::sendVTRCmdRequestBlocking(_VTRCmdData* record) {
-    MutexLock lock(m_vtrMsgMutex);
+    CManagerLib* const manager = GetInstance();
+    MutexLock oneAtATime(m_vtrMsgMutex);
     record->replyQueueName[0] = '\0';
-    record->errorCode = static_cast<std::int32_t>(kestrel::error::vtrSendQueueMissing);
-    kestrel::copyText(record->errorText, LOG_MSG(kestrel::error::vtrSendQueueMissing));
-    LogUtil::Error(MODULE, "%s", record->errorText);
+    if (!manager->askDeck(*record))
+        setError(*record, kestrel::error::vtrResponseTimeout, LOG_MSG(kestrel::error::vtrResponseTimeout));
+    if (record->errorCode != 0)
+        LogUtil::Error(MODULE, "%.304s", record->errorText);
     return record->errorCode;
+}
+
+// Whether nobody can answer. Where no deck control is configured at all, requests time out, as ever.
+bool CManagerLib::deckIsDown() const {
+    return m_shutdown || (m_settings.deckCtrlExe[0] != '\0' && !m_deckRunning);
+}
+
+// False when no answer came in time; record has the answer otherwise.
+bool CManagerLib::askDeck(_VTRCmdData& record) {
+    EventWrapper::ResetEvent(m_hVtrMsgEvent);
+    {
+        // Under the lock of those who let waiting requests go, so that none begins to wait behind them.
+        MutexLock lock(m_vtrResponseMutex);
+        if (deckIsDown()) {
+            setError(record, kestrel::error::vtrSendQueueMissing,
+                     m_shutdown ? "Error: The service is shutting down."
+                                : "Error: The VTR process has ended and is about to be started again.");
+            return true;
+        }
+        m_vtrCmdResponse = &record;
+    }
+    handleVTRCmdRequest(record);
+    const int result = EventWrapper::WaitForEventSignal(m_hVtrMsgEvent, RESPONSE_TIMEOUT_MS, false);
+    MutexLock lock(m_vtrResponseMutex);
+    // An answer may come between the end of the wait and here; it counts.
+    const bool answered = result == EventWrapper::Signalled || m_vtrCmdResponse == nullptr;
+    m_vtrCmdResponse = nullptr;
+    return answered;
 }

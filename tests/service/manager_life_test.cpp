@@ -99,6 +99,17 @@ TEST_F(ManagerLife, ACleanupWithoutAShutdownStopsServingToo) {
     EXPECT_FALSE(answers());
 }
 
+TEST_F(ManagerLife, AShutdownLetsAWaitingDeckRequestGo) {
+    CManagerLib::Run();
+    const kestrel::UniqueFd client = connectTo(port);
+    // Nobody answers: no deck control is configured.
+    ASSERT_TRUE(sendText(client, "VTR_CURRENT_TIME,COM1"));
+    while (log().find("Failed to send message on queue /to_vtr_proc_q.") == std::string::npos)
+        std::this_thread::yield();
+    EXPECT_EQ(CManagerLib::Shutdown(), 0);
+    EXPECT_EQ(receive(client), "FALSE - Error: The service is shutting down.\n");
+}
+
 TEST_F(ManagerLife, ItsEndTakesItsCallbackAlong) {
     CManagerLib::Run();
     CManagerLib::Shutdown();

@@ -236,17 +236,6 @@ TEST(VtrArguments, StatusIsNeverAnswered) {
     EXPECT_STREQ(message->errorText, "");
 }
 
-TEST(VtrArguments, WithoutADeckTheCommandsFailWithItsText) {
-    for (const Words& words : {Words{"VTR_CMD", "COM1", "0", "Play"}, Words{"VTR_CURRENT_TIME", "COM1"},
-                               Words{"VTR_SEEKING", "COM1"}}) {
-        const auto message = request(words);
-        EXPECT_TRUE(message->isValid());
-        EXPECT_FALSE(message->process());
-        EXPECT_STREQ(message->errorText, "Error: Cannot send VTR command.  Send queue not available.");
-        EXPECT_STREQ(message->responseText, "");
-    }
-}
-
 TEST(JobArguments, AreAGuid) {
     EXPECT_EQ(refusal({"JOB_STATUS"}), "Invalid Job Status Request.  Expected Job GUID.");
     EXPECT_EQ(refusal({"JOB_RESULTS"}), "Invalid Job Results Request.  Expected Job GUID.");

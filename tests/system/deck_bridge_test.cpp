@@ -1,0 +1,214 @@
+// Deck requests over the protocol, with a deck-control process that does what the test says.
+#include "system/service_under_test.h"
+
+#include <csignal>
+#include <fstream>
+#include <future>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <mqueue.h>
+#include <sstream>
+
+using namespace kestrel::test;
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+
+namespace {
+
+class DeckBridge : public testing::Test {
+protected:
+    // options go to the deck-control process.
+    void start(const std::string& options = "") {
+        service.set("DeckCtrl", "EXE", KESTREL_TEST_DECK " --record " + record() + " " + options);
+        service.set("DeckCtrl", "LOG_FILE", (service.root() / "deck.log").string());
+        service.set("Logging", "LOG_LEVEL", "0");
+        service.start();
+    }
+    [[nodiscard]] std::string record() const { return service.root() / "record"; }
+    [[nodiscard]] std::string recorded() const {
+        std::ifstream in(record());
+        std::stringstream text;
+        text << in.rdbuf();
+        return text.str();
+    }
+    // The deck-control process that runs now.
+    [[nodiscard]] pid_t deck() const {
+        const std::vector<pid_t> children = service.children();
+        return children.size() == 1 ? children[0] : -1;
+    }
+
+    ServiceUnderTest service;
+};
+
+TEST_F(DeckBridge, QueriesAreAnsweredWithWhatTheDeckSays) {
+    start();
+    EXPECT_EQ(service.ask("VTR_CURRENT_TIME,COM1"), "TRUE - 01:02:03:04");
+    EXPECT_EQ(service.ask("VTR_SEEKING,COM2"), "TRUE - TRUE");
+    EXPECT_EQ(recorded(), "6 0 COM1 '' 0 0\n"
+                          "7 0 COM2 '' 0 1\n");
+}
+
+TEST_F(DeckBridge, CommandsReachTheDeckWithTheirCodes) {
+    start();
+    for (const char* word : {"Play", "Rewind", "FastForward", "StepForward", "StepReverse", "Pause"})
+        EXPECT_EQ(service.ask(std::string("VTR_CMD,COM1,0,") + word), "TRUE") << word;
+    EXPECT_EQ(service.ask("VTR_CMD,COM1,0,Shuttle,-5"), "TRUE");
+    EXPECT_EQ(service.ask("VTR_CMD,COM1,0,GoTo,0,10:20:30:12"), "TRUE");
+    EXPECT_EQ(recorded(), "0 1 COM1 '' 0 0\n"
+                          "0 3 COM1 '' 0 0\n"
+                          "0 4 COM1 '' 0 0\n"
+                          "0 5 COM1 '' 0 0\n"
+                          "0 6 COM1 '' 0 0\n"
+                          "0 10 COM1 '' 0 0\n"
+                          "10 7 COM1 '' -5 0\n"
+                          "3 0 COM1 '10:20:30:12' 0 0\n");
+}
+
+TEST_F(DeckBridge, TheProcessIsToldItsQueuesAndItsLog) {
+    start();
+    std::ifstream in("/proc/" + std::to_string(deck()) + "/cmdline");
+    std::string words((std::istreambuf_iterator<char>(in)), {});
+    for (char& c : words)
+        c = c == '\0' ? ' ' : c;
+    EXPECT_THAT(words, testing::EndsWith("-log " + (service.root() / "deck.log").string() +
+                                         " -loglvl 1 -i /to_vtr_proc_q -o /from_vtr_proc_q "));
+}
+
+TEST_F(DeckBridge, AnErrorOfTheDeckIsTheAnswer) {
+    start("--error 5:tape-jammed");
+    EXPECT_EQ(service.ask("VTR_CURRENT_TIME,COM1"), "FALSE - tape-jammed");
+    EXPECT_EQ(service.ask("VTR_CMD,COM1,0,Play"), "FALSE - tape-jammed");
+}
+
+TEST_F(DeckBridge, AnAnswerOfAnotherDeckIsDropped) {
+    start("--other-port --noise");
+    EXPECT_EQ(service.ask("VTR_CURRENT_TIME,COM1"), "TRUE - 01:02:03:04");
+    EXPECT_THAT(service.log(),
+                HasSubstr("A late answer of the VTR process is dropped: command 6, port COM9"));
+    EXPECT_THAT(service.log(), HasSubstr("An answer of the VTR process has 6 bytes, 488 were expected."));
+}
+
+TEST_F(DeckBridge, ADeckThatDoesNotAnswerIsATimeoutAndItsLateAnswerIsDropped) {
+    start("--ignore 1 --late");
+    // The second waits for the first, and is then answered, not with what was meant for the first.
+    auto second = std::async(std::launch::async, [&] {
+        eventually([&] { return !recorded().empty(); }, 20s);
+        return service.ask("VTR_CURRENT_TIME,COM2");
+    });
+    EXPECT_EQ(service.ask("VTR_CURRENT_TIME,COM1"), "FALSE - Error: Timeout waiting for response from VTR.");
+    EXPECT_EQ(second.get(), "TRUE - 01:02:03:04");
+    EXPECT_EQ(recorded(), "6 0 COM1 '' 0 0\n6 0 COM2 '' 0 0\n");
+    EXPECT_THAT(service.log(),
+                HasSubstr("A late answer of the VTR process is dropped: command 6, port COM1"));
+}
+
+TEST_F(DeckBridge, AProcessThatDiesIsNoticedAtOnceAndStartedAgain) {
+    const std::string count = (service.root() / "count").string();
+    start("--exit-on 2:3 --count " + count);
+    const pid_t first = deck();
+    EXPECT_EQ(service.ask("VTR_CURRENT_TIME,COM1"), "TRUE - 01:02:03:04");
+    EXPECT_EQ(service.ask("VTR_CURRENT_TIME,COM1"),
+              "FALSE - Error: The VTR process ended with exit status 3 before it answered.");
+    EXPECT_THAT(service.log(),
+                HasSubstr("VTR process ended with exit status 3. It is started again in 1 seconds."));
+    EXPECT_TRUE(
+        eventually([&] { return service.ask("VTR_CURRENT_TIME,COM1") == "TRUE - 01:02:03:04"; }, 20s));
+    EXPECT_NE(deck(), first);
+}
+
+TEST_F(DeckBridge, WhileItIsDownRequestsAreRefusedAtOnceAndNeverCarriedOutLater) {
+    const std::string count = (service.root() / "count").string();
+    start("--exit-on 1:0 --count " + count);
+    service.ask("VTR_CMD,COM1,0,Play");
+    EXPECT_EQ(service.ask("VTR_CMD,COM1,0,Rewind"),
+              "FALSE - Error: The VTR process has ended and is about to be started again.");
+    EXPECT_TRUE(eventually([&] { return service.ask("VTR_CMD,COM1,0,Pause") == "TRUE"; }, 20s));
+    EXPECT_THAT(recorded(), Not(HasSubstr("0 3 COM1")));
+}
+
+TEST_F(DeckBridge, ThePausesGrow) {
+    service.set("DeckCtrl", "EXE", "/no/such/deck");
+    service.start();
+    EXPECT_TRUE(service.waitForLog("It is started again in 1 seconds."));
+    EXPECT_TRUE(service.waitForLog("It is started again in 2 seconds.", 20s));
+    EXPECT_TRUE(service.waitForLog("It is started again in 4 seconds.", 20s));
+    EXPECT_THAT(service.log(), HasSubstr("VTR process ended with exit status 255."));
+}
+
+TEST_F(DeckBridge, TheServicesEndEndsTheProcessAndItsQueues) {
+    start();
+    const pid_t process = deck();
+    ASSERT_GT(process, 0);
+    EXPECT_EQ(service.stop().code, 0);
+    EXPECT_THAT(service.log(), HasSubstr("[Manager:Info] Ending VTR Process\r\n"));
+    EXPECT_THAT(service.log(), HasSubstr("[Manager:Info] VTR process ended with exit status 0\r\n"));
+    EXPECT_THAT(service.log(), HasSubstr("[Manager:Debug] Thread 1 complete.\r\n"));
+    EXPECT_EQ(kill(process, 0), -1);
+    EXPECT_EQ(mq_open("/to_vtr_proc_q", O_RDONLY), -1);
+    EXPECT_EQ(mq_open("/from_vtr_proc_q", O_RDONLY), -1);
+}
+
+TEST_F(DeckBridge, AProcessThatDoesNotEndIsTerminated) {
+    start("--deaf");
+    EXPECT_EQ(service.stop().code, 0);
+    EXPECT_THAT(service.log(), HasSubstr("[Manager:Info] VTR process ended by signal 15\r\n"));
+}
+
+TEST_F(DeckBridge, AStubbornOneIsKilled) {
+    start("--stubborn");
+    EXPECT_EQ(service.stop().code, 0);
+    EXPECT_THAT(service.log(), HasSubstr("[Manager:Info] VTR process ended by signal 9\r\n"));
+}
+
+TEST_F(DeckBridge, AShutdownLetsAWaitingClientGo) {
+    start("--ignore 1");
+    auto waiting = std::async(std::launch::async, [&] { return service.ask("VTR_CURRENT_TIME,COM1"); });
+    ASSERT_TRUE(eventually([&] { return !recorded().empty(); }));
+    EXPECT_EQ(service.stop().code, 0);
+    EXPECT_EQ(waiting.get(), "FALSE - Error: The service is shutting down.");
+}
+
+TEST_F(DeckBridge, AProcessThatReadsNothingDoesNotHoldTheService) {
+    start("--deaf");
+    auto waiting = std::async(std::launch::async, [&] { return service.ask("VTR_CURRENT_TIME,COM1"); });
+    EXPECT_EQ(service.ask("PING_SERVICE"), "TRUE - ALIVE");
+    service.stop();
+    EXPECT_EQ(waiting.get(), "FALSE - Error: The service is shutting down.");
+}
+
+TEST_F(DeckBridge, LongProfilePathsReachTheProcessWhole) {
+    const std::string log = (service.root() / (std::string(180, 'l') + ".log")).string();
+    service.set("DeckCtrl", "EXE", KESTREL_TEST_DECK);
+    service.set("DeckCtrl", "LOG_FILE", log);
+    service.start();
+    std::ifstream in("/proc/" + std::to_string(deck()) + "/cmdline");
+    const std::string words((std::istreambuf_iterator<char>(in)), {});
+    EXPECT_THAT(words, HasSubstr(log));
+}
+
+TEST_F(DeckBridge, AWaitingBridgeMakesNoWakeUps) {
+    start();
+    service.ask("VTR_CURRENT_TIME,COM1");
+    ASSERT_TRUE(service.waitForLog("Number of handles: 0"));
+    const auto switches = [&] {
+        long sum = 0;
+        for (const auto& task : std::filesystem::directory_iterator(
+                 "/proc/" + std::to_string(service.process().pid()) + "/task")) {
+            std::ifstream status(task.path() / "status");
+            for (std::string line; std::getline(status, line);)
+                if (line.starts_with("voluntary_ctxt_switches:"))
+                    sum += std::stol(line.substr(24));
+        }
+        return sum;
+    };
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the sanitizer's own thread wakes ten times a second";
+#endif
+    const long before = switches();
+    timespec interval{2, 0};
+    nanosleep(&interval, nullptr);
+    EXPECT_LE(switches() - before, 6);
+}
+
+} // namespace
