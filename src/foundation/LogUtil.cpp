@@ -309,6 +309,10 @@ bool LogUtil::logList(const char* module, _LogLevel level, const wchar_t* format
     return write(module, level, format, args);
 }
 
+bool LogUtil::IsFiltered(const char* module, _LogLevel level) noexcept {
+    return isFiltered(publishedLevels.load(std::memory_order_acquire), module, level);
+}
+
 bool LogUtil::LogList(const char* module, _LogLevel level, const char* format, va_list args) {
     if (isFiltered(publishedLevels, module, level))
         return true;

@@ -206,6 +206,9 @@ public:
     static bool Warning(const char* module, const wchar_t* format, ...);
     static bool Error(const char* module, const wchar_t* format, ...);
     static bool Fatal(const char* module, const wchar_t* format, ...);
+    // Whether a message of that module and level would be dropped: for callers that have several to make,
+    // very often. Takes no lock.
+    static bool IsFiltered(const char* module, _LogLevel level) noexcept;
     static bool Log(const char* module, _LogLevel level, const char* format, ...)
         __attribute__((format(printf, 3, 4)));
     static bool Log(const char* module, _LogLevel level, const wchar_t* format, ...);

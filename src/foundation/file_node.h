@@ -8,7 +8,7 @@
 #include <memory>
 
 // Hands out the records of an input one after the other. A file by path is read in large blocks, and records
-// are handed out from inside the block.
+// are handed out from inside the block. A pipe whose writer says nothing for five seconds counts as ended.
 class file_node {
 public:
     // Opens path for reading records of recordSize bytes. A path that cannot be opened or read, or a size
@@ -24,7 +24,15 @@ public:
 
     // The next record, valid until the next call. Null at the end of the input (a short last record is not
     // handed out) or on a read error, and from then on until resetToBegining.
-    unsigned char* get_buff() noexcept;
+    unsigned char* get_buff() noexcept {
+        // Inline, since it runs for every packet of every file.
+        const auto record = static_cast<std::size_t>(size);
+        if (m_stream != nullptr || m_failed || m_end - m_begin < record || record == 0)
+            return nextRecord();
+        unsigned char* const result = m_buffer.get() + m_begin;
+        m_begin += record;
+        return result;
+    }
 
     // Goes back to offset 0 and clears an end-of-input or error state.
     void resetToBegining() noexcept;
@@ -35,6 +43,7 @@ public:
 private:
     void allocate(std::size_t capacity) noexcept;
     bool refill() noexcept;
+    unsigned char* nextRecord() noexcept;
     unsigned char* nextFromStream() noexcept;
 
     kestrel::UniqueFd m_fd;
@@ -43,5 +52,6 @@ private:
     std::size_t m_capacity = 0;
     std::size_t m_begin = 0;
     std::size_t m_end = 0;
+    bool m_first = true; // nothing has been read yet
     bool m_failed = false;
 };

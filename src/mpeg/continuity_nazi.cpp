@@ -29,7 +29,7 @@ bool continuity_nazi::packetIsCool(const unsigned char* packet, bool verbose) {
     // A packet without payload repeats the counter (ISO/IEC 13818-1, 2.4.3.3).
     const int predicted = (last + (ts::has_payload(packet) ? 1 : 0)) & 0x0F;
     last = static_cast<signed char>(actual);
-    if (verbose) {
+    if (verbose && !LogUtil::IsFiltered(module_name, BaseLogger::Debug)) {
         LogUtil::Debug(module_name, "PredictCC = %d", predicted);
         LogUtil::Debug(module_name, "CC = %d", actual);
     }

@@ -6,14 +6,6 @@ ts_file::ts_file(const char* path) : m_node(path, kestrel::ts::packet_size) {}
 
 ts_file::ts_file(std::istream& in) : m_node(in, kestrel::ts::packet_size) {}
 
-unsigned char* ts_file::get_ts() {
-    if (m_unget)
-        m_unget = false;
-    else
-        m_last = m_node.get_buff();
-    return m_last;
-}
-
 void pipeline_mangler::flush(long index) {
     m_next->flush(index);
 }

@@ -26,7 +26,13 @@ public:
     explicit ts_file(std::istream& in);
 
     // The packet is valid until the next call. Null at the end of the file or on a read error.
-    unsigned char* get_ts() override;
+    unsigned char* get_ts() override {
+        if (m_unget)
+            m_unget = false;
+        else
+            m_last = m_node.get_buff();
+        return m_last;
+    }
     // Makes the next get_ts return what the last one returned.
     void unget_ts() noexcept { m_unget = true; }
 

@@ -47,11 +47,9 @@ void unibuffer::queue_intervening(packet_mangler* next_stage, unsigned char* pac
 }
 
 void unibuffer::flush_intervening(packet_mangler* next_stage) {
-    while (!m_intervening.empty()) {
-        record& oldest = m_intervening.front();
-        next_stage->process(oldest.packet.data(), oldest.index);
-        m_intervening.pop_front();
-    }
+    for (record& waiting : m_intervening)
+        next_stage->process(waiting.packet.data(), waiting.index);
+    m_intervening.clear();
 }
 
 void unibuffer::flush_buffer(packet_mangler* next_stage, long index) {

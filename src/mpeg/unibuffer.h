@@ -10,7 +10,7 @@
 
 #include <array>
 #include <cstddef>
-#include <deque>
+#include <vector>
 
 class unibuffer {
 public:
@@ -32,9 +32,9 @@ public:
         array_byte_sequence m_second;
     };
 
-    // At most this many packets (about 50 MB) wait behind the saved one: a PID that has gone silent must not
+    // At most this many packets (9 MiB) wait behind the saved one: a PID that has gone silent must not
     // take all memory. At the limit everything held goes on, in order, and nothing is saved any more.
-    static constexpr std::size_t max_intervening = 262'144;
+    static constexpr std::size_t max_intervening = 49'152;
 
     unibuffer() = default;
     unibuffer(const unibuffer&) = delete;
@@ -71,5 +71,5 @@ private:
 
     packet_bytes m_saved{};
     bool m_has_saved = false;
-    std::deque<record> m_intervening;
+    std::vector<record> m_intervening; // keeps its memory, which is used again for every packet of the PID
 };
