@@ -250,11 +250,6 @@ public:
     char markIn[12] = {};
     char markOut[12] = {};
     char blackFileSuffix[32] = {}; // "_%ld" with the id
-    // Answers the frame rate of the video in a source file, in frames per second, for the rules on a
-    // mezzanine's marks. Null until something that reads source files is connected; the marks are then not
-    // compared with each other or with the rate. Set before any job is validated.
-    static double (*frameRateOfSource)(const char* path);
-
     // A record of the registry, or the job's own placeholder while the request has named options but no
     // address yet.
     Decoder* decoder = nullptr;

@@ -5,13 +5,12 @@
 #include "jobs/CaptureJob.h"
 #include "jobs/InputField.h"
 #include "jobs/RequestValues.h"
+#include "mpeg/MpegWrapper.h"
 #include "resources/ResourceMgr.h"
 
 #include <cstring>
 
 using namespace kestrel;
-
-double (*CaptureReencodeJob::frameRateOfSource)(const char* path) = nullptr;
 
 CaptureReencodeJob::CaptureReencodeJob() : CaptureReencodeJob(0) {}
 
@@ -76,11 +75,11 @@ int CaptureReencodeJob::validate() {
 int CaptureReencodeJob::validateMezzanine() {
     if (markIn[0] == '\0' || markOut[0] == '\0')
         return refuse(error::marksRequired, LOG_MSG(error::marksRequired));
-    return frameRateOfSource ? validateMarks(frameRateOfSource(sourceFile)) : 0;
+    return validateMarks(MpegWrapper::GetFrameRateFromFile(sourceFile));
 }
 
 int CaptureReencodeJob::validateMarks(double framesPerSecond) {
-    const int code = mpeg_timecode::GetFrameRateCode(framesPerSecond);
+    const int code = MpegWrapper::GetFrameRateCode(framesPerSecond);
     const bool dropFrame = mpeg_timecode::frameRateCodeToDropFrame(code);
     const mpeg_timecode in(markIn, dropFrame, code);
     const mpeg_timecode out(markOut, dropFrame, code);

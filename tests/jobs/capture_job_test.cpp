@@ -1,5 +1,6 @@
 // The capture jobs as records: their kinds, their rules, their command line and the worker's reports.
 #include "jobs/CaptureJob.h"
+#include "mpeg/ts_maker.h"
 
 #include "capture_requests.h"
 
@@ -28,10 +29,20 @@ static_assert(std::is_constructible_v<CaptureReencodeJob, unsigned long, Job::Jo
 
 class CaptureJobTest : public ::testing::Test {
 protected:
-    ~CaptureJobTest() override {
-        ResourceMgr::Cleanup();
-        CaptureReencodeJob::frameRateOfSource = nullptr;
+    ~CaptureJobTest() override { ResourceMgr::Cleanup(); }
+
+    // A source file of that frame_rate_code; its path.
+    std::string source(const char* name, int rateCode) {
+        TsMaker stream;
+        stream.tables({{0x02, 0x100}});
+        for (int i = 0; i < 3; ++i)
+            stream.pes(0x100, pesHeader(1),
+                       sequenceHeader(720, 576, rateCode) + sequenceExtension(0x48) + gopHeader(0, 0, i, 0) +
+                           filler(500));
+        return stream.write(directory, name);
     }
+
+    ScratchDir directory;
 
     JobLog log;
 };
@@ -222,35 +233,37 @@ TEST_F(CaptureJobTest, MezzanineNeedsBothMarks) {
 }
 
 TEST_F(CaptureJobTest, MezzanineMarksFollowTheRateOfTheSource) {
-    CaptureReencodeJob::frameRateOfSource = [](const char* path) {
-        return std::string_view(path) == "/tmp/pal" ? 25.0 : 30000.0 / 1001.0;
-    };
+    const std::string pal = source("pal", 3);
+    const std::string ntsc = source("ntsc", 4);
+    const std::string unknown = directory.path("missing");
     struct Row {
-        const char* source;
+        const std::string& source;
         const char* in;
         const char* out;
         int code;
         const char* text;
     };
     const Row rows[] = {
-        {"/tmp/pal", "01:00:00:00", "01:00:00:01", 0, ""},
-        {"/tmp/pal", "01:00:00:00", "01:00:00:00", 10021,
-         "Error: Mark out time must be greater than Mark in time."},
-        {"/tmp/pal", "01:00:00:00", "01:00:59:25", 10022,
+        {pal, "01:00:00:00", "01:00:00:01", 0, ""},
+        {pal, "01:00:00:00", "01:00:00:00", 10021, "Error: Mark out time must be greater than Mark in time."},
+        {pal, "01:00:00:00", "01:00:59:25", 10022,
          "Error: Invalid timecode parameter 01:00:59:25 for frame rate 25.000000."},
-        {"/tmp/pal", "01:00:00:25", "02:00:00:25", 10022,
+        {pal, "01:00:00:25", "02:00:00:25", 10022,
          "Error: Invalid timecode parameter 01:00:00:25 for frame rate 25.000000."},
-        {"/tmp/ntsc", "01:01:00:00", "02:00:00:00", 10022,
+        {ntsc, "01:01:00:00", "02:00:00:00", 10022,
          "Error: Invalid timecode parameter 01:01:00:00 for frame rate 29.970030."},
-        {"/tmp/ntsc", "01:01:00:02", "02:00:00:00", 0, ""},
+        {ntsc, "01:01:00:02", "02:00:00:00", 0, ""},
+        // A source whose rate cannot be told has no frames between its marks.
+        {unknown, "01:00:00:00", "02:00:00:00", 10021,
+         "Error: Mark out time must be greater than Mark in time."},
     };
     for (const Row& row : rows) {
         CaptureReencodeJob job(1, Job::CAPTURE_MEZZANINE_JOB);
-        const std::string source = std::string("SrcFilename=") + row.source;
+        const std::string sourceField = "SrcFilename=" + row.source;
         const std::string in = std::string("MarkInTime=") + row.in;
         const std::string out = std::string("MarkOutTime=") + row.out;
-        EXPECT_EQ(setFields(job, {"Filename=/tmp/out", enc1, source.c_str(), "DecoderIp=10.9.9.9", in.c_str(),
-                                  out.c_str()}),
+        EXPECT_EQ(setFields(job, {"Filename=/tmp/out", enc1, sourceField.c_str(), "DecoderIp=10.9.9.9",
+                                  in.c_str(), out.c_str()}),
                   row.code)
             << row.in << " " << row.out;
         EXPECT_STREQ(job.results, row.text);

@@ -1,6 +1,7 @@
 // The settings file, read back the way the capture worker reads it, and as text.
 #include "capture_profile/CSettings.h"
 #include "capture_requests.h"
+#include "mpeg/ts_maker.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -201,6 +202,14 @@ TEST_F(CaptureSettingsFileTest, Rolling) {
 }
 
 TEST_F(CaptureSettingsFileTest, ReencodeAndMezzanine) {
+    // A mezzanine's marks are checked against the source.
+    const ScratchDir directory;
+    TsMaker stream;
+    stream.tables({{0x02, 0x100}});
+    for (int i = 0; i < 3; ++i)
+        stream.pes(0x100, pesHeader(1), sequenceHeader(720, 576, 3) + gopHeader(0, 0, i, 0) + filler(500));
+    const std::string source = stream.write(directory);
+    const std::string sourceField = "SrcFilename=" + source;
     struct Row {
         Job::JobType type;
         const char* name;
@@ -209,14 +218,14 @@ TEST_F(CaptureSettingsFileTest, ReencodeAndMezzanine) {
                            Row{Job::CAPTURE_MEZZANINE_JOB, "JOB_TYPE=\"MEZZANINE\""}}) {
         CaptureReencodeJob job(jobId, row.type);
         EXPECT_EQ(
-            setFields(job, {out, enc1, "SrcFilename=/media/in.mpg", "DecoderIp=10.9.9.9",
-                            "DecoderIntfIp=10.0.0.7", "MarkInTime=01:00:00:00", "MarkOutTime=02:00:00:00"}),
+            setFields(job, {out, enc1, sourceField.c_str(), "DecoderIp=10.9.9.9", "DecoderIntfIp=10.0.0.7",
+                            "MarkInTime=01:00:00:00", "MarkOutTime=02:00:00:00"}),
             0);
         job.decoder->streamAddress = 0xe0000105;
         job.decoder->interfaceAddress = 9; // another request's word
         const CSettings s = written(job);
         EXPECT_THAT(text(), HasSubstr(row.name));
-        EXPECT_STREQ(s.cmd.sourceFile, "/media/in.mpg");
+        EXPECT_EQ(s.cmd.sourceFile, source);
         EXPECT_STREQ(s.cmd.blackFileSuffix, "_903001");
         EXPECT_EQ(s.decoder.controlAddress, 0x0a090909u);
         EXPECT_EQ(s.decoder.interfaceAddress, 0x0a000007u);

@@ -2,6 +2,7 @@
 #include "system/service_under_test.h"
 
 #include <csignal>
+#include <cstdlib>
 #include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -110,6 +111,35 @@ TEST(Jobs, AMezzanineJobNeedsItsMarks) {
         service.ask("CAPTURE,JOB_VALIDATE,1,CAPTURE_MEZZANINE_JOB,Filename=/tmp/o.ts,EncoderIp=127.0.0.1,"
                     "SrcFilename=/tmp/in.ts,DecoderIp=127.0.0.2"),
         "FALSE - Error: Must specify Mark In Time and Mark Out Time.");
+}
+
+TEST(Jobs, AMezzanineJobIsCheckedAgainstItsSourcesRealFrameRate) {
+    ServiceUnderTest service;
+    const std::string source = service.root() / "source.ts";
+    ASSERT_EQ(
+        std::system(("ffmpeg -v error -nostdin -f lavfi -i testsrc2=size=320x240:rate=30000/1001 -t 2 -c:v "
+                     "mpeg2video -g 15 -f mpegts " +
+                     source)
+                        .c_str()),
+        0);
+    const std::string go = service.root() / "go";
+    service.setWorker("--wait-file " + go);
+    service.start();
+    const auto mezzanine = [&](const char* type, const char* in, const char* out) {
+        return service.ask(std::string("CAPTURE,") + type + ",1,CAPTURE_MEZZANINE_JOB,Filename=/tmp/o.ts," +
+                           ENCODER + ",SrcFilename=" + source + ",DecoderIp=127.0.0.2,MarkInTime=" + in +
+                           ",MarkOutTime=" + out);
+    };
+    EXPECT_EQ(mezzanine("JOB_VALIDATE", "00:01:00:00", "00:02:00:10"),
+              "FALSE - Error: Invalid timecode parameter 00:01:00:00 for frame rate 29.970030.")
+        << "a label that drop-frame counting skips";
+    EXPECT_EQ(mezzanine("JOB_VALIDATE", "00:01:00:10", "00:01:00:10"),
+              "FALSE - Error: Mark out time must be greater than Mark in time.");
+    EXPECT_EQ(mezzanine("JOB_VALIDATE", "00:01:00:10", "00:01:00:29"), "TRUE");
+    EXPECT_EQ(mezzanine("JOB_BEGIN", "00:00:00:00", "00:00:01:00"), "TRUE");
+    EXPECT_EQ(service.ask("JOB_STATUS,1"), "TRUE - QUEUED");
+    std::ofstream(go) << "go";
+    EXPECT_EQ(service.waitForState("1", "COMPLETE"), "TRUE - COMPLETE");
 }
 
 TEST(Jobs, AnEncoderAddressThatIsNoneAddsNoEncoderAndIsLogged) {
