@@ -1,0 +1,20 @@
+// H.264 structures and the stage that finds them.
+#include "mpeg/grab_h264_header.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    std::vector<unsigned char> bytes(data, data + size);
+    array_byte_sequence view(bytes.data(), static_cast<int>(bytes.size()));
+    const H264::SequenceParameterSet sps(view, 0);
+    H264::SliceHeader slice(view, 0, sps, static_cast<int>(size % 6));
+    slice.set_pic_order_cnt_lsb(static_cast<int>(size));
+    const H264::SEI::PicTiming timing(view);
+    grab_h264_header grabber(0x100, 0);
+    for (std::size_t at = 0; at + 188 <= bytes.size(); at += 188)
+        grabber.process(bytes.data() + at, static_cast<long>(at / 188));
+    return timing.has_time_code() ? 0 : 0;
+}

@@ -1,0 +1,92 @@
+#include "streams/ffprobe.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <sstream>
+#include <stdexcept>
+
+namespace kestrel::test {
+
+namespace {
+
+struct ClosePipe {
+    void operator()(FILE* pipe) const { pclose(pipe); }
+};
+
+std::vector<std::string> fieldsOf(const std::string& line) {
+    std::vector<std::string> fields;
+    std::istringstream in(line);
+    for (std::string field; std::getline(in, field, ',');)
+        fields.push_back(field);
+    return fields;
+}
+
+std::int64_t timeOf(const std::string& text) {
+    return text.empty() || text == "N/A" ? -1 : std::stoll(text);
+}
+
+} // namespace
+
+std::vector<std::string> Ffprobe::run(const std::string& options) const {
+    const std::string command = "ffprobe -v error " + options + " " + m_path;
+    const std::unique_ptr<FILE, ClosePipe> pipe(popen(command.c_str(), "r"));
+    if (pipe == nullptr)
+        throw std::runtime_error("cannot run " + command);
+    std::vector<std::string> lines;
+    std::string line;
+    for (int c = std::fgetc(pipe.get()); c != EOF; c = std::fgetc(pipe.get())) {
+        if (c == '\n') {
+            if (!line.empty())
+                lines.push_back(line);
+            line.clear();
+        } else {
+            line += static_cast<char>(c);
+        }
+    }
+    return lines;
+}
+
+std::string Ffprobe::stream(const std::string& which, const std::string& entry) const {
+    const auto lines =
+        run("-select_streams " + which + " -show_entries stream=" + entry + " -of default=nw=1:nk=1");
+    return lines.empty() ? "" : lines.front();
+}
+
+double Ffprobe::frameRate() const {
+    const std::string text = stream("v:0", "r_frame_rate");
+    const std::size_t slash = text.find('/');
+    return std::stod(text) / (slash == std::string::npos ? 1 : std::stod(text.substr(slash + 1)));
+}
+
+int Ffprobe::pid(const std::string& which) const {
+    return static_cast<int>(std::strtol(stream(which, "id").c_str(), nullptr, 0));
+}
+
+int Ffprobe::streams(const std::string& type) const {
+    // Once in the program, once in the list of streams.
+    return static_cast<int>(
+        run("-select_streams " + type + " -show_entries stream=index -of csv=p=0").size() / 2);
+}
+
+std::vector<ProbedPacket> Ffprobe::packets(const std::string& which) const {
+    std::vector<ProbedPacket> packets;
+    for (const std::string& line :
+         run("-select_streams " + which + " -show_entries packet=pts,dts,size,flags -of csv=p=0")) {
+        const std::vector<std::string> fields = fieldsOf(line);
+        if (fields.size() < 4)
+            continue;
+        packets.push_back({timeOf(fields[0]), timeOf(fields[1]), std::stoi(fields[2]),
+                           fields[3].find('K') != std::string::npos});
+    }
+    return packets;
+}
+
+std::string Ffprobe::pictureTypes() const {
+    std::string types;
+    for (const std::string& line : run("-select_streams v:0 -show_entries frame=pict_type -of csv=p=0"))
+        types += line.front();
+    return types;
+}
+
+} // namespace kestrel::test

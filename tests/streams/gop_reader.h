@@ -1,0 +1,27 @@
+// Reads the GOP headers of MPEG-2 video in a transport-stream file, with none of the library's code, so that
+// it can judge what the library wrote.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace kestrel::test {
+
+struct GopHeader {
+    int hours, minutes, seconds, frames;
+    bool drop, closed, broken;
+    // Where the four bytes behind the start code stand in the file.
+    std::array<std::size_t, 4> positions;
+
+    // "hh:mm:ss:ff", ";" before the frames when drop.
+    [[nodiscard]] std::string text() const;
+};
+
+// All GOP headers of the PID, in order.
+std::vector<GopHeader> readGops(const std::string& path, int pid);
+
+std::vector<unsigned char> readFile(const std::string& path);
+
+} // namespace kestrel::test
