@@ -197,8 +197,8 @@ int VerifierJob::getJobResults(char* out, int capacity) {
     if (code == 0)
         return 0;
     kestrel::copyText(answer, LOG_MSG(code));
-    // What the worker said of its failure is the reason why there is no report.
-    if (const std::string reason = resultsText(); !reason.empty())
+    // What a worker said of its failure is the reason why there is no report.
+    if (const std::string reason = resultsText(); state() == ERROR && !reason.empty())
         kestrel::appendText(answer, " " + reason);
     return code;
 }

@@ -368,6 +368,18 @@ TEST(Jobs, APlantedLinkIsReplacedAndNeverFollowed) {
     EXPECT_FALSE(std::filesystem::is_symlink("/tmp/capture_0.xml"));
 }
 
+// Whether the worker has got as far as to open its queues.
+bool hasOpenedQueues(pid_t worker) {
+    int queues = 0;
+    std::error_code error;
+    for (const auto& entry :
+         std::filesystem::directory_iterator("/proc/" + std::to_string(worker) + "/fd", error)) {
+        const std::string target = std::filesystem::read_symlink(entry.path(), error).string();
+        queues += target.find("_q_") != std::string::npos ? 1 : 0;
+    }
+    return queues == 2;
+}
+
 TEST(Jobs, AServiceStoppedWithJobsRunningLeavesTheWorkersAndNoQueue) {
     for (const bool bySignal : {false, true}) {
         ServiceUnderTest service;
@@ -379,6 +391,8 @@ TEST(Jobs, AServiceStoppedWithJobsRunningLeavesTheWorkersAndNoQueue) {
         ASSERT_EQ(service.ask(queued("2")), "TRUE");
         const std::vector<pid_t> workers = service.children();
         ASSERT_EQ(workers.size(), 2U);
+        for (const pid_t worker : workers)
+            ASSERT_TRUE(eventually([&] { return hasOpenedQueues(worker); }));
         if (bySignal)
             service.process().signal(SIGTERM);
         else

@@ -179,6 +179,8 @@ TEST_F(VerifierAnswers, AnAbsentPropertyFails) {
 TEST_F(VerifierAnswers, WhatTheWorkerSaidFollowsTheError) {
     VerifierJob made = job("ALL");
     made.setResults("/in/a.ts: no transport stream");
+    EXPECT_EQ(answerOf(made), FAILED) << "not of a worker that did its work";
+    made.setState(Job::ERROR);
     EXPECT_EQ(answerOf(made), std::string(FAILED) + " /in/a.ts: no transport stream");
 }
 

@@ -4,6 +4,8 @@
 #include "mpeg/mpeg2.h"
 
 #include <algorithm>
+#include <tuple>
+#include <utility>
 
 namespace kestrel::capture {
 namespace {
@@ -69,9 +71,9 @@ void skipScalingList(Bits& in, int size) {
     }
 }
 
-bool skipChroma(Bits& in) {
+bool skipChroma(Bits& in, unsigned& chroma) {
     bool separatePlanes = false;
-    const unsigned chroma = in.ue();
+    chroma = in.ue();
     if (chroma == 3)
         separatePlanes = in.bit();
     in.ue(); // bit_depth_luma_minus8
@@ -97,10 +99,37 @@ void skipOrderCount(Bits& in) {
     }
 }
 
-// E.1.1 up to the timing; the frame rate code, or 0.
-int readVuiRate(Bits& in) {
-    if (in.bit() && in.bits(8) == 255) // aspect_ratio_idc Extended_SAR
-        in.bits(32);
+// Table E-1, sample aspect ratios by aspect_ratio_idc.
+constexpr std::array<std::pair<unsigned, unsigned>, 17> sampleAspects{{{0, 0},
+                                                                       {1, 1},
+                                                                       {12, 11},
+                                                                       {10, 11},
+                                                                       {16, 11},
+                                                                       {40, 33},
+                                                                       {24, 11},
+                                                                       {20, 11},
+                                                                       {32, 11},
+                                                                       {80, 33},
+                                                                       {18, 11},
+                                                                       {15, 11},
+                                                                       {64, 33},
+                                                                       {160, 99},
+                                                                       {4, 3},
+                                                                       {3, 2},
+                                                                       {2, 1}}};
+
+// E.1.1 up to the timing.
+void readVui(Bits& in, AvcHeaders::Format& format) {
+    constexpr unsigned extendedSar = 255;
+    if (in.bit()) { // aspect_ratio_info_present_flag
+        const unsigned aspect = in.bits(8);
+        if (aspect == extendedSar) {
+            format.sarWidth = in.bits(16);
+            format.sarHeight = in.bits(16);
+        } else if (aspect < sampleAspects.size()) {
+            std::tie(format.sarWidth, format.sarHeight) = sampleAspects[aspect];
+        }
+    }
     if (in.bit()) // overscan
         in.bit();
     if (in.bit()) { // video_signal_type
@@ -113,12 +142,17 @@ int readVuiRate(Bits& in) {
         in.ue();
     }
     if (!in.bit()) // timing_info_present_flag
-        return 0;
-    const unsigned units = in.bits(32);
-    const unsigned scale = in.bits(32);
-    if (in.failed() || units == 0)
-        return 0;
-    return std::max(0, MPEG::fake_frame_rate_code(scale / (2.0 * units)));
+        return;
+    format.unitsInTick = in.bits(32);
+    format.timeScale = in.bits(32);
+    if (in.failed())
+        format.unitsInTick = format.timeScale = 0;
+}
+
+// Cropping offsets count chroma samples, and lines of one field where fields are coded (7.4.2.1.1).
+unsigned cropped(unsigned size, unsigned offsets, unsigned unit) {
+    const std::uint64_t away = std::uint64_t{offsets} * unit;
+    return away < size ? size - static_cast<unsigned>(away) : 0;
 }
 
 } // namespace
@@ -128,29 +162,52 @@ bool AvcHeaders::takeSequence(std::span<unsigned char> nal) {
         return false;
     Bits in(nal);
     const unsigned profile = in.bits(8);
-    in.bits(16);
+    const unsigned levelAndFlags = in.bits(16);
     const unsigned id = in.ue();
     Sequence sequence;
+    Format format;
+    format.profile = profile;
+    format.level = levelAndFlags & 0xFF;
+    unsigned chroma = 1;
     if (std::find(chromaProfiles.begin(), chromaProfiles.end(), profile) != chromaProfiles.end())
-        sequence.separatePlanes = skipChroma(in);
+        sequence.separatePlanes = skipChroma(in, chroma);
     sequence.frameNumberBits = in.ue() + 4;
     skipOrderCount(in);
     in.ue(); // max_num_ref_frames
     in.bit();
-    in.ue(); // width
-    in.ue(); // height
+    constexpr unsigned mostMacroblocks = 4096;
+    const unsigned width = 16 * (std::min(in.ue(), mostMacroblocks) + 1);
+    const unsigned mapUnits = std::min(in.ue(), mostMacroblocks) + 1;
     sequence.framesOnly = in.bit();
     if (in.failed() || id >= m_sequences.size() || sequence.frameNumberBits > 16)
         return false;
     sequence.known = true;
     m_sequences[id] = sequence;
+    const unsigned fields = sequence.framesOnly ? 1 : 2;
+    format.framesOnly = sequence.framesOnly;
+    format.width = width;
+    format.height = 16 * mapUnits * fields;
     if (!sequence.framesOnly)
         in.bit();
-    in.bit();     // direct_8x8_inference_flag
-    if (in.bit()) // cropping
-        for (int side = 0; side < 4; ++side)
-            in.ue();
-    m_frameRateCode = in.bit() ? readVuiRate(in) : 0;
+    in.bit();       // direct_8x8_inference_flag
+    if (in.bit()) { // frame_cropping_flag
+        const unsigned left = in.ue();
+        const unsigned right = in.ue();
+        const unsigned top = in.ue();
+        const unsigned bottom = in.ue();
+        const unsigned chromaWidth = chroma == 1 || chroma == 2 ? 2 : 1; // table 6-1
+        const unsigned chromaHeight = chroma == 1 ? 2 : 1;
+        format.width = cropped(width, std::min(left, width) + std::min(right, width), chromaWidth);
+        format.height = cropped(format.height, std::min(top, format.height) + std::min(bottom, format.height),
+                                chromaHeight * fields);
+    }
+    if (in.bit())
+        readVui(in, format);
+    m_format = format;
+    m_frameRateCode =
+        format.unitsInTick == 0
+            ? 0
+            : std::max(0, MPEG::fake_frame_rate_code(format.timeScale / (2.0 * format.unitsInTick)));
     return true;
 }
 
@@ -170,8 +227,8 @@ std::optional<AvcHeaders::Slice> AvcHeaders::readSlice(std::span<unsigned char> 
     Bits in(nal);
     Slice slice;
     slice.firstMacroblock = in.ue();
-    const unsigned type = in.ue() % 5;
-    slice.intra = type == 2 || type == 4;
+    slice.type = in.ue() % 5;
+    slice.intra = slice.type == 2 || slice.type == 4;
     const unsigned picture = in.ue();
     if (in.failed() || picture >= m_sequenceOfPicture.size())
         return std::nullopt;

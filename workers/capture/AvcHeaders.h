@@ -14,10 +14,24 @@ class AvcHeaders {
 public:
     struct Slice {
         unsigned firstMacroblock = 0;
+        unsigned type = 0;        // slice_type modulo 5: 0 P, 1 B, 2 I, 3 SP, 4 SI
         bool intra = false;       // I or SI
         bool field = false;       // field_pic_flag
         bool bottom = false;      // bottom_field_flag
         unsigned frameNumber = 0; // frame_num
+    };
+
+    // What the latest sequence says of its pictures.
+    struct Format {
+        unsigned width = 0; // luma samples shown, after cropping
+        unsigned height = 0;
+        unsigned sarWidth = 0; // sample aspect ratio; 0: not said
+        unsigned sarHeight = 0;
+        unsigned unitsInTick = 0; // 0: no timing
+        unsigned timeScale = 0;
+        unsigned profile = 0; // profile_idc
+        unsigned level = 0;   // level_idc
+        bool framesOnly = true;
     };
 
     // 7.3.2.1. Returns false when it cannot be read.
@@ -32,6 +46,7 @@ public:
 
     // MPEG-2 frame_rate_code by the VUI timing of the latest sequence; 0 when it has none that fits.
     [[nodiscard]] int frameRateCode() const noexcept { return m_frameRateCode; }
+    [[nodiscard]] const Format& format() const noexcept { return m_format; }
 
 private:
     struct Sequence {
@@ -44,6 +59,7 @@ private:
     std::array<Sequence, 32> m_sequences{};
     std::array<std::uint8_t, 256> m_sequenceOfPicture{};
     int m_frameRateCode = 0;
+    Format m_format;
 };
 
 } // namespace kestrel::capture

@@ -16,16 +16,17 @@
 namespace kestrel::capture {
 namespace {
 
-constexpr const char* module = "Capture";
 constexpr int readAccess = 0;
 constexpr int writeAccess = 1;
 
-int connectOne(const std::string& name, int access) {
+} // namespace
+
+int ServiceLink::connectOne(const std::string& name, int access) const {
     if (name.empty())
         return -1;
     const int queue = connectToMsgQueue(name.c_str(), access);
     if (queue < 0) {
-        LogUtil::Error(module, "%s %s", failure(error::captureQueueNotConnected, name.c_str()).text.c_str(),
+        LogUtil::Error(m_module, "%s %s", failure(error::captureQueueNotConnected, name.c_str()).text.c_str(),
                        errnoText(errno).c_str());
         return -1;
     }
@@ -33,8 +34,6 @@ int connectOne(const std::string& name, int access) {
     setQueueAttr(queue, attributes);
     return queue;
 }
-
-} // namespace
 
 ServiceLink::~ServiceLink() {
     for (const int queue : {m_write, m_read})
@@ -55,7 +54,7 @@ bool ServiceLink::cancelReceived() {
         const ssize_t received = m_read < 0 ? -1 : mq_receive(m_read, buffer.data(), buffer.size(), nullptr);
         if (received < 0) {
             if (m_read >= 0 && errno != EAGAIN && errno != EINTR) {
-                LogUtil::Error(module, "Cannot read the service's queue: %s", errnoText(errno).c_str());
+                LogUtil::Error(m_module, "Cannot read the service's queue: %s", errnoText(errno).c_str());
                 closeMsgQueue(m_read);
                 m_read = -1;
             }
@@ -78,7 +77,7 @@ void ServiceLink::sendHeartbeat() {
     noticeRemoval();
     const bool sent = trySend(STATUS_MSG, nullptr, 0);
     if (!sent && !m_fullLogged)
-        LogUtil::Warning(module, "The service does not read queue %s: status is dropped",
+        LogUtil::Warning(m_module, "The service does not read queue %s: status is dropped",
                          m_writeName.c_str());
     m_fullLogged = !sent;
 }
@@ -93,8 +92,8 @@ void ServiceLink::noticeRemoval() {
     if (m_write < 0 || m_removed || ::fstat(m_write, &status) != 0 || status.st_nlink != 0)
         return;
     m_removed = true;
-    LogUtil::Warning(module, "Queue %s has been removed: the recording goes on, end it with SIGTERM",
-                     m_writeName.c_str());
+    LogUtil::Warning(m_module, "Queue %s has been removed: the %s goes on, end it with SIGTERM",
+                     m_writeName.c_str(), m_work);
     closeMsgQueue(m_write);
     m_write = -1;
 }
@@ -105,7 +104,7 @@ void ServiceLink::sendSurely(AppMsgType type, const void* payload, int size) {
     while (!trySend(type, payload, size)) {
         const auto left = std::chrono::duration_cast<milliseconds>(deadline - Clock::now());
         if ((errno != EAGAIN && errno != EINTR) || left.count() <= 0) {
-            LogUtil::Error(module, "%s",
+            LogUtil::Error(m_module, "%s",
                            failure(error::captureQueueSendFailed, static_cast<int>(type), m_writeName.c_str())
                                .text.c_str());
             return;

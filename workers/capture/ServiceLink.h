@@ -11,7 +11,9 @@ namespace kestrel::capture {
 
 class ServiceLink {
 public:
-    ServiceLink() = default;
+    // module names the log lines, and work what goes on when the service's queue is gone.
+    explicit ServiceLink(const char* module = "Capture", const char* work = "recording")
+        : m_module(module), m_work(work) {}
     ~ServiceLink();
     ServiceLink(const ServiceLink&) = delete;
     ServiceLink& operator=(const ServiceLink&) = delete;
@@ -36,6 +38,10 @@ private:
     void sendSurely(AppMsgType type, const void* payload, int size);
     void noticeRemoval();
 
+    int connectOne(const std::string& name, int access) const;
+
+    const char* m_module;
+    const char* m_work;
     std::string m_writeName;
     int m_write = -1;
     int m_read = -1;

@@ -1,0 +1,300 @@
+// The verifier as a process: reports, failures, messages to the service, hostile files.
+#include "capture/worker_process.h"
+#include "foundation/ScratchDir.h"
+#include "streams/gop_reader.h"
+#include "streams/stream_fixtures.h"
+#include "verifier/VerifierXml.h"
+
+#include <array>
+#include <csignal>
+#include <cstdio>
+#include <fcntl.h>
+#include <filesystem>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <random>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using capture_test::ServiceQueues;
+using kestrel::test::readFile;
+using kestrel::test::streamFile;
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+
+namespace {
+
+class FlowScope : public testing::Test {
+protected:
+    // Starts it on a file, with further options.
+    void start(const std::string& file, std::vector<std::string> options = {}) {
+        std::vector<std::string> words{KESTREL_FLOW_SCOPE, "-report_dst", directory.path(""), "-f", file};
+        words.insert(words.end(), options.begin(), options.end());
+        std::vector<char*> argv;
+        for (std::string& word : words)
+            argv.push_back(word.data());
+        argv.push_back(nullptr);
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, 2, directory.path("stderr").c_str(),
+                                         O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        ASSERT_EQ(posix_spawn(&process, argv[0], &actions, nullptr, argv.data(), environ), 0);
+        posix_spawn_file_actions_destroy(&actions);
+    }
+    int finish() {
+        int status = 0;
+        waitpid(process, &status, 0);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+    int run(const std::string& file, std::vector<std::string> options = {}) {
+        start(file, std::move(options));
+        return finish();
+    }
+    [[nodiscard]] std::string errors() const {
+        const auto bytes = readFile(directory.path("stderr"));
+        return {bytes.begin(), bytes.end()};
+    }
+    [[nodiscard]] std::string report(const std::string& name) const {
+        const auto bytes = readFile(directory.path(name));
+        return {bytes.begin(), bytes.end()};
+    }
+    [[nodiscard]] std::size_t filesBeside() const {
+        std::size_t count = 0;
+        for (const auto& entry : std::filesystem::directory_iterator(directory.path("")))
+            count += entry.path().filename() != "stderr" && entry.path().extension() != ".ts" ? 1 : 0;
+        return count;
+    }
+    // A failure leaves no report, exits with 1, and names file and reason.
+    void fails(const std::string& file, const std::string& reason) {
+        EXPECT_EQ(run(file), 1) << file;
+        EXPECT_EQ(errors(), "flowScope: " + file + ": " + reason + "\n");
+        EXPECT_EQ(filesBeside(), 0U) << "no report, not even a part of one";
+    }
+
+    ScratchDir directory;
+    pid_t process = -1;
+};
+
+TEST_F(FlowScope, WritesTheReportThatTheServiceReads) {
+    const std::string file = streamFile("m2_delivery_pids");
+    ASSERT_EQ(run(file, {"-r", "xml", "-report_name", "G-a.report.xml"}), 0) << errors();
+    const VerifierXml reader(directory.path("G-a.report.xml").c_str());
+    ASSERT_TRUE(reader.loaded);
+    EXPECT_STREQ(reader.getPmtPid(), "480");
+    EXPECT_STREQ(reader.getPcrPid(), "481");
+    EXPECT_STREQ(reader.getVideoPid(), "481");
+    EXPECT_STREQ(reader.getVideoRes(), "528x480");
+    EXPECT_STREQ(reader.getVideoFrameRate(), "29.97");
+    EXPECT_STREQ(reader.getGopLength(), "15");
+    EXPECT_STREQ(reader.getGopStructure(), "IBBP");
+    EXPECT_STREQ(reader.getVariableGops(), "FALSE");
+    EXPECT_STREQ(reader.getDropFrame(), "TRUE");
+    EXPECT_STREQ(reader.getIsMpeg2(), "TRUE");
+    EXPECT_STREQ(reader.getDuration(), "00:00:03;00");
+    EXPECT_FALSE(reader.isHd());
+    ASSERT_EQ(reader.getNumAudios(), 2);
+    EXPECT_TRUE(reader.isAC3(1));
+    EXPECT_EQ(reader.getAudioBitrateKbps(1), 192);
+    EXPECT_STREQ(reader.getAudioSamplingRate(0), "48000");
+    EXPECT_EQ(reader.numAudioChannels(0), 2);
+}
+
+TEST_F(FlowScope, SurroundIsFiveChannelsForTheService) {
+    ASSERT_EQ(run(streamFile("m2_surround"), {"-report_name", "r.xml"}), 0);
+    const VerifierXml reader(directory.path("r.xml").c_str());
+    EXPECT_TRUE(reader.isDolby5p1(0));
+    EXPECT_STREQ(reader.getAudioMode(0), "3/2 LFE");
+}
+
+TEST_F(FlowScope, H264AndEac3AreNamedAsTheServiceLooksForThem) {
+    ASSERT_EQ(run(streamFile("h264_main"), {"-report_name", "r.xml"}), 0);
+    EXPECT_TRUE(VerifierXml(directory.path("r.xml").c_str()).isMpeg4());
+    ASSERT_EQ(run(streamFile("m2_eac3"), {"-report_name", "r.xml"}), 0);
+    EXPECT_FALSE(VerifierXml(directory.path("r.xml").c_str()).isAC3(0));
+}
+
+TEST_F(FlowScope, ByHandTheReportHasTheFilesName) {
+    const std::string file = streamFile("m2_sd_25");
+    ASSERT_EQ(run(file), 0);
+    EXPECT_TRUE(std::filesystem::exists(
+        directory.path(std::filesystem::path(file).filename().string() + ".report.xml")));
+    EXPECT_THAT(errors(), HasSubstr("75 frames, 00:00:03:00, 720x576 at 25, 1 audio, no findings"));
+}
+
+TEST_F(FlowScope, HtmlIsOnePageWithoutAnyReferenceToElsewhere) {
+    ASSERT_EQ(run(streamFile("m2_sd_25"), {"-r", "html", "-report_name", "r.html"}), 0);
+    const std::string page = report("r.html");
+    EXPECT_THAT(page, StartsWith("<!DOCTYPE html>"));
+    EXPECT_THAT(page, HasSubstr("Nothing was found that departs from the standards."));
+    EXPECT_THAT(page, HasSubstr("720x576"));
+    EXPECT_THAT(page, HasSubstr("<svg "));
+    EXPECT_THAT(page, HasSubstr("<polyline "));
+    EXPECT_THAT(page, Not(HasSubstr("http")));
+    EXPECT_THAT(page, Not(HasSubstr("src=")));
+}
+
+TEST_F(FlowScope, TextsOfTheFileAreNoMarkup) {
+    const std::string file = directory.path("<b>&\"x.ts");
+    std::filesystem::copy_file(streamFile("m2_sd_25"), file);
+    ASSERT_EQ(run(file, {"-r", "html", "-report_name", "r.html"}), 0);
+    EXPECT_THAT(report("r.html"), HasSubstr("&lt;b&gt;&amp;&quot;x.ts"));
+    ASSERT_EQ(run(file, {"-report_name", "r.xml"}), 0);
+    EXPECT_TRUE(VerifierXml(directory.path("r.xml").c_str()).loaded);
+}
+
+TEST_F(FlowScope, ADurationBoundsTheAnalysisInStreamTime) {
+    ASSERT_EQ(run(streamFile("m2_sd_25"), {"-duration", "1", "-report_name", "r.xml"}), 0);
+    const VerifierXml reader(directory.path("r.xml").c_str());
+    EXPECT_STREQ(reader.getDuration(), "00:00:01:00");
+    EXPECT_STREQ(reader.getVideoRes(), "720x576");
+}
+
+TEST_F(FlowScope, LostPacketsAreFoundWithNumberAndPid) {
+    std::vector<unsigned char> bytes = readFile(streamFile("m2_sd_25"));
+    bytes.erase(bytes.begin() + 188 * 2000, bytes.begin() + 188 * 2001);
+    const std::string file = directory.file("lost.ts", std::string(bytes.begin(), bytes.end()));
+    ASSERT_EQ(run(file, {"-report_name", "r.xml"}), 0);
+    EXPECT_THAT(report("r.xml"), HasSubstr("<ContinuityErrors value=\"1\" />"));
+    EXPECT_THAT(report("r.xml"),
+                testing::ContainsRegex("kind=\"continuity\" text=\"packet [0-9]+: expected"));
+}
+
+TEST_F(FlowScope, TransportErrorsAndNullPacketsAreCounted) {
+    std::vector<unsigned char> bytes = readFile(streamFile("m2_sd_25"));
+    bytes[188 * 500 + 1] |= 0x80;
+    std::vector<unsigned char> null(188, 0xFF);
+    null[0] = 0x47;
+    null[1] = 0x1F;
+    null[3] = 0x10;
+    bytes.insert(bytes.begin() + 188 * 900, null.begin(), null.end());
+    ASSERT_EQ(
+        run(directory.file("bad.ts", std::string(bytes.begin(), bytes.end())), {"-report_name", "r.xml"}), 0);
+    EXPECT_THAT(report("r.xml"), HasSubstr("<TransportErrors value=\"1\" />"));
+    EXPECT_THAT(report("r.xml"), HasSubstr("<NullPackets value=\"1\" />"));
+    EXPECT_THAT(report("r.xml"), HasSubstr("packet 500, PID"));
+}
+
+TEST_F(FlowScope, FilesThatAreNoneAreNamedWithTheirReason) {
+    fails(directory.path("missing.ts"), "cannot be read: No such file or directory (errno 2)");
+    fails("/tmp", "is not a regular file");
+    const std::string fifo = directory.path("fifo.ts");
+    mkfifo(fifo.c_str(), 0600);
+    fails(fifo, "is not a regular file");
+    fails(directory.file("empty.ts", ""), "is empty");
+    fails(directory.file("short.ts", std::string(187, 'G')),
+          "is shorter than one transport packet of 188 bytes");
+    fails(directory.file("text.ts", std::string(10'000, 'x')),
+          "is not an MPEG transport stream: no sync bytes 188 bytes apart");
+}
+
+TEST_F(FlowScope, PacketsOfAnotherSizeAreRecognised) {
+    const std::vector<unsigned char> bytes = readFile(streamFile("m2_sd_25"));
+    std::string stamped;
+    std::string protectedPackets;
+    for (std::size_t at = 0; at + 188 <= bytes.size(); at += 188) {
+        const std::string packet(bytes.begin() + static_cast<long>(at),
+                                 bytes.begin() + static_cast<long>(at + 188));
+        stamped += std::string(4, '\1') + packet;
+        protectedPackets += packet + std::string(16, '\2');
+    }
+    fails(directory.file("stamped.ts", stamped),
+          "has packets of 192 bytes (with a time stamp before each); expected 188");
+    fails(directory.file("parity.ts", protectedPackets),
+          "has packets of 204 bytes (with parity bytes behind each); expected 188");
+}
+
+TEST_F(FlowScope, StreamsWithoutAProgramOrVideoFail) {
+    std::string null(188, '\xFF');
+    null[0] = 0x47;
+    null[1] = 0x1F;
+    null[3] = 0x10;
+    std::string stream;
+    for (int i = 0; i < 100; ++i)
+        stream += null;
+    fails(directory.file("null.ts", stream), "no program: no PAT and PMT were found");
+    const std::string audio = kestrel::test::makeStream("audio_only", "-f lavfi -i sine -t 1 -c:a mp2");
+    fails(audio, "no MPEG-2 or H.264 video in any program");
+}
+
+TEST_F(FlowScope, AReportThatCannotBeWrittenIsAFailure) {
+    EXPECT_EQ(
+        run(streamFile("m2_sd_25"), {"-report_dst", directory.path("no/such"), "-report_name", "r.xml"}), 1);
+    EXPECT_THAT(errors(),
+                HasSubstr("the report cannot be written to " + directory.path("no/such") + "/r.xml."));
+    EXPECT_THAT(errors(), HasSubstr("No such file or directory (errno 2)"));
+}
+
+TEST_F(FlowScope, AWrongCommandLineIsExitCodeTwo) {
+    EXPECT_EQ(run(streamFile("m2_sd_25"), {"-r", "pdf"}), 2);
+    EXPECT_THAT(errors(), StartsWith("flowScope: -r pdf: expected xml or html\nUsage: "));
+}
+
+TEST_F(FlowScope, HostileStreamsEnd) {
+    const std::vector<unsigned char> good = readFile(streamFile("m2_four_audios"));
+    std::mt19937 random(42);
+    for (int round = 0; round < 15; ++round) {
+        std::string bytes(good.begin(), good.end());
+        for (int i = 0; i < 3000 * (round + 1); ++i) {
+            const std::size_t at = random() % bytes.size();
+            if (at % 188 != 0)
+                bytes[at] = static_cast<char>(random());
+        }
+        const int code = run(directory.file("wild.ts", bytes), {"-report_name", "r.xml"});
+        EXPECT_TRUE(code == 0 || code == 1) << code << errors();
+        if (code == 0) {
+            EXPECT_TRUE(VerifierXml(directory.path("r.xml").c_str()).loaded);
+        }
+        std::filesystem::remove(directory.path("r.xml"));
+    }
+}
+
+TEST_F(FlowScope, ACutFileIsReadAsFarAsItGoes) {
+    const std::vector<unsigned char> good = readFile(streamFile("m2_sd_25"));
+    for (std::size_t length = 188 * 4; length < good.size(); length += good.size() / 9) {
+        const int code =
+            run(directory.file("cut.ts", std::string(good.begin(), good.begin() + static_cast<long>(length))),
+                {"-report_name", "r.xml"});
+        EXPECT_EQ(code, 0) << length << errors();
+    }
+}
+
+TEST_F(FlowScope, TellsTheServiceHowItGoes) {
+    ServiceQueues queues;
+    ASSERT_EQ(run(streamFile("m2_sd_25"), {"-out_queue_name", queues.updateName(), "-in_queue_name",
+                                           queues.managerName(), "-report_name", "r.xml"}),
+              0);
+    while (queues.receive(std::chrono::milliseconds(0))) {
+    }
+    const auto& messages = queues.received();
+    ASSERT_EQ(messages.size(), 3U);
+    EXPECT_EQ(messages[0].type, STATUS_MSG);
+    EXPECT_EQ(messages[1].type, RESULTS_MSG);
+    EXPECT_THAT(messages[1].text, HasSubstr("75 frames"));
+    EXPECT_EQ(messages[2].type, EXIT_MSG);
+}
+
+TEST_F(FlowScope, TellsTheServiceWhyItFailed) {
+    ServiceQueues queues;
+    EXPECT_EQ(run(directory.file("empty.ts", ""),
+                  {"-out_queue_name", queues.updateName(), "-in_queue_name", queues.managerName()}),
+              1);
+    while (queues.receive(std::chrono::milliseconds(0))) {
+    }
+    ASSERT_EQ(queues.received().size(), 3U);
+    EXPECT_EQ(queues.received()[1].text, directory.path("empty.ts") + ": is empty");
+}
+
+TEST_F(FlowScope, ACancelMessageEndsItWithoutAReport) {
+    ServiceQueues queues;
+    queues.send(CANCEL_MSG);
+    EXPECT_EQ(run(streamFile("m2_sd_25"),
+                  {"-out_queue_name", queues.updateName(), "-in_queue_name", queues.managerName()}),
+              1);
+    EXPECT_THAT(errors(), HasSubstr("cancelled: no report is written"));
+    EXPECT_EQ(filesBeside(), 0U);
+}
+
+} // namespace

@@ -1,0 +1,103 @@
+// Verifications of real files by the real verifier, through the service.
+#include "streams/stream_fixtures.h"
+#include "system/service_under_test.h"
+
+#include <filesystem>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using namespace kestrel::test;
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+
+namespace {
+
+constexpr const char* GUID = "0123456789abcdef0123456789abcdef";
+
+class Verification : public testing::Test {
+protected:
+    Verification() {
+        service.set("Verifier", "EXE", KESTREL_FLOW_SCOPE);
+        service.set("Verifier", "REPORT_DIR", service.root().string() + "/");
+        service.set("MPEGProperties", "NUM_AUDIOS", "2");
+        service.set("MPEGProperties", "AUDIO_PLACEHOLDER_VALUE", "none");
+        service.start();
+    }
+    std::string verify(const std::string& file, const std::string& rest) const {
+        return service.ask(std::string("GET_MPEG_PROPERTIES,JOB_BEGIN,") + GUID + "," + file + rest);
+    }
+
+    ServiceUnderTest service;
+    std::string delivery = streamFile("m2_delivery_pids");
+};
+
+TEST_F(Verification, EverySinglePropertyOfARealFile) {
+    const std::pair<const char*, const char*> rows[] = {
+        {"VIDEO_ENCODING", "MPEG2"},  {"VIDEO_RESOLUTION", "528x480"},
+        {"DROP_FRAME", "TRUE"},       {"VIDEO_PID", "481"},
+        {"PCR_PID", "481"},           {"PMT_PID", "480"},
+        {"IS_HD", "FALSE"},           {"VIDEO_FRAME_RATE", "29.97"},
+        {"IS_CC", "FALSE"},           {"GOP_STRUCTURE", "IBBP"},
+        {"VARIABLE_GOPS", "FALSE"},   {"GOP_LENGTH", "15"},
+        {"QUADBYTEALIGNED", "FALSE"}, {"IS_MPEG2", "TRUE"},
+        {"IS_MPEG4", "FALSE"}};
+    for (const auto& [property, expected] : rows)
+        EXPECT_EQ(verify(delivery, std::string(",") + property), std::string("TRUE - ") + expected)
+            << property;
+    EXPECT_THAT(verify(delivery, ",VIDEO_ASPECT_RATIO"), StartsWith("TRUE - "));
+    EXPECT_THAT(verify(delivery, ",TRANSPORT_RATE"), StartsWith("TRUE - "));
+    EXPECT_THAT(verify(delivery, ",VIDEO_RATE"), StartsWith("TRUE - "));
+    EXPECT_EQ(verify(delivery, ",RUNTIME,BLOCK"), "TRUE - 00:00:03;00");
+    EXPECT_EQ(verify(delivery, ",VIDEO_CBR,BLOCK"), "TRUE - FALSE");
+    EXPECT_EQ(verify(delivery, ",NEEDS_REENCODING,BLOCK"), "TRUE - TRUE");
+    EXPECT_EQ(verify(streamFile("h264_high_2997"), ",VIDEO_ENCODING"), "TRUE - H264");
+    EXPECT_EQ(verify(streamFile("m2_hd_25_fields"), ",IS_HD"), "TRUE - TRUE");
+}
+
+TEST_F(Verification, QuickAndAudioModesAreLists) {
+    const std::string quick = verify(delivery, ",QUICK");
+    EXPECT_THAT(quick, StartsWith("TRUE - ENCODING=MPEG2\tRESOLUTION=528x480\t"));
+    EXPECT_THAT(quick, HasSubstr("AUDIOPID1=483\tAUDIOTYPE1=AC3 Audio (ATSC A/52)\tAUDIORATE1=192000\t"
+                                 "AUDIOSAMPLINGRATE1=48000\tAUDIOSURROUNDMODE1=2/0\t"));
+    EXPECT_THAT(verify(streamFile("m2_surround"), ",AUDIO_MODES"),
+                HasSubstr("AUDIOSURROUNDMODE0=3/2 LFE\tAUDIOPID1=none\t"));
+}
+
+TEST_F(Verification, AllIsQueuedOrBlocks) {
+    EXPECT_EQ(verify(delivery, ""), "TRUE");
+    EXPECT_EQ(service.waitForState(GUID, "COMPLETE"), "TRUE - COMPLETE");
+    const std::string results = service.ask(std::string("JOB_RESULTS,") + GUID);
+    EXPECT_THAT(results, HasSubstr("RUNTIME=00:00:03;00\t"));
+    EXPECT_EQ(verify(delivery, ",ALL,BLOCK"), results);
+    const std::string path = service.root().string() + "/" + GUID + "-" +
+                             std::filesystem::path(delivery).filename().string() + ".report.xml";
+    EXPECT_EQ(verify(delivery, ",ALL,XML"), "TRUE - " + path);
+    EXPECT_TRUE(std::filesystem::exists(path));
+}
+
+TEST_F(Verification, RulesAreJudgedOnRealFiles) {
+    const std::string errors = verify(delivery, ",VALIDATION_ERRORS,BLOCK");
+    EXPECT_EQ(errors,
+              "TRUE - The file " + delivery + " does not satisfy the Quad Byte Alignment requirement.\t");
+    EXPECT_EQ(verify(delivery, ",VALIDATION_ERRORS,BLOCK,Mpeg2SD_QuadByteAligned"), "TRUE") << "it passed";
+    const std::string other = verify(streamFile("m2_sd_25"), ",VALIDATION_ERRORS,BLOCK");
+    EXPECT_THAT(other, HasSubstr("The PMT PID 4096 must be 480 decimal/0x1E0 Hex.\t"));
+    EXPECT_THAT(other, HasSubstr("The GOP length must be 15.\t"));
+    EXPECT_THAT(other, HasSubstr("is not 1/2 D1 or 3/4 D1.\t"));
+    EXPECT_THAT(other, HasSubstr("The first audio PID in the file "));
+    const std::string h264 = verify(streamFile("h264_main"), ",VALIDATION_ERRORS,BLOCK");
+    EXPECT_THAT(h264, HasSubstr(" is not MPEG2.\t"));
+    EXPECT_THAT(h264, Not(HasSubstr("Quad Byte")));
+    EXPECT_THAT(verify(streamFile("m2_aac"), ",VALIDATION_ERRORS,BLOCK"), HasSubstr(" is not AC3.\t"));
+}
+
+TEST_F(Verification, AFileThatIsNoStreamSaysSo) {
+    const std::string file = service.root() / "text.ts";
+    std::filesystem::copy_file("/proc/self/exe", file);
+    EXPECT_EQ(verify(file, ",VIDEO_PID"),
+              "FALSE - Error: Failed to get requested Mpeg Property. " + file +
+                  ": is not an MPEG transport stream: no sync bytes 188 bytes apart");
+}
+
+} // namespace

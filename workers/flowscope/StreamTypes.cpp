@@ -1,0 +1,77 @@
+#include "StreamTypes.h"
+
+#include <algorithm>
+
+namespace kestrel::flowscope {
+namespace {
+
+struct Kind {
+    int type; // stream_type
+    const char* description;
+    std::optional<VideoCodec> video;
+    std::optional<AudioCodec> audio;
+};
+
+// Table 2-34, and the ATSC's own values (A/53 part 3). The service looks for "H.264" and "AC3".
+const Kind KINDS[] = {
+    {0x01, "MPEG-1 Video (ISO/IEC 11172-2)", VideoCodec::mpeg2, {}},
+    {0x02, "MPEG-2 Video (ISO/IEC 13818-2)", VideoCodec::mpeg2, {}},
+    {0x03, "MPEG-1 Audio (ISO/IEC 11172-3)", {}, AudioCodec::mpeg},
+    {0x04, "MPEG-2 Audio (ISO/IEC 13818-3)", {}, AudioCodec::mpeg},
+    {0x06, "Private PES data", {}, {}},
+    {0x0F, "AAC Audio, ADTS (ISO/IEC 13818-7)", {}, AudioCodec::aac},
+    {0x11, "AAC Audio, LATM (ISO/IEC 14496-3)", {}, {}},
+    {0x1B, "H.264 Video (ITU-T H.264)", VideoCodec::h264, {}},
+    {0x24, "HEVC Video (ITU-T H.265)", {}, {}},
+    {0x81, "AC3 Audio (ATSC A/52)", {}, AudioCodec::ac3},
+    {0x82, "Subtitles (SCTE 27)", {}, {}},
+    {0x86, "Splice information (SCTE 35)", {}, {}},
+    {0x87, "E-AC-3 Audio (ATSC A/52)", {}, AudioCodec::eac3},
+};
+
+// Descriptors that tell what private PES data is: registration (2.6.8), and DVB's for AC-3 and E-AC-3 (ETSI
+// EN 300 468, annex D).
+void readDescriptor(int tag, std::span<const unsigned char> body, StreamEntry& stream) {
+    constexpr int REGISTRATION = 0x05;
+    constexpr int LANGUAGE = 0x0A;
+    constexpr int DVB_AC3 = 0x6A;
+    constexpr int DVB_EAC3 = 0x7A;
+    const std::string_view text(reinterpret_cast<const char*>(body.data()), body.size());
+    if (tag == LANGUAGE && body.size() >= 3 &&
+        std::all_of(body.begin(), body.begin() + 3, [](unsigned char c) { return c >= 'A' && c <= 'z'; }))
+        stream.language = text.substr(0, 3);
+    if (stream.type != 0x06)
+        return;
+    if (tag == DVB_AC3 || (tag == REGISTRATION && text.starts_with("AC-3"))) {
+        stream.description = "AC3 Audio (private PES)";
+        stream.audio = AudioCodec::ac3;
+    } else if (tag == DVB_EAC3 || (tag == REGISTRATION && text.starts_with("EAC3"))) {
+        stream.description = "E-AC-3 Audio (private PES)";
+        stream.audio = AudioCodec::eac3;
+    }
+}
+
+} // namespace
+
+StreamEntry describeStream(std::span<const unsigned char> entry) {
+    StreamEntry stream;
+    stream.type = entry[0];
+    stream.pid = (entry[1] & 0x1F) << 8 | entry[2];
+    stream.description = "stream_type " + std::to_string(stream.type);
+    for (const Kind& kind : KINDS)
+        if (kind.type == stream.type) {
+            stream.description = kind.description;
+            stream.video = kind.video;
+            stream.audio = kind.audio;
+        }
+    for (std::size_t at = 5; at + 2 <= entry.size();) {
+        const std::size_t length = entry[at + 1];
+        if (at + 2 + length > entry.size())
+            break;
+        readDescriptor(entry[at], entry.subspan(at + 2, length), stream);
+        at += 2 + length;
+    }
+    return stream;
+}
+
+} // namespace kestrel::flowscope

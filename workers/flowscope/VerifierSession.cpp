@@ -1,0 +1,173 @@
+#include "VerifierSession.h"
+
+#include "Analysis.h"
+#include "ReportValues.h"
+#include "Reports.h"
+#include "capture/Failure.h"
+#include "foundation/UniqueFd.h"
+#include "mpeg/packet_view.h"
+#include "mpeg/regular_file.h"
+#include "mpeg/ts_file.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace kestrel::flowscope {
+namespace {
+
+using capture::errnoText;
+using capture::format;
+
+constexpr int exitSuccess = 0;
+constexpr int exitFailure = 1;
+constexpr auto heartbeatPeriod = std::chrono::seconds(5);
+// Packets between two looks at the clock and at the service's queue: some milliseconds of work.
+constexpr std::uint64_t packetsPerLook = 8192;
+constexpr const char* cancelled = "cancelled: no report is written";
+
+std::atomic<bool> endAsked{false};
+void askForEnd(int) {
+    endAsked = true;
+}
+
+// Whether sync bytes stand that far apart, beginning at one of the first positions.
+bool hasSyncEvery(const unsigned char* bytes, std::size_t count, std::size_t distance) {
+    constexpr std::size_t RUN = 5;
+    for (std::size_t first = 0; first < distance; ++first) {
+        std::size_t found = 0;
+        for (std::size_t at = first; at < count && bytes[at] == ts::sync_byte; at += distance)
+            ++found;
+        if (found >= RUN)
+            return true;
+    }
+    return false;
+}
+
+} // namespace
+
+VerifierSession::VerifierSession(Options options)
+    : m_options(std::move(options)), m_link("FlowScope", "verification"),
+      m_nextHeartbeat(std::chrono::steady_clock::now() + heartbeatPeriod) {}
+
+int VerifierSession::run() {
+    std::signal(SIGTERM, askForEnd);
+    std::signal(SIGINT, askForEnd);
+    m_link.connect(m_options.outQueue, m_options.inQueue);
+    m_link.sendHeartbeat();
+    Analysis analysis(m_options.durationSeconds);
+    std::string failure = examineBeginning();
+    if (failure.empty())
+        failure = analyse(analysis);
+    if (failure.empty() && analysis.video() == nullptr)
+        failure = analysis.programs().empty() ? "no program: no PAT and PMT were found"
+                                              : "no MPEG-2 or H.264 video in any program";
+    if (failure.empty())
+        failure = writeReport(analysis);
+    if (!failure.empty())
+        return fail(m_options.file + ": " + failure);
+    const std::string text = m_options.file + ": " + summary(analysis);
+    std::fprintf(stderr, "%s\nReport: %s\n", text.c_str(), m_options.reportPath().c_str());
+    m_link.sendResults(text);
+    m_link.sendExit();
+    return exitSuccess;
+}
+
+int VerifierSession::fail(const std::string& why) {
+    std::fprintf(stderr, "flowScope: %s\n", why.c_str());
+    m_link.sendResults(why);
+    m_link.sendExit();
+    return exitFailure;
+}
+
+// What can be told before the pass: a file that is none, and packets of another size.
+std::string VerifierSession::examineBeginning() const {
+    struct stat status {};
+    if (stat(m_options.file.c_str(), &status) != 0)
+        return "cannot be read: " + errnoText(errno);
+    if (!S_ISREG(status.st_mode))
+        return "is not a regular file";
+    const RegularFile file(m_options.file.c_str());
+    if (!file)
+        return "cannot be read: " + errnoText(errno);
+    std::array<unsigned char, 8192> bytes{};
+    const std::size_t count = std::fread(bytes.data(), 1, bytes.size(), file.get());
+    if (count == 0)
+        return "is empty";
+    if (count < static_cast<std::size_t>(ts::packet_size))
+        return "is shorter than one transport packet of 188 bytes";
+    if (hasSyncEvery(bytes.data(), count, ts::packet_size) || count < std::size_t{5} * 204)
+        return bytes[0] == ts::sync_byte ? ""
+                                         : "no sync byte 0x47 at its beginning: expected 188-byte packets";
+    if (hasSyncEvery(bytes.data(), count, 192))
+        return "has packets of 192 bytes (with a time stamp before each); expected 188";
+    if (hasSyncEvery(bytes.data(), count, 204))
+        return "has packets of 204 bytes (with parity bytes behind each); expected 188";
+    return "is not an MPEG transport stream: no sync bytes 188 bytes apart";
+}
+
+std::string VerifierSession::analyse(Analysis& analysis) {
+    const RegularFile size(m_options.file.c_str());
+    m_fileBytes = size.length();
+    ts_file file(m_options.file.c_str());
+    std::uint64_t packets = 0;
+    while (const unsigned char* const packet = file.get_ts()) {
+        if (!analysis.take(packet))
+            break;
+        if (++packets % packetsPerLook == 0 && attend(packets))
+            return cancelled;
+    }
+    if (attend(packets))
+        return cancelled;
+    analysis.end();
+    return {};
+}
+
+bool VerifierSession::attend(std::uint64_t packets) {
+    const auto now = std::chrono::steady_clock::now();
+    if (now >= m_nextHeartbeat) {
+        m_nextHeartbeat = now + heartbeatPeriod;
+        m_link.sendHeartbeat();
+        const double share = static_cast<double>(packets) * ts::packet_size /
+                             static_cast<double>(std::max<std::int64_t>(m_fileBytes, 1));
+        m_link.sendResults(format("%s: %.0f %% read", m_options.file.c_str(), 100 * std::min(share, 1.0)));
+    }
+    return endAsked || m_link.cancelReceived();
+}
+
+// Written beside its name and renamed, so that nobody reads half a report.
+std::string VerifierSession::writeReport(const Analysis& analysis) const {
+    const std::string text = m_options.format == "html" ? htmlReport(analysis, m_options.file)
+                                                        : xmlReport(analysis, m_options.file);
+    const std::string path = m_options.reportPath();
+    const std::string part = path + "." + std::to_string(getpid()) + ".part";
+    const UniqueFd out(open(part.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+    if (!out.valid())
+        return "the report cannot be written to " + part + ": " + errnoText(errno);
+    std::size_t done = 0;
+    while (done < text.size()) {
+        const ssize_t count = write(out.get(), text.data() + done, text.size() - done);
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count <= 0) {
+            const int error = errno;
+            unlink(part.c_str());
+            return "the report cannot be written to " + part + ": " + errnoText(error);
+        }
+        done += static_cast<std::size_t>(count);
+    }
+    if (fsync(out.get()) != 0 || rename(part.c_str(), path.c_str()) != 0) {
+        const int error = errno;
+        unlink(part.c_str());
+        return "the report cannot be renamed to " + path + ": " + errnoText(error);
+    }
+    return {};
+}
+
+} // namespace kestrel::flowscope

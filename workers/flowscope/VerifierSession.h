@@ -1,0 +1,35 @@
+// One verification from the command line to the exit code.
+#pragma once
+
+#include "Options.h"
+#include "capture/ServiceLink.h"
+
+#include <chrono>
+#include <string>
+
+namespace kestrel::flowscope {
+
+class Analysis;
+
+class VerifierSession {
+public:
+    explicit VerifierSession(Options options);
+    // The exit code.
+    int run();
+
+private:
+    // Empty, or why there can be no report.
+    std::string analyse(Analysis& analysis);
+    std::string examineBeginning() const;
+    // Heartbeat and progress; true when the service, or a signal, asks for the end.
+    bool attend(std::uint64_t packets);
+    std::string writeReport(const Analysis& analysis) const;
+    int fail(const std::string& why);
+
+    Options m_options;
+    capture::ServiceLink m_link;
+    std::int64_t m_fileBytes = 0;
+    std::chrono::steady_clock::time_point m_nextHeartbeat;
+};
+
+} // namespace kestrel::flowscope

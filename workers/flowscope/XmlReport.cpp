@@ -1,0 +1,145 @@
+#include "ReportValues.h"
+#include "Reports.h"
+#include "capture/Failure.h"
+
+#include <tinyxml.h>
+
+namespace kestrel::flowscope {
+namespace {
+
+using capture::format;
+
+TiXmlElement& add(TiXmlElement& parent, const char* name) {
+    auto* const element = new TiXmlElement(name);
+    parent.LinkEndChild(element); // which owns it from here on
+    return *element;
+}
+
+// What is not known is left out.
+void value(TiXmlElement& parent, const char* name, const std::string& text) {
+    if (!text.empty())
+        add(parent, name).SetAttribute("value", text.c_str());
+}
+
+const char* yesNo(bool yes) {
+    return yes ? "true" : "false";
+}
+
+void addProgram(TiXmlElement& parent, const char* name, const Program& program) {
+    TiXmlElement& table = add(parent, name);
+    value(table, "Pid", std::to_string(program.pmtPid));
+    value(table, "PcrPid", std::to_string(program.pcrPid));
+    value(table, "ProgramNumber", std::to_string(program.number));
+    TiXmlElement& elements = add(table, "Elements");
+    for (const StreamEntry& stream : program.streams) {
+        TiXmlElement& entry = add(elements, "Stream");
+        value(entry, "Pid", std::to_string(stream.pid));
+        TiXmlElement& type = add(entry, "StreamType");
+        type.SetAttribute("value", stream.type);
+        type.SetAttribute("Desc", stream.description.c_str());
+        value(entry, "Language", stream.language);
+    }
+}
+
+void addVideo(TiXmlElement& media, const Analysis& analysis) {
+    const VideoTrack& video = *analysis.video();
+    const VideoFormat& picture = video.format();
+    TiXmlElement& stream = add(media, "VideoStream");
+    value(stream, "Pid", std::to_string(analysis.videoPid()));
+    value(stream, "Encoding", video.codec() == VideoCodec::mpeg2 ? "MPEG2" : "H.264");
+    value(stream, "Profile", picture.profile);
+    if (picture.width > 0)
+        value(stream, "VideoResolution", format("%dx%d", picture.width, picture.height));
+    value(stream, "AspectRatio", picture.aspect);
+    value(stream, "FrameRate", rateText(picture.rate()));
+    value(stream, "Interlaced", yesNo(picture.interlaced));
+    value(stream, "ElementaryBitrate", bitRateText(analysis.videoBitsPerSecond()));
+    value(stream, "ConstantBitrate", yesNo(analysis.constantBitRate()));
+    value(stream, "GopSize", std::to_string(video.gops().size()));
+    value(stream, "GopStructure", video.gops().structure());
+    if (video.gops().adaptive())
+        value(stream, "GopStructure", "Adaptive Gop");
+    value(stream, "QuadByteAligned", yesNo(video.quadByteAligned()));
+    value(stream, "DropFrame", yesNo(video.dropFrame()));
+    value(stream, "ClosedCaptions", yesNo(video.closedCaptions()));
+    value(stream, "Frames", std::to_string(video.frames()));
+    value(stream, "FirstTimecode", timecodeText(analysis));
+}
+
+void addAudio(TiXmlElement& media, const Analysis::Audio& audio) {
+    const AudioFormat& sound = audio.track.format();
+    TiXmlElement& stream = add(media, "AudioStream");
+    value(stream, "Pid", std::to_string(audio.pid));
+    value(stream, "AudioMode", sound.mode);
+    value(stream, "AudioBitrate", bitRateText(audio.track.bitsPerSecond()));
+    if (sound.samplingRate != 0)
+        value(stream, "SamplingRate", std::to_string(sound.samplingRate));
+    if (sound.channels != 0) {
+        // The service takes five channels for 5.1: the low-frequency one is told apart.
+        value(stream, "NumberOfChannels", std::to_string(sound.channels));
+        value(stream, "LowFrequencyChannel", yesNo(sound.lowFrequency));
+    }
+}
+
+void addTransport(TiXmlElement& root, const Analysis& analysis) {
+    TiXmlElement& transport = add(root, "Transport");
+    const auto number = [&](const char* name, std::uint64_t count) {
+        value(transport, name, std::to_string(count));
+    };
+    number("Packets", analysis.packets());
+    number("NullPackets", analysis.nullPackets());
+    number("ContinuityErrors", analysis.findings().count("continuity"));
+    number("TransportErrors", analysis.findings().count("transport error"));
+    number("PcrCount", analysis.clock().count());
+    value(transport, "PcrIntervalMaxMs", format("%.3f", analysis.clock().longestIntervalMs()));
+    number("PcrIntervalsOver100Ms", analysis.clock().tooLong());
+    number("PcrJumps", analysis.clock().jumps());
+    // Only a multiplex that is filled up to a constant rate is held to it (2.7.2 allows 0.5 us).
+    if (analysis.nullPackets() != 0)
+        value(transport, "PcrJitterUs", format("%.3f", analysis.clock().jitterUs()));
+    if (const auto offset = analysis.audioOffsetMs())
+        value(transport, "AudioOffsetMs", format("%.3f", *offset));
+    // One attribute, so that a long recording has no more elements than a short one.
+    std::string rates;
+    for (const double rate : analysis.rates().bitsPerSecond())
+        rates += (rates.empty() ? "" : " ") + format("%.0f", rate);
+    TiXmlElement& profile = add(transport, "BitrateOverTime");
+    profile.SetAttribute("stepSeconds", analysis.rates().stepSeconds());
+    profile.SetAttribute("value", rates.c_str());
+}
+
+} // namespace
+
+std::string xmlReport(const Analysis& analysis, const std::string& file) {
+    TiXmlDocument document;
+    document.LinkEndChild(new TiXmlDeclaration("1.0", "UTF-8", ""));
+    auto* const root = new TiXmlElement("FlowScopeReport");
+    document.LinkEndChild(root);
+    root->SetAttribute("file", file.c_str());
+    TiXmlElement& media = add(*root, "Media");
+    TiXmlElement& system = add(media, "SystemInformation");
+    addProgram(system, "PMTTable", *analysis.asset());
+    for (const Program& program : analysis.programs())
+        if (&program != analysis.asset())
+            addProgram(system, "OtherProgram", program);
+    addVideo(media, analysis);
+    for (const Analysis::Audio& audio : analysis.audios())
+        addAudio(media, audio);
+    TiXmlElement& whole = add(*root, "MediaSummary");
+    value(whole, "AssetDuration", durationText(analysis));
+    value(whole, "MuxBitrate", bitRateText(analysis.muxBitsPerSecond()));
+    value(whole, "DurationSeconds", format("%.3f", analysis.videoSeconds()));
+    addTransport(*root, analysis);
+    TiXmlElement& findings = add(*root, "Findings");
+    for (const Finding& finding : analysis.findings().first()) {
+        TiXmlElement& entry = add(findings, "Finding");
+        entry.SetAttribute("kind", finding.kind.c_str());
+        entry.SetAttribute("text", finding.text.c_str());
+    }
+    TiXmlPrinter printer;
+    printer.SetIndent("  ");
+    document.Accept(&printer);
+    return printer.Str();
+}
+
+} // namespace kestrel::flowscope
