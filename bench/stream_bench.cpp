@@ -1,5 +1,5 @@
 // The stream library against what it is judged by, in pairs in the same run; medians of the rounds.
-//   kestrel_stream_bench [continuity] [rebase] [queries] [memory] [huge] [--dir DIRECTORY=/dev/shm]
+//   kestrel_stream_bench [continuity] [rebase] [queries] [memory] [huge] [verify] [--dir DIRECTORY=/dev/shm]
 #include "figures.h"
 #include "minimal_queries.h"
 #include "stream_files.h"
@@ -216,6 +216,29 @@ void huge(const BenchDirectory& directory, const std::string& clip) {
         });
 }
 
+void verify(const BenchDirectory& directory, const std::string& clip) {
+    const std::string file = directory.path("verify.ts");
+    const std::string reports = directory.path("");
+    repeatClip(clip, file, 1000 * MEGABYTE);
+    compare(
+        "verification, 1 GB", "ffprobe -count_packets", ROUNDS, "1, stretch 0.5",
+        [&] {
+            return program({KESTREL_FLOW_SCOPE, "-report_dst", reports, "-f", file});
+        },
+        [&] {
+            return program({"ffprobe", "-v", "quiet", "-count_packets", "-show_streams", file});
+        });
+    const std::string large = directory.path("large.ts");
+    makeSparse(clip, large, 50'000 * MEGABYTE);
+    const auto first = [&](const std::string& path) {
+        return program({KESTREL_FLOW_SCOPE, "-report_dst", reports, "-duration", "5", "-f", path});
+    };
+    compare(
+        "first 5 s of 50 GB", "of 1 GB", 21, "1", [&] { return first(large); }, [&] { return first(file); });
+    std::filesystem::remove(file);
+    std::filesystem::remove(large);
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -247,5 +270,7 @@ int main(int argc, char** argv) {
         memory(directory, clip);
     if (asked("huge"))
         huge(directory, clip);
+    if (asked("verify"))
+        verify(directory, clip);
     return 0;
 }

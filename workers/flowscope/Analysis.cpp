@@ -52,16 +52,25 @@ bool Analysis::take(const unsigned char* packet) {
             takePat();
         return true;
     }
-    if (const auto pmt = m_pmts.find(pid); pmt != m_pmts.end()) {
-        if (pmt->second.collector.take(packet))
-            takePmt(pid, pmt->second.collector.section());
-        return true;
-    }
     if (pid == m_pcrPid)
         takeClock(packet);
-    if (takeElementary(packet, pid, !cool))
-        return !m_full;
-    return true;
+    switch (m_roles[static_cast<std::size_t>(pid)]) {
+    case Role::pmt: {
+        auto& collector = m_pmts.at(pid).collector;
+        if (collector.take(packet))
+            takePmt(pid, collector.section());
+        break;
+    }
+    case Role::video:
+        takeElementary(packet, nullptr, !cool);
+        break;
+    case Role::audio:
+        takeElementary(packet, audio(pid), !cool);
+        break;
+    default:
+        break;
+    }
+    return !m_full;
 }
 
 void Analysis::takePat() {
@@ -75,6 +84,7 @@ void Analysis::takePat() {
         Section pmt(2);
         pmt.program = number;
         m_pmts.emplace(pid, pmt);
+        m_roles[static_cast<std::size_t>(pid)] = Role::pmt;
     }
 }
 
@@ -123,9 +133,12 @@ void Analysis::chooseAsset() {
             }
     if (m_video == nullptr)
         return;
+    m_roles[static_cast<std::size_t>(m_videoPid)] = Role::video;
     for (const StreamEntry& stream : m_programs[m_assetIndex].streams)
-        if (stream.audio)
-            m_audios.push_back({stream.pid, AudioTrack(*stream.audio)});
+        if (stream.audio && audio(stream.pid) == nullptr && stream.pid != m_videoPid) {
+            m_audios.push_back({stream.pid, AudioTrack(*stream.audio), {}});
+            m_roles[static_cast<std::size_t>(stream.pid)] = Role::audio;
+        }
 }
 
 const Program* Analysis::asset() const noexcept {
@@ -151,73 +164,69 @@ void Analysis::takeClock(const unsigned char* packet) {
                               (field[0] & 0x80) != 0 ? ", as announced" : ""));
 }
 
-AudioTrack* Analysis::audio(int pid) {
+Analysis::Audio* Analysis::audio(int pid) {
     for (Audio& each : m_audios)
         if (each.pid == pid)
-            return &each.track;
+            return &each;
     return nullptr;
 }
 
-// True when the PID is one of the asset's.
-bool Analysis::takeElementary(const unsigned char* packet, int pid, bool lost) {
-    AudioTrack* const track = pid == m_videoPid ? nullptr : audio(pid);
-    if (pid != m_videoPid && track == nullptr)
-        return false;
-    PesReader& reader = m_readers[pid];
+void Analysis::takeElementary(const unsigned char* packet, Audio* audio, bool lost) {
+    PesReader& reader = audio == nullptr ? m_videoReader : audio->reader;
     if (lost) {
-        reader.state = PesState::none;
-        if (track != nullptr)
-            track->skip();
+        reader.state = PesReader::State::none;
+        if (audio != nullptr)
+            audio->track.skip();
         else
             m_video->skip();
     }
     if (!ts::has_payload(packet))
-        return true;
+        return;
     if (ts::payload_unit_start(packet)) {
         reader.length = 0;
-        reader.state = PesState::head;
+        reader.state = PesReader::State::head;
     }
-    takePesBytes(pid, ts::payload(packet));
-    return true;
+    takePesBytes(ts::payload(packet), audio);
 }
 
-void Analysis::takePesBytes(int pid, std::span<const unsigned char> bytes) {
-    PesReader& reader = m_readers[pid];
-    while (reader.state == PesState::head && !bytes.empty()) {
+void Analysis::takePesBytes(std::span<const unsigned char> bytes, Audio* audio) {
+    PesReader& reader = audio == nullptr ? m_videoReader : audio->reader;
+    while (reader.state == PesReader::State::head && !bytes.empty()) {
         const std::size_t wanted = reader.length < 9 ? 9 : 9U + reader.head[8];
         const std::size_t count = std::min(wanted - reader.length, bytes.size());
         std::copy_n(bytes.begin(), count, reader.head.begin() + static_cast<std::ptrdiff_t>(reader.length));
         reader.length += count;
         bytes = bytes.subspan(count);
         if (reader.length >= 9 && reader.length == 9U + reader.head[8])
-            takePesHead(pid, reader);
+            takePesHead(reader, audio);
     }
-    if (reader.state != PesState::data)
+    if (reader.state != PesReader::State::data)
         return;
-    if (pid == m_videoPid)
+    if (audio != nullptr)
+        audio->track.feed(bytes);
+    else
         m_video->feed(bytes);
-    else if (AudioTrack* const track = audio(pid); track != nullptr)
-        track->feed(bytes);
 }
 
-void Analysis::takePesHead(int pid, PesReader& reader) {
+void Analysis::takePesHead(PesReader& reader, Audio* audio) {
     const unsigned char* const head = reader.head.data();
-    reader.state = head[0] == 0 && head[1] == 0 && head[2] == 1 ? PesState::data : PesState::none;
+    reader.state =
+        head[0] == 0 && head[1] == 0 && head[2] == 1 ? PesReader::State::data : PesReader::State::none;
     const int flags = head[7] >> 6;
-    if (reader.state == PesState::none || flags < 2 || reader.length < (flags == 3 ? 19U : 14U))
+    if (reader.state == PesReader::State::none || flags < 2 || reader.length < (flags == 3 ? 19U : 14U))
         return;
     const PTS pts = MPEG::PES::get_PTS(head);
-    if (pid == m_videoPid) {
-        const PTS dts = flags == 3 ? MPEG::PES::get_DTS(head) : pts;
-        noteTimes(pts, dts);
-        if (m_full) {
-            reader.state = PesState::none; // the picture that begins here is one too many
-            return;
-        }
-        m_video->stamp(unwrapped(pts, m_lastDts), unwrapped(dts, m_lastDts));
-    } else if (AudioTrack* const track = audio(pid); track != nullptr) {
-        track->stamp(unwrapped(pts, m_lastDts));
+    if (audio != nullptr) {
+        audio->track.stamp(unwrapped(pts, m_lastDts));
+        return;
     }
+    const PTS dts = flags == 3 ? MPEG::PES::get_DTS(head) : pts;
+    noteTimes(pts, dts);
+    if (m_full) {
+        reader.state = PesReader::State::none; // the picture that begins here is one too many
+        return;
+    }
+    m_video->stamp(unwrapped(pts, m_lastDts), unwrapped(dts, m_lastDts));
 }
 
 void Analysis::noteTimes(PTS rawPts, PTS rawDts) {

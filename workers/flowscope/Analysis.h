@@ -52,9 +52,17 @@ public:
     [[nodiscard]] const Program* asset() const noexcept;
     [[nodiscard]] const VideoTrack* video() const noexcept { return m_video.get(); }
     [[nodiscard]] int videoPid() const noexcept { return m_videoPid; }
+    // A PES header that may go on in further packets.
+    struct PesReader {
+        enum class State { none, head, data };
+        std::array<unsigned char, 9 + 255> head{};
+        std::size_t length = 0;
+        State state = State::none;
+    };
     struct Audio {
         int pid;
         AudioTrack track;
+        PesReader reader;
     };
     [[nodiscard]] const std::vector<Audio>& audios() const noexcept { return m_audios; }
     [[nodiscard]] const Findings& findings() const noexcept { return m_findings; }
@@ -76,12 +84,6 @@ public:
     [[nodiscard]] std::optional<double> audioOffsetMs() const;
 
 private:
-    enum class PesState { none, head, data };
-    struct PesReader {
-        std::array<unsigned char, 9 + 255> head{};
-        std::size_t length = 0;
-        PesState state = PesState::none;
-    };
     struct Section {
         explicit Section(int tableId) : collector(tableId) {}
         capture::SectionCollector collector;
@@ -92,11 +94,12 @@ private:
     void takePmt(int pid, std::span<const unsigned char> section);
     void chooseAsset();
     void takeClock(const unsigned char* packet);
-    bool takeElementary(const unsigned char* packet, int pid, bool lost);
-    void takePesBytes(int pid, std::span<const unsigned char> bytes);
-    void takePesHead(int pid, PesReader& reader);
+    // audio is null for the video.
+    void takeElementary(const unsigned char* packet, Audio* audio, bool lost);
+    void takePesBytes(std::span<const unsigned char> bytes, Audio* audio);
+    void takePesHead(PesReader& reader, Audio* audio);
     void noteTimes(PTS pts, PTS dts);
-    [[nodiscard]] AudioTrack* audio(int pid);
+    [[nodiscard]] Audio* audio(int pid);
 
     std::optional<int> m_limit;
     std::uint64_t m_packets = 0;
@@ -111,7 +114,10 @@ private:
     std::size_t m_assetIndex = 0;
     std::unique_ptr<VideoTrack> m_video;
     std::vector<Audio> m_audios;
-    std::map<int, PesReader> m_readers;
+    PesReader m_videoReader;
+    // What is on each PID, so that a packet's way is one look.
+    enum class Role : unsigned char { none, pmt, video, audio };
+    std::array<Role, ts::pid_count> m_roles{};
     ClockCheck m_clock;
     RateProfile m_rates;
     std::uint64_t m_ratedPackets = 0;

@@ -4,6 +4,7 @@
 #include "timecode/mpeg_timecode.h"
 
 #include <algorithm>
+#include <cstring>
 #include <numeric>
 
 namespace kestrel::flowscope {
@@ -120,28 +121,49 @@ void VideoTrack::end() {
 }
 
 void VideoTrack::feed(std::span<const unsigned char> bytes) {
-    for (const unsigned char byte : bytes) {
-        if (m_prefix) {
-            m_prefix = false;
-            beginHeader(byte);
-        } else if (m_headerWanted > 0) {
-            m_header[m_headerLength++] = byte;
-        }
-        ++m_bytes;
-        if (m_zeros == 2 && byte == 1) {
-            // The prefix that ends here is no part of the header before it.
-            if (m_headerWanted > 0) {
-                m_headerLength -= std::min<std::size_t>(m_headerLength, 3);
-                endHeader();
-            }
-            m_prefix = true;
-            m_zeros = 0;
+    // The first two bytes may end a prefix that began before them.
+    constexpr std::size_t CARRIED = 2;
+    std::size_t at = 0;
+    while (at < bytes.size()) {
+        if (at < CARRIED || m_prefix || m_headerWanted > 0) {
+            step(bytes[at++]);
             continue;
         }
-        m_zeros = byte == 0 ? std::min(m_zeros + 1, 2U) : 0;
-        if (m_headerWanted > 0 && m_headerLength == m_headerWanted)
-            endHeader();
+        // Of everything else only the bytes that can end a prefix are looked at.
+        const auto* const found =
+            static_cast<const unsigned char*>(std::memchr(bytes.data() + at, 1, bytes.size() - at));
+        const std::size_t end =
+            found == nullptr ? bytes.size() : static_cast<std::size_t>(found - bytes.data());
+        m_bytes += end - at;
+        at = end;
+        const bool zero = bytes[at - 1] == 0;
+        m_zeros = zero ? (bytes[at - 2] == 0 ? 2 : 1) : 0;
+        if (at < bytes.size())
+            step(bytes[at++]);
     }
+}
+
+void VideoTrack::step(unsigned char byte) {
+    if (m_prefix) {
+        m_prefix = false;
+        beginHeader(byte);
+    } else if (m_headerWanted > 0) {
+        m_header[m_headerLength++] = byte;
+    }
+    ++m_bytes;
+    if (m_zeros == 2 && byte == 1) {
+        // The prefix that ends here is no part of the header before it.
+        if (m_headerWanted > 0) {
+            m_headerLength -= std::min<std::size_t>(m_headerLength, 3);
+            endHeader();
+        }
+        m_prefix = true;
+        m_zeros = 0;
+        return;
+    }
+    m_zeros = byte == 0 ? std::min(m_zeros + 1, 2U) : 0;
+    if (m_headerWanted > 0 && m_headerLength == m_headerWanted)
+        endHeader();
 }
 
 void VideoTrack::beginHeader(unsigned char code) {

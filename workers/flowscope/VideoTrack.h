@@ -66,6 +66,7 @@ public:
     [[nodiscard]] PTS firstPts() const noexcept { return m_firstPts; }
 
 private:
+    void step(unsigned char byte);
     void beginHeader(unsigned char code);
     void endHeader();
     void takeMpeg2(std::span<unsigned char> header);
