@@ -120,6 +120,20 @@ TEST_F(RecordingTest, NeitherTheWrapOfTheClockNorAJumpBreaksTheCount) {
     EXPECT_EQ(pictures(readPackets(m_file)), 75);
 }
 
+TEST_F(RecordingTest, ADurationIsOneOfTheStreamsClockSoLostFramesCount) {
+    StreamBuilder builder;
+    Packets sent = builder.frames(20);
+    // 25 frames are lost on the way: the next is the 46th.
+    builder.setDts(126000 + 45 * 3600);
+    const Packets more = builder.frames(60);
+    sent.insert(sent.end(), more.begin(), more.end());
+    Recording r = recording(plan(CaptureMode::timed, "00:00:03:00"));
+    r.take(sent, m_now);
+    EXPECT_TRUE(r.status().succeeded);
+    EXPECT_EQ(pictures(readPackets(m_file)), 50) << "75 less those that were lost";
+    EXPECT_THAT(r.status().text, StartsWith("Recorded 00:00:02:00 (50 frames")) << "what is there";
+}
+
 TEST_F(RecordingTest, RollingSegmentsBeginAtRandomAccessPointsAndLoseNothing) {
     Recording r = recording(plan(CaptureMode::rolling));
     const Packets sent = StreamBuilder({.dts = (std::int64_t{1} << 33) - 1000000}).frames(25 * 150);

@@ -5,6 +5,7 @@
 #include "foundation/ErrorCodes.h"
 #include "foundation/FileUtil.h"
 #include "foundation/Logger.h"
+#include "mpeg/mpeg2.h"
 #include "mpeg/packet_view.h"
 #include "timecode/mpeg_timecode.h"
 
@@ -72,7 +73,7 @@ bool Recording::durationReached() {
     if (m_plan.mode != CaptureMode::timed || m_state != RecordingState::recording)
         return false;
     if (wantedFrames() > 0)
-        return m_frames >= static_cast<std::uint64_t>(m_wanted);
+        return m_streamFrames >= static_cast<std::uint64_t>(m_wanted);
     constexpr std::uint64_t framesToLearnRate = 100;
     return m_frames >= framesToLearnRate &&
            m_analyzer.clock().elapsed() >= nominalDuration().count() * PTS::units_per_second;
@@ -181,14 +182,22 @@ void Recording::settleUnit(const VideoUnit& unit) {
     writeHeld();
 }
 
-// Frames are counted when they begin; their timestamps move the stream's clock.
+// Frames are counted when they begin; their timestamps move the stream's clock. A duration is one of that
+// clock, so frames that were lost on the way count as well.
 void Recording::countFrames(const VideoUnit& unit) {
     if (unit.frames <= m_unitCounted)
         return;
     const unsigned frames = unit.frames - m_unitCounted;
-    m_analyzer.clock().advance(m_unitCounted == 0 ? unit.dts : PTS(), frames, m_analyzer.frameRateCode());
+    const bool first = m_unitCounted == 0;
+    m_analyzer.clock().advance(first ? unit.dts : PTS(), frames, m_analyzer.frameRateCode());
+    if (first)
+        m_unitStart = m_analyzer.clock().elapsed();
     m_unitCounted = unit.frames;
     m_frames += frames;
+    const std::int64_t period = MPEG::SH::decode_PCRs_per_frame(m_analyzer.frameRateCode());
+    m_streamFrames = period <= 0
+                         ? m_frames
+                         : static_cast<std::uint64_t>((m_unitStart + period / 2) / period) + m_unitCounted;
     m_lastFrame = m_now;
 }
 
@@ -330,7 +339,7 @@ void Recording::tick(Clock::time_point now) {
         ++m_stops;
         LogUtil::Warning(module, "%s: the stream has stopped", m_plan.name.c_str());
         // The last frame asked for has come; the one beyond, which would show it, may never.
-        if (m_wanted > 0 && m_frames >= static_cast<std::uint64_t>(m_wanted)) {
+        if (m_wanted > 0 && m_streamFrames >= static_cast<std::uint64_t>(m_wanted)) {
             m_held.clear();
             --m_stops;
             return finish(true, recorded());
@@ -353,7 +362,7 @@ void Recording::cancel(Clock::time_point now) {
     if (m_state == RecordingState::ended)
         return;
     if (m_plan.mode != CaptureMode::timed ||
-        (m_wanted > 0 && m_frames >= static_cast<std::uint64_t>(m_wanted)))
+        (m_wanted > 0 && m_streamFrames >= static_cast<std::uint64_t>(m_wanted)))
         return finish(true, recorded());
     finish(true, "Cancelled after " + amount());
 }

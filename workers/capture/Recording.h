@@ -110,9 +110,11 @@ private:
     bool m_holding = false;
 
     std::uint64_t m_frames = 0;
-    unsigned m_unitCounted = 0;      // frames of the current unit that are in m_frames
-    std::int64_t m_segmentBegin = 0; // by the stream's clock
-    std::int64_t m_wanted = 0;       // timed: frames; 0 while the frame rate is unknown
+    std::uint64_t m_streamFrames = 0; // the same by the stream's clock, with those that were lost
+    std::int64_t m_unitStart = 0;     // of the current unit, by that clock
+    unsigned m_unitCounted = 0;       // frames of the current unit that are in m_frames
+    std::int64_t m_segmentBegin = 0;  // by the stream's clock
+    std::int64_t m_wanted = 0;        // timed: frames; 0 while the frame rate is unknown
     int m_durationFields[4] = {};
     unsigned m_loggedProgram = 0;
 
