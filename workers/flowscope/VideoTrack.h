@@ -108,7 +108,6 @@ private:
     bool m_gopSeen = false; // since the last picture
     char m_pictureType = 0; // of a picture whose structure is not known yet
     int m_firstField = 0;   // picture_structure of a field that waits for its second
-    bool m_pictureOpen = false;
     // H.264
     capture::AvcHeaders m_avc;
     bool m_delimited = false;
