@@ -117,9 +117,18 @@ public:
     [[nodiscard]] std::size_t packets() const { return bytes.size() / 188; }
 
 private:
+    // CRC_32 of a section (ISO/IEC 13818-1, annex A).
+    static Bytes checksum(const Bytes& body) {
+        std::uint32_t crc = 0xFFFFFFFF;
+        for (const unsigned char byte : body)
+            for (int bit = 7; bit >= 0; --bit)
+                crc = crc << 1 ^ ((crc >> 31 ^ (byte >> bit & 1U)) != 0 ? 0x04C11DB7U : 0U);
+        return {static_cast<unsigned char>(crc >> 24), static_cast<unsigned char>(crc >> 16),
+                static_cast<unsigned char>(crc >> 8), static_cast<unsigned char>(crc)};
+    }
     void section(int pid, const Bytes& body) {
         Bytes payload{0};
-        payload = payload + body + Bytes(4, 0); // the checkers do not look at the CRC
+        payload = payload + body + checksum(body);
         payload.resize(184, 0xFF);
         packet(pid, true, payload);
     }

@@ -1,0 +1,251 @@
+// Each delivery rule on real streams: one that passes it, one that fails it, from the file to the message.
+#include "flowscope/Analysis.h"
+#include "flowscope/Reports.h"
+#include "foundation/ScratchDir.h"
+#include "mpeg/ts_file.h"
+#include "mpeg/ts_maker.h"
+#include "streams/gop_reader.h"
+#include "streams/stream_fixtures.h"
+#include "verifier/VerifierJob.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <functional>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using namespace kestrel::test;
+
+namespace {
+
+// What the rule alone says of the file; FILE for its name.
+std::string judged(const std::string& rule, const std::string& file) {
+    kestrel::flowscope::Analysis analysis(std::nullopt);
+    ts_file source(file.c_str());
+    while (const unsigned char* const packet = source.get_ts())
+        analysis.take(packet);
+    analysis.end();
+    const ScratchDir directory;
+    static_cast<void>(directory.file("G-x.ts.report.xml", kestrel::flowscope::xmlReport(analysis, file)));
+    std::string others;
+    for (const char* name : VerifierJob::ValidationErrorEnabledStr)
+        if (rule != name)
+            others += std::string(name) + ";";
+    VerifierJob job("x.ts", directory.path("").c_str(), "G", "VALIDATION_ERRORS", 0, false, false,
+                    others.c_str(), 0, "");
+    char out[2001];
+    EXPECT_EQ(job.getJobResults(out, sizeof out), 0);
+    return out;
+}
+
+#define SD_VIDEO "-f lavfi -i testsrc2=size=528x480:rate=30000/1001 "
+#define TONE "-f lavfi -i sine=frequency=440:sample_rate=48000,aformat=channel_layouts=stereo "
+#define SHORT "-t 2 -threads 1 "
+
+std::string sd(const std::string& name, const std::string& options) {
+    return makeStream(name,
+                      std::string(SD_VIDEO TONE SHORT "-c:v mpeg2video -b:v 2500k -g 15 -bf 2 ") + options);
+}
+std::string fast(const std::string& name, const char* size) {
+    return makeStream(name, std::string("-f lavfi -i testsrc2=size=") + size +
+                                ":rate=25,noise=alls=60:allf=t " TONE SHORT
+                                "-c:v mpeg2video -q:v 2 -g 15 -bf 2 -c:a ac3 -b:a 192k");
+}
+
+// The pictures of the delivery, with zero bytes before each header so that it begins at a multiple of four: a
+// start code may have any number of them before it (ISO/IEC 13818-2, 5.2.3).
+std::string aligned(const ScratchDir& directory) {
+    const std::string plain = directory.path("plain.m2v");
+    EXPECT_EQ(std::system(("ffmpeg -v error -nostdin -y -i " + streamFile("m2_delivery_pids") +
+                           " -map 0:v -c copy -f mpeg2video " + plain)
+                              .c_str()),
+              0);
+    Bytes padded;
+    const auto bytes = readFile(plain);
+    for (std::size_t i = 0; i < bytes.size(); ++i) {
+        if (i + 3 < bytes.size() && bytes[i] == 0 && bytes[i + 1] == 0 && bytes[i + 2] == 1)
+            while (padded.size() % 4 != 0)
+                padded.push_back(0);
+        padded.push_back(bytes[i]);
+    }
+    TsMaker maker;
+    maker.tables({{0x02, 481}});
+    constexpr std::size_t PES_BYTES = 30'000;
+    std::int64_t time = 3600;
+    for (std::size_t at = 0; at < padded.size(); at += PES_BYTES)
+        maker.pes(481, pesHeader(time += 3003),
+                  Bytes(padded.begin() + static_cast<long>(at),
+                        padded.begin() + static_cast<long>(std::min(at + PES_BYTES, padded.size()))));
+    return maker.write(directory, "aligned.ts");
+}
+
+const ScratchDir& scratch() {
+    static const ScratchDir directory;
+    return directory;
+}
+
+struct Row {
+    const char* rule;
+    std::function<std::string()> passes;
+    std::function<std::string()> fails;
+    const char* message;
+};
+
+void PrintTo(const Row& row, std::ostream* out) {
+    *out << row.rule;
+}
+
+std::function<std::string()> fixture(const char* name) {
+    return [name] { return streamFile(name); };
+}
+
+const Row ROWS[] = {
+    {"File_isMpeg2", fixture("m2_sd_25"), fixture("h264_main"), "The file x.ts is not MPEG2.\t"},
+    {"PMTPid_480", fixture("m2_delivery_pids"), fixture("m2_sd_25"),
+     "The PMT PID 4096 must be 480 decimal/0x1E0 Hex.\t"},
+    {"PCRPid_481", fixture("m2_delivery_pids"), fixture("m2_sd_25"),
+     "The PCR PID 256 must be 481 decimal/0x1E1 Hex.\t"},
+    {"VideoPid_481", fixture("m2_delivery_pids"), fixture("m2_sd_25"),
+     "The Video PID 256 must be 481 decimal/0x1E1 Hex.\t"},
+    {"GOPLength_FPS24_12", fixture("m2_sd_24"),
+     [] {
+         return makeStream("rule_24_g15",
+                           "-f lavfi -i testsrc2=size=352x480:rate=24 " SHORT "-c:v mpeg2video -g 15 -bf 2");
+     },
+     "The GOP length must be 12 for 24 Frames Per Second material.\t"},
+    {"GOPLength_FPSnot24_15", fixture("m2_sd_2997"), fixture("m2_sd_25"), "The GOP length must be 15.\t"},
+    {"GOPStructure_IBBP", fixture("m2_sd_25"), fixture("m2_sd_ip"), "The GOP structure must be IBBP.\t"},
+    {"SD_Resolution_352x480_or_528x480", fixture("m2_delivery_pids"), fixture("m2_sd_25"),
+     "The file x.ts is not 1/2 D1 or 3/4 D1.\t"},
+    {"Mpeg2SD_QuadByteAligned", [] { return aligned(scratch()); }, fixture("m2_delivery_pids"),
+     "The file x.ts does not satisfy the Quad Byte Alignment requirement.\t"},
+    {"SD_TxRate_3p75Mbs", fixture("m2_delivery_pids"), [] { return fast("rule_fast_sd", "528x480"); },
+     "The transport rate of the SD file x.ts is greater than 3.75 Mbs.\t"},
+    {"SD_VidBR_3p18Mbs", fixture("m2_delivery_pids"), [] { return fast("rule_fast_sd", "528x480"); },
+     "The video bit rate in SD file x.ts cannot be greater than 3.18 Mbs.\t"},
+    {"HD_TxRate_19Mbs", fixture("m2_hd_25_fields"), [] { return fast("rule_fast_hd", "1280x720"); },
+     "The transport rate of the HD file x.ts is greater than 19.0 Mbs.\t"},
+    {"HD_VidBR_18p1Mbs", fixture("m2_hd_25_fields"), [] { return fast("rule_fast_hd", "1280x720"); },
+     "The video bit rate in HD file x.ts cannot be greater than 18.1 Mbs.\t"},
+    {"Audio_FirstPid_482", fixture("m2_delivery_pids"), fixture("m2_sd_25"),
+     "The first audio PID in the file x.ts must start at 482 Decimal or 0x1E2 Hex.\t"},
+    {"Audio_PidsIncBy1", fixture("m2_delivery_pids"),
+     [] {
+         return makeStream(
+             "rule_audio_pids", SD_VIDEO TONE TONE SHORT
+             "-map 0 -map 1 -map 2 -c:v mpeg2video -c:a ac3 -streamid 0:481 -streamid 1:482 -streamid 2:490");
+     },
+     "The audio PIDs in the file x.ts must start at 482 and increment by 1.  The last PID was 482 and this "
+     "PID is 490"},
+    {"AudioRate_192or384Kbps", fixture("m2_sd_25"), [] { return sd("rule_ac3_256", "-c:a ac3 -b:a 256k"); },
+     "The audio rate in the file x.ts for PID 257 must be either 192 or 384 Kbs.\t"},
+    {"AudioRate_DD5p1_384Kbps", fixture("m2_surround"),
+     [] { return sd("rule_ac3_51_448", "-af aformat=channel_layouts=5.1 -c:a ac3 -b:a 448k"); },
+     "The AC3 audio rate in the file x.ts for PID 257 for Dolby 5.1 must be 384 Kbs.\t"},
+    {"AC3_AudioSamplingRate_48kHz", fixture("m2_sd_25"),
+     [] { return sd("rule_ac3_44100", "-ar 44100 -c:a ac3 -b:a 192k"); },
+     "The audio sampling rate in the file x.ts for PID 257 must be 48kHz.\t"},
+    {"Audio_isAC3", fixture("m2_sd_25"), fixture("m2_aac"),
+     "The audio in the file x.ts for PID 257 is not AC3.\t"},
+};
+static_assert(std::size(ROWS) == VerifierJob::RULE_COUNT);
+
+class RuleOnStreams : public testing::TestWithParam<Row> {};
+
+TEST_P(RuleOnStreams, HasAStreamThatPassesAndOneThatFails) {
+    const Row& row = GetParam();
+    EXPECT_EQ(judged(row.rule, row.passes()), "");
+    EXPECT_EQ(judged(row.rule, row.fails()), row.message);
+}
+
+INSTANTIATE_TEST_SUITE_P(Each, RuleOnStreams, testing::ValuesIn(ROWS),
+                         [](const auto& each) { return std::string(each.param.rule); });
+
+// --- findings on edited streams
+
+kestrel::flowscope::Analysis analysed(const std::vector<unsigned char>& bytes) {
+    kestrel::flowscope::Analysis analysis(std::nullopt);
+    for (std::size_t at = 0; at + 188 <= bytes.size(); at += 188)
+        analysis.take(bytes.data() + at);
+    analysis.end();
+    return analysis;
+}
+
+int pidOf(const std::vector<unsigned char>& bytes, std::size_t packet) {
+    return (bytes[packet * 188 + 1] & 0x1F) << 8 | bytes[packet * 188 + 2];
+}
+
+TEST(FindingsOnStreams, AGapIsFoundWhereFramesAreMissing) {
+    const auto bytes = readFile(streamFile("m2_sd_25"));
+    // All of the video between two PES packets a second apart, counters going on.
+    std::vector<unsigned char> cut;
+    int starts = 0;
+    int counter = -1;
+    for (std::size_t packet = 0; packet < bytes.size() / 188; ++packet) {
+        const bool video = pidOf(bytes, packet) == 0x100;
+        if (video && (bytes[packet * 188 + 1] & 0x40) != 0)
+            ++starts;
+        if (video && starts > 25 && starts <= 50)
+            continue;
+        cut.insert(cut.end(), bytes.begin() + static_cast<long>(packet * 188),
+                   bytes.begin() + static_cast<long>((packet + 1) * 188));
+        if (video) {
+            unsigned char& field = cut[cut.size() - 188 + 3];
+            if ((field & 0x10) != 0)
+                counter = counter < 0 ? field & 0x0F : (counter + 1) & 0x0F;
+            field = static_cast<unsigned char>((field & 0xF0) | (counter < 0 ? field & 0x0F : counter));
+        }
+    }
+    const auto analysis = analysed(cut);
+    EXPECT_EQ(analysis.findings().count("continuity"), 0U);
+    ASSERT_GE(analysis.findings().count("timestamps"), 1U);
+    const auto& found = analysis.findings().first();
+    const auto gap =
+        std::find_if(found.begin(), found.end(), [](const auto& each) { return each.kind == "timestamps"; });
+    ASSERT_NE(gap, found.end());
+    EXPECT_THAT(gap->text, testing::HasSubstr("a gap of 26.0 frames before DTS"));
+    EXPECT_GE(analysis.findings().count("PCR interval") + analysis.findings().count("PCR jump"), 1U)
+        << "the clock is sent with the video";
+    EXPECT_EQ(analysis.video()->frames(), 50U);
+}
+
+TEST(FindingsOnStreams, TimeThatRunsBackwardsIsFound) {
+    const auto bytes = readFile(streamFile("m2_sd_25"));
+    std::vector<unsigned char> twice = bytes;
+    twice.insert(twice.end(), bytes.begin(), bytes.end());
+    const auto analysis = analysed(twice);
+    EXPECT_GE(analysis.findings().count("timestamps"), 1U);
+    EXPECT_GE(analysis.findings().count("PCR jump"), 1U);
+    EXPECT_GE(analysis.findings().count("time code"), 1U);
+    EXPECT_GE(analysis.findings().count("continuity"), 1U);
+}
+
+TEST(FindingsOnStreams, OfSeveralProgramsTheFirstWithVideoIsTheAsset) {
+    const std::string file =
+        makeStream("two_programs",
+                   "-f lavfi -i sine=frequency=300 -f lavfi -i testsrc2=size=352x288:rate=25 " TONE
+                   "-t 2 -threads 1 -map 0 -map 1 -map 2 -c:v mpeg2video -c:a mp2 -program title=radio:st=0 "
+                   "-program title=tv:st=1:st=2");
+    const auto analysis = analysed(readFile(file));
+    ASSERT_EQ(analysis.programs().size(), 2U);
+    ASSERT_NE(analysis.asset(), nullptr);
+    EXPECT_EQ(analysis.asset()->number, 2);
+    EXPECT_EQ(analysis.audios().size(), 1U) << "not the other program's";
+    EXPECT_THAT(kestrel::flowscope::xmlReport(analysis, file), testing::HasSubstr("<OtherProgram>"));
+    EXPECT_TRUE(analysis.findings().empty());
+}
+
+TEST(FindingsOnStreams, NullPacketsOfAConstantMultiplexAreSharedOut) {
+    const std::string file =
+        makeStream("padded", "-f lavfi -i testsrc2=size=352x288:rate=25 " TONE
+                             "-t 3 -threads 1 -c:v mpeg2video -b:v 1500k -c:a ac3 -b:a 192k -muxrate 4M");
+    const auto analysis = analysed(readFile(file));
+    EXPECT_GT(analysis.nullPackets(), analysis.packets() / 5);
+    EXPECT_LT(analysis.clock().jitterUs(), 50) << "ffmpeg's own rounding of packets to the rate";
+    EXPECT_NEAR(analysis.muxBitsPerSecond() / 4e6, 1, 0.02);
+    const auto offset = analysis.audioOffsetMs();
+    ASSERT_TRUE(offset.has_value());
+    EXPECT_NEAR(*offset, 0, 50);
+}
+
+} // namespace
