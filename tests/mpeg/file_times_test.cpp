@@ -1,0 +1,172 @@
+// First and last decoding time of files, and their duration.
+#include "mpeg/GetDTSBounds.h"
+#include "mpeg/MpegWrapper.h"
+#include "query_files.h"
+
+using testing::HasSubstr;
+
+namespace {
+
+class DtsBounds : public Queries {
+protected:
+    std::ostringstream log;
+
+    void picture(std::int64_t pts, std::int64_t dts = -1) {
+        maker.pes(VIDEO, pesHeader(pts, dts), filler(300));
+    }
+    std::pair<std::int64_t, std::int64_t> bounds(const std::string& path) {
+        const File file(std::fopen(path.c_str(), "rb"));
+        const auto [first, last] =
+            GetDTSBounds::parse_file(file.get(), static_cast<long>(std::filesystem::file_size(path)));
+        return {first.is_absent() ? -1 : first.ticks(), last.is_absent() ? -1 : last.ticks()};
+    }
+    using Bounds = std::pair<std::int64_t, std::int64_t>;
+};
+
+TEST_F(DtsBounds, AreTheFirstAndTheLastDecodingTime) {
+    maker.tables({{0x02, VIDEO}});
+    picture(7200, 3600);
+    picture(18000, 7200);
+    picture(14400, 10800);
+    EXPECT_EQ(bounds(write()), Bounds(3600, 10800));
+}
+
+TEST_F(DtsBounds, TheFirstMayBeAPtsTheLastMustBeADts) {
+    maker.tables({{0x02, VIDEO}});
+    picture(-1);
+    picture(3600);
+    picture(9000, 7200);
+    picture(10800);
+    EXPECT_EQ(bounds(write()), Bounds(3600, 7200)) << "the last PES carries only a PTS";
+}
+
+TEST_F(DtsBounds, TheVideoPidIsTheFirstMpegEntryAndNeverH264) {
+    maker.tables({{0x1B, 0x200}, {0x0F, 0x201}, {0x02, VIDEO}, {0x02, 0x300}});
+    picture(7200, 3600);
+    const std::string path = write();
+    const File file(std::fopen(path.c_str(), "rb"));
+    EXPECT_EQ(GetDTSBounds::get_video_PID(file.get()), VIDEO);
+    maker = TsMaker();
+    maker.tables({{0x1B, VIDEO}});
+    picture(7200, 3600);
+    EXPECT_EQ(bounds(write()), Bounds(-1, -1));
+}
+
+TEST_F(DtsBounds, TablesAreOnlyLookedAtBehindTheirPat) {
+    maker.map({{0x02, 0x300}}); // a map before the PAT that names its PID
+    maker.tables({{0x02, VIDEO}});
+    picture(7200, 3600);
+    EXPECT_EQ(bounds(write()), Bounds(3600, 3600));
+}
+
+TEST_F(DtsBounds, BothScansStopAtARecordWithoutSync) {
+    maker.tables({{0x02, VIDEO}});
+    picture(7200, 3600);
+    picture(9000, 7200);
+    const std::string good(maker.bytes.begin(), maker.bytes.end());
+    std::string bad = good;
+    bad[2 * 188] = 'x'; // before the first picture, behind the tables
+    EXPECT_EQ(bounds(directory.file("bad.ts", bad)), Bounds(-1, 7200));
+    bad = good;
+    bad[good.size() - 188] = 'x';
+    EXPECT_EQ(bounds(directory.file("bad.ts", bad)), Bounds(3600, -1));
+}
+
+TEST_F(DtsBounds, ACutLastPacketIsPassedOver) {
+    maker.tables({{0x02, VIDEO}});
+    picture(7200, 3600);
+    picture(9000, 7200);
+    const std::string good(maker.bytes.begin(), maker.bytes.end());
+    for (std::size_t cut = 0; cut <= good.size(); cut += 47) {
+        const Bounds found = bounds(directory.file("cut.ts", good.substr(0, cut)));
+        EXPECT_TRUE(found.first == -1 || found.first == 3600) << cut;
+        EXPECT_TRUE(found.second == -1 || found.second == 3600 || found.second == 7200) << cut;
+    }
+}
+
+TEST_F(DtsBounds, ManyPacketsBetweenMakeNoDifference) {
+    maker.tables({{0x02, VIDEO}});
+    picture(7200, 3600);
+    for (int i = 0; i < 5000; ++i)
+        maker.packet(0x300, false, filler(184));
+    picture(9000, 7200);
+    for (int i = 0; i < 5000; ++i)
+        maker.packet(0x300, false, filler(184));
+    EXPECT_EQ(bounds(write()), Bounds(3600, 7200));
+}
+
+TEST_F(DtsBounds, HarnessComparesTicks) {
+    maker.tables({{0x02, VIDEO}});
+    picture(7200, 3600);
+    picture(9000, 7200);
+    const std::string path = write();
+    const auto harness = [&](std::vector<std::string> words) {
+        std::vector<char*> argv;
+        for (std::string& word : words)
+            argv.push_back(word.data());
+        LogUtil::GetInstance();
+        log.str("");
+        LogUtil::GetInstance()->addStreamLogger(&log);
+        const int result = GetDTSBounds::testHarness(static_cast<int>(argv.size()), argv.data());
+        LogUtil::Cleanup();
+        return result;
+    };
+    EXPECT_EQ(harness({"GetDTSBounds", path, "3600", "7200"}), 0);
+    EXPECT_EQ(harness({"GetDTSBounds", path, "3601", "7200"}), 1);
+    EXPECT_THAT(log.str(), HasSubstr("First DTS = 3600, expected = 3601"));
+    EXPECT_EQ(harness({"GetDTSBounds", path, "3600", "7201"}), 1);
+    EXPECT_THAT(log.str(), HasSubstr("Last DTS = 7200, expected = 7201"));
+    EXPECT_EQ(harness({"GetDTSBounds", path, "3600"}), 1);
+    EXPECT_THAT(
+        log.str(),
+        HasSubstr("[captureEngLib:Error] Function testHarness requires args in.mpeg firstDTS lastDTS"));
+    EXPECT_EQ(harness({"GetDTSBounds", directory.path("missing"), "1", "2"}), 1);
+    EXPECT_THAT(log.str(), HasSubstr("Unable to open input file " + directory.path("missing")));
+}
+
+// --- duration
+
+class Duration : public DtsBounds {
+protected:
+    std::pair<int, std::string> duration(std::int64_t first, std::int64_t last, int rate, bool drop = false) {
+        maker = TsMaker();
+        maker.tables({{0x02, VIDEO}});
+        picture(first + 3600, first);
+        picture(last + 3600, last);
+        return durationOf(write(), rate, drop);
+    }
+    std::pair<int, std::string> durationOf(const std::string& path, int rate, bool drop = false) {
+        mpeg_timecode out;
+        LogUtil::GetInstance();
+        log.str("");
+        LogUtil::GetInstance()->addStreamLogger(&log);
+        const int result = MpegWrapper::GetDuration(path.c_str(), drop, rate, out);
+        LogUtil::Cleanup();
+        return {result, out.windows_string()};
+    }
+    using Result = std::pair<int, std::string>;
+};
+
+TEST_F(Duration, IsTheDistanceOfTheBoundsInFrames) {
+    EXPECT_EQ(duration(0, 90'000, 3), Result(0, "00:00:01:00"));
+    EXPECT_EQ(duration(3600, 3600 + 90'000 * 3600LL, 3), Result(0, "01:00:00:00"));
+    EXPECT_EQ(duration(0, 1, 3), Result(0, "00:00:00:01")) << "a part of a frame is one";
+    EXPECT_EQ(duration(0, 0, 3), Result(0, "00:00:00:00"));
+    EXPECT_EQ(duration(0, 90'090 * 60LL, 4, true), Result(0, "00:01:00;02")) << "1800 frames at 29.97";
+}
+
+TEST_F(Duration, ThatRunsBackwardsIsAnError) {
+    EXPECT_EQ(duration(90'000, 0, 3).first, 20046);
+    EXPECT_THAT(log.str(),
+                HasSubstr("[MpegWrapper:Error] Error: Invalid transport packet in the input file " + write() +
+                          ", Unable to determine the duration!"));
+}
+
+TEST_F(Duration, OfAFileThatCannotBeOpenedIsAnError) {
+    EXPECT_EQ(durationOf(directory.path("missing"), 3).first, 20045);
+    EXPECT_THAT(log.str(), HasSubstr("[MpegWrapper:Error] Error: Unable to open input file " +
+                                     directory.path("missing") + "."));
+    EXPECT_EQ(durationOf(directory.path(""), 3).first, 20045) << "a directory";
+}
+
+} // namespace

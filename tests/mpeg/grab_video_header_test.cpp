@@ -1,0 +1,122 @@
+// The stage that keeps the headers of MPEG-2 video.
+#include "mpeg/grab_video_header.h"
+#include "query_files.h"
+
+namespace {
+
+class GrabVideo : public Queries {
+protected:
+    void feed() {
+        for (std::size_t at = 0; at + 188 <= maker.bytes.size(); at += 188)
+            grabber.process(maker.bytes.data() + at, 0);
+        maker.bytes.clear();
+    }
+    void feedPes(const Bytes& stream, std::int64_t pts = 3600) {
+        Bytes padded = stream;
+        padded.resize(500, 0x55);
+        maker.pes(VIDEO, pesHeader(pts), padded);
+        feed();
+    }
+
+    grab_video_header grabber{VIDEO, 0};
+};
+
+TEST_F(GrabVideo, KeepsTheHeadersOfTheLastPesThatHadOne) {
+    feedPes(sequenceHeader(720, 576, 3) + sequenceExtension(0x48) + gopHeader(1, 2, 3, 4));
+    ASSERT_NE(grabber.sequence_header(), nullptr);
+    ASSERT_NE(grabber.sequence_extension(), nullptr);
+    ASSERT_NE(grabber.gop_header(), nullptr);
+    EXPECT_EQ(grabber.gop_count(), 1);
+    EXPECT_EQ(grabber.pts(), PTS::from_ticks(3600));
+    feedPes(pictureHeader(2), 7200);
+    EXPECT_NE(grabber.sequence_header(), nullptr) << "a PES without any is discarded";
+    EXPECT_EQ(grabber.pts(), PTS::from_ticks(7200));
+    feedPes(gopHeader(1, 2, 3, 5));
+    EXPECT_EQ(grabber.sequence_header(), nullptr) << "what was not found becomes null";
+    EXPECT_EQ(grabber.sequence_extension(), nullptr);
+    EXPECT_NE(grabber.gop_header(), nullptr);
+    EXPECT_EQ(grabber.gop_count(), 2);
+}
+
+TEST_F(GrabVideo, HeadersMayLieAcrossThreePackets) {
+    for (std::size_t before = 0; before < 150; ++before) {
+        grab_video_header fresh(VIDEO, 0);
+        TsMaker stream;
+        stream.pes(VIDEO, pesHeader(1), filler(before) + sequenceHeader(720, 576, 3) + filler(500), 100);
+        for (std::size_t at = 0; at + 188 <= stream.bytes.size(); at += 188)
+            fresh.process(stream.bytes.data() + at, 0);
+        ASSERT_NE(fresh.sequence_header(), nullptr) << before;
+        EXPECT_EQ(fresh.sequence_header()[7] & 0xF, 3);
+    }
+}
+
+TEST_F(GrabVideo, TheScanEndsWithTheFirstCodeInTheSecondHalf) {
+    // 552 bytes of payload: the search from 276 on finds nothing more.
+    const auto gopsSeen = [](std::size_t first, std::size_t second) {
+        grab_video_header fresh(VIDEO, 0);
+        Bytes payload = pesHeader(1) + filler(538);
+        const Bytes header = gopHeader(0, 0, 0, 0);
+        std::copy(header.begin(), header.end(), payload.begin() + static_cast<long>(first));
+        std::copy(header.begin(), header.end(), payload.begin() + static_cast<long>(second));
+        TsMaker stream;
+        stream.pes(VIDEO, Bytes(payload.begin(), payload.begin() + 14),
+                   Bytes(payload.begin() + 14, payload.end()));
+        for (std::size_t at = 0; at + 188 <= stream.bytes.size(); at += 188)
+            fresh.process(stream.bytes.data() + at, 0);
+        return fresh.gop_count();
+    };
+    EXPECT_EQ(gopsSeen(100, 200), 2);
+    EXPECT_EQ(gopsSeen(100, 300), 2) << "the first one in the second half";
+    EXPECT_EQ(gopsSeen(300, 400), 1) << "and no other";
+}
+
+TEST_F(GrabVideo, FieldsOfTheFirstGopAreCounted) {
+    EXPECT_EQ(grabber.field_counter(), 0);
+    feedPes(pictureHeader());
+    EXPECT_EQ(grabber.field_counter(), 0) << "no GOP yet";
+    feedPes(gopHeader(0, 0, 0, 0) + pictureHeader());
+    EXPECT_EQ(grabber.field_counter(), 2);
+    feedPes(pictureHeader() + pictureCodingExtension(3, true, false));
+    EXPECT_EQ(grabber.field_counter(), 4) << "a frame picture";
+    feedPes(pictureHeader() + pictureCodingExtension(1, false, false));
+    EXPECT_EQ(grabber.field_counter(), 5) << "a field picture";
+    feedPes(pictureHeader() + pictureCodingExtension(3, true, true));
+    EXPECT_EQ(grabber.field_counter(), 8) << "one field repeated";
+    feedPes(gopHeader(0, 0, 0, 0) + pictureHeader());
+    EXPECT_EQ(grabber.field_counter(), 8) << "the second GOP";
+}
+
+TEST_F(GrabVideo, AProgressiveSequenceRepeatsWholeFrames) {
+    const auto counted = [](bool progressive, bool topFirst) {
+        grab_video_header fresh(VIDEO, 0);
+        TsMaker stream;
+        stream.pes(VIDEO, pesHeader(1),
+                   sequenceExtension(0x48, progressive) + gopHeader(0, 0, 0, 0) + pictureHeader() +
+                       pictureCodingExtension(3, topFirst, true) + filler(500));
+        for (std::size_t at = 0; at + 188 <= stream.bytes.size(); at += 188)
+            fresh.process(stream.bytes.data() + at, 0);
+        return fresh.field_counter();
+    };
+    EXPECT_EQ(counted(true, true), 2 + 4);
+    EXPECT_EQ(counted(true, false), 2 + 2);
+    EXPECT_EQ(counted(false, true), 2 + 1);
+}
+
+TEST_F(GrabVideo, HostilePacketsStayInside) {
+    std::mt19937 random(13818);
+    for (int round = 0; round < 20'000; ++round) {
+        const auto packet = std::make_unique<unsigned char[]>(188);
+        for (int i = 0; i < 188; ++i)
+            packet[static_cast<std::size_t>(i)] =
+                static_cast<unsigned char>(random() % 3 == 0 ? random() % 2 : random());
+        packet[1] = static_cast<unsigned char>(random() % 2 == 0 ? 0x41 : 0x01);
+        packet[2] = 0x00;
+        if (random() % 2 == 0)
+            packet[184] = packet[185] = 0, packet[186] = 1, packet[187] = 0xB3;
+        grabber.process(packet.get(), round);
+    }
+    grabber.flush(0);
+    SUCCEED();
+}
+
+} // namespace
