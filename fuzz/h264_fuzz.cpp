@@ -13,8 +13,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     H264::SliceHeader slice(view, 0, sps, static_cast<int>(size % 6));
     slice.set_pic_order_cnt_lsb(static_cast<int>(size));
     const H264::SEI::PicTiming timing(view);
+    int next = 0;
+    H264::SEI::unFF(view, timing.pic_struct, &next);
     grab_h264_header grabber(0x100, 0);
-    for (std::size_t at = 0; at + 188 <= bytes.size(); at += 188)
+    for (std::size_t at = 0; at + 188 <= bytes.size(); at += 188) {
+        // Straight to the parsing: every packet begins a PES packet on the PID.
+        bytes[at + 1] = 0x41;
+        bytes[at + 2] = 0x00;
         grabber.process(bytes.data() + at, static_cast<long>(at / 188));
-    return timing.has_time_code() ? 0 : 0;
+    }
+    return 0;
 }

@@ -46,6 +46,7 @@ void grab_h264_header::take_nal_unit(const byte_sequence& bytes, int header) {
     switch (type) {
     case SLICE:
     case IDR_SLICE:
+        // In fields: each slice is taken for a frame of its own, whatever its field_pic_flag.
         if (m_sps_count == 1)
             m_slice_counter += 2;
         return;

@@ -79,7 +79,8 @@ int VBDecode::uint(int count) {
 
 int VBDecode::uExpGolomb() {
     int zeros = 0;
-    while (zeros < MOST_LEADING_ZEROS && bit() == 0)
+    // The first 1 belongs to the code whatever the number of zeros before it.
+    while (bit() == 0 && zeros < MOST_LEADING_ZEROS)
         ++zeros;
     const std::int64_t suffix = ulong(zeros);
     return static_cast<int>(static_cast<std::uint32_t>(suffix + (std::int64_t{1} << zeros) - 1));

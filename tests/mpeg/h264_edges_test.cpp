@@ -392,6 +392,12 @@ TEST_F(GrabberEdges, APrefixAtTheVeryEndHasNoUnit) {
     EXPECT_EQ(grabber.slice_counter(), 2) << "a header alone is one";
 }
 
+TEST_F(GrabberEdges, UnitsOfAHeaderAloneStandSideBySide) {
+    grab_h264_header grabber(VIDEO, 0);
+    feed(grabber, pesHeader(1) + shortSps(9) + Bytes{0, 0, 1, 0x41, 0, 0, 1, 0x65, 0, 0, 1, 0x41, 0xAA});
+    EXPECT_EQ(grabber.slice_counter(), 6) << "the search goes on right behind each header";
+}
+
 TEST_F(GrabberEdges, AMessageOfFewerThanFourBytesIsNotLookedAt) {
     // Type 1, size 1, and a payload whose clock timestamp flag is set.
     EXPECT_FALSE(timecodeSeenIn({1, 1, 0x08}));
