@@ -27,6 +27,7 @@ CSocketHelper::~CSocketHelper() {
     if (m_socket >= 0)
         close(m_socket);
     m_socket = -1;
+    m_processor.reset();
     kestrel::dropOwned(m_Message);
     LogUtil::Info(MODULE, "Socket Helper got destructed...");
 }
@@ -36,7 +37,8 @@ void CSocketHelper::readFromSocket() {
         while (!serveOneRequest()) {
         }
     } catch (const std::exception& failure) {
-        LogUtil::Error(MODULE, "CSocketHelper::readFromSocket %s", failure.what());
+        LogUtil::Error(MODULE, "CSocketHelper::readFromSocket");
+        LogUtil::Debug(MODULE, "%s", failure.what());
     } catch (...) {
         LogUtil::Error(MODULE, "CSocketHelper::readFromSocket");
     }
@@ -61,7 +63,7 @@ bool CSocketHelper::serveOneRequest() {
     const bool served = m_processor->process(m_Message, response, RESPONSE_SIZE) && sendToSocket(response);
     if (served && received == MAX_REQUEST)
         dropRest();
-    return served;
+    return served || m_sendingFailed;
 }
 
 // A socket that is closed with unread data resets the connection, and the client may lose its answer.
@@ -86,6 +88,8 @@ bool CSocketHelper::sendToSocket(char* text) {
         LogUtil::Debug(MODULE, "CSocketHelper::sendToSocket sent len %d- Exiting", static_cast<int>(sent));
         return true;
     } catch (...) {
+        // Unlike a client that has gone, which the next read finds, this ends the connection by itself.
+        m_sendingFailed = true;
         LogUtil::Error(MODULE, "CSocketHelper::sendToSocket");
         return false;
     }

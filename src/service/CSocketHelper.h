@@ -54,4 +54,5 @@ private:
 
     int m_socket;
     std::unique_ptr<IMessageProcessor> m_processor;
+    bool m_sendingFailed = false; // by an exception, which ends the connection
 };

@@ -103,6 +103,10 @@ int CSocketManager::establish(unsigned short port) {
         LogUtil::Error(MODULE, "WSAStartup failed");
         return -1;
     }
+    if (!m_wake.valid()) {
+        LogUtil::Error(MODULE, "no descriptor left to wake the accept loop with");
+        return -1;
+    }
     kestrel::UniqueFd listener(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP));
     if (!listener.valid()) {
         LogUtil::Error(MODULE, "socket failed with error %d", errno);

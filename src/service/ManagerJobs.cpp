@@ -125,8 +125,8 @@ int CManagerLib::launchCaptureJob(CaptureRequest& request, CaptureJob& job) {
     return asCode(kestrel::error::fileNotOpened);
 }
 
-// Starts a job's worker. A job that cannot be started is an ERROR, whatever its first state was, and client
-// and job carry the reason.
+// Starts a job's worker. A job that cannot be started keeps the state it was queued with, as the launcher
+// leaves it: client and results carry the reason.
 int CManagerLib::launchJob(Job& job, const char* program, const char* commandLine, bool wait,
                            char (&errorText)[300]) {
     const int result = JobLauncher::Launch(&job, commandLine, m_settings.heartbeatTimeoutSecs, wait);
@@ -140,7 +140,6 @@ int CManagerLib::launchJob(Job& job, const char* program, const char* commandLin
         kestrel::copyText(errorText, LOG_MSG(result));
     LogUtil::Error(MODULE, "%s", errorText);
     job.setResults(errorText);
-    job.finish(Job::ERROR);
     return result;
 }
 

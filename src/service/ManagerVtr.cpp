@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <fcntl.h>
@@ -25,6 +26,8 @@ constexpr int RESPONSE_TIMEOUT_MS = 30'000;
 // How long the process may take to end by itself, and after it was terminated.
 constexpr int END_ASKED_MS = 10'000;
 constexpr int END_TERMINATED_MS = 3'000;
+// How often a process is looked at for which the system gave no descriptor.
+constexpr int LOOK_MS = 100;
 // Pauses between the end of a process and the next start.
 constexpr std::chrono::seconds FIRST_PAUSE{1};
 constexpr std::chrono::seconds LONGEST_PAUSE{60};
@@ -58,6 +61,10 @@ int CManagerLib::LaunchVTRProcess() {
     setQueueAttr(m_toVtrQueue, attributes);
     setQueueAttr(m_fromVtrQueue, attributes);
     m_vtrWake.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!m_vtrWake.valid()) {
+        LogUtil::Error(MODULE, "No descriptor left to wake the VTR response thread with, errno %d.", errno);
+        return -1;
+    }
     return startDeckProcess() ? 0 : asCode(kestrel::error::processNotLaunched);
 }
 
@@ -112,7 +119,8 @@ void CManagerLib::watchDeckProcess() {
         if (!m_deckProcess.running()) {
             const auto left = std::chrono::ceil<std::chrono::milliseconds>(nextStart - Clock::now()).count();
             waitMs = static_cast<int>(std::max<long>(left, 0));
-        }
+        } else if (m_deckProcess.descriptor() < 0)
+            waitMs = LOOK_MS;
         // Negative descriptors are skipped by poll.
         std::array<pollfd, 3> events{{{m_fromVtrQueue, POLLIN, 0},
                                       {m_vtrWake.get(), POLLIN, 0},
