@@ -27,10 +27,10 @@ class CaptureJob : public Job {
 public:
     // Latest report of the worker on one encoder.
     struct statusDetails {
-        mpeg_timecode duration{0, 0, 0, 0, false, 5}; // recorded so far
-        std::int64_t number1 = 0;                     // statusNumber3 of the report
-        std::int64_t number2 = 0;                     // statusNumber1
-        std::int64_t number3 = 0;                     // statusNumber2
+        mpeg_timecode duration;   // recorded so far; all zero before the first report
+        std::int64_t number1 = 0; // statusNumber3 of the report
+        std::int64_t number2 = 0; // statusNumber1
+        std::int64_t number3 = 0; // statusNumber2
     };
 
     // Reports for an encoder number from here on are dropped.

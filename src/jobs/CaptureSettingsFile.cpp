@@ -74,8 +74,9 @@ void CaptureJob::describeEncoders(CSettings& settings) const {
         const Encoder& encoder = *encoders[i];
         const EncoderOptions options = i < m_encoderOptions.size() ? m_encoderOptions[i] : EncoderOptions();
         describeEncoder(settings.encoders[i], encoder);
-        if (options.profile)
-            copyText(settings.encoders[i].profile, *options.profile);
+        if (options.profile && !copyText(settings.encoders[i].profile, *options.profile))
+            LogUtil::Warning("JobMgmt", "Job %d: the profile of encoder %zu is too long and was cut: %s",
+                             static_cast<int>(id), i + 1, settings.encoders[i].profile);
         // There is one such setting for all encoders: the last one's.
         settings.vtr.vitcSupport = options.vitcInput.value_or(encoder.vitcInput);
     }
@@ -96,12 +97,9 @@ void CaptureTimedJob::describe(CSettings& settings) const {
 void CaptureScheduledJob::describe(CSettings& settings) const {
     settings.cmd.jobType = CSettings::JOB_TIMED;
     const std::int64_t elapsed = elapsedSeconds();
-    constexpr std::int64_t hourLimit = 100; // prints as 99, like everything longer
-    const CTimeSpanUtil span(0, 0, 0, static_cast<int>(std::min(elapsed / 3600, hourLimit)),
-                             static_cast<int>(elapsed / 60 % 60), static_cast<int>(elapsed % 60));
-    char text[CTimeSpanUtil::HHMMSSFF_CAPACITY];
-    span.getHHMMSSFF(text);
-    copyText(settings.cmd.duration, text);
+    // A booking of a hundred hours and more has more than two digits of hours: cut, it would end too early.
+    formatText(settings.cmd.duration, "%02lld:%02d:%02d:00", static_cast<long long>(elapsed / 3600),
+               static_cast<int>(elapsed / 60 % 60), static_cast<int>(elapsed % 60));
 }
 
 void CaptureRollingJob::describe(CSettings& settings) const {

@@ -50,6 +50,7 @@ public:
     void SetName(const char* text);
     void SetCurrValue(const char* text);
     void SetDefaultValue(const char* text);
+    // Appends a copy of the argument, which must not be null, to the choices.
     void AddChoice(const char* text);
 
     // Number of the first entry of FieldName that is a prefix of the name (case-sensitive), else -1. So

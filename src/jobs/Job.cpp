@@ -99,6 +99,13 @@ int Job::setFields(std::vector<InputField>& /*fields*/) {
 }
 
 void Job::setId(unsigned long newId) {
+    if (m_listener != nullptr)
+        m_listener->changeId(*this, newId);
+    else
+        storeId(newId);
+}
+
+void Job::storeId(unsigned long newId) {
     id = newId;
     setQueueNames();
 }
@@ -140,8 +147,8 @@ void Job::getGuid(const char* text, unsigned char* out16) {
 }
 
 void Job::setGuid(const char* text) {
-    if (m_guidListener != nullptr)
-        m_guidListener->changeGuid(*this, text);
+    if (m_listener != nullptr)
+        m_listener->changeGuid(*this, text);
     else
         storeGuid(text);
 }

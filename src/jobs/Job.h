@@ -15,14 +15,15 @@ class Job;
 
 namespace kestrel {
 
-// Told by a job that its GUID changes, so that a container can keep an index. Implementations set the
-// job's guid and guidStr themselves, under their own lock, through Job::storeGuid.
-class GuidListener {
+// Told by a job that its GUID or id is to change, so that a container can keep an index. Implementations make
+// the change themselves, under their own lock, through Job::storeGuid and Job::storeId.
+class JobListener {
 public:
     virtual void changeGuid(Job& job, const char* text) = 0;
+    virtual void changeId(Job& job, unsigned long id) = 0;
 
 protected:
-    ~GuidListener() = default;
+    ~JobListener() = default;
 };
 
 } // namespace kestrel
@@ -99,6 +100,7 @@ public:
     static void getGuid(const char* text, unsigned char* out16);
     // Sets guid from the whole text and guidStr from its first 32 characters.
     void setGuid(const char* text);
+    // Whether the 16 bytes are this job's GUID.
     bool equals(const unsigned char* guid16) const;
     // The type of that exact name, NONE when there is none.
     static JobType getJobType(const char* name);
@@ -110,6 +112,7 @@ public:
     JobState finish(JobState newState);
     // Sets newState only where the state is expected; returns whether it did.
     bool changeState(JobState expected, JobState newState);
+    // What the worker, or a failing check, last said; cut at 299 bytes.
     [[nodiscard]] std::string resultsText() const;
     void setResults(std::string_view text);
     void appendResults(std::string_view text);
@@ -117,10 +120,12 @@ public:
     // for.
     void setLogDir(std::string_view directory);
 
-    // Who hears of a new GUID; null for a job outside a queue. Not copied with the job.
-    void setGuidListener(kestrel::GuidListener* listener) noexcept { m_guidListener = listener; }
+    // Who hears of a new GUID or id; null for a job outside a queue. Not copied with the job.
+    void setListener(kestrel::JobListener* listener) noexcept { m_listener = listener; }
     // Writes guid and guidStr without telling the listener.
     void storeGuid(const char* text);
+    // Writes id and the queue names without telling the listener.
+    void storeId(unsigned long newId);
 
     JobType jobType = NONE;
     JobState jobState = CREATED;
@@ -139,5 +144,5 @@ protected:
     mutable Mutex m_statusMutex;
 
 private:
-    kestrel::GuidListener* m_guidListener = nullptr;
+    kestrel::JobListener* m_listener = nullptr;
 };

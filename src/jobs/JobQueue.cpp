@@ -18,12 +18,6 @@ constexpr const char* MODULE = "ResourceMgmt";
 constexpr std::int64_t LAST_ID = 0x7FFFFFFE;
 constexpr int WRITE_ACCESS = 1;
 
-JobQueue::Guid guidOf(const unsigned char* guid16) {
-    JobQueue::Guid key;
-    std::copy_n(guid16, key.size(), key.begin());
-    return key;
-}
-
 // A descriptor of a worker's queue that never makes the caller wait for the worker.
 class WorkerQueue {
 public:
@@ -62,20 +56,11 @@ const CTimeSpanUtil JobQueue::CTS_JOB_START_BUFFER(0, 0, 0, JobQueue::JOB_START_
                                                    JobQueue::JOB_START_BUFFER.minutes,
                                                    JobQueue::JOB_START_BUFFER.seconds);
 
-std::size_t JobQueue::GuidHash::operator()(const Guid& guid) const noexcept {
-    // Clients send random GUIDs or counters; FNV-1a spreads both.
-    std::size_t hash = 14695981039346656037ULL;
-    for (const unsigned char byte : guid)
-        hash = (hash ^ byte) * 1099511628211ULL;
-    return hash;
-}
-
 JobQueue::JobQueue() = default;
 
 JobQueue::~JobQueue() {
     MutexLock lock(m_mutex);
-    for (Job* job : jobs)
-        job->setGuidListener(nullptr);
+    m_index.clear();
     DeleteJobList(jobs);
 }
 
@@ -96,10 +81,7 @@ Job* JobQueue::addJob(Job* job, Job::JobState state) {
         return nullptr;
     job->setState(state);
     jobs.push_back(job);
-    m_byGuid[guidOf(job->guid)].emplace(m_nextPosition, job);
-    m_byId[job->id].emplace(m_nextPosition, job);
-    m_positions[job] = m_nextPosition++;
-    job->setGuidListener(this);
+    m_index.add(*job);
     return job;
 }
 
@@ -215,7 +197,7 @@ int JobQueue::DeleteJob(Job* job) {
     MutexLock lock(m_mutex);
     const int index = getIndex(job, "DeleteJob");
     if (index >= 0) {
-        dropFromIndexes(*jobs[static_cast<std::size_t>(index)]);
+        m_index.remove(*jobs[static_cast<std::size_t>(index)]);
         jobs.erase(jobs.begin() + index);
     }
     // Found or not, callers have always been answered with this code.
@@ -223,11 +205,9 @@ int JobQueue::DeleteJob(Job* job) {
 }
 
 Job* JobQueue::getJob(const char* guidText) {
-    Guid guid{};
+    kestrel::JobIndex::Guid guid{};
     Job::getGuid(guidText, guid.data());
-    MutexLock lock(m_mutex);
-    const auto found = m_byGuid.find(guid);
-    return found == m_byGuid.end() ? nullptr : found->second.begin()->second;
+    return m_index.find(guid);
 }
 
 const char* JobQueue::GetJobStatus(const char* guidText) {
@@ -236,12 +216,8 @@ const char* JobQueue::GetJobStatus(const char* guidText) {
 }
 
 Job* JobQueue::GetJobById(unsigned long id) {
-    {
-        MutexLock lock(m_mutex);
-        const auto found = m_byId.find(id);
-        if (found != m_byId.end())
-            return found->second.begin()->second;
-    }
+    if (Job* const job = m_index.find(id); job != nullptr)
+        return job;
     LogUtil::Error(MODULE, "Error: Invalid Job Id %d in %s.", static_cast<int>(id), "GetJobById");
     return nullptr;
 }
@@ -268,22 +244,4 @@ void JobQueue::DeleteJobList(std::vector<Job*>& list) {
         delete list.back();
         list.pop_back();
     }
-}
-
-void JobQueue::changeGuid(Job& job, const char* text) {
-    MutexLock lock(m_mutex);
-    const std::uint64_t position = m_positions.at(&job);
-    removeFrom(m_byGuid, guidOf(job.guid), position);
-    job.storeGuid(text);
-    m_byGuid[guidOf(job.guid)].emplace(position, &job);
-}
-
-void JobQueue::dropFromIndexes(Job& job) {
-    const auto entry = m_positions.find(&job);
-    if (entry == m_positions.end())
-        return;
-    removeFrom(m_byGuid, guidOf(job.guid), entry->second);
-    removeFrom(m_byId, job.id, entry->second);
-    m_positions.erase(entry);
-    job.setGuidListener(nullptr);
 }

@@ -4,13 +4,11 @@
 #include "foundation/Mutex.h"
 #include "foundation/TimeUtil.h"
 #include "jobs/Job.h"
+#include "jobs/JobIndex.h"
 #include "timecode/mpeg_timecode.h"
 
-#include <array>
 #include <cstdint>
-#include <map>
 #include <memory>
-#include <unordered_map>
 #include <vector>
 
 class CaptureManualJob;
@@ -22,10 +20,10 @@ class CaptureVTRJob;
 class MpegNormalizeJob;
 class VerifierJob;
 
-// Jobs in order of insertion, with an index by GUID and by id that keeps the first match. Operations that
-// the table in the .cpp marks as "caller's lock" are called with m_mutex held, or on a queue that nobody
-// else uses.
-class JobQueue : private kestrel::GuidListener {
+// Jobs in order of insertion, with an index by GUID and by id that keeps the first match. Operations marked
+// "Caller's lock" are called with m_mutex held, or on a queue that nobody else uses; those that look a job up
+// or cancel it never take it; all others take it themselves.
+class JobQueue {
 public:
     // The published start margin of scheduled jobs: three minutes. No operation consults them.
     static const mpeg_timecode JOB_START_BUFFER;
@@ -38,6 +36,7 @@ public:
 
     // The next id; 0x7FFFFFFE is followed by 1. Caller's lock.
     unsigned long getNextId();
+    // The same, under the lock.
     unsigned long incNextId();
 
     // Caller's lock; each returns the job (null for null), which the queue owns from then on.
@@ -70,7 +69,8 @@ public:
     const char* GetJobStatus(const char* guidText);
     // First job with that id, or null (10003 logged).
     Job* GetJobById(unsigned long id);
-    // Position of the first job with the same id; -1 (10003 logged with caller) when there is none.
+    // Position of the first job with the same id; -1 (10003 logged with caller) when there is none. Caller's
+    // lock.
     int getIndex(Job* job, const char* caller);
 
     // Clones of all jobs, owned by the caller. What out held before is dropped, not deleted.
@@ -78,39 +78,17 @@ public:
     // Deletes every job of the list, from the back.
     static void DeleteJobList(std::vector<Job*>& list);
 
-    using Guid = std::array<unsigned char, 16>;
-
     Mutex m_mutex;
     std::int64_t nextId = 0;
     std::vector<Job*> jobs; // owned
 
 private:
-    struct GuidHash {
-        std::size_t operator()(const Guid& guid) const noexcept;
-    };
-    // Jobs under one key by position in the list, so that the first is the one that a walk would find.
-    using Matches = std::map<std::uint64_t, Job*>;
-
-    template <typename Index, typename Key>
-    static void removeFrom(Index& index, const Key& key, std::uint64_t position) {
-        const auto found = index.find(key);
-        if (found == index.end())
-            return;
-        found->second.erase(position);
-        if (found->second.empty())
-            index.erase(found);
-    }
     template <typename Kind>
     std::unique_ptr<Kind> cloneWithNextId(const Kind& job);
     template <typename Kind>
     Kind* cloneOffline(const Kind& job);
     template <typename Kind>
     Kind* cloneImmediate(const Kind& job);
-    void changeGuid(Job& job, const char* text) override;
-    void dropFromIndexes(Job& job);
 
-    std::uint64_t m_nextPosition = 0;
-    std::unordered_map<Guid, Matches, GuidHash> m_byGuid;
-    std::unordered_map<unsigned long, Matches> m_byId;
-    std::unordered_map<const Job*, std::uint64_t> m_positions;
+    kestrel::JobIndex m_index;
 };

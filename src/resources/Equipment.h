@@ -49,6 +49,7 @@ public:
     // over.
     bool IsAvailable(unsigned long& jobId, int& jobType, CTimeUtil& next);
 
+    // Keeps a copy of the text; null clears it.
     void setProfile(const char* text);
     // Takes one field of a request: the base knows "Subtype" only.
     virtual void setField(InputField& field);
@@ -73,6 +74,7 @@ class Vtr : public Equipment {
 public:
     explicit Vtr(const char* port);
     ~Vtr() override;
+    // Keeps a copy of the port's name, by which the deck is also shown ("VTR:%s").
     void setComPort(const char* port);
     int setFields(std::vector<InputField>& fields) override;
     int validate() override;
@@ -86,6 +88,7 @@ class Encoder : public Equipment {
 public:
     Encoder(unsigned long address, unsigned long port);
     // Takes a dotted address; the name becomes "D:%s", for encoders too (kept: messages are matched on it).
+    // Takes the control address, and the shown name, from its dotted form.
     void setCtrlIp(const char* dotted);
     int setFields(std::vector<InputField>& fields) override;
     int validate() override;
@@ -109,6 +112,7 @@ public:
 class Decoder : public Equipment {
 public:
     explicit Decoder(unsigned long address);
+    // Takes the control address, and the shown name, from its dotted form.
     void setCtrlIp(const char* dotted);
     int setFields(std::vector<InputField>& fields) override;
     int validate() override;

@@ -137,7 +137,7 @@ bool ResourceMgr::isAvailable(std::vector<Equipment*>& set, unsigned long& jobId
         if (!available)
             return false;
         // NOT_SCHEDULED is the earliest time of all, so a device without bookings that follows one with a
-        // booking resets the answer. Kept: callers list the deck first and rely on its answer's order.
+        // booking resets the answer: it depends on the order of the set, and is kept so.
         if (next == Equipment::NOT_SCHEDULED || answer < next)
             next = answer;
     }

@@ -32,17 +32,23 @@ public:
     // Takes ownership.
     void AddEquipment(Equipment* record);
 
+    // Books every device of the set for a job, or drops its bookings. The ends of a booking belong to it.
     void AddScheduleTime(std::vector<Equipment*>& set, unsigned long jobId, Job::JobType type,
                          CTimeUtil start, CTimeUtil end);
     void RemoveScheduleTime(std::vector<Equipment*>& set, unsigned long jobId);
 
+    // Window test: whether every device is free from start to end, ends included. The first device that is
+    // not answers with the job in the way and its type. The lower-case form is called with the lock held.
     bool isAvailable(std::vector<Equipment*>& set, unsigned long& jobId, Job::JobType& type, CTimeUtil start,
                      CTimeUtil end) REQUIRES(m_mutex);
     bool IsAvailable(std::vector<Equipment*>& set, unsigned long& jobId, Job::JobType& type, CTimeUtil start,
                      CTimeUtil end);
+    // Present test: whether every device is free now, and in next the earliest start of their bookings
+    // (Equipment::NOT_SCHEDULED for none; a device without any resets what those before it answered).
     bool isAvailable(std::vector<Equipment*>& set, unsigned long& jobId, Job::JobType& type, CTimeUtil& next)
         REQUIRES(m_mutex);
     bool IsAvailable(std::vector<Equipment*>& set, unsigned long& jobId, Job::JobType& type, CTimeUtil& next);
+    // Whether every device is free now and its next booking begins strictly later than the span from now.
     bool IsAvailableFor(std::vector<Equipment*>& set, unsigned long& jobId, Job::JobType& type,
                         CTimeSpanUtil span);
 

@@ -335,7 +335,7 @@ TEST_F(CaptureJobTest, StatusCreatesTheEntriesUpToItsEncoder) {
     job.UpdateStatus(&status);
     ASSERT_EQ(job.statusDetails.size(), 4u);
     for (int i = 0; i < 3; ++i) {
-        EXPECT_EQ(job.statusDetails[static_cast<std::size_t>(i)]->duration.frame_count(), 0);
+        EXPECT_EQ(job.statusDetails[static_cast<std::size_t>(i)]->duration.frameRateCode, 0);
         EXPECT_EQ(job.statusDetails[static_cast<std::size_t>(i)]->number1, 0);
     }
     const auto& entry = *job.statusDetails[3];

@@ -170,8 +170,8 @@ TEST_F(CaptureSettingsFileTest, ScheduledIsTimedWithTheRealTimeFromStartToEnd) {
         {"StartTime=03/28/2026 12:00:00", "EndTime=03/29/2026 12:00:00", "23:00:00:00"},
         {"StartTime=10/24/2026 12:00:00", "EndTime=10/25/2026 12:00:00", "25:00:00:00"},
         {"StartTime=11/01/2026 00:00:00", "EndTime=11/05/2026 03:59:59", "99:59:59:00"},
-        {"StartTime=11/01/2026 00:00:00", "EndTime=11/05/2026 04:00:01", "99:00:01:00"},
-        {"StartTime=01/01/2026 00:00:00", "EndTime=01/01/2126 00:00:00", "99:00:00:00"},
+        {"StartTime=11/01/2026 00:00:00", "EndTime=11/05/2026 04:00:01", "100:00:01:00"},
+        {"StartTime=01/01/2026 00:00:00", "EndTime=01/01/2126 00:00:00", "876576:00:00:00"},
     };
     for (const Row& row : rows) {
         CaptureScheduledJob job(jobId);

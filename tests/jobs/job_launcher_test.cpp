@@ -91,17 +91,12 @@ TEST_F(JobLauncherTest, AProgramThatDoesNotExistExitsWith255) {
     EXPECT_THAT(log.text(), HasSubstr("Error: Process /nowhere/worker -x exited with code 255."));
 }
 
-TEST_F(JobLauncherTest, NoProcessIsToldToTheCallerAndLeavesJobAndQueues) {
+TEST_F(JobLauncherTest, AnEmptyCommandLineIsAProgramThatDoesNotExist) {
     CaptureManualJob job(901021);
-    for (const bool wait : {true, false}) {
-        EXPECT_EQ(JobLauncher::Launch(&job, "", 0, wait), 10036);
-        EXPECT_TRUE(allEnded());
-        EXPECT_EQ(job.state(), Job::IN_PROGRESS);
-        EXPECT_THAT(log.text(), HasSubstr("[JobLauncher:Error] Error: Could not launch process ."));
-        EXPECT_TRUE(queueExists(job.jobUpdateQueueName));
-        EXPECT_TRUE(queueExists(job.mgrQueueName));
-    }
-    EXPECT_EQ(run(job, "exit:0"), Job::COMPLETE) << "the next launch replaces them";
+    EXPECT_EQ(JobLauncher::Launch(&job, "", 0, true), 0);
+    EXPECT_EQ(job.state(), Job::ERROR);
+    EXPECT_THAT(log.text(), HasSubstr("Error: Process  exited with code 255."));
+    EXPECT_EQ(run(job, "exit:0"), Job::COMPLETE);
     EXPECT_FALSE(queueExists(job.mgrQueueName));
 }
 
