@@ -84,7 +84,7 @@ void restoreSignals() noexcept {
     setSignalMask(&none, nullptr);
 }
 
-[[noreturn]] void becomeProgram(const char* file, char** argv) noexcept {
+[[noreturn]] void becomeProgram(const char* file, char* const* argv) noexcept {
     restoreSignals();
     closePrivateDescriptors();
     ::execvp(file, argv);
@@ -94,7 +94,7 @@ void restoreSignals() noexcept {
 
 // A large parent's page tables are not copied only to be thrown away by exec. Kept apart and without
 // variables of its own, because both processes run on this stack.
-[[gnu::noinline]] pid_t startChild(const char* file, char** argv) noexcept {
+[[gnu::noinline]] pid_t startChild(const char* file, char* const* argv) noexcept {
     const pid_t pid = ::vfork();
     if (pid == 0)
         becomeProgram(file, argv);
@@ -166,15 +166,15 @@ Watch watchChild(pid_t pid, int pidFd, Clock::time_point deadline, bool* abort, 
 } // namespace
 
 int AppLaunchUtil::runCmd(const char* file, char** argv, int& err) noexcept {
-    if (file == nullptr || *file == '\0' || argv == nullptr || argv[0] == nullptr) {
-        err = EINVAL;
-        return -1;
-    }
+    // Nothing to run is a program that cannot be executed like any other.
+    if (file == nullptr)
+        file = "";
+    char* const fileAlone[] = {const_cast<char*>(file), nullptr};
     // No handler of this process may run in the child while it shares our memory.
     const SignalSet all = ~SignalSet{0};
     SignalSet before = 0;
     setSignalMask(&all, &before);
-    const pid_t pid = startChild(file, argv);
+    const pid_t pid = startChild(file, argv != nullptr ? argv : fileAlone);
     const int failure = errno;
     setSignalMask(&before, nullptr);
     // What went wrong in the child shows as its exit code, never here.

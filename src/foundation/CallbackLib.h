@@ -17,6 +17,7 @@ enum _DataCallback : std::int32_t {
 
 class CallbackLib {
 public:
+    // The kinds of data, also under the name of this class.
     using _DataCallback = ::_DataCallback;
 
     // What a registered function receives.
@@ -26,6 +27,7 @@ public:
         void* context; // as registered
     };
 
+    // A registered function; what it is given is valid only during the call.
     using Function = void (*)(_Data*);
 
     // One registration.
@@ -41,6 +43,7 @@ public:
     static CallbackLib* initCallBackLib();
     // Destroys the instance. Nobody may be using it.
     static void ShutDownCallBackLib();
+    // The instance, null before initCallBackLib and after ShutDownCallBackLib.
     static CallbackLib* pInst;
 
     // Registers fn for a type, or replaces the registration of the same name (cut at 99 characters).

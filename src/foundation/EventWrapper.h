@@ -21,6 +21,7 @@ public:
     static void InitEvent(sem_t*& event);
     // Sets the pointer to null; nothing is released.
     static void InitEventToZero(sem_t*& event);
+    // Whether the pointer is not null.
     static bool IsInitialized(sem_t*& event);
     // Adds one signal; nothing when not initialised. May be called from a signal handler.
     static void SignalEvent(sem_t*& event);

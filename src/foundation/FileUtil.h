@@ -16,6 +16,7 @@ public:
     // Whether path can be examined; a directory counts.
     static bool FileExists(const char* path) noexcept;
 
+    // Whether path can be examined and is a directory.
     static bool IsDirectory(const char* path) noexcept;
 
     // Size in bytes, 0 when path cannot be examined. The flag has no effect.

@@ -106,8 +106,8 @@ public:
     // ip: dotted IPv4 address, port: UDP port of the receiver.
     NetLogger(const char* ip, int port);
 
-    // Returns false when no socket can be made or the address or port is not valid; a datagram that cannot be
-    // sent is tried three times and then counts as written.
+    // Returns false when no socket can be made or bound. A datagram that cannot be sent is tried three times
+    // and then counts as written, and so does every line for an address or port that is not valid.
     bool log(const wchar_t* line) override;
     bool log(const char* line) override;
 
@@ -119,6 +119,7 @@ private:
 // Writes lines to a stream that the caller owns and keeps alive as long as the logger.
 class StreamLogger : public BaseLogger {
 public:
+    // Active at once, unless stream is null.
     explicit StreamLogger(std::ostream* stream);
 
     bool log(const wchar_t* line) override;
@@ -165,9 +166,13 @@ public:
     [[nodiscard]] std::int32_t getDefaultLogLevel() const noexcept;
     void setDefaultLogLevel(std::int32_t level);
 
+    // Whether lines begin with the date and time.
     void setShowTimestamp(bool on) noexcept { m_showTimestamp = on; }
+    // Whether lines show the name of the module, within the brackets.
     void setShowModuleName(bool on) noexcept { m_showModuleName = on; }
+    // Whether lines show the name of the level, within the brackets.
     void setShowLogLevel(bool on) noexcept { m_showLogLevel = on; }
+    // Whether lines end with CR LF; without, they end with their text.
     void setEndWithCrLf(bool on) noexcept { m_endWithCrLf = on; }
 
     // Write one message. True when every logger wrote it, or when its level is below that of the module.

@@ -106,12 +106,6 @@ NetLogger::NetLogger(const char* ip, int port) : m_port(port) {
 bool NetLogger::log(const char* line) {
     if (!m_active || !line)
         return false;
-    sockaddr_in receiver{};
-    receiver.sin_family = AF_INET;
-    if (m_port < 0 || m_port > 65535 || inet_pton(AF_INET, m_ip, &receiver.sin_addr) != 1)
-        return false;
-    receiver.sin_port = htons(static_cast<std::uint16_t>(m_port));
-
     const kestrel::UniqueFd socketFd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (!socketFd.valid())
         return false;
@@ -121,6 +115,13 @@ bool NetLogger::log(const char* line) {
     if (::bind(socketFd.get(), reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0)
         return false;
 
+    // A line that could not be sent is lost, not failed: nobody is told whether a datagram arrives.
+    sockaddr_in receiver{};
+    receiver.sin_family = AF_INET;
+    if (m_port < 0 || m_port > 65535 || inet_pton(AF_INET, m_ip, &receiver.sin_addr) != 1)
+        return true;
+    receiver.sin_port = htons(static_cast<std::uint16_t>(m_port));
+
     const std::size_t length = std::strlen(line);
     for (int attempt = 0; attempt < maxSendTries; ++attempt) {
         const ssize_t sent = ::sendto(socketFd.get(), line, length, MSG_NOSIGNAL,
@@ -128,7 +129,6 @@ bool NetLogger::log(const char* line) {
         if (sent == static_cast<ssize_t>(length))
             break;
     }
-    // A line that could not be sent is lost, not failed: nobody is told whether a datagram arrives.
     return true;
 }
 

@@ -13,7 +13,9 @@ public:
     Mutex(const Mutex&) = delete;
     Mutex& operator=(const Mutex&) = delete;
 
+    // Waits until no other thread holds the mutex, and takes it.
     void lock() noexcept ACQUIRE();
+    // Gives back the mutex that this thread holds.
     void unlock() noexcept RELEASE();
 
     // The wrapped mutex, for waiting on a POSIX condition variable.

@@ -53,7 +53,7 @@ ArgumentSplit splitArguments(std::string_view line, std::string_view separators)
 
 } // namespace kestrel
 
-const char* cStringUtil::cValue(const char* s) noexcept {
+const char* cStringUtil::cValue(char* s) noexcept {
     return s != nullptr ? s : "";
 }
 

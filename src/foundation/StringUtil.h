@@ -1,6 +1,7 @@
 // Text helpers: a string in a narrow and a wide copy, path helpers, and the splitting of argument lines.
 #pragma once
 
+#include <concepts>
 #include <cstddef>
 #include <optional>
 #include <string>
@@ -44,8 +45,13 @@ public:
     cStringUtil(const cStringUtil& other);
     cStringUtil& operator=(const cStringUtil& other);
 
-    // s, or "" when it is null.
-    static const char* cValue(const char* s) noexcept;
+    // s, or "" when it is null. The form for constant texts is a template so that cValue(nullptr) is not
+    // ambiguous.
+    static const char* cValue(char* s) noexcept;
+    template <std::same_as<const char*> Text>
+    static const char* cValue(Text s) noexcept {
+        return s != nullptr ? s : "";
+    }
 
     // Copies src and appends "/" unless it ends with one; an empty or null src gives "/". dst needs the
     // length of src + 2 bytes.

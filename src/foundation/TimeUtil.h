@@ -14,9 +14,11 @@ public:
 
     // All zero.
     CTimeSpanUtil() noexcept = default;
+    // Stores the six numbers as given.
     CTimeSpanUtil(int yearCount, int monthCount, int dayCount, int hourCount, int minuteCount,
                   int secondCount) noexcept;
 
+    // Sum field by field, not normalised.
     CTimeSpanUtil operator+(const CTimeSpanUtil& other) const noexcept;
 
     // Order is lexicographic over the fields as stored: 90 minutes are less than 1 hour.

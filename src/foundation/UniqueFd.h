@@ -19,9 +19,13 @@ public:
         return *this;
     }
 
+    // The descriptor, still owned here; -1 when there is none.
     [[nodiscard]] int get() const noexcept { return m_fd; }
+    // Whether there is a descriptor.
     [[nodiscard]] bool valid() const noexcept { return m_fd >= 0; }
+    // Hands the descriptor over to the caller, who closes it; -1 when there is none.
     [[nodiscard]] int release() noexcept { return std::exchange(m_fd, -1); }
+    // Closes the descriptor owned so far and owns fd from here on.
     void reset(int fd = -1) noexcept {
         if (m_fd >= 0)
             ::close(m_fd);

@@ -118,7 +118,7 @@ void readLogging(ProfileReader& profile, const char* defaultLogFile, BaseLogger:
     if (log == nullptr || !profile.enter("Logging"))
         return;
     const char* const file = profile.text("LOG_FILENAME");
-    log->addFileLogger(file != nullptr ? file : cStringUtil::cValue(const_cast<char*>(defaultLogFile)));
+    log->addFileLogger(file != nullptr ? file : cStringUtil::cValue(defaultLogFile));
     int level = defaultLevel;
     profile.integer("LOG_LEVEL", level);
     log->setDefaultLogLevel(level);

@@ -78,6 +78,25 @@ TEST_F(CFileLogTest, NullTextsAreIgnored) {
     EXPECT_EQ(contentOf(path), "");
 }
 
+#ifndef __SANITIZE_THREAD__ // which takes locking a mutex twice for a mistake of the test
+TEST_F(CFileLogTest, TextIsNotWrittenWhileTheMutexCannotBeLocked) {
+    ASSERT_EQ(initFileLogger(path.c_str()), 1);
+    pthread_mutexattr_t errorChecked;
+    pthread_mutexattr_init(&errorChecked);
+    pthread_mutexattr_settype(&errorChecked, PTHREAD_MUTEX_ERRORCHECK);
+    pthread_mutex_destroy(&m_LogMutex);
+    ASSERT_EQ(pthread_mutex_init(&m_LogMutex, &errorChecked), 0);
+    pthread_mutexattr_destroy(&errorChecked);
+
+    ASSERT_EQ(pthread_mutex_lock(&m_LogMutex), 0);
+    EXPECT_FALSE(logMsg("lost"));
+    fileLog("%s", "lost");
+    EXPECT_EQ(pthread_mutex_unlock(&m_LogMutex), 0);
+    EXPECT_TRUE(logMsg("found"));
+    EXPECT_EQ(contentOf(path), "found");
+}
+#endif
+
 TEST_F(CFileLogTest, DescriptorIsClosedOnExec) {
     ASSERT_EQ(initFileLogger(path.c_str()), 1);
     EXPECT_TRUE(::fcntl(::fileno(m_pLogFile), F_GETFD) & FD_CLOEXEC);

@@ -1,5 +1,6 @@
 // Events between threads.
 #include "foundation/EventWrapper.h"
+#include "foundation/WaitUntilAsleep.h"
 
 #include <atomic>
 #include <cerrno>
@@ -39,23 +40,6 @@ int waitForAny(std::vector<sem_t*> events, int timeoutMs, int* index = nullptr) 
 int waitForAll(std::vector<sem_t*> events, int timeoutMs, int* index = nullptr) {
     return EventWrapper::WaitForMultipleEventSignals(static_cast<int>(events.size()), events.data(), true,
                                                      timeoutMs, false, index);
-}
-
-// Waits until a thread of this process sleeps in the kernel.
-void waitUntilAsleep(const std::atomic<pid_t>& thread) {
-    for (;;) {
-        if (thread != 0) {
-            const std::string path = "/proc/self/task/" + std::to_string(thread) + "/stat";
-            if (std::FILE* file = std::fopen(path.c_str(), "r")) {
-                char state = 0;
-                const int fields = std::fscanf(file, "%*d (%*[^)]) %c", &state);
-                std::fclose(file);
-                if (fields == 1 && state == 'S')
-                    return;
-            }
-        }
-        std::this_thread::yield();
-    }
 }
 
 TEST(EventInit, EventIsInitialisedUntilCleanedUp) {
@@ -247,28 +231,38 @@ TEST(MultipleEvents, NoEventsAreAllSignalledAndNoneOfThemIs) {
     EXPECT_EQ(waitForAny({}, 5), 1);
 }
 
+// How long a sleeping wait for several events takes to see a signal of another thread.
+Clock::duration timeToWake(int timeoutMs) {
+    Event first;
+    Event second;
+    int data = 0;
+    int seen = 0;
+    int index = -1;
+    std::atomic<pid_t> id{0};
+    std::thread waiter([&] {
+        id = gettid();
+        EXPECT_EQ(waitForAny({first.event, second.event}, timeoutMs, &index), 0);
+        seen = data;
+    });
+    waitUntilAsleep(id);
+    data = 42;
+    const auto start = Clock::now();
+    second.signal();
+    waiter.join();
+    const auto taken = Clock::now() - start;
+    EXPECT_EQ(index, 1);
+    EXPECT_EQ(seen, 42);
+    return taken;
+}
+
 TEST(MultipleEvents, SignalWakesASleepingWaitAtOnce) {
     for (const int timeoutMs : {-1, longMs}) {
-        Event first;
-        Event second;
-        int data = 0;
-        int seen = 0;
-        int index = -1;
-        std::atomic<pid_t> id{0};
-        std::thread waiter([&] {
-            id = gettid();
-            EXPECT_EQ(waitForAny({first.event, second.event}, timeoutMs, &index), 0);
-            seen = data;
-        });
-        waitUntilAsleep(id);
-        data = 42;
-        const auto start = Clock::now();
-        second.signal();
-        waiter.join();
-        // Well below the time after which the wait would look at the events by itself.
-        EXPECT_LT(Clock::now() - start, 3s);
-        EXPECT_EQ(index, 1);
-        EXPECT_EQ(seen, 42);
+        // Below the five seconds after which the wait looks at the events by itself, each time. A busy
+        // machine may be as slow now and then, hence several tries.
+        bool prompt = false;
+        for (int i = 0; i < 6 && !prompt; ++i)
+            prompt = timeToWake(timeoutMs) < 3s;
+        EXPECT_TRUE(prompt) << timeoutMs;
     }
 }
 

@@ -141,6 +141,25 @@ TEST(FileUtil, AvailableSpaceIsThatOfTheDirectoryPart) {
     EXPECT_EQ(cFileUtil::GetAvailSpace("/proc/missing.ts"), 0u);
 }
 
+TEST(FileUtil, AvailableSpaceCountsTheBlocksReservedForTheSuperuser) {
+    constexpr std::uint64_t leastReserve = std::uint64_t{64} << 20;
+    const ScratchDir scratch;
+    for (const std::string& directory : {scratch.path(""), std::string("/"), std::string("/home")}) {
+        struct statvfs status {};
+        if (::statvfs(directory.c_str(), &status) != 0)
+            continue;
+        const std::uint64_t reserve = std::uint64_t{status.f_bfree - status.f_bavail} * status.f_frsize;
+        if (reserve < leastReserve)
+            continue;
+        // Half the reserve is left to what others write or delete meanwhile.
+        const std::uint64_t without = std::uint64_t{status.f_bavail} * status.f_frsize;
+        EXPECT_GT(cFileUtil::GetAvailSpace(directory.c_str()), without + reserve / 2) << directory;
+        EXPECT_LT(cFileUtil::GetAvailSpace(directory.c_str()), without + reserve / 2 * 3) << directory;
+        return;
+    }
+    GTEST_SKIP() << "no file system with a reserve";
+}
+
 TEST(FileUtil, AvailableSpaceOfAFileBelowTheRootIsThatOfTheRoot) {
     EXPECT_NE(cFileUtil::GetAvailSpace("/missing.ts"), unknown);
 }

@@ -10,6 +10,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <string>
+#include <sys/resource.h>
 #include <sys/socket.h>
 
 namespace {
@@ -92,21 +93,60 @@ TEST(NetLogger, WithoutReceiverTheLineStillCountsAsWritten) {
     EXPECT_TRUE(logger.log("nobody listens"));
 }
 
-TEST(NetLogger, DatagramThatCannotBeSentCountsAsWrittenAfterThreeTries) {
+TEST(NetLogger, DatagramThatCannotBeSentCountsAsWritten) {
     // Nothing can be sent to port 0.
     EXPECT_TRUE(NetLogger("127.0.0.1", 0).log("x"));
 }
 
-TEST(NetLogger, BadAddressOrPortIsAFailure) {
+TEST(NetLogger, LineForABadAddressOrPortCountsAsWrittenLikeAnyThatCannotBeSent) {
     for (const char* ip : {"", "localhost", "256.0.0.1", "1.2.3", "127.0.0.1 "})
-        EXPECT_FALSE(NetLogger(ip, 5140).log("x")) << ip;
-    EXPECT_FALSE(NetLogger(nullptr, 5140).log("x"));
-    EXPECT_FALSE(NetLogger("127.0.0.1", -1).log("x"));
-    EXPECT_FALSE(NetLogger("127.0.0.1", 65536).log(L"x"));
+        EXPECT_TRUE(NetLogger(ip, 5140).log("x")) << ip;
+    EXPECT_TRUE(NetLogger(nullptr, 5140).log("x"));
+    EXPECT_TRUE(NetLogger("127.0.0.1", -1).log("x"));
+    EXPECT_TRUE(NetLogger("127.0.0.1", 65536).log(L"x"));
+}
+
+TEST(NetLogger, PortBeyond16BitsIsNotTakenForALowerOne) {
+    Receiver receiver;
+    EXPECT_TRUE(NetLogger("127.0.0.1", receiver.port() + 65536).log("x"));
+    EXPECT_TRUE(NetLogger("127.0.0.1", receiver.port() - 65536).log("x"));
+    EXPECT_FALSE(receiver.hasMore());
 }
 
 TEST(NetLogger, OverlongAddressIsCutNotOverrun) {
-    EXPECT_FALSE(NetLogger(std::string(500, '1').c_str(), 5140).log("x"));
+    NetLogger logger(std::string(500, '1').c_str(), 5140);
+    EXPECT_TRUE(logger.isActive());
+    EXPECT_TRUE(logger.log("x"));
+}
+
+// No descriptor can be made while it lives.
+class NoDescriptors {
+public:
+    NoDescriptors() {
+        EXPECT_EQ(::getrlimit(RLIMIT_NOFILE, &m_before), 0);
+        const rlimit none{0, m_before.rlim_max};
+        EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    }
+    ~NoDescriptors() { ::setrlimit(RLIMIT_NOFILE, &m_before); }
+    NoDescriptors(const NoDescriptors&) = delete;
+    NoDescriptors& operator=(const NoDescriptors&) = delete;
+
+private:
+    rlimit m_before{};
+};
+
+TEST(NetLogger, WithoutASocketTheLineIsNotWritten) {
+    Receiver receiver;
+    NetLogger logger("127.0.0.1", receiver.port());
+    NetLogger badAddress("nonsense", -1);
+    {
+        const NoDescriptors none;
+        EXPECT_FALSE(logger.log("lost"));
+        EXPECT_FALSE(logger.log(L"lost"));
+        EXPECT_FALSE(badAddress.log("lost"));
+    }
+    EXPECT_TRUE(logger.log("found"));
+    EXPECT_EQ(receiver.receive(), "found");
 }
 
 } // namespace

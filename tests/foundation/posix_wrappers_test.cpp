@@ -53,6 +53,40 @@ TEST_F(PosixWrappersTest, ExitEndsTheThreadWithItsValue) {
     EXPECT_EQ(result, &marker);
 }
 
+// Gives new threads a default stack that no address space has room for.
+class HugeDefaultStack {
+public:
+    HugeDefaultStack() {
+        EXPECT_EQ(pthread_getattr_default_np(&m_before), 0);
+        pthread_attr_t huge;
+        EXPECT_EQ(pthread_getattr_default_np(&huge), 0);
+        EXPECT_EQ(pthread_attr_setstacksize(&huge, std::size_t{1} << 48), 0);
+        EXPECT_EQ(pthread_setattr_default_np(&huge), 0);
+        pthread_attr_destroy(&huge);
+    }
+    ~HugeDefaultStack() {
+        pthread_setattr_default_np(&m_before);
+        pthread_attr_destroy(&m_before);
+    }
+    HugeDefaultStack(const HugeDefaultStack&) = delete;
+    HugeDefaultStack& operator=(const HugeDefaultStack&) = delete;
+
+private:
+    pthread_attr_t m_before{};
+};
+
+TEST_F(PosixWrappersTest, ThreadThatCannotBeMadeIsAFailure) {
+    const auto body = [](void* argument) -> void* { return argument; };
+    pthread_t thread{};
+    {
+        const HugeDefaultStack stack;
+        ASSERT_EQ(createPosixThread(&thread, body, nullptr), 1);
+    }
+    EXPECT_EQ(logged(), "Failed to create thread\n");
+    ASSERT_EQ(createPosixThread(&thread, body, nullptr), 0);
+    EXPECT_EQ(joinPosixThread(thread, nullptr), 0);
+}
+
 TEST_F(PosixWrappersTest, JoiningOneselfFails) {
     EXPECT_EQ(joinPosixThread(pthread_self(), nullptr), 1);
     EXPECT_EQ(logged(), "");

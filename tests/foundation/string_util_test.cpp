@@ -164,8 +164,13 @@ TEST_F(StringUtil, MemberFormsWorkOnBothCopies) {
 
 TEST_F(PathHelper, NullValueIsTheEmptyText) {
     char text[] = "abc";
+    const char* constant = text;
     EXPECT_EQ(cStringUtil::cValue(text), text);
+    EXPECT_EQ(cStringUtil::cValue(constant), text);
+    EXPECT_STREQ(cStringUtil::cValue("literal"), "literal");
     EXPECT_STREQ(cStringUtil::cValue(nullptr), "");
+    EXPECT_STREQ(cStringUtil::cValue(static_cast<char*>(nullptr)), "");
+    EXPECT_STREQ(cStringUtil::cValue(static_cast<const char*>(nullptr)), "");
 }
 
 TEST_F(PathHelper, DirectoryPathEndsWithOneSlash) {
