@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
@@ -32,9 +33,17 @@ long read_at(int descriptor, unsigned char* bytes, long count, std::int64_t offs
     return got;
 }
 
+// A device may be read by offset without ever ending.
+bool is_regular(int descriptor) {
+    struct stat status {};
+    return fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode);
+}
+
 // Gives the packets from offset 0 on to visit until that returns false or the file ends.
 template <typename Visit>
 void forward(FILE* file, Visit&& visit) {
+    if (!is_regular(fileno(file)))
+        return;
     std::vector<unsigned char> block(static_cast<std::size_t>(BLOCK * ts::packet_size));
     std::int64_t offset = 0;
     for (long packets = FIRST_BLOCK;; packets = BLOCK) {
@@ -67,10 +76,14 @@ void backward(FILE* file, std::int64_t length, Visit&& visit) {
 } // namespace
 
 int GetDTSBounds::get_video_PID(FILE* file) {
-    kestrel::PmtFinder pmt;
+    int pmt_pid = 0;
     int found = -1;
     forward(file, [&](const unsigned char* packet) {
-        if (pmt.is_pmt(packet))
+        // The first association table that names a map decides; unlike the other queries, later ones do not.
+        if (pmt_pid == 0) {
+            if (ts::pid(packet) == 0)
+                pmt_pid = MPEG::PAT::PID_of_first_PMT(packet);
+        } else if (ts::pid(packet) == pmt_pid)
             for (const unsigned char* entry : PMT_PIDInfo_iterable(packet))
                 if (found < 0 && kestrel::is_mpeg2_video(MPEG::PMT::PIDInfo::stream_type(entry)))
                     found = MPEG::PMT::PIDInfo::elementary_PID(entry);

@@ -7,13 +7,14 @@
 #include <utility>
 
 // The functions read the open file through its descriptor, by offset: the stream's own position stays. Each
-// ends at the end of the file. A file that cannot be read by offset has no packets.
+// ends at the end of the file. Anything but a regular file has no packets.
 class GetDTSBounds {
 public:
-    // elementary_PID of the first MPEG-1 or MPEG-2 video stream; H.264 is not considered. -1 when there is
-    // none.
+    // elementary_PID (ISO/IEC 13818-1, 2.4.4.9) of the first MPEG-1 or MPEG-2 video stream of the first map
+    // table that an association table names; H.264 is not considered. -1 when there is none.
     static int get_video_PID(FILE* file);
-    // Decoding time of the first PES packet of the PID that has one, its PTS where it has no DTS of its own.
+    // Decoding time (ISO/IEC 13818-1, 2.4.3.7) of the first PES packet of the PID that has one, its PTS where
+    // it has no DTS of its own.
     // Stops at the first record without a sync byte. -1 when there is none.
     static PTS get_first_DTS(FILE* file, int pid);
     // DTS of the last PES packet of the PID that has one. Deliberately unlike the first: a packet with only a

@@ -34,7 +34,8 @@ public:
     // not fill a block of 65,536 bytes is lost, and a short file comes out empty.
     static int rebaseFile(const char* in, const char* out, int level);
 
-    // The command form, on PID 481: in, out, [mode, [hh:mm:ss:ff]]. 1 with too few arguments.
+    // The command form, on PID 481: in, out, [mode, [hh:mm:ss:ff]], the time code at 30 frames a second. A
+    // mode above 2 is 0. 1 with too few arguments, -3 as above with a line at Debug.
     static int testHarness(int argc, char** argv);
 
 private:

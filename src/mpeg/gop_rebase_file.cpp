@@ -3,6 +3,7 @@
 #include "foundation/UniqueFd.h"
 #include "mpeg/CaptureEngUtils.h"
 #include "mpeg/gop_rebase.h"
+#include "mpeg/regular_file.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -37,9 +38,10 @@ bool are_one_file(const char* a, const char* b) {
 class BlockRebase {
 public:
     BlockRebase(const char* in, const char* out, int video_pid, const kestrel::RebasePlan& plan)
-        : m_in(open(in, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)),
-          m_out(open(out, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666)), m_pid(video_pid),
+        : m_in(in), m_out(open(out, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666)), m_pid(video_pid),
           m_stage(video_pid, nullptr, plan.mode, plan.offset, plan.level) {
+        // All that is ever held, so that growing does not need it twice. Only what is used takes memory.
+        m_bytes.reserve(LONGEST_WAIT + 2 * READ_BLOCK);
         if (!m_out.valid())
             LogUtil::Error(MODULE, "Cannot write %s: errno %d", out, errno);
     }
@@ -73,10 +75,13 @@ private:
     // Where what must stay in memory begins.
     [[nodiscard]] std::size_t held() const { return m_saved == NONE ? m_next : m_saved; }
 
-    // Reads on behind what is there; false at the end of the file.
+    // Reads on behind what is there; false at the end of the file. Anything but a regular file has no
+    // packets: a device such as /dev/zero would have no end.
     bool fill() {
+        if (!m_in)
+            return false;
         m_bytes.resize(m_end + READ_BLOCK);
-        const ssize_t got = read(m_in.get(), m_bytes.data() + m_end, READ_BLOCK);
+        const ssize_t got = read(fileno(m_in.get()), m_bytes.data() + m_end, READ_BLOCK);
         if (got <= 0)
             return false;
         m_end += static_cast<std::size_t>(got);
@@ -121,7 +126,7 @@ private:
             m_saved -= std::min(m_saved, count);
     }
 
-    kestrel::UniqueFd m_in;
+    kestrel::RegularFile m_in;
     kestrel::UniqueFd m_out;
     int m_pid;
     gop_rebase m_stage; // only its mangle is used
@@ -173,7 +178,8 @@ int gop_rebase::testHarness(int argc, char** argv) {
     kestrel::RebasePlan plan;
     if (argc > 3) {
         const long mode = std::strtol(argv[3], nullptr, 10);
-        plan.mode = mode < 0 || mode > subtract_offset ? rebase_to_zero : static_cast<int>(mode);
+        // A negative one stays, and changes nothing.
+        plan.mode = mode > subtract_offset ? rebase_to_zero : static_cast<int>(std::max(mode, -1L));
     }
     int h = 0;
     int m = 0;

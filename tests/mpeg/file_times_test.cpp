@@ -3,6 +3,8 @@
 #include "mpeg/MpegWrapper.h"
 #include "query_files.h"
 
+#include <limits>
+
 using testing::HasSubstr;
 
 namespace {
@@ -50,6 +52,79 @@ TEST_F(DtsBounds, TheVideoPidIsTheFirstMpegEntryAndNeverH264) {
     maker.tables({{0x1B, VIDEO}});
     picture(7200, 3600);
     EXPECT_EQ(bounds(write()), Bounds(-1, -1));
+}
+
+TEST_F(DtsBounds, Mpeg1VideoCounts) {
+    maker.tables({{0x01, VIDEO}});
+    picture(7200, 3600);
+    EXPECT_EQ(bounds(write()), Bounds(3600, 3600));
+}
+
+TEST_F(DtsBounds, TheFirstPatThatNamesAMapDecides) {
+    constexpr int OTHER_MAP = 0x1001;
+    maker.tables({{0x0F, 0x300}}); // no video
+    maker.tables({{0x02, 0x300}}, OTHER_MAP);
+    maker.map({{0x02, VIDEO}});
+    picture(7200, 3600);
+    EXPECT_EQ(bounds(write()), Bounds(3600, 3600));
+}
+
+TEST_F(DtsBounds, TheForbiddenFlagsAreNoTime) {
+    maker.tables({{0x02, VIDEO}});
+    Bytes header = pesHeader(9000, 1800);
+    header[7] = 0x40; // a DTS without a PTS
+    maker.pes(VIDEO, header, filler(20));
+    picture(7200, 3600);
+    maker.pes(VIDEO, header, filler(20));
+    EXPECT_EQ(bounds(write()), Bounds(3600, 3600));
+}
+
+TEST_F(DtsBounds, AllBitsOfATimeCount) {
+    constexpr std::int64_t LATEST = 0x1FFFFFFFF;
+    maker.tables({{0x02, VIDEO}});
+    picture(LATEST, LATEST);
+    EXPECT_EQ(bounds(write()), Bounds(LATEST, LATEST));
+}
+
+TEST_F(DtsBounds, AHeaderThatDoesNotLieInItsPacketIsPassedOver) {
+    const Bytes header = pesHeader(1800, 1800);
+    for (std::size_t cut = 0; cut <= header.size(); ++cut) {
+        maker = TsMaker();
+        maker.tables({{0x02, VIDEO}});
+        maker.pes(VIDEO, header, filler(20), cut);
+        picture(7200, 3600);
+        maker.pes(VIDEO, header, filler(20), cut);
+        const std::int64_t expected = cut < header.size() ? 3600 : 1800;
+        EXPECT_EQ(bounds(write()), Bounds(expected, expected)) << cut;
+    }
+}
+
+TEST_F(DtsBounds, TheLengthThatIsGivenMayBeAnything) {
+    maker.tables({{0x02, VIDEO}});
+    picture(7200, 3600);
+    picture(9000, 7200);
+    const std::string path = write();
+    const File file(std::fopen(path.c_str(), "rb"));
+    const auto size = static_cast<long>(maker.bytes.size());
+    const auto last = [&](long length) { return GetDTSBounds::get_last_DTS(file.get(), VIDEO, length); };
+    EXPECT_EQ(last(size), PTS::from_ticks(7200));
+    EXPECT_EQ(last(size + 187), PTS::from_ticks(7200)) << "rounded down";
+    EXPECT_EQ(last(size - 2 * 188), PTS::from_ticks(3600)) << "without the last picture's two packets";
+    EXPECT_EQ(last(size - 188 - 1), PTS::from_ticks(3600)) << "rounded down";
+    for (const long length : {0L, 187L, -188L, -188'000L, std::numeric_limits<long>::min()})
+        EXPECT_EQ(last(length), -1) << length;
+    for (const long length : {size + 188, size + 188'000, std::numeric_limits<long>::max()})
+        EXPECT_EQ(last(length), -1) << "there is nothing at that end: " << length;
+}
+
+TEST_F(DtsBounds, TheStreamsOwnPositionStays) {
+    maker.tables({{0x02, VIDEO}});
+    picture(7200, 3600);
+    const std::string path = write();
+    const File file(std::fopen(path.c_str(), "rb"));
+    std::fseek(file.get(), 100, SEEK_SET);
+    GetDTSBounds::parse_file(file.get(), static_cast<long>(maker.bytes.size()));
+    EXPECT_EQ(std::ftell(file.get()), 100);
 }
 
 TEST_F(DtsBounds, TablesAreOnlyLookedAtBehindTheirPat) {
@@ -116,6 +191,7 @@ TEST_F(DtsBounds, HarnessComparesTicks) {
     EXPECT_THAT(log.str(), HasSubstr("First DTS = 3600, expected = 3601"));
     EXPECT_EQ(harness({"GetDTSBounds", path, "3600", "7201"}), 1);
     EXPECT_THAT(log.str(), HasSubstr("Last DTS = 7200, expected = 7201"));
+    EXPECT_EQ(harness({"GetDTSBounds", path, "3600", "7200", "1"}), 1) << "a word too many";
     EXPECT_EQ(harness({"GetDTSBounds", path, "3600"}), 1);
     EXPECT_THAT(
         log.str(),
@@ -153,6 +229,28 @@ TEST_F(Duration, IsTheDistanceOfTheBoundsInFrames) {
     EXPECT_EQ(duration(0, 1, 3), Result(0, "00:00:00:01")) << "a part of a frame is one";
     EXPECT_EQ(duration(0, 0, 3), Result(0, "00:00:00:00"));
     EXPECT_EQ(duration(0, 90'090 * 60LL, 4, true), Result(0, "00:01:00;02")) << "1800 frames at 29.97";
+}
+
+TEST_F(Duration, OfAMinuteAtEveryRate) {
+    // A part of a frame counts as one where a minute is no whole number of frames.
+    const char* const minutes[] = {"00:00:59:23", "00:01:00:00", "00:01:00:00", "00:00:59:29",
+                                   "00:01:00:00", "00:01:00:00", "00:00:59:57", "00:01:00:00"};
+    for (int rate = 1; rate <= 8; ++rate)
+        EXPECT_EQ(duration(0, 90'000 * 60, rate), Result(0, minutes[rate - 1])) << rate;
+}
+
+TEST_F(Duration, OfAFileWithoutMpegVideoIsNothing) {
+    maker.tables({{0x1B, VIDEO}});
+    picture(7200, 3600);
+    EXPECT_EQ(durationOf(write(), 3), Result(0, "00:00:00:00"));
+    EXPECT_EQ(durationOf(directory.file("empty.ts", ""), 3), Result(0, "00:00:00:00"));
+}
+
+TEST_F(Duration, WithoutAnyDtsIsAnError) {
+    maker.tables({{0x02, VIDEO}});
+    picture(3600);
+    picture(7200);
+    EXPECT_EQ(durationOf(write(), 3).first, 20046) << "there is a first time and no last";
 }
 
 TEST_F(Duration, ThatRunsBackwardsIsAnError) {

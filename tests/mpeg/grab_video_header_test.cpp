@@ -102,6 +102,75 @@ TEST_F(GrabVideo, AProgressiveSequenceRepeatsWholeFrames) {
     EXPECT_EQ(counted(false, true), 2 + 1);
 }
 
+TEST_F(GrabVideo, BeginsWithAPesAndTakesTheNextTwoPackets) {
+    maker.packet(VIDEO, false, gopHeader(0, 0, 0, 0) + filler(100)); // in the middle of something
+    maker.packet(VIDEO, true, pesHeader(1) + gopHeader(0, 0, 0, 1));
+    maker.packet(0x300, true, gopHeader(0, 0, 0, 0));
+    maker.packet(VIDEO, true, pesHeader(2) + filler(30)); // whatever they begin
+    feed();
+    EXPECT_EQ(grabber.gop_count(), 0) << "three packets are looked into together";
+    Bytes empty{0x47, VIDEO >> 8, VIDEO & 0xFF, 0x20, 183};
+    empty.resize(188, 0xFF);
+    maker.bytes = empty; // no payload
+    feed();
+    EXPECT_EQ(grabber.gop_count(), 0);
+    maker.packet(VIDEO, false, filler(100));
+    feed();
+    EXPECT_EQ(grabber.gop_count(), 1);
+    ASSERT_NE(grabber.gop_header(), nullptr);
+    EXPECT_EQ(grabber.gop_header()[7] >> 7, 1) << "that of frame 1";
+    EXPECT_EQ(grabber.pts(), PTS::from_ticks(2)) << "of the last PES header among them";
+}
+
+TEST_F(GrabVideo, OnlyVideoStreamIdsGiveATime) {
+    const auto time = [](int streamId, std::int64_t pts) {
+        grab_video_header fresh(VIDEO, 0);
+        TsMaker stream;
+        stream.pes(VIDEO, pesHeader(pts, -1, streamId), filler(500));
+        for (std::size_t at = 0; at + 188 <= stream.bytes.size(); at += 188)
+            fresh.process(stream.bytes.data() + at, 0);
+        return fresh.pts();
+    };
+    EXPECT_EQ(time(0xE0, 3600), PTS::from_ticks(3600));
+    EXPECT_EQ(time(0xEF, 3600), PTS::from_ticks(3600));
+    EXPECT_EQ(time(0xDF, 3600), -1);
+    EXPECT_EQ(time(0xF0, 3600), -1);
+    EXPECT_EQ(time(0xE0, -1), -1);
+}
+
+TEST_F(GrabVideo, OnlyASequenceExtensionInFrontTellsWhatIsRepeated) {
+    feedPes(sequenceExtension(0x48, true) + gopHeader(0, 0, 0, 0) + pictureHeader());
+    EXPECT_EQ(grabber.field_counter(), 2);
+    // That of another PES does not count, nor one behind the picture.
+    feedPes(pictureHeader() + pictureCodingExtension(3, true, true));
+    EXPECT_EQ(grabber.field_counter(), 2 + 2 + 1);
+    feedPes(pictureHeader() + pictureCodingExtension(3, true, true) + sequenceExtension(0x48, true));
+    EXPECT_EQ(grabber.field_counter(), 5 + 2 + 1);
+    feedPes(pictureHeader() + pictureCodingExtension(2, false, false));
+    EXPECT_EQ(grabber.field_counter(), 8 + 2 - 1) << "a bottom field";
+}
+
+TEST_F(GrabVideo, CutStreamsStayInside) {
+    const Bytes whole = pesHeader(3600) + sequenceHeader(720, 576, 3) + sequenceExtension(0x48) +
+                        gopHeader(1, 2, 3, 4) + pictureHeader() + pictureCodingExtension(3, true, true);
+    for (std::size_t length = 0; length <= whole.size(); ++length) {
+        grab_video_header fresh(VIDEO, 0);
+        TsMaker stream;
+        // Two packets without a byte of payload, so that the cut is the end.
+        stream.packet(VIDEO, true, Bytes(whole.begin(), whole.begin() + static_cast<long>(length)));
+        stream.packet(VIDEO, false, {}).packet(VIDEO, false, {});
+        for (std::size_t at = 0; at + 188 <= stream.bytes.size(); at += 188) {
+            const auto packet = std::make_unique<unsigned char[]>(188);
+            std::copy_n(stream.bytes.data() + at, 188, packet.get());
+            fresh.process(packet.get(), 0);
+        }
+        if (fresh.sequence_header() != nullptr) {
+            EXPECT_EQ(fresh.sequence_header()[7] & 0xF, 3) << length;
+        }
+        EXPECT_LE(fresh.gop_count(), 1);
+    }
+}
+
 TEST_F(GrabVideo, HostilePacketsStayInside) {
     std::mt19937 random(13818);
     for (int round = 0; round < 20'000; ++round) {

@@ -134,52 +134,6 @@ TEST_P(EveryStream, HasItsParameterSet) {
                 probe.frameRate(), 1e-6);
 }
 
-// Moves bits to timing_info_present_flag (ITU-T H.264, 7.3.2.1.1 and E.1.1) of a main profile parameter set.
-void skipToTimingFlag(VBDecode& bits) {
-    bits.ulong(24);
-    for (int i = 0; i < 5; ++i) // id, frame_num, POC type and width, reference frames
-        bits.uExpGolomb();
-    bits.bit();
-    bits.uExpGolomb();
-    bits.uExpGolomb();
-    ASSERT_EQ(bits.bit(), 1) << "frames only";
-    bits.bit();
-    ASSERT_EQ(bits.bit(), 0) << "no cropping";
-    ASSERT_EQ(bits.bit(), 1) << "VUI";
-    if (bits.bit() != 0 && bits.uint(8) == 255)
-        bits.ulong(32);
-    if (bits.bit() != 0)
-        bits.bit();
-    if (bits.bit() != 0) {
-        bits.uint(4);
-        if (bits.bit() != 0)
-            bits.uint(24);
-    }
-    if (bits.bit() != 0) {
-        bits.uExpGolomb();
-        bits.uExpGolomb();
-    }
-}
-
-TEST(H264WithoutTiming, IsTakenForTwentyNinePointNineSeven) {
-    // No encoder here leaves the timing out, so its flag is cleared in every parameter set.
-    std::vector<unsigned char> bytes = readFile(streamFile("h264_main"));
-    int sets = 0;
-    for (std::size_t i = 0; i + 40 < bytes.size(); ++i)
-        if (bytes[i] == 0 && bytes[i + 1] == 0 && bytes[i + 2] == 1 && (bytes[i + 3] & 0x1F) == 7) {
-            array_byte_sequence set(bytes.data() + i + 4, 36);
-            VBDecodePlus bits(set, 0);
-            skipToTimingFlag(bits);
-            ASSERT_EQ(bits.bit(bits.position()), 1);
-            bits.set_uint(bits.position(), 1, 0);
-            ++sets;
-        }
-    ASSERT_GT(sets, 1);
-    const ScratchDir directory;
-    const std::string path = directory.file("untimed.ts", std::string(bytes.begin(), bytes.end()));
-    EXPECT_NEAR(MpegWrapper::GetFrameRateFromFile(path.c_str()), 30000.0 / 1001, 1e-3);
-}
-
 INSTANTIATE_TEST_SUITE_P(Fixtures, EveryStream,
                          testing::ValuesIn(streamFixtures().begin(), streamFixtures().end()),
                          [](const auto& each) { return std::string(each.param.name); });
