@@ -2,7 +2,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <memory>
 #include <sstream>
 #include <stdexcept>
 
@@ -10,9 +9,27 @@ namespace kestrel::test {
 
 namespace {
 
-struct ClosePipe {
-    void operator()(FILE* pipe) const { pclose(pipe); }
-};
+// Runs a shell's command to its end; what it prints, line by line without empty ones.
+std::vector<std::string> linesOf(const std::string& command) {
+    FILE* const pipe = popen(command.c_str(), "r");
+    if (pipe == nullptr)
+        throw std::runtime_error("cannot run " + command);
+    std::vector<std::string> lines;
+    std::string line;
+    for (int c = std::fgetc(pipe); c != EOF; c = std::fgetc(pipe)) {
+        if (c == '\n') {
+            if (!line.empty())
+                lines.push_back(line);
+            line.clear();
+        } else {
+            line += static_cast<char>(c);
+        }
+    }
+    // An answer that was cut short is none.
+    if (pclose(pipe) != 0)
+        throw std::runtime_error("failed: " + command);
+    return lines;
+}
 
 std::vector<std::string> fieldsOf(const std::string& line) {
     std::vector<std::string> fields;
@@ -29,22 +46,7 @@ std::int64_t timeOf(const std::string& text) {
 } // namespace
 
 std::vector<std::string> Ffprobe::run(const std::string& options) const {
-    const std::string command = "ffprobe -v error " + options + " " + m_path;
-    const std::unique_ptr<FILE, ClosePipe> pipe(popen(command.c_str(), "r"));
-    if (pipe == nullptr)
-        throw std::runtime_error("cannot run " + command);
-    std::vector<std::string> lines;
-    std::string line;
-    for (int c = std::fgetc(pipe.get()); c != EOF; c = std::fgetc(pipe.get())) {
-        if (c == '\n') {
-            if (!line.empty())
-                lines.push_back(line);
-            line.clear();
-        } else {
-            line += static_cast<char>(c);
-        }
-    }
-    return lines;
+    return linesOf("ffprobe -v error " + options + " '" + m_path + "'");
 }
 
 std::string Ffprobe::stream(const std::string& which, const std::string& entry) const {
@@ -80,6 +82,31 @@ std::vector<ProbedPacket> Ffprobe::packets(const std::string& which) const {
                            fields[3].find('K') != std::string::npos});
     }
     return packets;
+}
+
+double Ffprobe::duration(const std::string& which) const {
+    return std::stod(stream(which, "duration"));
+}
+
+std::string Ffprobe::firstTimecode() const {
+    const auto lines = run("-select_streams v:0 -read_intervals %+#2 -show_entries frame_side_data=timecode "
+                           "-of default=nw=1:nk=1");
+    return lines.empty() ? "" : lines.front();
+}
+
+CodedHeaders Ffprobe::codedHeaders() const {
+    // "[trace_headers @ 0x...] 33          closed_gop             1 = 1"
+    CodedHeaders headers;
+    for (const std::string& line : linesOf("ffmpeg -v info -nostats -nostdin -i '" + m_path +
+                                           "' -map 0:v:0 -c copy -bsf:v trace_headers -f null - 2>&1")) {
+        std::istringstream in(line);
+        std::string tag, at, address, position, name, bits, equals;
+        long value = 0;
+        if (in >> tag >> at >> address >> position >> name >> bits >> equals >> value &&
+            tag == "[trace_headers")
+            headers[name].push_back(value);
+    }
+    return headers;
 }
 
 std::string Ffprobe::pictureTypes() const {

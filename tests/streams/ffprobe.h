@@ -16,6 +16,9 @@ struct ProbedPacket {
     bool key = false;
 };
 
+// Every value of each syntax element of the headers, e.g. of "closed_gop", in file order.
+using CodedHeaders = std::map<std::string, std::vector<long>>;
+
 class Ffprobe {
 public:
     explicit Ffprobe(std::string path) : m_path(std::move(path)) {}
@@ -27,11 +30,18 @@ public:
     // Of a stream, from its "id" (0x...).
     [[nodiscard]] int pid(const std::string& which) const;
     [[nodiscard]] int streams(const std::string& type) const; // "v", "a"
+    // Of a stream, in seconds.
+    [[nodiscard]] double duration(const std::string& which) const;
+    // Of the first MPEG-2 GOP header, "hh:mm:ss:ff", ";" before the frames when drop-frame; empty without.
+    [[nodiscard]] std::string firstTimecode() const;
+    // What stands in the video's headers. (It is ffmpeg that tells.)
+    [[nodiscard]] CodedHeaders codedHeaders() const;
     [[nodiscard]] std::vector<ProbedPacket> packets(const std::string& which) const;
     // Picture types in display order, e.g. "IBBPBB".
     [[nodiscard]] std::string pictureTypes() const;
 
-    // Runs ffprobe with these options on the file; its output, line by line.
+    // Runs ffprobe with these options on the file; its output, line by line. Throws std::runtime_error when
+    // it fails, as every other question then does.
     [[nodiscard]] std::vector<std::string> run(const std::string& options) const;
 
 private:

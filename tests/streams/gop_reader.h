@@ -17,10 +17,15 @@ struct GopHeader {
 
     // "hh:mm:ss:ff", ";" before the frames when drop.
     [[nodiscard]] std::string text() const;
+    // Which packet of the file the header's first of these bytes is in.
+    [[nodiscard]] std::size_t packet() const { return positions[0] / 188; }
 };
 
-// All GOP headers of the PID, in order.
+// All GOP headers of the PID, in order, wherever in a PES packet they stand and however many packets share
+// one.
 std::vector<GopHeader> readGops(const std::string& path, int pid);
+// The same of a file in memory.
+std::vector<GopHeader> gopsOf(const std::vector<unsigned char>& file, int pid);
 
 std::vector<unsigned char> readFile(const std::string& path);
 

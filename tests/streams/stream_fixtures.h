@@ -9,6 +9,18 @@
 
 namespace kestrel::test {
 
+// How the pictures of a stream are coded.
+struct Coding {
+    const char* profile; // in ffprobe's words
+    int level;           // as it is coded
+    int gop;             // pictures from one I picture to the next
+    int bPictures;       // between two others, 0 or 2
+    bool fields = false; // interlaced, top field first
+    // MPEG-2 only.
+    const char* timecode = ""; // of the first GOP: "10:00:00:00", "10:00:00;02" when drop-frame
+    bool closed = false;       // all GOPs; the first one always is
+};
+
 // One stream, and what it shows.
 struct StreamFixture {
     const char* name;
@@ -20,6 +32,11 @@ struct StreamFixture {
     const char* frameRate; // "30000/1001"
     int rateCode;          // MPEG-2 frame_rate_code
     int audios;
+    // And what it, or a reading of the headers, must show.
+    Coding coding;
+    const char* sound = "ac3/2"; // codec and channels of each audio, a blank between two
+    int pmtPid = 0x1000;
+    int videoPid = 0x100; // the audios follow, one PID each
 };
 
 // Shown in the names of tests.
@@ -27,7 +44,11 @@ void PrintTo(const StreamFixture& fixture, std::ostream* out);
 
 std::span<const StreamFixture> streamFixtures();
 
-// The path of the fixture's file, made if need be. Several processes may ask at once. Throws
+// H.264 whose sequence parameter sets say nothing of the frame rate: their timing_info_present_flag is 0. A
+// table of their own, since what is asked of a frame rate has another answer on them.
+std::span<const StreamFixture> untimedStreamFixtures();
+
+// The path of the fixture's file, of either table, made if need be. Several processes may ask at once. Throws
 // std::runtime_error when there is no such fixture or ffmpeg fails.
 std::string streamFile(std::string_view name);
 
