@@ -86,6 +86,8 @@ void restoreSignals() noexcept {
 
 [[noreturn]] void becomeProgram(const char* file, char* const* argv) noexcept {
     restoreSignals();
+    // Ctrl-C at the terminal of a service run by hand ends the service, not the recordings under it.
+    ::setpgid(0, 0);
     closePrivateDescriptors();
     ::execvp(file, argv);
     while (true)

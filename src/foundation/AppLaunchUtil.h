@@ -51,9 +51,10 @@ private:
 class AppLaunchUtil {
 public:
     // Starts file, searched on the path, with the null-terminated argv. The child has default signal
-    // dispositions, an empty signal mask and only descriptors 0 to 2. Returns its process id with err 0; a
-    // program that cannot be executed, a null or empty file among them, is a child that exits with 255. A
-    // null argv is file alone. Returns -1 with errno in err when no child could be made.
+    // dispositions, an empty signal mask, only descriptors 0 to 2 and a process group of its own. Returns its
+    // process id with err 0; a program that cannot be executed, a null or empty file among them, is a child
+    // that exits with 255. A null argv is file alone. Returns -1 with errno in err when no child could be
+    // made.
     static int runCmd(const char* file, char** argv, int& err) noexcept;
 
     // The same with an owned argument vector, whose first argument is the program.

@@ -216,6 +216,10 @@ TEST(RunCmd, ChildHasDefaultSignalsAndAnEmptyMask) {
     EXPECT_EQ(sigismember(&maskAfter, SIGINT), 0);
 }
 
+TEST(RunCmd, ChildHasAProcessGroupOfItsOwnSoThatCtrlCIsNotForIt) {
+    expectExit(runScript("read -r pid comm state parent group rest < /proc/self/stat; [ $group = $$ ]"), 0);
+}
+
 volatile std::sig_atomic_t handled = 0;
 
 TEST(RunCmd, ParentsHandlersStillRunInTheParent) {
