@@ -28,6 +28,7 @@ class CSocketHelper : public ISocketHelper {
 public:
     // Largest request in bytes; what a client sends beyond it is cut.
     static constexpr int MAX_REQUEST = 2000;
+    // Size of the buffer for an answer, in bytes.
     static constexpr int RESPONSE_SIZE = 2000;
 
     // Takes ownership of the socket and of the processor.
@@ -39,6 +40,7 @@ public:
     // What one receive returns is one request. Returns after the first answer that was sent, or when the
     // peer closes.
     void readFromSocket() override;
+    // With one send; a short one is not repeated. False, with a logged error, when it failed.
     bool sendToSocket(char* text) override;
 
     // Ends the reading from another thread: a waiting receive returns at once. An answer in the making is

@@ -22,6 +22,7 @@ public:
     // Ends the instance.
     static void destroyInstance();
 
+    // With that many slots, none below 0, and no listener yet.
     explicit CSocketManager(int handles, int backlog = 1);
     // Shuts live connections down, joins their threads and closes the listener.
     ~CSocketManager();
@@ -42,6 +43,7 @@ public:
     bool createSocketHelper(int& slot, int socket);
     // Entry of a connection thread; arg is an owned SocketHandle.
     static void* openSocketHelperHandle(void* arg);
+    // The last call of a connection thread: frees its slot.
     void closeSocketHelperHandle(void* helper);
     // Frees the slot of that connection thread; false when it has none.
     bool destroySocketHelper(pthread_t thread);
@@ -49,6 +51,7 @@ public:
     // A hook that establish calls first; always 0.
     static int startupWSDll();
 
+    // The instance and its guard.
     static CSocketManager* m_Instance;
     static Mutex m_pInternalData;
 

@@ -29,7 +29,7 @@ extern char KESTREL_LOG_PARENT_DIR[260];
 
 class CManagerLib {
 public:
-    // The profile.
+    // The profile: every text is cut at its field and terminated; numbers are as the profile has them.
     struct KestrelManagerSettings {
         std::int32_t portNumber;
         std::int32_t numSimultaneousHandles;
@@ -57,12 +57,18 @@ public:
     // read, 10041 when it has no root element. Works without a manager.
     static int GetSettings(KestrelManagerSettings& settings, bool loadLogging, const char* defaultLogFile,
                            BaseLogger::_LogLevel defaultLevel);
+    // Reads the profile into this manager's record and sets up logging. A profile that cannot be read leaves
+    // the defaults, with an error in the default log file.
     void loadSettings();
 
-    // Starts the service and returns: 0, or an error.
+    // Starts the service and returns: 0, 10036 when the deck-control process cannot be started, -1 when a
+    // thread or the port cannot be had.
     int startWork();
+    // The same.
     int runCmdLine();
+    // The same for who does not want the result.
     void run();
+    // The same on the instance; -1 when there is none, else 0.
     static int Run();
     // Starts the service and returns when it has ended: 1 after a signal, else Shutdown's or the start's
     // result; -1 when it could not start.
@@ -72,6 +78,7 @@ public:
     // Ends the service and destroys the instance; -1 when there is none. Of several calls at once one does
     // the work, and all return its result when it is done.
     static int Shutdown();
+    // Ends threads, socket server and deck control in that order, and signals that it is done. Always 0.
     int shutdown();
     // Makes RunCmdLine end the service.
     void setShutdownEvent();
@@ -81,16 +88,26 @@ public:
 
     // The job commands. Each returns 0, or an error code whose text is in the request's errorText (or in
     // out, size bytes, cut and terminated).
+    //
+    // Checks the request's fields and, with add, queues the job and starts its worker. 10004 for a type that
+    // is no capture, the field's error, 10028, 10035 or 10036.
     int AddCaptureJob(CaptureRequest* request, bool add);
+    // The same without add.
     int ValidateCaptureJob(CaptureRequest* request);
+    // Verifies a file: a single property, or one that is to be waited for, at once, with the answer in the
+    // request's responseText; else as a queued job.
     int AddVerifierJob(VerifierRequest* request);
+    // Cancels a job; a running worker is told. 10002 for an unknown GUID, 10029, 10033.
     int StopJob(const char* guid, char* out, int size);
+    // The name of the job's state. 10002 for an unknown GUID.
     int GetJobStatus(const char* guid, char* out, int size);
+    // What the job says about itself. 10002 for an unknown GUID.
     int GetJobResults(const char* guid, char* out, int size);
+    // The path of a capture job's log. 10002 for any other GUID.
     int GetCaptureLogFilename(const char* guid, char* out, int size);
-    // The tail of a capture job's log in one line.
+    // The tail of a capture job's log in one line. 10002, 10042 (empty), 10043 (not opened), 10044 (no seek).
     int GetCaptureLastLogEntries(const char* guid, char* out, int size);
-    // Sends one message on the named queue, which is opened and closed for it.
+    // Sends one message on the named queue, which is opened and closed for it. 0, 10029, 10030 or 10031.
     int SendQueueMessage(char* queueName, AppMsgType type, void* data, int size);
 
     // Body of the incoming-message thread: the socket server's accept loop.
@@ -110,15 +127,17 @@ public:
     // time. 0, the deck's error code, or 20063; the text is in the record.
     static int sendVTRCmdRequestBlocking(_VTRCmdData* record);
 
+    // The profile as it was read.
     [[nodiscard]] const KestrelManagerSettings& settings() const noexcept { return m_settings; }
+    // All jobs.
     [[nodiscard]] JobQueue& jobQueue() noexcept { return m_jobQueue; }
 
     static CManagerLib* m_instance;
-    static Mutex m_mutex; // guards the instance's creation and destruction
-    static Mutex m_vtrMsgMutex;
+    static Mutex m_mutex;                 // guards the instance's creation and destruction
+    static Mutex m_vtrMsgMutex;           // held while a client's deck request waits for its answer
     static sem_t* m_hVtrMsgEvent;         // an answer has come
     static _VTRCmdData* m_vtrCmdResponse; // the request that waits, null: none; under m_vtrResponseMutex
-    static char m_kestrelMgrSettingsFname[260];
+    static char m_kestrelMgrSettingsFname[260]; // path of the profile; empty while there is no manager
 
 private:
     CManagerLib();

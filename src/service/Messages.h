@@ -6,6 +6,7 @@
 // One request: checked by its constructor, carried out by process. Lives for one line.
 class Message {
 public:
+    // What kind of request it is.
     enum MessageType : std::int32_t {
         SERVICE_PING = 0,
         SERVICE_STOP = 1,
@@ -29,6 +30,7 @@ public:
         JOB_LOGFILENAME = 5,
         JOB_LAST_LOG_ENTRIES = 6,
     };
+    // The words of the command types.
     static const char* const RequestTypeStr[7];
 
     // Size of the answers that the manager writes into responseText.
@@ -47,14 +49,16 @@ public:
     // Index of the exact word in RequestTypeStr, or -1.
     static int getRequestType(const char* word);
 
+    // Keeps a copy of text as the GUID, in place of the one before.
     void setGuidStr(const char* text);
 
     MessageType messageType;
     char errorText[300] = {}; // empty: valid
     char responseText[2008] = {};
-    char* guid = nullptr; // owned; null when not given
-    std::int32_t requestType = -1;
+    char* guid = nullptr;          // owned; null when not given
+    std::int32_t requestType = -1; // RequestType; -1: none, or a word that is none
 
+    // Valid, without texts.
     explicit Message(MessageType type);
     Message(const Message&) = delete;
     Message& operator=(const Message&) = delete;

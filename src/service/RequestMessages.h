@@ -29,8 +29,8 @@ public:
     CaptureRequest(char args[][300], int count);
     bool process() override;
 
-    std::vector<InputField> inputFields;
-    std::int32_t captureJobType; // index into Job::JobTypeStr; 10 (NONE) when none was given
+    std::vector<InputField> inputFields; // of arguments 4 and on, in their order
+    std::int32_t captureJobType;         // index into Job::JobTypeStr; 10 (NONE) when none was given
 
 private:
     void takeJob(char args[][300], int count);
@@ -44,10 +44,10 @@ public:
     bool process() override;
 
     char fileName[260] = {};
-    char propertyName[300] = {};
-    char optionText[300] = {};
-    bool blocking = false;
-    bool xmlOutput = false;
+    char propertyName[300] = {}; // "ALL" when none was given
+    char optionText[300] = {};   // rules to switch off, separated by ";"
+    bool blocking = false;       // the answer waits for the worker's end
+    bool xmlOutput = false;      // the answer is the report's path; blocking too
 };
 
 // "JOB_STATUS": 1 GUID
@@ -71,7 +71,7 @@ public:
     bool process() override;
 
     std::int32_t number = 0; // argument 2 of "VTR_CMD"; stored and not used further
-    _VTRCmdData command{};
+    _VTRCmdData command{};   // as it goes to the deck and comes back
 };
 
 // "VTR_CMD": 1 serial port, 2 number, 3 command word, 4 shuttle speed, 5 timecode
