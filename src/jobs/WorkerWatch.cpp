@@ -168,6 +168,7 @@ void reapInBackground(pid_t pid) {
         }
         return nullptr;
     };
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): a number travels as the thread's argument.
     if (createPosixThread(&thread, reap, reinterpret_cast<void*>(static_cast<std::intptr_t>(pid))) == 0)
         pthread_detach(thread);
     else

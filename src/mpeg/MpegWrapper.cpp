@@ -109,6 +109,7 @@ int MpegWrapper::GetMpeg2FirstGopTimeCode(const char* file) {
     return GetVideoPid(file) == -1 ? -20 : 0;
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the signature that callers know.
 int MpegWrapper::rebaseFile(const char* in, const char* out, int mode, mpeg_timecode offset) {
     const int video_pid = kestrel::find_video_pid(in, PID_SEARCH_BYTES);
     if (video_pid < 0)

@@ -21,6 +21,7 @@ constexpr int SEQUENCE_BYTES = 5;
 gop_rebase::gop_rebase(int pid, packet_mangler* next, int level, int mode)
     : gop_rebase(pid, next, mode, mpeg_timecode(), level) {}
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the signature that callers know.
 gop_rebase::gop_rebase(int pid, packet_mangler* next, int mode, mpeg_timecode offset, int level)
     : pipeline_mangler(next, level), m_pid(pid), m_mode(mode), m_offset(offset) {}
 

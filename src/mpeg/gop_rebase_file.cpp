@@ -186,6 +186,7 @@ int gop_rebase::testHarness(int argc, char** argv) {
     int s = 0;
     int f = 0;
     if (argc > 4)
+        // NOLINTNEXTLINE(cert-err34-c): what is no number stays 0.
         std::sscanf(argv[4], "%d:%d:%d:%d", &h, &m, &s, &f);
     plan.offset = mpeg_timecode(h, m, s, f, false, 5);
     return kestrel::rebase_packets(argv[1], argv[2], HARNESS_PID, plan, true);

@@ -96,6 +96,7 @@ mpeg_timecode::mpeg_timecode(const mpeg_timecode& other) noexcept
     : hours(other.hours), minutes(other.minutes), seconds(other.seconds), frames(other.frames),
       dropFrame(other.dropFrame), frameRateCode(other.frameRateCode) {}
 
+// NOLINTNEXTLINE(bugprone-unhandled-self-assignment): numbers only.
 mpeg_timecode& mpeg_timecode::operator=(const mpeg_timecode& other) noexcept {
     hours = other.hours;
     minutes = other.minutes;
