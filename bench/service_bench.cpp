@@ -148,7 +148,8 @@ void lookup() {
 int main(int argc, char** argv) {
     isolateHostNames();
     const std::vector<std::pair<std::string, std::function<void()>>> all = {
-        {"idle", idle}, {"watch", watch}, {"requests", requests}, {"lookup", lookup}, {"jobs", jobs},
+        {"idle", idle},     {"watch", watch}, {"requests", requests},
+        {"lookup", lookup}, {"jobs", jobs},   {"ends", ends},
     };
     for (const auto& [name, run] : all) {
         bool wanted = argc < 2;

@@ -53,34 +53,36 @@ Job::Job(unsigned long newId, JobType type, JobState state) : jobType(type), job
     setQueueNames();
 }
 
-Job::Job(const Job& other) : jobType(other.jobType), equipment(other.equipment), id(other.id) {
-    setQueueNames();
+Job::Job(const Job& other) : jobType(other.jobType), equipment(other.equipment) {
     {
         MutexLock lock(other.m_statusMutex);
+        id = other.id;
         jobState = other.jobState;
         kestrel::copyText(results, kestrel::fieldText(other.results));
         kestrel::copyText(cmdLine, kestrel::fieldText(other.cmdLine));
         kestrel::copyText(logDir, kestrel::fieldText(other.logDir));
+        kestrel::copyText(guidStr, kestrel::fieldText(other.guidStr));
     }
-    storeGuid(other.guidStr);
+    setQueueNames();
+    getGuid(guidStr, guid);
 }
 
 Job& Job::operator=(const Job& other) {
     if (this == &other)
         return *this;
-    jobType = other.jobType;
-    setState(other.state());
-    setId(other.id);
-    equipment.insert(equipment.end(), other.equipment.begin(), other.equipment.end());
     // A copy first: the two locks are never held together.
     const Job source(other);
+    jobType = source.jobType;
+    setState(source.jobState);
+    setId(source.id);
+    equipment.insert(equipment.end(), source.equipment.begin(), source.equipment.end());
     setResults(source.results);
     {
         MutexLock lock(m_statusMutex);
         kestrel::copyText(cmdLine, source.cmdLine);
         kestrel::copyText(logDir, source.logDir);
     }
-    setGuid(other.guidStr);
+    setGuid(source.guidStr);
     return *this;
 }
 
@@ -106,6 +108,7 @@ void Job::setId(unsigned long newId) {
 }
 
 void Job::storeId(unsigned long newId) {
+    MutexLock lock(m_statusMutex);
     id = newId;
     setQueueNames();
 }
@@ -154,7 +157,9 @@ void Job::setGuid(const char* text) {
 }
 
 void Job::storeGuid(const char* text) {
+    // A copy first: the text may be the job's own.
     const std::string whole(text == nullptr ? "" : text);
+    MutexLock lock(m_statusMutex);
     getGuid(whole.c_str(), guid);
     kestrel::copyText(guidStr, std::string_view(whole).substr(0, GUID_TEXT));
 }

@@ -140,7 +140,8 @@ public:
     char guidStr[33] = {}; // first 32 characters of the client's text, and the terminator
 
 protected:
-    // Guards jobState, results, cmdLine and logDir (and a subclass's status) of a job that others can see.
+    // Guards jobState, results, cmdLine and logDir (and a subclass's status) of a job that others can see; id
+    // and GUID are written under it, so that a job can be copied at any time.
     mutable Mutex m_statusMutex;
 
 private:

@@ -12,7 +12,7 @@
 namespace kestrel {
 
 // Answers what a walk through the jobs in order of insertion would: the first that matches. It has a lock of
-// its own, which is never held while another is taken, so that lookups neither wait for the queue's lock nor
+// its own, under which only a job's own lock is taken, so that lookups neither wait for the queue's lock nor
 // take it. A job's changes of GUID and id through Job::setGuid and Job::setId are followed; a field that was
 // written without them is found by a walk.
 class JobIndex : private JobListener {

@@ -5,6 +5,7 @@
 #include "foundation/FixedText.h"
 #include "foundation/Logger.h"
 #include "foundation/PosixWrappers.h"
+#include "foundation/StringUtil.h"
 #include "jobs/JobQueues.h"
 #include "jobs/WatchRegistry.h"
 #include "jobs/WorkerWatch.h"
@@ -137,6 +138,10 @@ void* JobLauncher::doWork(void* threadData) {
     StartReport report(owned->pending.get());
 
     ArgumentVector arguments{std::string_view(owned->cmdLine)};
+    if (!arguments.complete())
+        LogUtil::Warning(category,
+                         "More than %zu words, or one of more than %zu characters, were cut from %s",
+                         maxArguments, argumentCapacity - 1, owned->cmdLine);
     int failure = 0;
     const int pid = AppLaunchUtil::runCmd(arguments, failure);
     if (pid < 1) {

@@ -3,6 +3,7 @@
 #include "foundation/ScratchDir.h"
 #include "foundation/UniqueFd.h"
 #include "foundation/WaitUntilAsleep.h"
+#include "foundation/WithoutFurtherProcesses.h"
 
 #include <atomic>
 #include <cerrno>
@@ -14,7 +15,6 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <string>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
@@ -140,41 +140,13 @@ TEST(RunCmd, ProgramWithoutArgumentVectorGetsItsNameAlone) {
     expectExit(statusOf(program.c_str(), nullptr), 42);
 }
 
-// Becomes a user who may have no further process. False where the system lets him have one all the same.
-bool forbidFurtherProcesses() {
-    constexpr uid_t nobody = 65534;
-    const rlimit none{0, 0};
-    if ((::getuid() == 0 && ::setuid(nobody) != 0) || ::setrlimit(RLIMIT_NPROC, &none) != 0)
-        return false;
-    const pid_t child = ::fork();
-    if (child == 0)
-        ::_exit(0);
-    if (child > 0)
-        ::waitpid(child, nullptr, 0);
-    return child < 0;
-}
-
-constexpr int cannotForbid = 77;
-
-// Runs body in a process that cannot make another, and returns the status of its end.
-template <typename Body>
-int statusWithoutFurtherProcesses(Body body) {
-    const pid_t pid = ::fork();
-    if (pid == 0)
-        ::_exit(forbidFurtherProcesses() ? body() : cannotForbid);
-    int status = -1;
-    EXPECT_EQ(::waitpid(pid, &status, 0), pid);
-    EXPECT_TRUE(WIFEXITED(status));
-    return WEXITSTATUS(status);
-}
-
 TEST(RunCmd, WithoutAChildTheResultIsMinusOneAndTheErrorIsStored) {
     const int status = statusWithoutFurtherProcesses([] {
         int err = 0;
         return AppLaunchUtil::runCmd("true", nullptr, err) == -1 ? err : 0;
     });
     if (status == cannotForbid)
-        GTEST_SKIP() << "this system does not limit the processes of a user";
+        GTEST_SKIP() << whyCannotForbid;
     EXPECT_EQ(status, EAGAIN);
 }
 
@@ -314,7 +286,7 @@ TEST(LaunchApplication, CommandThatCannotBeStartedIsLogged) {
         return log.text() == expected ? 0 : 3;
     });
     if (status == cannotForbid)
-        GTEST_SKIP() << "this system does not limit the processes of a user";
+        GTEST_SKIP() << whyCannotForbid;
     EXPECT_EQ(status, 0);
 }
 

@@ -1,6 +1,5 @@
-// The capture jobs as records: their kinds, their rules, their command line and the worker's reports.
+// The capture jobs as records: their kinds, their copies, their command line and the worker's reports.
 #include "jobs/CaptureJob.h"
-#include "mpeg/ts_maker.h"
 
 #include "capture_requests.h"
 
@@ -31,19 +30,6 @@ class CaptureJobTest : public ::testing::Test {
 protected:
     ~CaptureJobTest() override { ResourceMgr::Cleanup(); }
 
-    // A source file of that frame_rate_code; its path.
-    std::string source(const char* name, int rateCode) {
-        TsMaker stream;
-        stream.tables({{0x02, 0x100}});
-        for (int i = 0; i < 3; ++i)
-            stream.pes(0x100, pesHeader(1),
-                       sequenceHeader(720, 576, rateCode) + sequenceExtension(0x48) + gopHeader(0, 0, i, 0) +
-                           filler(500));
-        return stream.write(directory, name);
-    }
-
-    ScratchDir directory;
-
     JobLog log;
 };
 
@@ -72,6 +58,10 @@ _CaptureJobStatusData report(int index, std::uint32_t frames) {
     return status;
 }
 
+std::vector<int> fieldsOf(const mpeg_timecode& time) {
+    return {time.hours, time.minutes, time.seconds, time.frames, time.dropFrame, time.frameRateCode};
+}
+
 } // namespace
 
 TEST_F(CaptureJobTest, EachKindHasItsTypeAndInitialState) {
@@ -85,81 +75,6 @@ TEST_F(CaptureJobTest, EachKindHasItsTypeAndInitialState) {
     EXPECT_EQ(CaptureReencodeJob(7, Job::CAPTURE_MEZZANINE_JOB).jobType, Job::CAPTURE_MEZZANINE_JOB);
 }
 
-TEST_F(CaptureJobTest, ManualNeedsAnOutputFileThenAnEncoder) {
-    CaptureManualJob job(1);
-    EXPECT_EQ(setFields(job, {enc1}), 10012);
-    EXPECT_STREQ(job.results, "Error: Cannot add job - No output filename specified.");
-    EXPECT_THAT(log.text(),
-                HasSubstr("[JobMgmt:Error] Error: Cannot add job - No output filename specified."));
-    CaptureManualJob other(1);
-    EXPECT_EQ(setFields(other, {"Filename=/tmp/a.mpg"}), 10015);
-    EXPECT_STREQ(other.results, "Error: Cannot add job - No encoder specified.");
-    EXPECT_EQ(setFields(other, {enc1}), 0);
-}
-
-TEST_F(CaptureJobTest, AnEmptyOutputFileIsNone) {
-    CaptureManualJob job(1);
-    EXPECT_EQ(setFields(job, {"Filename=", enc1}), 10012);
-}
-
-TEST_F(CaptureJobTest, MoreEncodersThanTheSettingsHoldAreRefused) {
-    CaptureManualJob job(1);
-    EXPECT_EQ(setFields(job, {"Filename=/tmp/a", enc1, "EncoderIp1=10.1.2.4", "EncoderIp2=10.1.2.5"}), 10015);
-    EXPECT_STREQ(job.results, "Error: Cannot add job - 3 encoders specified, at most 2 are supported.");
-}
-
-TEST_F(CaptureJobTest, TimedDoesNotCheckItsDuration) {
-    CaptureTimedJob job(1);
-    EXPECT_EQ(setFields(job, {"Filename=/tmp/a", enc1}), 0);
-    EXPECT_EQ(setFields(job, {"Duration=nonsense"}), 0);
-    EXPECT_STREQ(job.duration, "nonsense");
-}
-
-TEST_F(CaptureJobTest, RollingNeedsAMinuteBeforeItLooksAtTheRest) {
-    CaptureRollingJob job(1);
-    EXPECT_EQ(setFields(job, {}), 20085);
-    EXPECT_STREQ(job.results, "Error: Invalid Rolling Capture duration 0.");
-    job.rollingDurationMin = -3;
-    EXPECT_EQ(job.validate(), 20085);
-    EXPECT_STREQ(job.results, "Error: Invalid Rolling Capture duration -3.");
-    job.rollingDurationMin = 1;
-    EXPECT_EQ(job.validate(), 10012);
-    EXPECT_EQ(setFields(job, {"Filename=/tmp/a", enc1}), 0);
-}
-
-TEST_F(CaptureJobTest, ScheduledNeedsAStartAndAnEndNotBeforeIt) {
-    struct Row {
-        std::vector<const char*> fields;
-        int code;
-    };
-    const Row rows[] = {
-        {{"EndTime=11/20/2026 10:00:00"}, 10011},
-        {{"StartTime=", "EndTime=11/20/2026 10:00:00"}, 10011},
-        {{"StartTime=11/20/2026 10:00", "EndTime=11/20/2026 10:00:00"}, 10011},
-        {{"StartTime=99999999999/20/2026 10:00:00", "EndTime=11/20/2026 10:00:00"}, 10011},
-        {{"StartTime=11/20/2026 10:00:00"}, 10010},
-        {{"StartTime=11/20/2026 10:00:00", "EndTime=11/20/2026 09:59:59"}, 10010},
-        {{"StartTime=11/20/2026 10:00:00", "EndTime=11/20/2026 10:00:00"}, 0},
-        {{"StartTime=11/20/2026 10:00:00", "EndTime=11/20/2026 10:00:01"}, 0},
-        {{"StartTime= 11/ 20/ 2026 10: 00: 00 ", "EndTime=11/21/2026 10:00:01"}, 0},
-    };
-    for (const Row& row : rows) {
-        CaptureScheduledJob job(1);
-        std::vector<InputField> fields = request({"Filename=/tmp/a", enc1});
-        for (const char* text : row.fields)
-            fields.emplace_back(text);
-        EXPECT_EQ(job.setFields(fields), row.code) << row.fields.front();
-    }
-}
-
-// The numbers are compared as they are stored, a month on: the day after January 31 is then an earlier one.
-TEST_F(CaptureJobTest, ScheduledDaysThatTheNextMonthLacksCountBeyondIt) {
-    CaptureScheduledJob job(1);
-    EXPECT_EQ(setFields(job, {"Filename=/tmp/a", enc1, "StartTime=01/31/2026 23:00:00",
-                              "EndTime=02/01/2026 01:00:00"}),
-              10010);
-}
-
 TEST_F(CaptureJobTest, ScheduledTimesAreStoredAsGiven) {
     CaptureScheduledJob job(1);
     EXPECT_EQ(
@@ -169,105 +84,6 @@ TEST_F(CaptureJobTest, ScheduledTimesAreStoredAsGiven) {
     EXPECT_EQ(job.startTime.m_tm.tm_year, 2026);
     EXPECT_EQ(job.scheduledDuration, CTimeSpanUtil());
     EXPECT_EQ(job.elapsedSeconds(), 51 * 60 + 51);
-}
-
-TEST_F(CaptureJobTest, VtrMarks) {
-    struct Row {
-        const char* in;
-        const char* out;
-        int code;
-    };
-    const Row rows[] = {
-        {"", "", 10023},
-        {"", "01:00:00:00", 10023}, // the third text is never filled
-        {"01:00:00:00", "", 10021},
-        {"01:00:00:00", "01:00:00:00", 10021},
-        {"01:00:00:01", "01:00:00:00", 10021},
-        {"01:00:00:00", "01:00:00:01", 0},
-        {"01:00:00:00", "01:00:00:59", 0},
-    };
-    for (const Row& row : rows) {
-        CaptureVTRJob job(1);
-        const std::string in = std::string("MarkInTime=") + row.in;
-        const std::string out = std::string("MarkOutTime=") + row.out;
-        EXPECT_EQ(setFields(job, {"Filename=/tmp/a", enc1, in.c_str(), out.c_str()}), row.code)
-            << row.in << " " << row.out;
-        EXPECT_EQ(job.vtr, nullptr);
-    }
-    CaptureVTRJob job(1);
-    EXPECT_EQ(setFields(job, {"MarkInTime=01:00:00:00", "MarkOutTime=02:00:00:00"}), 10012)
-        << "the base's rules come last";
-}
-
-TEST_F(CaptureJobTest, NormalizeNeedsASourceButNoEncoder) {
-    MpegNormalizeJob job(1);
-    EXPECT_EQ(setFields(job, {"Filename=/tmp/out.mpg"}), 10013);
-    EXPECT_STREQ(job.results, "Error: Cannot add job - No source filename specified.");
-    EXPECT_EQ(setFields(job, {"SrcFilename=/tmp/in.mpg"}), 0);
-    EXPECT_STREQ(job.sourceFile, "/tmp/in.mpg");
-    MpegNormalizeJob noOutput(1);
-    EXPECT_EQ(setFields(noOutput, {"SrcFilename=/tmp/in.mpg"}), 10012);
-}
-
-TEST_F(CaptureJobTest, ReencodeNeedsASourceThenADecoder) {
-    CaptureReencodeJob job(1);
-    EXPECT_EQ(setFields(job, {"Filename=/tmp/out.mpg", enc1}), 10013);
-    EXPECT_EQ(setFields(job, {"SrcFilename=/tmp/in.mpg"}), 10016);
-    EXPECT_STREQ(job.results, "Error: Cannot add job - No decoder specified.");
-    EXPECT_EQ(setFields(job, {"DecoderProfile=p"}), 10016) << "options alone name no decoder";
-    EXPECT_EQ(setFields(job, {"DecoderIp=10.9.9.9"}), 0);
-    CaptureReencodeJob bare(1);
-    EXPECT_EQ(setFields(bare, {"SrcFilename=/tmp/in.mpg", "DecoderIp=10.9.9.9"}), 10012);
-}
-
-TEST_F(CaptureJobTest, MezzanineNeedsBothMarks) {
-    for (const char* mark : {"MarkInTime=01:00:00:00", "MarkOutTime=01:00:00:00"}) {
-        CaptureReencodeJob job(1, Job::CAPTURE_MEZZANINE_JOB);
-        EXPECT_EQ(
-            setFields(job, {"Filename=/tmp/out", enc1, "SrcFilename=/tmp/in", "DecoderIp=10.9.9.9", mark}),
-            10023);
-        EXPECT_STREQ(job.results, "Error: Must specify Mark In Time and Mark Out Time.");
-    }
-    CaptureReencodeJob plain(1);
-    EXPECT_EQ(setFields(plain, {"Filename=/tmp/out", enc1, "SrcFilename=/tmp/in", "DecoderIp=10.9.9.9"}), 0);
-}
-
-TEST_F(CaptureJobTest, MezzanineMarksFollowTheRateOfTheSource) {
-    const std::string pal = source("pal", 3);
-    const std::string ntsc = source("ntsc", 4);
-    const std::string unknown = directory.path("missing");
-    struct Row {
-        const std::string& source;
-        const char* in;
-        const char* out;
-        int code;
-        const char* text;
-    };
-    const Row rows[] = {
-        {pal, "01:00:00:00", "01:00:00:01", 0, ""},
-        {pal, "01:00:00:00", "01:00:00:00", 10021, "Error: Mark out time must be greater than Mark in time."},
-        {pal, "01:00:00:00", "01:00:59:25", 10022,
-         "Error: Invalid timecode parameter 01:00:59:25 for frame rate 25.000000."},
-        {pal, "01:00:00:25", "02:00:00:25", 10022,
-         "Error: Invalid timecode parameter 01:00:00:25 for frame rate 25.000000."},
-        {ntsc, "01:01:00:00", "02:00:00:00", 10022,
-         "Error: Invalid timecode parameter 01:01:00:00 for frame rate 29.970030."},
-        {ntsc, "01:01:00:02", "02:00:00:00", 0, ""},
-        // A source whose rate cannot be told has no frames between its marks.
-        {unknown, "01:00:00:00", "02:00:00:00", 10021,
-         "Error: Mark out time must be greater than Mark in time."},
-    };
-    for (const Row& row : rows) {
-        CaptureReencodeJob job(1, Job::CAPTURE_MEZZANINE_JOB);
-        const std::string sourceField = "SrcFilename=" + row.source;
-        const std::string in = std::string("MarkInTime=") + row.in;
-        const std::string out = std::string("MarkOutTime=") + row.out;
-        EXPECT_EQ(setFields(job, {"Filename=/tmp/out", enc1, sourceField.c_str(), "DecoderIp=10.9.9.9",
-                                  in.c_str(), out.c_str()}),
-                  row.code)
-            << row.in << " " << row.out;
-        EXPECT_STREQ(job.results, row.text);
-    }
 }
 
 TEST_F(CaptureJobTest, SetIdNamesTheBlackFile) {
@@ -334,9 +150,13 @@ TEST_F(CaptureJobTest, StatusCreatesTheEntriesUpToItsEncoder) {
     _CaptureJobStatusData status = report(3, 90 * 25 + 4);
     job.UpdateStatus(&status);
     ASSERT_EQ(job.statusDetails.size(), 4u);
-    for (int i = 0; i < 3; ++i) {
-        EXPECT_EQ(job.statusDetails[static_cast<std::size_t>(i)]->duration.frameRateCode, 0);
-        EXPECT_EQ(job.statusDetails[static_cast<std::size_t>(i)]->number1, 0);
+    const mpeg_timecode zero;
+    for (std::size_t i = 0; i < 3; ++i) {
+        const auto& unreported = *job.statusDetails[i];
+        EXPECT_EQ(fieldsOf(unreported.duration), fieldsOf(zero)) << "encoder " << i;
+        EXPECT_EQ(unreported.number1, 0);
+        EXPECT_EQ(unreported.number2, 0);
+        EXPECT_EQ(unreported.number3, 0);
     }
     const auto& entry = *job.statusDetails[3];
     EXPECT_STREQ(mpeg_timecode(entry.duration).windows_string(), "00:01:30:04");
@@ -353,14 +173,17 @@ TEST_F(CaptureJobTest, StatusCreatesTheEntriesUpToItsEncoder) {
 
 TEST_F(CaptureJobTest, StatusOfAnImpossibleEncoderIsDropped) {
     CaptureManualJob job(1);
-    for (const int index : {-1, INT_MIN, 64, 2'000'000'000}) {
+    static_assert(CaptureJob::STATUS_LIMIT == 64);
+    for (const int index : {-1, INT_MIN, CaptureJob::STATUS_LIMIT, 2'000'000'000}) {
         _CaptureJobStatusData status = report(index, 1);
         job.UpdateStatus(&status);
     }
     job.UpdateStatus(nullptr);
     EXPECT_TRUE(job.statusDetails.empty());
+    EXPECT_THAT(log.text(), HasSubstr("[JobMgmt:Warning] Job 1: status of encoder 64 is ignored, the last "
+                                      "possible is 63."));
     EXPECT_THAT(log.text(), HasSubstr("status of encoder 2000000000 is ignored"));
-    _CaptureJobStatusData last = report(63, 1);
+    _CaptureJobStatusData last = report(CaptureJob::STATUS_LIMIT - 1, 1);
     job.UpdateStatus(&last);
     EXPECT_EQ(job.statusDetails.size(), 64u);
 }

@@ -99,6 +99,22 @@ TEST_F(CaptureSettingsFileTest, VitcSupportIsTheLastEncoders) {
     EXPECT_FALSE(written(job).vtr.vitcSupport);
 }
 
+TEST_F(CaptureSettingsFileTest, AnEncoderProfileThatDoesNotFitIsCutAndWarnedAbout) {
+    const auto field = [](std::size_t length) { return "EncoderProfile0=" + std::string(length, 'p'); };
+    CaptureManualJob fitting(jobId);
+    EXPECT_EQ(setFields(fitting, {out, enc1, field(259).c_str()}), 0);
+    EXPECT_EQ(written(fitting).encoders[0].profile, std::string(259, 'p'));
+    EXPECT_THAT(log.text(), Not(HasSubstr("Warning]")));
+
+    CaptureManualJob job(jobId);
+    EXPECT_EQ(setFields(job, {out, enc1, field(280).c_str()}), 0);
+    EXPECT_EQ(written(job).encoders[0].profile, std::string(259, 'p'));
+    EXPECT_THAT(log.text(),
+                HasSubstr("[JobMgmt:Warning] Job 903001: the profile of encoder 1 is too long and "
+                          "was cut: " +
+                          std::string(259, 'p') + "\r\n"));
+}
+
 TEST_F(CaptureSettingsFileTest, WhatThisRequestSaidOutlivesALaterRequest) {
     CaptureVTRJob job(jobId);
     EXPECT_EQ(setFields(job, {out, enc1, "EncoderProfile0=mine", "EncoderVitcInput0=FALSE",
@@ -133,6 +149,19 @@ TEST_F(CaptureSettingsFileTest, Vtr) {
     EXPECT_STREQ(s.vtr.port, "COM3");
     EXPECT_FALSE(s.vtr.useInternalCue);
     EXPECT_THAT(text(), HasSubstr("JOB_TYPE=\"VTR\""));
+}
+
+TEST_F(CaptureSettingsFileTest, ASilentRequestTakesTheDecksOwnInternalCue) {
+    ResourceMgr::GetResourceMgrInst()->GetVTR("COM3")->useInternalCue = true;
+    CaptureVTRJob job(jobId);
+    EXPECT_EQ(
+        setFields(job, {out, enc1, "MarkInTime=01:00:00:00", "MarkOutTime=02:00:00:00", "VTR_Com_Port=COM3"}),
+        0);
+    EXPECT_TRUE(written(job).vtr.useInternalCue);
+    EXPECT_THAT(text(), HasSubstr("USE_INTERNAL_CUE=\"TRUE\""));
+    job.vtr->useInternalCue = false;
+    EXPECT_FALSE(written(job).vtr.useInternalCue);
+    EXPECT_THAT(text(), HasSubstr("USE_INTERNAL_CUE=\"FALSE\""));
 }
 
 TEST_F(CaptureSettingsFileTest, VtrWithoutAPort) {
@@ -233,6 +262,22 @@ TEST_F(CaptureSettingsFileTest, ReencodeAndMezzanine) {
         EXPECT_STREQ(s.cmd.markInTime, row.type == Job::CAPTURE_MEZZANINE_JOB ? "01:00:00:00" : "");
         EXPECT_STREQ(s.cmd.markOutTime, row.type == Job::CAPTURE_MEZZANINE_JOB ? "02:00:00:00" : "");
     }
+}
+
+TEST_F(CaptureSettingsFileTest, TheDecodersStreamNumberIsInTheRecordButNotInTheFile) {
+    struct DescribedJob : CaptureReencodeJob {
+        using CaptureReencodeJob::CaptureReencodeJob;
+        using CaptureReencodeJob::describe;
+    };
+    DescribedJob job(jobId);
+    EXPECT_EQ(setFields(job, {out, enc1, "SrcFilename=/media/in.mpg", "DecoderIp=10.9.9.9"}), 0);
+    job.decoder->streamNumber = 4711;
+    CSettings settings;
+    settings.Init();
+    job.describe(settings);
+    EXPECT_EQ(settings.decoderStreamNumber, 4711);
+    EXPECT_EQ(written(job).decoderStreamNumber, 0);
+    EXPECT_THAT(text(), Not(HasSubstr("4711")));
 }
 
 TEST_F(CaptureSettingsFileTest, Normalize) {

@@ -49,6 +49,11 @@ TEST(Job, TypesAndStatesHaveTheirNames) {
     EXPECT_EQ(Job::ERROR, 5);
 }
 
+TEST(Job, AnUnspecifiedDurationIsTheZeroTime) {
+    EXPECT_TRUE(Job::UNSPECIFIED_DURATION == CTimeUtil());
+    EXPECT_FALSE(Job::UNSPECIFIED_DURATION == CTimeUtil(0, 0, 0, 0, 0, 1));
+}
+
 TEST(Job, TypeNamesAreMatchedWholeAndCaseSensitively) {
     EXPECT_EQ(Job::getJobType("capture_vtr_job"), Job::NONE);
     EXPECT_EQ(Job::getJobType("CAPTURE_VTR_JOBX"), Job::NONE);

@@ -61,6 +61,12 @@ TEST_F(EquipmentTest, NewDevicesAreFreeAndNamed) {
     EXPECT_EQ(Equipment::VTR, 2);
 }
 
+TEST_F(EquipmentTest, NotScheduledIsTheZeroTime) {
+    EXPECT_TRUE(Equipment::NOT_SCHEDULED == CTimeUtil());
+    EXPECT_TRUE(Equipment::NOT_SCHEDULED == Job::UNSPECIFIED_DURATION);
+    EXPECT_FALSE(Equipment::NOT_SCHEDULED == CTimeUtil(0, 0, 0, 0, 0, 1));
+}
+
 TEST_F(EquipmentTest, ADeviceIsCheckedOutOnce) {
     EXPECT_TRUE(device.CheckoutEquipment(5, Job::CAPTURE_MANUAL_JOB, at(10)));
     EXPECT_EQ(device.checkoutJobId, 5U);
@@ -221,7 +227,9 @@ TEST_F(EquipmentTest, FieldsOfADeck) {
     EXPECT_THAT(log.str(), HasSubstr("Error: Cannot add VTR - No port specified.\r\n"));
     fields.emplace_back("VTR_Com_Port=COM2");
     fields.emplace_back("VTR_UseInternalCue=TRUE");
+    fields.emplace_back("Subtype=BVW");
     EXPECT_EQ(vtr.setFields(fields), 0);
+    EXPECT_EQ(vtr.subtype, "BVW");
     EXPECT_STREQ(vtr.comPort, "COM2");
     EXPECT_EQ(vtr.name, "VTR:COM2");
     EXPECT_TRUE(vtr.useInternalCue);

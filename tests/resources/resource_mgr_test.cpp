@@ -102,6 +102,24 @@ TEST_F(ResourceMgrTest, AMemberWithoutBookingsAfterOneWithResetsTheNext) {
     EXPECT_TRUE(next == start);
 }
 
+TEST_F(ResourceMgrTest, TheLowerCaseTestsAreForCallersThatHoldTheLock) {
+    const CTimeUtil start = fromNow(10);
+    const CTimeUtil end = fromNow(20);
+    encoder->AddScheduleTime(4, Job::CAPTURE_SCHEDULED_JOB, start, end);
+    std::vector<Equipment*> one{encoder};
+    const MutexLock lock(registry.m_mutex);
+    EXPECT_TRUE(registry.isAvailable(one, holder, holderType, fromNow(30), fromNow(40)));
+    EXPECT_FALSE(registry.isAvailable(one, holder, holderType, start, end));
+    EXPECT_EQ(holder, 4U);
+    EXPECT_EQ(holderType, Job::CAPTURE_SCHEDULED_JOB);
+    EXPECT_TRUE(registry.isAvailable(one, holder, holderType, next));
+    EXPECT_TRUE(next == start);
+    encoder->CheckoutEquipment(6, Job::CAPTURE_MANUAL_JOB, Job::UNSPECIFIED_DURATION);
+    EXPECT_FALSE(registry.isAvailable(one, holder, holderType, next));
+    EXPECT_EQ(holder, 6U);
+    EXPECT_EQ(holderType, Job::CAPTURE_MANUAL_JOB);
+}
+
 TEST_F(ResourceMgrTest, ASpanMustEndBeforeTheNextBooking) {
     std::vector<Equipment*> one{encoder};
     const CTimeSpanUtil tenMinutes(0, 0, 0, 0, 10, 0);
