@@ -56,6 +56,9 @@ function(kestrel_add_test name)
   set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/tests)
   target_precompile_headers(${name} PRIVATE <gmock/gmock.h> <gtest/gtest.h>)
   kestrel_configure_target(${name})
+  # What is tested is built as the build type says. The tests only call it: optimising them takes as long as
+  # compiling the rest, and their lines are all that a debugger needs of them.
+  target_compile_options(${name} PRIVATE -O0 -g1)
   # g++ 12 finds fault with "literal" + std::string once it has inlined it (GCC bug 105651); the sources are
   # built without this exception.
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
