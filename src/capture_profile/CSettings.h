@@ -3,7 +3,9 @@
 // ("CaptureSettings"), the form in which the service hands it to a capture worker.
 //
 // One nested struct per element of the profile; the comment beside a member is its attribute. Initializers
-// are the defaults. IPv4 addresses are 32-bit in host order, first octet most significant.
+// are the defaults. IPv4 addresses are 32-bit in host order, first octet most significant. Texts are
+// terminated; what is too long for its field is cut. Keys name the unit of a number (seconds, minutes, ms);
+// offsets and counts without one are frames or plain numbers.
 #pragma once
 
 #include <array>
@@ -139,8 +141,9 @@ public:
         bool rollingStartNow = false;   // ROLLING_START_NOW
     };
 
-    // Every default.
+    // Every default, both receptions alike.
     CSettings() = default;
+    // Copies have every field.
     CSettings(const CSettings&) = default;
     CSettings& operator=(const CSettings&) = default;
     virtual ~CSettings() = default;

@@ -67,6 +67,10 @@ private:
         case IntegerRule::AtLeast:
             target = number && *number >= field.least ? *number : field.fallback;
             break;
+        case IntegerRule::AtLeastWhenPresent:
+            if (number)
+                target = *number >= field.least ? *number : field.fallback;
+            break;
         }
     }
 

@@ -24,7 +24,9 @@ enum class IntegerRule {
     // Absent: fallback.
     Fallback,
     // Absent or below least: fallback.
-    AtLeast
+    AtLeast,
+    // Absent: keeps its value. Below least: fallback.
+    AtLeastWhenPresent
 };
 
 // How the words of a yes/no attribute are read, in any case.
@@ -69,7 +71,8 @@ struct EncoderTypeField {
     CSettings::EncoderType Section::*member;
 };
 
-// "SERVICE_MGR_INVOKED" or "CMDLINE_STANDALONE".
+// "SERVICE_MGR_INVOKED" or "CMDLINE_STANDALONE". Letter for letter, unlike the yes/no words: a run is the
+// service's unless a profile says exactly otherwise.
 template <typename Section>
 struct RunTypeField {
     bool Section::*member;
@@ -95,8 +98,9 @@ constexpr Attribute<Section> integerOr(const char* key, int Section::*member, in
 }
 
 template <typename Section>
-constexpr Attribute<Section> integerAtLeast(const char* key, int Section::*member, int least, int fallback) {
-    return {key, IntegerField<Section>{member, IntegerRule::AtLeast, least, fallback}};
+constexpr Attribute<Section> integerAtLeast(const char* key, int Section::*member, int least, int fallback,
+                                            IntegerRule rule = IntegerRule::AtLeast) {
+    return {key, IntegerField<Section>{member, rule, least, fallback}};
 }
 
 template <typename Section>
@@ -191,8 +195,10 @@ inline constexpr std::array interfaceAttributes{
     integer("TIMED_AND_MANUAL_ENC_SAMPLE_NUMBER", &Interface::timedAndManualEncSampleNumber),
     integer("TIMED_AND_MANUAL_ENC_SAMPLE_PERIOD", &Interface::timedAndManualEncSamplePeriod),
     integer("TIMED_AND_MANUAL_ENC_INIT_DELAY", &Interface::timedAndManualEncInitDelay),
-    integerAtLeast("ENCODER_LEAD_TIME_SECS", &Interface::encoderLeadTimeSecs, 0, 20),
-    integerAtLeast("ENCODER_614x_LEAD_TIME_SECS", &Interface::encoder614xLeadTimeSecs, 0, 52),
+    integerAtLeast("ENCODER_LEAD_TIME_SECS", &Interface::encoderLeadTimeSecs, 0, 20,
+                   IntegerRule::AtLeastWhenPresent),
+    integerAtLeast("ENCODER_614x_LEAD_TIME_SECS", &Interface::encoder614xLeadTimeSecs, 0, 52,
+                   IntegerRule::AtLeastWhenPresent),
 };
 
 using Audio = CSettings::AudioEngine;

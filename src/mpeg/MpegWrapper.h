@@ -56,7 +56,7 @@ public:
     // -10 when the video is not MPEG-1 or MPEG-2, else 0. No time code is returned.
     static int GetMpeg2FirstGopTimeCode(const char* file);
     // Frames a second of the video; 0.0 when they cannot be told, -1.0 for a frame_rate_code that is not in
-    // use. (Here code 1 is 23.976.)
+    // use, 0.5 for H.264 whose pic_order_cnt_type is not 0. (Here code 1 is 23.976.)
     static double GetFrameRateFromFile(const char* file);
     // As gop_rebase::rebaseFile, with a mode and an offset; the video PID is looked for in the first 10,000
     // bytes only.

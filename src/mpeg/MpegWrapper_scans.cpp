@@ -59,9 +59,11 @@ double rate_of(const unsigned char* sequence_header) {
     return code >= 1 && code <= static_cast<int>(std::size(RATES)) ? RATES[code - 1] : -1.0;
 }
 
-// Two fields a frame (ITU-T H.264, E.2.1). A parameter set without timing tells no rate.
+// Two fields a frame (ITU-T H.264, E.2.1). A parameter set whose parsing ended before its timing (one whose
+// pic_order_cnt_type is not 0) has -1 in both fields and comes to half a frame a second: callers know that rate
+// as the sign of it.
 double rate_of(const H264::SequenceParameterSet& sps) {
-    if (sps.num_units_in_tick <= 0 || sps.time_scale <= 0)
+    if (sps.num_units_in_tick == 0)
         return 0.0;
     return static_cast<double>(sps.time_scale) / static_cast<double>(sps.num_units_in_tick) * 0.5;
 }

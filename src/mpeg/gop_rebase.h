@@ -19,11 +19,15 @@ public:
         subtract_offset = 2,
     };
 
-    // Any other mode changes nothing. The offset is zero where none is given.
+    // pid: of the video; next: the following stage, which must outlive this one; level: see packet_mangler.
+    // Any other mode changes nothing. The offset is zero where none is given. Until a sequence header tells
+    // another frame_rate_code, time codes are counted at 5 (30 frames a second).
     gop_rebase(int pid, packet_mangler* next, int level, int mode);
     gop_rebase(int pid, packet_mangler* next, int mode, mpeg_timecode offset, int level);
 
+    // Holds each video packet back, and what follows it, until the next one shows how its PES goes on.
     void process(unsigned char* packet, long index) override;
+    // Passes on what is held, the last video packet as it is, and flushes the next stage.
     void flush(long index) override;
 
     // Rewrites the GOP headers in the beginning of a PES packet. The second argument is not used.

@@ -9,8 +9,10 @@
 // each NAL unit only what lies in that one packet is seen.
 class grab_h264_header : public packet_mangler {
 public:
+    // pid: of the video; level: see packet_mangler. Nothing has been seen: default parameter set, no PTS.
     grab_h264_header(int pid, int level) : packet_mangler(level), m_pid(pid) {}
 
+    // Looks at one packet of 188 bytes and changes nothing in it; the index is not used.
     void process(unsigned char* packet, long index) override;
     // Nothing is held back.
     void flush(long) override {}
@@ -23,7 +25,7 @@ public:
     // The last parameter set, and how many have been seen.
     [[nodiscard]] const H264::SequenceParameterSet& sps() const noexcept { return m_sps; }
     [[nodiscard]] int sps_count() const noexcept { return m_sps_count; }
-    // Of the last PES packet that began on the PID; absent (-1) when it has none.
+    // Presentation time of the last PES packet that began on the PID; absent (-1) when it has none.
     [[nodiscard]] PTS pts() const noexcept { return m_pts; }
     // Whether a picture timing message with a clock timestamp was seen.
     [[nodiscard]] bool has_time_code() const noexcept { return m_time_code_seen; }

@@ -13,8 +13,11 @@
 // or of a later one.
 class grab_video_header : public packet_mangler {
 public:
+    // pid: of the video; level: see packet_mangler. Nothing has been seen: no headers, no PTS.
     grab_video_header(int pid, int level) : packet_mangler(level), m_pid(pid) {}
 
+    // Looks at one packet of 188 bytes and changes nothing in it; the index is not used. Packets of other
+    // PIDs and without payload are passed over.
     void process(unsigned char* packet, long index) override;
     // Nothing is held back.
     void flush(long) override {}
@@ -29,10 +32,11 @@ public:
     [[nodiscard]] const unsigned char* sequence_header() const noexcept { return at(m_kept.sequence); }
     [[nodiscard]] const unsigned char* sequence_extension() const noexcept { return at(m_kept.extension); }
     [[nodiscard]] const unsigned char* gop_header() const noexcept { return at(m_kept.gop); }
-    // Of the last PES packet looked into; absent (-1) when it has none.
+    // Presentation time of the last PES packet looked into; absent (-1) when it has none.
     [[nodiscard]] PTS pts() const noexcept { return m_pts; }
     // Fields of the pictures of the first GOP, as far as their headers were seen.
     [[nodiscard]] int field_counter() const noexcept { return m_field_counter; }
+    // GOP headers seen so far, cut ones included.
     [[nodiscard]] int gop_count() const noexcept { return m_gop_count; }
 
 private:

@@ -12,15 +12,17 @@
 // Reads bits of a view, most significant first; bit 0 is the most significant bit of byte 0.
 class VBDecode {
 public:
+    // Stands at start_bit of s, which must outlive it; a negative start counts as 0.
     VBDecode(const byte_sequence& s, int start_bit) noexcept;
 
-    // The bit at a position; the current position stays.
+    // The bit at a position, 0 or 1; the current position stays.
     [[nodiscard]] int bit(int pos) const;
     // The bit at the current position, which moves on.
     int bit();
     // The count bits of b that end at bit index last, where index 0 is the most significant bit.
     static int subByte(unsigned char b, int last, int count) noexcept;
-    // count bits (at most 64) from a position; the current position stays.
+    // count bits (at most 64) from a position, the first one the most significant; 0 for a count of 0. The
+    // current position stays.
     [[nodiscard]] std::int64_t long_(int pos, int count) const;
     // The same from the current position, which moves on.
     std::int64_t ulong(int count);
@@ -30,6 +32,7 @@ public:
     // ue(v), unsigned Exp-Golomb (ITU-T H.264, 9.1). At most 32 leading zero bits are looked at.
     int uExpGolomb();
 
+    // The current position in bits; past the end of the view it does not move.
     [[nodiscard]] int position() const noexcept { return m_position; }
 
 private:
@@ -43,6 +46,7 @@ private:
 // Reads, and writes fields in place.
 class VBDecodePlus : public VBDecode {
 public:
+    // Stands at start_bit of s, which must outlive it.
     VBDecodePlus(byte_sequence& s, int start_bit) noexcept : VBDecode(s, start_bit), m_writable(s) {}
 
     // Writes the low count bits of value at a position; all other bits keep their values, and the current
@@ -71,11 +75,13 @@ public:
     // the fields behind it keep their defaults.
     SequenceParameterSet(byte_sequence& rbsp, int start_bit);
 
+    // The standard's names and coding (7.4.2.1.1), unchecked.
     int log2_max_frame_num_minus4 = -1;
     int pic_order_cnt_type = -1;
     int log2_max_pic_order_cnt_lsb_minus4 = -1;
-    bool frame_mbs_only_flag = false;
-    // Of the VUI; 3003 and 180000 (29.97 frames a second) when it has no timing.
+    bool frame_mbs_only_flag = false; // no field is coded by itself
+    // Of the VUI (E.2.1): a field lasts num_units_in_tick / time_scale seconds. 3003 and 180000 (29.97 frames
+    // a second) when it has no timing.
     std::int64_t num_units_in_tick = -1;
     std::int64_t time_scale = -1;
 
@@ -96,16 +102,18 @@ int unFF(const byte_sequence& s, int pos, int* next);
 // timestamp, whatever pic_struct says.
 class PicTiming {
 public:
+    // Parses the payload of one message, behind its payloadType and payloadSize.
     explicit PicTiming(const byte_sequence& payload);
 
     // Whether there is a clock timestamp.
     [[nodiscard]] bool has_time_code() const noexcept { return clock_timestamp_flag != 0; }
-    // The timestamp at that frame_rate_code; never drop-frame, whatever cnt_dropped_flag said.
+    // The timestamp at that frame_rate_code; never drop-frame, whatever cnt_dropped_flag said. Out of bounds
+    // it is logged and kept.
     [[nodiscard]] mpeg_timecode time_code(int rate) const;
 
-    int pic_struct = 0;
-    int clock_timestamp_flag = 0;
-    int n_frames = 0; // 0 where not coded, like those below
+    int pic_struct = 0;           // table D-1
+    int clock_timestamp_flag = 0; // of the first timestamp
+    int n_frames = 0;             // 0 where not coded, like those below
     int seconds = 0;
     int minutes = 0;
     int hours = 0;
@@ -117,13 +125,15 @@ public:
 class SliceHeader {
 public:
     // Parses an unescaped payload from the bit after the NAL unit header. The view must outlive this object.
+    // sps, which is copied, tells the widths of the fields; nal_unit_type 5 is an IDR picture.
     SliceHeader(byte_sequence& rbsp, int start_bit, const SequenceParameterSet& sps, int nal_unit_type);
 
-    // Writes pic_order_cnt_lsb in place; nothing when the stream does not code it.
+    // Writes pic_order_cnt_lsb in place, the low bits of value; nothing when the stream does not code it.
     void set_pic_order_cnt_lsb(int value);
 
+    // 7.4.3.
     int first_mb_in_slice = 0;
-    int slice_type = 0;
+    int slice_type = 0;         // table 7-6
     int field_pic_flag = 0;     // 0 when not coded
     int pic_order_cnt_lsb = -1; // -1 when not coded
 

@@ -26,6 +26,7 @@ H264::SEI::PicTiming::PicTiming(const byte_sequence& payload) {
     clock_timestamp_flag = bits.bit();
     if (clock_timestamp_flag == 0)
         return;
+    // Only this one of up to three (table D-1): the time code of a picture is that of its first field.
     bits.uint(8); // ct_type, nuit_field_based_flag, counting_type
     const bool full = bits.bit() != 0;
     bits.uint(2); // discontinuity_flag, cnt_dropped_flag
@@ -43,5 +44,7 @@ H264::SEI::PicTiming::PicTiming(const byte_sequence& payload) {
 }
 
 mpeg_timecode H264::SEI::PicTiming::time_code(int rate) const {
+    // Never drop-frame: cnt_dropped_flag tells that counts were left out here, and how labels are counted
+    // follows from the rate anyway.
     return {hours, minutes, seconds, n_frames, false, rate};
 }

@@ -26,7 +26,9 @@ H264::SliceHeader::SliceHeader(byte_sequence& rbsp, int start_bit, const Sequenc
 void H264::SliceHeader::read_to_pic_order_cnt_lsb(VBDecode& bits) {
     first_mb_in_slice = bits.uExpGolomb();
     slice_type = bits.uExpGolomb();
-    bits.uExpGolomb();                                 // pic_parameter_set_id
+    bits.uExpGolomb(); // pic_parameter_set_id
+    // Never colour_plane_id: it is only coded for 4:4:4 in separate planes, which broadcast does not use, and
+    // the parameter set does not keep that flag.
     bits.uint(width(m_sps.log2_max_frame_num_minus4)); // frame_num
     field_pic_flag = m_sps.frame_mbs_only_flag ? 0 : bits.bit();
     if (field_pic_flag != 0)

@@ -18,12 +18,14 @@
 // An indexable sequence of bytes.
 class byte_sequence {
 public:
+    // Owns no bytes at this level.
     virtual ~byte_sequence() = default;
     // The byte at a position, writable.
     virtual unsigned char& operator[](int position) = 0;
-    // The value of the byte at a position.
+    // The value of the byte at a position. Unless a class says otherwise it comes through the writable
+    // access.
     virtual unsigned char operator[](int position) const;
-    // Number of bytes.
+    // Number of bytes, 0 when empty.
     [[nodiscard]] virtual int get_length() const = 0;
 
     // Self-test of array and composite views: 0, or the number of the first check that failed. Logs under
@@ -31,6 +33,7 @@ public:
     static int testHarness();
 
 protected:
+    // For derived views only, so that none is cut down to this class by a copy.
     byte_sequence() = default;
     byte_sequence(const byte_sequence&) = default;
     byte_sequence& operator=(const byte_sequence&) = default;
@@ -39,10 +42,13 @@ protected:
 // Bytes of one array, which belongs to whoever made the view.
 class array_byte_sequence : public byte_sequence {
 public:
+    // The length bytes from first on. The array must outlive the view.
     array_byte_sequence(unsigned char* first, int length) : m_first(first), m_length(length) {}
 
     using byte_sequence::operator[];
+    // Byte number position of the array; not compared with the length.
     unsigned char& operator[](int position) override { return m_first[position]; }
+    // The length that was given.
     [[nodiscard]] int get_length() const override { return m_length; }
 
 private:
@@ -53,6 +59,8 @@ private:
 // A window of another sequence.
 class subsequence : public byte_sequence {
 public:
+    // length bytes of parent from position offset on; the length is taken as given, also past the parent's
+    // end. The parent must outlive the window.
     subsequence(byte_sequence& parent, int offset, int length)
         : m_parent(parent), m_offset(offset), m_length(length) {}
     // From offset to the parent's end.
@@ -60,7 +68,9 @@ public:
         : subsequence(parent, offset, parent.get_length() - offset) {}
 
     using byte_sequence::operator[];
+    // The parent's byte at offset + position.
     unsigned char& operator[](int position) override { return m_parent[m_offset + position]; }
+    // Of the window, as it was when it was made.
     [[nodiscard]] int get_length() const override { return m_length; }
 
 private:
@@ -72,6 +82,7 @@ private:
 // A read-only window of another sequence.
 class constsubsequence : public byte_sequence {
 public:
+    // length bytes of parent from position offset on, as for subsequence.
     constsubsequence(const byte_sequence& parent, int offset, int length)
         : m_parent(parent), m_offset(offset), m_length(length) {}
     // From offset to the parent's end.
@@ -80,7 +91,9 @@ public:
 
     // Ends the process with abort(): a const window is never written through.
     unsigned char& operator[](int position) override;
+    // The parent's byte at offset + position, through its own read access.
     unsigned char operator[](int position) const override { return m_parent[m_offset + position]; }
+    // Of the window, as it was when it was made.
     [[nodiscard]] int get_length() const override { return m_length; }
 
 private:
@@ -92,6 +105,7 @@ private:
 // Several sequences one behind the other. Refers to the pieces, does not own them.
 class frankenstein_byte_sequence : public byte_sequence {
 public:
+    // Without pieces: length 0.
     frankenstein_byte_sequence() = default;
 
     // Adds a piece at the end. The piece must outlive this view and keep its length: the total is not
@@ -99,9 +113,10 @@ public:
     void append(byte_sequence& piece);
 
     using byte_sequence::operator[];
-    // Ends the process with abort() when the pieces end before the position: an index past a composite is
-    // an error in the program, not in the data.
+    // Ends the process with abort() when the pieces end before the position, and when there are none: an
+    // index past a composite is an error in the program, not in the data.
     unsigned char& operator[](int position) override;
+    // Sum of the lengths that the pieces had when they were added.
     [[nodiscard]] int get_length() const override { return static_cast<int>(m_length); }
 
 private:
@@ -113,13 +128,17 @@ private:
 // its own. It ends before the next start code prefix or with the source.
 class rbsp_byte_sequence : public byte_sequence {
 public:
-    // Reads source from position start; a start at or past the source's end gives an empty payload.
+    // Reads source from position start, the first byte behind the NAL unit header as a rule; a start at or
+    // past the source's end gives an empty payload. Throws std::bad_alloc when there is no memory for as many
+    // bytes as source has.
     rbsp_byte_sequence(const byte_sequence& source, int start);
     rbsp_byte_sequence(const rbsp_byte_sequence&) = delete;
     rbsp_byte_sequence& operator=(const rbsp_byte_sequence&) = delete;
 
     using byte_sequence::operator[];
+    // Byte number position of the unescaped payload. Writing changes the copy, not the source.
     unsigned char& operator[](int position) override { return m_buffer[static_cast<std::size_t>(position)]; }
+    // Bytes of the payload.
     [[nodiscard]] int get_length() const override { return m_length; }
     // Source bytes that the payload came from, emulation prevention bytes included.
     [[nodiscard]] int get_consumed() const noexcept { return m_consumed; }
@@ -138,9 +157,10 @@ private:
 // Checks the continuity counters of one pass over one stream, PID by PID (ISO/IEC 13818-1, 2.4.3.3).
 class continuity_nazi {
 public:
+    // Before the first packet: no PID has been seen.
     continuity_nazi();
 
-    // continuity_counter of a packet.
+    // continuity_counter of a packet, 0 to 15 (2.4.3.3).
     static int getCounter(const unsigned char* packet) { return kestrel::ts::continuity_counter(packet); }
 
     // Whether the packet's counter follows the last one of its PID. Null packets and the first packet of a

@@ -12,6 +12,7 @@
 
 namespace kestrel::ts {
 
+// Bytes of a packet.
 inline constexpr int packet_size = 188;
 inline constexpr unsigned char sync_byte = 0x47;
 inline constexpr int null_pid = 0x1FFF;
@@ -57,6 +58,7 @@ inline bytes payload(const unsigned char* packet) noexcept {
     return bytes(packet, packet_size)
         .subspan(static_cast<std::size_t>(std::min(payload_offset(packet), packet_size)));
 }
+// The same, writable.
 inline writable_bytes payload(unsigned char* packet) noexcept {
     return writable_bytes(packet, packet_size)
         .subspan(static_cast<std::size_t>(std::min(payload_offset(packet), packet_size)));

@@ -26,7 +26,8 @@ int twelve_bits(const unsigned char* p) {
     return (p[0] & 0x0F) << 8 | p[1];
 }
 
-// Whether the entry has a descriptor with the tag for which matches(descriptor, tag byte included) is true.
+// Whether the entry has a descriptor with the tag for which matches(descriptor, tag byte included) is true. A
+// descriptor is walked as soon as its tag lies in the entry, and seen as far as it does.
 template <typename Matches>
 bool has_descriptor(const unsigned char* entry, unsigned char tag, Matches matches) {
     const int type = MPEG::PMT::PIDInfo::stream_type(entry);
@@ -35,10 +36,9 @@ bool has_descriptor(const unsigned char* entry, unsigned char tag, Matches match
     const int end = MPEG::PMT::PIDInfo::ES_info_length(entry) + entry_head;
     if (end <= entry_head || end > longest_entry)
         return false;
-    for (int at = entry_head; at + 2 <= end;) {
-        const int size = 2 + entry[at + 1];
-        if (at + size > end)
-            return false;
+    for (int at = entry_head; at < end;) {
+        const int left = end - at;
+        const int size = left < 2 ? left : std::min(2 + entry[at + 1], left);
         if (entry[at] == tag && matches(ts::bytes(entry + at, static_cast<std::size_t>(size))))
             return true;
         at += size;

@@ -11,13 +11,17 @@
 // the 33-bit clock).
 class PTS {
 public:
+    // Units of the count in a second.
     static constexpr std::int64_t units_per_second = 360'000;
 
     // Absent.
     constexpr PTS() noexcept = default;
+    // Of a count of 1/360 000 s.
     constexpr PTS(std::int64_t count) noexcept : m_count(count) {}
+    // The count.
     constexpr operator std::int64_t() const noexcept { return m_count; }
 
+    // Whether the count is -1.
     [[nodiscard]] constexpr bool is_absent() const noexcept { return m_count == -1; }
     // In ticks of 90 kHz: a quarter of the count, rounded to the nearest, halves upward.
     [[nodiscard]] constexpr std::int64_t ticks() const noexcept { return ((m_count >> 1) + 1) >> 1; }

@@ -11,7 +11,9 @@ public:
     // False as a condition when the path cannot be opened or is no regular file.
     explicit RegularFile(const char* path);
 
+    // Whether there is a file to ask.
     explicit operator bool() const noexcept { return m_file != nullptr; }
+    // The stream, open for binary reading at its beginning; null when there is none. Closed with this object.
     [[nodiscard]] FILE* get() const noexcept { return m_file.get(); }
     // Bytes when it was opened.
     [[nodiscard]] long length() const noexcept { return m_length; }

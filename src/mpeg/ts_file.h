@@ -9,7 +9,7 @@
 #include <array>
 #include <iosfwd>
 
-// Where packets come from.
+// Where packets (ISO/IEC 13818-1, 2.4.3.2) come from.
 class transport_source {
 public:
     virtual ~transport_source() = default;
@@ -21,11 +21,13 @@ public:
 // returned. Sync bytes are not checked.
 class ts_file final : public transport_source {
 public:
+    // Opens the file at path from its first byte. Never fails: what cannot be opened or read has no packets.
     explicit ts_file(const char* path);
-    // Reads from an open stream, which must outlive this object.
+    // Reads from an open stream from where it stands; the stream must outlive this object.
     explicit ts_file(std::istream& in);
 
-    // The packet is valid until the next call. Null at the end of the file or on a read error.
+    // The next 188 bytes, valid until the next call; they may be changed in place. Null at the end of the
+    // file or on a read error.
     unsigned char* get_ts() override {
         if (m_unget)
             m_unget = false;
@@ -33,7 +35,8 @@ public:
             m_last = m_node.get_buff();
         return m_last;
     }
-    // Makes the next get_ts return what the last one returned.
+    // Makes the next get_ts return what the last one returned: also the null of the end, and null before the
+    // first. Asked for twice it counts once.
     void unget_ts() noexcept { m_unget = true; }
 
 private:
@@ -45,12 +48,14 @@ private:
 // One stage.
 class packet_mangler {
 public:
+    // level: how much a stage that prints tells; kept for it and not looked at here.
     explicit packet_mangler(int level) noexcept : m_level(level) {}
     virtual ~packet_mangler() = default;
     packet_mangler(const packet_mangler&) = delete;
     packet_mangler& operator=(const packet_mangler&) = delete;
 
-    // Takes one packet; index is its ordinal in the input, from 0.
+    // Takes one packet of 188 bytes, which the stage may change until it returns; index is its ordinal in the
+    // input, from 0.
     virtual void process(unsigned char* packet, long index) = 0;
     // Passes on what the stage holds back; index is the one after the last packet.
     virtual void flush(long index) = 0;
@@ -62,8 +67,10 @@ protected:
 // A stage that hands its packets on to another, which it does not own.
 class pipeline_mangler : public packet_mangler {
 public:
+    // next: the following stage, which must outlive this one.
     pipeline_mangler(packet_mangler* next, int level) noexcept : packet_mangler(level), m_next(next) {}
 
+    // Flushes the next stage with the same index.
     void flush(long index) override;
 
 protected:
@@ -74,6 +81,7 @@ protected:
 // opened the stream asks it for its state.
 class file_packet_sink final : public packet_mangler {
 public:
+    // Bytes of one write.
     static constexpr int block_size = 65'536;
 
     // out: a binary output stream, or null to write nothing. owns: the sink closes and deletes it.
@@ -82,6 +90,7 @@ public:
     // before it is deleted.
     ~file_packet_sink() override;
 
+    // Copies the packet; writes exactly one block when one is full.
     void process(unsigned char* packet, long index) override;
     // Flushes the stream only: bytes that do not fill a block stay here until the destructor.
     void flush(long index) override;

@@ -12,19 +12,25 @@
 #include <cstddef>
 #include <vector>
 
+// One packet of one PID, and the packets of other PIDs behind it. Packets are copied in, so that the caller's
+// may change. For one thread at a time.
 class unibuffer {
 public:
+    // A copy of one packet.
     using packet_bytes = std::array<unsigned char, kestrel::ts::packet_size>;
 
     // Two arrays read as one sequence.
     class duo : public byte_sequence {
     public:
+        // first, then second. Copies the two views but not their bytes, which must outlive this one.
         duo(const array_byte_sequence& first, const array_byte_sequence& second)
             : m_first(first), m_second(second) {}
 
         using byte_sequence::operator[];
-        // A negative position counts as past the first array.
+        // Byte number position of the first array, or of the second from the first one's length on. A
+        // negative position counts as past the first array: it leads before the second one's beginning.
         unsigned char& operator[](int position) override;
+        // Bytes of both.
         [[nodiscard]] int get_length() const override { return m_first.get_length() + m_second.get_length(); }
 
     private:
@@ -36,12 +42,14 @@ public:
     // take all memory. At the limit everything held goes on, in order, and nothing is saved any more.
     static constexpr std::size_t max_intervening = 49'152;
 
+    // Holds nothing. What is still held at the end of its life is dropped: flush_buffer passes it on.
     unibuffer() = default;
     unibuffer(const unibuffer&) = delete;
     unibuffer& operator=(const unibuffer&) = delete;
 
-    // The beginning of the PES packet that starts in saved: its payload, joined with that of next unless next
-    // starts a PES packet of its own. The caller deletes the view, and keeps both packets while it is used.
+    // The beginning of the PES packet that starts in saved (ISO/IEC 13818-1, 2.4.3.6): its payload, joined
+    // with that of next unless next starts a PES packet of its own (PUSI). An adaptation field that overruns
+    // its packet leaves no payload. The caller deletes the view, and keeps both packets while it is used.
     static byte_sequence* pes_beginning(unsigned char* saved, unsigned char* next);
 
     // Queues a copy while a packet is saved; otherwise passes the packet straight on.

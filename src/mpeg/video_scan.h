@@ -13,7 +13,7 @@ namespace kestrel {
 // Queries read at most this many packets: the first ones, up to 20,000,004 bytes.
 inline constexpr long scan_limit_packets = 106'383;
 
-// stream_type (ISO/IEC 13818-1, table 2-34) of video.
+// Whether a stream_type (ISO/IEC 13818-1, table 2-34) is that of MPEG-1 or MPEG-2 video, or of H.264.
 constexpr bool is_mpeg2_video(int stream_type) noexcept {
     return stream_type == 0x01 || stream_type == 0x02;
 }
@@ -36,7 +36,8 @@ private:
     int m_pmt_pid = 0;
 };
 
-// Whether a continuity failure of a scan is worth a line.
+// Whether a continuity failure of a scan is worth a line of its own, at Debug under "captureEngLib". The
+// checker's lines come in any case.
 enum class ContinuityLines { none, debug };
 
 // Gives each packet of the file, with its index, to visit until that returns false, the file ends, or limit

@@ -6,15 +6,19 @@
 
 namespace kestrel {
 
+// One row of the table. The numbers of frames are those of drop-frame counting where labels are dropped.
 struct FrameRate {
-    double fps;
+    double fps;          // frames a second
     int labelsPerSecond; // fps, rounded up
     // Labels dropped at the start of each minute that is no multiple of ten; 0 for an integral rate.
     int droppedLabels;
 
+    // Whether no labels are dropped.
     constexpr bool integral() const { return droppedLabels == 0; }
+    // Frames of a minute divisible by ten, and of any other.
     constexpr int framesPerTensMinute() const { return labelsPerSecond * 60; }
     constexpr int framesPerDroppingMinute() const { return framesPerTensMinute() - droppedLabels; }
+    // Frames of one of the first kind and nine of the second, of an hour, of a day.
     constexpr int framesPerTenMinutes() const {
         return framesPerTensMinute() + 9 * framesPerDroppingMinute();
     }
@@ -22,6 +26,7 @@ struct FrameRate {
     constexpr int framesPerDay() const { return 24 * framesPerHour(); }
 };
 
+// The code of the table's first row.
 inline constexpr int firstFrameRateCode = 1;
 
 // By frame_rate_code, from 1. 23.976 is deliberately counted like 29.97, two labels dropped a minute.
@@ -36,7 +41,7 @@ inline constexpr std::array<FrameRate, 8> frameRates{{
     {60.0, 60, 0},
 }};
 
-// Null for a code outside the table.
+// The row of a frame_rate_code; null for a code outside the table.
 constexpr const FrameRate* findFrameRate(int code) {
     if (code < firstFrameRateCode || code > static_cast<int>(frameRates.size()))
         return nullptr;

@@ -30,6 +30,7 @@ public:
     // Reads "hh:mm:ss:ff" with any separator characters. Unchecked: no modulo, no bounds, no skip. Fields
     // that the text lacks are 0; numbers beyond 32 bits are held at the limit; null reads as empty.
     mpeg_timecode(const char* text, bool dropFrame, int frameRateCode);
+    // A copy has the six fields; each value keeps a text of its own, which is empty in a new one.
     mpeg_timecode(const mpeg_timecode& other) noexcept;
     mpeg_timecode& operator=(const mpeg_timecode& other) noexcept;
     ~mpeg_timecode() = default;
@@ -49,7 +50,8 @@ public:
     // "hh:mm:ss:ff", with ';' before the frames when dropFrame is set. Written to text and returned.
     char* windows_string();
 
-    // Frame steps modulo the day; dropFrame and code are those of the left operand.
+    // Frame steps modulo the day; dropFrame and code are those of the left operand. Unsupported code: as
+    // frame_count and from_frames say.
     mpeg_timecode operator+(int n) const;
     mpeg_timecode operator-(int n) const;
     mpeg_timecode operator+(const mpeg_timecode& b) const;
@@ -68,7 +70,7 @@ public:
     // Coarse on purpose: rates between two codes fall to the one above, up to 30 and from there up to 60.
     // 0 for 0.0, for rates above 60 and for NaN.
     static int GetFrameRateCode(double fps);
-    // Whether the rate is one that drops labels. Unsupported: logged, true.
+    // Whether the rate is one that drops labels: 1, 4 and 7. Unsupported: logged, true.
     static bool frameRateCodeToDropFrame(int code);
 
     // Upper bounds only; negative fields pass.
@@ -105,7 +107,7 @@ public:
     // A VTR counts the double rates (codes above 5) in pairs of frames.
     void NormalizeFromVtr(); // frames * 2
     void NormalizeToVtr();   // frames / 2
-    // The same between a rate and its double, for factor 2 and codes 6 to 8 only.
+    // The same between a rate and its double: for factor 2 and codes from 6 on; any other changes nothing.
     void UpConvert(int factor);
     void DownConvert(int factor);
 

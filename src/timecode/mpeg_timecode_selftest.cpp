@@ -1,6 +1,6 @@
 // The built-in self-test, run on an installed system to check the timecode arithmetic in place.
 #include "foundation/Logger.h"
-#include "timecode/mpeg_timecode.h"
+#include "timecode/time_code_range_check.h"
 
 #include <cstring>
 
@@ -134,13 +134,21 @@ int mpeg_timecode::testHarness() {
 }
 
 int mpeg_timecode::testEntireTimeCodeRange(int code, bool dropFrame) {
+    return kestrel::check_time_code_range(code, dropFrame, [](mpeg_timecode& label) {
+        IncTimeCode(label.hours, label.minutes, label.seconds, label.frames, label.dropFrame,
+                    label.frameRateCode);
+    });
+}
+
+int kestrel::check_time_code_range(int code, bool dropFrame,
+                                   const std::function<void(mpeg_timecode&)>& step) {
     constexpr int toleratedMismatches = 9;
     const mpeg_timecode start(0, 0, 0, 0, dropFrame, code);
-    const int day = rollover_frames_count(dropFrame, code);
+    const int day = mpeg_timecode::rollover_frames_count(dropFrame, code);
     mpeg_timecode stepped = start;
     int mismatches = 0;
     for (int i = 0; i < day; ++i) {
-        if (!assertEquals(i, stepped.frame_count()))
+        if (!mpeg_timecode::assertEquals(i, stepped.frame_count()))
             ++mismatches;
         if (!(start + i == stepped)) {
             mpeg_timecode computed = start + i;
@@ -150,10 +158,10 @@ int mpeg_timecode::testEntireTimeCodeRange(int code, bool dropFrame) {
         }
         if (mismatches > toleratedMismatches)
             return 1;
-        IncTimeCode(stepped.hours, stepped.minutes, stepped.seconds, stepped.frames, dropFrame, code);
+        step(stepped);
     }
     // One day of steps leads back to the start.
-    if (!assertEquals(0, stepped.frame_count()))
+    if (!mpeg_timecode::assertEquals(0, stepped.frame_count()))
         ++mismatches;
     return mismatches > toleratedMismatches ? 1 : 0;
 }

@@ -82,7 +82,8 @@ TEST_F(Queries, FrameRateOfH264IsHalfItsTimeScale) {
     EXPECT_EQ(stream(1, 50, 0), 25.0);
     EXPECT_DOUBLE_EQ(stream(1001, 60000, 0), 30000.0 / 1001);
     EXPECT_NEAR(stream(0, 0, 0), 29.97, 0.001) << "without timing";
-    EXPECT_EQ(stream(1, 50, 2), 0.0) << "timing that is not parsed tells nothing";
+    EXPECT_EQ(stream(1, 50, 2), 0.5) << "timing that is not parsed stays -1 by -1";
+    EXPECT_EQ(stream(1, 0, 0), 0.0);
 }
 
 TEST_F(Queries, TheLastVideoEntryOfTheTableDecidesTheFrameRate) {

@@ -267,4 +267,31 @@ TEST_F(Duration, OfAFileThatCannotBeOpenedIsAnError) {
     EXPECT_EQ(durationOf(directory.path(""), 3).first, 20045) << "a directory";
 }
 
+TEST_F(Duration, AtARateThatIsNotInUseIsNothing) {
+    for (const int rate : {0, 9, -1})
+        EXPECT_EQ(duration(0, 90'000, rate, true), Result(0, "00:00:00:00")) << rate;
+    EXPECT_THAT(log.str(), HasSubstr("[mpegParseLib:Error] Invalid Frame Rate Code -1 in Function:  fps"));
+}
+
+TEST_F(Duration, FollowsTheFlagInPrintAndTheRateInCount) {
+    EXPECT_EQ(duration(0, 90'090 * 60LL, 4, false), Result(0, "00:01:00:02"));
+    EXPECT_EQ(duration(0, 90'000, 3, true), Result(0, "00:00:01;00"));
+}
+
+TEST_F(Duration, ThatFailsLeavesTheTimecodeAsItWas) {
+    maker.tables({{0x02, VIDEO}});
+    picture(9000, 7200);
+    picture(7200, 3600);
+    const std::string backwards = write();
+    for (const std::string& path : {backwards, directory.path("missing")}) {
+        mpeg_timecode out(1, 2, 3, 4, false, 3);
+        EXPECT_GT(MpegWrapper::GetDuration(path.c_str(), false, 5, out), 20'000);
+        EXPECT_TRUE(out == mpeg_timecode(1, 2, 3, 4, false, 3)) << path;
+    }
+}
+
+TEST_F(Duration, OfMoreThanADayWrapsIntoIt) {
+    EXPECT_EQ(duration(0, 90'000 * 90'000LL, 3), Result(0, "01:00:00:00")) << "25 hours";
+}
+
 } // namespace

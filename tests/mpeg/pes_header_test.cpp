@@ -2,6 +2,7 @@
 #include "mpeg/mpeg2.h"
 
 #include <algorithm>
+#include <array>
 #include <gtest/gtest.h>
 #include <vector>
 
@@ -128,6 +129,130 @@ TEST(PesHeader, ReadingBothGivesZeroForWhatIsNotThere) {
         EXPECT_EQ(pts, flags >= 2 ? 40 : 0);
         EXPECT_EQ(dts, flags == 3 ? 80 : 0) << "the raw form knows only the two proper values";
     }
+}
+
+TEST(PesHeader, PacketLengthsAtTheirEnds) {
+    Header pes(2);
+    const struct {
+        int total;
+        int coded;
+        int read;
+    } rows[] = {
+        {7, 1, 7},
+        {6, 0, 0}, // a packet of nothing but its first six bytes looks unbounded
+        {0xFFFF + 6, 0xFFFF, 0xFFFF + 6},
+        {0xFFFF + 7, 0, 0}, // more than the field holds: its low 16 bits
+        {1, 0xFFFB, 0xFFFB + 6},
+        {0, 0, 0},
+        {-1, 0xFFFF, 0xFFFF + 6}, // stored as it is
+    };
+    for (const auto& row : rows) {
+        MPEG::PES::set_packet_length(pes.view, row.total);
+        EXPECT_EQ(pes.bytes[4] << 8 | pes.bytes[5], row.coded) << row.total;
+        EXPECT_EQ(MPEG::PES::get_packet_length(pes.view), row.read) << row.total;
+    }
+    EXPECT_EQ(pes.bytes[3], 0xE0) << "and no byte beside it";
+    EXPECT_EQ(pes.bytes[6], 0x80);
+}
+
+TEST(PesHeader, ItsLengthIsThatOfItsDataAndNineBytes) {
+    Header pes(2);
+    for (const int data : {0, 5, 10, 255}) {
+        pes.bytes[8] = static_cast<unsigned char>(data);
+        EXPECT_EQ(MPEG::PES::header_length(pes.view), data + 9);
+    }
+}
+
+TEST(PesHeader, ATimestampFieldIsDecodedWhereverItStands) {
+    // 0x1ABCDEF12: bits 32..30 | 29..15 | 14..0, each group followed by a marker bit.
+    const std::int64_t ticks = 0x1ABCDEF12;
+    Bytes field{static_cast<unsigned char>(0x21 | (ticks >> 30) << 1),
+                static_cast<unsigned char>(ticks >> 22),
+                static_cast<unsigned char>((ticks >> 15 & 0x7F) << 1 | 1),
+                static_cast<unsigned char>(ticks >> 7), static_cast<unsigned char>((ticks & 0x7F) << 1 | 1)};
+    array_byte_sequence view(field.data(), 5);
+    EXPECT_EQ(MPEG::PES::get_TS(view), PTS::from_ticks(ticks));
+    EXPECT_EQ(MPEG::PES::get_TS(view), ticks * 4) << "in quarters of a tick";
+
+    Header pes(3);
+    MPEG::PES::set_PTS(pes.view, PTS::from_ticks(11));
+    MPEG::PES::set_DTS(pes.view, PTS::from_ticks(22));
+    EXPECT_EQ(MPEG::PES::get_TS(constsubsequence(pes.view, 9)), PTS::from_ticks(11));
+    EXPECT_EQ(MPEG::PES::get_TS(constsubsequence(pes.view, 14)), PTS::from_ticks(22));
+}
+
+TEST(PesHeader, ATimestampFieldIsDecodedWithoutRegardToPrefixAndMarkers) {
+    Bytes field{0xF0, 0, 0, 0, 0};
+    array_byte_sequence view(field.data(), 5);
+    EXPECT_EQ(MPEG::PES::get_TS(view), 0);
+    field = {0x0F, 0xFF, 0xFF, 0xFF, 0xFF};
+    EXPECT_EQ(MPEG::PES::get_TS(view), PTS::from_ticks(0x1FFFFFFFF));
+    field = {0x0E, 0xFF, 0xFE, 0xFF, 0xFE};
+    EXPECT_EQ(MPEG::PES::get_TS(view), PTS::from_ticks(0x1FFFFFFFF)) << "whose markers are 0";
+}
+
+TEST(PesHeader, ADtsThroughAViewKeepsPrefixAndMarkersAndThePts) {
+    Header pes(3);
+    const Bytes before = pes.bytes;
+    pes.bytes[14] = 0xA0; // odd prefix, no markers
+    pes.bytes[16] = 0x00;
+    pes.bytes[18] = 0x00;
+    MPEG::PES::set_DTS(pes.view, PTS::from_ticks(0x1FFFFFFFF));
+    EXPECT_EQ(Bytes(pes.bytes.begin() + 14, pes.bytes.begin() + 19), Bytes({0xAE, 0xFF, 0xFE, 0xFF, 0xFE}));
+    MPEG::PES::set_DTS(pes.view, PTS::from_ticks(0));
+    EXPECT_EQ(Bytes(pes.bytes.begin() + 14, pes.bytes.begin() + 19), Bytes({0xA0, 0, 0, 0, 0}));
+    EXPECT_TRUE(std::equal(before.begin(), before.begin() + 14, pes.bytes.begin()));
+    EXPECT_TRUE(std::equal(before.begin() + 19, before.end(), pes.bytes.begin() + 19));
+}
+
+TEST(PesHeader, ADtsWrittenRawHasItsPrefixAndMarkersWhateverStoodThere) {
+    for (const unsigned char old : std::to_array<unsigned char>({0x00, 0xFF})) {
+        Header pes(3);
+        std::fill_n(pes.bytes.begin() + 9, 10, old);
+        MPEG::PES::set_DTS(pes.bytes.data(), PTS::from_ticks(0x1FFFFFFFF));
+        EXPECT_EQ(Bytes(pes.bytes.begin() + 14, pes.bytes.begin() + 19),
+                  Bytes({0x1F, 0xFF, 0xFF, 0xFF, 0xFF}));
+        MPEG::PES::set_DTS(pes.bytes.data(), PTS::from_ticks(0));
+        EXPECT_EQ(Bytes(pes.bytes.begin() + 14, pes.bytes.begin() + 19), Bytes({0x11, 0, 0x01, 0, 0x01}));
+        EXPECT_EQ(Bytes(pes.bytes.begin() + 9, pes.bytes.begin() + 14), Bytes(5, old)) << "not the PTS";
+    }
+}
+
+TEST(PesHeader, APtsWrittenRawHasTheLonePrefixUnlessBothFlagsAreSet) {
+    for (const int flags : {0, 1, 2, 3}) {
+        Header pes(flags);
+        MPEG::PES::set_PTS(pes.bytes.data(), 0);
+        EXPECT_EQ(pes.bytes[9], flags == 3 ? 0x31 : 0x21) << flags;
+    }
+}
+
+TEST(PesHeader, TimestampsAreWrittenWhateverTheFlagsSay) {
+    Header pes(0);
+    MPEG::PES::set_PTS(pes.view, PTS::from_ticks(5));
+    MPEG::PES::set_DTS(pes.view, PTS::from_ticks(6));
+    EXPECT_EQ(MPEG::PES::get_PTS(pes.view), -1);
+    EXPECT_EQ(MPEG::PES::get_TS(constsubsequence(pes.view, 9)), PTS::from_ticks(5));
+    EXPECT_EQ(MPEG::PES::get_TS(constsubsequence(pes.view, 14)), PTS::from_ticks(6));
+}
+
+TEST(PesHeader, ValuesWrapAtThirtyThreeBits) {
+    Header pes(3);
+    MPEG::PES::set_PTS(pes.view, PTS::from_ticks(0x200000007));
+    EXPECT_EQ(MPEG::PES::get_PTS(pes.view), PTS::from_ticks(7));
+    MPEG::PES::set_DTS(pes.view, PTS::from_ticks(-1));
+    EXPECT_EQ(MPEG::PES::get_DTS(pes.view), PTS::from_ticks(0x1FFFFFFFF));
+}
+
+TEST(PesHeader, RawReadersNeedOnlyTheirOwnFlagBits) {
+    Header pes(1); // forbidden
+    MPEG::PES::set_DTS(pes.view, PTS::from_ticks(6));
+    EXPECT_EQ(MPEG::PES::get_PTS(pes.bytes.data()), -1);
+    EXPECT_EQ(MPEG::PES::get_DTS(pes.bytes.data()), -1);
+    PTS pts = 99;
+    MPEG::PES::get_PTS(pes.view, &pts);
+    EXPECT_EQ(pts, -1) << "an absent one is stored as such";
+    pes.bytes[7] |= 0x3F; // what stands beside the flags does not matter
+    EXPECT_EQ(MPEG::PES::PTS_DTS_flag(pes.view), 1);
 }
 
 } // namespace

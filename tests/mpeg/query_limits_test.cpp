@@ -206,4 +206,39 @@ TEST_F(QueryLimits, APipeWhoseWriterIsSilentHasNoTimesAndNoPackets) {
     close(reader);
 }
 
+// --- continuity failures on the way
+
+TEST_F(QueryLimits, AContinuityFailureIsToldByTheCheckerAndByTheDimensionsOnly) {
+    gops(1);
+    maker.skipCounter(VIDEO);
+    gop();
+    gop();
+    std::string path = write();
+    const auto logged = [](const auto& query) {
+        LogUtil::GetInstance()->setDefaultLogLevel(BaseLogger::Debug);
+        const CapturedLog log;
+        query();
+        return log.text();
+    };
+    MpegWrapper::videoProfile profile{};
+    MpegWrapper::videoLevel level{};
+    int width = 0;
+    int height = 0;
+    const std::string checker = "[mpegParseLib:Info] ContinuityNazi: error in countinuity counter!\r\n";
+    const std::string line = "[captureEngLib:Debug] Continuity error: expected ";
+    for (const std::string& text :
+         {logged([&] { MpegWrapper::GetVideoType(path.c_str()); }),
+          logged([&] { MpegWrapper::GetFrameRateFromFile(path.c_str()); }),
+          logged([&] { MpegWrapper::GetMpeg2VideoProfileAndLevel(path.c_str(), profile, level); })}) {
+        EXPECT_THAT(text, testing::HasSubstr(checker));
+        EXPECT_THAT(text, testing::HasSubstr("[mpegParseLib:Debug] PredictCC = "));
+        EXPECT_THAT(text, testing::Not(testing::HasSubstr(line)));
+    }
+    const std::string text = logged([&] { grab_video_header::getDimensions(path.data(), width, height, 0); });
+    EXPECT_THAT(text, testing::HasSubstr(checker));
+    EXPECT_THAT(text, testing::HasSubstr(line));
+    EXPECT_EQ(width, 720) << "and nothing else comes of it";
+    EXPECT_EQ(level, MpegWrapper::levelMain);
+}
+
 } // namespace

@@ -255,3 +255,48 @@ TEST(VtrCounting, ExtremeFramesDoNotOverflow) {
     tc.NormalizeFromVtr();
     EXPECT_EQ(tc.frames, 0);
 }
+
+TEST(VtrCounting, CodesOutsideTheTableFollowTheSameComparisons) {
+    const struct {
+        int code;
+        bool normalizes, converts;
+    } rows[] = {{INT_MIN, false, false}, {-1, false, false}, {0, false, false},    {5, false, false},
+                {6, true, true},         {9, true, true},    {INT_MAX, true, true}};
+    for (const auto& row : rows) {
+        mpeg_timecode tc;
+        tc.frameRateCode = row.code;
+        tc.frames = 10;
+        tc.NormalizeFromVtr();
+        EXPECT_EQ(tc.frames, row.normalizes ? 20 : 10) << row.code;
+        tc.NormalizeToVtr();
+        EXPECT_EQ(tc.frames, 10) << row.code;
+        tc.UpConvert(2);
+        EXPECT_EQ(tc.frames, row.converts ? 20 : 10) << row.code;
+        tc.DownConvert(2);
+        EXPECT_EQ(tc.frames, 10) << row.code;
+    }
+}
+
+TEST(VtrCounting, OnlyTheFramesChange) {
+    mpeg_timecode tc(1, 2, 3, 7, true, 7);
+    tc.NormalizeFromVtr();
+    EXPECT_EQ(fields(tc), "1 2 3 14 1 7");
+    tc.UpConvert(2);
+    EXPECT_EQ(fields(tc), "1 2 3 28 1 7") << "and past the second's end without a carry";
+    tc.UpConvert(2);
+    tc.UpConvert(2);
+    EXPECT_EQ(fields(tc), "1 2 3 112 1 7");
+}
+
+TEST(FromSeconds, OfNegativeSecondsKeepsTheirSignsButWrapsTheHours) {
+    EXPECT_EQ(fields(mpeg_timecode::from_seconds(-1, false, 3)), "0 0 -1 0 0 3");
+    EXPECT_EQ(fields(mpeg_timecode::from_seconds(-3661, false, 3)), "23 -1 -1 0 0 3");
+}
+
+TEST(Text, FillsItsFieldWithLeadingZerosAndSigns) {
+    mpeg_timecode tc(0, 0, 0, 0, false, 3);
+    tc.hours = 100;
+    tc.minutes = -1;
+    EXPECT_STREQ(tc.windows_string(), "100:-1:00:00");
+    static_assert(sizeof tc.text >= 12, "eleven characters and a terminator");
+}
