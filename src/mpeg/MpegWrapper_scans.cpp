@@ -60,8 +60,8 @@ double rate_of(const unsigned char* sequence_header) {
 }
 
 // Two fields a frame (ITU-T H.264, E.2.1). A parameter set whose parsing ended before its timing (one whose
-// pic_order_cnt_type is not 0) has -1 in both fields and comes to half a frame a second: callers know that rate
-// as the sign of it.
+// pic_order_cnt_type is not 0) has -1 in both fields and comes to half a frame a second: callers know that
+// rate as the sign of it.
 double rate_of(const H264::SequenceParameterSet& sps) {
     if (sps.num_units_in_tick == 0)
         return 0.0;
