@@ -1,0 +1,81 @@
+// Requests that wait for their turn at one deck.
+#include "deckctrl/DeckPort.h"
+#include "deckctrl/deck_bench.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+
+using namespace deck_test;
+using kestrel::deck::AnswerBox;
+using kestrel::deck::DeckPort;
+using testing::HasSubstr;
+
+namespace {
+
+class Port : public testing::Test {
+protected:
+    void begin() { port.emplace(tape.simulator->device(), timing, answers); }
+    // The first one has reached the deck, which does not answer it.
+    void occupy() {
+        tape.simulator->order("silent");
+        ASSERT_TRUE(port->submit(request(kestrel::vtrCurrentTime, "COM1")));
+        ASSERT_TRUE(eventually([&] { return !tape.simulator->received().empty(); }));
+    }
+    std::optional<_VTRCmdData> next() {
+        for (;;) {
+            if (auto answer = answers.take())
+                return answer;
+            pollfd entry{answers.fd(), POLLIN, 0};
+            if (poll(&entry, 1, 20'000) != 1)
+                return std::nullopt;
+            answers.clear();
+        }
+    }
+
+    Timing timing;
+    SimulatedDeck tape;
+    AnswerBox answers;
+    std::optional<DeckPort> port;
+};
+
+TEST_F(Port, OneThatWaitedTooLongIsNotSent) {
+    timing.reply = 100ms;
+    timing.stale = 200ms;
+    begin();
+    occupy();
+    ASSERT_TRUE(port->submit(request(kestrel::vtrTransport, "COM1", kestrel::vtrPlayCode)));
+    EXPECT_EQ(next()->errorCode, 20080);
+    const auto late = next();
+    ASSERT_TRUE(late);
+    EXPECT_EQ(late->errorCode, 20063);
+    EXPECT_EQ(textOf(*late),
+              "Error: Timeout waiting for response from VTR. (command 0 to VTR at COM1 waited 0 s for "
+              "its turn and was not sent)");
+    tape.simulator->order("well");
+    ASSERT_TRUE(port->submit(request(kestrel::vtrCurrentTime, "COM1")));
+    EXPECT_EQ(next()->errorCode, 0);
+    EXPECT_THAT(tape.commands(), testing::Not(testing::Contains(Code::play)));
+}
+
+TEST_F(Port, MoreThanItCanHoldAreRefused) {
+    timing.reply = 10s;
+    begin();
+    occupy();
+    for (std::size_t i = 0; i < kestrel::deck::waitingRequests; ++i)
+        EXPECT_TRUE(port->submit(request(kestrel::vtrCurrentTime, "COM1")));
+    EXPECT_FALSE(port->submit(request(kestrel::vtrCurrentTime, "COM1")));
+    // All are answered when it ends.
+    port.reset();
+    for (std::size_t i = 0; i <= kestrel::deck::waitingRequests; ++i)
+        EXPECT_THAT(textOf(*next()), HasSubstr("the deck process ends"));
+}
+
+TEST_F(Port, ItEndsWhileItWaits) {
+    begin();
+    port->stop();
+    port.reset();
+    EXPECT_FALSE(answers.take());
+}
+
+} // namespace

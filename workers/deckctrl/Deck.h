@@ -1,0 +1,65 @@
+// One tape deck: what requests mean in the 9-pin protocol, and what a deck's replies mean to who asked.
+#pragma once
+
+#include "DeckLine.h"
+#include "Failure.h"
+#include "Limits.h"
+#include "foundation/QueueMessages.h"
+
+#include <string>
+#include <variant>
+
+namespace kestrel::deck {
+
+// Used by one thread. The line is opened by the first request, and again after it was lost.
+class Deck {
+public:
+    // device: path of the serial port. stopFd ends a wait for the deck when it becomes readable; -1 for none.
+    Deck(std::string device, const Timing& timing, int stopFd)
+        : m_timing(timing), m_line(std::move(device), timing, stopFd) {}
+
+    // Carries a request out and fills its answer in: error code and text, time, seeking flag. All else in the
+    // record stays as it was.
+    void carryOut(_VTRCmdData& record);
+
+private:
+    using MaybeProblem = std::optional<Problem>;
+    using MaybeStatus = std::variant<std::optional<Status>, Problem>;
+    using Time = std::variant<TapeTime, Problem>;
+
+    // A cue-up that was begun here and has not ended yet.
+    struct Seek {
+        std::string target; // as the request named it
+        TapeTime time;
+        Clock::time_point begun;
+        std::optional<Clock::time_point> standing; // since then the tape has not moved
+    };
+
+    [[nodiscard]] MaybeFailure perform(_VTRCmdData& record);
+    [[nodiscard]] MaybeProblem transport(const Block& block, const std::string& name);
+    [[nodiscard]] MaybeProblem goTo(const std::string& target);
+    [[nodiscard]] MaybeProblem currentTime(_VTRCmdData& record);
+    [[nodiscard]] MaybeProblem isSeeking(bool& seeking);
+    [[nodiscard]] MaybeProblem followSeek(const Status& status, bool& seeking);
+
+    // Whether the deck takes commands over the line and has a tape.
+    [[nodiscard]] MaybeProblem ready();
+    // Nothing where a deck has no status sense.
+    [[nodiscard]] MaybeStatus status();
+    [[nodiscard]] Time readTime();
+
+    const Timing m_timing;
+    std::string m_port; // name in the request that is being carried out
+    DeckLine m_line;
+    int m_connection = 0; // that the time source below is of
+    TimeSource m_source = TimeSource::asDeckReads;
+    std::optional<Seek> m_seek;
+};
+
+// Why no deck can carry this request out: its command kind or transport code is unknown.
+[[nodiscard]] MaybeFailure unknownIn(const _VTRCmdData& record);
+
+// Makes the record an answer: nothing is success.
+void setResult(_VTRCmdData& record, const MaybeFailure& failure);
+
+} // namespace kestrel::deck
