@@ -1,6 +1,7 @@
 // The verifications: run at once for a client that waits, or queued like any other job.
 #include "foundation/ErrorCodes.h"
 #include "foundation/FixedText.h"
+#include "foundation/Logger.h"
 #include "jobs/JobLauncher.h"
 #include "service/ManagerLib.h"
 #include "service/RequestMessages.h"
@@ -18,6 +19,7 @@ int CManagerLib::AddVerifierJob(VerifierRequest* request) {
     }
     if (job.property < VerifierJob::SHORT_PROPERTIES || request->blocking)
         return runVerification(*request, job);
+    job.removeOldReport();
     VerifierJob* const queued = m_jobQueue.AddVerifierJob(job);
     queued->setGuid(request->guid);
     return launchJob(*queued, m_settings.verifierExe, queued->getCmdLine(m_settings.verifierExe), false,
@@ -28,6 +30,7 @@ int CManagerLib::AddVerifierJob(VerifierRequest* request) {
 int CManagerLib::runVerification(VerifierRequest& request, VerifierJob& job) {
     job.setId(m_jobQueue.incNextId());
     job.setGuid(request.guid);
+    job.removeOldReport();
     if (const int result = launchJob(job, m_settings.verifierExe, job.getCmdLine(m_settings.verifierExe),
                                      true, request.errorText);
         result != 0)
@@ -39,11 +42,16 @@ int CManagerLib::runVerification(VerifierRequest& request, VerifierJob& job) {
         return result;
     }
     if (job.state() == Job::ERROR) {
+        // Whatever its report says: a worker that failed has not verified the file. A list of validation
+        // errors may be empty, which would tell the client nothing.
         const int result = job.getJobResults(request.errorText, sizeof request.errorText);
-        // Whatever its report says: a worker that failed has not verified the file.
+        if (request.errorText[0] == '\0')
+            kestrel::copyText(request.errorText, job.failureText());
         return result != 0 ? result : static_cast<int>(kestrel::error::mpegPropertyFailed);
     }
     // Silent for too long, or the service is ending: nobody knows the answer.
-    kestrel::copyText(request.errorText, LOG_MSG(kestrel::error::jobTimeout));
+    const char* const text = LOG_MSG(kestrel::error::jobTimeout);
+    LogUtil::Error("ManagerLib", "%s", text);
+    kestrel::copyText(request.errorText, text);
     return static_cast<int>(kestrel::error::jobTimeout);
 }

@@ -3,15 +3,18 @@
 #include "foundation/ErrorCodes.h"
 #include "foundation/FileUtil.h"
 #include "foundation/FixedText.h"
+#include "foundation/Logger.h"
 #include "foundation/StringUtil.h"
 #include "verifier/VerifierXml.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <iterator>
 #include <span>
 #include <string>
 #include <string_view>
+#include <unistd.h>
 
 const char* const VerifierJob::PropertyNameStr[PROPERTY_COUNT] = {
     "QUICK",
@@ -64,6 +67,8 @@ const char* const VerifierJob::ValidationErrorEnabledStr[RULE_COUNT] = {
 };
 
 namespace {
+
+constexpr const char* MODULE = "JobMgmt";
 
 std::span<char> buffer(char* out, int size) {
     return {out, out != nullptr && size > 0 ? static_cast<std::size_t>(size) : 0};
@@ -171,8 +176,10 @@ int VerifierJob::validate() {
         kestrel::copyText(text, LOG_MSG(code = kestrel::error::noOutputFile));
     else if (property == -1)
         kestrel::copyText(text, LOG_MSG(code = kestrel::error::invalidMpegProperty));
-    if (code != 0)
+    if (code != 0) {
         setResults(text);
+        LogUtil::Error(MODULE, "%s", text);
+    }
     return static_cast<int>(code);
 }
 
@@ -196,11 +203,23 @@ int VerifierJob::getJobResults(char* out, int capacity) {
     const int code = readAnswer(out, capacity);
     if (code == 0)
         return 0;
-    kestrel::copyText(answer, LOG_MSG(code));
+    const std::string text = failureText();
+    LogUtil::Error(MODULE, "%s", text.c_str());
+    kestrel::copyText(answer, text);
+    return code;
+}
+
+std::string VerifierJob::failureText() {
+    std::string text = LOG_MSG(kestrel::error::mpegPropertyFailed);
     // What a worker said of its failure is the reason why there is no report.
     if (const std::string reason = resultsText(); state() == ERROR && !reason.empty())
-        kestrel::appendText(answer, " " + reason);
-    return code;
+        text += " " + reason;
+    return text;
+}
+
+void VerifierJob::removeOldReport() const {
+    if (unlink(reportFilename) != 0 && errno != ENOENT && errno != ENOTDIR)
+        LogUtil::Warning(MODULE, "The old report %s cannot be removed: errno %d", reportFilename, errno);
 }
 
 int VerifierJob::readAnswer(char* out, int capacity) {

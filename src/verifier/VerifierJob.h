@@ -6,6 +6,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 class VerifierXml;
 
@@ -28,20 +29,29 @@ public:
     VerifierJob(const char* fileName, const char* reportDir, const char* guid, const char* propertyName,
                 int duration, bool blocking, bool returnReportXml, const char* disabledRules, int numAudios,
                 const char* audioPlaceholder);
+    // Every field is copied, and reportFilename made anew.
     VerifierJob(const VerifierJob& other);
     VerifierJob& operator=(const VerifierJob& other);
     ~VerifierJob() override;
 
+    // A new copy, which the caller owns.
     VerifierJob* clone() const override;
     // 0; 10013 without a file name, 10014 when there is no such file, 10012 without a report directory, 10025
-    // for an unknown property. The text is in results.
+    // for an unknown property. The text is in results and in the log.
     int validate() override;
+    // The worker's command line, exe first; kept in cmdLine. Names with blanks are quoted, since the launcher
+    // splits the line at blanks.
     const char* getCmdLine(const char* exe) override;
     // The answer from the report: a value, a list of name=value pairs that each end in a tab, the
-    // validation errors (empty: the file passed), or the report's path. 0, or 10026 with its text in out.
+    // validation errors (empty: the file passed), or the report's path. 0, or 10026 with its text in out and
+    // in the log; behind it stands what a worker that failed said.
     int getJobResults(char* out, int capacity) override;
+    // What getJobResults answers where it fails.
+    [[nodiscard]] std::string failureText();
+    // Removes a report that an earlier job of that GUID left, so that it is not taken for this job's.
+    void removeOldReport() const;
 
-    // Index of the exact name, -1 when there is none.
+    // Index of the exact name in PropertyNameStr, and in ValidationErrorEnabledStr; -1 when there is none.
     static int getPropertyName(const char* name);
     static int getValidationErrorFlag(const char* name);
     // Switches the named rules off; unknown names are ignored.
@@ -60,16 +70,17 @@ public:
     // out.
     static void pushProperty(const char* name, const char* value, char* out, int capacity, int& length);
 
-    char fileName[261] = {};
-    char reportDir[261] = {};
-    char reportFilename[600] = {};
-    std::int32_t property = -1; // index into PropertyNameStr; -1: unknown
-    std::int32_t duration = 0;  // seconds
-    bool blocking = false;
-    bool returnReportXml = false;
-    bool validationErrorEnabled[RULE_COUNT];
-    std::int32_t numAudios = 0;
-    char audioPlaceholder[260] = {};
+    char fileName[261] = {};                 // the transport stream to verify
+    char reportDir[261] = {};                // for reports, with its trailing separator
+    char reportFilename[600] = {};           // full path of the report
+    std::int32_t property = -1;              // index into PropertyNameStr; -1: unknown
+    std::int32_t duration = 0;               // seconds that a short analysis reads
+    bool blocking = false;                   // the request waits for the answer
+    bool returnReportXml = false;            // the answer is the report's path
+    bool validationErrorEnabled[RULE_COUNT]; // by index in ValidationErrorEnabledStr; true: the rule is
+                                             // checked
+    std::int32_t numAudios = 0;              // audio groups that a list has at least
+    char audioPlaceholder[260] = {};         // the value of groups that the file lacks
 
 private:
     int readAnswer(char* out, int capacity);

@@ -5,6 +5,7 @@
 #include "verifier/VerifierJob.h"
 #include "verifier/VerifierXml.h"
 
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <span>
@@ -53,8 +54,10 @@ constexpr int STEREO_KBPS = 192;
 constexpr int SURROUND_KBPS = 384;
 constexpr int SAMPLING_HZ = 48'000;
 
-int integerOf(const char* text) {
-    return text == nullptr ? 0 : static_cast<int>(std::strtol(text, nullptr, 10));
+// The decimal number at the beginning of a text, held at the limits of long; 0 when there is none. Not cut to
+// 32 bits: 4294967776 is no 480.
+long integerOf(const char* text) {
+    return text == nullptr ? 0 : std::strtol(text, nullptr, 10);
 }
 
 double numberOf(const char* text) {
@@ -96,7 +99,7 @@ private:
     }
 
     void checkGop() {
-        const int length = integerOf(m_report.getGopLength());
+        const long length = integerOf(m_report.getGopLength());
         if (integerOf(m_report.getVideoFrameRate()) > FILM_RATE) {
             if (enabled(GOP_LENGTH_NOT_24) && length != VIDEO_GOP_LENGTH)
                 say("The GOP length must be 15.\t");
@@ -135,7 +138,7 @@ private:
             if (enabled(FIRST_AUDIO_PID) && pid != SPECIFIED_AUDIO_PID)
                 say("The first audio PID in the file " + m_file +
                     " must start at 482 Decimal or 0x1E2 Hex.\t");
-        } else if (enabled(AUDIO_PIDS_IN_ORDER) && m_lastPid + 1 != pid) {
+        } else if (enabled(AUDIO_PIDS_IN_ORDER) && std::int64_t{m_lastPid} + 1 != pid) {
             // The only message without a tab behind it; clients have learnt to live with that.
             say("The audio PIDs in the file " + m_file +
                 " must start at 482 and increment by 1.  The last PID was " + m_lastPidText +

@@ -1,18 +1,15 @@
 // The verifier's pieces by themselves.
-#include "flowscope/AudioTrack.h"
 #include "flowscope/ClockCheck.h"
 #include "flowscope/Findings.h"
 #include "flowscope/GopStatistics.h"
 #include "flowscope/Options.h"
 #include "flowscope/RateProfile.h"
 #include "flowscope/ReportValues.h"
-#include "flowscope/VideoTrack.h"
-#include "mpeg/ts_maker.h"
+#include "flowscope/VideoTimes.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <memory>
-#include <random>
+#include <map>
 
 using namespace kestrel::flowscope;
 using testing::HasSubstr;
@@ -61,109 +58,6 @@ TEST(CommandLine, SaysWhatIsWrongWithIt) {
                   std::string("-duration ") + bad + ": expected a number of seconds from 1 on");
 }
 
-// --- audio frames
-
-Bytes ac3Frame(int acmod, bool lfe) {
-    Bytes frame{0x0B, 0x77, 0, 0, 0x1C, 0x40, 0, 0}; // 48 kHz, 384 kb/s
-    BitString bits;
-    bits.u(3, static_cast<unsigned>(acmod));
-    if ((acmod & 1) != 0 && acmod != 1)
-        bits.u(2, 0);
-    if ((acmod & 4) != 0)
-        bits.u(2, 0);
-    if (acmod == 2)
-        bits.u(2, 0);
-    bits.u(1, lfe);
-    const Bytes tail = bits.bytes();
-    std::copy(tail.begin(), tail.begin() + static_cast<long>(std::min<std::size_t>(tail.size(), 2)),
-              frame.begin() + 6);
-    frame.resize(1536, 0x55);
-    return frame;
-}
-
-TEST(AudioFrames, EveryAc3ModeHasItsChannels) {
-    const int channels[] = {2, 1, 2, 3, 3, 4, 4, 5};
-    const char* const modes[] = {"1+1", "1/0", "2/0", "3/0", "2/1", "3/1", "2/2", "3/2"};
-    for (int acmod = 0; acmod < 8; ++acmod)
-        for (const bool lfe : {false, true}) {
-            const auto format = readAudioFrame(AudioCodec::ac3, ac3Frame(acmod, lfe));
-            ASSERT_TRUE(format) << acmod;
-            EXPECT_EQ(format->channels, channels[acmod]);
-            EXPECT_EQ(format->lowFrequency, lfe) << acmod;
-            EXPECT_EQ(format->mode, std::string(modes[acmod]) + (lfe ? " LFE" : ""));
-            EXPECT_EQ(format->bitRate, 384'000);
-            EXPECT_EQ(format->samplingRate, 48'000);
-            EXPECT_EQ(format->frameBytes, 1536U);
-        }
-}
-
-TEST(AudioFrames, MpegLayersHaveTheirSizes) {
-    // Layer II, 48 kHz, 192 kb/s, joint stereo.
-    const Bytes layer2{0xFF, 0xFD, 0xA4, 0x40};
-    const auto format = readAudioFrame(AudioCodec::mpeg, layer2);
-    ASSERT_TRUE(format);
-    EXPECT_EQ(format->bitRate, 192'000);
-    EXPECT_EQ(format->samplingRate, 48'000);
-    EXPECT_EQ(format->frameBytes, 576U);
-    EXPECT_EQ(format->mode, "joint stereo");
-    const Bytes layer3{0xFF, 0xFB, 0x90, 0xC0}; // 44.1 kHz, 128 kb/s, mono
-    EXPECT_EQ(readAudioFrame(AudioCodec::mpeg, layer3)->frameBytes, 417U);
-    EXPECT_EQ(readAudioFrame(AudioCodec::mpeg, layer3)->channels, 1);
-    const Bytes layer1{0xFF, 0xFF, 0x88, 0x00}; // 32 kb/s steps: 256 kb/s, 32 kHz
-    EXPECT_EQ(readAudioFrame(AudioCodec::mpeg, layer1)->samples, 384);
-}
-
-TEST(AudioFrames, WhatIsNoHeaderIsNone) {
-    for (const AudioCodec codec :
-         {AudioCodec::ac3, AudioCodec::eac3, AudioCodec::mpeg, AudioCodec::aac, AudioCodec::unknown}) {
-        EXPECT_FALSE(readAudioFrame(codec, {}));
-        EXPECT_FALSE(readAudioFrame(codec, Bytes(8, 0)));
-        EXPECT_FALSE(readAudioFrame(codec, Bytes(8, 0xFF)));
-    }
-    const Bytes whole = ac3Frame(2, false);
-    for (std::size_t length = 0; length < 8; ++length)
-        EXPECT_FALSE(
-            readAudioFrame(AudioCodec::ac3, Bytes(whole.begin(), whole.begin() + static_cast<long>(length))));
-}
-
-TEST(AudioFrames, ATrackFindsThemWhereverTheyAreCut) {
-    Bytes stream = filler(100);
-    for (int i = 0; i < 20; ++i)
-        stream = stream + ac3Frame(7, true);
-    for (const std::size_t piece : {std::size_t{1}, std::size_t{7}, std::size_t{184}, stream.size()}) {
-        AudioTrack track(AudioCodec::ac3);
-        for (std::size_t at = 0; at < stream.size(); at += piece)
-            track.feed(std::span(stream).subspan(at, std::min(piece, stream.size() - at)));
-        EXPECT_EQ(track.frames(), 20U) << piece;
-        EXPECT_EQ(track.format().allChannels(), 6);
-        EXPECT_EQ(track.bitsPerSecond(), 384'000);
-        EXPECT_EQ(track.formatChanges(), 0U);
-    }
-}
-
-TEST(AudioFrames, AChangeOfFormatIsCounted) {
-    AudioTrack track(AudioCodec::ac3);
-    track.feed(ac3Frame(7, true));
-    track.feed(ac3Frame(2, false));
-    track.feed(ac3Frame(7, true));
-    EXPECT_EQ(track.formatChanges(), 1U);
-    EXPECT_EQ(track.format().channels, 5) << "the first one's";
-}
-
-TEST(AudioFrames, RandomBytesEnd) {
-    std::mt19937 random(4);
-    for (const AudioCodec codec : {AudioCodec::ac3, AudioCodec::eac3, AudioCodec::mpeg, AudioCodec::aac}) {
-        AudioTrack track(codec);
-        for (int i = 0; i < 2000; ++i) {
-            Bytes bytes(random() % 300);
-            for (unsigned char& byte : bytes)
-                byte = static_cast<unsigned char>(random() % 8 == 0 ? 0xFF : random());
-            track.feed(bytes);
-        }
-        EXPECT_GE(track.bitsPerSecond(), 0);
-    }
-}
-
 // --- groups of pictures
 
 GopStatistics gops(const std::string& coded) {
@@ -203,8 +97,10 @@ TEST(Gops, ThatDifferAreAdaptive) {
         << "of one size, but of another order";
 }
 
-TEST(Gops, OfAStreamWithOnlyOneIsWhatThereIs) {
+TEST(Gops, OfAStreamWithoutAWholeOneAreTheLongestThatThereIs) {
     EXPECT_EQ(gops("IPPPP").size(), 5);
+    EXPECT_EQ(gops("IPPPPIPP").size(), 5) << "the first, although it may lack B frames";
+    EXPECT_EQ(gops("IPPIPPBB").size(), 5) << "the last, although it may be cut";
     EXPECT_EQ(gops("").size(), 0);
 }
 
@@ -229,23 +125,67 @@ TEST(Clock, TheWrapIsNoJump) {
     for (int i = -50; i < 50; ++i)
         clock.reference((TURN + i * 40 * MS) % TURN, i);
     EXPECT_EQ(clock.jumps(), 0U);
-    EXPECT_NEAR(clock.jitterUs(), 0, 1e-6);
+    EXPECT_NEAR(clock.jitterUs().value_or(-1), 0, 1e-6);
     EXPECT_NEAR(clock.longestIntervalMs(), 40, 1e-6);
 }
 
-TEST(Clock, JumpsAreCounted) {
+TEST(Clock, JumpsAreCountedAndAnnouncedOnesAreNone) {
     ClockCheck clock;
     clock.reference(1000 * MS, 0);
     clock.reference(5000 * MS, 1);
     clock.reference(100 * MS, 2);
     EXPECT_EQ(clock.jumps(), 2U);
+    clock.reference(9000 * MS, 3, true);
+    EXPECT_EQ(clock.jumps(), 2U);
+    EXPECT_EQ(clock.newTimeBases(), 1U);
+    EXPECT_EQ(clock.longestIntervalMs(), 0);
+}
+
+// References every 40 ms in every hundredth packet, that one off by so many ticks.
+void addSteady(ClockCheck& clock, int count, std::int64_t time, std::int64_t packet, int off = -1,
+               int ticks = 0) {
+    for (int i = 0; i < count; ++i)
+        clock.reference(time + i * 40 * MS + (i == off ? ticks : 0), packet + i * 100);
 }
 
 TEST(Clock, JitterIsTheDistanceFromAConstantRate) {
     ClockCheck clock;
-    for (int i = 0; i <= 100; ++i)
-        clock.reference(i * 40 * MS + (i == 50 ? 27 : 0), i * 100);
-    EXPECT_NEAR(clock.jitterUs(), 1, 0.01);
+    addSteady(clock, 101, 0, 0, 50, 27);
+    EXPECT_NEAR(clock.jitterUs().value_or(-1), 1, 0.01);
+    const PeakProfile plot = clock.jitterOverTime();
+    ASSERT_EQ(plot.peaks().size(), 5U);
+    EXPECT_NEAR(plot.peaks()[2], 1, 0.01);
+    EXPECT_NEAR(plot.peaks()[1], 0, 0.01);
+}
+
+TEST(Clock, JitterIsThatOfTheStretchesBetweenJumps) {
+    ClockCheck clock;
+    addSteady(clock, 101, 0, 0, 50, 54);
+    addSteady(clock, 101, 90'000 * MS, 10'100, 50, 27);
+    EXPECT_EQ(clock.jumps(), 1U);
+    EXPECT_NEAR(clock.jitterUs().value_or(-1), 2, 0.01) << "the first stretch's";
+}
+
+TEST(Clock, WithoutAConstantRateThereIsNoJitter) {
+    ClockCheck brief;
+    addSteady(brief, 40, 0, 0);
+    EXPECT_EQ(brief.jitterUs(), std::nullopt) << "not two seconds of it";
+    ClockCheck variable;
+    for (int i = 0; i < 200; ++i)
+        variable.reference(i * 40 * MS, i * 100 + (i > 100 ? (i - 100) * 50 : 0));
+    EXPECT_EQ(variable.jitterUs(), std::nullopt);
+    EXPECT_TRUE(variable.jitterOverTime().peaks().empty());
+    EXPECT_EQ(ClockCheck().jitterUs(), std::nullopt);
+}
+
+TEST(Clock, IntervalsAreKeptOverTime) {
+    ClockCheck clock;
+    addSteady(clock, 51, 0, 0);
+    clock.reference(2090 * MS, 9000);
+    EXPECT_EQ(clock.intervals().stepSeconds(), 1);
+    ASSERT_EQ(clock.intervals().peaks().size(), 3U);
+    EXPECT_NEAR(clock.intervals().peaks()[0], 40, 1e-6);
+    EXPECT_NEAR(clock.intervals().peaks()[2], 90, 1e-6);
 }
 
 TEST(Clock, AMillionReferencesTakeNoMoreRoom) {
@@ -253,7 +193,7 @@ TEST(Clock, AMillionReferencesTakeNoMoreRoom) {
     for (int i = 0; i < 1'000'000; ++i)
         clock.reference(std::int64_t{i} * 40 * MS % ((std::int64_t{1} << 33) * 300), i * 100);
     EXPECT_EQ(clock.count(), 1'000'000U);
-    EXPECT_NEAR(clock.jitterUs(), 0, 0.1);
+    EXPECT_NEAR(clock.jitterUs().value_or(-1), 0, 0.1);
 }
 
 // --- rates and findings
@@ -281,6 +221,48 @@ TEST(Rates, OfADayTakeNoMoreRoom) {
     EXPECT_LE(rates.bitsPerSecond().size(), RateProfile::mostSteps);
 }
 
+TEST(Rates, PeaksAreTheLargestOfEachStep) {
+    PeakProfile peaks;
+    peaks.add(0.5, 3);
+    peaks.add(0.6, 2);
+    peaks.add(1.5, 7);
+    EXPECT_EQ(peaks.peaks(), (std::vector<double>{3, 7}));
+    peaks.add(RateProfile::mostSteps, 1);
+    EXPECT_EQ(peaks.stepSeconds(), 2);
+    EXPECT_EQ(peaks.peaks()[0], 7) << "of two steps in one";
+}
+
+TEST(Rates, MeasuredOnesStandForTheNearestOfTheTable) {
+    EXPECT_EQ(nominalFrameRate(29.9701).numerator, 30'000);
+    EXPECT_EQ(nominalFrameRate(29.995).numerator, 30);
+    EXPECT_EQ(nominalFrameRate(23.98).numerator, 24'000);
+    EXPECT_EQ(nominalFrameRate(15.001).numerator, 15);
+    EXPECT_EQ(nominalFrameRate(12.5).value(), 12.5);
+    EXPECT_EQ(nominalFrameRate(0).numerator, 0);
+}
+
+// Decoding times of frames at that rate in ticks of 90 kHz, as they are rounded.
+FrameRate rateOf(double rate, int count, double framesOfStep = 1) {
+    VideoTimes times;
+    Findings findings;
+    for (int i = 0; i < count; ++i) {
+        const PTS time = PTS::from_ticks(std::llround(i * 90'000 * framesOfStep / rate));
+        times.take(times.continued(time, time, 0), 0, 0, findings);
+    }
+    EXPECT_TRUE(findings.empty());
+    return times.frameRate(static_cast<std::uint64_t>(std::llround(count * framesOfStep)));
+}
+
+TEST(Rates, AreToldByTheStepsOfTheTimes) {
+    for (std::size_t code = 1; code < codedFrameRates.size(); ++code) {
+        const double rate = codedFrameRates[code].value();
+        EXPECT_EQ(rateOf(rate, 75).value(), rate);
+        EXPECT_EQ(rateOf(rate, 75, 0.5).value(), rate) << "a PES packet for each field";
+        EXPECT_EQ(rateOf(rate, 75, 12).value(), rate) << "one for each GOP";
+    }
+    EXPECT_EQ(rateOf(25, 1).numerator, 0) << "no step";
+}
+
 TEST(FindingsList, KeepsTheFirstOfEachKindAndCountsAll) {
     Findings findings;
     EXPECT_TRUE(findings.empty());
@@ -291,6 +273,8 @@ TEST(FindingsList, KeepsTheFirstOfEachKindAndCountsAll) {
     EXPECT_EQ(findings.count("continuity"), 1000U);
     EXPECT_EQ(findings.count("sync"), 1U);
     EXPECT_EQ(findings.count("nothing"), 0U);
+    EXPECT_EQ(findings.total(), 1001U);
+    EXPECT_EQ(findings.counts(), (std::map<std::string, std::uint64_t>{{"continuity", 1000}, {"sync", 1}}));
 }
 
 TEST(Texts, OfRatesHaveNoZerosAtTheEnd) {
@@ -301,121 +285,6 @@ TEST(Texts, OfRatesHaveNoZerosAtTheEnd) {
     EXPECT_EQ(rateText(0), "");
     EXPECT_EQ(bitRateText(1234567.8), "1234568");
     EXPECT_EQ(bitRateText(0), "");
-}
-
-// --- video
-
-Bytes captionData(unsigned char code = 3, unsigned char flags = 0x41) {
-    return {0, 0, 1, 0xB2, 'G', 'A', '9', '4', code, flags, 0xFF, 0xFC, 0x80, 0x80, 0xFF, 0x55, 0x55, 0x55};
-}
-
-TEST(Video, HeadersAreFoundWhereverTheyAreCut) {
-    Bytes stream;
-    for (int i = 0; i < 3; ++i)
-        stream = stream + sequenceHeader(720, 576, 3) + sequenceExtension(0x48) +
-                 gopHeader(10, 0, i, 0, true) + pictureHeader(1) + pictureCodingExtension(3, true, false) +
-                 captionData() + filler(50) + pictureHeader(2) + pictureCodingExtension(3, true, false) +
-                 filler(50);
-    for (std::size_t piece = 1; piece < 64; ++piece) {
-        VideoTrack track(VideoCodec::mpeg2);
-        for (std::size_t at = 0; at < stream.size(); at += piece)
-            track.feed(std::span(stream).subspan(at, std::min(piece, stream.size() - at)));
-        track.end();
-        EXPECT_EQ(track.frames(), 6U) << piece;
-        EXPECT_EQ(track.format().width, 720);
-        EXPECT_EQ(track.format().height, 576);
-        EXPECT_EQ(track.gops().size(), 2);
-        EXPECT_TRUE(track.dropFrame());
-        EXPECT_TRUE(track.closedCaptions());
-        EXPECT_EQ(track.bytes(), stream.size());
-    }
-}
-
-TEST(Video, TwoFieldsAreOneFrame) {
-    VideoTrack track(VideoCodec::mpeg2);
-    track.feed(sequenceHeader(720, 576, 3) + sequenceExtension(0x48) + pictureHeader(1) +
-               pictureCodingExtension(1, false, false) + filler(20) + pictureHeader(2) +
-               pictureCodingExtension(2, false, false) + filler(20));
-    track.end();
-    EXPECT_EQ(track.frames(), 1U);
-}
-
-TEST(Video, CaptionsAreThoseOfAtscWithData) {
-    const auto captions = [](const Bytes& data) {
-        VideoTrack track(VideoCodec::mpeg2);
-        track.feed(pictureHeader(1) + pictureCodingExtension(3, true, false) + data);
-        track.end();
-        return track.closedCaptions();
-    };
-    EXPECT_TRUE(captions(captionData()));
-    EXPECT_FALSE(captions(captionData(6))) << "bar data";
-    EXPECT_FALSE(captions(captionData(3, 0x01))) << "process_cc_data_flag is off";
-    EXPECT_FALSE(captions(captionData(3, 0x40))) << "cc_count 0";
-    EXPECT_FALSE(captions({}));
-}
-
-TEST(Video, AlignmentIsThatOfEveryHeader) {
-    const auto aligned = [](std::size_t between) {
-        VideoTrack track(VideoCodec::mpeg2);
-        track.feed(sequenceHeader(720, 576, 3) + pictureHeader(1) + filler(between) + pictureHeader(2) +
-                   filler(8));
-        return track.quadByteAligned();
-    };
-    EXPECT_TRUE(aligned(40));
-    EXPECT_FALSE(aligned(41));
-    EXPECT_FALSE(aligned(42));
-    EXPECT_FALSE(VideoTrack(VideoCodec::mpeg2).quadByteAligned()) << "nothing to be aligned";
-}
-
-TEST(Video, TheRateIsConstantWhereTheDelayIsCoded) {
-    const auto constant = [](int delay) {
-        Bytes picture = pictureHeader(1);
-        picture[5] = static_cast<unsigned char>((picture[5] & 0xF8) | delay >> 13);
-        picture[6] = static_cast<unsigned char>(delay >> 5);
-        picture[7] = static_cast<unsigned char>(delay << 3);
-        VideoTrack track(VideoCodec::mpeg2);
-        track.feed(picture + filler(8));
-        return track.constantBitRate();
-    };
-    EXPECT_EQ(constant(0xFFFF), false);
-    EXPECT_EQ(constant(1234), true);
-    EXPECT_EQ(VideoTrack(VideoCodec::h264).constantBitRate(), std::nullopt);
-}
-
-TEST(Video, ATimeCodeThatDoesNotFollowIsCounted) {
-    const auto jumps = [](int secondGopSecond) {
-        VideoTrack track(VideoCodec::mpeg2);
-        Bytes stream = sequenceHeader(720, 576, 3) + sequenceExtension(0x48) + gopHeader(1, 0, 0, 0);
-        for (int i = 0; i < 25; ++i)
-            stream =
-                stream + pictureHeader(i == 0 ? 1 : 2) + pictureCodingExtension(3, true, false) + filler(8);
-        stream = stream + gopHeader(1, 0, secondGopSecond, 0) + pictureHeader(1) +
-                 pictureCodingExtension(3, true, false) + filler(8);
-        track.feed(stream);
-        track.end();
-        return track.timecodeJumps();
-    };
-    EXPECT_EQ(jumps(1), 0U);
-    EXPECT_EQ(jumps(2), 1U);
-    EXPECT_EQ(jumps(0), 1U);
-}
-
-TEST(Video, RandomBytesEndAndStayInside) {
-    std::mt19937 random(2);
-    for (const VideoCodec codec : {VideoCodec::mpeg2, VideoCodec::h264}) {
-        VideoTrack track(codec);
-        for (int i = 0; i < 5000; ++i) {
-            Bytes bytes(random() % 200);
-            for (unsigned char& byte : bytes)
-                byte = static_cast<unsigned char>(random() % 3 == 0 ? random() % 2 : random());
-            bytes.shrink_to_fit();
-            track.feed(bytes);
-            if (i % 100 == 0)
-                track.skip();
-        }
-        track.end();
-        EXPECT_GE(track.gops().size(), 0);
-    }
 }
 
 } // namespace

@@ -132,6 +132,7 @@ TEST_F(FlowScope, HtmlIsOnePageWithoutAnyReferenceToElsewhere) {
     EXPECT_THAT(page, HasSubstr("720x576"));
     EXPECT_THAT(page, HasSubstr("<svg "));
     EXPECT_THAT(page, HasSubstr("<polyline "));
+    EXPECT_THAT(page, HasSubstr("<div class=\"verdict good\">"));
     EXPECT_THAT(page, Not(HasSubstr("http")));
     EXPECT_THAT(page, Not(HasSubstr("src=")));
 }
@@ -219,6 +220,16 @@ TEST_F(FlowScope, StreamsWithoutAProgramOrVideoFail) {
     fails(audio, "no MPEG-2 or H.264 video in any program");
 }
 
+TEST_F(FlowScope, AVideoWithoutPicturesFails) {
+    // All packets of the video become those of another PID.
+    std::vector<unsigned char> bytes = readFile(streamFile("m2_sd_25"));
+    for (std::size_t at = 0; at + 188 <= bytes.size(); at += 188)
+        if ((bytes[at + 1] & 0x1F) == 0x01 && bytes[at + 2] == 0x00)
+            bytes[at + 1] |= 0x02;
+    fails(directory.file("none.ts", std::string(bytes.begin(), bytes.end())),
+          "no picture in the video of program 1, PID 256");
+}
+
 TEST_F(FlowScope, AReportThatCannotBeWrittenIsAFailure) {
     EXPECT_EQ(
         run(streamFile("m2_sd_25"), {"-report_dst", directory.path("no/such"), "-report_name", "r.xml"}), 1);
@@ -238,8 +249,9 @@ TEST_F(FlowScope, HostileStreamsEnd) {
     for (int round = 0; round < 15; ++round) {
         std::string bytes(good.begin(), good.end());
         for (int i = 0; i < 3000 * (round + 1); ++i) {
+            // Sync bytes too, but for the ones by which a transport stream is recognised.
             const std::size_t at = random() % bytes.size();
-            if (at % 188 != 0)
+            if (at % 188 != 0 || at > 10'000)
                 bytes[at] = static_cast<char>(random());
         }
         const int code = run(directory.file("wild.ts", bytes), {"-report_name", "r.xml"});
@@ -294,6 +306,64 @@ TEST_F(FlowScope, ACancelMessageEndsItWithoutAReport) {
                   {"-out_queue_name", queues.updateName(), "-in_queue_name", queues.managerName()}),
               1);
     EXPECT_THAT(errors(), HasSubstr("cancelled: no report is written"));
+    EXPECT_EQ(filesBeside(), 0U);
+}
+
+// A file of many gigabytes that takes no room: a real beginning, and packets of zeros behind it, of which
+// none is a packet. It is read for as long as a test wants to watch.
+std::string endless(const ScratchDir& directory) {
+    const std::vector<unsigned char> good = readFile(streamFile("m2_sd_25"));
+    std::string path = directory.file("endless.ts", std::string(good.begin(), good.end()));
+    EXPECT_EQ(truncate(path.c_str(), off_t{1} << 38), 0);
+    return path;
+}
+
+TEST_F(FlowScope, EveryFiveSecondsItSaysThatItLivesAndHowFarItIs) {
+    ServiceQueues queues;
+    const auto begun = std::chrono::steady_clock::now();
+    start(endless(directory),
+          {"-out_queue_name", queues.updateName(), "-in_queue_name", queues.managerName()});
+    for (int messages = 0; messages < 5; ++messages)
+        ASSERT_TRUE(queues.receive(std::chrono::seconds(30)));
+    const auto passed = std::chrono::steady_clock::now() - begun;
+    kill(process, SIGTERM);
+    EXPECT_EQ(finish(), 1);
+    const auto& messages = queues.received();
+    const AppMsgType order[] = {STATUS_MSG, STATUS_MSG, RESULTS_MSG, STATUS_MSG, RESULTS_MSG};
+    for (std::size_t i = 0; i < std::size(order); ++i)
+        EXPECT_EQ(messages[i].type, order[i]) << i;
+    EXPECT_THAT(messages[2].text, testing::ContainsRegex("endless.ts: [0-9]+ % read$"));
+    EXPECT_GE(passed, std::chrono::milliseconds(9900)) << "twice";
+    EXPECT_THAT(errors(), HasSubstr("cancelled: no report is written"));
+    EXPECT_EQ(filesBeside(), 0U);
+}
+
+TEST_F(FlowScope, SignalsEndItWithoutAReport) {
+    const std::string file = endless(directory);
+    for (const int signal : {SIGTERM, SIGINT}) {
+        ServiceQueues queues;
+        start(file, {"-out_queue_name", queues.updateName()});
+        ASSERT_TRUE(queues.receive(std::chrono::seconds(30))) << "it reads";
+        kill(process, signal);
+        EXPECT_EQ(finish(), 1);
+        EXPECT_EQ(errors(), "flowScope: " + file + ": cancelled: no report is written\n");
+        EXPECT_EQ(filesBeside(), 0U);
+    }
+}
+
+TEST_F(FlowScope, ACancelMessageEndsItInMidPass) {
+    ServiceQueues queues;
+    start(endless(directory),
+          {"-out_queue_name", queues.updateName(), "-in_queue_name", queues.managerName()});
+    ASSERT_TRUE(queues.receive(std::chrono::seconds(30))) << "it reads";
+    queues.send(CANCEL_MSG);
+    EXPECT_EQ(finish(), 1);
+    while (queues.receive(std::chrono::milliseconds(0))) {
+    }
+    const auto& messages = queues.received();
+    ASSERT_EQ(messages.size(), 3U);
+    EXPECT_THAT(messages[1].text, HasSubstr("cancelled: no report is written"));
+    EXPECT_EQ(messages[2].type, EXIT_MSG);
     EXPECT_EQ(filesBeside(), 0U);
 }
 

@@ -125,6 +125,35 @@ TEST_F(VerifierRequests, AWorkerThatFailedIsNeverAnsweredTrue) {
     EXPECT_EQ(service.waitForState(GUID, "ERROR"), "TRUE - ERROR");
 }
 
+TEST_F(VerifierRequests, AReportOfAnEarlierJobIsNotTakenForTheAnswer) {
+    start("--say 7:unreadable --exit 1");
+    std::filesystem::copy_file(prepared, reportPath());
+    EXPECT_EQ(verify(",VIDEO_PID"), std::string(NO_PROPERTY) + " unreadable");
+    EXPECT_FALSE(std::filesystem::exists(reportPath()));
+    std::filesystem::copy_file(prepared, reportPath());
+    EXPECT_EQ(verify(",RUNTIME"), "TRUE") << "begun";
+    EXPECT_EQ(service.waitForState(GUID, "ERROR"), "TRUE - ERROR");
+    EXPECT_EQ(service.ask(std::string("JOB_RESULTS,") + GUID), std::string(NO_PROPERTY) + " unreadable");
+}
+
+TEST_F(VerifierRequests, AFailedWorkerWithoutValidationErrorsSaysWhy) {
+    start("--say 7:worn --verify " + prepared + " --exit 3");
+    EXPECT_EQ(verify(",VALIDATION_ERRORS,BLOCK,GOPLength_FPS24_12;GOPStructure_IBBP"),
+              std::string(NO_PROPERTY) + " worn");
+}
+
+TEST_F(VerifierRequests, FailuresAreLogged) {
+    service.set("Job", "HEARTBEAT_TIMEOUT_SECS", "1");
+    const std::string go = service.root() / "go";
+    start("--wait-file " + go);
+    EXPECT_EQ(verify(",VIDEO_PID"), "FALSE - Error: Timeout waiting for job to complete.");
+    EXPECT_TRUE(service.waitForLog("[ManagerLib:Error] Error: Timeout waiting for job to complete."));
+    std::ofstream(go) << "go";
+    std::filesystem::remove(file);
+    verify(",VIDEO_PID");
+    EXPECT_TRUE(service.waitForLog("[JobMgmt:Error] Error: file " + file + " could not be found."));
+}
+
 TEST_F(VerifierRequests, TheWorkersReasonReachesTheClient) {
     start("--say 7:unreadable --exit 1");
     EXPECT_EQ(verify(",VIDEO_PID"), std::string(NO_PROPERTY) + " unreadable");

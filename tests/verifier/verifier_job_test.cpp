@@ -1,11 +1,14 @@
 // The verifier job: what it is told, what it starts, and how it names things.
 #include "verifier/VerifierJob.h"
 
+#include "foundation/Logger.h"
 #include "jobs/JobQueue.h"
 #include "reports.h"
 
 #include <cstring>
 #include <gmock/gmock.h>
+#include <sstream>
+#include <unistd.h>
 
 namespace {
 
@@ -128,6 +131,15 @@ TEST_F(VerifierJobTest, AnEmptyJobHasNothing) {
     EXPECT_EQ(none.validate(), 10013);
 }
 
+TEST_F(VerifierJobTest, EveryRuleIsOnAtConstruction) {
+    const VerifierJob none;
+    const VerifierJob made = job();
+    for (int rule = 0; rule < VerifierJob::RULE_COUNT; ++rule) {
+        EXPECT_TRUE(none.validationErrorEnabled[rule]) << rule;
+        EXPECT_TRUE(made.validationErrorEnabled[rule]) << rule;
+    }
+}
+
 TEST_F(VerifierJobTest, TheReportIsNamedByGuidAndFile) {
     const VerifierJob made("/in/a.ts", "/r/", "G", "ALL", 20, false, false, "", 0, "");
     EXPECT_STREQ(made.reportFilename, "/r/G-a.ts.report.xml");
@@ -180,6 +192,41 @@ TEST_F(VerifierJobTest, TheFirstFailingCheckIsNamed) {
               Result(10012, "Error: Cannot add job - No output filename specified."));
     EXPECT_EQ(check(file.c_str(), "/tmp/", "no"), Result(10025, "Error: Invalid Mpeg Property."));
     EXPECT_EQ(check(file.c_str(), "/tmp/", "ALL"), Result(0, ""));
+}
+
+// What the log was told meanwhile.
+class LoggedText {
+public:
+    LoggedText() { LogUtil::GetInstance()->addStreamLogger(&m_log); }
+    ~LoggedText() { LogUtil::Cleanup(); }
+    LoggedText(const LoggedText&) = delete;
+    LoggedText& operator=(const LoggedText&) = delete;
+    [[nodiscard]] std::string text() const { return m_log.str(); }
+
+private:
+    std::ostringstream m_log;
+};
+
+TEST_F(VerifierJobTest, FailuresAreLogged) {
+    const LoggedText log;
+    VerifierJob bad("", "", GUID, "no", 20, false, false, "", 0, "");
+    EXPECT_EQ(bad.validate(), 10013);
+    EXPECT_THAT(log.text(), testing::HasSubstr("Error: Cannot add job - No source filename specified."));
+    VerifierJob made = job("VIDEO_PID");
+    char out[200];
+    EXPECT_EQ(made.getJobResults(out, sizeof out), 10026);
+    EXPECT_THAT(log.text(), testing::HasSubstr("Error: Failed to get requested Mpeg Property."));
+}
+
+TEST_F(VerifierJobTest, AnOldReportOfItsNameIsRemoved) {
+    const VerifierJob made = job();
+    static_cast<void>(directory.file(std::string(GUID) + "-a.ts.report.xml", "<Report/>"));
+    ASSERT_EQ(access(made.reportFilename, F_OK), 0);
+    made.removeOldReport();
+    EXPECT_NE(access(made.reportFilename, F_OK), 0);
+    const LoggedText log;
+    made.removeOldReport();
+    EXPECT_EQ(log.text(), "") << "that there is none is no failure";
 }
 
 TEST_F(VerifierJobTest, TheCommandLineTellsTheWorkerEverything) {

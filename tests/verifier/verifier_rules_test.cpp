@@ -59,6 +59,17 @@ TEST_F(VerifierRules, Pids) {
     passes("PMTPid_480", {.pmtPid = "0480"});
 }
 
+TEST_F(VerifierRules, NumbersBeyond32BitsAreNotTakenForOthers) {
+    expect("PMTPid_480", {.pmtPid = "4294967776"}, "The PMT PID 4294967776 must be 480 decimal/0x1E0 Hex.\t");
+    expect("GOPLength_FPSnot24_15", {.gopSize = "4294967311"}, "The GOP length must be 15.\t");
+    expect("GOPLength_FPSnot24_15", {.frameRate = "4294967320", .gopSize = "12"},
+           "The GOP length must be 15.\t");
+    // The PID behind the largest one is none.
+    expect("Audio_PidsIncBy1", {.audios = {{.pid = "2147483647"}, {.pid = "-2147483648"}}},
+           "The audio PIDs in the file /in/a.ts must start at 482 and increment by 1.  The last PID was "
+           "2147483647 and this PID is -2147483648");
+}
+
 TEST_F(VerifierRules, GopLengthDependsOnTheFrameRate) {
     constexpr const char* FILM = "The GOP length must be 12 for 24 Frames Per Second material.\t";
     constexpr const char* OTHER = "The GOP length must be 15.\t";

@@ -1,12 +1,13 @@
 #include "Analysis.h"
 
-#include "StreamTypes.h"
+#include "ClockTurns.h"
 #include "capture/Failure.h"
-#include "mpeg/mpeg2.h"
 #include "mpeg/packet_view.h"
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
+#include <utility>
 
 namespace kestrel::flowscope {
 
@@ -14,15 +15,25 @@ namespace {
 
 using capture::format;
 
-constexpr std::int64_t TURN = (std::int64_t{1} << 33) * 4; // of the 33-bit clock, in PTS units
-constexpr std::size_t MOST_PROGRAMS = 64;
+// Adaptation field flags (2.4.3.4).
+constexpr int DISCONTINUITY = 0x80;
+constexpr int PCR = 0x10;
 
-// The time nearest to `near` that the 33-bit clock shows as `raw`.
-PTS unwrapped(PTS raw, PTS near) {
-    if (near.is_absent() || raw.is_absent())
-        return raw;
-    const std::int64_t turns = std::llround(static_cast<double>(near - raw) / static_cast<double>(TURN));
-    return PTS(raw + turns * TURN);
+std::size_t indexOf(int pid) {
+    return static_cast<std::size_t>(pid);
+}
+
+// Whether two packets are one sent twice: the same in every byte but those of the clock reference, which
+// tells when it is sent itself (2.4.3.3).
+bool same(const unsigned char* packet, const unsigned char* previous) {
+    constexpr std::size_t REFERENCE = 6; // after header, length and flags
+    constexpr std::size_t REFERENCE_END = 12;
+    const auto size = static_cast<std::size_t>(ts::packet_size);
+    const ts::bytes field = ts::adaptation_field(packet);
+    if (field.size() < 7 || (field[0] & PCR) == 0)
+        return std::memcmp(packet, previous, size) == 0;
+    return std::memcmp(packet, previous, REFERENCE) == 0 &&
+           std::memcmp(packet + REFERENCE_END, previous + REFERENCE_END, size - REFERENCE_END) == 0;
 }
 
 } // namespace
@@ -41,26 +52,22 @@ bool Analysis::take(const unsigned char* packet) {
     if ((packet[1] & 0x80) != 0)
         m_findings.add("transport error",
                        format("packet %llu, PID %d: transport_error_indicator", number, pid));
-    // A discontinuity that is announced, and a duplicate, are no errors (2.4.3.3, 2.4.3.5).
-    const ts::bytes adaptation = ts::adaptation_field(packet);
-    const bool announced = !adaptation.empty() && (adaptation[0] & 0x80) != 0;
+    if (isDuplicate(packet, pid)) {
+        ++m_duplicates;
+        return !m_full;
+    }
+    // A discontinuity that is announced is no error (2.4.3.5).
+    const ts::bytes adaptation = ts::has_adaptation(packet) ? ts::adaptation_field(packet) : ts::bytes();
+    const bool announced = !adaptation.empty() && (adaptation[0] & DISCONTINUITY) != 0;
     const bool cool = m_continuity.packetIsCool(packet, false);
     if (!cool && !announced)
         m_findings.add("continuity", format("packet %llu: %s", number, m_continuity.message()));
-    if (pid == 0) {
-        if (m_pat.collector.take(packet))
-            takePat();
-        return true;
-    }
-    if (pid == m_pcrPid)
-        takeClock(packet);
-    switch (m_roles[static_cast<std::size_t>(pid)]) {
-    case Role::pmt: {
-        auto& collector = m_pmts.at(pid).collector;
-        if (collector.take(packet))
-            takePmt(pid, collector.section());
+    if (adaptation.size() >= 7 && (adaptation[0] & PCR) != 0)
+        takeClock(packet, pid);
+    switch (m_roles[indexOf(pid)]) {
+    case Role::table:
+        takeTables(packet);
         break;
-    }
     case Role::video:
         takeElementary(packet, nullptr, !cool);
         break;
@@ -73,95 +80,96 @@ bool Analysis::take(const unsigned char* packet) {
     return !m_full;
 }
 
-void Analysis::takePat() {
-    const auto section = m_pat.collector.section();
-    // 2.4.4.3: entries of four bytes between the head and the CRC.
-    for (std::size_t at = 8; at + 8 <= section.size(); at += 4) {
-        const int number = section[at] << 8 | section[at + 1];
-        const int pid = (section[at + 2] & 0x1F) << 8 | section[at + 3];
-        if (number == 0 || pid == 0 || m_pmts.contains(pid) || m_pmts.size() >= MOST_PROGRAMS)
-            continue;
-        Section pmt(2);
-        pmt.program = number;
-        m_pmts.emplace(pid, pmt);
-        m_roles[static_cast<std::size_t>(pid)] = Role::pmt;
+bool Analysis::isDuplicate(const unsigned char* packet, int pid) {
+    std::unique_ptr<Previous>& previous = m_previous[indexOf(pid)];
+    if (previous == nullptr) {
+        previous = std::make_unique<Previous>();
+    } else if (ts::has_payload(packet) && !previous->repeated &&
+               ts::continuity_counter(packet) == ts::continuity_counter(previous->packet.data()) &&
+               same(packet, previous->packet.data())) {
+        previous->repeated = true; // a third one is an error
+        return true;
     }
+    std::memcpy(previous->packet.data(), packet, previous->packet.size());
+    previous->repeated = false;
+    return false;
 }
 
-void Analysis::takePmt(int pid, std::span<const unsigned char> section) {
-    constexpr std::size_t HEAD = 12;
-    constexpr std::size_t CRC = 4;
-    if (section.size() < HEAD + CRC)
+void Analysis::takeTables(const unsigned char* packet) {
+    if (!m_tables.take(packet, m_packets - 1, m_findings))
         return;
-    Program program;
-    program.number = section[3] << 8 | section[4];
-    program.pmtPid = pid;
-    program.pcrPid = (section[8] & 0x1F) << 8 | section[9];
-    std::size_t at = HEAD + ((section[10] & 0x0FU) << 8 | section[11]);
-    while (at + 5 + CRC <= section.size()) {
-        const std::size_t length = (section[at + 3] & 0x0FU) << 8 | section[at + 4];
-        if (at + 5 + length + CRC > section.size())
-            break;
-        program.streams.push_back(describeStream(section.subspan(at, 5 + length)));
-        at += 5 + length;
-    }
-    const auto known = std::find_if(m_programs.begin(), m_programs.end(),
-                                    [&](const Program& each) { return each.pmtPid == pid; });
-    if (known == m_programs.end()) {
-        m_programs.push_back(std::move(program));
-        chooseAsset();
-    } else if (known->streams.size() != program.streams.size() ||
-               !std::equal(known->streams.begin(), known->streams.end(), program.streams.begin(),
-                           [](const StreamEntry& a, const StreamEntry& b) {
-                               return a.pid == b.pid && a.type == b.type;
-                           })) {
-        m_findings.add("program", format("packet %llu: the streams of program %d change",
-                                         static_cast<unsigned long long>(m_packets - 1), program.number));
-    }
+    for (const Program& program : m_tables.programs())
+        if (Role& role = m_roles[indexOf(program.pmtPid)]; role == Role::none)
+            role = Role::table;
+    chooseAsset();
+    // Nothing will be analysed of a stream without video, however long it is.
+    m_full = m_full || (m_video == nullptr && m_tables.complete());
 }
 
 void Analysis::chooseAsset() {
-    if (m_video != nullptr)
+    // A map that comes late does not take the asset away from a program that has been read for a while.
+    constexpr double SETTLED = 1;
+    if (m_video != nullptr && m_times.decodingSeconds(m_times.lastDts()) >= SETTLED)
         return;
-    for (std::size_t i = 0; i < m_programs.size(); ++i)
-        for (const StreamEntry& stream : m_programs[i].streams)
-            if (stream.video && m_video == nullptr) {
-                m_video = std::make_unique<VideoTrack>(*stream.video);
-                m_videoPid = stream.pid;
-                m_pcrPid = m_programs[i].pcrPid;
-                m_assetIndex = i;
-            }
-    if (m_video == nullptr)
+    for (const Program& program : m_tables.programs()) {
+        const StreamEntry* const video = program.video();
+        if (video == nullptr)
+            continue;
+        if (m_video == nullptr || program.number != m_assetNumber)
+            adopt(program, *video);
         return;
-    m_roles[static_cast<std::size_t>(m_videoPid)] = Role::video;
-    for (const StreamEntry& stream : m_programs[m_assetIndex].streams)
+    }
+}
+
+void Analysis::adopt(const Program& program, const StreamEntry& video) {
+    for (Role& role : m_roles)
+        if (role != Role::table)
+            role = Role::none;
+    m_assetNumber = program.number;
+    m_videoPid = video.pid;
+    m_pcrPid = program.pcrPid;
+    m_video = std::make_unique<VideoTrack>(*video.video);
+    m_videoReader = {};
+    m_audios.clear();
+    m_clock = {};
+    m_times = {};
+    m_rates = {};
+    m_videoRates = {};
+    m_ratedVideoBytes = 0;
+    m_roles[indexOf(m_videoPid)] = Role::video;
+    for (const StreamEntry& stream : program.streams)
         if (stream.audio && audio(stream.pid) == nullptr && stream.pid != m_videoPid) {
             m_audios.push_back({stream.pid, AudioTrack(*stream.audio), {}});
-            m_roles[static_cast<std::size_t>(stream.pid)] = Role::audio;
+            m_roles[indexOf(stream.pid)] = Role::audio;
         }
 }
 
-const Program* Analysis::asset() const noexcept {
-    return m_video == nullptr ? nullptr : &m_programs[m_assetIndex];
-}
-
-void Analysis::takeClock(const unsigned char* packet) {
+void Analysis::takeClock(const unsigned char* packet, int pid) {
     const ts::bytes field = ts::adaptation_field(packet);
-    if (field.size() < 7 || (field[0] & 0x10) == 0) // PCR_flag
-        return;
     const std::int64_t base =
         std::int64_t{field[1]} << 25 | field[2] << 17 | field[3] << 9 | field[4] << 1 | field[5] >> 7;
     const std::int64_t extension = (field[5] & 1) << 8 | field[6];
+    const std::int64_t pcr = base * 300 + extension;
+    if (m_limit.asked()) {
+        m_limit.reference(pid, pcr);
+        m_full = m_full || m_limit.passed();
+    }
+    if (pid != m_pcrPid)
+        return;
+    const auto number = static_cast<unsigned long long>(m_packets - 1);
+    const bool announced = (field[0] & DISCONTINUITY) != 0;
     const std::uint64_t tooLong = m_clock.tooLong();
     const std::uint64_t jumps = m_clock.jumps();
-    m_clock.reference(base * 300 + extension, static_cast<std::int64_t>(m_packets));
+    m_clock.reference(pcr, static_cast<std::int64_t>(m_packets), announced);
     if (m_clock.tooLong() != tooLong)
-        m_findings.add("PCR interval", format("packet %llu: more than 100 ms since the last PCR",
-                                              static_cast<unsigned long long>(m_packets - 1)));
+        m_findings.add("PCR interval", format("packet %llu: more than 100 ms since the last PCR", number));
     if (m_clock.jumps() != jumps)
-        m_findings.add("PCR jump",
-                       format("packet %llu: the PCR jumps%s", static_cast<unsigned long long>(m_packets - 1),
-                              (field[0] & 0x80) != 0 ? ", as announced" : ""));
+        m_findings.add("PCR jump", format("packet %llu: the PCR jumps", number));
+    if (!announced)
+        return;
+    m_times.expectNewTimeBase();
+    for (Audio& each : m_audios)
+        each.newTimeBase = true;
 }
 
 Analysis::Audio* Analysis::audio(int pid) {
@@ -174,7 +182,7 @@ Analysis::Audio* Analysis::audio(int pid) {
 void Analysis::takeElementary(const unsigned char* packet, Audio* audio, bool lost) {
     PesReader& reader = audio == nullptr ? m_videoReader : audio->reader;
     if (lost) {
-        reader.state = PesReader::State::none;
+        reader.drop();
         if (audio != nullptr)
             audio->track.skip();
         else
@@ -182,25 +190,16 @@ void Analysis::takeElementary(const unsigned char* packet, Audio* audio, bool lo
     }
     if (!ts::has_payload(packet))
         return;
-    if (ts::payload_unit_start(packet)) {
-        reader.length = 0;
-        reader.state = PesReader::State::head;
+    if (ts::payload_unit_start(packet))
+        reader.begin();
+    std::span<const unsigned char> bytes = ts::payload(packet);
+    if (reader.takeHeader(bytes)) {
+        if (audio != nullptr)
+            takeAudioTimes(*audio);
+        else
+            takeVideoTimes();
     }
-    takePesBytes(ts::payload(packet), audio);
-}
-
-void Analysis::takePesBytes(std::span<const unsigned char> bytes, Audio* audio) {
-    PesReader& reader = audio == nullptr ? m_videoReader : audio->reader;
-    while (reader.state == PesReader::State::head && !bytes.empty()) {
-        const std::size_t wanted = reader.length < 9 ? 9 : 9U + reader.head[8];
-        const std::size_t count = std::min(wanted - reader.length, bytes.size());
-        std::copy_n(bytes.begin(), count, reader.head.begin() + static_cast<std::ptrdiff_t>(reader.length));
-        reader.length += count;
-        bytes = bytes.subspan(count);
-        if (reader.length >= 9 && reader.length == 9U + reader.head[8])
-            takePesHead(reader, audio);
-    }
-    if (reader.state != PesReader::State::data)
+    if (!reader.inData())
         return;
     if (audio != nullptr)
         audio->track.feed(bytes);
@@ -208,142 +207,81 @@ void Analysis::takePesBytes(std::span<const unsigned char> bytes, Audio* audio) 
         m_video->feed(bytes);
 }
 
-void Analysis::takePesHead(PesReader& reader, Audio* audio) {
-    const unsigned char* const head = reader.head.data();
-    reader.state =
-        head[0] == 0 && head[1] == 0 && head[2] == 1 ? PesReader::State::data : PesReader::State::none;
-    const int flags = head[7] >> 6;
-    if (reader.state == PesReader::State::none || flags < 2 || reader.length < (flags == 3 ? 19U : 14U))
+void Analysis::takeVideoTimes() {
+    const PTS rawPts = m_videoReader.pts();
+    if (rawPts.is_absent())
         return;
-    const PTS pts = MPEG::PES::get_PTS(head);
-    if (audio != nullptr) {
-        audio->track.stamp(unwrapped(pts, m_lastDts));
-        return;
-    }
-    const PTS dts = flags == 3 ? MPEG::PES::get_DTS(head) : pts;
-    noteTimes(pts, dts);
-    if (m_full) {
-        reader.state = PesReader::State::none; // the picture that begins here is one too many
-        return;
-    }
-    m_video->stamp(unwrapped(pts, m_lastDts), unwrapped(dts, m_lastDts));
-}
-
-void Analysis::noteTimes(PTS rawPts, PTS rawDts) {
-    const auto number = static_cast<unsigned long long>(m_packets - 1);
-    const PTS dts = unwrapped(rawDts, m_lastDts);
-    const PTS pts = unwrapped(rawPts, dts);
-    if (pts < dts)
-        m_findings.add("timestamps",
-                       format("packet %llu: PTS %lld lies before DTS %lld", number,
-                              static_cast<long long>(pts.ticks()), static_cast<long long>(dts.ticks())));
-    if (m_firstDts.is_absent())
-        m_firstDts = dts;
-    if (m_limit && dts - m_firstDts >= std::int64_t{*m_limit} * PTS::units_per_second) {
+    const double rate = m_video->format().rate();
+    const VideoTimes::Times times = m_times.continued(rawPts, m_videoReader.dts(), rate);
+    if (m_limit.asked() && m_times.decodingSeconds(times.dts) >= *m_limit.asked()) {
         m_full = true;
+        m_videoReader.drop(); // the picture that begins here is one too many
         return;
     }
-    if (!m_lastDts.is_absent()) {
-        const std::int64_t step = dts - m_lastDts;
-        const double rate = m_video->format().rate();
-        const double frame = rate > 0 ? static_cast<double>(PTS::units_per_second) / rate : 0;
-        if (step <= 0)
-            m_findings.add("timestamps", format("packet %llu: DTS %lld does not follow %lld", number,
-                                                static_cast<long long>(dts.ticks()),
-                                                static_cast<long long>(m_lastDts.ticks())));
-        else if (frame > 0 && static_cast<double>(step) > 1.5 * frame && m_lastStep > 0 &&
-                 static_cast<double>(step) > 1.5 * static_cast<double>(m_lastStep))
-            m_findings.add("timestamps",
-                           format("packet %llu: a gap of %.1f frames before DTS %lld", number,
-                                  static_cast<double>(step) / frame, static_cast<long long>(dts.ticks())));
-        m_lastStep = step;
-    }
-    m_lastDts = dts;
-    m_lowestPts = m_lowestPts.is_absent() ? pts : PTS(std::min<std::int64_t>(m_lowestPts, pts));
-    m_highestPts = m_highestPts.is_absent() ? pts : PTS(std::max<std::int64_t>(m_highestPts, pts));
-    m_rates.add(static_cast<double>(dts - m_firstDts) / PTS::units_per_second,
-                (m_packets - m_ratedPackets) * ts::packet_size);
+    // The bytes so far are those of the pictures before this one.
+    if (!m_times.lastDts().is_absent())
+        m_videoRates.add(m_times.decodingSeconds(m_times.lastDts()), m_video->bytes() - m_ratedVideoBytes);
+    m_ratedVideoBytes = m_video->bytes();
+    m_times.take(times, rate, m_packets - 1, m_findings);
+    m_rates.add(m_times.decodingSeconds(times.dts), (m_packets - m_ratedPackets) * ts::packet_size);
     m_ratedPackets = m_packets;
 }
 
+void Analysis::takeAudioTimes(Audio& audio) {
+    if (audio.reader.pts().is_absent())
+        return;
+    AudioTrack& track = audio.track;
+    const PTS last = track.lastPts();
+    const PTS pts = unwrapped(audio.reader.pts(), last.is_absent() ? m_times.lastDts() : last);
+    if (m_limit.asked()) {
+        m_limit.sound(pts);
+        m_full = m_full || m_limit.passed();
+    }
+    const std::optional<double> departure = track.stamp(pts);
+    if (std::exchange(audio.newTimeBase, false) || last.is_absent())
+        return;
+    const auto number = static_cast<unsigned long long>(m_packets - 1);
+    const AudioFormat& sound = track.format();
+    const double tolerance = sound.samplingRate == 0 ? 0 : 0.5 * sound.samples / sound.samplingRate;
+    if (pts <= last)
+        m_findings.add("audio timestamps",
+                       format("packet %llu, PID %d: PTS %lld does not follow %lld", number, audio.pid,
+                              static_cast<long long>(pts.ticks()), static_cast<long long>(last.ticks())));
+    else if (departure && std::abs(*departure) > tolerance)
+        m_findings.add("audio timestamps",
+                       format("packet %llu, PID %d: PTS %lld is %.1f ms %s than the frames before it last",
+                              number, audio.pid, static_cast<long long>(pts.ticks()),
+                              std::abs(*departure) * 1000, *departure > 0 ? "later" : "earlier"));
+}
+
 void Analysis::end() {
+    for (const Program& program : m_tables.programs())
+        if (!program.mapped)
+            m_findings.add("program", format("program %d: its map has not come on PID %d", program.number,
+                                             program.pmtPid));
     if (m_video == nullptr)
         return;
     m_video->end();
+    m_video->assumeFrameRate(m_times.frameRate(m_video->frames()));
     if (m_video->timecodeJumps() != 0)
         m_findings.add("time code", format("%llu GOP time codes do not follow from the one before",
                                            static_cast<unsigned long long>(m_video->timecodeJumps())));
-    for (const Audio& each : m_audios)
+    if (const auto jitter = pcrJitterUs(); jitter && *jitter > ClockCheck::jitterLimitUs)
+        m_findings.add("PCR jitter",
+                       format("a PCR lies %.3f us from the constant rate of the multiplex, more "
+                              "than the %.1f us that are allowed",
+                              *jitter, ClockCheck::jitterLimitUs));
+    for (Audio& each : m_audios) {
+        each.track.end();
         if (each.track.formatChanges() != 0)
             m_findings.add("audio format",
                            format("PID %d: %llu frames of another format than the first", each.pid,
                                   static_cast<unsigned long long>(each.track.formatChanges())));
-}
-
-double Analysis::videoSeconds() const {
-    if (m_video == nullptr)
-        return 0;
-    const double rate = m_video->format().rate();
-    if (rate <= 0)
-        return m_highestPts.is_absent()
-                   ? 0
-                   : static_cast<double>(m_highestPts - m_lowestPts) / PTS::units_per_second;
-    // A PES packet may hold several pictures, of which only the first has a time: the frames are counted too.
-    const double counted = static_cast<double>(m_video->frames()) / rate;
-    if (m_highestPts.is_absent())
-        return counted;
-    const double shown = static_cast<double>(m_highestPts - m_lowestPts) / PTS::units_per_second + 1 / rate;
-    return std::abs(shown - counted) * rate < 1.5 ? counted : shown;
-}
-
-std::int64_t Analysis::videoFrames() const {
-    const double rate = m_video == nullptr ? 0 : m_video->format().rate();
-    return rate <= 0 ? 0 : std::llround(videoSeconds() * rate);
-}
-
-double Analysis::seconds() const {
-    if (m_video == nullptr || m_lowestPts.is_absent())
-        return videoSeconds();
-    double begin = static_cast<double>(m_lowestPts) / PTS::units_per_second;
-    double end = begin + videoSeconds();
-    for (const Audio& each : m_audios) {
-        const AudioFormat& sound = each.track.format();
-        if (each.track.firstPts().is_absent() || sound.samplingRate == 0)
-            continue;
-        const double first = static_cast<double>(each.track.firstPts()) / PTS::units_per_second;
-        begin = std::min(begin, first);
-        end = std::max(end,
-                       first + static_cast<double>(each.track.frames()) * sound.samples / sound.samplingRate);
+        if (each.track.breaks() != 0)
+            m_findings.add("audio format",
+                           format("PID %d: %llu times no frame follows the one before", each.pid,
+                                  static_cast<unsigned long long>(each.track.breaks())));
     }
-    return end - begin;
-}
-
-double Analysis::videoBitsPerSecond() const {
-    const double duration = videoSeconds();
-    return duration <= 0 ? 0 : static_cast<double>(m_video->bytes()) * 8 / duration;
-}
-
-double Analysis::muxBitsPerSecond() const {
-    const double duration = seconds();
-    return duration <= 0 ? 0 : static_cast<double>(m_packets) * ts::packet_size * 8 / duration;
-}
-
-bool Analysis::constantBitRate() const {
-    if (m_video != nullptr && m_video->constantBitRate())
-        return *m_video->constantBitRate();
-    // A stream that does not say: the same rate in every step, within a twentieth.
-    const std::vector<double> rates = m_rates.bitsPerSecond();
-    if (rates.size() < 2)
-        return false;
-    const auto [least, most] = std::minmax_element(rates.begin(), rates.end());
-    return *most - *least <= 0.05 * *most;
-}
-
-std::optional<double> Analysis::audioOffsetMs() const {
-    if (m_audios.empty() || m_lowestPts.is_absent() || m_audios.front().track.firstPts().is_absent())
-        return std::nullopt;
-    return static_cast<double>(m_audios.front().track.firstPts() - m_lowestPts) * 1000 /
-           PTS::units_per_second;
 }
 
 } // namespace kestrel::flowscope

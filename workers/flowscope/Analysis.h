@@ -4,39 +4,24 @@
 #include "AudioTrack.h"
 #include "ClockCheck.h"
 #include "Findings.h"
+#include "PassLimit.h"
+#include "PesReader.h"
+#include "ProgramTables.h"
 #include "RateProfile.h"
+#include "VideoTimes.h"
 #include "VideoTrack.h"
-#include "capture/SectionCollector.h"
 #include "mpeg/mpeg.h"
 
 #include <array>
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <optional>
-#include <string>
 #include <vector>
 
 namespace kestrel::flowscope {
 
-// One elementary stream of a program.
-struct StreamEntry {
-    int pid = 0;
-    int type = 0;            // stream_type, ISO/IEC 13818-1, table 2-34
-    std::string description; // with "AC3" and "H.264" where the service looks for them
-    std::string language;    // ISO 639 code, empty when not given
-    std::optional<AudioCodec> audio;
-    std::optional<VideoCodec> video;
-};
-
-struct Program {
-    int number = 0;
-    int pmtPid = 0;
-    int pcrPid = 0;
-    std::vector<StreamEntry> streams;
-};
-
-// Takes packets one by one in constant memory. The first program with video is the asset.
+// Takes packets one by one in constant memory. The asset is the first program with video, in the order of the
+// program association table.
 class Analysis {
 public:
     // Reads at most so many seconds by the stream's own clock, where given.
@@ -47,29 +32,32 @@ public:
     // No more packets come.
     void end();
 
-    [[nodiscard]] const std::vector<Program>& programs() const noexcept { return m_programs; }
+    // All of the association table, those too whose map has not come.
+    [[nodiscard]] const std::vector<Program>& programs() const noexcept { return m_tables.programs(); }
     // Null while no program with video is known.
     [[nodiscard]] const Program* asset() const noexcept;
+    // The asset's video; null without one.
     [[nodiscard]] const VideoTrack* video() const noexcept { return m_video.get(); }
     [[nodiscard]] int videoPid() const noexcept { return m_videoPid; }
-    // A PES header that may go on in further packets.
-    struct PesReader {
-        enum class State { none, head, data };
-        std::array<unsigned char, 9 + 255> head{};
-        std::size_t length = 0;
-        State state = State::none;
-    };
+
+    // One sound of the asset, in the order of its map.
     struct Audio {
         int pid;
         AudioTrack track;
         PesReader reader;
+        bool newTimeBase = false; // its next time need not follow from the last
     };
     [[nodiscard]] const std::vector<Audio>& audios() const noexcept { return m_audios; }
     [[nodiscard]] const Findings& findings() const noexcept { return m_findings; }
+    // The asset's clock references.
     [[nodiscard]] const ClockCheck& clock() const noexcept { return m_clock; }
+    // Bytes of the whole file over the decoding times of the video.
     [[nodiscard]] const RateProfile& rates() const noexcept { return m_rates; }
+    // Packets of the whole file, and those of them with PID 0x1FFF.
     [[nodiscard]] std::uint64_t packets() const noexcept { return m_packets; }
     [[nodiscard]] std::uint64_t nullPackets() const noexcept { return m_nullPackets; }
+    // Packets that were sent twice, which the standard allows.
+    [[nodiscard]] std::uint64_t duplicates() const noexcept { return m_duplicates; }
 
     // Seconds from the first picture shown to the end of the last; 0 when there is none.
     [[nodiscard]] double videoSeconds() const;
@@ -77,57 +65,60 @@ public:
     [[nodiscard]] std::int64_t videoFrames() const;
     // Seconds that any stream of the asset has something to show or to play.
     [[nodiscard]] double seconds() const;
+    // Bits per second of the video's elementary stream, and of the whole file; 0 without a duration.
     [[nodiscard]] double videoBitsPerSecond() const;
     [[nodiscard]] double muxBitsPerSecond() const;
+    // Of the video: as it says itself, else by its seconds.
     [[nodiscard]] bool constantBitRate() const;
+    // Share of the packets in percent.
+    [[nodiscard]] double nullPercent() const;
     // First audio time behind the first video time, in milliseconds.
     [[nodiscard]] std::optional<double> audioOffsetMs() const;
+    // Of the clock references, where null packets fill the multiplex up to a constant rate.
+    [[nodiscard]] std::optional<double> pcrJitterUs() const;
 
 private:
-    struct Section {
-        explicit Section(int tableId) : collector(tableId) {}
-        capture::SectionCollector collector;
-        int program = 0;
+    // The latest packet of a PID, which the next may repeat.
+    struct Previous {
+        std::array<unsigned char, ts::packet_size> packet;
+        bool repeated;
     };
 
-    void takePat();
-    void takePmt(int pid, std::span<const unsigned char> section);
+    bool isDuplicate(const unsigned char* packet, int pid);
+    void takeTables(const unsigned char* packet);
     void chooseAsset();
-    void takeClock(const unsigned char* packet);
+    void adopt(const Program& program, const StreamEntry& video);
+    void takeClock(const unsigned char* packet, int pid);
     // audio is null for the video.
     void takeElementary(const unsigned char* packet, Audio* audio, bool lost);
-    void takePesBytes(std::span<const unsigned char> bytes, Audio* audio);
-    void takePesHead(PesReader& reader, Audio* audio);
-    void noteTimes(PTS pts, PTS dts);
+    void takeVideoTimes();
+    void takeAudioTimes(Audio& audio);
     [[nodiscard]] Audio* audio(int pid);
+    [[nodiscard]] PTS firstSound(const Audio& audio) const;
 
-    std::optional<int> m_limit;
+    PassLimit m_limit;
     std::uint64_t m_packets = 0;
     std::uint64_t m_nullPackets = 0;
+    std::uint64_t m_duplicates = 0;
     continuity_nazi m_continuity;
+    std::array<std::unique_ptr<Previous>, ts::pid_count> m_previous{};
     Findings m_findings;
-    Section m_pat{0};
-    std::map<int, Section> m_pmts;
-    std::vector<Program> m_programs;
+    ProgramTables m_tables;
+    int m_assetNumber = -1; // of the program, while there is a video
     int m_videoPid = -1;
     int m_pcrPid = -1;
-    std::size_t m_assetIndex = 0;
     std::unique_ptr<VideoTrack> m_video;
     std::vector<Audio> m_audios;
     PesReader m_videoReader;
     // What is on each PID, so that a packet's way is one look.
-    enum class Role : unsigned char { none, pmt, video, audio };
-    std::array<Role, ts::pid_count> m_roles{};
+    enum class Role : unsigned char { none, table, video, audio };
+    std::array<Role, ts::pid_count> m_roles{Role::table};
     ClockCheck m_clock;
+    VideoTimes m_times;
     RateProfile m_rates;
     std::uint64_t m_ratedPackets = 0;
-    // Video times, with the turns of the 33-bit clock taken out.
-    PTS m_lastDts{-1};
-    PTS m_lastRawDts{-1};
-    PTS m_firstDts{-1};
-    PTS m_lowestPts{-1};
-    PTS m_highestPts{-1};
-    std::int64_t m_lastStep = 0;
+    RateProfile m_videoRates;
+    std::uint64_t m_ratedVideoBytes = 0;
     bool m_full = false;
 };
 

@@ -61,14 +61,21 @@ std::optional<AudioFormat> readAc3(Bytes b) {
     return format;
 }
 
-// A/52, annex E, 2.3.1: the bit stream's independent substream 0 only.
+// A/52, annex E, 2.3.1. Only independent substream 0 has the program's sound and time: the others either add
+// channels to it or are programs of their own.
 std::optional<AudioFormat> readEac3(Bytes b) {
     constexpr std::array<int, 4> BLOCKS{1, 2, 3, 6};
     constexpr std::array<int, 3> HALF_HZ{24'000, 22'050, 16'000};
+    constexpr int DEPENDENT = 1;
+    constexpr int RESERVED = 3;
     if (b.size() < 6 || b[0] != 0x0B || b[1] != 0x77 || b[5] >> 3 <= 10 || b[5] >> 3 > 16)
+        return std::nullopt;
+    const int type = b[2] >> 6; // strmtyp, then substreamid
+    if (type == RESERVED)
         return std::nullopt;
     AudioFormat format;
     format.codec = AudioCodec::eac3;
+    format.substream = type == DEPENDENT || (b[2] >> 3 & 7) != 0;
     format.frameBytes = static_cast<std::size_t>(((b[2] & 7) << 8 | b[3]) + 1) * 2;
     const std::size_t rate = b[4] >> 6;
     const std::size_t second = b[4] >> 4 & 3;
@@ -77,8 +84,6 @@ std::optional<AudioFormat> readEac3(Bytes b) {
     format.samplingRate = rate == 3 ? HALF_HZ[second] : AC3_HZ[rate];
     format.samples = 256 * (rate == 3 ? 6 : BLOCKS[second]);
     setCodingMode(format, b[4] >> 1 & 7, (b[4] & 1) != 0);
-    format.bitRate = static_cast<int>(static_cast<std::int64_t>(format.frameBytes) * 8 * format.samplingRate /
-                                      format.samples);
     return format;
 }
 
@@ -102,6 +107,7 @@ std::optional<AudioFormat> readMpeg(Bytes b) {
         return std::nullopt;
     AudioFormat format;
     format.codec = AudioCodec::mpeg;
+    format.layer = layer;
     format.samplingRate = MPEG_HZ[sampling] / (mpeg1 ? 1 : 2);
     format.bitRate = 1000 * (mpeg1 ? MPEG1_KBPS[layer - 1][rate] : MPEG2_KBPS[layer == 1 ? 0 : 1][rate]);
     constexpr const char* MODES[] = {"stereo", "joint stereo", "dual channel", "mono"};

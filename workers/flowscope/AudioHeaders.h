@@ -7,6 +7,7 @@
 
 namespace kestrel::flowscope {
 
+// A coding of sound; unknown: one that is not looked into.
 enum class AudioCodec { unknown, ac3, eac3, mpeg, aac };
 
 // What one frame says of its stream.
@@ -19,6 +20,9 @@ struct AudioFormat {
     int bitRate = 0;      // bits per second; 0 where the frame does not say
     std::size_t frameBytes = 0;
     int samples = 0; // of one frame, a channel
+    int layer = 0;   // of MPEG audio, 1 to 3
+    bool substream =
+        false; // E-AC-3 that goes with another frame, or belongs to another program: no time of its own
 
     [[nodiscard]] int allChannels() const noexcept { return channels + (lowFrequency ? 1 : 0); }
 };

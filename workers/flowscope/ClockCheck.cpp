@@ -10,26 +10,32 @@ constexpr std::int64_t TURN = (std::int64_t{1} << 33) * 300; // the counter begi
 constexpr std::int64_t SECOND = 27'000'000;
 constexpr std::int64_t LONGEST_INTERVAL = SECOND / 10;
 constexpr std::size_t MOST_SAMPLES = 4096;
+constexpr double TICKS_PER_US = 27;
+
+std::optional<double> larger(std::optional<double> a, std::optional<double> b) {
+    return !a ? b : !b ? a : std::max(*a, *b);
+}
 
 } // namespace
 
-void ClockCheck::reference(std::int64_t pcr, std::int64_t packet) {
-    if (m_last >= 0 && pcr < m_last - TURN / 2)
-        m_turns += TURN;
+void ClockCheck::reference(std::int64_t pcr, std::int64_t packet, bool announced) {
     if (m_last >= 0) {
         const std::int64_t step = (pcr - m_last + TURN) % TURN;
-        if (step > SECOND) {
-            ++m_jumps;
+        if (announced || step > SECOND) {
+            ++(announced ? m_newTimeBases : m_jumps);
+            m_jitter = larger(m_jitter, stretchJitterUs());
             m_samples.clear();
         } else {
+            m_elapsed += step;
             m_longest = std::max(m_longest, step);
             m_tooLong += step > LONGEST_INTERVAL ? 1 : 0;
+            m_intervals.add(static_cast<double>(m_elapsed) / SECOND, static_cast<double>(step) / 27'000);
         }
     }
     m_last = pcr;
     if (m_count++ % m_every != 0)
         return;
-    m_samples.push_back({pcr + m_turns, packet});
+    m_samples.push_back({m_elapsed, packet});
     if (m_samples.size() < MOST_SAMPLES)
         return;
     // Every second one is dropped, so that a recording of days takes no more room.
@@ -39,18 +45,54 @@ void ClockCheck::reference(std::int64_t pcr, std::int64_t packet) {
     m_every *= 2;
 }
 
-double ClockCheck::jitterUs() const {
-    if (m_jumps != 0 || m_samples.size() < 3)
-        return 0;
+bool ClockCheck::constantRate() const {
+    constexpr double TOLERANCE = 0.01;
+    double least = 0;
+    double most = 0;
+    int spans = 0;
+    for (std::size_t begin = 0, i = 1; i < m_samples.size(); ++i) {
+        if (m_samples[i].pcr - m_samples[begin].pcr < SECOND)
+            continue;
+        const double rate = static_cast<double>(m_samples[i].packet - m_samples[begin].packet) /
+                            static_cast<double>(m_samples[i].pcr - m_samples[begin].pcr);
+        least = spans == 0 ? rate : std::min(least, rate);
+        most = std::max(most, rate);
+        ++spans;
+        begin = i;
+    }
+    return spans >= 2 && most > 0 && most - least <= TOLERANCE * most;
+}
+
+// From the line between the first and the last reference of the stretch.
+double ClockCheck::distanceUs(const Sample& sample) const {
     const Sample& first = m_samples.front();
     const Sample& last = m_samples.back();
     const double rate =
         static_cast<double>(last.pcr - first.pcr) / static_cast<double>(last.packet - first.packet);
+    return std::abs(static_cast<double>(sample.pcr - first.pcr) -
+                    rate * static_cast<double>(sample.packet - first.packet)) /
+           TICKS_PER_US;
+}
+
+std::optional<double> ClockCheck::stretchJitterUs() const {
+    if (!constantRate())
+        return std::nullopt;
     double most = 0;
     for (const Sample& sample : m_samples)
-        most = std::max(most, std::abs(static_cast<double>(sample.pcr - first.pcr) -
-                                       rate * static_cast<double>(sample.packet - first.packet)));
-    return most / 27;
+        most = std::max(most, distanceUs(sample));
+    return most;
+}
+
+std::optional<double> ClockCheck::jitterUs() const {
+    return larger(m_jitter, stretchJitterUs());
+}
+
+PeakProfile ClockCheck::jitterOverTime() const {
+    PeakProfile profile;
+    if (constantRate())
+        for (const Sample& sample : m_samples)
+            profile.add(static_cast<double>(sample.pcr - m_samples.front().pcr) / SECOND, distanceUs(sample));
+    return profile;
 }
 
 } // namespace kestrel::flowscope

@@ -1,43 +1,66 @@
-// The program's clock: intervals, jumps and jitter of its references (ISO/IEC 13818-1, 2.4.2.1 and 2.7.2).
+// The program's clock: intervals, jumps and jitter of its references (ISO/IEC 13818-1, 2.4.2.2 and 2.7.2).
 #pragma once
 
+#include "RateProfile.h"
+
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 namespace kestrel::flowscope {
 
+// Takes the references one by one, in constant memory.
 class ClockCheck {
 public:
-    // A reference in ticks of 27 MHz, in that packet.
-    void reference(std::int64_t pcr, std::int64_t packet);
+    // A reference in ticks of 27 MHz, in that packet. announced: the packet says that a new time base begins
+    // with it (2.4.3.5).
+    void reference(std::int64_t pcr, std::int64_t packet, bool announced = false);
 
+    // References so far.
     [[nodiscard]] std::uint64_t count() const noexcept { return m_count; }
+    // Between two references, jumps left out; 0 before the second.
     [[nodiscard]] double longestIntervalMs() const noexcept {
         return static_cast<double>(m_longest) / 27'000;
     }
     // Intervals over the 100 ms of 2.7.2.
     [[nodiscard]] std::uint64_t tooLong() const noexcept { return m_tooLong; }
-    // References that go back or ahead by more than a second.
+    // References that go back or ahead by more than a second without a new time base, and new time bases.
     [[nodiscard]] std::uint64_t jumps() const noexcept { return m_jumps; }
-    // Largest distance of a reference from where a constant rate between the first and the last would put it,
-    // in microseconds; 0 where there are too few or the clock jumped. Only a multiplex of constant rate is
-    // held to it.
-    [[nodiscard]] double jitterUs() const;
+    [[nodiscard]] std::uint64_t newTimeBases() const noexcept { return m_newTimeBases; }
+
+    // What 2.4.2.2 allows.
+    static constexpr double jitterLimitUs = 0.5;
+    // Largest distance of a reference from where a constant rate would put it, in microseconds, over the
+    // stretches between jumps. Nothing where no stretch has a constant rate: each of its seconds the same
+    // within a hundredth, and at least two of them.
+    [[nodiscard]] std::optional<double> jitterUs() const;
+
+    // Longest interval of each step of time, in milliseconds.
+    [[nodiscard]] const PeakProfile& intervals() const noexcept { return m_intervals; }
+    // Largest distance from a constant rate of each step of the stretch since the last jump, in microseconds;
+    // empty where it has no constant rate.
+    [[nodiscard]] PeakProfile jitterOverTime() const;
 
 private:
     struct Sample {
         std::int64_t pcr;
         std::int64_t packet;
     };
+    [[nodiscard]] bool constantRate() const;
+    [[nodiscard]] double distanceUs(const Sample& sample) const;
+    [[nodiscard]] std::optional<double> stretchJitterUs() const;
 
     std::uint64_t m_count = 0;
     std::uint64_t m_tooLong = 0;
     std::uint64_t m_jumps = 0;
+    std::uint64_t m_newTimeBases = 0;
     std::int64_t m_longest = 0;
     std::int64_t m_last = -1;
-    std::int64_t m_turns = 0; // of the counter, in ticks
-    std::vector<Sample> m_samples;
-    std::uint64_t m_every = 1; // a sample is kept of so many references
+    std::int64_t m_elapsed = 0; // since the first reference, without the jumps
+    PeakProfile m_intervals;
+    std::vector<Sample> m_samples;  // of the stretch since the last jump; times as m_elapsed
+    std::uint64_t m_every = 1;      // a sample is kept of so many references
+    std::optional<double> m_jitter; // of the stretches before
 };
 
 } // namespace kestrel::flowscope

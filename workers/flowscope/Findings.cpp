@@ -3,6 +3,7 @@
 namespace kestrel::flowscope {
 
 void Findings::add(const std::string& kind, std::string text) {
+    ++m_total;
     if (++m_counts[kind] <= mostOfAKind)
         m_first.push_back({kind, std::move(text)});
 }

@@ -7,8 +7,13 @@ namespace {
 
 // Frames of a group that are compared; a longer one is compared by its length alone.
 constexpr std::size_t COMPARED_FRAMES = 1024;
-// Different sizes that are counted; a hostile stream has no more effect.
+// Different sizes that are counted, and the longest; a hostile stream has no more effect.
 constexpr std::size_t MOST_SIZES = 4096;
+constexpr std::size_t LONGEST = 1'000'000;
+
+int bounded(std::size_t length) {
+    return static_cast<int>(std::min(length, LONGEST));
+}
 
 void count(std::map<int, std::uint64_t>& counts, int value) {
     if (counts.size() < MOST_SIZES || counts.contains(value))
@@ -49,21 +54,21 @@ void GopStatistics::closeGroup() {
     ++m_groups;
     // The first group of a stream is shorter: no B frames of an open group come before its I.
     if (m_groups > 1) {
-        count(m_sizes, static_cast<int>(std::min<std::size_t>(m_length, 1'000'000)));
+        count(m_sizes, bounded(m_length));
         if (m_pattern.empty())
             m_pattern = m_current;
         else if (m_pattern != m_current)
             m_differing = true;
-    } else if (m_sizes.empty()) {
-        m_run = m_run < 0 ? 0 : m_run;
+    } else {
+        m_first = m_length;
+        m_run = std::max(m_run, 0);
     }
     m_current.clear();
     m_length = 0;
 }
 
 int GopStatistics::size() const {
-    return m_sizes.empty() ? static_cast<int>(std::min<std::size_t>(m_length, 1'000'000))
-                           : mostFrequent(m_sizes);
+    return m_sizes.empty() ? bounded(std::max(m_first, m_length)) : mostFrequent(m_sizes);
 }
 
 std::string GopStatistics::structure() const {

@@ -11,16 +11,17 @@ namespace kestrel::flowscope {
 // at which decoding can begin.
 class GopStatistics {
 public:
+    // The next frame.
     void frame(char type, bool beginsGroup);
-    // No more frames come: the group that is open counts as cut.
-    void end() { m_current.clear(); }
 
-    // Frames of a whole group, the most frequent number; of the only, cut group where there is no other.
+    // Frames of a whole group, the most frequent number. The first group may lack the B frames before its I,
+    // and the last one may be cut: the longer of the two where there is no other.
     [[nodiscard]] int size() const;
     // "IBBP": an I, the B frames between two anchors, a P; "IP", "I".
     [[nodiscard]] std::string structure() const;
     // Whole groups differ in their frames.
     [[nodiscard]] bool adaptive() const noexcept { return m_differing; }
+    // Groups that have ended.
     [[nodiscard]] std::uint64_t groups() const noexcept { return m_groups; }
 
 private:
@@ -36,6 +37,7 @@ private:
     bool m_predicted = false; // there are P frames
     int m_run = -1;           // B frames since the last anchor; -1: before the first
     std::size_t m_length = 0; // of the open group, also beyond what m_current keeps
+    std::size_t m_first = 0;  // of the first group, once it has ended
 };
 
 } // namespace kestrel::flowscope

@@ -52,43 +52,74 @@ std::string megabits(double bitsPerSecond) {
     return bitsPerSecond <= 0 ? "" : format("%.3f Mb/s", bitsPerSecond / 1e6);
 }
 
+struct Plot {
+    const char* title;
+    const char* unit;
+    std::vector<double> values; // one of each step
+    int stepSeconds;
+    double limit = 0; // a line that the values should stay below; 0: none
+};
+
 // Steps from left to right, from zero up to the largest.
-std::string plot(const std::vector<double>& values, int stepSeconds, const char* label) {
+std::string drawn(const Plot& plot) {
     constexpr double WIDTH = 900;
     constexpr double HEIGHT = 220;
     constexpr double LEFT = 70;
     constexpr double BOTTOM = 30;
-    if (values.empty())
-        return "<p>The stream is too short for a plot.</p>\n";
-    const double most = *std::max_element(values.begin(), values.end());
+    constexpr double TOP = 10;
+    std::string svg = format("<h2>%s</h2>\n", plot.title);
+    if (plot.values.empty())
+        return svg + "<p>The stream is too short for a plot.</p>\n";
+    const double most =
+        std::max({*std::max_element(plot.values.begin(), plot.values.end()), plot.limit, 1e-9});
+    const auto y = [&](double value) { return HEIGHT - value / most * (HEIGHT - TOP); };
+    const auto x = [&](std::size_t step) {
+        return LEFT + (WIDTH - LEFT) * static_cast<double>(step) / static_cast<double>(plot.values.size());
+    };
     std::string points;
-    for (std::size_t i = 0; i < values.size(); ++i) {
-        const double y = HEIGHT - values[i] / std::max(most, 1.0) * (HEIGHT - 10);
-        const auto x = [&](std::size_t step) {
-            return LEFT + (WIDTH - LEFT) * static_cast<double>(step) / static_cast<double>(values.size());
-        };
-        points += format("%.1f,%.1f %.1f,%.1f ", x(i), y, x(i + 1), y);
-    }
-    return format("<svg viewBox=\"0 0 %.0f %.0f\" role=\"img\" aria-label=\"%s\">\n", WIDTH, HEIGHT + BOTTOM,
-                  label) +
-           format("<line x1=\"%.0f\" y1=\"%.0f\" x2=\"%.0f\" y2=\"%.0f\" stroke=\"#888\"/>\n", LEFT, HEIGHT,
-                  WIDTH, HEIGHT) +
-           "<polyline fill=\"none\" stroke=\"#1f5fa8\" stroke-width=\"1.5\" points=\"" + points + "\"/>\n" +
-           format("<text x=\"0\" y=\"16\" font-size=\"13\">%.1f</text><text x=\"0\" y=\"%.0f\" "
-                  "font-size=\"13\">Mb/s</text>\n",
-                  most / 1e6, HEIGHT) +
-           format("<text x=\"%.0f\" y=\"%.0f\" font-size=\"13\">0 s</text><text x=\"%.0f\" y=\"%.0f\" "
-                  "font-size=\"13\" "
-                  "text-anchor=\"end\">%zu s</text>\n</svg>\n",
-                  LEFT, HEIGHT + 20, WIDTH, HEIGHT + 20,
-                  values.size() * static_cast<std::size_t>(stepSeconds));
+    for (std::size_t i = 0; i < plot.values.size(); ++i)
+        points += format("%.1f,%.1f %.1f,%.1f ", x(i), y(plot.values[i]), x(i + 1), y(plot.values[i]));
+    svg += format("<svg viewBox=\"0 0 %.0f %.0f\" role=\"img\" aria-label=\"%s\">\n", WIDTH, HEIGHT + BOTTOM,
+                  plot.title);
+    svg += format("<line x1=\"%.0f\" y1=\"%.0f\" x2=\"%.0f\" y2=\"%.0f\" stroke=\"#888\"/>\n", LEFT, HEIGHT,
+                  WIDTH, HEIGHT);
+    if (plot.limit > 0)
+        svg += format("<line class=\"limit\" x1=\"%.0f\" y1=\"%.1f\" x2=\"%.0f\" y2=\"%.1f\" "
+                      "stroke=\"#b3261e\" stroke-dasharray=\"6 4\"/>\n",
+                      LEFT, y(plot.limit), WIDTH, y(plot.limit));
+    svg += "<polyline fill=\"none\" stroke=\"#1f5fa8\" stroke-width=\"1.5\" points=\"" + points + "\"/>\n";
+    const auto text = [&](double at, double line, const char* anchor, const std::string& words) {
+        svg += format("<text x=\"%.0f\" y=\"%.0f\" font-size=\"13\" text-anchor=\"%s\">", at, line, anchor) +
+               words + "</text>\n";
+    };
+    text(0, 16, "start", format("%.4g", most));
+    text(0, HEIGHT, "start", plot.unit);
+    text(LEFT, HEIGHT + 20, "start", "0 s");
+    text(WIDTH, HEIGHT + 20, "end",
+         format("%zu s", plot.values.size() * static_cast<std::size_t>(plot.stepSeconds)));
+    return svg + "</svg>\n";
+}
+
+std::string plots(const Analysis& analysis) {
+    std::vector<double> megabits = analysis.rates().bitsPerSecond();
+    for (double& rate : megabits)
+        rate /= 1e6;
+    const PeakProfile& intervals = analysis.clock().intervals();
+    std::string result =
+        drawn({"Bit rate over time", "Mb/s", std::move(megabits), analysis.rates().stepSeconds()}) +
+        drawn({"Longest PCR interval over time", "ms", intervals.peaks(), intervals.stepSeconds(), 100});
+    if (!analysis.pcrJitterUs())
+        return result;
+    const PeakProfile jitter = analysis.clock().jitterOverTime();
+    return result + drawn({"PCR jitter over time", "\xC2\xB5s", jitter.peaks(), jitter.stepSeconds(),
+                           ClockCheck::jitterLimitUs});
 }
 
 void addVideo(std::string& page, const Analysis& analysis) {
     const VideoTrack& video = *analysis.video();
     const VideoFormat& picture = video.format();
     row(page, "Video",
-        format("PID %d, %s %s", analysis.videoPid(), video.codec() == VideoCodec::mpeg2 ? "MPEG-2" : "H.264",
+        format("PID %d, %s %s", analysis.videoPid(), encodingText(analysis).c_str(),
                picture.profile.c_str()));
     row(page, "Picture",
         format("%dx%d, %s, %s", picture.width, picture.height, picture.aspect.c_str(),
@@ -107,26 +138,40 @@ void addVideo(std::string& page, const Analysis& analysis) {
     row(page, "Quad-byte aligned", video.quadByteAligned() ? "yes" : "no");
 }
 
+void addAudio(std::string& page, const Analysis& analysis, const Analysis::Audio& audio) {
+    const AudioFormat& sound = audio.track.format();
+    std::string text = format("PID %d, ", audio.pid) + audioTypeText(analysis, audio);
+    if (audio.track.frames() == 0) {
+        row(page, "Audio", text + ", no frame was found");
+        return;
+    }
+    text += ", " + sound.mode;
+    if (sound.allChannels() != 0)
+        text += format(", %d channels", sound.allChannels());
+    row(page, "Audio",
+        text + format(", %d Hz, %.0f kb/s", sound.samplingRate, audio.track.bitsPerSecond() / 1000));
+}
+
 void addTransport(std::string& page, const Analysis& analysis) {
     const Program& asset = *analysis.asset();
     row(page, "Program", format("%d, PMT PID %d, PCR PID %d", asset.number, asset.pmtPid, asset.pcrPid));
     row(page, "Multiplex",
-        megabits(analysis.muxBitsPerSecond()) +
-            format(", %.1f %% null packets",
-                   100.0 * static_cast<double>(analysis.nullPackets()) /
-                       static_cast<double>(std::max<std::uint64_t>(analysis.packets(), 1))));
+        megabits(analysis.muxBitsPerSecond()) + format(", %.1f %% null packets", analysis.nullPercent()));
     row(page, "PCR",
-        format("at most every %.1f ms, %llu over 100 ms, %llu jumps", analysis.clock().longestIntervalMs(),
+        format("at most every %.1f ms, %llu over 100 ms, %llu jumps, %llu new time bases",
+               analysis.clock().longestIntervalMs(),
                static_cast<unsigned long long>(analysis.clock().tooLong()),
-               static_cast<unsigned long long>(analysis.clock().jumps())));
-    if (analysis.nullPackets() != 0)
-        row(page, "PCR jitter", format("%.1f \xC2\xB5s from a constant rate", analysis.clock().jitterUs()));
+               static_cast<unsigned long long>(analysis.clock().jumps()),
+               static_cast<unsigned long long>(analysis.clock().newTimeBases())));
+    if (const auto jitter = analysis.pcrJitterUs())
+        row(page, "PCR jitter", format("%.3f \xC2\xB5s from a constant rate", *jitter));
     if (const auto offset = analysis.audioOffsetMs())
         row(page, "Audio begins", format("%+.1f ms from the video", *offset));
     for (const Program& program : analysis.programs())
         if (&program != analysis.asset())
             row(page, "Also in the file",
-                format("program %d, %zu streams", program.number, program.streams.size()));
+                program.mapped ? format("program %d, %zu streams", program.number, program.streams.size())
+                               : format("program %d, without a map", program.number));
 }
 
 } // namespace
@@ -137,24 +182,20 @@ std::string htmlReport(const Analysis& analysis, const std::string& file) {
                        escaped(file) + "</h1>\n<p>" + escaped(summary(analysis)) + "</p>\n";
     page += clean(analysis)
                 ? "<div class=\"verdict good\">Nothing was found that departs from the standards.</div>\n"
-                : format("<div class=\"verdict bad\">%zu findings: see below.</div>\n",
-                         analysis.findings().first().size());
+                : "<div class=\"verdict bad\">" + findingsText(analysis) + ": see below.</div>\n";
     page += "<h2>Properties</h2>\n<table>\n";
     addVideo(page, analysis);
-    for (const Analysis::Audio& audio : analysis.audios()) {
-        const AudioFormat& sound = audio.track.format();
-        row(page, "Audio",
-            format("PID %d, %s, %d Hz, %.0f kb/s", audio.pid, sound.mode.c_str(), sound.samplingRate,
-                   audio.track.bitsPerSecond() / 1000));
-    }
+    for (const Analysis::Audio& audio : analysis.audios())
+        addAudio(page, analysis, audio);
     addTransport(page, analysis);
-    page += "</table>\n<h2>Bit rate over time</h2>\n" +
-            plot(analysis.rates().bitsPerSecond(), analysis.rates().stepSeconds(), "Bit rate over time");
+    page += "</table>\n" + plots(analysis);
     if (!clean(analysis)) {
         page += "<h2>Findings</h2>\n<ul>\n";
         for (const Finding& finding : analysis.findings().first())
             page += "<li><b>" + escaped(finding.kind) + "</b>: " + escaped(finding.text) + "</li>\n";
         page += "</ul>\n";
+        if (analysis.findings().total() > analysis.findings().first().size())
+            page += format("<p>Of each kind the first %zu are shown.</p>\n", Findings::mostOfAKind);
     }
     return page + "</body></html>\n";
 }

@@ -6,6 +6,7 @@
 
 namespace kestrel::flowscope {
 
+// What the command line asks for.
 struct Options {
     std::string format = "xml"; // or "html"
     std::string reportDirectory = ".";
@@ -17,11 +18,13 @@ struct Options {
     bool help = false;
     std::string error; // what is wrong with the command line; empty when nothing is
 
+    // Directory and name of the report.
     [[nodiscard]] std::string reportPath() const;
 };
 
 // The options have one dash, as the service writes them.
 Options parseOptions(int argc, char** argv);
+// What --help prints, and a wrong command line too.
 std::string usage(const std::string& program);
 
 } // namespace kestrel::flowscope

@@ -3,6 +3,7 @@
 #include "capture/Failure.h"
 #include "timecode/mpeg_timecode.h"
 
+#include <algorithm>
 #include <cmath>
 
 namespace kestrel::flowscope {
@@ -25,29 +26,69 @@ std::string bitRateText(double bitsPerSecond) {
     return bitsPerSecond <= 0 ? "" : format("%.0f", bitsPerSecond);
 }
 
+namespace {
+
+std::string label(std::int64_t hours, std::int64_t minutes, std::int64_t seconds, std::int64_t frames) {
+    return format("%02lld:%02lld:%02lld:%02lld", static_cast<long long>(hours),
+                  static_cast<long long>(minutes), static_cast<long long>(seconds),
+                  static_cast<long long>(frames));
+}
+
+// Of a day that has as many labels a second as the rate has frames, rounded: for rates without a code.
+std::string plainLabel(std::int64_t frames, std::int64_t perSecond) {
+    const std::int64_t seconds = frames / perSecond;
+    return label(seconds / 3600, seconds / 60 % 60, seconds % 60, frames % perSecond);
+}
+
+std::string days(std::int64_t count) {
+    return count == 0 ? "" : std::to_string(count) + "d ";
+}
+
+} // namespace
+
 std::string durationText(const Analysis& analysis) {
-    const int code = analysis.video() == nullptr ? 0 : analysis.video()->format().rateCode();
-    if (code == 0)
+    if (analysis.video() == nullptr || analysis.video()->format().rate() <= 0)
         return {};
+    const std::int64_t frames = analysis.videoFrames();
+    const int code = analysis.video()->format().rateCode();
+    if (code == 0) {
+        const std::int64_t perSecond = std::max(1LL, std::llround(analysis.video()->format().rate()));
+        const std::int64_t day = 86'400 * perSecond;
+        return days(frames / day) + plainLabel(frames % day, perSecond);
+    }
     const bool drop = analysis.video()->dropFrame();
     const std::int64_t day = mpeg_timecode::rollover_frames_count(drop, code);
-    const std::int64_t frames = analysis.videoFrames();
-    mpeg_timecode label = mpeg_timecode::from_frames(static_cast<int>(frames % day), drop, code);
-    return (frames >= day ? std::to_string(frames / day) + "d " : "") + label.windows_string();
+    return days(frames / day) +
+           mpeg_timecode::from_frames(static_cast<int>(frames % day), drop, code).windows_string();
 }
 
 std::string timecodeText(const Analysis& analysis) {
     if (analysis.video() == nullptr || !analysis.video()->firstTimecode())
         return {};
+    // Of any rate: the label is shown as it is coded.
+    const int packed = *analysis.video()->firstTimecode();
     const int code = analysis.video()->format().rateCode();
-    if (code == 0)
-        return {};
-    mpeg_timecode first = mpeg_timecode::parse_GOP(*analysis.video()->firstTimecode(), code);
-    return first.windows_string();
+    return mpeg_timecode::parse_GOP(packed, code != 0 ? code : 3).windows_string();
+}
+
+std::string encodingText(const Analysis& analysis) {
+    return analysis.video()->codec() == VideoCodec::mpeg2 ? "MPEG2" : "H.264";
+}
+
+std::string audioTypeText(const Analysis& analysis, const Analysis::Audio& audio) {
+    for (const StreamEntry& stream : analysis.asset()->streams)
+        if (stream.pid == audio.pid)
+            return stream.description;
+    return {};
 }
 
 bool clean(const Analysis& analysis) {
     return analysis.findings().empty();
+}
+
+std::string findingsText(const Analysis& analysis) {
+    const auto total = static_cast<unsigned long long>(analysis.findings().total());
+    return total == 0 ? "no findings" : total == 1 ? "1 finding" : format("%llu findings", total);
 }
 
 std::string summary(const Analysis& analysis) {
@@ -55,7 +96,7 @@ std::string summary(const Analysis& analysis) {
     return format("%lld frames, %s, %dx%d at %s, %zu audio, ", static_cast<long long>(analysis.videoFrames()),
                   durationText(analysis).c_str(), video.width, video.height, rateText(video.rate()).c_str(),
                   analysis.audios().size()) +
-           (clean(analysis) ? "no findings" : format("%zu findings", analysis.findings().first().size()));
+           findingsText(analysis);
 }
 
 } // namespace kestrel::flowscope

@@ -4,18 +4,26 @@
 #include "Analysis.h"
 
 #include <string>
-#include <utility>
-#include <vector>
 
 namespace kestrel::flowscope {
 
-std::string rateText(double framesPerSecond);       // "29.97", "25", "23.976"
-std::string bitRateText(double bitsPerSecond);      // whole bits per second
-std::string durationText(const Analysis& analysis); // hh:mm:ss:ff, ";" before the frames for drop-frame
-std::string timecodeText(const Analysis& analysis); // of the first GOP; empty when there is none
+// "29.97", "25", "23.976"; empty for no rate.
+std::string rateText(double framesPerSecond);
+// Whole bits per second; empty for none.
+std::string bitRateText(double bitsPerSecond);
+// hh:mm:ss:ff, ";" before the frames for drop-frame; empty where there is no frame rate.
+std::string durationText(const Analysis& analysis);
+// The first time code, likewise; empty when there is none.
+std::string timecodeText(const Analysis& analysis);
+// "MPEG2" or "H.264".
+std::string encodingText(const Analysis& analysis);
+// What the map says of the audio, "AC3 Audio (ATSC A/52)".
+std::string audioTypeText(const Analysis& analysis, const Analysis::Audio& audio);
 
 // Whether everything that was looked at was as the standards want it.
 bool clean(const Analysis& analysis);
+// "no findings", or how many there were, with those whose texts are not kept.
+std::string findingsText(const Analysis& analysis);
 // One line: "75 frames, 00:00:03:00, 720x576 at 25, 2 findings".
 std::string summary(const Analysis& analysis);
 

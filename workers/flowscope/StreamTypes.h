@@ -1,7 +1,7 @@
 // What an entry of a program map table says of its stream.
 #pragma once
 
-#include "Analysis.h"
+#include "ProgramTables.h"
 
 #include <span>
 

@@ -65,9 +65,8 @@ int VerifierSession::run() {
     std::string failure = examineBeginning();
     if (failure.empty())
         failure = analyse(analysis);
-    if (failure.empty() && analysis.video() == nullptr)
-        failure = analysis.programs().empty() ? "no program: no PAT and PMT were found"
-                                              : "no MPEG-2 or H.264 video in any program";
+    if (failure.empty())
+        failure = missing(analysis);
     if (failure.empty())
         failure = writeReport(analysis);
     if (!failure.empty())
@@ -84,6 +83,19 @@ int VerifierSession::fail(const std::string& why) {
     m_link.sendResults(why);
     m_link.sendExit();
     return exitFailure;
+}
+
+// What a report cannot do without.
+std::string VerifierSession::missing(const Analysis& analysis) {
+    const auto& programs = analysis.programs();
+    if (std::none_of(programs.begin(), programs.end(), [](const Program& each) { return each.mapped; }))
+        return "no program: no PAT and PMT were found";
+    if (analysis.video() == nullptr)
+        return "no MPEG-2 or H.264 video in any program";
+    if (analysis.video()->frames() == 0)
+        return format("no picture in the video of program %d, PID %d", analysis.asset()->number,
+                      analysis.videoPid());
+    return {};
 }
 
 // What can be told before the pass: a file that is none, and packets of another size.

@@ -11,6 +11,7 @@ namespace kestrel::flowscope {
 
 class Analysis;
 
+// Reads the file, tells the service how it goes, and leaves a report or says why there is none.
 class VerifierSession {
 public:
     explicit VerifierSession(Options options);
@@ -21,6 +22,7 @@ private:
     // Empty, or why there can be no report.
     std::string analyse(Analysis& analysis);
     std::string examineBeginning() const;
+    static std::string missing(const Analysis& analysis);
     // Heartbeat and progress; true when the service, or a signal, asks for the end.
     bool attend(std::uint64_t packets);
     std::string writeReport(const Analysis& analysis) const;

@@ -1,71 +1,91 @@
 // The video stream of the asset: MPEG-2 (ISO/IEC 13818-2) or H.264 (ITU-T H.264).
 #pragma once
 
+#include "FrameRates.h"
 #include "GopStatistics.h"
 #include "capture/AvcHeaders.h"
-#include "mpeg/pts.h"
 
 #include <array>
 #include <cstdint>
 #include <optional>
 #include <span>
 #include <string>
+#include <vector>
 
 namespace kestrel::flowscope {
 
+// A coding of pictures; MPEG-1 counts as MPEG-2, which says the same in its headers.
 enum class VideoCodec { mpeg2, h264 };
 
 // What the headers of a video stream say.
 struct VideoFormat {
     int width = 0;
     int height = 0;
-    std::string aspect; // of the picture, "16:9"
-    // Frames a second as a fraction; 0 while unknown.
-    std::int64_t rateNumerator = 0;
-    std::int64_t rateDenominator = 1;
+    std::string aspect;  // of the picture, "16:9"
+    FrameRate frameRate; // as the headers say; none while they say nothing
     bool interlaced = false;
     std::string profile;
 
-    [[nodiscard]] double rate() const noexcept {
-        return static_cast<double>(rateNumerator) / static_cast<double>(rateDenominator);
-    }
-    [[nodiscard]] int rateCode() const noexcept; // frame_rate_code, 0 when none
+    // Frames a second, 0 while unknown.
+    [[nodiscard]] double rate() const noexcept { return frameRate.value(); }
+    // frame_rate_code, 0 when none stands for the rate.
+    [[nodiscard]] int rateCode() const noexcept;
 };
 
+// "16:9" of a width and a height in square samples; empty when both are 0.
+std::string pictureAspect(std::int64_t width, std::int64_t height);
+
+// Finds the headers, whatever way their bytes are cut into packets, and adds up what they say. Pictures are
+// not decoded.
 class VideoTrack {
 public:
     explicit VideoTrack(VideoCodec codec) : m_codec(codec) {}
 
-    // A PES packet begins, with its times (dts is the pts where none is sent).
-    void stamp(PTS pts, PTS dts);
     // The next bytes of the elementary stream.
     void feed(std::span<const unsigned char> bytes);
     // Bytes were lost: what was being read is dropped.
     void skip();
     // No more bytes come.
     void end();
+    // For a stream whose headers say nothing of its frame rate.
+    void assumeFrameRate(FrameRate rate) {
+        if (m_format.frameRate.numerator == 0)
+            m_format.frameRate = rate;
+    }
 
+    // As it was announced.
     [[nodiscard]] VideoCodec codec() const noexcept { return m_codec; }
+    // What the latest headers say.
     [[nodiscard]] const VideoFormat& format() const noexcept { return m_format; }
+    // Of the frames that have been counted.
     [[nodiscard]] const GopStatistics& gops() const noexcept { return m_gops; }
+    // Two fields are one frame.
     [[nodiscard]] std::uint64_t frames() const noexcept { return m_frames; }
+    // Of the elementary stream.
     [[nodiscard]] std::uint64_t bytes() const noexcept { return m_bytes; }
     // Every sequence, group and picture header begins at a multiple of four bytes of the elementary stream.
     [[nodiscard]] bool quadByteAligned() const noexcept { return m_headers > 0 && m_unaligned == 0; }
-    // drop_frame_flag of the GOP headers (6.3.8).
+    // Of the time codes: drop_frame_flag of the latest GOP header (13818-2, 6.3.8), or counting_type of the
+    // first picture timing (H.264, D.2.2).
     [[nodiscard]] bool dropFrame() const noexcept { return m_dropFrame; }
-    // CEA-608/708 in the picture user data (ATSC A/53 part 4, 6.2.3).
+    // CEA-608/708 in the picture user data, or in that of an SEI message (ATSC A/53 part 4, 6.2.3).
     [[nodiscard]] bool closedCaptions() const noexcept { return m_captions; }
-    // vbv_delay is coded (13818-2, 6.3.9), or the HRD is one of constant rate; nothing when the stream does
-    // not say.
+    // MPEG-2: whether every picture has its vbv_delay coded (13818-2, 6.3.9). Nothing of H.264, which is
+    // judged by its bytes.
     [[nodiscard]] std::optional<bool> constantBitRate() const noexcept { return m_constantRate; }
-    // 25 bits of the first GOP header's time_code.
+    // The first time code of GOP header or picture timing, as the 25 bits of a GOP header.
     [[nodiscard]] std::optional<int> firstTimecode() const noexcept { return m_firstTimecode; }
     // GOP time codes that do not follow from the one before and its frames.
     [[nodiscard]] std::uint64_t timecodeJumps() const noexcept { return m_timecodeJumps; }
-    [[nodiscard]] PTS firstPts() const noexcept { return m_firstPts; }
 
 private:
+    static constexpr std::size_t longestHeader = 512;
+    // Bytes from the start code on that are needed of a header; 0: of no interest.
+    [[nodiscard]] static std::size_t mpeg2HeaderBytes(unsigned char code);
+    [[nodiscard]] static std::size_t nalBytes(unsigned char header);
+    // One of the headers that alignment is asked of.
+    [[nodiscard]] static bool mpeg2Aligned(unsigned char code);
+
     void step(unsigned char byte);
     void beginHeader(unsigned char code);
     void endHeader();
@@ -76,8 +96,10 @@ private:
     void takePicture(std::span<unsigned char> header);
     void takeCodingExtension(std::span<unsigned char> header);
     void takeNal(std::span<unsigned char> nal);
+    void takeSequenceSet(std::span<unsigned char> nal);
+    void takeMessages(std::span<const unsigned char> nal);
     void takeSlice(std::span<unsigned char> nal, bool idr);
-    void takeUserData(std::span<unsigned char> data);
+    void takeUserData(std::span<const unsigned char> data);
     void countFrame(char type, bool beginsGroup);
     void settlePicture(int structure);
 
@@ -95,22 +117,19 @@ private:
     std::optional<int> m_lastTimecode;
     std::uint64_t m_framesAtTimecode = 0;
     std::uint64_t m_timecodeJumps = 0;
-    PTS m_firstPts{-1};
 
     // Start code search: trailing zeros (at most 2), and whether a prefix was just completed.
     unsigned m_zeros = 0;
     bool m_prefix = false;
-    std::array<unsigned char, 512> m_header{};
+    std::array<unsigned char, longestHeader> m_header{};
     std::size_t m_headerLength = 0;
     std::size_t m_headerWanted = 0; // 0: none
 
     // MPEG-2
-    bool m_gopSeen = false; // since the last picture
     char m_pictureType = 0; // of a picture whose structure is not known yet
     int m_firstField = 0;   // picture_structure of a field that waits for its second
     // H.264
     capture::AvcHeaders m_avc;
-    bool m_delimited = false;
     bool m_keyAhead = false; // a parameter set or a recovery point came before the picture
     std::optional<capture::AvcHeaders::Slice> m_lastField;
 };

@@ -25,8 +25,8 @@ const char* yesNo(bool yes) {
     return yes ? "true" : "false";
 }
 
-void addProgram(TiXmlElement& parent, const char* name, const Program& program) {
-    TiXmlElement& table = add(parent, name);
+void addAsset(TiXmlElement& parent, const Program& program) {
+    TiXmlElement& table = add(parent, "PMTTable");
     value(table, "Pid", std::to_string(program.pmtPid));
     value(table, "PcrPid", std::to_string(program.pcrPid));
     value(table, "ProgramNumber", std::to_string(program.number));
@@ -41,12 +41,26 @@ void addProgram(TiXmlElement& parent, const char* name, const Program& program) 
     }
 }
 
+// In one element: the service reads no report with thousands of them, and a multiplex may have many programs.
+void addOther(TiXmlElement& parent, const Program& program) {
+    TiXmlElement& entry = add(parent, "OtherProgram");
+    entry.SetAttribute("number", program.number);
+    entry.SetAttribute("pmtPid", program.pmtPid);
+    if (!program.mapped)
+        return;
+    entry.SetAttribute("pcrPid", program.pcrPid);
+    std::string streams;
+    for (const StreamEntry& stream : program.streams)
+        streams += (streams.empty() ? "" : ", ") + std::to_string(stream.pid) + " " + stream.description;
+    entry.SetAttribute("streams", streams.c_str());
+}
+
 void addVideo(TiXmlElement& media, const Analysis& analysis) {
     const VideoTrack& video = *analysis.video();
     const VideoFormat& picture = video.format();
     TiXmlElement& stream = add(media, "VideoStream");
     value(stream, "Pid", std::to_string(analysis.videoPid()));
-    value(stream, "Encoding", video.codec() == VideoCodec::mpeg2 ? "MPEG2" : "H.264");
+    value(stream, "Encoding", encodingText(analysis));
     value(stream, "Profile", picture.profile);
     if (picture.width > 0)
         value(stream, "VideoResolution", format("%dx%d", picture.width, picture.height));
@@ -66,10 +80,11 @@ void addVideo(TiXmlElement& media, const Analysis& analysis) {
     value(stream, "FirstTimecode", timecodeText(analysis));
 }
 
-void addAudio(TiXmlElement& media, const Analysis::Audio& audio) {
+void addAudio(TiXmlElement& media, const Analysis& analysis, const Analysis::Audio& audio) {
     const AudioFormat& sound = audio.track.format();
     TiXmlElement& stream = add(media, "AudioStream");
     value(stream, "Pid", std::to_string(audio.pid));
+    value(stream, "AudioType", audioTypeText(analysis, audio));
     value(stream, "AudioMode", sound.mode);
     value(stream, "AudioBitrate", bitRateText(audio.track.bitsPerSecond()));
     if (sound.samplingRate != 0)
@@ -88,15 +103,17 @@ void addTransport(TiXmlElement& root, const Analysis& analysis) {
     };
     number("Packets", analysis.packets());
     number("NullPackets", analysis.nullPackets());
+    value(transport, "NullPacketPercent", format("%.2f", analysis.nullPercent()));
+    number("DuplicatePackets", analysis.duplicates());
     number("ContinuityErrors", analysis.findings().count("continuity"));
     number("TransportErrors", analysis.findings().count("transport error"));
     number("PcrCount", analysis.clock().count());
     value(transport, "PcrIntervalMaxMs", format("%.3f", analysis.clock().longestIntervalMs()));
     number("PcrIntervalsOver100Ms", analysis.clock().tooLong());
     number("PcrJumps", analysis.clock().jumps());
-    // Only a multiplex that is filled up to a constant rate is held to it (2.7.2 allows 0.5 us).
-    if (analysis.nullPackets() != 0)
-        value(transport, "PcrJitterUs", format("%.3f", analysis.clock().jitterUs()));
+    number("PcrNewTimeBases", analysis.clock().newTimeBases());
+    if (const auto jitter = analysis.pcrJitterUs())
+        value(transport, "PcrJitterUs", format("%.3f", *jitter));
     if (const auto offset = analysis.audioOffsetMs())
         value(transport, "AudioOffsetMs", format("%.3f", *offset));
     // One attribute, so that a long recording has no more elements than a short one.
@@ -106,6 +123,21 @@ void addTransport(TiXmlElement& root, const Analysis& analysis) {
     TiXmlElement& profile = add(transport, "BitrateOverTime");
     profile.SetAttribute("stepSeconds", analysis.rates().stepSeconds());
     profile.SetAttribute("value", rates.c_str());
+}
+
+void addFindings(TiXmlElement& root, const Analysis& analysis) {
+    TiXmlElement& findings = add(root, "Findings");
+    findings.SetAttribute("count", std::to_string(analysis.findings().total()).c_str());
+    for (const auto& [kind, count] : analysis.findings().counts()) {
+        TiXmlElement& entry = add(findings, "Kind");
+        entry.SetAttribute("name", kind.c_str());
+        entry.SetAttribute("count", std::to_string(count).c_str());
+    }
+    for (const Finding& finding : analysis.findings().first()) {
+        TiXmlElement& entry = add(findings, "Finding");
+        entry.SetAttribute("kind", finding.kind.c_str());
+        entry.SetAttribute("text", finding.text.c_str());
+    }
 }
 
 } // namespace
@@ -118,24 +150,19 @@ std::string xmlReport(const Analysis& analysis, const std::string& file) {
     root->SetAttribute("file", file.c_str());
     TiXmlElement& media = add(*root, "Media");
     TiXmlElement& system = add(media, "SystemInformation");
-    addProgram(system, "PMTTable", *analysis.asset());
+    addAsset(system, *analysis.asset());
     for (const Program& program : analysis.programs())
         if (&program != analysis.asset())
-            addProgram(system, "OtherProgram", program);
+            addOther(system, program);
     addVideo(media, analysis);
     for (const Analysis::Audio& audio : analysis.audios())
-        addAudio(media, audio);
+        addAudio(media, analysis, audio);
     TiXmlElement& whole = add(*root, "MediaSummary");
     value(whole, "AssetDuration", durationText(analysis));
     value(whole, "MuxBitrate", bitRateText(analysis.muxBitsPerSecond()));
     value(whole, "DurationSeconds", format("%.3f", analysis.videoSeconds()));
     addTransport(*root, analysis);
-    TiXmlElement& findings = add(*root, "Findings");
-    for (const Finding& finding : analysis.findings().first()) {
-        TiXmlElement& entry = add(findings, "Finding");
-        entry.SetAttribute("kind", finding.kind.c_str());
-        entry.SetAttribute("text", finding.text.c_str());
-    }
+    addFindings(*root, analysis);
     TiXmlPrinter printer;
     printer.SetIndent("  ");
     document.Accept(&printer);

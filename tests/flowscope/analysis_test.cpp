@@ -1,0 +1,389 @@
+// Which program is analysed, how far, and what is repeated without harm: on streams made packet by packet.
+#include "flowscope/Analysis.h"
+
+#include "flowscope/ReportValues.h"
+#include "flowscope/Reports.h"
+#include "foundation/ScratchDir.h"
+#include "multiplex.h"
+#include "streams/gop_reader.h"
+#include "streams/stream_fixtures.h"
+#include "verifier/VerifierXml.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using namespace kestrel::flowscope;
+using kestrel::test::makeStream;
+using kestrel::test::readFile;
+using kestrel::test::streamFile;
+using testing::HasSubstr;
+
+namespace {
+
+Analysis analysed(const Bytes& bytes, std::optional<int> seconds = std::nullopt) {
+    Analysis analysis(seconds);
+    for (std::size_t at = 0; at + 188 <= bytes.size(); at += 188)
+        if (!analysis.take(bytes.data() + at))
+            break;
+    analysis.end();
+    return analysis;
+}
+
+constexpr int VIDEO = 0x02;
+constexpr int AC3 = 0x81;
+constexpr int FRAME = 3600; // ticks of 90 kHz at 25 a second
+
+void expectClean(const Analysis& analysis) {
+    for (const Finding& finding : analysis.findings().first())
+        ADD_FAILURE() << finding.kind << ": " << finding.text;
+}
+
+// So many pictures in PES packets of their own, with a clock reference before each.
+void addPictures(Multiplex& stream, int pid, int count, std::int64_t begin = 0) {
+    for (int i = 0; i < count; ++i) {
+        const std::int64_t dts = begin + std::int64_t{i} * FRAME + 9000;
+        stream.clock(pid, (dts - 9000) * 300);
+        stream.pes(pid, pesHeader(dts, dts), mpeg2Picture(i % 12 == 0 ? 1 : 2));
+    }
+}
+
+// --- programs
+
+TEST(Asset, IsTheFirstProgramWithVideoInTheOrderOfTheAssociationTable) {
+    // The second program's map comes first.
+    Multiplex stream;
+    stream.association({{1, 0x100}, {2, 0x200}, {3, 0x300}});
+    stream.map(0x300, 3, 0x301, {{VIDEO, 0x301}}).map(0x200, 2, 0x201, {{VIDEO, 0x201}});
+    stream.map(0x100, 1, 0x101, {{AC3, 0x101}});
+    addPictures(stream, 0x201, 3);
+    const Analysis analysis = analysed(stream.bytes);
+    ASSERT_NE(analysis.asset(), nullptr);
+    EXPECT_EQ(analysis.asset()->number, 2);
+    EXPECT_EQ(analysis.videoPid(), 0x201);
+    EXPECT_EQ(analysis.video()->frames(), 3U);
+    ASSERT_EQ(analysis.programs().size(), 3U);
+    EXPECT_EQ(analysis.programs()[0].number, 1);
+}
+
+TEST(Asset, IsNotTakenAwayByAMapThatComesLate) {
+    Multiplex stream;
+    stream.association({{1, 0x100}, {2, 0x200}}).map(0x200, 2, 0x201, {{VIDEO, 0x201}});
+    addPictures(stream, 0x201, 30);
+    stream.map(0x100, 1, 0x101, {{VIDEO, 0x101}});
+    const Analysis analysis = analysed(stream.bytes);
+    EXPECT_EQ(analysis.asset()->number, 2);
+    EXPECT_EQ(analysis.video()->frames(), 30U);
+}
+
+TEST(Programs, MayHaveTheirMapsOnOnePid) {
+    Multiplex stream;
+    stream.association({{1, 0x100}, {2, 0x100}});
+    for (int i = 0; i < 5; ++i)
+        stream.map(0x100, 1, 0x101, {{AC3, 0x101}}).map(0x100, 2, 0x201, {{VIDEO, 0x201}, {AC3, 0x202}});
+    addPictures(stream, 0x201, 3);
+    const Analysis analysis = analysed(stream.bytes);
+    expectClean(analysis);
+    ASSERT_NE(analysis.asset(), nullptr);
+    EXPECT_EQ(analysis.asset()->number, 2);
+    EXPECT_EQ(analysis.asset()->streams.size(), 2U);
+}
+
+TEST(Programs, MayHaveTheirMapsInOnePacket) {
+    Multiplex stream;
+    stream.association({{1, 0x100}, {2, 0x100}});
+    stream.sections(0x100, Multiplex::wholeSection(2, Multiplex::mapBody(1, 0x101, {{AC3, 0x101}})) +
+                               Multiplex::wholeSection(2, Multiplex::mapBody(2, 0x201, {{VIDEO, 0x201}})));
+    addPictures(stream, 0x201, 3);
+    const Analysis analysis = analysed(stream.bytes);
+    expectClean(analysis);
+    EXPECT_EQ(analysis.programs()[0].streams.size(), 1U);
+    EXPECT_EQ(analysis.asset()->number, 2);
+}
+
+TEST(Programs, ThatChangeAreFoundOnceForEachChange) {
+    Multiplex stream;
+    stream.association({{1, 0x100}}).map(0x100, 1, 0x101, {{VIDEO, 0x101}});
+    addPictures(stream, 0x101, 3);
+    for (int i = 0; i < 20; ++i)
+        stream.map(0x100, 1, 0x101, {{VIDEO, 0x101}, {AC3, 0x102}});
+    for (int i = 0; i < 20; ++i)
+        stream.map(0x100, 1, 0x101, {{VIDEO, 0x101}});
+    const Analysis analysis = analysed(stream.bytes);
+    EXPECT_EQ(analysis.findings().count("program"), 2U);
+    EXPECT_EQ(analysis.asset()->streams.size(), 1U) << "those that were analysed are reported";
+}
+
+TEST(Programs, WhoseMapDoesNotComeAreFound) {
+    Multiplex stream;
+    stream.association({{1, 0x100}, {2, 0x200}}).map(0x200, 2, 0x201, {{VIDEO, 0x201}});
+    addPictures(stream, 0x201, 3);
+    const Analysis analysis = analysed(stream.bytes);
+    ASSERT_EQ(analysis.findings().total(), 1U);
+    EXPECT_EQ(analysis.findings().first()[0].text, "program 1: its map has not come on PID 256");
+    EXPECT_THAT(htmlReport(analysis, "f"), HasSubstr("program 1, without a map"));
+}
+
+TEST(Programs, WhoseMapMovesOrBearsAnotherNumberAreFound) {
+    Multiplex stream;
+    stream.association({{1, 0x100}}).map(0x100, 7, 0x201, {{VIDEO, 0x201}});
+    addPictures(stream, 0x201, 3);
+    stream.association({{1, 0x180}}).map(0x180, 1, 0x201, {{VIDEO, 0x201}});
+    const Analysis analysis = analysed(stream.bytes);
+    EXPECT_EQ(analysis.video()->frames(), 3U) << "the streams are there all the same";
+    ASSERT_EQ(analysis.findings().count("program"), 2U);
+    EXPECT_THAT(analysis.findings().first()[0].text,
+                HasSubstr("PID 256 has the map of program 7, not of program 1"));
+    EXPECT_THAT(analysis.findings().first()[1].text, HasSubstr("program 1 moves from PID 256 to PID 384"));
+}
+
+TEST(Programs, OfALargeMultiplexLeaveTheReportReadable) {
+    Multiplex stream;
+    std::vector<std::pair<int, int>> programs;
+    for (int i = 1; i <= 63; ++i)
+        programs.emplace_back(i, 0x20 * i);
+    stream.association(programs);
+    for (const auto& [number, pid] : programs) {
+        std::vector<Stream> streams{{VIDEO, pid + 1}};
+        for (int i = 2; i <= 16; ++i)
+            streams.push_back({AC3, pid + i});
+        stream.map(pid, number, pid + 1, streams);
+    }
+    addPictures(stream, 0x21, 3);
+    const Analysis analysis = analysed(stream.bytes);
+    ASSERT_EQ(analysis.programs().size(), 63U);
+    const ScratchDir directory;
+    const VerifierXml reader(directory.file("r.xml", xmlReport(analysis, "f")).c_str());
+    ASSERT_TRUE(reader.loaded);
+    EXPECT_STREQ(reader.getPmtPid(), "32");
+    EXPECT_STREQ(reader.getVideoPid(), "33");
+    EXPECT_EQ(reader.getNumAudios(), 15);
+}
+
+// --- bounded passes
+
+TEST(Pass, EndsWhenAllMapsAreKnownAndNoneHasVideo) {
+    Multiplex stream;
+    stream.association({{1, 0x100}, {2, 0x200}}).map(0x100, 1, 0x101, {{AC3, 0x101}});
+    Analysis analysis(std::nullopt);
+    for (std::size_t at = 0; at < stream.bytes.size(); at += 188)
+        EXPECT_TRUE(analysis.take(stream.bytes.data() + at)) << "a map is missing";
+    Multiplex other;
+    other.map(0x200, 2, 0x201, {{AC3, 0x201}});
+    EXPECT_FALSE(analysis.take(other.bytes.data()));
+}
+
+// Packets that a pass of one second takes of a stream of a minute.
+template <typename Second>
+std::size_t packetsOfAMinute(Multiplex stream, Second second) {
+    const std::size_t tables = stream.packets();
+    for (int i = 0; i < 60; ++i)
+        second(stream, i);
+    Analysis analysis(1);
+    std::size_t taken = 0;
+    while (taken < stream.packets() && analysis.take(stream.bytes.data() + 188 * taken))
+        ++taken;
+    return (taken - tables) * 60 / (stream.packets() - tables); // in seconds
+}
+
+TEST(Pass, IsBoundedByTheClockWhereNoVideoTimeComes) {
+    Multiplex stream;
+    stream.association({{1, 0x100}}).map(0x100, 1, 0x101, {{VIDEO, 0x101}});
+    // The video is scrambled: its PES headers cannot be seen.
+    const auto second = [](Multiplex& into, int i) {
+        into.clock(0x101, std::int64_t{i} * 27'000'000).packet(0x101, true, Bytes(184, 0xA5));
+    };
+    EXPECT_LE(packetsOfAMinute(stream, second), 12U);
+    // Nor is there any program.
+    EXPECT_LE(packetsOfAMinute(Multiplex(), second), 12U);
+}
+
+TEST(Pass, IsBoundedByTheSoundWhereThereIsNoClockEither) {
+    Multiplex stream;
+    stream.association({{1, 0x100}}).map(0x100, 1, 0x101, {{VIDEO, 0x101}, {AC3, 0x102}});
+    EXPECT_LE(packetsOfAMinute(stream,
+                               [](Multiplex& into, int i) {
+                                   into.pes(0x102, pesHeader(std::int64_t{i} * 90'000, -1, 0xBD),
+                                            filler(100));
+                               }),
+              12U);
+}
+
+TEST(Pass, WithoutADurationReadsEverything) {
+    Multiplex stream;
+    stream.association({{1, 0x100}}).map(0x100, 1, 0x101, {{VIDEO, 0x101}});
+    for (int i = 0; i < 60; ++i)
+        stream.clock(0x101, std::int64_t{i} * 27'000'000);
+    EXPECT_EQ(analysed(stream.bytes).packets(), stream.packets());
+}
+
+// --- packets sent twice
+
+TEST(Duplicates, AreNeitherErrorsNorLoss) {
+    const auto bytes = readFile(streamFile("m2_sd_25"));
+    Bytes twice;
+    for (std::size_t at = 0; at + 188 <= bytes.size(); at += 188) {
+        const Bytes packet(bytes.begin() + static_cast<long>(at),
+                           bytes.begin() + static_cast<long>(at + 188));
+        twice = std::move(twice) + packet;
+        if ((packet[3] & 0x10) != 0 && at / 188 % 3 == 0)
+            twice = std::move(twice) + packet;
+    }
+    const Analysis once = analysed(bytes);
+    const Analysis both = analysed(twice);
+    expectClean(both);
+    EXPECT_GT(both.duplicates(), 1000U);
+    EXPECT_EQ(both.video()->bytes(), once.video()->bytes());
+    EXPECT_EQ(both.video()->frames(), 75U);
+    EXPECT_EQ(both.audios()[0].track.frames(), once.audios()[0].track.frames());
+    EXPECT_EQ(both.clock().count(), once.clock().count());
+}
+
+TEST(Duplicates, AreTwoAndOnlyTwo) {
+    Multiplex stream;
+    stream.association({{1, 0x100}}).map(0x100, 1, 0x101, {{VIDEO, 0x101}});
+    stream.packet(0x300, true, filler(184)).again();
+    EXPECT_EQ(analysed(stream.bytes).findings().total(), 0U);
+    stream.again();
+    const Analysis thrice = analysed(stream.bytes);
+    EXPECT_EQ(thrice.findings().count("continuity"), 1U);
+    EXPECT_EQ(thrice.duplicates(), 1U);
+}
+
+TEST(Duplicates, DifferInNothingButTheClockReference) {
+    const auto errorsWith = [](std::size_t changed) {
+        Multiplex stream;
+        stream.packet(0x300, true, filler(100));
+        Bytes& bytes = stream.bytes;
+        bytes[5] = 0x10; // PCR_flag, over the stuffing
+        stream.again();
+        bytes[188 + changed] = static_cast<unsigned char>(~bytes[188 + changed]);
+        return analysed(bytes).findings().count("continuity");
+    };
+    EXPECT_EQ(errorsWith(6), 0U) << "the first byte of the reference";
+    EXPECT_EQ(errorsWith(11), 0U) << "its last";
+    EXPECT_EQ(errorsWith(12), 1U);
+    EXPECT_EQ(errorsWith(187), 1U);
+}
+
+// --- times
+
+TEST(Times, OfSoundBeforeTheVideoAndBeforeTheTurnOfTheClock) {
+    const char* const INPUTS = "-itsoffset 0.3 -f lavfi -i testsrc2=size=352x288:rate=25 "
+                               "-f lavfi -i sine=frequency=440:sample_rate=48000 "
+                               "-t 3 -threads 1 -c:v mpeg2video -c:a ac3 -b:a 192k ";
+    const Analysis plain = analysed(readFile(makeStream("audio_first", INPUTS)));
+    // The clock turns at 95443.717 s: between the first sound and the first picture.
+    const Analysis turned = analysed(
+        readFile(makeStream("audio_before_turn", std::string(INPUTS) + "-output_ts_offset 95442.1 ")));
+    const Analysis between =
+        analysed(readFile(makeStream("turn_between", std::string(INPUTS) + "-output_ts_offset 95442.15 ")));
+    ASSERT_TRUE(plain.audioOffsetMs());
+    EXPECT_LT(*plain.audioOffsetMs(), -250);
+    for (const Analysis* each : {&turned, &between}) {
+        EXPECT_NEAR(each->audioOffsetMs().value_or(1e9), *plain.audioOffsetMs(), 1);
+        EXPECT_NEAR(each->muxBitsPerSecond() / plain.muxBitsPerSecond(), 1, 0.01);
+        EXPECT_NEAR(each->videoSeconds(), plain.videoSeconds(), 0.001);
+    }
+}
+
+TEST(Times, OfSoundBeforeTheTurnAndVideoBehindIt) {
+    constexpr std::int64_t TURN = std::int64_t{1} << 33;
+    Multiplex stream;
+    stream.association({{1, 0x100}}).map(0x100, 1, 0x101, {{VIDEO, 0x101}, {AC3, 0x102}});
+    stream.pes(0x102, pesHeader(TURN - 9000, -1, 0xBD), filler(100));
+    stream.pes(0x101, pesHeader(18'000), mpeg2Picture());
+    const Analysis analysis = analysed(stream.bytes);
+    EXPECT_NEAR(analysis.audioOffsetMs().value_or(1e9), -300, 0.1);
+}
+
+TEST(Times, AnAnnouncedTimeBaseIsNoFinding) {
+    const auto made = [](bool announced) {
+        Multiplex stream;
+        stream.association({{1, 0x100}}).map(0x100, 1, 0x101, {{VIDEO, 0x101}});
+        addPictures(stream, 0x101, 50, 900'000);
+        stream.clock(0x101, 5'000'000'000, announced);
+        addPictures(stream, 0x101, 50, 5'000'000'000 / 300 + 90);
+        return analysed(stream.bytes);
+    };
+    const Analysis announced = made(true);
+    expectClean(announced);
+    EXPECT_EQ(announced.clock().newTimeBases(), 1U);
+    EXPECT_EQ(announced.clock().jumps(), 0U);
+    EXPECT_NEAR(announced.videoSeconds(), 4, 0.001);
+    EXPECT_TRUE(clean(announced));
+    const Analysis sudden = made(false);
+    EXPECT_EQ(sudden.findings().count("PCR jump"), 1U);
+    EXPECT_EQ(sudden.findings().count("timestamps"), 1U);
+    EXPECT_FALSE(clean(sudden));
+}
+
+// --- rates that no code stands for
+
+TEST(Durations, AreCountedAtEveryRate) {
+    for (const auto& [rate, expected] :
+         {std::pair{"15", "00:00:02:06"}, {"120", "00:00:02:48"}, {"12.5", "00:00:02:04"}}) {
+        const Analysis analysis = analysed(readFile(makeStream(
+            std::string("h264_at_") + rate, std::string("-f lavfi -i testsrc2=size=352x288:rate=") + rate +
+                                                " -t 2.4 -threads 1 -c:v libx264 -preset ultrafast")));
+        EXPECT_EQ(rateText(analysis.video()->format().rate()), rate);
+        const auto frames = std::llround(analysis.video()->format().rate() * 2.4);
+        EXPECT_EQ(analysis.videoFrames(), frames);
+        EXPECT_EQ(durationText(analysis), expected);
+    }
+}
+
+TEST(Durations, OfAnUnknownRateAreNone) {
+    Multiplex stream;
+    stream.association({{1, 0x100}}).map(0x100, 1, 0x101, {{VIDEO, 0x101}});
+    stream.packet(0x101, true,
+                  pesHeader() + pictureHeader(1) + pictureCodingExtension(3, true, false) + filler(9));
+    const Analysis analysis = analysed(stream.bytes);
+    EXPECT_EQ(durationText(analysis), "");
+    EXPECT_EQ(analysis.videoFrames(), 1) << "counted all the same";
+}
+
+TEST(VideoRate, IsNotThatOfTheMultiplex) {
+    // Quiet pictures, then noise, in a multiplex that null packets make constant.
+    const Analysis analysis = analysed(readFile(
+        makeStream("h264_vbr_in_cbr",
+                   "-f lavfi -i \"testsrc2=size=352x288:rate=25,noise=alls=40:allf=t:enable='gt(t,2)'\" "
+                   "-t 4 -threads 1 -c:v libx264 -preset ultrafast -crf 28 -muxrate 12M")));
+    EXPECT_GT(analysis.nullPackets(), 0U);
+    EXPECT_FALSE(analysis.constantBitRate());
+}
+
+TEST(VideoRate, IsConstantWhereEverySecondIs) {
+    Multiplex stream;
+    stream.association({{1, 0x100}}).map(0x100, 1, 0x101, {{0x1B, 0x101}});
+    for (int i = 0; i < 100; ++i)
+        stream.pes(0x101, pesHeader(9000 + i * FRAME), Bytes{0, 0, 1, 0x0C} + filler(3000)); // filler data
+    EXPECT_TRUE(analysed(stream.bytes).constantBitRate());
+    for (int i = 100; i < 200; ++i)
+        stream.pes(0x101, pesHeader(9000 + i * FRAME), Bytes{0, 0, 1, 0x0C} + filler(1500));
+    EXPECT_FALSE(analysed(stream.bytes).constantBitRate());
+}
+
+TEST(PesHeaders, AreReadWhereverTheyAreCut) {
+    for (std::size_t first = 1; first < 19; ++first) {
+        PesReader reader;
+        const Bytes all = pesHeader(90'000, 45'000) + filler(20);
+        reader.begin();
+        std::span<const unsigned char> front(all.data(), first);
+        EXPECT_FALSE(reader.takeHeader(front));
+        EXPECT_FALSE(reader.inData());
+        std::span<const unsigned char> rest(all.data() + first, all.size() - first);
+        EXPECT_TRUE(reader.takeHeader(rest));
+        EXPECT_TRUE(reader.inData());
+        EXPECT_EQ(rest.size(), 20U);
+        EXPECT_EQ(reader.pts().ticks(), 90'000);
+        EXPECT_EQ(reader.dts().ticks(), 45'000);
+    }
+    PesReader none;
+    none.begin();
+    const Bytes bad(30, 0xFF);
+    std::span<const unsigned char> bytes(bad);
+    EXPECT_FALSE(none.takeHeader(bytes));
+    EXPECT_FALSE(none.inData()) << "no start code prefix";
+}
+
+} // namespace

@@ -1,0 +1,92 @@
+// What a pass comes to: durations, rates, offsets.
+#include "Analysis.h"
+#include "ClockTurns.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace kestrel::flowscope {
+
+const Program* Analysis::asset() const noexcept {
+    return m_video == nullptr ? nullptr : m_tables.find(m_assetNumber);
+}
+
+double Analysis::videoSeconds() const {
+    if (m_video == nullptr || m_video->frames() == 0)
+        return 0;
+    const double rate = m_video->format().rate();
+    if (rate <= 0)
+        return m_times.shownSeconds();
+    // A PES packet may hold several pictures, of which only the first has a time: the frames are counted too.
+    const double counted = static_cast<double>(m_video->frames()) / rate;
+    if (m_times.lowestPts().is_absent())
+        return counted;
+    const double shown = m_times.shownSeconds() + 1 / rate;
+    return std::abs(shown - counted) * rate < 1.5 ? counted : shown;
+}
+
+std::int64_t Analysis::videoFrames() const {
+    const double rate = m_video == nullptr ? 0 : m_video->format().rate();
+    if (rate > 0)
+        return std::llround(videoSeconds() * rate);
+    return m_video == nullptr ? 0 : static_cast<std::int64_t>(m_video->frames());
+}
+
+// The sound may have begun before any video time was there to tell the turn of the clock by.
+PTS Analysis::firstSound(const Audio& audio) const {
+    return unwrapped(audio.track.firstPts(), m_times.firstDts());
+}
+
+double Analysis::seconds() const {
+    if (m_video == nullptr || m_times.lowestPts().is_absent())
+        return videoSeconds();
+    double begin = kestrel::flowscope::seconds(m_times.lowestPts());
+    double end = begin + videoSeconds();
+    for (const Audio& each : m_audios) {
+        if (each.track.firstPts().is_absent() || each.track.frames() == 0)
+            continue;
+        const double first = kestrel::flowscope::seconds(firstSound(each));
+        begin = std::min(begin, first);
+        end = std::max(end, first + each.track.seconds());
+    }
+    return end - begin;
+}
+
+double Analysis::videoBitsPerSecond() const {
+    const double duration = videoSeconds();
+    return duration <= 0 ? 0 : static_cast<double>(m_video->bytes()) * 8 / duration;
+}
+
+double Analysis::muxBitsPerSecond() const {
+    const double duration = seconds();
+    return duration <= 0 ? 0 : static_cast<double>(m_packets) * ts::packet_size * 8 / duration;
+}
+
+bool Analysis::constantBitRate() const {
+    if (m_video != nullptr && m_video->constantBitRate())
+        return *m_video->constantBitRate();
+    // A stream that does not say: its slowest second within a twentieth of its fastest. Not the multiplex's,
+    // which null packets make constant whatever the video does.
+    constexpr double TOLERANCE = 0.05;
+    const std::vector<double> rates = m_videoRates.bitsPerSecond();
+    if (rates.size() < 2)
+        return false;
+    const auto [least, most] = std::minmax_element(rates.begin(), rates.end());
+    return *most - *least <= TOLERANCE * *most;
+}
+
+double Analysis::nullPercent() const {
+    return m_packets == 0 ? 0 : 100 * static_cast<double>(m_nullPackets) / static_cast<double>(m_packets);
+}
+
+std::optional<double> Analysis::audioOffsetMs() const {
+    if (m_audios.empty() || m_times.lowestPts().is_absent() || m_audios.front().track.firstPts().is_absent())
+        return std::nullopt;
+    return kestrel::flowscope::seconds(firstSound(m_audios.front()) - m_times.lowestPts()) * 1000;
+}
+
+std::optional<double> Analysis::pcrJitterUs() const {
+    return m_nullPackets == 0 ? std::nullopt : m_clock.jitterUs();
+}
+
+} // namespace kestrel::flowscope

@@ -1,0 +1,173 @@
+// MPEG-2 (and MPEG-1) video headers: ISO/IEC 13818-2, 6.2.
+#include "VideoTrack.h"
+
+#include "timecode/mpeg_timecode.h"
+
+#include <cstdlib>
+
+namespace kestrel::flowscope {
+namespace {
+
+constexpr std::size_t PREFIX = 4; // start code prefix and value
+constexpr unsigned char PICTURE = 0x00;
+constexpr unsigned char USER_DATA = 0xB2;
+constexpr unsigned char SEQUENCE = 0xB3;
+constexpr unsigned char EXTENSION = 0xB5;
+constexpr unsigned char GROUP = 0xB8;
+
+const char* profileName(int indication) {
+    switch (indication >> 4 & 7) { // table 8-2
+    case 1:
+        return "High";
+    case 4:
+        return "Main";
+    case 5:
+        return "Simple";
+    default:
+        return indication == 0x82 || indication == 0x85 ? "4:2:2" : "";
+    }
+}
+
+} // namespace
+
+std::size_t VideoTrack::mpeg2HeaderBytes(unsigned char code) {
+    switch (code) {
+    case PICTURE:
+        return 8;
+    case SEQUENCE:
+        return 12;
+    case EXTENSION:
+        return 10;
+    case GROUP:
+        return 8;
+    case USER_DATA:
+        return 16;
+    default:
+        return 0;
+    }
+}
+
+bool VideoTrack::mpeg2Aligned(unsigned char code) {
+    return code == SEQUENCE || code == GROUP || code == PICTURE;
+}
+
+void VideoTrack::takeMpeg2(std::span<unsigned char> header) {
+    const unsigned char code = header[3];
+    if (code == USER_DATA) {
+        takeUserData(header.subspan(PREFIX));
+        return;
+    }
+    if (header.size() < mpeg2HeaderBytes(code) && code != EXTENSION)
+        return;
+    if (code == SEQUENCE)
+        takeSequence(header);
+    else if (code == GROUP)
+        takeGop(header);
+    else if (code == PICTURE)
+        takePicture(header);
+    else if (header.size() >= 9 && header[4] >> 4 == 1)
+        takeSequenceExtension(header);
+    else if (header.size() >= 9 && header[4] >> 4 == 8)
+        takeCodingExtension(header);
+}
+
+// 6.2.2.1
+void VideoTrack::takeSequence(std::span<unsigned char> header) {
+    m_format.width = header[4] << 4 | header[5] >> 4;
+    m_format.height = (header[5] & 0x0F) << 8 | header[6];
+    switch (header[7] >> 4) { // table 6-3
+    case 1:
+        m_format.aspect = pictureAspect(m_format.width, m_format.height);
+        break;
+    case 2:
+        m_format.aspect = "4:3";
+        break;
+    case 3:
+        m_format.aspect = "16:9";
+        break;
+    case 4:
+        m_format.aspect = "2.21:1";
+        break;
+    default:
+        m_format.aspect.clear();
+    }
+    const std::size_t code = header[7] & 0x0F;
+    if (code < codedFrameRates.size())
+        m_format.frameRate = codedFrameRates[code];
+}
+
+// 6.2.2.3
+void VideoTrack::takeSequenceExtension(std::span<unsigned char> header) {
+    m_format.profile = profileName((header[4] & 0x0F) << 4 | header[5] >> 4);
+    m_format.interlaced = (header[5] & 0x08) == 0;
+    m_format.width |= (header[5] & 1) << 13 | (header[6] & 0x80) << 5;
+    m_format.height |= (header[6] & 0x60) << 7;
+    if (header.size() < 10)
+        return;
+    m_format.frameRate.numerator *= (header[9] >> 5 & 3) + 1; // frame_rate_extension_n
+    m_format.frameRate.denominator *= (header[9] & 0x1F) + 1; // frame_rate_extension_d
+}
+
+// 6.2.2.6
+void VideoTrack::takeGop(std::span<unsigned char> header) {
+    const int packed = header[4] << 17 | header[5] << 9 | header[6] << 1 | header[7] >> 7;
+    m_dropFrame = (packed >> 24 & 1) != 0;
+    const int rate = m_format.rateCode();
+    if (!m_firstTimecode)
+        m_firstTimecode = packed;
+    else if (rate != 0 && m_lastTimecode) {
+        const mpeg_timecode last = mpeg_timecode::parse_GOP(*m_lastTimecode, rate);
+        const mpeg_timecode now = mpeg_timecode::parse_GOP(packed, rate);
+        // An open group's time code is that of the first picture shown, which may be a B frame before its I.
+        const auto expected =
+            static_cast<int>((m_frames + (m_pictureType != 0 ? 1U : 0U)) - m_framesAtTimecode);
+        const int distance = (now - last).frame_count();
+        constexpr int REORDERED = 3;
+        if (std::abs(distance - expected) > REORDERED)
+            ++m_timecodeJumps;
+    }
+    m_lastTimecode = packed;
+    m_framesAtTimecode = m_frames + (m_pictureType != 0 ? 1U : 0U);
+}
+
+// 6.2.3
+void VideoTrack::takePicture(std::span<unsigned char> header) {
+    if (m_pictureType != 0)
+        settlePicture(3); // MPEG-1: no coding extension
+    constexpr char TYPES[] = {0, 'I', 'P', 'B', 'I'};
+    const int type = header[5] >> 3 & 7;
+    m_pictureType = type >= 1 && type <= 4 ? TYPES[type] : 0;
+    const int delay = (header[5] & 7) << 13 | header[6] << 5 | header[7] >> 3;
+    constexpr int VARIABLE = 0xFFFF;
+    if (delay == VARIABLE)
+        m_constantRate = false;
+    else if (!m_constantRate)
+        m_constantRate = true;
+}
+
+// 6.2.3.1
+void VideoTrack::takeCodingExtension(std::span<unsigned char> header) {
+    if (m_pictureType != 0)
+        settlePicture(header[6] & 3);
+}
+
+void VideoTrack::settlePicture(int structure) {
+    constexpr int FRAME = 3;
+    const char type = m_pictureType;
+    m_pictureType = 0;
+    const bool second = m_firstField != 0 && structure != FRAME && structure != m_firstField;
+    m_firstField = structure == FRAME || second ? 0 : structure;
+    if (second)
+        return;
+    countFrame(type, type == 'I');
+}
+
+// ATSC A/53 part 4, 6.2.3: "GA94", user_data_type_code 3, then cc_count.
+void VideoTrack::takeUserData(std::span<const unsigned char> data) {
+    constexpr unsigned char CAPTIONS = 3;
+    if (data.size() >= 6 && data[0] == 'G' && data[1] == 'A' && data[2] == '9' && data[3] == '4' &&
+        data[4] == CAPTIONS && (data[5] & 0x40) != 0 && (data[5] & 0x1F) != 0)
+        m_captions = true;
+}
+
+} // namespace kestrel::flowscope
