@@ -27,6 +27,23 @@ TEST(Options, TheCommandLineOfTheService) {
     EXPECT_EQ(options.readQueue, "/mgr_msg_q_7");
     EXPECT_EQ(options.logFile, "/var/log/capture_7.log");
     EXPECT_EQ(options.encoderMap, "/etc/map.xml");
+    EXPECT_FALSE(options.overwrite);
+}
+
+TEST(Options, TheProfileMayAskForExistingFilesToBeReplaced) {
+    for (const char* spelling : {"-overwrite", "--overwrite"}) {
+        const Options options = parse({spelling, "-encoders", "/etc/map.xml", "-ini", "/tmp/capture_7.xml"});
+        EXPECT_EQ(options.error, "");
+        EXPECT_TRUE(options.overwrite);
+        EXPECT_EQ(options.encoderMap, "/etc/map.xml");
+    }
+}
+
+TEST(Options, TheUsageTellsEveryOptionAndExitCode) {
+    const std::string text = usage("kestrelCapture");
+    for (const char* part : {"-ini FILE", "-wq QUEUE", "-rq QUEUE", "-log FILE", "-encoders FILE",
+                             "-overwrite", "--help", "\"nothing recorded\"", "Exit code 0", "1: ", "2: "})
+        EXPECT_NE(text.find(part), std::string::npos) << part;
 }
 
 TEST(Options, MistakesAreNamed) {

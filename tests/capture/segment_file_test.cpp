@@ -43,6 +43,36 @@ TEST(SegmentFile, AWriteTakenInPartIsCutBackToWholePackets) {
     EXPECT_FALSE(file.close(true));
 }
 
+TEST(SegmentFile, ItsBytesAreThoseOfTheFileAlsoWhenAWriteFails) {
+    capture_test::TemporaryDirectory directory;
+    std::signal(SIGXFSZ, SIG_IGN);
+    rlimit before{};
+    getrlimit(RLIMIT_FSIZE, &before);
+    SegmentFile file;
+    const std::string path = directory.path("a.ts");
+    ASSERT_FALSE(file.create(path, false));
+    const rlimit limit{200'000, before.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &limit);
+    std::uint64_t last = 0;
+    int failures = 0;
+    for (int i = 0; i < 3000; ++i) {
+        failures += file.append(Packet{0x47}) ? 1 : 0;
+        EXPECT_GE(file.bytes(), last);
+        EXPECT_EQ(file.bytes(), std::filesystem::file_size(path));
+        last = file.bytes();
+    }
+    setrlimit(RLIMIT_FSIZE, &before);
+    EXPECT_GT(failures, 1);
+    EXPECT_EQ(last, 200'000 / packetSize * packetSize);
+    // Once there is room again, the file goes on with a whole packet.
+    ASSERT_FALSE(file.append(Packet{0x47}));
+    ASSERT_FALSE(file.flush());
+    EXPECT_EQ(file.bytes() % packetSize, 0u);
+    EXPECT_EQ(file.bytes(), std::filesystem::file_size(path));
+    ASSERT_FALSE(file.close(true));
+    EXPECT_EQ(file.bytes(), std::filesystem::file_size(path));
+}
+
 TEST(SegmentFile, AnExistingFileIsReplacedOnlyWhenAsked) {
     capture_test::TemporaryDirectory directory;
     SegmentFile first;

@@ -59,6 +59,15 @@ TEST_F(StreamSourceTest, ThenWhatTheEncoderSendsToPort5000) {
     EXPECT_EQ(source.shownAddress(), 0x0A010203u);
 }
 
+TEST_F(StreamSourceTest, OverwritingMayBeAskedForAllEncoders) {
+    EXPECT_FALSE(decideStreamSource(m_reception, m_map).overwrite);
+    m_map.setOverwriteAll(true);
+    EXPECT_TRUE(decideStreamSource(m_reception, m_map).overwrite) << "one that the map does not name";
+    ASSERT_FALSE(load(good));
+    m_reception.snmpIpAddress = 0x0A010204;
+    EXPECT_TRUE(decideStreamSource(m_reception, m_map).overwrite);
+}
+
 TEST_F(StreamSourceTest, AMapWithAMistakeIsRefusedWithItsLine) {
     for (const char* bad : {R"(<Encoders>
 <Encoder CONTROL_ADDRESS="10.1.2" PORT="1"/></Encoders>)",

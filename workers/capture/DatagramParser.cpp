@@ -53,21 +53,48 @@ Datagram parseDatagram(std::span<const unsigned char> bytes) noexcept {
     return datagram;
 }
 
+void RtpSequence::begin(std::uint16_t sequence) noexcept {
+    m_newest = sequence;
+    m_missing.reset();
+    m_candidate.reset();
+}
+
+// A duplicate, or one that was sent before the first that was received, was never missing.
+RtpSequence::Step RtpSequence::takeLate(unsigned behind) noexcept {
+    Step step;
+    step.late = true;
+    step.fillsGap = m_missing.test(behind);
+    m_missing.reset(behind);
+    return step;
+}
+
 RtpSequence::Step RtpSequence::next(std::uint16_t sequence, std::uint32_t source) noexcept {
     Step step;
     if (!m_known || source != m_source) {
         m_known = true;
         m_source = source;
-        m_expected = static_cast<std::uint16_t>(sequence + 1);
+        begin(sequence);
         return step;
     }
-    const auto ahead = static_cast<std::uint16_t>(sequence - m_expected);
-    if (ahead >= 0x8000) {
-        step.late = true;
+    const unsigned ahead = static_cast<std::uint16_t>(sequence - m_newest);
+    if (ahead == 0 || ahead >= 0x10000 - remembered)
+        return takeLate(ahead == 0 ? 0 : 0x10000 - ahead);
+    if (ahead < largestGap) {
+        step.lost = ahead - 1;
+        m_missing <<= ahead; // all of them, from a step as long as the memory on
+        for (unsigned behind = 1; behind < ahead && behind <= remembered; ++behind)
+            m_missing.set(behind);
+        m_newest = sequence;
+        m_candidate.reset();
         return step;
     }
-    step.lost = ahead;
-    m_expected = static_cast<std::uint16_t>(sequence + 1);
+    // One datagram alone may be a stray; the second shows that the sender means it.
+    if (m_candidate == sequence) {
+        begin(sequence);
+        step.restarted = true;
+    } else {
+        m_candidate = static_cast<std::uint16_t>(sequence + 1);
+    }
     return step;
 }
 

@@ -3,6 +3,7 @@
 #include "Ipv4.h"
 #include "foundation/ErrorCodes.h"
 
+#include <algorithm>
 #include <strings.h>
 #include <tinyxml.h>
 
@@ -33,6 +34,7 @@ bool readEntry(const TiXmlElement& element, EncoderMap::Entry& entry) {
 
 MaybeFailure EncoderMap::load(const std::string& path) {
     m_entries.clear();
+    m_rtpDecoders.clear();
     TiXmlDocument document;
     if (!document.LoadFile(path.c_str()) || !document.RootElement())
         return detailed(failure(error::invalidConfigurationFile),
@@ -45,7 +47,21 @@ MaybeFailure EncoderMap::load(const std::string& path) {
                             format("encoder map %s, line %d", path.c_str(), element->Row()));
         m_entries.push_back(entry);
     }
+    for (const TiXmlElement* element = document.RootElement()->FirstChildElement("Decoder"); element;
+         element = element->NextSiblingElement("Decoder")) {
+        std::uint32_t address = 0;
+        if (!readAddress(*element, "CONTROL_ADDRESS", true, address))
+            return detailed(failure(error::invalidConfigurationFile),
+                            format("encoder map %s, line %d", path.c_str(), element->Row()));
+        const char* rtp = element->Attribute("RTP");
+        if (rtp && strcasecmp(rtp, "TRUE") == 0)
+            m_rtpDecoders.push_back(address);
+    }
     return std::nullopt;
+}
+
+bool EncoderMap::decoderTakesRtp(std::uint32_t controlAddress) const noexcept {
+    return std::find(m_rtpDecoders.begin(), m_rtpDecoders.end(), controlAddress) != m_rtpDecoders.end();
 }
 
 const EncoderMap::Entry* EncoderMap::find(std::uint32_t controlAddress) const noexcept {

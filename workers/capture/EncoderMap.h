@@ -24,13 +24,22 @@ public:
     // failure that names its line: a map half understood would record the wrong stream.
     [[nodiscard]] MaybeFailure load(const std::string& path);
 
+    // Whether a decoder is to be sent RTP: a "Decoder" element with its CONTROL_ADDRESS says RTP="TRUE".
+    [[nodiscard]] bool decoderTakesRtp(std::uint32_t controlAddress) const noexcept;
+
     // The entry of an encoder; null when the map has none.
     [[nodiscard]] const Entry* find(std::uint32_t controlAddress) const noexcept;
+
+    // Existing output files of every encoder are replaced, also of those that the map does not name.
+    void setOverwriteAll(bool overwrite) noexcept { m_overwriteAll = overwrite; }
+    [[nodiscard]] bool overwriteAll() const noexcept { return m_overwriteAll; }
 
     [[nodiscard]] const std::vector<Entry>& entries() const noexcept { return m_entries; }
 
 private:
     std::vector<Entry> m_entries;
+    std::vector<std::uint32_t> m_rtpDecoders;
+    bool m_overwriteAll = false;
 };
 
 } // namespace kestrel::capture

@@ -1,11 +1,12 @@
 #include "Options.h"
 
 #include <getopt.h>
+#include <string_view>
 
 namespace kestrel::capture {
 namespace {
 
-enum Option : int { settings = 1, writeQueue, readQueue, logFile, encoders, help };
+enum Option : int { settings = 1, writeQueue, readQueue, logFile, encoders, overwrite, nulls, help };
 
 constexpr option table[] = {
     {"ini", required_argument, nullptr, settings},
@@ -13,6 +14,8 @@ constexpr option table[] = {
     {"rq", required_argument, nullptr, readQueue},
     {"log", required_argument, nullptr, logFile},
     {"encoders", required_argument, nullptr, encoders},
+    {"overwrite", no_argument, nullptr, overwrite},
+    {"nulls", required_argument, nullptr, nulls},
     {"help", no_argument, nullptr, help},
     {nullptr, 0, nullptr, 0},
 };
@@ -41,6 +44,16 @@ Options parseOptions(int argc, char** argv) {
         case encoders:
             options.encoderMap = optarg;
             break;
+        case overwrite:
+            options.overwrite = true;
+            break;
+        case nulls:
+            options.keepNulls = std::string_view(optarg) == "keep";
+            if (!options.keepNulls && std::string_view(optarg) != "drop") {
+                options.error = std::string("-nulls is keep or drop, not ") + optarg;
+                return options;
+            }
+            break;
         case help:
             options.help = true;
             return options;
@@ -61,15 +74,17 @@ Options parseOptions(int argc, char** argv) {
 
 std::string usage(const std::string& program) {
     return "Usage: " + program +
-           " [-encoders FILE] -ini FILE [-wq QUEUE] [-rq QUEUE] [-log FILE]\n"
+           " [-encoders FILE] [-overwrite] [-nulls keep|drop] -ini FILE [-wq QUEUE] [-rq QUEUE] [-log FILE]\n"
            "Records MPEG transport streams from one or two encoders as a settings file says.\n"
            "\n"
-           "  -ini FILE       capture settings (XML, root CaptureSettings)\n"
-           "  -wq QUEUE       message queue for heartbeats, status and results\n"
-           "  -rq QUEUE       message queue on which the cancel message arrives\n"
-           "  -log FILE       log file, appended to; without it the log goes to standard error\n"
-           "  -encoders FILE  where each encoder's stream is (XML, see below)\n"
-           "  --help          this text\n"
+           "  -ini FILE         capture settings (XML, root CaptureSettings)\n"
+           "  -wq QUEUE         message queue for heartbeats, status and results\n"
+           "  -rq QUEUE         message queue on which the cancel message arrives\n"
+           "  -log FILE         log file, appended to; without it the log goes to standard error\n"
+           "  -encoders FILE    where each encoder's stream is (XML, see below)\n"
+           "  -overwrite        replace output files that exist; else only where the map says OVERWRITE\n"
+           "  -nulls keep|drop  what a normalised file does with null packets (drop)\n"
+           "  --help            this text\n"
            "\n"
            "The stream of an encoder is looked for at IP_ADDRESS and PORT of its reception, else where the\n"
            "encoder map says, else in the datagrams that the encoder itself (SNMP_IP_ADDRESS) sends to UDP\n"
@@ -80,8 +95,10 @@ std::string usage(const std::string& program) {
            "             INTERFACE=\"0.0.0.0\" OVERWRITE=\"FALSE\"/>\n"
            "  </Encoders>\n"
            "\n"
-           "SIGTERM and SIGINT end a recording like the cancel message. Exit code 0: recorded as asked;\n"
-           "1: not, or not all of it; 2: wrong command line.\n";
+           "SIGTERM and SIGINT end a recording like the cancel message. Exit code 0: recorded as asked, or\n"
+           "cancelled after something was recorded; a timed capture that is cancelled before anything was\n"
+           "recorded exits 0 as well, and its results say \"nothing recorded\". 1: anything else; the\n"
+           "results say why. 2: wrong command line.\n";
 }
 
 } // namespace kestrel::capture

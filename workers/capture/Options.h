@@ -11,6 +11,8 @@ struct Options {
     std::string readQueue;    // -rq: service to worker; empty when run by hand
     std::string logFile;      // -log: exactly this file; empty logs to standard error
     std::string encoderMap;   // -encoders: where each encoder's stream is
+    bool overwrite = false;   // -overwrite: existing output files are replaced, whatever the map says
+    bool keepNulls = false;   // -nulls keep: a normalised file keeps the null packets of its source
     bool help = false;
     std::string error; // not empty: what is wrong with the command line
 };

@@ -18,14 +18,20 @@ std::size_t extensionAt(const std::string& path) {
 std::string outputPath(const std::string& outputFile, const std::string& directory) {
     if (outputFile.empty() || outputFile.front() == '/' || directory.empty())
         return outputFile;
-    return directory + (directory.back() == '/' ? "" : "/") + outputFile;
+    // Appended part by part: g++ 12 warns of chains of + whose parts are literals (GCC bug 105651).
+    std::string path = directory;
+    if (path.back() != '/')
+        path += '/';
+    return path.append(outputFile);
 }
 
 std::string encoderPath(const std::string& output, int encoder) {
     if (encoder == 0)
         return output;
-    std::string path = output;
-    return path.insert(extensionAt(path), "_" + std::to_string(encoder + 1));
+    const std::size_t dot = extensionAt(output);
+    std::string path = output.substr(0, dot);
+    path.append("_").append(std::to_string(encoder + 1));
+    return path.append(output, dot);
 }
 
 std::string segmentPath(const std::string& output, std::time_t begin, int attempt) {
@@ -34,8 +40,13 @@ std::string segmentPath(const std::string& output, std::time_t begin, int attemp
     std::array<char, 32> stamp{};
     std::strftime(stamp.data(), stamp.size(), "_%Y%m%d_%H%M%S", &local);
     const std::size_t dot = extensionAt(output);
-    return output.substr(0, dot) + stamp.data() + (attempt > 1 ? "-" + std::to_string(attempt) : "") +
-           (dot < output.size() ? output.substr(dot) : ".ts");
+    std::string path = output.substr(0, dot);
+    path.append(stamp.data());
+    if (attempt > 1)
+        path.append("-").append(std::to_string(attempt));
+    if (dot == output.size())
+        return path.append(".ts");
+    return path.append(output, dot);
 }
 
 } // namespace kestrel::capture

@@ -17,6 +17,7 @@ constexpr std::size_t shortestSection = 12;
 
 void SectionCollector::reset() noexcept {
     m_collecting = false;
+    m_skipping = false;
     m_sectionLength = 0;
     m_packetCount = 0;
 }
@@ -38,6 +39,7 @@ std::size_t SectionCollector::append(const unsigned char* packet,
                                      std::span<const unsigned char> bytes) noexcept {
     if (m_carrierCount == maxPackets) {
         m_collecting = false;
+        m_skipping = true;
         return bytes.size();
     }
     std::memcpy(m_carriers[m_carrierCount++].data(), packet, packetSize);
@@ -49,6 +51,7 @@ std::size_t SectionCollector::append(const unsigned char* packet,
     const std::size_t whole = sectionHead + (static_cast<std::size_t>(m_buffer[1] & 0x0F) << 8 | m_buffer[2]);
     if (whole > maxSection || whole < m_length) {
         m_collecting = false;
+        m_skipping = true;
         return bytes.size();
     }
     const std::size_t rest = std::min(whole - m_length, bytes.size() - taken);
@@ -67,6 +70,8 @@ bool SectionCollector::accept() noexcept {
     m_sectionLength = m_length;
     std::copy_n(m_carriers.begin(), m_carrierCount, m_packets.begin());
     m_packetCount = m_carrierCount;
+    if (m_each)
+        m_each(section());
     return true;
 }
 
@@ -85,6 +90,7 @@ bool SectionCollector::take(const unsigned char* packet) noexcept {
         }
         return found;
     }
+    m_skipping = false;
     const std::size_t pointer = rest[0];
     rest = rest.subspan(1);
     if (pointer > rest.size()) {

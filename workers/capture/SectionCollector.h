@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cstddef>
+#include <functional>
 #include <span>
 
 namespace kestrel::capture {
@@ -13,7 +14,11 @@ namespace kestrel::capture {
 // Bounded: a section of at most 1024 bytes, in at most as many packets as such a section needs.
 class SectionCollector {
 public:
-    explicit SectionCollector(int tableId) noexcept : m_tableId(tableId) {}
+    using Listener = std::function<void(std::span<const unsigned char> section)>;
+
+    // each, when given, hears of every section, of those too that end in one packet with another.
+    explicit SectionCollector(int tableId, Listener each = {})
+        : m_tableId(tableId), m_each(std::move(each)) {}
 
     // Takes the next packet of the PID. True when it completed a section of the table whose CRC is right and
     // which is in force (current_next_indicator).
@@ -27,6 +32,8 @@ public:
     [[nodiscard]] std::span<const Packet> packets() const noexcept {
         return {m_packets.data(), m_packetCount};
     }
+    // A section has begun that is not at its end, of whatever table.
+    [[nodiscard]] bool open() const noexcept { return m_collecting || m_skipping; }
     // Forgets everything.
     void reset() noexcept;
 
@@ -40,7 +47,9 @@ private:
     bool accept() noexcept;
 
     int m_tableId;
+    Listener m_each;
     bool m_collecting = false;
+    bool m_skipping = false; // what has begun is not collected
     std::array<unsigned char, maxSection> m_buffer{};
     std::size_t m_length = 0;
     std::array<Packet, maxPackets> m_carriers{};

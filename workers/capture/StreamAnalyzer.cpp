@@ -34,6 +34,12 @@ void forEachStream(std::span<const unsigned char> section, Take take) {
     }
 }
 
+// discontinuity_indicator (2.4.3.4).
+bool announcesDiscontinuity(const unsigned char* packet) noexcept {
+    const ts::bytes adaptation = ts::adaptation_field(packet);
+    return !adaptation.empty() && (adaptation[0] & 0x80);
+}
+
 } // namespace
 
 void StreamClock::advance(PTS stamp, unsigned frames, int frameRateCode) noexcept {
@@ -72,14 +78,27 @@ bool StreamAnalyzer::take(const unsigned char* packet) noexcept {
     if ((packet[1] & 0x80) || (packet[3] & 0xC0))
         return false;
     if (pid == 0) {
-        if (m_pat.take(packet))
+        if (!m_lastOfPat.repeatedBy(packet) && m_pat.take(packet))
             takePat();
     } else if (pid == m_pmtPid) {
-        if (m_pmt.take(packet))
+        if (!m_lastOfPmt.repeatedBy(packet) && m_pmt.take(packet))
             takePmt();
     } else if (pid == m_videoPid) {
-        return takeVideo(packet, lost);
+        return !m_lastOfVideo.repeatedBy(packet) && takeVideo(packet, lost);
     }
+    return false;
+}
+
+bool StreamAnalyzer::LastPacket::repeatedBy(const unsigned char* packet) noexcept {
+    if (!ts::has_payload(packet))
+        return false;
+    const bool sameHead = m_known && std::equal(packet, packet + ts::header_size, m_packet.begin());
+    const ts::bytes payload = ts::payload(packet);
+    if (sameHead && !announcesDiscontinuity(packet) &&
+        std::ranges::equal(payload, ts::payload(m_packet.data())))
+        return true;
+    m_known = true;
+    std::copy_n(packet, packetSize, m_packet.begin());
     return false;
 }
 
@@ -106,25 +125,36 @@ void StreamAnalyzer::takePat() noexcept {
         if (pid != m_pmtPid) {
             m_pmtPid = pid;
             m_pmt.reset();
+            m_lastOfPmt.forget();
         }
         return;
     }
 }
 
 void StreamAnalyzer::takePmt() noexcept {
+    const auto section = m_pmt.section();
+    Program program;
+    program.add(m_pmtPid, 0);
+    program.add((section[8] & 0x1F) << 8 | section[9], 0);
     int videoPid = -1;
     int videoType = 0;
-    forEachStream(m_pmt.section(), [&](int type, int pid) {
+    forEachStream(section, [&](int type, int pid) {
+        program.add(pid, type);
         if (videoPid < 0 && videoCodec(type) != VideoCodec::none) {
             videoPid = pid;
             videoType = type;
         }
     });
-    if (m_programVersion != 0 && videoPid == m_videoPid && videoType == m_videoType)
+    if (m_programVersion != 0 && program == m_program)
         return;
     ++m_programVersion;
+    m_program = program;
+    // A change of the audio alone must not disturb the frames.
+    if (videoPid == m_videoPid && videoType == m_videoType)
+        return;
     m_videoPid = videoPid;
     m_videoType = videoType;
+    m_lastOfVideo.forget();
     m_pesState = PesState::none;
     m_scanner.reset(videoCodec(videoType));
 }

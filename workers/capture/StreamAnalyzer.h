@@ -36,7 +36,7 @@ private:
 class StreamAnalyzer {
 public:
     // Takes the next packet. True when it begins a PES packet of the video: closedUnit() is then the one
-    // before, and unit() this one.
+    // before, and unit() this one. A duplicate packet (ISO/IEC 13818-1, 2.4.3.3) is not taken again.
     bool take(const unsigned char* packet) noexcept;
 
     [[nodiscard]] const VideoUnit& unit() const noexcept { return m_scanner.unit(); }
@@ -48,19 +48,49 @@ public:
     [[nodiscard]] int videoPid() const noexcept { return m_videoPid; }
     [[nodiscard]] std::span<const Packet> patPackets() const noexcept { return m_pat.packets(); }
     [[nodiscard]] std::span<const Packet> pmtPackets() const noexcept { return m_pmt.packets(); }
-    // Counts the changes of the program (PIDs or stream types).
+    // Counts the programs seen: 1 with the first, and one more with each change of any PID (PMT, PCR or
+    // stream) or stream type.
     [[nodiscard]] unsigned programVersion() const noexcept { return m_programVersion; }
-    // "PMT PID 4096, PCR PID 256, 256 MPEG-2 video, 257 AC-3 audio"
+    // "PMT PID 4096, PCR PID 256, PID 256 MPEG-2 video (type 0x02), PID 257 AC-3 audio (type 0x81)"
     [[nodiscard]] std::string describeProgram() const;
     // Last continuity counter of a PID; -1 before its first packet.
     [[nodiscard]] int lastCounter(int pid) const noexcept;
 
     // frame_rate_code of the headers, else by the timestamps; 0 while unknown.
     [[nodiscard]] int frameRateCode() const noexcept;
+    [[nodiscard]] VideoCodec codec() const noexcept { return m_scanner.codec(); }
     [[nodiscard]] StreamClock& clock() noexcept { return m_clock; }
     [[nodiscard]] const StreamClock& clock() const noexcept { return m_clock; }
 
 private:
+    // PMT PID, PCR PID, and the PIDs and types of the streams in their order.
+    class Program {
+    public:
+        void add(int pid, int type) noexcept {
+            if (m_count < m_entries.size())
+                m_entries[m_count++] = pid << 8 | type;
+        }
+        bool operator==(const Program&) const = default;
+
+    private:
+        // As many streams as a section of 1024 bytes has room for, and the two PIDs.
+        std::array<int, 204> m_entries{};
+        std::size_t m_count = 0;
+    };
+
+    // The last packet of a PID that had a payload.
+    class LastPacket {
+    public:
+        // Whether packet is that packet once more; its PCR may differ, nothing else may. Otherwise it is the
+        // last packet from now on.
+        bool repeatedBy(const unsigned char* packet) noexcept;
+        void forget() noexcept { m_known = false; }
+
+    private:
+        bool m_known = false;
+        Packet m_packet{};
+    };
+
     void takePat() noexcept;
     void takePmt() noexcept;
     bool takeVideo(const unsigned char* packet, bool lost) noexcept;
@@ -73,6 +103,10 @@ private:
     int m_videoPid = -1;
     int m_videoType = 0;
     unsigned m_programVersion = 0;
+    Program m_program;
+    LastPacket m_lastOfPat;
+    LastPacket m_lastOfPmt;
+    LastPacket m_lastOfVideo;
     std::array<signed char, 8192> m_counters = [] {
         std::array<signed char, 8192> unseen{};
         unseen.fill(-1);

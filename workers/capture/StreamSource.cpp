@@ -6,10 +6,11 @@ namespace kestrel::capture {
 
 StreamSource decideStreamSource(const CSettings::EncoderReception& reception, const EncoderMap& map) {
     StreamSource source;
+    source.overwrite = map.overwriteAll();
     const EncoderMap::Entry* entry = map.find(reception.snmpIpAddress);
     if (entry) {
         source.interfaceAddress = entry->interfaceAddress;
-        source.overwrite = entry->overwrite;
+        source.overwrite = source.overwrite || entry->overwrite;
     }
     const bool portGiven = reception.port > 0 && reception.port < 65536;
     if (reception.ipAddress != 0 || portGiven) {

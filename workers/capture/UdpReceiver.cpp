@@ -7,7 +7,7 @@
 #include <arpa/inet.h>
 #include <array>
 #include <cerrno>
-#include <cstring>
+#include <linux/sock_diag.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -46,7 +46,6 @@ constexpr int batchesAtStop = 4096;
 
 // The buffers of one recvmmsg(2).
 struct UdpReceiver::Batch {
-    alignas(cmsghdr) std::array<std::array<char, CMSG_SPACE(sizeof(std::uint32_t))>, receiveBatch> control{};
     std::array<sockaddr_in, receiveBatch> senders{};
     std::array<iovec, receiveBatch> parts{};
     std::array<mmsghdr, receiveBatch> messages{};
@@ -62,8 +61,6 @@ struct UdpReceiver::Batch {
             header.msg_namelen = sizeof senders[i];
             header.msg_iov = &parts[i];
             header.msg_iovlen = 1;
-            header.msg_control = control[i].data();
-            header.msg_controllen = control[i].size();
         }
     }
 };
@@ -80,7 +77,9 @@ MaybeFailure UdpReceiver::open() {
     if (!m_socket.valid() || !m_stop.valid())
         return detailed(failure(error::startCaptureFailed), "socket: " + errnoText(errno));
     growBuffer();
-    setFlag(m_socket.get(), SOL_SOCKET, SO_RXQ_OVFL, 1);
+    if (m_source.sender != 0)
+        if (auto failed = m_claim.take(m_source.sender, m_source.port))
+            return failed;
     if (auto failed = bindSocket())
         return failed;
     return isMulticast(m_source.address) ? joinGroup() : std::nullopt;
@@ -92,6 +91,12 @@ void UdpReceiver::growBuffer() {
         setFlag(m_socket.get(), SOL_SOCKET, SO_RCVBUF, socketBufferBytes);
     socklen_t size = sizeof m_bufferBytes;
     ::getsockopt(m_socket.get(), SOL_SOCKET, SO_RCVBUF, &m_bufferBytes, &size);
+    // The kernel doubles what it is asked for, to have room for its own records.
+    if (m_bufferBytes / 2 < socketBufferBytes)
+        LogUtil::Warning("Capture",
+                         "UDP port %d: the receive buffer has %d of the %d bytes wanted, so a busy host may "
+                         "lose datagrams: raise net.core.rmem_max",
+                         m_source.port, m_bufferBytes / 2, socketBufferBytes);
 }
 
 MaybeFailure UdpReceiver::bindSocket() {
@@ -112,7 +117,7 @@ MaybeFailure UdpReceiver::bindSocket() {
         // nothing else, so that several recorders share the default port. Where this is refused the sender is
         // checked datagram by datagram all the same. (The kernel then also takes only what goes to the
         // address of this host on the route to the encoder; a host with several needs a line in the encoder
-        // map.)
+        // map.) Two sockets for one encoder never come to this point: see StreamClaim.
         const sockaddr_in sender = socketAddress(m_source.sender, 0);
         if (::connect(fd, reinterpret_cast<const sockaddr*>(&sender), sizeof sender) != 0)
             LogUtil::Warning("Capture", "Cannot reserve the datagrams of %s: %s",
@@ -159,6 +164,9 @@ void UdpReceiver::stop() {
         return;
     m_stop.signal();
     m_thread.join();
+    // The port is free for the next recorder at once, also while another encoder of this job goes on.
+    m_socket.reset();
+    m_claim.release();
 }
 
 void UdpReceiver::run() noexcept {
@@ -197,20 +205,24 @@ bool UdpReceiver::drain(int mostBatches) noexcept {
         if (static_cast<std::size_t>(received) < receiveBatch)
             break;
     }
+    countKernelDrops();
     return any;
+}
+
+// By the socket's own account rather than by the one that comes with each datagram (SO_RXQ_OVFL): that one
+// knows nothing of what was dropped behind the last datagram that found room.
+void UdpReceiver::countKernelDrops() noexcept {
+    std::array<std::uint32_t, SK_MEMINFO_VARS> account{};
+    socklen_t size = sizeof account;
+    if (::getsockopt(m_socket.get(), SOL_SOCKET, SO_MEMINFO, account.data(), &size) != 0)
+        return;
+    const std::uint32_t drops = account[SK_MEMINFO_DROPS];
+    count(m_counts.kernelDrops, static_cast<std::uint32_t>(drops - m_lastDropCount));
+    m_lastDropCount = drops;
 }
 
 void UdpReceiver::takeDatagram(const mmsghdr& message) noexcept {
     const msghdr& header = message.msg_hdr;
-    for (cmsghdr* control = CMSG_FIRSTHDR(&header); control;
-         control = CMSG_NXTHDR(const_cast<msghdr*>(&header), control)) {
-        if (control->cmsg_level != SOL_SOCKET || control->cmsg_type != SO_RXQ_OVFL)
-            continue;
-        std::uint32_t drops = 0;
-        std::memcpy(&drops, CMSG_DATA(control), sizeof drops);
-        count(m_counts.kernelDrops, static_cast<std::uint32_t>(drops - m_lastDropCount));
-        m_lastDropCount = drops;
-    }
     const std::uint32_t sender = ntohl(static_cast<const sockaddr_in*>(header.msg_name)->sin_addr.s_addr);
     if (m_source.sender != 0 && sender != m_source.sender) {
         count(m_counts.foreign);
@@ -231,6 +243,11 @@ void UdpReceiver::takeDatagram(const mmsghdr& message) noexcept {
             count(m_counts.rtpLost, step.lost);
         if (step.late)
             count(m_counts.rtpLate);
+        // It is one of those counted as lost when its successors came.
+        if (step.fillsGap)
+            m_counts.rtpLost.fetch_sub(1, std::memory_order_relaxed);
+        if (step.restarted)
+            count(m_counts.rtpRestarts);
     }
     takePackets(datagram.packets);
 }

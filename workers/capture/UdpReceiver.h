@@ -4,6 +4,7 @@
 #include "DatagramParser.h"
 #include "Failure.h"
 #include "PacketRing.h"
+#include "StreamClaim.h"
 #include "StreamSource.h"
 #include "WakeEvent.h"
 #include "foundation/UniqueFd.h"
@@ -25,8 +26,10 @@ struct ReceiverCounts {
     std::atomic<std::uint64_t> kernelDrops{0};  // datagrams that found no room in the socket's buffer
     std::atomic<std::uint64_t> badDatagrams{0}; // neither transport packets nor RTP, or with stray bytes
     std::atomic<std::uint64_t> badPackets{0};   // without the sync byte
-    std::atomic<std::uint64_t> rtpLost{0};      // datagrams missing by their RTP sequence numbers
+    std::atomic<std::uint64_t> rtpLost{0};      // datagrams missing by their RTP sequence numbers; one that
+                                                // still comes is taken off again
     std::atomic<std::uint64_t> rtpLate{0};      // datagrams out of order by their RTP sequence numbers
+    std::atomic<std::uint64_t> rtpRestarts{0};  // times the RTP sequence numbers began anew
     std::atomic<std::uint64_t> foreign{0};      // datagrams of another sender
     std::atomic<std::uint32_t> firstSender{0};  // host order; 0 until the first datagram
     std::atomic<bool> rtp{false};               // the stream comes in RTP
@@ -43,11 +46,12 @@ public:
     UdpReceiver(const UdpReceiver&) = delete;
     UdpReceiver& operator=(const UdpReceiver&) = delete;
 
-    // Makes the socket, with as large a buffer as the system gives, and joins the group.
+    // Makes the socket, with as large a buffer as the system gives (a smaller one than wanted is logged as a
+    // warning), and joins the group. A stream that is told by its sender is claimed for this process first.
     [[nodiscard]] MaybeFailure open();
     // Starts the thread.
     [[nodiscard]] MaybeFailure start();
-    // Takes what has arrived until now and ends the thread. Further calls do nothing.
+    // Takes what has arrived until now, ends the thread and closes the socket. Further calls do nothing.
     void stop();
 
     // Bytes of the socket's receive buffer.
@@ -62,12 +66,14 @@ private:
     void growBuffer();
     void run() noexcept;
     bool drain(int mostBatches) noexcept;
+    void countKernelDrops() noexcept;
     void takeDatagram(const mmsghdr& message) noexcept;
     void takePackets(std::span<const unsigned char> packets) noexcept;
 
     StreamSource m_source;
     PacketRing& m_ring;
     WakeEvent& m_wake;
+    StreamClaim m_claim;
     UniqueFd m_socket;
     WakeEvent m_stop;
     std::thread m_thread;
