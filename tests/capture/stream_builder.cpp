@@ -36,8 +36,6 @@ Bytes withCrc(Bytes section) {
     return section;
 }
 
-// x264's parameter sets of a progressive 25 frames/s picture would do; these are the shortest that are valid:
-// baseline, 16x16, frame_num of 4 bits, VUI with num_units_in_tick 1 and time_scale 50.
 struct BitWriter {
     Bytes bytes;
     int used = 0;
@@ -59,9 +57,11 @@ struct BitWriter {
     }
 };
 
-Bytes sps() {
+// The shortest sequence parameter set that is valid: baseline (main with fields), 16x16, frame_num of 4 bits,
+// and VUI timing of 25 frames/s.
+Bytes sps(bool fields, bool timing) {
     BitWriter w;
-    w.bits(66, 8);
+    w.bits(fields ? 77 : 66, 8);
     w.bits(0, 8);
     w.bits(30, 8);
     for (unsigned value : {0u, 0u, 2u, 1u}) // id, log2_max_frame_num, poc type, refs
@@ -69,17 +69,22 @@ Bytes sps() {
     w.bit(0);
     w.ue(0);
     w.ue(0);
-    w.bit(1); // frame_mbs_only
+    w.bit(fields ? 0 : 1); // frame_mbs_only
+    if (fields)
+        w.bit(0); // mb_adaptive_frame_field
     w.bit(1);
     w.bit(0);
-    w.bit(1); // vui
-    w.bits(0, 4);
-    w.bit(1); // timing
-    w.bits(0x0000, 16);
-    w.bits(0x0301, 16); // units = 769 avoids emulation prevention
-    w.bits(0x0000, 16);
-    w.bits(0x9632, 16); // 769 * 50
-    w.bits(1, 8);
+    w.bit(timing ? 1 : 0); // vui
+    if (timing) {
+        w.bits(0, 4);
+        w.bit(1); // timing
+        w.bits(0x0000, 16);
+        w.bits(0x0301, 16); // units = 769 avoids emulation prevention
+        w.bits(0x0000, 16);
+        w.bits(0x9632, 16); // 769 * 50
+        w.bits(0, 5);
+    }
+    w.bit(1); // stop bit
     Bytes nal{0, 0, 1, 0x67};
     // 00 00 03 and lower need the emulation prevention byte.
     int zeros = 0;
@@ -116,30 +121,52 @@ void StreamBuilder::table(Packets& out, int pid, const Bytes& section) {
     put(out, pid, true, payload);
 }
 
-void StreamBuilder::picture(Packets& out, bool intra, int structure) {
-    Bytes pes{0, 0, 1, 0xE0, 0, 0, 0x80, 0xC0, 10};
-    append(pes, stamp(3, m_shape.dts + 3600));
-    append(pes, stamp(1, m_shape.dts));
-    if (m_shape.avc) {
-        append(pes, {0, 0, 1, 9, 0xF0});
-        if (intra) {
-            append(pes, sps());
-            append(pes, {0, 0, 1, 0x68, 0xCE});
-        }
-        // first_mb 0, slice type 7 (I) or 5 (P), pps 0
-        append(pes, {0, 0, 1, static_cast<unsigned char>(intra ? 0x65 : 0x41),
-                     static_cast<unsigned char>(intra ? 0x88 : 0x9B)});
-    } else {
-        if (intra && structure != 2) {
-            append(pes, {0, 0, 1, 0xB3, 0x28, 0x01, 0x68, static_cast<unsigned char>(0x30 | m_shape.rateCode),
-                         0xFF, 0xFF, 0xE0, 0x18});
-            append(pes, {0, 0, 1, 0xB5, 0x14, 0x82, 0x00, 0x01, 0x00, 0x00});
-            append(pes, {0, 0, 1, 0xB8, 0x28, 0x08, 0x00, 0x40}); // 10:00:00:00
-        }
-        append(pes, {0, 0, 1, 0x00, 0, static_cast<unsigned char>((intra ? 1 : 2) << 3), 0xFF, 0xF8});
-        append(pes, {0, 0, 1, 0xB5, 0x8F, 0xFF, static_cast<unsigned char>(0xF0 | structure), 0x80, 0x80});
-        append(pes, {0, 0, 1, 0x01, 0x12});
+// One picture of H.264: structure 1 is a top field, 2 a bottom field, 3 a frame.
+Bytes StreamBuilder::avcPicture(bool intra, int structure) const {
+    Bytes bytes{0, 0, 1, 9, 0xF0};
+    if (intra) {
+        append(bytes, sps(m_shape.fieldPictures, m_shape.avcTiming));
+        append(bytes, {0, 0, 1, 0x68, 0xCE});
     }
+    append(bytes, {0, 0, 1, static_cast<unsigned char>(intra ? 0x65 : 0x41)});
+    BitWriter slice;
+    slice.ue(0);             // first_mb_in_slice
+    slice.ue(intra ? 7 : 5); // slice_type
+    slice.ue(0);             // parameter set
+    slice.bits(static_cast<unsigned>(m_frame % m_shape.gop), 4);
+    if (m_shape.fieldPictures) {
+        slice.bit(structure != 3);
+        if (structure != 3)
+            slice.bit(structure == 2);
+    }
+    if (intra)
+        slice.ue(0); // idr_pic_id
+    slice.bits(1, 1);
+    append(bytes, slice.bytes);
+    return bytes;
+}
+
+Bytes StreamBuilder::picture(bool intra, int structure) const {
+    if (m_shape.avc)
+        return avcPicture(intra, structure);
+    Bytes bytes;
+    if (intra && structure != 2) {
+        append(bytes, {0, 0, 1, 0xB3, 0x28, 0x01, 0x68, static_cast<unsigned char>(0x30 | m_shape.rateCode),
+                       0xFF, 0xFF, 0xE0, 0x18});
+        append(bytes, {0, 0, 1, 0xB5, 0x14, 0x82, 0x00, 0x01, 0x00, 0x00});
+        append(bytes, {0, 0, 1, 0xB8, 0x28, 0x08, 0x00, 0x40}); // 10:00:00:00
+    }
+    append(bytes, {0, 0, 1, 0x00, 0, static_cast<unsigned char>((intra ? 1 : 2) << 3), 0xFF, 0xF8});
+    append(bytes, {0, 0, 1, 0xB5, 0x8F, 0xFF, static_cast<unsigned char>(0xF0 | structure), 0x80, 0x80});
+    append(bytes, {0, 0, 1, 0x01, 0x12});
+    return bytes;
+}
+
+void StreamBuilder::unit(Packets& out, const Bytes& elementary, std::int64_t dts) {
+    Bytes pes{0, 0, 1, 0xE0, 0, 0, 0x80, 0xC0, 10};
+    append(pes, stamp(3, dts + 3600));
+    append(pes, stamp(1, dts));
+    append(pes, elementary);
     put(out, videoPid, true, pes);
     put(out, audioPid, false, {});
     for (int more = 1; more < m_shape.packetsPerFrame; ++more)
@@ -149,6 +176,9 @@ void StreamBuilder::picture(Packets& out, bool intra, int structure) {
 Packets StreamBuilder::frames(int count) {
     static constexpr std::array<std::int64_t, 9> ticks{3600, 3754, 3750, 3600, 3003, 3000, 1800, 1502, 1500};
     Packets out;
+    const auto inUnit = [this] { return m_frame % m_shape.framesPerUnit; };
+    Bytes elementary;
+    std::int64_t first = 0;
     for (; count > 0; --count, ++m_frame) {
         if (m_frame % m_shape.tablesEvery == 0) {
             table(out, 0, withCrc({0, 0xB0, 13, 0, 1, 0xC1, 0, 0, 0, 1, 0xE0 | pmtPid >> 8, pmtPid & 0xFF}));
@@ -177,10 +207,16 @@ Packets StreamBuilder::frames(int count) {
         }
         const bool intra = m_frame % m_shape.gop == 0;
         if (m_shape.fieldPictures) {
-            picture(out, intra, 1);
-            picture(out, false, 2);
+            unit(out, picture(intra, 1), m_shape.dts);
+            unit(out, picture(false, 2), m_shape.dts);
         } else {
-            picture(out, intra, 3);
+            if (inUnit() == 0) {
+                elementary.clear();
+                first = m_shape.dts;
+            }
+            append(elementary, picture(intra, 3));
+            if (inUnit() == m_shape.framesPerUnit - 1)
+                unit(out, elementary, first);
         }
         m_shape.dts = (m_shape.dts + ticks[static_cast<std::size_t>(m_shape.rateCode)]) & 0x1FFFFFFFF;
     }

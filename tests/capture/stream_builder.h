@@ -21,6 +21,8 @@ struct StreamShape {
     bool fieldPictures = false; // each frame is two field pictures, each in a PES packet of its own
     bool avc = false;           // H.264 with VUI timing at 25 frames/s, rather than MPEG-2
     int tablesEvery = 4;        // frames between PAT and PMT
+    bool avcTiming = true;      // false: H.264 without VUI
+    int framesPerUnit = 1;      // frames in one PES packet, whose timestamps are those of the first
 };
 
 inline constexpr int pmtPid = 0x1000;
@@ -38,7 +40,9 @@ public:
 
 private:
     void table(Packets& out, int pid, const std::vector<unsigned char>& section);
-    void picture(Packets& out, bool intra, int structure);
+    void unit(Packets& out, const std::vector<unsigned char>& elementary, std::int64_t dts);
+    std::vector<unsigned char> picture(bool intra, int structure) const;
+    std::vector<unsigned char> avcPicture(bool intra, int structure) const;
     void put(Packets& out, int pid, bool start, std::vector<unsigned char> payload);
 
     StreamShape m_shape;

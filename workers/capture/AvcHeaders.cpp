@@ -118,7 +118,24 @@ constexpr std::array<std::pair<unsigned, unsigned>, 17> sampleAspects{{{0, 0},
                                                                        {3, 2},
                                                                        {2, 1}}};
 
-// E.1.1 up to the timing.
+// E.1.2.
+void readHrd(Bits& in, AvcHeaders::Format& format) {
+    const unsigned schedules = in.ue() + 1;
+    in.bits(8); // bit_rate_scale, cpb_size_scale
+    constexpr unsigned mostSchedules = 32;
+    for (unsigned i = 0; i < std::min(schedules, mostSchedules) && !in.failed(); ++i) {
+        in.ue();
+        in.ue();
+        in.bit();
+    }
+    in.bits(5); // initial_cpb_removal_delay_length_minus1
+    format.delays = true;
+    format.removalBits = in.bits(5) + 1;
+    format.outputBits = in.bits(5) + 1;
+    format.timeOffsetBits = in.bits(5);
+}
+
+// E.1.1 up to pic_struct_present_flag.
 void readVui(Bits& in, AvcHeaders::Format& format) {
     constexpr unsigned extendedSar = 255;
     if (in.bit()) { // aspect_ratio_info_present_flag
@@ -141,12 +158,22 @@ void readVui(Bits& in, AvcHeaders::Format& format) {
         in.ue();
         in.ue();
     }
-    if (!in.bit()) // timing_info_present_flag
-        return;
-    format.unitsInTick = in.bits(32);
-    format.timeScale = in.bits(32);
-    if (in.failed())
-        format.unitsInTick = format.timeScale = 0;
+    if (in.bit()) { // timing_info_present_flag
+        format.unitsInTick = in.bits(32);
+        format.timeScale = in.bits(32);
+        if (in.failed())
+            format.unitsInTick = format.timeScale = 0;
+        in.bit(); // fixed_frame_rate_flag
+    }
+    const bool nalHrd = in.bit();
+    if (nalHrd)
+        readHrd(in, format);
+    const bool vclHrd = in.bit();
+    if (vclHrd)
+        readHrd(in, format);
+    if (nalHrd || vclHrd)
+        in.bit(); // low_delay_hrd_flag
+    format.pictureStructure = in.bit() && !in.failed();
 }
 
 // Cropping offsets count chroma samples, and lines of one field where fields are coded (7.4.2.1.1).
@@ -245,12 +272,11 @@ std::optional<AvcHeaders::Slice> AvcHeaders::readSlice(std::span<unsigned char> 
     return slice;
 }
 
-bool AvcHeaders::hasRecoveryPoint(std::span<unsigned char> nal) {
-    constexpr unsigned recoveryPoint = 6;
-    if (nal.size() <= nalHead)
-        return false;
-    Bits in(nal);
-    const auto number = [&in] { // 7.3.2.3.1: bytes 255 add up
+namespace {
+
+// Moves to the payload of a message of that type (7.3.2.3.1); false when there is none.
+bool findMessage(Bits& in, unsigned wanted) {
+    const auto number = [&in] { // bytes 255 add up
         unsigned value = 0;
         unsigned byte = 0;
         do {
@@ -264,12 +290,73 @@ bool AvcHeaders::hasRecoveryPoint(std::span<unsigned char> nal) {
         const unsigned size = number();
         if (in.failed())
             return false;
-        if (type == recoveryPoint)
+        if (type == wanted)
             return true;
         for (unsigned skipped = 0; skipped < size && !in.failed(); ++skipped)
             in.bits(8);
     }
     return false;
+}
+
+} // namespace
+
+bool AvcHeaders::hasRecoveryPoint(std::span<unsigned char> nal) {
+    constexpr unsigned recoveryPoint = 6;
+    if (nal.size() <= nalHead)
+        return false;
+    Bits in(nal);
+    return findMessage(in, recoveryPoint);
+}
+
+std::optional<int> AvcHeaders::pictureTime(std::span<unsigned char> nal) const {
+    constexpr unsigned pictureTiming = 1;
+    constexpr std::array<unsigned, 9> clockTimestamps{1, 1, 1, 2, 2, 3, 3, 2, 3}; // table D-1, NumClockTS
+    if (nal.size() <= nalHead || !m_format.pictureStructure)
+        return std::nullopt;
+    Bits in(nal);
+    if (!findMessage(in, pictureTiming))
+        return std::nullopt;
+    if (m_format.delays) {
+        in.bits(m_format.removalBits);
+        in.bits(m_format.outputBits);
+    }
+    const unsigned structure = in.bits(4);
+    if (structure >= clockTimestamps.size())
+        return std::nullopt;
+    unsigned skipped = 0;
+    while (skipped < clockTimestamps[structure] && !in.bit()) // clock_timestamp_flag
+        ++skipped;
+    if (skipped == clockTimestamps[structure])
+        return std::nullopt;
+    in.bits(3);                           // ct_type, nuit_field_based_flag
+    const unsigned counting = in.bits(5); // counting_type
+    const bool full = in.bit();
+    in.bits(2); // discontinuity_flag, cnt_dropped_flag
+    const unsigned frames = in.bits(8);
+    unsigned seconds = 0;
+    unsigned minutes = 0;
+    unsigned hours = 0;
+    if (full) {
+        seconds = in.bits(6);
+        minutes = in.bits(6);
+        hours = in.bits(5);
+    } else {
+        if (!in.bit())
+            return std::nullopt;
+        seconds = in.bits(6);
+        if (!in.bit())
+            return std::nullopt;
+        minutes = in.bits(6);
+        if (!in.bit())
+            return std::nullopt;
+        hours = in.bits(5);
+    }
+    if (in.failed() || frames > 63 || seconds > 59 || minutes > 59 || hours > 23)
+        return std::nullopt;
+    // Table D-2: counting_type 4 drops two labels a minute.
+    constexpr unsigned dropping = 4;
+    return static_cast<int>((counting == dropping ? 1u << 24 : 0u) | hours << 19 | minutes << 13 | 1u << 12 |
+                            seconds << 6 | frames);
 }
 
 } // namespace kestrel::capture

@@ -1,6 +1,7 @@
 #include "EncoderChannel.h"
 
 #include "Ipv4.h"
+#include "WaitTime.h"
 #include "foundation/ErrorCodes.h"
 #include "foundation/Logger.h"
 
@@ -15,19 +16,11 @@ namespace {
 
 constexpr const char* module = "Capture";
 
-// Milliseconds until a time, for poll(2): rounded up, -1 for never.
-int pollTime(Clock::time_point until, Clock::time_point now) {
-    if (until == Clock::time_point::max())
-        return -1;
-    const auto left = std::chrono::ceil<milliseconds>(until - now).count();
-    return static_cast<int>(std::clamp<std::int64_t>(left, 0, 3'600'000));
-}
-
 } // namespace
 
-EncoderChannel::EncoderChannel(const StreamSource& source, RecordingPlan plan, WakeEvent& ended,
+EncoderChannel::EncoderChannel(const StreamSource& source, RecordingPlan plan, WakeEvent& turned,
                                const Timing& timing)
-    : m_name(plan.name), m_ring(ringPackets), m_ended(ended), m_receiver(source, m_ring, m_arrived),
+    : m_name(plan.name), m_ring(ringPackets), m_turned(turned), m_receiver(source, m_ring, m_arrived),
       m_recording(std::move(plan), timing, Clock::now()) {}
 
 EncoderChannel::~EncoderChannel() {
@@ -63,6 +56,40 @@ void EncoderChannel::cancel() {
     m_arrived.signal();
 }
 
+void EncoderChannel::arm() {
+    order([](Recording& recording) { recording.arm(Clock::now()); });
+}
+
+void EncoderChannel::disarm() {
+    order([](Recording& recording) { recording.disarm(); });
+}
+
+void EncoderChannel::refer(LabelReference reference) {
+    order([told = std::move(reference)](Recording& recording) { recording.refer(told); });
+}
+
+void EncoderChannel::sourceEnded() {
+    order([](Recording& recording) { recording.sourceEnded(Clock::now()); });
+}
+
+void EncoderChannel::order(std::function<void(Recording&)> what) {
+    {
+        const MutexLock lock(m_mutex);
+        m_orders.push_back(std::move(what));
+    }
+    m_arrived.signal();
+}
+
+void EncoderChannel::carryOut() {
+    std::vector<std::function<void(Recording&)>> orders;
+    {
+        const MutexLock lock(m_mutex);
+        orders.swap(m_orders);
+    }
+    for (const auto& what : orders)
+        what(m_recording);
+}
+
 void EncoderChannel::join() {
     m_receiver.stop();
     if (m_writer.joinable())
@@ -71,33 +98,24 @@ void EncoderChannel::join() {
 
 void EncoderChannel::write() noexcept {
     try {
-        bool first = true;
         while (m_recording.state() != RecordingState::ended) {
             // Read before the ring is emptied: what came before a cancel is written.
             const bool cancelled = m_cancel.load(std::memory_order_acquire);
+            // Likewise: what had been lost by then lies before all packets that come after those in the ring.
+            const Losses losses = currentLosses();
             m_arrived.clear();
-            for (auto packets = m_ring.readable();
-                 !packets.empty() && m_recording.state() != RecordingState::ended;
-                 packets = m_ring.readable()) {
-                if (first) {
-                    first = false;
-                    LogUtil::Info(module, "%s: first packet, from %s%s", m_name.c_str(),
-                                  addressText(m_receiver.counts().firstSender).c_str(),
-                                  m_receiver.counts().rtp ? ", in RTP" : "");
-                }
-                // In portions, so that the ring is given back while it is worked on.
-                packets = packets.first(std::min<std::size_t>(packets.size(), 1024));
-                m_recording.take(packets, Clock::now());
-                m_ring.consume(packets.size());
+            carryOut();
+            while (m_recording.state() != RecordingState::ended && takePortion())
+                attend();
+            attend();
+            if (cancelled && m_recording.state() != RecordingState::ended) {
+                m_recording.cancel(Clock::now());
+                publish();
             }
-            const Clock::time_point now = Clock::now();
-            if (cancelled)
-                m_recording.cancel(now);
-            else if (now >= m_recording.deadline())
-                m_recording.tick(now);
-            publish();
             if (m_recording.state() == RecordingState::ended)
                 break;
+            if (m_recording.state() == RecordingState::waiting && !m_recording.holds())
+                noteLossesBefore(losses);
             pollfd wait{m_arrived.fd(), POLLIN, 0};
             ::poll(&wait, 1, pollTime(m_recording.deadline(), Clock::now()));
         }
@@ -106,15 +124,55 @@ void EncoderChannel::write() noexcept {
         m_recording.fail(Failure{error::startCaptureFailed, std::string("Error: ") + problem.what()});
         publish();
     }
-    m_ended.signal();
+    m_turned.signal();
+}
+
+// Gives the recording the oldest packets of the ring, in portions, so that the ring is given back while it is
+// worked on. False when there are none.
+bool EncoderChannel::takePortion() {
+    auto packets = m_ring.readable();
+    if (packets.empty())
+        return false;
+    if (!m_received) {
+        m_received = true;
+        LogUtil::Info(module, "%s: first packet, from %s%s", m_name.c_str(),
+                      addressText(m_receiver.counts().firstSender).c_str(),
+                      m_receiver.counts().rtp ? ", in RTP" : "");
+    }
+    packets = packets.first(std::min(packets.size(), portionPackets));
+    m_recording.take(packets, Clock::now());
+    m_ring.consume(packets.size());
+    return true;
+}
+
+// What is due besides packets, however many of these wait: orders, deadlines, and the status that others see.
+void EncoderChannel::attend() {
+    carryOut();
+    const Clock::time_point now = Clock::now();
+    if (now >= m_recording.deadline())
+        m_recording.tick(now);
+    publish();
 }
 
 void EncoderChannel::publish() {
     RecordingStatus status = m_recording.status();
+    const auto turned = [&status](const RecordingStatus& before) {
+        return status.state != before.state || status.passedMarkIn != before.passedMarkIn ||
+               status.markOutReached != before.markOutReached;
+    };
+    bool wake = false;
+    {
+        const MutexLock lock(m_mutex);
+        wake = turned(m_status);
+        m_status = std::move(status);
+    }
+    if (wake)
+        m_turned.signal();
+}
+
+void EncoderChannel::noteLossesBefore(const Losses& losses) {
     const MutexLock lock(m_mutex);
-    if (m_status.state == RecordingState::waiting)
-        m_atStart = currentLosses();
-    m_status = std::move(status);
+    m_atStart = losses;
 }
 
 RecordingStatus EncoderChannel::status() const {
@@ -125,7 +183,7 @@ RecordingStatus EncoderChannel::status() const {
 EncoderChannel::Losses EncoderChannel::currentLosses() const {
     const ReceiverCounts& counts = m_receiver.counts();
     return {counts.kernelDrops, counts.overflow, counts.rtpLost, counts.rtpLate,
-            counts.badDatagrams + counts.badPackets};
+            counts.badDatagrams + counts.badPackets, counts.rtpRestarts};
 }
 
 std::string EncoderChannel::losses() const {
@@ -156,6 +214,9 @@ void EncoderChannel::logLosses() {
     report(now.rtp, m_logged.rtp, "RTP datagrams missing by their sequence numbers");
     report(now.late, m_logged.late, "RTP datagrams late by their sequence numbers");
     report(now.bad, m_logged.bad, "datagrams or packets that are no transport stream");
+    if (now.restarts > m_logged.restarts)
+        LogUtil::Warning(module, "%s: the RTP sequence began anew, %" PRIu64 " times", m_name.c_str(),
+                         now.restarts - m_logged.restarts);
     m_logged = now;
 }
 

@@ -6,15 +6,17 @@
 #include "foundation/Mutex.h"
 
 #include <atomic>
+#include <functional>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace kestrel::capture {
 
 class EncoderChannel {
 public:
-    // ended is signalled when the recording has ended.
-    EncoderChannel(const StreamSource& source, RecordingPlan plan, WakeEvent& ended,
+    // turned is signalled when the state of the recording, or what it tells of its marks, has changed.
+    EncoderChannel(const StreamSource& source, RecordingPlan plan, WakeEvent& turned,
                    const Timing& timing = {});
     ~EncoderChannel();
     EncoderChannel(const EncoderChannel&) = delete;
@@ -26,6 +28,11 @@ public:
     [[nodiscard]] MaybeFailure start();
     // Ends the recording; what has been received until now is still written.
     void cancel();
+    // Carried out by the writer thread, in the order of the calls: what Recording calls by these names.
+    void arm() EXCLUDES(m_mutex);
+    void disarm() EXCLUDES(m_mutex);
+    void refer(LabelReference reference) EXCLUDES(m_mutex);
+    void sourceEnded() EXCLUDES(m_mutex);
     // Ends the receiver of a recording that has ended, and waits for both threads.
     void join();
 
@@ -39,24 +46,31 @@ public:
 private:
     // Losses at one moment.
     struct Losses {
-        std::uint64_t kernel = 0, ring = 0, rtp = 0, late = 0, bad = 0;
+        std::uint64_t kernel = 0, ring = 0, rtp = 0, late = 0, bad = 0, restarts = 0;
     };
 
     void write() noexcept;
+    void order(std::function<void(Recording&)> what) EXCLUDES(m_mutex);
+    void carryOut() EXCLUDES(m_mutex);
+    [[nodiscard]] bool takePortion();
+    void attend() EXCLUDES(m_mutex);
     void publish() EXCLUDES(m_mutex);
+    void noteLossesBefore(const Losses& losses) EXCLUDES(m_mutex);
     [[nodiscard]] Losses currentLosses() const;
 
     const std::string m_name;
     PacketRing m_ring;
     WakeEvent m_arrived;
-    WakeEvent& m_ended;
+    WakeEvent& m_turned;
     UdpReceiver m_receiver;
-    Recording m_recording; // of the writer thread, once that runs
+    Recording m_recording;   // of the writer thread, once that runs
+    bool m_received = false; // likewise
     std::thread m_writer;
     std::atomic<bool> m_cancel{false};
     Losses m_logged;
 
     mutable Mutex m_mutex;
+    std::vector<std::function<void(Recording&)>> m_orders GUARDED_BY(m_mutex);
     RecordingStatus m_status GUARDED_BY(m_mutex);
     Losses m_atStart GUARDED_BY(m_mutex);
 };

@@ -39,6 +39,17 @@ inline constexpr std::size_t writebackBytes = 8 * 1024 * 1024;
 // Packets kept back until it is known what kind of picture they begin.
 inline constexpr std::size_t heldPackets = 4096;
 
+// Packets of a group of pictures kept back until it is known whether mark-in lies in it: 24 MB.
+inline constexpr std::size_t heldGroupPackets = std::size_t{1} << 17;
+// How long before mark-in a group of pictures may begin that it lies in, in seconds of its frames.
+inline constexpr double longestGroupSeconds = 30;
+
+// How far labels may jump across a mark whose frame then counts as lost on the way, in seconds.
+inline constexpr double lostSeconds = 1;
+
+// Packets worked on between two looks at the time and at what other threads want.
+inline constexpr std::size_t portionPackets = 1024;
+
 // Shortest timed capture, in frames.
 inline constexpr int minimumFrames = 5;
 

@@ -1,34 +1,21 @@
 // The recording of one encoder: from the wait for its stream to the closed file.
 #pragma once
 
-#include "ContinuityLog.h"
-#include "Failure.h"
-#include "Limits.h"
-#include "SegmentFile.h"
+#include "CaptureDuration.h"
+#include "FrameLabels.h"
+#include "MarkedRange.h"
+#include "RecordingClock.h"
+#include "RecordingFile.h"
+#include "RecordingPlan.h"
 #include "StreamAnalyzer.h"
 
 #include <cstdint>
-#include <ctime>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
 
 namespace kestrel::capture {
-
-enum class CaptureMode { manual, timed, rolling };
-
-// What is asked of a recording.
-struct RecordingPlan {
-    CaptureMode mode = CaptureMode::manual;
-    std::string name;   // how the log names the encoder
-    std::string output; // file; for rolling recordings the stem of the segments
-    bool overwrite = false;
-    std::string duration;     // timed: hh:mm:ss:ff
-    int rollingMinutes = 0;   // rolling: length of a segment
-    std::string shownAddress; // where the stream is looked for, for messages
-    int shownPort = 0;
-    Clock::time_point begin{}; // nothing is recorded before
-};
 
 enum class RecordingState { waiting, recording, ended };
 
@@ -42,18 +29,28 @@ struct RecordingStatus {
     unsigned stops = 0;     // times the stream stopped
     bool succeeded = false; // when ended
     std::string text;       // results, when ended
+    // Marks only.
+    std::optional<std::string> label; // of the newest frame of the stream, where it is known
+    bool passedMarkIn = false;        // armed, beyond mark-in by more than a GOP, and nothing is recorded
+    bool markOutReached = false;      // all frames up to mark-out have come
 };
 
 //  state      event                                         next
 //  waiting    random access point with both tables known    recording: file made, PAT, PMT, then that picture
-//  waiting    no program or no random access point in time  ended, failed
+//  waiting    the frame at mark-in (marks)                  recording, from the GOP it lies in
+//  waiting    no program, random access point or timecode   ended, failed
+//             in time
 //  waiting    cancel                                        ended
 //  recording  first frame beyond the duration (timed)       ended
+//  recording  all frames up to mark-out have come (marks)   ended
 //  recording  random access point past the segment          recording, in the next file
 //  recording  cancel                                        ended
-//  recording  no frames any more past the duration (timed)  ended, failed
+//  recording  no frames any more past the duration          ended, failed
+//             (timed, marks)
+//  recording  the source has ended, and so has the stream   ended
 //  any        the file cannot be written                    ended, failed; what was written stays
 //
+// One that is not armed stays waiting: it learns the stream's tables, rate and labels, and nothing times out.
 // One thread calls it; the time is always given, so that tests need no clock.
 class Recording {
 public:
@@ -70,61 +67,98 @@ public:
     // Ends it as failed.
     void fail(const Failure& why);
 
+    // The waits for the stream count from now, and recording may begin. Labels told before no longer count.
+    void arm(Clock::time_point now);
+    // Back to taking the stream in only, for another attempt; nothing once the recording has begun.
+    void disarm();
+    // A label that is known from elsewhere. Once the recording has begun its frames are counted, so labels
+    // that come then change nothing.
+    void refer(const LabelReference& reference);
+    // What the stream is made from has ended: when the stream stops, it is over.
+    void sourceEnded(Clock::time_point now);
+
     [[nodiscard]] Clock::time_point deadline() const;
     [[nodiscard]] RecordingState state() const noexcept { return m_state; }
     [[nodiscard]] RecordingStatus status() const;
+    // Packets are kept back with which the recording may still begin.
+    [[nodiscard]] bool holds() const noexcept { return !m_held.empty(); }
 
 private:
     void takePacket(const Packet& packet);
+    void openUnit();
+    void hold(const Packet& packet);
+    unsigned count(const VideoUnit& unit);
+    void noteLabels(const VideoUnit& unit);
     void settleUnit(const VideoUnit& unit);
-    void startRecording(const VideoUnit& unit);
-    [[nodiscard]] bool openFile();
-    void writeTables(bool first);
-    void writeCopies(std::span<const Packet> packets, int pid, bool first);
-    void writeHeld();
+    void settleWaiting(const VideoUnit& unit);
+    void settleMarks(const VideoUnit& unit);
+    void openGroup(const VideoUnit& unit);
+    [[nodiscard]] bool endsBefore(const VideoUnit& unit);
+    void startSegment();
+    void startRecording();
     void write(const Packet& packet);
-    void countFrames(const VideoUnit& unit);
+    void writeHeld();
     void logProgram();
-    [[nodiscard]] bool segmentDone() const;
-    std::int64_t wantedFrames();
-    [[nodiscard]] bool durationReached();
+    void measureDuration();
+    [[nodiscard]] bool durationReached() const;
+    [[nodiscard]] bool lastFrameCame() const;
     [[nodiscard]] std::chrono::seconds nominalDuration() const;
+    [[nodiscard]] bool bounded() const noexcept;
+    [[nodiscard]] Clock::time_point givenUp() const;
+    [[nodiscard]] std::string openFrame() const;
+    void tickWaiting();
+    void tickStall();
     void finish(bool succeeded, std::string text);
+    void finishComplete();
+    void finishSourceEnded();
     [[nodiscard]] std::string recorded() const;
     [[nodiscard]] std::string amount() const;
 
     RecordingPlan m_plan;
     Timing m_timing;
     RecordingState m_state = RecordingState::waiting;
+    bool m_armed;
     bool m_succeeded = false;
+    bool m_complete = false; // what was asked for has come
     std::string m_text;
 
     StreamAnalyzer m_analyzer;
-    ContinuityLog m_continuity;
-    SegmentFile m_file;
-    std::uint64_t m_closedBytes = 0; // of the segments before
-    unsigned m_segments = 0;
+    RecordingClock m_clock;
+    RecordingFile m_file;
 
-    // Packets from the beginning of a PES packet of video until its first picture is known.
+    // Packets kept back: those of the current PES packet of video until its first picture is known, and those
+    // of a group of pictures in which mark-in may lie.
     std::vector<Packet> m_held;
-    bool m_holding = false;
+    std::size_t m_unitAt = 0; // where in them the current PES packet begins
+    bool m_undecided = false;
+    bool m_groupHeld = false;
 
-    std::uint64_t m_frames = 0;
-    std::uint64_t m_streamFrames = 0; // the same by the stream's clock, with those that were lost
-    std::int64_t m_unitStart = 0;     // of the current unit, by that clock
-    unsigned m_unitCounted = 0;       // frames of the current unit that are in m_frames
-    std::int64_t m_segmentBegin = 0;  // by the stream's clock
-    std::int64_t m_wanted = 0;        // timed: frames; 0 while the frame rate is unknown
-    int m_durationFields[4] = {};
+    CaptureDuration m_duration;
+    std::int64_t m_wanted = 0;       // timed: by the stream's clock; 0 while the frame rate is unknown
+    std::int64_t m_segmentBegin = 0; // by that clock
+
+    // Marks.
+    FrameLabels m_labels;
+    MarkedRange m_range;
+    std::optional<std::int64_t> m_label;      // of the newest unit
+    bool m_unitNoted = false;                 // that label is among those of the range
+    std::optional<std::int64_t> m_groupLabel; // of the last random access point since it was armed
+    std::int64_t m_leadIn = 0;                // frames from the beginning to mark-in
+    bool m_passed = false;
+
+    VideoUnit m_begin; // where the recording begins
     unsigned m_loggedProgram = 0;
+    int m_lastPid = 0;
 
     Clock::time_point m_now;
-    Clock::time_point m_armed; // the waits for the stream count from here
+    Clock::time_point m_armedAt; // the waits for the stream count from here
     Clock::time_point m_programSeen;
+    Clock::time_point m_lastRandomAccess;
+    Clock::time_point m_lastLabelled; // random access point with a label
     Clock::time_point m_started;
     Clock::time_point m_lastPacket;
     Clock::time_point m_lastFrame;
-    Clock::time_point m_lastWrite;
+    std::optional<Clock::time_point> m_sourceEnded;
     bool m_stopped = false;
     unsigned m_stops = 0;
 };

@@ -19,6 +19,7 @@ constexpr unsigned char groupStart = 0xB8;
 constexpr int pictureCodingExtension = 8;
 constexpr int framePicture = 3;
 constexpr int intraPicture = 1;
+constexpr int bidirectionalPicture = 3;
 
 // nal_unit_type of ITU-T H.264, table 7-1.
 enum Nal : unsigned {
@@ -228,11 +229,14 @@ void VideoScanner::takeMpeg2Header(std::span<unsigned char> header) noexcept {
             m_sequenceRate = 0;
     } else if (code == groupStart) {
         m_gopInUnit = true;
-        if (!m_unit.gopTimecode)
+        if (!m_unit.gopTimecode) {
             m_unit.gopTimecode = MPEG::GOP::get_timecode(view);
+            m_unit.closedGop = MPEG::GOP::closed_GOP(view);
+        }
     } else if (code == pictureStart) {
         const int type = MPEG::PH::get_picture_coding_type(view);
         m_pictureType = type != 0 ? type : -1;
+        m_reference = MPEG::PH::get_temporal_reference(view);
     } else if (extension && m_pictureType != 0) {
         settlePicture(MPEG::PCE::get_picture_structure(view));
     }
@@ -240,6 +244,11 @@ void VideoScanner::takeMpeg2Header(std::span<unsigned char> header) noexcept {
 
 void VideoScanner::settlePicture(int structure) noexcept {
     const bool intra = m_pictureType == intraPicture;
+    if (!m_unit.known) {
+        m_unit.temporalReference = m_reference;
+        m_unit.bidirectional = m_pictureType == bidirectionalPicture;
+    }
+    m_unit.highestReference = std::max(m_unit.highestReference, m_reference);
     m_pictureType = 0;
     const bool field = structure == 1 || structure == 2;
     const bool second = field && m_firstField != 0 && m_firstField != structure;
@@ -260,6 +269,8 @@ void VideoScanner::takeAvcNal(std::span<unsigned char> nal) noexcept {
         break;
     case nalSei:
         m_recoveryInUnit = m_recoveryInUnit || AvcHeaders::hasRecoveryPoint(nal);
+        if (!m_unit.gopTimecode)
+            m_unit.gopTimecode = m_avc.pictureTime(nal);
         break;
     case nalIdr:
         takeSlice(nal, true);

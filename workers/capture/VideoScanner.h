@@ -25,8 +25,14 @@ struct VideoUnit {
     bool randomAccess = false; // decoding can begin here
     unsigned frames = 0;       // frames that begin in it
     PTS pts;
-    PTS dts;                        // the PTS where no DTS is coded
-    std::optional<int> gopTimecode; // 25 bits of the GOP header
+    PTS dts; // the PTS where no DTS is coded
+    // 25 bits of the GOP header; of H.264 those that the picture timing of the picture comes to.
+    std::optional<int> gopTimecode;
+    bool closedGop = false; // closed_gop of that header
+    // MPEG-2 only.
+    int temporalReference = -1; // of its first picture
+    int highestReference = -1;  // of all its pictures
+    bool bidirectional = false; // its first picture is a B picture
 };
 
 // Scans for start codes and keeps no more than the beginning of the headers it needs.
@@ -48,6 +54,7 @@ public:
     [[nodiscard]] const VideoUnit& closed() const noexcept { return m_closed; }
     // frame_rate_code of the stream's headers; 0 while none is known.
     [[nodiscard]] int frameRateCode() const noexcept;
+    [[nodiscard]] VideoCodec codec() const noexcept { return m_codec; }
 
 private:
     void beginHeader(unsigned char code) noexcept;
@@ -76,6 +83,7 @@ private:
     bool m_sequenceInUnit = false;
     bool m_gopInUnit = false;
     int m_pictureType = 0; // of a picture header whose structure is not known yet; 0: none
+    int m_reference = -1;  // temporal_reference of that header
     int m_firstField = 0;  // picture_structure of a field that waits for its second
     // H.264
     AvcHeaders m_avc;

@@ -1,0 +1,134 @@
+// One encoder's threads: orders from outside, what it tells while it runs, and losses.
+#include "capture/EncoderChannel.h"
+
+#include "capture/labelled_stream.h"
+#include "capture/worker_process.h"
+
+#include <functional>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+
+using namespace kestrel::capture;
+using namespace capture_test;
+using namespace std::chrono_literals;
+using testing::HasSubstr;
+
+namespace {
+
+class EncoderChannelTest : public testing::Test {
+protected:
+    TemporaryDirectory m_directory;
+    WakeEvent m_turned;
+    StreamSource m_source;
+    RecordingPlan m_plan;
+    EncoderChannelTest() {
+        m_source.address = 0x7F000001;
+        m_source.port = freePort();
+        m_plan.name = "Encoder 1";
+        m_plan.output = m_directory.path("out.ts");
+    }
+    // Waits until the channel has turned to what is wanted; it says so on its event.
+    bool waitFor(const EncoderChannel& channel, const std::function<bool(const RecordingStatus&)>& wanted) {
+        const auto deadline = Clock::now() + 10s;
+        while (Clock::now() < deadline) {
+            if (wanted(channel.status()))
+                return true;
+            pollfd wait{m_turned.fd(), POLLIN, 0};
+            ::poll(&wait, 1, 10000);
+            m_turned.clear();
+        }
+        return false;
+    }
+    static bool records(const RecordingStatus& status) { return status.state == RecordingState::recording; }
+};
+
+TEST_F(EncoderChannelTest, TellsWhenItsRecordingHasBegun) {
+    EncoderChannel channel(m_source, m_plan, m_turned);
+    ASSERT_FALSE(channel.open());
+    ASSERT_FALSE(channel.start());
+    Sender("127.0.0.1", m_source.port).send(StreamBuilder().frames(30));
+    EXPECT_TRUE(waitFor(channel, records));
+    channel.cancel();
+    channel.join();
+    EXPECT_THAT(channel.status().text, HasSubstr("(30 frames"));
+}
+
+TEST_F(EncoderChannelTest, RecordsBetweenMarksOnceItIsArmed) {
+    m_plan.mode = CaptureMode::marks;
+    m_plan.markIn = "10:00:05:00";
+    m_plan.markOut = "10:00:05:24";
+    m_plan.armed = false;
+    EncoderChannel channel(m_source, m_plan, m_turned);
+    ASSERT_FALSE(channel.open());
+    ASSERT_FALSE(channel.start());
+    Sender sender("127.0.0.1", m_source.port);
+    LabelledStream stream({.timecode = "10:00:07:00"});
+    sender.send(join(stream.frames(60)));
+    channel.arm();
+    stream.jumpTo("10:00:10:00");
+    sender.send(join(stream.frames(36)));
+    EXPECT_TRUE(waitFor(channel, [](const RecordingStatus& status) { return status.passedMarkIn; }));
+    channel.disarm();
+    EXPECT_TRUE(waitFor(channel, [](const RecordingStatus& status) { return !status.passedMarkIn; }));
+    channel.arm();
+    stream.jumpTo("10:00:04:00");
+    sender.send(join(stream.frames(100)));
+    EXPECT_TRUE(waitFor(channel, [](const RecordingStatus& status) { return status.markOutReached; }));
+    channel.join();
+    EXPECT_THAT(channel.status().text, HasSubstr("to 10:00:05:24"));
+    EXPECT_TRUE(channel.status().succeeded);
+}
+
+TEST_F(EncoderChannelTest, WhatItIsToldOfTheFirstFrameCounts) {
+    m_plan.mode = CaptureMode::marks;
+    m_plan.markIn = "01:00:00:00";
+    m_plan.markOut = "01:00:00:24";
+    m_plan.armed = m_plan.useStreamLabels = false;
+    EncoderChannel channel(m_source, m_plan, m_turned);
+    ASSERT_FALSE(channel.open());
+    ASSERT_FALSE(channel.start());
+    channel.refer({"01:00:00:00", {}, true, 0});
+    channel.arm();
+    Sender("127.0.0.1", m_source.port).send(join(LabelledStream().frames(60)));
+    EXPECT_TRUE(waitFor(channel, [](const RecordingStatus& status) { return status.markOutReached; }));
+    channel.join();
+    EXPECT_THAT(channel.status().text, HasSubstr("(25 frames"));
+    EXPECT_THAT(channel.status().text, HasSubstr("counted from the first frame"));
+}
+
+TEST_F(EncoderChannelTest, ASourceThatHasEndedEndsItWhenNothingComesAnyMore) {
+    m_plan.mode = CaptureMode::timed;
+    m_plan.wantedFrames = 50;
+    Timing timing;
+    timing.stall = 100ms;
+    EncoderChannel channel(m_source, m_plan, m_turned, timing);
+    ASSERT_FALSE(channel.open());
+    ASSERT_FALSE(channel.start());
+    Sender("127.0.0.1", m_source.port).send(StreamBuilder().frames(20));
+    ASSERT_TRUE(waitFor(channel, records));
+    channel.sourceEnded();
+    EXPECT_TRUE(waitFor(channel,
+                        [](const RecordingStatus& status) { return status.state == RecordingState::ended; }));
+    channel.join();
+    EXPECT_THAT(channel.status().text, HasSubstr("Error: 20 of 50 frames came back."));
+}
+
+// All of it lies in the receive buffer before the threads run, so the recording begins, and loses, within
+// what the writer finds at its first look.
+TEST_F(EncoderChannelTest, LossesBehindTheBeginningOfABacklogAreCounted) {
+    EncoderChannel channel(m_source, m_plan, m_turned);
+    ASSERT_FALSE(channel.open());
+    StreamBuilder builder;
+    Sender sender("127.0.0.1", m_source.port);
+    sender.sendRtp(builder.frames(12));
+    sender.skip(3);
+    sender.sendRtp(builder.frames(12));
+    ASSERT_FALSE(channel.start());
+    ASSERT_TRUE(waitFor(channel, records));
+    channel.cancel();
+    channel.join();
+    EXPECT_EQ(channel.losses(), ", 3 RTP datagrams missing");
+}
+
+} // namespace

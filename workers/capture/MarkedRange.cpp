@@ -1,0 +1,127 @@
+#include "MarkedRange.h"
+
+#include "foundation/ErrorCodes.h"
+
+#include <algorithm>
+#include <cmath>
+#include <iterator>
+
+namespace kestrel::capture {
+namespace {
+
+bool isTimeOfDay(const int (&fields)[4]) {
+    return fields[0] < 24 && fields[1] < 60 && fields[2] < 60 && fields[3] < 60;
+}
+
+std::string frameCount(std::int64_t frames) {
+    return format("%lld frame%s", static_cast<long long>(frames), frames == 1 ? "" : "s");
+}
+
+} // namespace
+
+MaybeFailure MarkedRange::check(const std::string& in, const std::string& out) {
+    int begin[4] = {};
+    int end[4] = {};
+    if (!parseTimecode(in, begin) || !isTimeOfDay(begin))
+        return detailed(failure(error::invalidMarkIn), in);
+    if (!parseTimecode(out, end) || !isTimeOfDay(end))
+        return detailed(failure(error::invalidMarkOut), out);
+    if (!std::lexicographical_compare(std::begin(begin), std::end(begin), std::begin(end), std::end(end)))
+        return detailed(failure(error::invalidMarkOut), out + " is not after mark-in " + in);
+    return std::nullopt;
+}
+
+MaybeFailure MarkedRange::settle(const LabelRule& rule) {
+    if (rule == m_rule)
+        return std::nullopt;
+    m_rule = rule;
+    const auto in = rule.number(m_inText, m_pairs);
+    const auto out = rule.number(m_outText, m_pairs);
+    const auto reason = [&rule](const std::string& text) {
+        return text + " does not exist at frame rate code " + std::to_string(rule.rateCode) +
+               (rule.drop ? ", drop-frame" : "");
+    };
+    if (!in)
+        return detailed(failure(error::invalidMarkIn), reason(m_inText));
+    if (!out)
+        return detailed(failure(error::invalidMarkOut), reason(m_outText));
+    m_in = *in;
+    // A pair ends with its second frame.
+    m_length = *out - *in + (m_pairs && rule.doubled() ? 2 : 1);
+    return std::nullopt;
+}
+
+std::chrono::seconds MarkedRange::duration() const {
+    const double rate = m_rule.framesPerSecond();
+    return std::chrono::seconds(
+        rate > 0 ? static_cast<std::int64_t>(std::ceil(static_cast<double>(m_length) / rate)) : 0);
+}
+
+std::int64_t MarkedRange::position(std::int64_t label) const {
+    const std::int64_t day = m_rule.perDay();
+    const std::int64_t forward = ((label - m_in) % day + day) % day;
+    return forward >= m_length + (day - m_length) / 2 ? forward - day : forward;
+}
+
+bool MarkedRange::mayBeginAt(std::int64_t group) const {
+    const std::int64_t until = -position(group);
+    return until >= 0 && static_cast<double>(until) <= longestGroupSeconds * m_rule.framesPerSecond();
+}
+
+void MarkedRange::begin(std::int64_t group, std::int64_t leading) {
+    m_first = m_highest = position(group);
+    m_leading = leading;
+    m_beyond = 0;
+    m_inSeen = false;
+    m_seen.reset();
+}
+
+void MarkedRange::note(std::int64_t first, std::int64_t last) {
+    for (std::int64_t label = first; label <= last; ++label) {
+        const std::int64_t at = position(label);
+        const std::int64_t left = m_length - 1 - at;
+        if (left < 0)
+            ++m_beyond;
+        else if (left < lastLabels)
+            m_seen.set(static_cast<std::size_t>(left));
+        m_inSeen = m_inSeen || at == 0;
+        m_highest = std::max(m_highest, at);
+        m_first = std::min(m_first, at); // pictures of H.264 may be shown before the one decoding begins with
+    }
+}
+
+bool MarkedRange::complete() const {
+    const std::int64_t all = std::min(m_length - m_first, lastLabels);
+    for (std::int64_t left = 0; left < all; ++left)
+        if (!m_seen[static_cast<std::size_t>(left)])
+            return false;
+    return all > 0;
+}
+
+std::int64_t MarkedRange::missing() const {
+    std::int64_t left = 0;
+    while (left < lastLabels && !m_seen[static_cast<std::size_t>(left)])
+        ++left;
+    return left;
+}
+
+std::string MarkedRange::describe(LabelOrigin origin, bool ended) const {
+    std::string text = ", from " + m_rule.text(m_in + m_first) + " to " + m_rule.text(m_in + m_highest);
+    if (m_first < 0)
+        text += ", " + frameCount(-m_first) + " before mark-in";
+    if (!m_inSeen)
+        text += ", the frame at mark-in is missing";
+    if (m_first + m_leading > 0)
+        text += ", the first " + frameCount(m_first + m_leading) + " from mark-in need the GOP before";
+    if (m_beyond > 0)
+        text += ", " + frameCount(m_beyond) + " beyond mark-out";
+    if (ended && missing() != 0)
+        text += ", the frame at mark-out is missing";
+    if (origin == LabelOrigin::deck)
+        text += ", by deck time";
+    else if (origin == LabelOrigin::counted)
+        text += ", counted from the first frame";
+    return text;
+}
+
+} // namespace kestrel::capture

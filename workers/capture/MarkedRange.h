@@ -1,0 +1,70 @@
+// What lies between mark-in and mark-out, and which of it has come.
+#pragma once
+
+#include "Failure.h"
+#include "FrameLabels.h"
+
+#include <bitset>
+#include <cstdint>
+#include <string>
+
+namespace kestrel::capture {
+
+// The labels of both marks belong to what is recorded. A recording can begin only where decoding can, and
+// frames are coded in another order than they are shown, so it may begin before mark-in and hold a frame or
+// two from beyond mark-out that the last ones refer to.
+class MarkedRange {
+public:
+    // pairs: the marks count pairs of frames at the double rates.
+    MarkedRange(std::string in, std::string out, bool pairs)
+        : m_inText(std::move(in)), m_outText(std::move(out)), m_pairs(pairs) {}
+
+    // Checks what can be checked without a frame rate.
+    [[nodiscard]] static MaybeFailure check(const std::string& in, const std::string& out);
+    // Finds the numbers of the marks; again when the rule changes.
+    [[nodiscard]] MaybeFailure settle(const LabelRule& rule);
+
+    // Frames from mark-in to mark-out, both counted.
+    [[nodiscard]] std::int64_t length() const noexcept { return m_length; }
+    // How long they take, rounded up.
+    [[nodiscard]] std::chrono::seconds duration() const;
+    // Frames from mark-in to a label, negative before it; the day wraps half way between mark-out and the
+    // next mark-in.
+    [[nodiscard]] std::int64_t position(std::int64_t label) const;
+    [[nodiscard]] bool beyond(std::int64_t label) const { return position(label) >= m_length; }
+    [[nodiscard]] std::int64_t out() const noexcept { return m_in + m_length - 1; }
+    // Whether mark-in may lie in a group of pictures that begins with this label.
+    [[nodiscard]] bool mayBeginAt(std::int64_t group) const;
+
+    // What is taken begins with a group of pictures, of whose labels the first `leading` need the group
+    // before.
+    void begin(std::int64_t group, std::int64_t leading);
+    // Frames with these labels were taken.
+    void note(std::int64_t first, std::int64_t last);
+    // Position of the highest label taken.
+    [[nodiscard]] std::int64_t highest() const noexcept { return m_highest; }
+    // All frames up to mark-out have come.
+    [[nodiscard]] bool complete() const;
+    // Frames that are missing just before mark-out; 0 when its own has come.
+    [[nodiscard]] std::int64_t missing() const;
+
+    // ", from 10:00:00:00 to 10:00:10:00" and what else is to be said of what was taken. ended: nothing more
+    // is to come before mark-out.
+    [[nodiscard]] std::string describe(LabelOrigin origin, bool ended) const;
+
+private:
+    static constexpr std::int64_t lastLabels = 64;
+
+    std::string m_inText, m_outText;
+    bool m_pairs;
+    LabelRule m_rule;
+    std::int64_t m_in = 0, m_length = 0;
+
+    // Positions.
+    std::int64_t m_first = 0, m_highest = 0;
+    std::int64_t m_leading = 0, m_beyond = 0;
+    bool m_inSeen = false;
+    std::bitset<lastLabels> m_seen; // by the distance to mark-out
+};
+
+} // namespace kestrel::capture

@@ -1,0 +1,243 @@
+// How a recording ends: what it waits for, how long, and what it says then.
+#include "Recording.h"
+
+#include "foundation/ErrorCodes.h"
+#include "foundation/Logger.h"
+#include "mpeg/mpeg2.h"
+#include "timecode/mpeg_timecode.h"
+
+#include <algorithm>
+#include <cinttypes>
+
+namespace kestrel::capture {
+namespace {
+
+constexpr const char* module = "Capture";
+
+std::string timecodeText(std::uint64_t frames, int rateCode) {
+    const bool drop = mpeg_timecode::frameRateCodeToDropFrame(rateCode);
+    const auto day = static_cast<std::uint64_t>(mpeg_timecode::rollover_frames_count(drop, rateCode));
+    mpeg_timecode timecode = mpeg_timecode::from_frames(static_cast<int>(frames % day), drop, rateCode);
+    return (frames >= day ? std::to_string(frames / day) + "d " : "") + timecode.windows_string();
+}
+
+} // namespace
+
+// Finds how long the recording is to be by the stream's clock, once the frame rate is known; fails it when
+// there is no such duration. Measured in time, it outlasts a change of the frame rate.
+void Recording::measureDuration() {
+    const int rate = m_analyzer.frameRateCode();
+    if (m_plan.mode != CaptureMode::timed || m_wanted != 0 || rate == 0)
+        return;
+    std::uint64_t frames = 0;
+    if (auto failed = m_duration.measure(rate, frames))
+        return fail(*failed);
+    m_wanted = static_cast<std::int64_t>(frames) * MPEG::SH::decode_PCRs_per_frame(rate);
+}
+
+// Whether all frames asked for have begun. A stream whose frame rate stays unknown is measured by its clock.
+bool Recording::durationReached() const {
+    if (m_plan.mode != CaptureMode::timed || m_state != RecordingState::recording)
+        return false;
+    if (m_wanted > 0)
+        return m_clock.end() + m_clock.period() / 2 >= m_wanted;
+    if (m_plan.wantedFrames != 0)
+        return m_file.frames() >= m_plan.wantedFrames;
+    constexpr std::uint64_t framesToLearnRate = 100;
+    return m_file.frames() >= framesToLearnRate &&
+           m_clock.elapsed() >= nominalDuration().count() * PTS::units_per_second;
+}
+
+bool Recording::lastFrameCame() const {
+    if (m_plan.mode == CaptureMode::marks)
+        return m_state == RecordingState::recording && m_range.complete();
+    return durationReached();
+}
+
+std::chrono::seconds Recording::nominalDuration() const {
+    return m_plan.mode == CaptureMode::marks ? m_range.duration() : m_duration.nominal();
+}
+
+// Whether it is to end by itself.
+bool Recording::bounded() const noexcept {
+    return m_plan.mode == CaptureMode::timed || m_plan.mode == CaptureMode::marks;
+}
+
+// When a recording that is to end by itself, but gets no frames any more, is over.
+Clock::time_point Recording::givenUp() const {
+    return std::max(m_started + nominalDuration(), m_lastFrame) + m_timing.givenUp;
+}
+
+Clock::time_point Recording::deadline() const {
+    if (m_state == RecordingState::ended || (m_state == RecordingState::waiting && !m_armed))
+        return Clock::time_point::max();
+    if (m_state == RecordingState::waiting) {
+        if (!m_analyzer.programKnown())
+            return m_armedAt + m_timing.noStream;
+        const auto found = std::max({m_programSeen, m_armedAt, m_lastLabelled}) + m_timing.noRandomAccess;
+        // Of a source that has ended no mark-in comes any more, however long its encoder goes on.
+        return m_sourceEnded ? std::min(found, std::max(*m_sourceEnded, m_armedAt) + m_timing.noStream)
+                             : found;
+    }
+    Clock::time_point next = m_file.deadline(m_now);
+    if (!m_stopped)
+        next = std::min(next, m_lastPacket + m_timing.stall);
+    if (m_sourceEnded)
+        next = std::min(next, std::max(m_lastPacket, *m_sourceEnded) + m_timing.stall);
+    return bounded() ? std::min(next, givenUp()) : next;
+}
+
+void Recording::tick(Clock::time_point now) {
+    m_now = now;
+    if (m_state == RecordingState::waiting && now >= deadline())
+        return tickWaiting();
+    if (m_state != RecordingState::recording)
+        return;
+    if (auto failed = m_file.tick(now))
+        return fail(*failed);
+    tickStall();
+    if (m_state == RecordingState::recording && bounded() && now >= givenUp())
+        fail(failure(error::captureDiscontinuity));
+}
+
+void Recording::tickWaiting() {
+    if (!m_analyzer.programKnown())
+        return fail(failure(error::noTransportStream, m_plan.shownAddress.c_str(), m_plan.shownPort));
+    if (m_plan.mode == CaptureMode::marks && m_sourceEnded && m_label)
+        return fail(detailed(failure(error::startTimecodeNotFound, m_plan.markIn.c_str()),
+                             "the source has ended, the stream is at " + m_labels.rule().text(*m_label)));
+    if (m_plan.mode == CaptureMode::marks && m_lastRandomAccess > m_lastLabelled)
+        return fail(detailed(failure(error::vitcLockNoTimecode),
+                             m_plan.useStreamLabels ? "the stream has no timecodes, and no other time is told"
+                                                    : "no deck time is told"));
+    fail(detailed(failure(error::startCaptureTimeout), "no random access point in the video"));
+}
+
+void Recording::tickStall() {
+    if (!m_stopped && m_now - m_lastPacket >= m_timing.stall) {
+        m_stopped = true;
+        ++m_stops;
+        LogUtil::Warning(module, "%s: the stream has stopped after packet %" PRIu64 " of the file, PID %d",
+                         m_plan.name.c_str(), m_file.packets(), m_lastPid);
+        // The last frame asked for has come; the one beyond, which would show it, may never.
+        if (lastFrameCame()) {
+            m_held.clear();
+            --m_stops;
+            return finishComplete();
+        }
+    }
+    if (m_sourceEnded && m_now - std::max(m_lastPacket, *m_sourceEnded) >= m_timing.stall)
+        finishSourceEnded();
+}
+
+void Recording::cancel(Clock::time_point now) {
+    m_now = now;
+    if (m_state == RecordingState::ended)
+        return;
+    if (m_state == RecordingState::waiting)
+        return finish(m_plan.mode == CaptureMode::timed,
+                      "Cancelled before the recording began: nothing recorded");
+    const bool came = lastFrameCame();
+    const bool beyond = came && m_undecided && !m_held.empty();
+    if (beyond)
+        m_held.clear(); // they begin the frame after the last
+    writeHeld();
+    if (m_state == RecordingState::ended)
+        return;
+    const std::string open = beyond ? "" : openFrame();
+    if (came || !bounded())
+        return finish(true, recorded() + open);
+    finish(true, "Cancelled after " + amount() + open);
+}
+
+// What a recording that ends in the middle of the stream says of its last frame.
+std::string Recording::openFrame() const {
+    return m_file.frameOpen() ? ", the last frame may be incomplete" : "";
+}
+
+void Recording::fail(const Failure& why) {
+    if (m_state == RecordingState::ended)
+        return;
+    finish(false, m_file.segments() != 0 ? why.text + " " + recorded() : why.text);
+}
+
+void Recording::finish(bool succeeded, std::string text) {
+    m_state = RecordingState::ended;
+    m_undecided = m_groupHeld = false;
+    m_succeeded = succeeded;
+    m_text = std::move(text);
+    const std::uint64_t frames = m_file.frames();
+    if (const auto failed = m_file.close(true); failed && succeeded) {
+        m_succeeded = false;
+        m_text = failed->text + " " + (frames == m_file.frames() ? m_text : recorded());
+    }
+}
+
+// All that was asked for has come, as far as it was not lost on the way.
+void Recording::finishComplete() {
+    m_complete = true;
+    if (m_plan.mode == CaptureMode::timed && m_file.frames() < m_plan.wantedFrames)
+        return finish(false, format("Error: %" PRIu64 " of %" PRIu64 " frames came back. ", m_file.frames(),
+                                    m_plan.wantedFrames) +
+                                 recorded());
+    if (m_plan.mode == CaptureMode::marks) {
+        const LabelRule& rule = m_labels.rule();
+        const std::int64_t missing = m_range.length() - 1 - m_range.highest();
+        if (static_cast<double>(missing) > lostSeconds * rule.framesPerSecond())
+            return fail(detailed(failure(error::captureDiscontinuity),
+                                 "the timecode goes past mark-out, to " +
+                                     rule.text(m_label.value_or(m_range.out()))));
+    }
+    finish(true, recorded());
+}
+
+void Recording::finishSourceEnded() {
+    writeHeld();
+    if (m_state != RecordingState::recording)
+        return;
+    if (m_stopped)
+        --m_stops;
+    if (bounded() && m_plan.wantedFrames == 0 && !lastFrameCame())
+        return fail(detailed(failure(error::captureDiscontinuity), "the source ended before the last frame"));
+    finishComplete();
+}
+
+std::string Recording::recorded() const {
+    return "Recorded " + amount();
+}
+
+std::string Recording::amount() const {
+    const int rate = m_analyzer.frameRateCode();
+    const std::uint64_t frames = m_file.frames();
+    std::string text =
+        (rate != 0 ? timecodeText(frames, rate) : std::string("an unknown time")) +
+        format(" (%" PRIu64 " frames, %.1f MB", frames, static_cast<double>(m_file.bytes()) / 1e6);
+    if (m_file.segments() > 1)
+        text += format(", %u segments", m_file.segments());
+    text += format("), %" PRIu64 " continuity errors", m_file.continuityErrors());
+    if (m_stops != 0)
+        text += format(", stream stopped %u times", m_stops);
+    if (m_plan.mode == CaptureMode::marks)
+        text += m_range.describe(m_labels.origin(), m_complete);
+    return text;
+}
+
+RecordingStatus Recording::status() const {
+    RecordingStatus status;
+    status.state = m_state;
+    status.frames = m_file.frames();
+    status.frameRateCode = m_analyzer.frameRateCode();
+    status.bytes = m_file.bytesWritten();
+    status.continuityErrors = m_file.continuityErrors();
+    status.stops = m_stops;
+    status.succeeded = m_succeeded;
+    status.text = m_text;
+    if (m_label)
+        status.label = m_labels.rule().text(*m_label);
+    status.passedMarkIn = m_passed && m_state == RecordingState::waiting;
+    status.markOutReached = m_plan.mode == CaptureMode::marks &&
+                            (m_complete || (m_state == RecordingState::recording && m_range.complete()));
+    return status;
+}
+
+} // namespace kestrel::capture

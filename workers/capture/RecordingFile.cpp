@@ -1,0 +1,149 @@
+#include "RecordingFile.h"
+
+#include "OutputNames.h"
+#include "foundation/ErrorCodes.h"
+#include "foundation/Logger.h"
+#include "mpeg/packet_view.h"
+
+#include <algorithm>
+#include <cinttypes>
+
+namespace kestrel::capture {
+namespace {
+
+constexpr const char* module = "Capture";
+
+// Whether a PES packet ends with this packet: only there is its payload cut short by stuffing (ISO/IEC
+// 13818-1, 2.4.3.5).
+bool stuffed(const Packet& packet) noexcept {
+    if (!ts::has_adaptation(packet.data()))
+        return false;
+    const auto field = ts::adaptation_field(packet.data());
+    if (field.empty()) // a length of 0: one byte of stuffing
+        return true;
+    std::size_t used = 1;
+    const unsigned flags = field[0];
+    used += (flags & 0x10) ? 6 : 0;            // PCR
+    used += (flags & 0x08) ? 6 : 0;            // OPCR
+    used += (flags & 0x04) ? 1 : 0;            // splice_countdown
+    for (const unsigned part : {0x02u, 0x01u}) // private data, extension: each with its length in front
+        if ((flags & part) && used < field.size())
+            used += 1u + field[used];
+    return field.size() > used;
+}
+
+} // namespace
+
+MaybeFailure RecordingFile::open(const RecordingPlan& plan) {
+    MaybeFailure failed;
+    if (plan.mode == CaptureMode::rolling) {
+        constexpr int attempts = 100;
+        const std::time_t now = std::time(nullptr);
+        for (int attempt = 1; attempt <= attempts; ++attempt) {
+            failed = m_file.create(segmentPath(plan.output, now, attempt), false);
+            if (!failed || failed->code != error::fileAlreadyExists)
+                break;
+        }
+    } else {
+        failed = m_file.create(plan.output, plan.overwrite);
+    }
+    if (failed)
+        return failed;
+    ++m_segments;
+    LogUtil::Info(module, "%s: recording into %s", m_name.c_str(), m_file.path().c_str());
+    return std::nullopt;
+}
+
+MaybeFailure RecordingFile::writeTables(const StreamAnalyzer& stream, std::span<const Packet> following,
+                                        Clock::time_point now) {
+    const auto write = [&](std::span<const Packet> packets, int pid) -> MaybeFailure {
+        int counter = stream.lastCounter(pid);
+        for (const Packet& packet : following) {
+            if (ts::pid(packet.data()) != pid)
+                continue;
+            counter = ts::continuity_counter(packet.data()) - (ts::has_payload(packet.data()) ? 1 : 0);
+            break;
+        }
+        counter -= static_cast<int>(packets.size()) - 1;
+        for (Packet copy : packets) {
+            copy[3] =
+                static_cast<unsigned char>((copy[3] & 0xF0) | (static_cast<unsigned>(counter++) & 0x0F));
+            // At a cut the stream goes on behind the copies, so only those of the first file are part of its
+            // count.
+            if (m_segments == 1)
+                m_continuity.check(copy.data(), this->packets(), now);
+            if (auto failed = append(copy))
+                return failed;
+        }
+        return std::nullopt;
+    };
+    if (auto failed = write(stream.patPackets(), 0))
+        return failed;
+    return write(stream.pmtPackets(), stream.pmtPid());
+}
+
+MaybeFailure RecordingFile::write(const Packet& packet, int videoPid, Clock::time_point now) {
+    if (!m_file.pending())
+        m_lastWrite = now;
+    m_continuity.check(packet.data(), packets(), now);
+    if (ts::pid(packet.data()) == videoPid && ts::has_payload(packet.data()))
+        m_frameOpen = !stuffed(packet);
+    return append(packet);
+}
+
+MaybeFailure RecordingFile::append(const Packet& packet) {
+    return settle(m_file.append(packet));
+}
+
+void RecordingFile::countFrames(unsigned frames) {
+    if (frames == 0)
+        return;
+    m_frames += frames;
+    m_unwritten.push_back({m_file.bytes() + m_file.pendingBytes(), frames});
+}
+
+// Drops what has reached the file from the frames that wait, and, of a failed write, all others from the
+// count.
+MaybeFailure RecordingFile::settle(MaybeFailure result) {
+    while (!m_unwritten.empty() && m_unwritten.front().position <= m_file.bytes())
+        m_unwritten.pop_front();
+    if (result) {
+        for (const Unwritten& lost : m_unwritten)
+            m_frames -= lost.frames;
+        m_unwritten.clear();
+    }
+    return result;
+}
+
+MaybeFailure RecordingFile::tick(Clock::time_point now) {
+    m_continuity.tick(now);
+    if (!m_file.pending() || now - m_lastWrite < writeDelay)
+        return std::nullopt;
+    return settle(m_file.flush());
+}
+
+Clock::time_point RecordingFile::deadline(Clock::time_point now) const {
+    Clock::time_point next = Clock::time_point::max();
+    if (m_file.pending())
+        next = m_lastWrite + writeDelay;
+    if (m_continuity.pending())
+        next = std::min(next, now + std::chrono::seconds(1));
+    return next;
+}
+
+MaybeFailure RecordingFile::close(bool last) {
+    if (last)
+        m_continuity.tick(Clock::time_point::max());
+    if (!m_file.isOpen())
+        return std::nullopt;
+    MaybeFailure failed = settle(m_file.close(last));
+    if (last)
+        LogUtil::Info(module, "%s: %s closed, %" PRIu64 " bytes", m_name.c_str(), m_file.path().c_str(),
+                      m_file.bytes());
+    else
+        m_closedBytes += m_file.bytes();
+    m_unwritten.clear();
+    return failed;
+}
+
+} // namespace kestrel::capture

@@ -1,0 +1,43 @@
+// What is asked of a recording, and what of it can be checked before there is a stream.
+#pragma once
+
+#include "Failure.h"
+#include "Limits.h"
+
+#include <cstdint>
+#include <string>
+
+namespace kestrel::capture {
+
+enum class CaptureMode { manual, timed, rolling, marks };
+
+struct RecordingPlan {
+    CaptureMode mode = CaptureMode::manual;
+    std::string name;   // how the log names the encoder
+    std::string output; // file; for rolling recordings the stem of the segments
+    bool overwrite = false;
+    std::string duration;           // timed: hh:mm:ss:ff, hours of two or three digits
+    std::uint64_t wantedFrames = 0; // timed: so many frames rather than a duration
+    int rollingMinutes = 0;         // rolling: length of a segment
+    std::string shownAddress;       // where the stream is looked for, for messages
+    int shownPort = 0;
+    Clock::time_point begin{}; // nothing is recorded before
+
+    // Marks: the labels of the first and the last frame.
+    std::string markIn;
+    std::string markOut;
+    bool marksCountPairs = true; // they are a deck's, which counts pairs of frames at the double rates
+    bool useStreamLabels = true; // the stream's own timecodes count where it has them
+    int labelTolerance = 0;      // frames by which a label that is told may differ from what was counted
+    bool armed = true;           // false: it starts nothing and waits for nothing until it is armed
+
+    // The directory that the output must not leave when it is locked; empty: none.
+    std::string mainDirectory;
+    bool lockDirectory = false;
+};
+
+// Checks the output and its directory, which is made where it is missing, and what the mode is given: its
+// duration, its marks, the length of its segments.
+[[nodiscard]] MaybeFailure checkPlan(const RecordingPlan& plan);
+
+} // namespace kestrel::capture
