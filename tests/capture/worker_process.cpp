@@ -7,8 +7,10 @@
 #include <csignal>
 #include <cstring>
 #include <ctime>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 
@@ -106,8 +108,8 @@ ServiceQueues::~ServiceQueues() {
     unlinkMsgQueue(m_managerName.c_str());
 }
 
-void ServiceQueues::send(AppMsgType type) {
-    const GenericMsg message(type, nullptr, 0);
+void ServiceQueues::send(AppMsgType type, const void* payload, int size) {
+    const GenericMsg message(type, const_cast<void*>(payload), size);
     EXPECT_EQ(sendMsg(m_manager, reinterpret_cast<const char*>(message.buffer), message.length), 0);
 }
 
@@ -129,6 +131,8 @@ bool ServiceQueues::receive(std::chrono::milliseconds most) {
                             strnlen(reinterpret_cast<char*>(flat.payload), message.payload.size()));
     }
     m_received.push_back(message);
+    if (act)
+        act(message);
     return true;
 }
 
@@ -153,6 +157,10 @@ int Worker::addEncoder() {
 
 void Worker::start() {
     ASSERT_TRUE(settings.SaveProfile(path("settings.xml").c_str()));
+    if (rewriteSettings) {
+        const std::string text = rewriteSettings(readText(path("settings.xml")));
+        std::ofstream(path("settings.xml")) << text;
+    }
     std::vector<std::string> words{KESTREL_CAPTURE_PROGRAM};
     words.insert(words.end(), extraOptions.begin(), extraOptions.end());
     words.insert(words.end(), {"-ini", path("settings.xml"), "-log", path("log/capture.log")});
@@ -164,6 +172,9 @@ void Worker::start() {
     argv.push_back(nullptr);
     m_process = ::fork();
     if (m_process == 0) {
+        const rlimit limit{memoryLimit, memoryLimit};
+        if (memoryLimit != 0)
+            ::setrlimit(RLIMIT_AS, &limit);
         ::execv(argv[0], argv.data());
         ::_exit(127);
     }
@@ -176,6 +187,16 @@ void Worker::waitForLog(const std::string& text) {
         ASSERT_LT(Clock::now(), deadline) << "no \"" << text << "\" in\n" << log();
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
+}
+
+Message Worker::next(AppMsgType type, std::chrono::seconds most) {
+    const auto deadline = Clock::now() + most;
+    while (Clock::now() < deadline)
+        if (queues.receive(std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now())) &&
+            queues.received().back().type == type)
+            return queues.received().back();
+    ADD_FAILURE() << "no message of type " << type << '\n' << log();
+    return {};
 }
 
 void Worker::signal(int number) const {

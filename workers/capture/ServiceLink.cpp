@@ -9,8 +9,10 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstring>
 #include <fcntl.h>
 #include <poll.h>
+#include <span>
 #include <sys/stat.h>
 
 namespace kestrel::capture {
@@ -47,23 +49,43 @@ void ServiceLink::connect(const std::string& writeQueue, const std::string& read
     m_read = connectOne(readQueue, readAccess);
 }
 
-bool ServiceLink::cancelReceived() {
-    bool cancelled = false;
+ServiceLink::Received ServiceLink::receive() {
+    Received result;
     std::array<char, 8192> buffer{};
     for (;;) {
         const ssize_t received = m_read < 0 ? -1 : mq_receive(m_read, buffer.data(), buffer.size(), nullptr);
         if (received < 0) {
-            if (m_read >= 0 && errno != EAGAIN && errno != EINTR) {
+            if (m_read >= 0 && errno == EINTR)
+                continue;
+            if (m_read >= 0 && errno != EAGAIN) {
                 LogUtil::Error(m_module, "Cannot read the service's queue: %s", errnoText(errno).c_str());
                 closeMsgQueue(m_read);
                 m_read = -1;
             }
-            return cancelled;
+            return result;
         }
-        const GenericFlatMsg message(reinterpret_cast<unsigned char*>(buffer.data()),
-                                     static_cast<int>(received));
-        cancelled = cancelled || message.type == CANCEL_MSG;
+        take(GenericFlatMsg(reinterpret_cast<unsigned char*>(buffer.data()), static_cast<int>(received)),
+             result);
     }
+}
+
+void ServiceLink::take(const GenericFlatMsg& message, Received& received) const {
+    if (message.type == CANCEL_MSG)
+        received.cancel = true;
+    if (message.type != VTR_CMD_RESPONSE_MSG)
+        return;
+    _VTRCmdData answer{};
+    if (!message.payload || message.payloadSize != static_cast<int>(sizeof answer)) {
+        LogUtil::Warning(m_module, "A deck's answer of %d bytes is dropped: %zu belong to one",
+                         message.payloadSize, sizeof answer);
+        return;
+    }
+    std::memcpy(&answer, message.payload, sizeof answer);
+    for (const std::span<char> text :
+         {std::span<char>(answer.serialPort), std::span<char>(answer.timecode),
+          std::span<char>(answer.replyQueueName), std::span<char>(answer.errorText)})
+        text.back() = '\0';
+    received.deckAnswers.push_back(answer);
 }
 
 bool ServiceLink::trySend(AppMsgType type, const void* payload, int size) {
@@ -84,6 +106,14 @@ void ServiceLink::sendHeartbeat() {
 
 void ServiceLink::sendStatus(_CaptureJobStatusData status) {
     trySend(CAPTURE_STATUS_MSG, &status, sizeof status);
+}
+
+bool ServiceLink::sendDeckCommand(const _VTRCmdData& command) {
+    if (m_write < 0) {
+        errno = EBADF;
+        return false;
+    }
+    return trySend(VTR_CMD_REQUEST_MSG, &command, sizeof command);
 }
 
 // An unlinked queue goes on taking messages that nobody reads.

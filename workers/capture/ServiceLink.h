@@ -6,6 +6,7 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace kestrel::capture {
 
@@ -23,11 +24,24 @@ public:
     void connect(const std::string& writeQueue, const std::string& readQueue);
     // Descriptor to poll for messages of the service; -1 when there is none.
     [[nodiscard]] int readFd() const noexcept { return m_read; }
-    // Takes all messages that wait; true when one was the cancel message.
-    [[nodiscard]] bool cancelReceived();
+    // What the service sent since the last call.
+    struct Received {
+        bool cancel = false;
+        std::vector<_VTRCmdData> deckAnswers; // in their order; texts terminated
+    };
+    // Takes all messages that wait. Other messages, and deck answers of a wrong size, are dropped.
+    [[nodiscard]] Received receive();
+    // The same of one that only wants to know whether the cancel message came.
+    [[nodiscard]] bool cancelReceived() { return receive().cancel; }
 
     void sendHeartbeat();
     void sendStatus(_CaptureJobStatusData status);
+    // Asks the service to pass a command on to the deck; its answer comes with receive(). Does not wait:
+    // false with errno EAGAIN when the queue is full at the moment, and with another when it cannot be sent
+    // at all.
+    [[nodiscard]] bool sendDeckCommand(const _VTRCmdData& command);
+    // Whether there are queues in both directions.
+    [[nodiscard]] bool connected() const noexcept { return m_write >= 0 && m_read >= 0; }
     // The results text, cut at what the service keeps; waits for room within a deadline.
     void sendResults(std::string_view text);
     // The last message; likewise.
@@ -37,6 +51,7 @@ private:
     bool trySend(AppMsgType type, const void* payload, int size);
     void sendSurely(AppMsgType type, const void* payload, int size);
     void noticeRemoval();
+    void take(const GenericFlatMsg& message, Received& received) const;
 
     int connectOne(const std::string& name, int access) const;
 

@@ -1,13 +1,12 @@
 // kestrelCapture: records MPEG transport streams from network encoders, as the service's capture jobs ask.
 
-#include "CaptureSession.h"
 #include "Failure.h"
+#include "SessionControl.h"
 #include "foundation/FileUtil.h"
 #include "foundation/Logger.h"
 
 #include <cerrno>
 #include <csignal>
-#include <exception>
 #include <fstream>
 #include <iostream>
 
@@ -45,12 +44,7 @@ int main(int argc, char** argv) {
     std::signal(SIGPIPE, SIG_IGN);
     std::ofstream log;
     openLog(options.logFile, log);
-    int result = exitFailure;
-    try {
-        result = CaptureSession(options).run();
-    } catch (const std::exception& problem) {
-        LogUtil::Fatal("Capture", "Ends: %s", problem.what());
-    }
+    const int result = SessionControl(options).run();
     LogUtil::Cleanup();
     return result;
 }

@@ -1,8 +1,6 @@
-// The worker from its command line to its exit code.
+// The worker from its command line to its exit code: timed captures.
 #include "capture/worker_process.h"
 
-#include <algorithm>
-#include <csignal>
 #include <cstring>
 #include <fstream>
 #include <gmock/gmock.h>
@@ -21,7 +19,7 @@ void setDuration(Worker& worker, const char* duration) {
 
 constexpr const char* ready = "receive buffer";
 
-TEST(CaptureWorker, ATimedCaptureIsExactAndTellsTheService) {
+TEST(TimedCapture, ATimedCaptureIsExactAndTellsTheService) {
     Worker worker;
     setDuration(worker, "00:00:04:00");
     const int port = worker.addEncoder();
@@ -57,7 +55,7 @@ TEST(CaptureWorker, ATimedCaptureIsExactAndTellsTheService) {
     EXPECT_EQ(status.statusNumber2, file.size() * 188);
 }
 
-TEST(CaptureWorker, RtpIsRecordedLikePlainDatagrams) {
+TEST(TimedCapture, RtpIsRecordedLikePlainDatagrams) {
     Worker worker;
     setDuration(worker, "00:00:02:00");
     const int port = worker.addEncoder();
@@ -69,7 +67,7 @@ TEST(CaptureWorker, RtpIsRecordedLikePlainDatagrams) {
     EXPECT_THAT(worker.log(), HasSubstr(", in RTP"));
 }
 
-TEST(CaptureWorker, AGroupIsJoinedWhereTheEncoderMapSays) {
+TEST(TimedCapture, AGroupIsJoinedWhereTheEncoderMapSays) {
     Worker worker;
     setDuration(worker, "00:00:02:00");
     const int port = freePort();
@@ -86,7 +84,7 @@ TEST(CaptureWorker, AGroupIsJoinedWhereTheEncoderMapSays) {
     EXPECT_EQ(pictures(readPackets(worker.path("out/news.ts"))), 50);
 }
 
-TEST(CaptureWorker, TwoEncodersAreRecordedBesideEachOther) {
+TEST(TimedCapture, TwoEncodersAreRecordedBesideEachOther) {
     Worker worker;
     setDuration(worker, "00:00:02:00");
     const int first = worker.addEncoder();
@@ -102,136 +100,8 @@ TEST(CaptureWorker, TwoEncodersAreRecordedBesideEachOther) {
     EXPECT_EQ(pictures(readPackets(worker.path("out/news_2.ts"))), 60);
 }
 
-TEST(CaptureWorker, RollingSegmentsJoinWithoutLoss) {
-    Worker worker;
-    worker.settings.cmd.jobType = CSettings::JOB_ROLLING;
-    worker.settings.cmd.rollingDurationMin = 1;
-    worker.settings.cmd.rollingStartNow = true;
-    const int port = worker.addEncoder();
-    worker.start();
-    worker.waitForLog(ready);
-    const Packets sent = StreamBuilder({.packetsPerFrame = 6}).frames(25 * 130);
-    Sender("127.0.0.1", port).send(sent, 20e6);
-    worker.queues.send(CANCEL_MSG);
-    EXPECT_EQ(worker.wait(), 0) << worker.log();
-    std::vector<Packets> segments;
-    for (const std::string& name : filesIn(worker.path("out"))) {
-        const Packets file = readPackets(name);
-        EXPECT_EQ(continuityErrors(file), 0);
-        segments.emplace_back(file.begin() + 2, file.end());
-    }
-    ASSERT_EQ(segments.size(), 3u);
-    // Segments of one second on the wall share a name but for a number, so their order is that of the stream.
-    std::sort(segments.begin(), segments.end(),
-              [&](const Packets& a, const Packets& b) { return positionOf(a, sent) < positionOf(b, sent); });
-    Packets joined;
-    for (const Packets& segment : segments)
-        joined.insert(joined.end(), segment.begin(), segment.end());
-    EXPECT_EQ(joined.size() + 2, sent.size());
-    EXPECT_EQ(positionOf(joined, sent), 2);
-}
-
-TEST(CaptureWorker, AManualCaptureEndsWithTheCancelMessageAndKeepsAll) {
-    Worker worker;
-    std::snprintf(worker.settings.cmd.outputFile, 260, "news.ts");
-    const int port = worker.addEncoder();
-    std::snprintf(worker.settings.encoders[0].mainCaptureDirectory, 260, "%s", worker.path("media").c_str());
-    worker.start();
-    worker.waitForLog(ready);
-    const Packets sent = StreamBuilder().frames(60);
-    Sender("127.0.0.1", port).send(sent);
-    worker.waitForLog("recording into");
-    worker.queues.send(CANCEL_MSG);
-    EXPECT_EQ(worker.wait(), 0) << worker.log();
-    EXPECT_EQ(readPackets(worker.path("media/news.ts")).size(), sent.size());
-    EXPECT_THAT(worker.results(), StartsWith("Recorded 00:00:02:10 (60 frames"));
-}
-
-TEST(CaptureWorker, RunByHandItEndsWithSigterm) {
-    Worker worker;
-    worker.useQueues = false;
-    const int port = worker.addEncoder();
-    worker.start();
-    worker.waitForLog(ready);
-    Sender("127.0.0.1", port).send(StreamBuilder().frames(60));
-    worker.waitForLog("recording into");
-    worker.signal(SIGTERM);
-    EXPECT_EQ(worker.wait(), 0);
-    EXPECT_THAT(worker.log(), HasSubstr("Recorded 00:00:02:10 (60 frames"));
-}
-
-TEST(CaptureWorker, CancelBeforeTheStreamEndsAtOnce) {
-    Worker worker;
-    worker.addEncoder();
-    worker.start();
-    worker.waitForLog(ready);
-    worker.queues.send(CANCEL_MSG);
-    EXPECT_EQ(worker.wait(std::chrono::seconds(5)), 1);
-    EXPECT_THAT(worker.results(), HasSubstr("nothing recorded"));
-    EXPECT_TRUE(filesIn(worker.path("out")).empty());
-}
-
-TEST(CaptureWorker, NoStreamWithinTenSeconds) {
-    Worker worker;
-    const int port = worker.addEncoder();
-    worker.start();
-    EXPECT_EQ(worker.wait(), 1);
-    EXPECT_EQ(worker.results(),
-              "Error: Do not see MPEG transport stream for capture at IP address 127.0.0.1:" +
-                  std::to_string(port) + ".");
-}
-
-TEST(CaptureWorker, AnExistingFileIsKept) {
-    Worker worker;
-    worker.addEncoder();
-    std::filesystem::create_directories(worker.path("out"));
-    std::ofstream(worker.path("out/news.ts")) << "precious";
-    worker.start();
-    EXPECT_EQ(worker.wait(), 1);
-    EXPECT_THAT(worker.results(), StartsWith("Warning: The file specified already exists."));
-    EXPECT_EQ(readText(worker.path("out/news.ts")), "precious");
-}
-
-TEST(CaptureWorker, KilledItLeavesWholePackets) {
-    Worker worker;
-    const int port = worker.addEncoder();
-    worker.start();
-    worker.waitForLog(ready);
-    const Packets sent = StreamBuilder({.packetsPerFrame = 40}).frames(500);
-    Sender("127.0.0.1", port).send(sent, 60e6);
-    worker.signal(SIGKILL);
-    EXPECT_EQ(worker.wait(), 128 + SIGKILL);
-    const Packets file = readPackets(worker.path("out/news.ts"));
-    EXPECT_GT(file.size(), 10000u);
-    EXPECT_EQ(continuityErrors(file), 0);
-    EXPECT_EQ(positionOf(Packets(file.begin() + 2, file.end()), sent), 2);
-}
-
-TEST(CaptureWorker, LostPacketsAreReportedWithPacketAndPid) {
-    Worker worker;
-    const int port = worker.addEncoder();
-    worker.start();
-    worker.waitForLog(ready);
-    Packets sent = StreamBuilder().frames(60);
-    sent.erase(sent.begin() + 40); // video
-    Sender("127.0.0.1", port).send(sent);
-    worker.waitForLog("continuity error at packet 40: expected");
-    worker.queues.send(CANCEL_MSG);
-    EXPECT_EQ(worker.wait(), 0);
-    EXPECT_THAT(worker.results(), HasSubstr(", 1 continuity errors"));
-}
-
-TEST(CaptureWorker, JobsOfOtherKindsAreRefusedClearly) {
-    Worker worker;
-    worker.settings.cmd.jobType = CSettings::JOB_VTR;
-    worker.addEncoder();
-    worker.start();
-    EXPECT_EQ(worker.wait(), 1);
-    EXPECT_THAT(worker.results(), StartsWith("Error: Unknown Capture Mode 0."));
-}
-
 // With the encoder of the reference tools, judged by their reader.
-TEST(CaptureWorker, AStreamOfFfmpegIsCutOnTheFrame) {
+TEST(TimedCapture, AStreamOfFfmpegIsCutOnTheFrame) {
     if (std::system("command -v ffmpeg >/dev/null && command -v ffprobe >/dev/null") != 0)
         GTEST_SKIP() << "needs ffmpeg";
     for (const std::string codec :

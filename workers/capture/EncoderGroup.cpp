@@ -1,0 +1,164 @@
+#include "EncoderGroup.h"
+
+#include "Ipv4.h"
+#include "OutputNames.h"
+#include "StreamSource.h"
+#include "foundation/ErrorCodes.h"
+#include "foundation/Logger.h"
+#include "timecode/mpeg_timecode.h"
+
+#include <algorithm>
+
+namespace kestrel::capture {
+namespace {
+
+constexpr const char* module = "Capture";
+
+// A profile with only the second reception counts one encoder, which is then that one.
+int firstReception(const CSettings& settings) {
+    const auto& first = settings.encoders[0];
+    const bool secondOnly =
+        settings.numEncoders == 1 && first.ipAddress == 0 && first.port == 0 && first.snmpIpAddress == 0;
+    return secondOnly ? 1 : 0;
+}
+
+_CaptureJobStatusData statusRecord(std::size_t index, const RecordingStatus& status) {
+    _CaptureJobStatusData record{};
+    record.encoderIndex = static_cast<std::int32_t>(index);
+    record.frames = static_cast<std::uint32_t>(status.frames);
+    // Before the rate is known there is nothing to count; 25 is a code the service can print 0 with.
+    record.frameRateCode = static_cast<std::uint32_t>(status.frameRateCode != 0 ? status.frameRateCode : 3);
+    record.dropFrame = mpeg_timecode::frameRateCodeToDropFrame(static_cast<int>(record.frameRateCode));
+    record.statusNumber1 =
+        static_cast<std::uint32_t>(std::min<std::uint64_t>(status.continuityErrors, UINT32_MAX));
+    record.statusNumber2 = status.bytes;
+    return record;
+}
+
+} // namespace
+
+MaybeFailure EncoderGroup::open(const CSettings& settings, const EncoderMap& map, RecordingPlan plan,
+                                const Timing& timing) {
+    if (settings.numEncoders < 1)
+        return failure(error::noEncoder);
+    const int begin = firstReception(settings);
+    const auto& main = settings.encoders[static_cast<std::size_t>(begin)];
+    const std::string output = outputPath(settings.cmd.outputFile, main.mainCaptureDirectory);
+    plan.mainDirectory = main.mainCaptureDirectory;
+    plan.lockDirectory = main.lockMainCaptureDirectory;
+    for (int i = 0; i < settings.numEncoders && begin + i < CSettings::MAX_ENCODERS; ++i) {
+        const auto& reception = settings.encoders[static_cast<std::size_t>(begin + i)];
+        const StreamSource source = decideStreamSource(reception, map);
+        plan.name = "Encoder " + std::to_string(i + 1);
+        plan.output = output.empty() ? output : encoderPath(output, i);
+        plan.overwrite = source.overwrite;
+        plan.shownAddress = addressText(source.shownAddress());
+        plan.shownPort = source.port;
+        LogUtil::Info(module, "%s (%s): stream looked for at %s:%d, interface %s, sender %s, by %s",
+                      plan.name.c_str(), addressText(reception.snmpIpAddress).c_str(),
+                      addressText(source.address).c_str(), source.port,
+                      addressText(source.interfaceAddress).c_str(), addressText(source.sender).c_str(),
+                      source.origin.c_str());
+        auto channel = std::make_unique<EncoderChannel>(source, plan, m_changed, timing);
+        if (auto failed = channel->open())
+            return failed;
+        m_members.push_back({std::move(channel), &reception});
+    }
+    return std::nullopt;
+}
+
+// All or none: nothing is recorded of a job that cannot record all it was asked for.
+MaybeFailure EncoderGroup::start() {
+    m_lastStatus = Clock::now();
+    for (Member& member : m_members)
+        if (auto failed = member.channel->start())
+            return failed;
+    return std::nullopt;
+}
+
+void EncoderGroup::arm() {
+    for (Member& member : m_members)
+        member.channel->arm();
+}
+
+void EncoderGroup::disarm() {
+    for (Member& member : m_members)
+        member.channel->disarm();
+}
+
+void EncoderGroup::refer(const std::string& label, Clock::time_point at) {
+    for (Member& member : m_members)
+        member.channel->refer({label, at, false, member.reception->frameOffsetNoVitc});
+}
+
+void EncoderGroup::giveUp(std::size_t index, const Failure& why) {
+    Member& member = m_members[index];
+    if (!member.givenUp)
+        member.givenUp = why;
+    member.channel->cancel();
+}
+
+void EncoderGroup::cancel() {
+    for (Member& member : m_members)
+        member.channel->cancel();
+}
+
+void EncoderGroup::joinEnded() {
+    for (Member& member : m_members)
+        if (member.channel->status().state == RecordingState::ended)
+            member.channel->join();
+}
+
+void EncoderGroup::join() {
+    for (Member& member : m_members)
+        member.channel->join();
+}
+
+bool EncoderGroup::over() const {
+    return std::all_of(m_members.begin(), m_members.end(), [](const Member& member) {
+        return member.channel->status().state == RecordingState::ended;
+    });
+}
+
+void EncoderGroup::sendStatus(ServiceLink& link, Clock::time_point now) {
+    const double seconds = std::chrono::duration<double>(now - m_lastStatus).count();
+    m_lastStatus = now;
+    for (std::size_t i = 0; i < m_members.size(); ++i) {
+        Member& member = m_members[i];
+        member.channel->logLosses();
+        const RecordingStatus status = member.channel->status();
+        _CaptureJobStatusData record = statusRecord(i, status);
+        // A write that failed takes back what had been counted ahead of it.
+        const std::uint64_t more = status.bytes > member.lastBytes ? status.bytes - member.lastBytes : 0;
+        if (seconds > 0)
+            record.statusNumber3 = static_cast<std::uint64_t>(static_cast<double>(more) * 8 / seconds);
+        member.lastBytes = status.bytes;
+        link.sendStatus(record);
+        // While the other encoder goes on, the operator learns at once that this one does not.
+        if (status.state == RecordingState::ended && !status.succeeded && !member.reported &&
+            m_members.size() > 1) {
+            member.reported = true;
+            link.sendResults("Encoder " + std::to_string(i + 1) + ": " + status.text);
+        }
+    }
+}
+
+Outcome EncoderGroup::outcome() const {
+    Outcome outcome{true, ""};
+    for (std::size_t i = 0; i < m_members.size(); ++i) {
+        const Member& member = m_members[i];
+        const RecordingStatus status = member.channel->status();
+        outcome.succeeded = outcome.succeeded && status.succeeded && !member.givenUp;
+        if (m_members.size() > 1)
+            outcome.text += (i ? "; Encoder " : "Encoder ") + std::to_string(i + 1) + ": ";
+        if (member.givenUp)
+            outcome.text += member.givenUp->text;
+        if (member.givenUp && status.frames > 0)
+            outcome.text += " ";
+        if (!member.givenUp || status.frames > 0)
+            outcome.text += status.text + member.channel->losses();
+    }
+    return outcome;
+}
+
+} // namespace kestrel::capture

@@ -1,0 +1,74 @@
+// The encoders of one job: all begin or none, and their status, losses and results are told together.
+#pragma once
+
+#include "EncoderChannel.h"
+#include "EncoderMap.h"
+#include "ServiceLink.h"
+#include "Session.h"
+#include "capture_profile/CSettings.h"
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace kestrel::capture {
+
+class EncoderGroup {
+public:
+    // changed is signalled when a recording has ended.
+    explicit EncoderGroup(WakeEvent& changed) : m_changed(changed) {}
+
+    // Opens a channel for each reception of the settings. plan holds what all of them share: names, output,
+    // sources and locks are filled in here.
+    [[nodiscard]] MaybeFailure open(const CSettings& settings, const EncoderMap& map, RecordingPlan plan,
+                                    const Timing& timing = {});
+    // Starts them all.
+    [[nodiscard]] MaybeFailure start();
+    // See EncoderChannel: for all of them.
+    void arm();
+    void disarm();
+    // A label that a deck showed at a time; each encoder's own lag (FRAME_OFFSET_NO_VITC) is added.
+    void refer(const std::string& label, Clock::time_point at);
+    // Ends one recording as failed, for a reason of the job's.
+    void giveUp(std::size_t index, const Failure& why);
+    // Ends all recordings; what has been received until now is still written.
+    void cancel();
+    // Ends the receivers of recordings that have ended, so that they take no more datagrams while others go
+    // on.
+    void joinEnded();
+    // Waits for the end of all.
+    void join();
+
+    // Whether all recordings have ended.
+    [[nodiscard]] bool over() const;
+    [[nodiscard]] std::size_t size() const noexcept { return m_members.size(); }
+    [[nodiscard]] RecordingStatus status(std::size_t index) const {
+        return m_members[index].channel->status();
+    }
+    [[nodiscard]] EncoderChannel& channel(std::size_t index) { return *m_members[index].channel; }
+    // The settings of a channel's reception.
+    [[nodiscard]] const CSettings::EncoderReception& reception(std::size_t index) const {
+        return *m_members[index].reception;
+    }
+
+    // Sends a status record of each encoder, and at once the text of one that failed while another goes on.
+    void sendStatus(ServiceLink& link, Clock::time_point now);
+    // All results in one text, with what was lost. To be asked after join().
+    [[nodiscard]] Outcome outcome() const;
+
+private:
+    struct Member {
+        std::unique_ptr<EncoderChannel> channel;
+        const CSettings::EncoderReception* reception;
+        std::uint64_t lastBytes = 0; // at the last status
+        bool reported = false;       // its failure has been sent
+        MaybeFailure givenUp = {};
+    };
+
+    WakeEvent& m_changed;
+    std::vector<Member> m_members;
+    Clock::time_point m_lastStatus{};
+};
+
+} // namespace kestrel::capture

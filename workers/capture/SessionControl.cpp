@@ -1,0 +1,173 @@
+#include "SessionControl.h"
+
+#include "WaitTime.h"
+
+#include "foundation/ErrorCodes.h"
+#include "foundation/Logger.h"
+
+#include <algorithm>
+#include <csignal>
+#include <ctime>
+#include <exception>
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <sys/timerfd.h>
+
+namespace kestrel::capture {
+namespace {
+
+constexpr const char* module = "Capture";
+
+UniqueFd makeTimer(milliseconds period) {
+    UniqueFd timer(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
+    const timespec time{period.count() / 1000, period.count() % 1000 * 1'000'000};
+    const itimerspec spec{time, time};
+    ::timerfd_settime(timer.get(), 0, &spec, nullptr);
+    return timer;
+}
+
+void drainFd(int fd) {
+    signalfd_siginfo bytes{};
+    while (::read(fd, &bytes, sizeof bytes) > 0) {
+    }
+}
+
+// Before any thread, so that all inherit the mask and the signals arrive here only.
+UniqueFd takeSignals() {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGTERM);
+    sigaddset(&set, SIGINT);
+    ::pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    // A file at its size limit is a write error, not the end of the process.
+    std::signal(SIGXFSZ, SIG_IGN);
+    return UniqueFd(::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
+}
+
+Outcome broken(const std::exception& problem) {
+    return {false, detailed(failure(error::startCaptureFailed), problem.what()).text};
+}
+
+} // namespace
+
+SessionControl::SessionControl(Options options, Maker maker)
+    : m_options(std::move(options)), m_maker(std::move(maker)) {}
+
+SessionControl::~SessionControl() = default;
+
+int SessionControl::run() noexcept {
+    Outcome outcome;
+    try {
+        m_signals = takeSignals();
+        LogUtil::Info(module,
+                      "Capture worker starts: settings %s, write queue %s, read queue %s, encoder map %s",
+                      m_options.settingsFile.c_str(), m_options.writeQueue.c_str(),
+                      m_options.readQueue.c_str(), m_options.encoderMap.c_str());
+        m_link.connect(m_options.writeQueue, m_options.readQueue);
+        m_link.sendHeartbeat();
+        outcome = work();
+        finish(outcome);
+    } catch (const std::exception& problem) {
+        LogUtil::Fatal(module, "Ends: %s", problem.what());
+        outcome.succeeded = false;
+    }
+    return outcome.succeeded ? exitSuccess : exitFailure;
+}
+
+Outcome SessionControl::work() {
+    Outcome outcome;
+    try {
+        if (const MaybeFailure failed = prepare()) {
+            m_session.reset();
+            return {false, failed->text};
+        }
+    } catch (const std::exception& problem) {
+        m_session.reset();
+        return broken(problem);
+    }
+    std::string trouble;
+    try {
+        loop();
+    } catch (const std::exception& problem) {
+        trouble = broken(problem).text;
+    }
+    try {
+        outcome = m_session->end();
+        m_session->sendStatus();
+    } catch (const std::exception& problem) {
+        outcome = broken(problem);
+    }
+    if (!trouble.empty())
+        outcome = {false, trouble + " " + outcome.text};
+    return outcome;
+}
+
+MaybeFailure SessionControl::prepare() {
+    if (!m_settings.LoadProfile(m_options.settingsFile.c_str()))
+        return detailed(failure(error::invalidConfigurationFile), m_options.settingsFile);
+    if (!m_options.encoderMap.empty())
+        if (auto failed = m_map.load(m_options.encoderMap))
+            return failed;
+    m_map.setOverwriteAll(m_options.overwrite);
+    MaybeFailure failed;
+    m_session = m_maker({m_options, m_settings, m_map, m_link, m_wake}, failed);
+    return m_session ? m_session->start() : failed;
+}
+
+void SessionControl::loop() {
+    const UniqueFd heartbeat = makeTimer(heartbeatPeriod);
+    const UniqueFd status = makeTimer(statusPeriod);
+    bool cancelled = false;
+    while (!m_session->over()) {
+        pollfd waits[] = {{m_signals.get(), POLLIN, 0},
+                          {m_link.readFd(), POLLIN, 0},
+                          {m_wake.fd(), POLLIN, 0},
+                          {heartbeat.get(), POLLIN, 0},
+                          {status.get(), POLLIN, 0}};
+        if (::poll(waits, std::size(waits), pollTime(m_session->deadline(), Clock::now())) < 0)
+            continue;
+        if (waits[2].revents) {
+            m_wake.clear();
+            m_session->woken();
+        }
+        if (waits[3].revents) {
+            drainFd(heartbeat.get());
+            m_link.sendHeartbeat();
+        }
+        if (waits[4].revents) {
+            drainFd(status.get());
+            m_session->sendStatus();
+        }
+        const bool signalled = waits[0].revents != 0;
+        if (signalled)
+            drainFd(m_signals.get());
+        const bool asked = waits[1].revents && handleMessages();
+        if ((signalled || asked) && !cancelled) {
+            cancelled = true;
+            LogUtil::Info(module, "Cancelled by %s", asked ? "the service" : "a signal");
+            m_session->cancel();
+        }
+        if (const Clock::time_point now = Clock::now(); now >= m_session->deadline())
+            m_session->tick(now);
+    }
+}
+
+// Whether the cancel message was among them.
+bool SessionControl::handleMessages() {
+    const ServiceLink::Received received = m_link.receive();
+    for (const _VTRCmdData& answer : received.deckAnswers)
+        m_session->deckAnswer(answer);
+    return received.cancel;
+}
+
+void SessionControl::finish(const Outcome& outcome) {
+    if (outcome.succeeded)
+        LogUtil::Info(module, "%s", outcome.text.c_str());
+    else
+        LogUtil::Error(module, "%s", outcome.text.c_str());
+    m_link.sendResults(outcome.text);
+    m_link.sendExit();
+    LogUtil::Info(module, "Capture worker ends, exit code %d", outcome.succeeded ? exitSuccess : exitFailure);
+}
+
+} // namespace kestrel::capture
