@@ -1,0 +1,145 @@
+// What a file consists of, and the part of it that marks ask for.
+#include "capture/SourceIndex.h"
+#include "capture/normalize_streams.h"
+#include "foundation/ErrorCodes.h"
+#include "streams/ffprobe.h"
+#include "streams/stream_fixtures.h"
+
+#include <fstream>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <limits>
+
+using namespace capture_test;
+using namespace kestrel::capture;
+using kestrel::test::streamFile;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+namespace {
+
+SourceIndex indexOf(const std::string& file) {
+    SourceIndex index;
+    const std::atomic<bool> never{false};
+    const MaybeFailure failed = indexSource(file, never, index);
+    EXPECT_FALSE(failed) << failed->text;
+    return index;
+}
+
+TEST(SourceIndex, CountsFramesAndFindsAccessPoints) {
+    for (const char* name : {"m2_sd_25", "m2_sd_2997_drop", "h264_main", "m2_sd_25_fields"}) {
+        const std::string file = streamFile(name);
+        const auto frames = kestrel::test::Ffprobe(file).packets("v:0");
+        const auto keys =
+            std::count_if(frames.begin(), frames.end(), [](const auto& frame) { return frame.key; });
+        const SourceIndex index = indexOf(file);
+        EXPECT_EQ(index.frames, frames.size()) << name;
+        EXPECT_EQ(index.points.size(), static_cast<std::size_t>(keys)) << name;
+        EXPECT_NE(index.frameRateCode, 0) << name;
+        const Packets packets = readPackets(file);
+        for (const AccessPoint& point : index.points) {
+            ASSERT_EQ(point.offset % 188, 0U);
+            const Packet& packet = packets.at(point.offset / 188);
+            EXPECT_EQ(pid(packet), 0x100);
+            EXPECT_TRUE(packet[1] & 0x40);
+            EXPECT_TRUE(frames[point.frame].key) << name << ' ' << point.frame;
+        }
+    }
+}
+
+TEST(SourceIndex, KeepsOffsetsRightBehindForeignBytes) {
+    TemporaryDirectory directory;
+    Bytes bytes = joined(StreamBuilder().frames(40));
+    bytes.insert(bytes.begin() + 188 * 60, 500, 0x11);
+    const std::string file = directory.path("source.ts");
+    std::ofstream(file, std::ios::binary)
+        .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    const SourceIndex index = indexOf(file);
+    EXPECT_EQ(index.frames, 40U);
+    ASSERT_EQ(index.points.size(), 4U);
+    for (const AccessPoint& point : index.points) {
+        EXPECT_EQ(bytes.at(point.offset), 0x47);
+        EXPECT_EQ(bytes.at(point.offset + 1) & 0x40, 0x40);
+    }
+}
+
+TEST(SourceIndex, TellsWhyAFileCannotBeRead) {
+    SourceIndex index;
+    const std::atomic<bool> never{false};
+    const auto missing = indexSource("/nowhere/at/all.ts", never, index);
+    ASSERT_TRUE(missing);
+    EXPECT_EQ(missing->code, kestrel::error::inputFileNotOpened);
+    const auto source = indexSource("/proc/self/exe", never, index);
+    ASSERT_TRUE(source);
+    EXPECT_EQ(source->code, kestrel::error::sourceLengthNotPackets);
+}
+
+// 1000 frames at 25 a second, a GOP of 25 every second from 10:00:00:00 on, with two frames that cannot be
+// shown when playing begins there; each frame has 10 packets.
+SourceIndex regular(bool timecodes = true) {
+    SourceIndex index{1000, 3, {}};
+    for (int second = 0; second < 40; ++second)
+        index.points.push_back(
+            {static_cast<std::uint64_t>(second) * 25 * 10 * 188, static_cast<std::uint64_t>(second) * 25,
+             timecodes ? std::optional<int>(10 << 19 | 1 << 12 | second << 6) : std::nullopt,
+             second == 0 ? 0 : 2});
+    return index;
+}
+
+std::uint64_t atSecond(int second) {
+    return static_cast<std::uint64_t>(second) * 25 * 10 * 188;
+}
+
+struct Found {
+    MarkedPart part;
+    MaybeFailure failed;
+};
+
+Found part(const SourceIndex& index, const char* in, const char* out, int before = 3, int behind = 4) {
+    Found found;
+    found.failed = findPart(index, in, out, before, behind, found.part);
+    return found;
+}
+
+TEST(MarkedPart, BeginsAtAnAccessPointSecondsBeforeMarkInAndEndsSecondsBehindMarkOut) {
+    const Found found = part(regular(), "10:00:20:00", "10:00:22:12");
+    ASSERT_FALSE(found.failed) << found.failed->text;
+    // At 17 s its first two frames would be missing of the three seconds.
+    EXPECT_EQ(found.part.begin, atSecond(16));
+    EXPECT_EQ(found.part.firstLabel, "10:00:16:02");
+    EXPECT_EQ(found.part.end, atSecond(27));
+    EXPECT_FALSE(found.part.counted);
+}
+
+TEST(MarkedPart, IsCutAtTheEndsOfTheFile) {
+    const Found found = part(regular(), "10:00:01:00", "10:00:38:00", 20, 20);
+    ASSERT_FALSE(found.failed);
+    EXPECT_EQ(found.part.begin, 0U);
+    EXPECT_EQ(found.part.firstLabel, "10:00:00:00");
+    EXPECT_EQ(found.part.end, std::numeric_limits<std::uint64_t>::max());
+    const Found all = part(regular(), "10:00:00:00", "10:00:39:24", 0, 0);
+    ASSERT_FALSE(all.failed) << all.failed->text;
+}
+
+TEST(MarkedPart, CountsFromTheFirstFrameWithoutTimecodes) {
+    const Found found = part(regular(false), "00:00:20:00", "00:00:22:00");
+    ASSERT_FALSE(found.failed);
+    EXPECT_TRUE(found.part.counted);
+    EXPECT_EQ(found.part.begin, atSecond(16));
+    EXPECT_EQ(found.part.firstLabel, "00:00:16:02");
+}
+
+TEST(MarkedPart, RefusesMarksThatTheFileDoesNotHave) {
+    EXPECT_EQ(
+        part(regular(), "09:00:00:00", "10:00:10:00").failed->text,
+        "Error: Start timecode 09:00:00:00 cannot be found. (the source has 10:00:00:00 to 10:00:39:24)");
+    EXPECT_EQ(part(regular(), "10:00:40:00", "10:00:41:00").failed->code,
+              kestrel::error::startTimecodeNotFound);
+    EXPECT_EQ(part(regular(), "10:00:39:00", "10:00:40:00").failed->code, kestrel::error::invalidMarkOut);
+    EXPECT_EQ(part(regular(), "10:00:20:00", "10:00:19:00").failed->code, kestrel::error::invalidMarkOut);
+    EXPECT_EQ(part(regular(), "soon", "10:00:19:00").failed->code, kestrel::error::invalidMarkIn);
+    EXPECT_EQ(part(regular(), "10:00:19:25", "10:00:20:00").failed->code, kestrel::error::invalidMarkIn);
+    EXPECT_EQ(part({}, "10:00:19:00", "10:00:20:00").failed->code, kestrel::error::startTimecodeNotFound);
+}
+
+} // namespace

@@ -1,0 +1,192 @@
+#include "FileNormalizer.h"
+
+#include "foundation/ErrorCodes.h"
+#include "foundation/FileUtil.h"
+#include "foundation/Logger.h"
+#include "timecode/mpeg_timecode.h"
+
+#include <algorithm>
+#include <cinttypes>
+#include <exception>
+#include <system_error>
+
+namespace kestrel::capture {
+namespace {
+
+constexpr const char* module = "Capture";
+
+std::string directoryOf(const std::string& path) {
+    const std::size_t slash = path.rfind('/');
+    return slash == std::string::npos ? "." : path.substr(0, slash + 1);
+}
+
+std::string duration(std::uint64_t frames, int rateCode) {
+    if (rateCode == 0)
+        return "an unknown time";
+    const bool drop = mpeg_timecode::frameRateCodeToDropFrame(rateCode);
+    const auto day = static_cast<std::uint64_t>(mpeg_timecode::rollover_frames_count(drop, rateCode));
+    mpeg_timecode timecode = mpeg_timecode::from_frames(static_cast<int>(frames % day), drop, rateCode);
+    return (frames >= day ? std::to_string(frames / day) + "d " : "") + timecode.windows_string();
+}
+
+} // namespace
+
+FileNormalizer::FileNormalizer(NormalizePlan plan, WakeEvent& ended)
+    : m_plan(std::move(plan)), m_ended(ended),
+      m_normalizer(
+          m_plan.keepNulls, [this](std::span<const unsigned char> packets) { return write(packets); },
+          [this](const std::string& line) {
+              LogUtil::Warning(module, "%s: %s", m_plan.source.c_str(), line.c_str());
+          }) {}
+
+FileNormalizer::~FileNormalizer() {
+    cancel();
+    join();
+}
+
+MaybeFailure FileNormalizer::start() {
+    if (auto failed = m_source.open(m_plan.source))
+        return failed;
+    if (auto failed = checkOutput())
+        return failed;
+    LogUtil::Info(module, "Normalizing %s (%" PRIu64 " bytes) into %s, null packets %s",
+                  m_plan.source.c_str(), m_source.bytes(), m_plan.output.c_str(),
+                  m_plan.keepNulls ? "kept" : "dropped");
+    try {
+        m_thread = std::thread([this] { run(); });
+    } catch (const std::system_error&) {
+        return failure(error::captureThreadNotLaunched);
+    }
+    return std::nullopt;
+}
+
+void FileNormalizer::join() {
+    if (m_thread.joinable())
+        m_thread.join();
+}
+
+NormalizeStatus FileNormalizer::status() const {
+    const MutexLock lock(m_mutex);
+    return m_status;
+}
+
+MaybeFailure FileNormalizer::checkOutput() const {
+    if (m_plan.output.empty())
+        return failure(error::outputFileNotSpecified);
+    if (m_plan.output.back() == '/' || cFileUtil::IsDirectory(m_plan.output.c_str()))
+        return detailed(failure(error::invalidFilename), m_plan.output);
+    cFileUtil::CreateDir(m_plan.output.c_str());
+    if (!cFileUtil::IsDirectory(directoryOf(m_plan.output).c_str()))
+        return detailed(failure(error::outputFileNotOpened, m_plan.output.c_str()), "no such directory");
+    // By any of its names: a link to the source is the source.
+    if (m_source.isSame(m_plan.output))
+        return detailed(failure(error::invalidPathAndFile), "the output file is the source file");
+    if (!m_plan.overwrite && cFileUtil::FileExists(m_plan.output.c_str()))
+        return detailed(failure(error::fileAlreadyExists), m_plan.output);
+    return std::nullopt;
+}
+
+void FileNormalizer::run() noexcept {
+    bool whole = false;
+    try {
+        whole = copy();
+    } catch (const std::exception& problem) {
+        m_failure = detailed(failure(error::startCaptureFailed), problem.what());
+    }
+    finish(whole);
+    m_ended.signal();
+}
+
+// Whether the whole source was taken.
+bool FileNormalizer::copy() {
+    for (bool more = true; more;) {
+        if (m_cancel.load(std::memory_order_relaxed))
+            return false;
+        if (!readSome(more))
+            return false;
+        publish();
+    }
+    if (!m_normalizer.finish())
+        return m_failure ? false : fail(m_source.shapeFailure(m_normalizer.shape()));
+    if (m_normalizer.counts().written == 0)
+        return fail(detailed(failure(error::sourceLengthNotPackets, 0), "no packets but null packets"));
+    return true;
+}
+
+bool FileNormalizer::readSome(bool& more) {
+    std::size_t got = 0;
+    if (auto failed = m_source.read(m_normalizer.room(), got))
+        return fail(*failed);
+    more = got > 0;
+    if (!more || m_normalizer.take(got))
+        return true;
+    return m_failure ? false : fail(m_source.shapeFailure(m_normalizer.shape()));
+}
+
+bool FileNormalizer::write(std::span<const unsigned char> packets) {
+    if (!m_output.isOpen())
+        if (auto failed = m_output.create(m_plan.output, m_plan.overwrite))
+            return fail(*failed);
+    if (auto failed = m_output.append(packets))
+        return fail(*failed);
+    return true;
+}
+
+bool FileNormalizer::fail(Failure why) {
+    m_failure = std::move(why);
+    return false;
+}
+
+void FileNormalizer::finish(bool whole) {
+    try {
+        if (m_output.isOpen()) {
+            if (auto failed = m_output.close(); failed && !m_failure)
+                m_failure = failed;
+            LogUtil::Info(module, "%s closed, %" PRIu64 " bytes", m_plan.output.c_str(), m_output.bytes());
+        }
+        publish();
+        const bool some = m_output.bytes() > 0;
+        std::string text;
+        if (m_failure)
+            text = m_failure->text + (some ? " Normalized " + amount() : "");
+        else if (whole)
+            text = "Normalized " + amount();
+        else
+            text = some ? "Cancelled after " + amount() : "Cancelled: nothing written";
+        const MutexLock lock(m_mutex);
+        m_status.succeeded = !m_failure;
+        m_status.text = std::move(text);
+        m_status.over = true;
+    } catch (const std::exception&) {
+        const MutexLock lock(m_mutex);
+        m_status.over = true;
+    }
+}
+
+std::string FileNormalizer::amount() const {
+    const NormalizerCounts& counts = m_normalizer.counts();
+    std::string text =
+        format("%s (%" PRIu64 " frames, %.1f MB), %" PRIu64 " continuity counters renumbered, %" PRIu64
+               " null packets dropped, %" PRIu64 " packets of PAT and PMT added",
+               duration(m_normalizer.frames(), m_normalizer.frameRateCode()).c_str(), m_normalizer.frames(),
+               static_cast<double>(m_output.bytes()) / 1e6, counts.renumbered, counts.nulls, counts.tables);
+    const auto also = [&text](std::uint64_t count, const char* what) {
+        if (count != 0)
+            text += format(", %" PRIu64 " %s", count, what);
+    };
+    also(counts.continuityErrors, "continuity errors in the source");
+    also(counts.transportErrors, "packets with transport errors dropped");
+    also(counts.reserved, "packets without content dropped");
+    also(counts.strayBytes, "bytes between packets dropped");
+    return text;
+}
+
+void FileNormalizer::publish() {
+    const MutexLock lock(m_mutex);
+    m_status.frames = m_normalizer.frames();
+    m_status.frameRateCode = m_normalizer.frameRateCode();
+    m_status.continuityErrors = m_normalizer.counts().continuityErrors;
+    m_status.bytes = m_output.bytes();
+}
+
+} // namespace kestrel::capture

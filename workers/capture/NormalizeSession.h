@@ -1,0 +1,28 @@
+// The job that makes a clean transport stream of a file.
+#pragma once
+
+#include "FileNormalizer.h"
+#include "Session.h"
+
+#include <optional>
+
+namespace kestrel::capture {
+
+class NormalizeSession : public Session {
+public:
+    explicit NormalizeSession(const SessionContext& context) : m_context(context) {}
+
+    [[nodiscard]] MaybeFailure start() override;
+    [[nodiscard]] bool over() const override { return m_work->status().over; }
+    void cancel() override { m_work->cancel(); }
+    void sendStatus() override;
+    [[nodiscard]] Outcome end() override;
+
+private:
+    const SessionContext m_context;
+    std::optional<FileNormalizer> m_work; // from start() on
+    std::uint64_t m_lastBytes = 0;        // at the last status
+    Clock::time_point m_lastStatus{};
+};
+
+} // namespace kestrel::capture

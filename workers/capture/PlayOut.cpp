@@ -1,0 +1,334 @@
+#include "PlayOut.h"
+
+#include "Ipv4.h"
+#include "foundation/ErrorCodes.h"
+#include "foundation/Logger.h"
+#include "mpeg/packet_view.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <cerrno>
+#include <cinttypes>
+#include <cstring>
+#include <exception>
+#include <netinet/in.h>
+#include <poll.h>
+#include <random>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/timerfd.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace kestrel::capture {
+namespace {
+
+constexpr const char* module = "Capture";
+// Networks between this host and the decoder that a multicast stream crosses.
+constexpr int multicastHops = 16;
+constexpr int rtpPayloadType = 33; // MP2T (RFC 3551)
+
+sockaddr_in socketAddress(std::uint32_t address, int port) {
+    sockaddr_in result{};
+    result.sin_family = AF_INET;
+    result.sin_port = htons(static_cast<std::uint16_t>(port));
+    result.sin_addr.s_addr = htonl(address);
+    return result;
+}
+
+Clock::duration timeOf(std::int64_t ticks) {
+    return std::chrono::nanoseconds(ticks * 1000 / 27);
+}
+
+void put32(unsigned char* at, std::uint32_t value) {
+    for (int i = 0; i < 4; ++i)
+        at[i] = static_cast<unsigned char>(value >> (24 - 8 * i));
+}
+
+} // namespace
+
+PlayOut::PlayOut(PlayOutPlan plan, WakeEvent& changed) : m_plan(std::move(plan)), m_changed(changed) {}
+
+PlayOut::~PlayOut() {
+    cancel();
+    join();
+}
+
+std::string PlayOut::destination() const {
+    return addressText(m_plan.address) + ":" + std::to_string(m_plan.port);
+}
+
+MaybeFailure PlayOut::start() {
+    if (auto failed = m_file.open(m_plan.file))
+        return failed;
+    m_file.part(m_plan.begin, m_plan.end);
+    if (auto failed = openSocket())
+        return failed;
+    m_timer.reset(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
+    if (!m_timer.valid())
+        return detailed(failure(error::startReencodeFailed, errno), errnoText(errno));
+    std::random_device random;
+    m_sequence = static_cast<std::uint16_t>(random());
+    m_rtpSource = random();
+    m_rtpBegin = random();
+    LogUtil::Info(module, "Playing %s to %s, interface %s, %s", m_plan.file.c_str(), destination().c_str(),
+                  addressText(m_plan.interfaceAddress).c_str(), m_plan.rtp ? "RTP" : "plain UDP");
+    try {
+        m_thread = std::thread([this] { run(); });
+    } catch (const std::system_error&) {
+        return failure(error::captureThreadNotLaunched);
+    }
+    return std::nullopt;
+}
+
+MaybeFailure PlayOut::openSocket() {
+    m_socket.reset(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (!m_socket.valid())
+        return detailed(failure(error::startReencodeFailed, errno), errnoText(errno));
+    const std::uint32_t local = m_plan.interfaceAddress;
+    if (isMulticast(m_plan.address)) {
+        const int hops = multicastHops;
+        ::setsockopt(m_socket.get(), IPPROTO_IP, IP_MULTICAST_TTL, &hops, sizeof hops);
+        const in_addr interface { htonl(local) };
+        if (local != 0 &&
+            ::setsockopt(m_socket.get(), IPPROTO_IP, IP_MULTICAST_IF, &interface, sizeof interface) != 0)
+            return detailed(failure(error::invalidDecoderInterface, addressText(local).c_str()),
+                            errnoText(errno));
+    }
+    const sockaddr_in own = socketAddress(local, 0);
+    if (local != 0 && ::bind(m_socket.get(), reinterpret_cast<const sockaddr*>(&own), sizeof own) != 0)
+        return detailed(failure(error::invalidDecoderInterface, addressText(local).c_str()),
+                        errnoText(errno));
+    const sockaddr_in decoder = socketAddress(m_plan.address, m_plan.port);
+    if (::connect(m_socket.get(), reinterpret_cast<const sockaddr*>(&decoder), sizeof decoder) != 0)
+        return detailed(failure(error::startReencodeFailed, errno),
+                        "decoder " + destination() + ": " + errnoText(errno));
+    return std::nullopt;
+}
+
+void PlayOut::cancel() noexcept {
+    m_stop.signal();
+}
+
+void PlayOut::join() {
+    if (m_thread.joinable())
+        m_thread.join();
+}
+
+PlayOutStatus PlayOut::status() const {
+    const MutexLock lock(m_mutex);
+    return m_status;
+}
+
+void PlayOut::run() noexcept {
+    // Timers of this thread are not to be put together with others.
+    ::prctl(PR_SET_TIMERSLACK, 1UL);
+    MaybeFailure failed;
+    try {
+        failed = play();
+    } catch (const std::exception& problem) {
+        failed = Failure{error::startReencodeFailed, std::string("Error: ") + problem.what()};
+    }
+    publish(Clock::now());
+    LogUtil::Info(module, "Played %" PRIu64 " frames, %" PRIu64 " bytes, %" PRIu64 " interruptions%s%s",
+                  m_frames.frames(), m_bytes, m_interruptions, failed ? ": " : "",
+                  failed ? failed->text.c_str() : "");
+    {
+        const MutexLock lock(m_mutex);
+        m_status.over = true;
+        m_status.failed = std::move(failed);
+    }
+    m_changed.signal();
+}
+
+MaybeFailure PlayOut::play() {
+    while (!m_fileEnded && ready() < readyPackets)
+        if (auto failed = prepare())
+            return failed;
+    if (waitToBegin())
+        return std::nullopt;
+    Clock::time_point begin = Clock::now();
+    {
+        const MutexLock lock(m_mutex);
+        m_status.begun = true;
+        m_status.beganAt = begin;
+    }
+    m_changed.signal();
+    for (std::size_t packets = std::min(ready(), datagramPackets); packets > 0;
+         packets = std::min(ready(), datagramPackets)) {
+        const Ticks time = m_window.note(m_sent).time;
+        const Clock::time_point due = begin + timeOf(time);
+        if (auto failed = prepareUntil(due))
+            return failed;
+        if (waitUntil(due))
+            return std::nullopt;
+        const Clock::time_point now = Clock::now();
+        if (now - due > lateLimit) {
+            // Whatever kept this thread from running: a burst would overflow the decoder's buffer.
+            ++m_interruptions;
+            begin += now - due;
+        }
+        if (auto failed = send(packets, time))
+            return failed;
+        if (now - m_published >= milliseconds(100))
+            publish(now);
+        while (ready() < datagramPackets && !m_fileEnded)
+            if (auto failed = prepare())
+                return failed;
+    }
+    return std::nullopt;
+}
+
+// True when it is to end.
+bool PlayOut::waitToBegin() {
+    {
+        const MutexLock lock(m_mutex);
+        m_status.ready = true;
+    }
+    m_changed.signal();
+    if (!m_plan.held)
+        return false;
+    pollfd waits[] = {{m_stop.fd(), POLLIN, 0}, {m_go.fd(), POLLIN, 0}};
+    while (::poll(waits, std::size(waits), -1) < 0) {
+    }
+    return waits[0].revents != 0;
+}
+
+// Makes further packets ready as long as there is time for it.
+MaybeFailure PlayOut::prepareUntil(Clock::time_point due) {
+    constexpr milliseconds margin{1};
+    while (!m_fileEnded && ready() < readyPackets && Clock::now() + margin < due)
+        if (auto failed = prepare())
+            return failed;
+    return std::nullopt;
+}
+
+// Accepts some more packets, and reads on when there are none.
+MaybeFailure PlayOut::prepare() {
+    for (std::size_t count = 0; count < preparedAtOnce;) {
+        if (m_shape != SourceShape::transport) {
+            if (auto failed = readMore())
+                return failed;
+            continue;
+        }
+        const std::size_t at = m_window.unread();
+        const SyncStep step = nextPacket(m_window.bytes(), at, m_inSync, m_fileEnded);
+        if (step.what == SyncStep::What::packet) {
+            m_inSync = true;
+            takePacket();
+            ++count;
+        } else if (step.what == SyncStep::What::gap) {
+            m_inSync = false;
+            m_window.skip(step.next - at);
+        } else if (m_fileEnded) {
+            break;
+        } else if (auto failed = readMore()) {
+            return failed;
+        }
+    }
+    const bool silent = m_window.count() - m_timeline.timed() > mostHeld;
+    if (m_fileEnded || silent)
+        m_timeline.settle(m_window);
+    if ((m_fileEnded || silent) && !m_timeline.known())
+        return detailed(failure(error::bitrateNotCalculated), m_plan.file + " has no PCRs to play it by");
+    return std::nullopt;
+}
+
+MaybeFailure PlayOut::readMore() {
+    m_window.release(m_sent);
+    m_timeline.released(m_sent);
+    m_sent = 0;
+    std::size_t got = 0;
+    if (auto failed = m_file.read(m_window.room(), got))
+        return failed;
+    m_window.added(got);
+    m_fileEnded = got == 0;
+    if (m_shape != SourceShape::transport) {
+        m_shape = shapeOf(m_window.bytes(), m_fileEnded);
+        if (m_shape != SourceShape::transport && m_shape != SourceShape::unknown)
+            return m_file.shapeFailure(m_shape);
+        m_inSync = !m_window.bytes().empty() && m_window.bytes().front() == ts::sync_byte;
+    }
+    return std::nullopt;
+}
+
+void PlayOut::takePacket() {
+    const std::size_t index = m_window.accept();
+    const unsigned char* packet = m_window.packet(index);
+    if (m_tables.carries(ts::pid(packet)) && !(packet[1] & 0x80) && m_tables.take(packet, 0))
+        m_timeline.follow(m_tables);
+    m_timeline.take(m_window, index, m_tables);
+}
+
+// True when it is to end. Sleeps to a fixed time, so that delays do not add up.
+bool PlayOut::waitUntil(Clock::time_point due) {
+    const auto since = due.time_since_epoch();
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(since);
+    itimerspec spec{};
+    spec.it_value.tv_sec = seconds.count();
+    spec.it_value.tv_nsec = std::chrono::nanoseconds(since - seconds).count();
+    if (due > Clock::now())
+        ::timerfd_settime(m_timer.get(), TFD_TIMER_ABSTIME, &spec, nullptr);
+    for (;;) {
+        const bool late = due <= Clock::now();
+        pollfd waits[] = {{m_stop.fd(), POLLIN, 0}, {m_timer.get(), POLLIN, 0}};
+        const int found = ::poll(waits, late ? 1 : 2, late ? 0 : -1);
+        if (found > 0 && waits[0].revents)
+            return true;
+        if (late)
+            return false;
+        std::uint64_t expirations = 0;
+        if (found > 0 && waits[1].revents) [[maybe_unused]]
+            const ssize_t drained = ::read(m_timer.get(), &expirations, sizeof expirations);
+    }
+}
+
+MaybeFailure PlayOut::send(std::size_t packets, Ticks time) {
+    const std::size_t head = m_plan.rtp ? rtpHead : 0;
+    if (m_plan.rtp) {
+        m_datagram[0] = 0x80;
+        m_datagram[1] = rtpPayloadType;
+        m_datagram[2] = static_cast<unsigned char>(m_sequence >> 8);
+        m_datagram[3] = static_cast<unsigned char>(m_sequence);
+        put32(&m_datagram[4], m_rtpBegin + static_cast<std::uint32_t>(time / 300)); // 90 kHz
+        put32(&m_datagram[8], m_rtpSource);
+        ++m_sequence;
+    }
+    const auto bytes = m_window.packets(m_sent, m_sent + packets);
+    std::copy(bytes.begin(), bytes.end(), m_datagram.begin() + static_cast<std::ptrdiff_t>(head));
+    ssize_t result = 0;
+    do
+        result = ::send(m_socket.get(), m_datagram.data(), head + bytes.size(), 0);
+    while (result < 0 && errno == EINTR);
+    const int error = result < 0 ? errno : 0;
+    for (std::size_t i = 0; i < packets; ++i)
+        m_frames.take(m_window.packet(m_sent + i));
+    m_sent += packets;
+    m_bytes += bytes.size();
+    return error != 0 ? refused(error) : std::nullopt;
+}
+
+// A decoder that starts up may refuse datagrams for a moment, and a cable may be plugged in again.
+MaybeFailure PlayOut::refused(int error) {
+    const Clock::time_point now = Clock::now();
+    if (!m_refusedSince || now - m_refusedLast > refusalPause) {
+        m_refusedSince = now;
+        LogUtil::Warning(module, "Decoder %s does not take the stream: %s", destination().c_str(),
+                         errnoText(error).c_str());
+    }
+    m_refusedLast = now;
+    if (now - *m_refusedSince < refusedLimit)
+        return std::nullopt;
+    return detailed(failure(error::startReencodeFailed, error),
+                    "decoder " + destination() + ": " + errnoText(error));
+}
+
+void PlayOut::publish(Clock::time_point now) {
+    m_published = now;
+    const MutexLock lock(m_mutex);
+    m_status.frames = m_frames.frames();
+    m_status.bytes = m_bytes;
+    m_status.interruptions = m_interruptions;
+}
+
+} // namespace kestrel::capture

@@ -1,0 +1,162 @@
+#include "SourceIndex.h"
+
+#include "FrameCount.h"
+#include "PacketWindow.h"
+#include "SourceFile.h"
+#include "foundation/ErrorCodes.h"
+#include "timecode/mpeg_timecode.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+namespace kestrel::capture {
+namespace {
+
+constexpr int dropFlag = 1 << 24; // of the 25 bits of a GOP's timecode
+// A day of pictures that are all random access points.
+constexpr std::size_t mostPoints = 6'000'000;
+
+class Indexer {
+public:
+    explicit Indexer(SourceIndex& index) : m_index(index) {}
+
+    void take(const unsigned char* packet, std::uint64_t offset) {
+        const std::uint64_t before = m_frames.framesBefore();
+        if (!m_frames.take(packet))
+            return;
+        settle(m_frames.closedUnit(), before);
+        m_unitAt = offset;
+    }
+    void finish() {
+        settle(m_frames.unit(), m_frames.framesBefore());
+        m_index.frames = m_frames.frames();
+        m_index.frameRateCode = m_frames.frameRateCode();
+    }
+
+private:
+    void settle(const VideoUnit& unit, std::uint64_t before) {
+        if (unit.randomAccess && m_index.points.size() < mostPoints)
+            m_index.points.push_back({m_unitAt, before, unit.gopTimecode,
+                                      unit.closedGop ? 0 : std::max(unit.temporalReference, 0)});
+    }
+
+    SourceIndex& m_index;
+    FrameCount m_frames;
+    std::uint64_t m_unitAt = 0;
+};
+
+// The labels of a file: of its own timecodes, or counted from its first frame.
+class Labels {
+public:
+    explicit Labels(const SourceIndex& index) : m_index(index) {
+        const AccessPoint& first = index.points.front();
+        m_counted = !first.timecode;
+        const bool drop = m_counted ? mpeg_timecode::frameRateCodeToDropFrame(index.frameRateCode)
+                                    : (*first.timecode & dropFlag) != 0;
+        m_rule = {index.frameRateCode, drop};
+    }
+    [[nodiscard]] bool counted() const noexcept { return m_counted; }
+    [[nodiscard]] const LabelRule& rule() const noexcept { return m_rule; }
+    [[nodiscard]] std::int64_t of(const AccessPoint& point) const {
+        return !m_counted && point.timecode ? m_rule.numberOf(*point.timecode)
+                                            : static_cast<std::int64_t>(point.frame);
+    }
+    // Frames from the file's first random access point to that label.
+    [[nodiscard]] std::int64_t position(std::int64_t label) const {
+        return m_rule.distance(of(m_index.points.front()), label);
+    }
+
+private:
+    const SourceIndex& m_index;
+    bool m_counted = false;
+    LabelRule m_rule;
+};
+
+} // namespace
+
+MaybeFailure indexSource(const std::string& path, const std::atomic<bool>& cancel, SourceIndex& index) {
+    SourceFile file;
+    if (auto failed = file.open(path))
+        return failed;
+    PacketWindow window;
+    Indexer indexer(index);
+    std::uint64_t readBytes = 0;
+    SourceShape shape = SourceShape::unknown;
+    bool inSync = false;
+    for (bool last = false; !last && !cancel.load(std::memory_order_relaxed);) {
+        std::size_t got = 0;
+        if (auto failed = file.read(window.room(), got))
+            return failed;
+        window.added(got);
+        readBytes += got;
+        last = got == 0;
+        if (shape != SourceShape::transport) {
+            shape = shapeOf(window.bytes(), last);
+            if (shape == SourceShape::unknown)
+                continue;
+            if (shape != SourceShape::transport)
+                return file.shapeFailure(shape);
+            inSync = window.bytes().front() == 0x47;
+        }
+        for (;;) {
+            const std::size_t at = window.unread();
+            const SyncStep step = nextPacket(window.bytes(), at, inSync, last);
+            if (step.what == SyncStep::What::more)
+                break;
+            inSync = step.what == SyncStep::What::packet;
+            if (inSync)
+                indexer.take(window.unreadBytes(), readBytes - (window.bytes().size() - at));
+            window.skip(step.next - at);
+        }
+        window.release(0);
+    }
+    indexer.finish();
+    return std::nullopt;
+}
+
+MaybeFailure findPart(const SourceIndex& index, const std::string& markIn, const std::string& markOut,
+                      int secondsBefore, int secondsBehind, MarkedPart& part) {
+    if (index.points.empty() || index.frameRateCode == 0)
+        return detailed(failure(error::startTimecodeNotFound, markIn.c_str()),
+                        "the source has no video that playing can begin with");
+    const Labels labels(index);
+    const LabelRule& rule = labels.rule();
+    const auto in = rule.number(markIn);
+    const auto out = rule.number(markOut);
+    if (!in)
+        return detailed(failure(error::invalidMarkIn), markIn);
+    if (!out || rule.distance(*in, *out) < 0)
+        return detailed(failure(error::invalidMarkOut), markOut);
+    const auto length = static_cast<std::int64_t>(index.frames - index.points.front().frame);
+    const std::int64_t first = labels.position(*in);
+    const std::int64_t last = labels.position(*out);
+    const std::string reach = "the source has " + rule.text(labels.of(index.points.front())) + " to " +
+                              rule.text(labels.of(index.points.front()) + length - 1);
+    if (first < 0 || first >= length)
+        return detailed(failure(error::startTimecodeNotFound, markIn.c_str()), reach);
+    if (last >= length)
+        return detailed(failure(error::invalidMarkOut), markOut + ": " + reach);
+
+    const auto frames = [&rule](int seconds) {
+        return static_cast<std::int64_t>(std::ceil(std::max(seconds, 0) * rule.framesPerSecond()));
+    };
+    const AccessPoint* begin = &index.points.front();
+    part.end = std::numeric_limits<std::uint64_t>::max();
+    for (const AccessPoint& point : index.points) {
+        const std::int64_t at = labels.position(labels.of(point)) + point.skipped;
+        if (at <= first - frames(secondsBefore))
+            begin = &point;
+        if (at > last + frames(secondsBehind)) {
+            part.end = point.offset;
+            break;
+        }
+    }
+    // Whatever comes before the first random access point is needed for its tables.
+    part.begin = begin == &index.points.front() ? 0 : begin->offset;
+    part.firstLabel = rule.text(labels.of(*begin) + begin->skipped);
+    part.counted = labels.counted();
+    return std::nullopt;
+}
+
+} // namespace kestrel::capture

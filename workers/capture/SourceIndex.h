@@ -1,0 +1,49 @@
+// What a file that is to be re-encoded consists of: its frames, and where playing it can begin.
+#pragma once
+
+#include "Failure.h"
+#include "FrameLabels.h"
+
+#include <atomic>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kestrel::capture {
+
+// A random access point of the first program's video.
+struct AccessPoint {
+    std::uint64_t offset = 0;    // of its first packet, in bytes
+    std::uint64_t frame = 0;     // frames of the file before it
+    std::optional<int> timecode; // of its GOP header, 25 bits
+    int skipped = 0;             // frames of its GOP that cannot be shown when playing begins here
+};
+
+struct SourceIndex {
+    std::uint64_t frames = 0;
+    int frameRateCode = 0;
+    std::vector<AccessPoint> points; // in the order of the file
+};
+
+// Reads the whole file. Ends early, with what was found until then, when cancel is set.
+[[nodiscard]] MaybeFailure indexSource(const std::string& path, const std::atomic<bool>& cancel,
+                                       SourceIndex& index);
+
+// The part of a file around two marks.
+struct MarkedPart {
+    std::uint64_t begin = 0; // bytes
+    std::uint64_t end = 0;
+    std::string firstLabel; // of the first frame that is shown when it is played
+    bool counted =
+        false; // the file has no timecodes: labels count from its first frame, which is 00:00:00:00
+};
+
+// Finds the part from a random access point so many seconds before mark-in to so many behind mark-out, cut at
+// the ends of the file. A mark that is no timecode of this frame rate, lies outside the file or before the
+// other is a failure.
+[[nodiscard]] MaybeFailure findPart(const SourceIndex& index, const std::string& markIn,
+                                    const std::string& markOut, int secondsBefore, int secondsBehind,
+                                    MarkedPart& part);
+
+} // namespace kestrel::capture
