@@ -182,8 +182,12 @@ RecordingStatus EncoderChannel::status() const {
 
 EncoderChannel::Losses EncoderChannel::currentLosses() const {
     const ReceiverCounts& counts = m_receiver.counts();
-    return {counts.kernelDrops, counts.overflow, counts.rtpLost, counts.rtpLate,
-            counts.badDatagrams + counts.badPackets, counts.rtpRestarts};
+    return {counts.kernelDrops,
+            counts.overflow,
+            counts.rtpLost,
+            counts.rtpLate,
+            counts.badDatagrams + counts.badPackets,
+            counts.rtpRestarts};
 }
 
 std::string EncoderChannel::losses() const {
