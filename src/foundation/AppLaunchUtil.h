@@ -31,7 +31,9 @@ public:
         return m_pointers.empty() ? nullptr : m_pointers.front();
     }
 
+    // How many there are, the program among them.
     [[nodiscard]] std::size_t count() const noexcept { return m_arguments.size(); }
+    // All of them in order.
     [[nodiscard]] const std::vector<std::string>& arguments() const noexcept { return m_arguments; }
 
     // Whether the command line was within both bounds, so that nothing was cut.

@@ -25,7 +25,9 @@ public:
     // Changes the level of a module; false when the table does not have it.
     bool setLevel(const char* module, std::int32_t level) noexcept;
 
+    // The level of a module that has none of its own.
     [[nodiscard]] std::int32_t defaultLevel() const noexcept { return *m_default; }
+    // Changes it for all such modules at once.
     void setDefaultLevel(std::int32_t level) noexcept { *m_default = level; }
 
 private:

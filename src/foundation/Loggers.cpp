@@ -15,10 +15,15 @@ namespace {
 // Tries to send one datagram.
 constexpr int maxSendTries = 3;
 
-// The narrow form of a wide text, "" for null.
+// The narrow form of a wide line, "" for null. The conversion ends at a character that the locale does not
+// have; the line's end is kept all the same, so that the next line does not follow on it.
 std::string narrow(const wchar_t* text) {
-    cStringUtil converted(text ? text : L"");
-    return converted.cstr ? converted.cstr : "";
+    const std::wstring_view line(text ? text : L"");
+    const cStringUtil converted(text ? text : L"");
+    std::string result = converted.cstr ? converted.cstr : "";
+    if (line.ends_with(L"\r\n") && !result.ends_with("\r\n"))
+        result += "\r\n";
+    return result;
 }
 
 } // namespace

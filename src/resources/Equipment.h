@@ -29,6 +29,7 @@ public:
     // checkoutJobId of a device that nobody has.
     static constexpr unsigned long FREE = ~0UL;
 
+    // Free and without bookings.
     explicit Equipment(ResourceType type);
     virtual ~Equipment();
     Equipment(const Equipment&) = delete;
@@ -72,6 +73,7 @@ public:
 // A tape deck on a serial port.
 class Vtr : public Equipment {
 public:
+    // On the serial port of that name; null is an empty name.
     explicit Vtr(const char* port);
     ~Vtr() override;
     // Keeps a copy of the port's name, by which the deck is also shown ("VTR:%s").
@@ -86,9 +88,9 @@ public:
 // An encoder on the network, controlled at its address over SNMP.
 class Encoder : public Equipment {
 public:
+    // address: IPv4 in host order; port: that of SNMP.
     Encoder(unsigned long address, unsigned long port);
     // Takes a dotted address; the name becomes "D:%s", for encoders too (kept: messages are matched on it).
-    // Takes the control address, and the shown name, from its dotted form.
     void setCtrlIp(const char* dotted);
     int setFields(std::vector<InputField>& fields) override;
     int validate() override;
@@ -111,6 +113,7 @@ public:
 // A decoder on the network, to play a source file out through.
 class Decoder : public Equipment {
 public:
+    // address: IPv4 in host order.
     explicit Decoder(unsigned long address);
     // Takes the control address, and the shown name, from its dotted form.
     void setCtrlIp(const char* dotted);

@@ -1,6 +1,7 @@
 #include "resources/ResourceMgr.h"
 
 #include "foundation/FixedText.h"
+#include "foundation/StringUtil.h"
 
 #include <strings.h>
 
@@ -22,8 +23,9 @@ Record* findRecord(const std::vector<std::unique_ptr<Equipment>>& records, Equip
     for (const std::unique_ptr<Equipment>& record : records) {
         if (record->resourceType != type)
             continue;
-        Record* const candidate = static_cast<Record*>(record.get());
-        if (matches(*candidate))
+        // A record that was added may say that it is what it is not.
+        Record* const candidate = dynamic_cast<Record*>(record.get());
+        if (candidate != nullptr && matches(*candidate))
             return candidate;
     }
     return nullptr;
@@ -51,7 +53,7 @@ Vtr* ResourceMgr::GetVTR(const char* port) {
     const char* const wanted = port == nullptr ? "" : port;
     MutexLock lock(m_mutex);
     Vtr* record = findRecord<Vtr>(equipment, Equipment::VTR, [&](const Vtr& candidate) {
-        return strcasecmp(candidate.comPort, wanted) == 0;
+        return strcasecmp(cStringUtil::cValue(candidate.comPort), wanted) == 0;
     });
     if (record == nullptr) {
         auto made = std::make_unique<Vtr>(wanted);

@@ -130,6 +130,15 @@ TEST_F(CallbackLibTest, SameNameReplacesTheRegistrationInItsPlace) {
     EXPECT_THAT(calls, ElementsAre("name", "other"));
 }
 
+TEST_F(CallbackLibTest, AReplacedRegistrationHasTheNewCount) {
+    Consumer consumer("name");
+    consumer.registerFor(vtr, -1);
+    consumer.registerFor(vtr, 1);
+    send(vtr, "x");
+    send(vtr, "y");
+    EXPECT_THAT(consumer.texts, ElementsAre("x"));
+}
+
 TEST_F(CallbackLibTest, SameNameUnderAnotherTypeIsAnotherRegistration) {
     Consumer first("name");
     Consumer second("name");

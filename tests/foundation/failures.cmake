@@ -6,5 +6,7 @@ kestrel_add_test(foundation_failure_tests
 target_link_options(foundation_failure_tests PRIVATE
   LINKER:--wrap=pthread_attr_init
   LINKER:--wrap=pthread_mutex_init
+  LINKER:--wrap=pthread_mutex_unlock
+  LINKER:--wrap=bind
   LINKER:--wrap=sendto
   LINKER:--wrap=_ZnamRKSt9nothrow_t)

@@ -112,6 +112,8 @@ TEST(FileUtil, OnlyDirectoriesAreDirectories) {
     EXPECT_TRUE(cFileUtil::IsDirectory(dir.path("").c_str()));
     EXPECT_FALSE(cFileUtil::IsDirectory(dir.file("a.ts", "x").c_str()));
     EXPECT_FALSE(cFileUtil::IsDirectory(dir.path("missing").c_str()));
+    EXPECT_FALSE(cFileUtil::IsDirectory("/dev/null"));
+    EXPECT_TRUE(cFileUtil::FileExists("/dev/null"));
     EXPECT_FALSE(cFileUtil::IsDirectory(nullptr));
 }
 

@@ -107,6 +107,21 @@ void logList(LogUtil& log, const char* format, ...) {
     va_end(args);
 }
 
+void logList(LogUtil& log, const wchar_t* format, ...) {
+    va_list args;
+    va_start(args, format);
+    log.log("List", BaseLogger::Error, format, args);
+    va_end(args);
+}
+
+void staticLogList(const char* format, ...) __attribute__((format(printf, 1, 2)));
+void staticLogList(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    LogUtil::Log("List", BaseLogger::Fatal, format, args);
+    va_end(args);
+}
+
 void staticLogList(const wchar_t* format, ...) {
     va_list args;
     va_start(args, format);
@@ -192,6 +207,10 @@ TEST_F(LoggerTest, EachFlagTakesItsPieceOutOfTheLine) {
         ASSERT_GT(stamped.size(), 19U);
         EXPECT_EQ(stamped.substr(17, 2), ": ");
         EXPECT_EQ(stamped.substr(19), row.line);
+        const std::wstring wideStamped = line(*log, "Mod", BaseLogger::Error, L"text");
+        ASSERT_GT(wideStamped.size(), 19U);
+        EXPECT_EQ(wideStamped.substr(17, 2), L": ");
+        EXPECT_EQ(wideStamped.substr(19), row.wide);
     }
 }
 
@@ -245,8 +264,18 @@ TEST_F(LoggerTest, EveryCallWritesUnderItsOwnLevel) {
 TEST_F(LoggerTest, ArgumentListsAreFormattedToo) {
     log->setShowTimestamp(false);
     logList(*log, "%s %d", "job", 7);
+    logList(*log, L"%ls %d", L"wide", 8);
+    staticLogList("%s %d", "all", 9);
     staticLogList(L"%d %d", 8, 9);
-    EXPECT_EQ(takeOutput(), "[List:Info] job 7\r\n[List:Warning] 8 9\r\n");
+    EXPECT_EQ(takeOutput(),
+              "[List:Info] job 7\r\n[List:Error] wide 8\r\n[List:Fatal] all 9\r\n[List:Warning] 8 9\r\n");
+}
+
+TEST_F(LoggerTest, AWideLineThatTheLocaleLacksCharactersForKeepsItsEnd) {
+    log->setShowTimestamp(false);
+    EXPECT_TRUE(LogUtil::Info("M", L"M\u00fcll"));
+    EXPECT_TRUE(LogUtil::Info("M", "next"));
+    EXPECT_EQ(takeOutput(), "[M:Info] M\r\n[M:Info] next\r\n");
 }
 
 TEST_F(LoggerTest, LiteralZeroIsAnArgumentNotAnArgumentList) {

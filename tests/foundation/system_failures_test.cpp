@@ -7,7 +7,9 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstring>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <new>
 #include <pthread.h>
 #include <string>
@@ -18,6 +20,11 @@ namespace {
 bool refuseAttributes = false;
 bool refuseMutexes = false;
 bool refuseArrays = false;
+bool refuseUnlocks = false;
+bool refuseBinds = false;
+
+// What a socket was bound to last.
+sockaddr_in boundTo{};
 
 // The datagrams handed to the system, and how it takes the next ones: the first of them fail, or are cut.
 int sendTries = 0;
@@ -48,6 +55,23 @@ int __wrap_pthread_attr_init(pthread_attr_t* attributes) {
 int __real_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes);
 int __wrap_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes) {
     return refuseMutexes ? ENOMEM : __real_pthread_mutex_init(mutex, attributes);
+}
+
+int __real_pthread_mutex_unlock(pthread_mutex_t* mutex);
+int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex) {
+    const int result = __real_pthread_mutex_unlock(mutex);
+    return refuseUnlocks && mutex == &m_LogMutex ? EPERM : result;
+}
+
+int __real_bind(int fd, const sockaddr* address, socklen_t length);
+int __wrap_bind(int fd, const sockaddr* address, socklen_t length) {
+    if (length == sizeof boundTo)
+        std::memcpy(&boundTo, address, sizeof boundTo);
+    if (refuseBinds) {
+        errno = EADDRINUSE;
+        return -1;
+    }
+    return __real_bind(fd, address, length);
 }
 
 // operator new[](std::size_t, const std::nothrow_t&)
@@ -116,6 +140,32 @@ TEST_F(SystemFailure, FileLogIsNotOpenedWithoutItsMutex) {
     EXPECT_EQ(initFileLogger(path.c_str()), 1);
     EXPECT_TRUE(logMsg("found"));
     EXPECT_EQ(logged(), "found");
+}
+
+TEST_F(SystemFailure, LineCountsAsWrittenOnlyWhenTheMutexWasUnlocked) {
+    ASSERT_EQ(initFileLogger(path.c_str()), 1);
+    {
+        const Refusal refusal(refuseUnlocks);
+        EXPECT_FALSE(logMsg("written all the same"));
+    }
+    EXPECT_TRUE(logMsg("."));
+    EXPECT_EQ(logged(), "written all the same.");
+}
+
+TEST_F(SystemFailure, DatagramIsNotSentWhereNoLocalPortCanBeHad) {
+    NetLogger logger("127.0.0.1", 9);
+    sendTries = 0;
+    {
+        const Refusal refusal(refuseBinds);
+        EXPECT_FALSE(logger.log("line"));
+    }
+    EXPECT_EQ(sendTries, 0);
+    boundTo.sin_port = 1;
+    boundTo.sin_addr.s_addr = 1;
+    EXPECT_TRUE(logger.log("line"));
+    EXPECT_EQ(boundTo.sin_family, AF_INET);
+    EXPECT_EQ(boundTo.sin_addr.s_addr, htonl(INADDR_ANY)) << "any address";
+    EXPECT_EQ(boundTo.sin_port, 0) << "and any free port";
 }
 
 TEST_F(SystemFailure, FileIsNotCopiedWithoutABuffer) {

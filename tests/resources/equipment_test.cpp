@@ -44,13 +44,28 @@ TEST_F(EquipmentTest, NewDevicesAreFreeAndNamed) {
     EXPECT_EQ(device.snmpPort, 161U);
     EXPECT_TRUE(device.vitcInput);
     EXPECT_FALSE(device.lockMainCaptureDirectory);
+    EXPECT_FALSE(device.lockScheduleCaptureDirectory);
+    EXPECT_FALSE(device.lockRollingCaptureDirectory);
+    EXPECT_FALSE(device.lockMezzanineCaptureDirectory);
+    EXPECT_EQ(device.frameOffsetNoVitc, 0);
+    for (const std::string& text :
+         {device.filePrefix, device.mainCaptureDirectory, device.scheduleCaptureDirectory,
+          device.rollingCaptureDirectory, device.mezzanineCaptureDirectory})
+        EXPECT_EQ(text, "");
+    EXPECT_TRUE(device.checkoutUntil == CTimeUtil());
+    EXPECT_STREQ(device.message, "");
+    EXPECT_TRUE(device.schedule.empty());
     EXPECT_EQ(device.checkoutJobId, ~0UL);
     EXPECT_EQ(device.checkoutJobType, Job::NONE);
     EXPECT_EQ(device.profile, nullptr);
     const Decoder decoder(0x0A010204);
     EXPECT_EQ(decoder.name, "D:10.1.2.4");
     EXPECT_EQ(decoder.resourceType, Equipment::DECODER);
+    EXPECT_EQ(decoder.address, 0x0A010204U);
     EXPECT_EQ(decoder.interfaceAddress, 0U);
+    EXPECT_EQ(decoder.streamAddress, 0U);
+    EXPECT_EQ(decoder.streamNumber, 0U);
+    EXPECT_EQ(decoder.streamPort, 0U);
     const Vtr vtr("COM3");
     EXPECT_EQ(vtr.name, "VTR:COM3");
     EXPECT_STREQ(vtr.comPort, "COM3");
@@ -84,12 +99,53 @@ TEST_F(EquipmentTest, OnlyTheHolderChecksItIn) {
     device.CheckoutEquipment(5, Job::CAPTURE_MANUAL_JOB, at(10));
     EXPECT_FALSE(device.CheckinEquipment(6));
     EXPECT_EQ(device.checkoutJobId, 5U);
-    EXPECT_THAT(log.str(), HasSubstr("Error: Job 6 Cannot checkin equipment E:10.1.2.3, in use by Job 5."));
+    EXPECT_THAT(log.str(), HasSubstr("[ResourceMgmt:Error] Error: Job 6 Cannot checkin equipment E:10.1.2.3, "
+                                     "in use by Job 5.\r\n"));
     EXPECT_TRUE(device.CheckinEquipment(5));
     EXPECT_EQ(device.checkoutJobId, ~0UL);
     EXPECT_EQ(device.checkoutJobType, Job::NONE);
     EXPECT_TRUE(device.checkoutUntil == at(10)) << "keeps its value";
     EXPECT_FALSE(device.CheckinEquipment(5));
+}
+
+TEST_F(EquipmentTest, NobodyChecksAFreeDeviceInNotEvenTheNumberThatMeansFree) {
+    for (const unsigned long job : {0UL, ~0UL}) {
+        log.str("");
+        EXPECT_FALSE(device.CheckinEquipment(job));
+        EXPECT_THAT(log.str(), HasSubstr("Cannot checkin equipment E:10.1.2.3"));
+    }
+}
+
+TEST_F(EquipmentTest, AProfileReplacesTheOneBefore) {
+    device.setProfile("first");
+    device.setProfile("second, and longer");
+    EXPECT_STREQ(device.profile, "second, and longer");
+    device.setProfile(nullptr);
+    EXPECT_EQ(device.profile, nullptr);
+}
+
+// Counts its validations.
+class Camera : public Equipment {
+public:
+    Camera() : Equipment(VTR) {}
+    int validate() override {
+        ++validations;
+        return 77;
+    }
+    int validations = 0;
+};
+
+TEST_F(EquipmentTest, ADeviceOfNoKnownKindTakesItsSubtypeAndIsValidated) {
+    Camera camera;
+    std::vector<InputField> fields;
+    fields.emplace_back("Filename=x");
+    fields.emplace_back("Subtype=HD");
+    fields.emplace_back("EncoderProfile=y");
+    EXPECT_EQ(camera.setFields(fields), 77);
+    EXPECT_EQ(camera.validations, 1);
+    EXPECT_EQ(camera.subtype, "HD");
+    EXPECT_EQ(camera.profile, nullptr);
+    EXPECT_EQ(Equipment(Equipment::VTR).validate(), 0);
 }
 
 TEST_F(EquipmentTest, BookingsAreKeptInOrderOfTheirStart) {
@@ -174,6 +230,15 @@ TEST_F(EquipmentTest, ABookingThatRunsNowStillCounts) {
     EXPECT_TRUE(next == start);
 }
 
+TEST_F(EquipmentTest, ABookingThatIsOverStaysBehindOneThatRuns) {
+    device.AddScheduleTime(1, Job::CAPTURE_SCHEDULED_JOB, fromNow(-60), fromNow(60));
+    device.AddScheduleTime(2, Job::CAPTURE_SCHEDULED_JOB, fromNow(-50), fromNow(-40));
+    CTimeUtil next;
+    EXPECT_TRUE(device.IsAvailable(holder, holderType, next));
+    EXPECT_EQ(holder, 1U);
+    EXPECT_EQ(device.schedule.size(), 2U) << "only what stands first is dropped";
+}
+
 TEST_F(EquipmentTest, WithoutBookingsThereIsNoNext) {
     device.AddScheduleTime(1, Job::CAPTURE_SCHEDULED_JOB, fromNow(-60), fromNow(-30));
     CTimeUtil next = at(1);
@@ -217,6 +282,7 @@ TEST_F(EquipmentTest, FieldsOfADecoder) {
     EXPECT_STREQ(decoder.profile, "SD");
     EXPECT_EQ(decoder.interfaceAddress, 0xC0A80102U);
     EXPECT_EQ(decoder.address, 0x0A000002U);
+    EXPECT_EQ(decoder.name, "D:10.0.0.2");
     EXPECT_EQ(decoder.subtype, "a");
 }
 

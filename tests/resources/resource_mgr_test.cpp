@@ -54,6 +54,23 @@ TEST_F(ResourceMgrTest, AnAddedRecordIsOwnedAndFound) {
     registry.AddEquipment(nullptr);
 }
 
+TEST_F(ResourceMgrTest, TheRecordThatWasMadeFirstIsFound) {
+    registry.AddEquipment(new Encoder(1, 1161));
+    registry.AddEquipment(new Vtr("COM1"));
+    registry.AddEquipment(new Decoder(1));
+    EXPECT_EQ(registry.GetEncoder(1), encoder);
+    EXPECT_EQ(registry.GetVTR("COM1"), deck);
+    EXPECT_EQ(registry.GetDecoder(1), decoder);
+}
+
+TEST_F(ResourceMgrTest, ARecordThatIsNotWhatItSaysIsPassedOver) {
+    for (const auto type : {Equipment::VTR, Equipment::ENCODER, Equipment::DECODER})
+        registry.AddEquipment(new Equipment(type));
+    EXPECT_NE(registry.GetVTR("COM9"), nullptr);
+    EXPECT_NE(registry.GetEncoder(9), nullptr);
+    EXPECT_NE(registry.GetDecoder(9), nullptr);
+}
+
 TEST_F(ResourceMgrTest, AWholeSetIsBookedAndUnbooked) {
     registry.AddScheduleTime(set, 4, Job::CAPTURE_SCHEDULED_JOB, fromNow(10), fromNow(20));
     for (const Equipment* device : set)
@@ -89,6 +106,22 @@ TEST_F(ResourceMgrTest, TheNextBookingOfASetIsTheEarliest) {
     decoder->AddScheduleTime(2, Job::CAPTURE_SCHEDULED_JOB, early, fromNow(30));
     EXPECT_TRUE(registry.IsAvailable(pair, holder, holderType, next));
     EXPECT_TRUE(next == early);
+    std::vector<Equipment*> turned{decoder, encoder};
+    EXPECT_TRUE(registry.IsAvailable(turned, holder, holderType, next));
+    EXPECT_TRUE(next == early);
+}
+
+TEST_F(ResourceMgrTest, WhatWasAnsweredBeforeIsForgotten) {
+    const CTimeUtil start = fromNow(10);
+    next = fromNow(5);
+    std::vector<Equipment*> nothing;
+    EXPECT_TRUE(registry.IsAvailable(nothing, holder, holderType, next));
+    EXPECT_TRUE(next == Equipment::NOT_SCHEDULED);
+    next = fromNow(5);
+    encoder->AddScheduleTime(1, Job::CAPTURE_SCHEDULED_JOB, start, fromNow(30));
+    std::vector<Equipment*> one{encoder};
+    EXPECT_TRUE(registry.IsAvailable(one, holder, holderType, next));
+    EXPECT_TRUE(next == start);
 }
 
 TEST_F(ResourceMgrTest, AMemberWithoutBookingsAfterOneWithResetsTheNext) {
@@ -127,6 +160,8 @@ TEST_F(ResourceMgrTest, ASpanMustEndBeforeTheNextBooking) {
     encoder->AddScheduleTime(1, Job::CAPTURE_SCHEDULED_JOB, fromNow(10), fromNow(30));
     EXPECT_FALSE(registry.IsAvailableFor(one, holder, holderType, tenMinutes))
         << "ends exactly at the booking";
+    EXPECT_EQ(holder, 1U);
+    EXPECT_EQ(holderType, Job::CAPTURE_SCHEDULED_JOB);
     EXPECT_TRUE(registry.IsAvailableFor(one, holder, holderType, CTimeSpanUtil(0, 0, 0, 0, 9, 0)));
     EXPECT_FALSE(registry.IsAvailableFor(one, holder, holderType, CTimeSpanUtil(0, 0, 0, 0, 11, 0)));
     encoder->CheckoutEquipment(6, Job::CAPTURE_MANUAL_JOB, Job::UNSPECIFIED_DURATION);

@@ -222,6 +222,7 @@ TEST(Counting, ATimeNeverMetEndsAtOneDay) {
     EXPECT_EQ(count({0, 0, 0, 0}, {0, 1, 0, 3}, true, 7), 5178816);
     EXPECT_EQ(count({0, 0, 0, 0}, {0, 1, 0, 0}, false, 4), 2589408);
     EXPECT_EQ(count({0, 0, 0, 0}, {0, 0, 0, -1}, false, 3), 25 * 86400);
+    EXPECT_EQ(count({0, 1, 0, 2}, {0, 1, 0, 4}, true, 7), 1) << "nor is a first time there refused";
     EXPECT_EQ(count({INT_MIN, INT_MIN, INT_MIN, INT_MIN}, {0, 0, 0, 0}, false, 3), 25 * 86400);
 }
 
