@@ -7,24 +7,28 @@
 // A connection that can be read from and written to.
 class ISocketHelper {
 public:
-    virtual ~ISocketHelper() = default;
     // Serves the connection until it ends.
     virtual void readFromSocket() = 0;
     // Sends text and one LF; false when it could not be sent.
     virtual bool sendToSocket(char* text) = 0;
+    virtual ~ISocketHelper() = default;
 };
 
 // Turns a request line into an answer.
 class IMessageProcessor {
 public:
-    virtual ~IMessageProcessor() = default;
     // Writes the answer to request into response (responseSize bytes, terminated). True when it is to be
     // sent.
     virtual bool process(char* request, char* response, int responseSize) = 0;
+    virtual ~IMessageProcessor() = default;
 };
 
 // Serves one connection; owns its socket and its processor.
 class CSocketHelper : public ISocketHelper {
+    // Before the public m_Message: members stand in their published order.
+    int m_socket; // -1 when closed
+    std::unique_ptr<IMessageProcessor> m_processor;
+
 public:
     // Largest request in bytes; what a client sends beyond it is cut.
     static constexpr int MAX_REQUEST = 2000;
@@ -54,7 +58,5 @@ private:
     bool serveOneRequest();
     void dropRest() const;
 
-    int m_socket;
-    std::unique_ptr<IMessageProcessor> m_processor;
     bool m_sendingFailed = false; // by an exception, which ends the connection
 };

@@ -61,8 +61,8 @@ public:
     // the defaults, with an error in the default log file.
     void loadSettings();
 
-    // Starts the service and returns: 0, 10036 when the deck-control process cannot be started, -1 when a
-    // thread or the port cannot be had.
+    // Starts the service and returns: 0, 10028 or 10036 when deck control cannot be set up, -1 when a
+    // thread, a descriptor or the port cannot be had.
     int startWork();
     // The same.
     int runCmdLine();
@@ -113,7 +113,8 @@ public:
     // Body of the incoming-message thread: the socket server's accept loop.
     static void* incomingMessageThread(void* socketManager);
 
-    // Deck control. Makes the two queues and starts the process: 0, 10028, or 10036 (the queues stay).
+    // Deck control. Makes the two queues and starts the process: 0, 10028, 10036 (the queues stay),
+    // or -1 when there is no descriptor.
     int LaunchVTRProcess();
     // Asks the process to end, ends it after 10 s, and removes the queues. Always 0.
     int EndVTRProcess();
@@ -158,6 +159,7 @@ private:
     void takeDeckAnswers();
     void takeDeckAnswer(_VTRCmdData& record);
     void dropDeckRequests();
+    void refuseWorkersRequest(_VTRCmdData& record);
     bool deckIsDown() const;
     bool askDeck(_VTRCmdData& record);
     static void failPendingVtrRequest(const std::string& why);

@@ -51,7 +51,7 @@ int CManagerLib::runVerification(VerifierRequest& request, VerifierJob& job) {
     }
     // Silent for too long, or the service is ending: nobody knows the answer.
     const char* const text = LOG_MSG(kestrel::error::jobTimeout);
-    LogUtil::Error("ManagerLib", "%s", text);
+    LogUtil::Error("Manager", "%s", text);
     kestrel::copyText(request.errorText, text);
     return static_cast<int>(kestrel::error::jobTimeout);
 }

@@ -142,6 +142,7 @@ void CManagerLib::watchDeckProcess() {
             pause = std::min(pause * 2, LONGEST_PAUSE);
         } else if (!m_deckProcess.running() && Clock::now() >= nextStart) {
             started = Clock::now();
+            dropDeckRequests(); // of a sender that had not seen the end yet
             if (!startDeckProcess()) {
                 nextStart = started + pause;
                 pause = std::min(pause * 2, LONGEST_PAUSE);
@@ -155,7 +156,22 @@ void CManagerLib::dropDeckRequests() {
     std::array<char, kestrel::maxQueueMessage> buffer;
     int length = 0;
     while (receiveMsg(m_toVtrQueue, buffer.data(), static_cast<int>(buffer.size()), &length) == 0) {
+        const GenericFlatMsg message(reinterpret_cast<unsigned char*>(buffer.data()), length);
+        if (message.type != VTR_CMD_REQUEST_MSG || message.payloadSize != sizeof(_VTRCmdData))
+            continue;
+        _VTRCmdData record;
+        std::memcpy(&record, message.payload, sizeof record);
+        refuseWorkersRequest(record);
     }
+}
+
+// A worker need not wait for an answer that nobody will give.
+void CManagerLib::refuseWorkersRequest(_VTRCmdData& record) {
+    record.replyQueueName[sizeof record.replyQueueName - 1] = '\0';
+    if (record.replyQueueName[0] == '\0')
+        return;
+    setError(record, kestrel::error::vtrSendQueueMissing, LOG_MSG(kestrel::error::vtrSendQueueMissing));
+    SendQueueMessage(record.replyQueueName, VTR_CMD_RESPONSE_MSG, &record, sizeof record);
 }
 
 void CManagerLib::takeDeckAnswers() {
@@ -221,12 +237,7 @@ void CManagerLib::handleVTRCmdRequest(_VTRCmdData record) {
         sendPriorityMsg(m_toVtrQueue, reinterpret_cast<const char*>(message.buffer), message.length, 0) == 0)
         return;
     LogUtil::Error(MODULE, LOG_MSG(kestrel::error::queueSendFailed), m_toVtrQueueName);
-    // A worker need not wait for an answer that nobody will give.
-    record.replyQueueName[sizeof record.replyQueueName - 1] = '\0';
-    if (record.replyQueueName[0] == '\0')
-        return;
-    setError(record, kestrel::error::vtrSendQueueMissing, LOG_MSG(kestrel::error::vtrSendQueueMissing));
-    SendQueueMessage(record.replyQueueName, VTR_CMD_RESPONSE_MSG, &record, sizeof record);
+    refuseWorkersRequest(record);
 }
 
 int CManagerLib::sendVTRCmdRequestBlocking(_VTRCmdData* record) {
@@ -248,6 +259,8 @@ bool CManagerLib::deckIsDown() const {
 // False when no answer came in time; record has the answer otherwise.
 bool CManagerLib::askDeck(_VTRCmdData& record) {
     EventWrapper::ResetEvent(m_hVtrMsgEvent);
+    // What is sent is a copy: from when it is published on, the record may be answered at any time.
+    const _VTRCmdData request = record;
     {
         // Under the lock of those who let waiting requests go, so that none begins to wait behind them.
         MutexLock lock(m_vtrResponseMutex);
@@ -259,7 +272,7 @@ bool CManagerLib::askDeck(_VTRCmdData& record) {
         }
         m_vtrCmdResponse = &record;
     }
-    handleVTRCmdRequest(record);
+    handleVTRCmdRequest(request);
     const int result = EventWrapper::WaitForEventSignal(m_hVtrMsgEvent, RESPONSE_TIMEOUT_MS, false);
     MutexLock lock(m_vtrResponseMutex);
     // An answer may come between the end of the wait and here; it counts.
