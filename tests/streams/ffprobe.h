@@ -40,8 +40,8 @@ public:
     // Picture types in display order, e.g. "IBBPBB".
     [[nodiscard]] std::string pictureTypes() const;
 
-    // Runs ffprobe with these options on the file; its output, line by line. Throws std::runtime_error when
-    // it fails, as every other question then does.
+    // Runs ffprobe with these options on the file, on a kept stream only once; its output, line by line.
+    // Throws std::runtime_error when it fails, as every other question then does.
     [[nodiscard]] std::vector<std::string> run(const std::string& options) const;
 
 private:

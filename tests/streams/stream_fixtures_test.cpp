@@ -248,6 +248,31 @@ TEST(StreamFixtures, OneThatCannotBeMadeOrIsUnknownIsAnError) {
     EXPECT_THROW(streamFile("nothing"), std::runtime_error);
 }
 
+TEST(Ffprobe, AnswersAboutAKeptStreamAreKeptBesideIt) {
+    const std::string path = streamFile("m2_sd_25");
+    const auto answersBeside = [](const std::string& file) {
+        long count = 0;
+        for (const auto& entry :
+             std::filesystem::directory_iterator(std::filesystem::path(file).parent_path()))
+            count += entry.path().string().starts_with(file) && entry.path().extension() == ".answer";
+        return count;
+    };
+    const std::vector<ProbedPacket> asked = Ffprobe(path).packets("v:0");
+    EXPECT_GT(answersBeside(path), 0);
+    const std::vector<ProbedPacket> kept = Ffprobe(path).packets("v:0");
+    ASSERT_EQ(kept.size(), 75U);
+    EXPECT_EQ(kept.size(), asked.size());
+    EXPECT_EQ(kept.back().dts, asked.back().dts);
+
+    char directory[] = "/tmp/ffprobe_test_XXXXXX";
+    ASSERT_NE(::mkdtemp(directory), nullptr);
+    const std::string copy = std::string(directory) + "/copy.ts";
+    std::filesystem::copy(path, copy);
+    EXPECT_EQ(Ffprobe(copy).packets("v:0").size(), 75U);
+    EXPECT_EQ(answersBeside(copy), 0) << "another file may change";
+    std::filesystem::remove_all(directory);
+}
+
 TEST(Ffprobe, SaysSoWhenItFails) {
     EXPECT_THROW(static_cast<void>(Ffprobe("/nonexistent").run("2>/dev/null -show_entries format=size")),
                  std::runtime_error);
