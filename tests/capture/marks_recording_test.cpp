@@ -1,7 +1,6 @@
 // Recordings between two marks, fed with prepared streams and a clock of the test's own.
-#include "capture/Recording.h"
-
 #include "capture/labelled_stream.h"
+#include "capture/recording_fixture.h"
 #include "foundation/ErrorCodes.h"
 
 #include <gmock/gmock.h>
@@ -16,28 +15,15 @@ using testing::StartsWith;
 
 namespace {
 
-class MarksRecording : public testing::Test {
+class MarksRecording : public RecordingFixture {
 protected:
-    TemporaryDirectory m_directory;
-    Clock::time_point m_now{1000s};
     Clock::duration m_frameTime = 40ms;
-    std::string m_file = m_directory.path("out.ts");
 
     RecordingPlan plan(const std::string& in, const std::string& out) {
-        RecordingPlan result;
-        result.mode = CaptureMode::marks;
-        result.name = "Encoder 1";
-        result.output = m_file;
+        RecordingPlan result = RecordingFixture::plan(CaptureMode::marks);
         result.markIn = in;
         result.markOut = out;
-        result.shownAddress = "10.1.2.3";
-        result.shownPort = 5000;
         return result;
-    }
-    Recording recording(const RecordingPlan& asked) {
-        Recording made(asked, Timing{}, m_now);
-        EXPECT_FALSE(made.prepare());
-        return made;
     }
     void feed(Recording& r, const std::vector<CodedFrame>& frames) {
         for (const CodedFrame& frame : frames) {

@@ -1,6 +1,5 @@
 // Recordings of streams whose program or pictures are out of the ordinary.
-#include "capture/Recording.h"
-
+#include "capture/recording_fixture.h"
 #include "capture/stream_variants.h"
 
 #include <algorithm>
@@ -15,31 +14,12 @@ using testing::StartsWith;
 
 namespace {
 
-class RecordingChange : public testing::Test {
+class RecordingChange : public RecordingFixture {
 protected:
-    TemporaryDirectory m_directory;
-    Clock::time_point m_now{1000s};
-    std::string m_file = m_directory.path("out.ts");
     StreamBuilder m_builder;
     Reprogrammer m_reprogram;
     Packets m_sent;
 
-    RecordingPlan plan(CaptureMode mode, const std::string& duration = "") {
-        RecordingPlan result;
-        result.mode = mode;
-        result.name = "Encoder 1";
-        result.output = m_file;
-        result.duration = duration;
-        result.rollingMinutes = 1;
-        result.shownAddress = "10.1.2.3";
-        result.shownPort = 5000;
-        return result;
-    }
-    Recording recording(const RecordingPlan& asked) {
-        Recording made(asked, Timing{}, m_now);
-        EXPECT_FALSE(made.prepare());
-        return made;
-    }
     void send(int frames, const ProgramShape& shape) {
         const Packets more = m_reprogram(m_builder.frames(frames), shape);
         m_sent.insert(m_sent.end(), more.begin(), more.end());

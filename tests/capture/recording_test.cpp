@@ -1,6 +1,5 @@
 // The recording of one encoder, fed with prepared packets and a clock of the test's own.
-#include "capture/Recording.h"
-
+#include "capture/recording_fixture.h"
 #include "capture/stream_builder.h"
 #include "foundation/ErrorCodes.h"
 
@@ -16,28 +15,8 @@ using testing::StartsWith;
 
 namespace {
 
-class RecordingTest : public testing::Test {
+class RecordingTest : public RecordingFixture {
 protected:
-    TemporaryDirectory m_directory;
-    Clock::time_point m_now{1000s};
-    std::string m_file = m_directory.path("out.ts");
-
-    RecordingPlan plan(CaptureMode mode, const std::string& duration = "") {
-        RecordingPlan result;
-        result.mode = mode;
-        result.name = "Encoder 1";
-        result.output = m_file;
-        result.duration = duration;
-        result.rollingMinutes = 1;
-        result.shownAddress = "10.1.2.3";
-        result.shownPort = 5000;
-        return result;
-    }
-    Recording recording(const RecordingPlan& asked) {
-        Recording made(asked, Timing{}, m_now);
-        EXPECT_FALSE(made.prepare());
-        return made;
-    }
     // The packets without the copies of PAT and PMT at the beginning.
     static Packets body(Packets file) {
         EXPECT_EQ(pid(file.at(0)), 0);

@@ -1,16 +1,11 @@
 // How queued jobs are found after their GUID or id has changed, and while others change the queue.
-#include "jobs/JobQueue.h"
-
-#include "foundation/Logger.h"
-#include "jobs/CaptureJob.h"
-#include "resources/ResourceMgr.h"
+#include "jobs/job_queue_fixture.h"
 
 #include <algorithm>
 #include <barrier>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -19,20 +14,8 @@ using testing::HasSubstr;
 
 namespace {
 
-class JobIndexTest : public testing::Test {
+class JobIndexTest : public JobQueueFixture {
 protected:
-    void SetUp() override { LogUtil::GetInstance()->addStreamLogger(&log); }
-    void TearDown() override {
-        LogUtil::Cleanup();
-        ResourceMgr::Cleanup();
-    }
-
-    CaptureManualJob* add(const char* guid) {
-        CaptureManualJob* const job = queue.AddCaptureManualJob(CaptureManualJob());
-        job->setGuid(guid);
-        return job;
-    }
-
     // As a walk through the list in its order finds it, which is what the index answers for.
     Job* walkedTo(const char* guid) {
         unsigned char bytes[16];
@@ -41,9 +24,6 @@ protected:
                                         [&](const Job* job) { return job->equals(bytes); });
         return found == queue.jobs.end() ? nullptr : *found;
     }
-
-    std::ostringstream log;
-    JobQueue queue;
 };
 
 TEST_F(JobIndexTest, AStoredJobIsFoundByItsNewIdOnly) {

@@ -1,18 +1,14 @@
 // The queue: ids, order, lookups, cancel, delete.
-#include "jobs/JobQueue.h"
+#include "jobs/job_queue_fixture.h"
 
-#include "foundation/Logger.h"
 #include "foundation/PosixWrappers.h"
 #include "foundation/QueueMessages.h"
-#include "jobs/CaptureJob.h"
-#include "resources/ResourceMgr.h"
 
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sstream>
 #include <thread>
 #include <unistd.h>
 
@@ -20,25 +16,10 @@ using testing::HasSubstr;
 
 namespace {
 
-class JobQueueTest : public testing::Test {
+class JobQueueTest : public JobQueueFixture {
 protected:
-    void SetUp() override { LogUtil::GetInstance()->addStreamLogger(&log); }
-    void TearDown() override {
-        LogUtil::Cleanup();
-        ResourceMgr::Cleanup();
-    }
-
-    CaptureManualJob* add(const char* guid) {
-        CaptureManualJob* const job = queue.AddCaptureManualJob(CaptureManualJob());
-        job->setGuid(guid);
-        return job;
-    }
-
     // An id whose queue names no other test on this host has.
     static unsigned long ownId() { return 1'000'000'000UL + static_cast<unsigned long>(getpid()); }
-
-    std::ostringstream log;
-    JobQueue queue;
 };
 
 TEST_F(JobQueueTest, IdsCountFromZeroAndWrapToOne) {
