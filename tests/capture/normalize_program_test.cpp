@@ -386,6 +386,17 @@ TEST(NormalizeProgram, NeverWritesOntoItsSource) {
     }
 }
 
+TEST(NormalizeProgram, StaysInACaptureDirectoryThatIsLocked) {
+    Job job(streamFile("m2_sd_25"));
+    job.setOutput(job.path("elsewhere.ts"));
+    job.settings.numEncoders = 1;
+    job.settings.encoders[0].lockMainCaptureDirectory = true;
+    std::snprintf(job.settings.encoders[0].mainCaptureDirectory, 260, "%s", job.path("media").c_str());
+    EXPECT_EQ(job.run(), 1);
+    EXPECT_THAT(job.results(), HasSubstr("elsewhere.ts is outside "));
+    EXPECT_FALSE(std::filesystem::exists(job.path("elsewhere.ts")));
+}
+
 TEST(NormalizeProgram, TakesARelativeNameInTheCaptureDirectory) {
     Job job(streamFile("m2_sd_25"));
     job.setOutput("clean.ts");

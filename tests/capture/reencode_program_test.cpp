@@ -159,6 +159,27 @@ TEST(Reencode, RecordsAllFramesThatComeBack) {
     EXPECT_THAT(job.log(), HasSubstr("Played 75 frames"));
 }
 
+TEST(Reencode, NeverRecordsOntoItsSource) {
+    for (const char* way : {"same", "symbolic", "hard"}) {
+        Job job("");
+        job.equipment();
+        std::filesystem::create_directories(job.path("out"));
+        const std::string source = way == std::string("same") ? job.output() : job.path("source.ts");
+        std::filesystem::copy(streamFile("m2_sd_25"), source);
+        const Packets before = readPackets(source);
+        std::snprintf(job.settings.cmd.sourceFile, sizeof job.settings.cmd.sourceFile, "%s", source.c_str());
+        if (way == std::string("symbolic"))
+            std::filesystem::create_symlink(source, job.output());
+        if (way == std::string("hard"))
+            std::filesystem::create_hard_link(source, job.output());
+        job.extraOptions = {"-overwrite"};
+        EXPECT_EQ(job.run(), 1) << way;
+        EXPECT_EQ(job.results(),
+                  "Error: Invalid path and file combination. (the output file is the source file)");
+        EXPECT_EQ(readPackets(source), before) << way;
+    }
+}
+
 TEST(Reencode, RecordsWhatARealEncoderMakesOfIt) {
     Job job(streamFile("m2_sd_25"));
     Equipment& equipment =

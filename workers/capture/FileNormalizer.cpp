@@ -1,5 +1,6 @@
 #include "FileNormalizer.h"
 
+#include "RecordingPlan.h"
 #include "foundation/ErrorCodes.h"
 #include "foundation/FileUtil.h"
 #include "foundation/Logger.h"
@@ -73,6 +74,8 @@ NormalizeStatus FileNormalizer::status() const {
 MaybeFailure FileNormalizer::checkOutput() const {
     if (m_plan.output.empty())
         return failure(error::outputFileNotSpecified);
+    if (auto failed = checkLock(m_plan.output, m_plan.mainDirectory, m_plan.lockDirectory))
+        return failed;
     if (m_plan.output.back() == '/' || cFileUtil::IsDirectory(m_plan.output.c_str()))
         return detailed(failure(error::invalidFilename), m_plan.output);
     cFileUtil::CreateDir(m_plan.output.c_str());

@@ -20,6 +20,8 @@ struct NormalizePlan {
     std::string output;
     bool overwrite = false;
     bool keepNulls = false;
+    std::string mainDirectory; // that the output must not leave when it is locked
+    bool lockDirectory = false;
 };
 
 // How far it is, and how it ended.

@@ -12,6 +12,8 @@ MaybeFailure NormalizeSession::start() {
     NormalizePlan plan;
     plan.source = settings.cmd.sourceFile;
     plan.output = outputPath(settings.cmd.outputFile, settings.encoders[0].mainCaptureDirectory);
+    plan.mainDirectory = settings.encoders[0].mainCaptureDirectory;
+    plan.lockDirectory = settings.encoders[0].lockMainCaptureDirectory;
     plan.overwrite = m_context.options.overwrite;
     plan.keepNulls = m_context.options.keepNulls;
     m_lastStatus = Clock::now();

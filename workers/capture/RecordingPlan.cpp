@@ -29,12 +29,15 @@ bool liesWithin(const std::string& file, const std::string& directory) {
 MaybeFailure checkOutput(const RecordingPlan& plan) {
     if (plan.output.empty())
         return failure(error::outputFileNotSpecified);
-    if (plan.lockDirectory && !plan.mainDirectory.empty() && !liesWithin(plan.output, plan.mainDirectory))
-        return detailed(failure(error::pathNotAllowed), plan.output + " is outside " + plan.mainDirectory);
+    if (auto failed = checkLock(plan.output, plan.mainDirectory, plan.lockDirectory))
+        return failed;
     if (plan.output.back() == '/' || cFileUtil::IsDirectory(plan.output.c_str()))
         return detailed(failure(error::invalidFilename), plan.output);
     const std::filesystem::path directory = std::filesystem::path(plan.output).parent_path();
     std::error_code failed;
+    // By any of its names: a link to the source is the source.
+    if (!plan.source.empty() && std::filesystem::equivalent(plan.source, plan.output, failed))
+        return detailed(failure(error::invalidPathAndFile), "the output file is the source file");
     if (!directory.empty() && !std::filesystem::is_directory(directory, failed)) {
         std::filesystem::create_directories(directory, failed);
         if (failed)
@@ -47,6 +50,12 @@ MaybeFailure checkOutput(const RecordingPlan& plan) {
 }
 
 } // namespace
+
+MaybeFailure checkLock(const std::string& output, const std::string& directory, bool locked) {
+    if (!locked || directory.empty() || liesWithin(output, directory))
+        return std::nullopt;
+    return detailed(failure(error::pathNotAllowed), output + " is outside " + directory);
+}
 
 MaybeFailure checkPlan(const RecordingPlan& plan) {
     if (plan.output.empty())

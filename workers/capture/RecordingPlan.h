@@ -34,7 +34,12 @@ struct RecordingPlan {
     // The directory that the output must not leave when it is locked; empty: none.
     std::string mainDirectory;
     bool lockDirectory = false;
+    // A file that the job reads, and the output must therefore not be; empty: none.
+    std::string source;
 };
+
+// 20005 where the output lies outside a directory that is locked.
+[[nodiscard]] MaybeFailure checkLock(const std::string& output, const std::string& directory, bool locked);
 
 // Checks the output and its directory, which is made where it is missing, and what the mode is given: its
 // duration, its marks, the length of its segments.

@@ -91,6 +91,7 @@ MaybeFailure ReencodeSession::planPlayOut(PlayOutPlan& plan) const {
 MaybeFailure ReencodeSession::planRecording(RecordingPlan& plan, PlayOutPlan& play) {
     const CSettings& settings = m_context.settings;
     plan.armed = false;
+    plan.source = settings.cmd.sourceFile;
     LogUtil::Info(module, "The source has %" PRIu64 " frames, %zu random access points, frame rate code %d",
                   m_index.frames, m_index.points.size(), m_index.frameRateCode);
     if (m_index.frames == 0)
