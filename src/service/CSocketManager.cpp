@@ -203,7 +203,10 @@ bool CSocketManager::createSocketHelper(int& slot, int socket) {
     }
     slot = static_cast<int>(free - m_slots.begin());
     auto processor = std::make_unique<CMessageProcessor>();
-    free->helper = std::make_unique<CSocketHelper>(owned.release(), processor.release());
+    free->helper = std::make_unique<CSocketHelper>(owned.get(), processor.get());
+    // Its own only now: where there is no memory for it, both are let go here.
+    static_cast<void>(owned.release());
+    static_cast<void>(processor.release());
     auto handle = std::make_unique<SocketHandle>(SocketHandle{this, free->helper.get()});
     pthread_t thread{};
     // The new thread waits for this lock before it looks for its slot.

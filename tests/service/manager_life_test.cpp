@@ -7,6 +7,7 @@
 #include <csignal>
 #include <future>
 #include <gmock/gmock.h>
+#include <netinet/tcp.h>
 #include <thread>
 
 using testing::HasSubstr;
@@ -44,6 +45,44 @@ TEST_F(ManagerLife, RunStartsTheServiceAndShutdownEndsIt) {
     EXPECT_EQ(CManagerLib::m_instance, nullptr);
     EXPECT_EQ(CSocketManager::getInstance(), nullptr);
     EXPECT_FALSE(answers());
+}
+
+TEST_F(ManagerLife, ARunIsLogged) {
+    CManagerLib::GetInstance(); // sets up the log
+    EXPECT_THAT(log(), Not(HasSubstr("[Manager:Info] Run\r\n")));
+    CManagerLib::Run();
+    EXPECT_THAT(log(), HasSubstr("[Manager:Info] Run\r\n"));
+}
+
+// The backlog that the listener of this process on that port has.
+int backlogOf(unsigned short port) {
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        const int fd = std::stoi(entry.path().filename());
+        int listening = 0;
+        socklen_t length = sizeof listening;
+        sockaddr_in address{};
+        socklen_t addressLength = sizeof address;
+        if (getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listening, &length) != 0 || listening == 0 ||
+            getsockname(fd, reinterpret_cast<sockaddr*>(&address), &addressLength) != 0 ||
+            ntohs(address.sin_port) != port)
+            continue;
+        tcp_info info{};
+        length = sizeof info;
+        // Of a listener the system says here what was given to listen.
+        return getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &length) == 0 ? static_cast<int>(info.tcpi_sacked)
+                                                                          : -1;
+    }
+    return -1;
+}
+
+TEST_F(ManagerLife, TheListenerHasTheProfilesBacklog) {
+    CManagerLib::Run();
+    EXPECT_EQ(backlogOf(port), 1) << "the default";
+    CManagerLib::Shutdown();
+    writeProfile("<P><Logging/><WebServicesComm PORT_NUMBER='" + std::to_string(port) +
+                 "' NUMBER_OF_SIMULTANEOUS_HANDLES='3' LISTEN_BACKLOG='7'/></P>");
+    CManagerLib::Run();
+    EXPECT_EQ(backlogOf(port), 7);
 }
 
 TEST_F(ManagerLife, ShutdownWithoutAManagerIsMinusOne) {

@@ -1,7 +1,9 @@
 // Deck requests over the protocol, with a deck-control process that does what the test says.
+#include "foundation/QueueMessages.h"
 #include "system/service_under_test.h"
 
 #include <csignal>
+#include <cstring>
 #include <fstream>
 #include <future>
 #include <gmock/gmock.h>
@@ -15,6 +17,47 @@ using testing::Not;
 using testing::StartsWith;
 
 namespace {
+
+// An existing message queue, used the way its other users do.
+class JoinedQueue {
+public:
+    explicit JoinedQueue(const char* name) : m_queue(mq_open(name, O_RDWR | O_CLOEXEC)) {
+        EXPECT_GE(m_queue, 0) << name;
+    }
+    ~JoinedQueue() { mq_close(m_queue); }
+    JoinedQueue(const JoinedQueue&) = delete;
+    JoinedQueue& operator=(const JoinedQueue&) = delete;
+
+    // Messages that wait.
+    [[nodiscard]] long waiting() const {
+        mq_attr attributes{};
+        return mq_getattr(m_queue, &attributes) == 0 ? attributes.mq_curmsgs : -1;
+    }
+    void send(int type, const _VTRCmdData& record) const {
+        char bytes[4 + sizeof record];
+        std::memcpy(bytes, &type, 4);
+        std::memcpy(bytes + 4, &record, sizeof record);
+        EXPECT_EQ(mq_send(m_queue, bytes, sizeof bytes, 0), 0);
+    }
+    // The record of the next message, which must be of that type and come within ten seconds.
+    [[nodiscard]] _VTRCmdData receive(int wantedType) const {
+        char bytes[1000] = {};
+        timespec limit{};
+        clock_gettime(CLOCK_REALTIME, &limit);
+        limit.tv_sec += 10;
+        _VTRCmdData record{};
+        const ssize_t length = mq_timedreceive(m_queue, bytes, sizeof bytes, nullptr, &limit);
+        EXPECT_EQ(length, static_cast<ssize_t>(4 + sizeof record)) << std::strerror(errno);
+        int type = -1;
+        std::memcpy(&type, bytes, 4);
+        EXPECT_EQ(type, wantedType);
+        std::memcpy(&record, bytes + 4, sizeof record);
+        return record;
+    }
+
+private:
+    mqd_t m_queue;
+};
 
 class DeckBridge : public testing::Test {
 protected:
@@ -125,6 +168,76 @@ TEST_F(DeckBridge, WhileItIsDownRequestsAreRefusedAtOnceAndNeverCarriedOutLater)
               "FALSE - Error: The VTR process has ended and is about to be started again.");
     EXPECT_TRUE(eventually([&] { return service.ask("VTR_CMD,COM1,0,Pause") == "TRUE"; }, 20s));
     EXPECT_THAT(recorded(), Not(HasSubstr("0 3 COM1")));
+}
+
+TEST_F(DeckBridge, AProcessThatIsKilledWhileAClientWaitsIsNamedWithItsSignal) {
+    start("--deaf");
+    const pid_t process = deck();
+    ASSERT_GT(process, 0);
+    const JoinedQueue toDeck("/to_vtr_proc_q");
+    auto waiting = std::async(std::launch::async, [&] { return service.ask("VTR_CURRENT_TIME,COM1"); });
+    ASSERT_TRUE(eventually([&] { return toDeck.waiting() == 1; }));
+    ASSERT_EQ(kill(process, SIGKILL), 0);
+    EXPECT_EQ(waiting.get(), "FALSE - Error: The VTR process ended by signal 9 before it answered.");
+    EXPECT_TRUE(eventually([&] { return toDeck.waiting() == 0; })) << "the next one does not carry it out";
+    EXPECT_THAT(service.log(), HasSubstr("VTR process ended by signal 9. It is started again in 1 seconds."));
+}
+
+TEST_F(DeckBridge, AWorkersRequestThatTheProcessHadNotReadIsAnsweredOnTheWorkersQueue) {
+    const std::string go = service.root() / "go";
+    service.setWorker("--wait-file " + go);
+    start("--deaf");
+    const pid_t process = deck();
+    ASSERT_GT(process, 0);
+    ASSERT_EQ(service.ask("CAPTURE,JOB_BEGIN,1,CAPTURE_VTR_JOB,Filename=/media/tape.ts,EncoderIp=127.0.0.1,"
+                          "MarkInTime=01:00:00:00,MarkOutTime=01:00:10:00,VTR_Com_Port=COM7"),
+              "TRUE");
+    // The worker waits for its file, and the test speaks on its queues.
+    const JoinedQueue fromWorker("/job_update_q_0");
+    const JoinedQueue toWorker("/mgr_msg_q_0");
+    const JoinedQueue toDeck("/to_vtr_proc_q");
+    _VTRCmdData request{};
+    request.commandKind = 6;
+    std::strcpy(request.serialPort, "COM7");
+    fromWorker.send(VTR_CMD_REQUEST_MSG, request);
+    request.commandKind = 7;
+    fromWorker.send(VTR_CMD_REQUEST_MSG, request);
+    ASSERT_TRUE(eventually([&] { return toDeck.waiting() == 2; }));
+    EXPECT_EQ(toWorker.waiting(), 0) << "not answered before";
+    ASSERT_EQ(kill(process, SIGKILL), 0);
+
+    for (const int kind : {6, 7}) {
+        const _VTRCmdData answer = toWorker.receive(VTR_CMD_RESPONSE_MSG);
+        EXPECT_EQ(answer.commandKind, kind) << "in their order";
+        EXPECT_STREQ(answer.serialPort, "COM7");
+        EXPECT_STREQ(answer.replyQueueName, "/mgr_msg_q_0");
+        EXPECT_EQ(answer.errorCode, 20061);
+        EXPECT_STREQ(answer.errorText, "Error: Cannot send VTR command.  Send queue not available.");
+    }
+    EXPECT_EQ(toDeck.waiting(), 0) << "the next one does not carry them out";
+    EXPECT_EQ(toWorker.waiting(), 0) << "each is answered once";
+    std::ofstream(go) << "go";
+    EXPECT_EQ(service.waitForState("1", "COMPLETE"), "TRUE - COMPLETE");
+}
+
+TEST_F(DeckBridge, AWorkersRequestWhileTheProcessIsDownIsAnsweredAtOnce) {
+    const std::string go = service.root() / "go";
+    service.setWorker("--wait-file " + go);
+    service.set("DeckCtrl", "EXE", "/no/such/deck");
+    service.start();
+    ASSERT_EQ(service.ask("CAPTURE,JOB_BEGIN,1,CAPTURE_VTR_JOB,Filename=/media/tape.ts,EncoderIp=127.0.0.1,"
+                          "MarkInTime=01:00:00:00,MarkOutTime=01:00:10:00,VTR_Com_Port=COM7"),
+              "TRUE");
+    // The second pause is two seconds long.
+    ASSERT_TRUE(service.waitForLog("It is started again in 2 seconds.", 20s));
+    const JoinedQueue toWorker("/mgr_msg_q_0");
+    _VTRCmdData request{};
+    request.commandKind = 6;
+    JoinedQueue("/job_update_q_0").send(VTR_CMD_REQUEST_MSG, request);
+    EXPECT_EQ(toWorker.receive(VTR_CMD_RESPONSE_MSG).errorCode, 20061);
+    EXPECT_TRUE(service.waitForLog("[Manager:Error] Error: Failed to send message on queue /to_vtr_proc_q."));
+    std::ofstream(go) << "go";
+    EXPECT_EQ(service.waitForState("1", "COMPLETE"), "TRUE - COMPLETE");
 }
 
 TEST_F(DeckBridge, ThePausesGrow) {

@@ -6,8 +6,10 @@
 #include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <iterator>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 using namespace kestrel::test;
 using testing::HasSubstr;
@@ -119,14 +121,59 @@ TEST(ServiceLife, WithoutAWordItRunsInTheForegroundAndDetachesOnlyAfterTheEnd) {
     EXPECT_EQ(endOf(*process).code, 0);
 }
 
+// The process that runs with the service's directory and is no child of this one any more.
+pid_t daemonOf(const ServiceUnderTest& service) {
+    const std::string wanted = "KESTREL_TEST_ROOT=" + service.root().string() + '\0';
+    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+        const std::string name = entry.path().filename();
+        if (name.find_first_not_of("0123456789") != std::string::npos)
+            continue;
+        std::ifstream in(entry.path() / "environ", std::ios::binary);
+        const std::string environment{std::istreambuf_iterator<char>(in), {}};
+        if (environment.find(wanted) != std::string::npos)
+            return std::stoi(name);
+    }
+    return -1;
+}
+
+// What /proc says in the line that begins with that word.
+std::string statusLine(pid_t process, const std::string& word) {
+    std::ifstream in("/proc/" + std::to_string(process) + "/status");
+    for (std::string line; std::getline(in, line);)
+        if (line.starts_with(word + ":\t"))
+            return line.substr(word.size() + 2);
+    return {};
+}
+
+// A process that nobody has waited for does not run any more.
+bool runs(pid_t process) {
+    const std::string state = statusLine(process, "State");
+    return !state.empty() && !state.starts_with("Z");
+}
+
 TEST(ServiceLife, StartDetachesAndTheServiceRunsInTmp) {
     ServiceUnderTest service;
     const Ended caller = endOf(*service.run("start"));
     EXPECT_EQ(caller.code, 0);
+    EXPECT_EQ(caller.output, "");
     ASSERT_TRUE(eventually([&] { return service.ask("PING_SERVICE") == "TRUE - ALIVE"; }, 30s));
+    const pid_t process = daemonOf(service);
+    ASSERT_GT(process, 0);
+    const std::filesystem::path proc = "/proc/" + std::to_string(process);
+    EXPECT_EQ(std::filesystem::read_symlink(proc / "cwd"), "/tmp");
+    EXPECT_EQ(statusLine(process, "Umask"), "0000");
+    for (const char* descriptor : {"0", "1", "2"})
+        EXPECT_EQ(std::filesystem::read_symlink(proc / "fd" / descriptor), "/dev/null") << descriptor;
+    // It cannot get a terminal: its session is new, and its leader, the first child, has ended.
+    const pid_t session = getsid(process);
+    EXPECT_NE(session, process);
+    EXPECT_NE(session, getsid(0));
+    EXPECT_TRUE(eventually([&] { return !runs(session); }));
+    EXPECT_NE(statusLine(process, "PPid"), std::to_string(getpid()));
     service.ask("STOP_SERVICE");
     EXPECT_TRUE(service.waitForLog("Signal Shutdown Complete"));
     EXPECT_TRUE(eventually([&] { return service.ask("PING_SERVICE").empty(); }));
+    EXPECT_TRUE(eventually([&] { return !runs(process); })) << "the process ends, too";
 }
 
 TEST(ServiceLife, ASecondInstanceOnThePortFailsToStartAndTheFirstGoesOn) {

@@ -147,7 +147,7 @@ TEST_F(VerifierRequests, FailuresAreLogged) {
     const std::string go = service.root() / "go";
     start("--wait-file " + go);
     EXPECT_EQ(verify(",VIDEO_PID"), "FALSE - Error: Timeout waiting for job to complete.");
-    EXPECT_TRUE(service.waitForLog("[ManagerLib:Error] Error: Timeout waiting for job to complete."));
+    EXPECT_TRUE(service.waitForLog("[Manager:Error] Error: Timeout waiting for job to complete."));
     std::ofstream(go) << "go";
     std::filesystem::remove(file);
     verify(",VIDEO_PID");
@@ -171,6 +171,7 @@ TEST_F(VerifierRequests, ASilentVerifierIsATimeout) {
     const std::string go = service.root() / "go";
     start("--wait-file " + go + " --verify " + prepared);
     EXPECT_EQ(verify(",VIDEO_PID"), "FALSE - Error: Timeout waiting for job to complete.");
+    EXPECT_TRUE(service.waitForLog("[Manager:Error] Error: Timeout waiting for job to complete.\r\n"));
     std::ofstream(go) << "go";
 }
 
