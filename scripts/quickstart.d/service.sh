@@ -6,7 +6,7 @@ build_programs() {
   scripts/install-packages build run
 
   step="building"
-  echo "Building into $build"
+  echo "Building into $build (some minutes the first time; $run/build.log shows how far it is)"
   mkdir -p "$run/conf" "$run/logs" "$run/recordings" "$run/reports"
   launcher=()
   if command -v ccache >/dev/null; then
@@ -21,6 +21,8 @@ build_programs() {
 # deck_section is put into the profile as it is.
 write_profile() {
   step="writing the profile"
+  # Job numbers begin anew with each service, and a job's log is appended to.
+  rm -f "$run"/logs/capture_*.log
   port=$(free_port 5112)
   # Even ports only, as RTP senders like them; taken at random so that two rounds do not meet.
   stream_port=$((20000 + (RANDOM % 10000) * 2))

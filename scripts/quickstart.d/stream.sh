@@ -12,22 +12,27 @@ start_encoder() {
 }
 
 show_lines_to_try() {
+  local try_guid try_file
+  try_guid=$(date +%H%M%S)
+  try_file=$run/recordings/manual_$try_guid.ts
   disown -a
   cat <<TEXT
 
 The service and the encoder stay up. Lines to try:
 
   printf 'PING_SERVICE' | nc -N 127.0.0.1 $port
-  printf 'CAPTURE,JOB_BEGIN,cafe0001,CAPTURE_MANUAL_JOB,Filename=$run/recordings/manual.ts,EncoderIp=127.0.0.1' | nc -N 127.0.0.1 $port
-  printf 'JOB_STATUS,cafe0001' | nc -N 127.0.0.1 $port
-  printf 'CAPTURE,JOB_LAST_LOG_ENTRIES,cafe0001' | nc -N 127.0.0.1 $port
-  printf 'CAPTURE,JOB_ABORT,cafe0001' | nc -N 127.0.0.1 $port
-  printf 'JOB_RESULTS,cafe0001' | nc -N 127.0.0.1 $port
-  printf 'GET_MPEG_PROPERTIES,JOB_BEGIN,cafe0002,$run/recordings/manual.ts,QUICK' | nc -N 127.0.0.1 $port
+  printf 'CAPTURE,JOB_BEGIN,$try_guid,CAPTURE_MANUAL_JOB,Filename=$try_file,EncoderIp=127.0.0.1' | nc -N 127.0.0.1 $port
+  printf 'JOB_STATUS,$try_guid' | nc -N 127.0.0.1 $port
+  printf 'CAPTURE,JOB_LAST_LOG_ENTRIES,$try_guid' | nc -N 127.0.0.1 $port
+  printf 'CAPTURE,JOB_ABORT,$try_guid' | nc -N 127.0.0.1 $port
+  printf 'JOB_RESULTS,$try_guid' | nc -N 127.0.0.1 $port
+  printf 'GET_MPEG_PROPERTIES,JOB_BEGIN,${try_guid}b,$try_file,QUICK' | nc -N 127.0.0.1 $port
 
 To end it:
 
   $build/bin/KestrelManager stop && kill $encoder_pid
+
+A recording that still runs goes on without the service: abort it first (the line with JOB_ABORT).
 TEXT
 }
 
@@ -79,7 +84,7 @@ verify_recording() {
     fail "the verifier saw something else than what was sent"
   verdict=$(ask "GET_MPEG_PROPERTIES,JOB_BEGIN,$guid,$recording,VALIDATION_ERRORS,BLOCK")
   [[ $verdict == TRUE* ]] || fail "the verification answered: $verdict"
-  echo "Verdict against the delivery rules"
+  echo "Verdict against the delivery rules (the test picture is not made to them)"
   if [[ $verdict == TRUE ]]; then
     echo "  passed"
   else
