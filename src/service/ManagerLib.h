@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <optional>
 #include <pthread.h>
@@ -159,6 +160,8 @@ private:
     void takeDeckAnswers();
     void takeDeckAnswer(_VTRCmdData& record);
     void dropDeckRequests();
+    void rememberRelayed(const _VTRCmdData& record) EXCLUDES(m_relayedMutex);
+    bool forgetRelayed(const _VTRCmdData& answer) EXCLUDES(m_relayedMutex);
     void refuseWorkersRequest(_VTRCmdData& record);
     bool deckIsDown() const;
     bool askDeck(_VTRCmdData& record);
@@ -182,6 +185,8 @@ private:
     kestrel::DeckProcess m_deckProcess; // the response thread's while that runs
     std::atomic<bool> m_deckRunning{false};
     kestrel::UniqueFd m_vtrWake; // an eventfd: the response thread is to look at the shutdown flag
+    Mutex m_relayedMutex;
+    std::deque<_VTRCmdData> m_relayed GUARDED_BY(m_relayedMutex); // requests of workers without an answer yet
     std::optional<pthread_t> m_incomingMessageThread;
     std::optional<pthread_t> m_vtrResponseThread;
     _VTRCmdData m_vtrCallbackBuffer{};

@@ -28,6 +28,8 @@ constexpr int END_ASKED_MS = 10'000;
 constexpr int END_TERMINATED_MS = 3'000;
 // How often a process is looked at for which the system gave no descriptor.
 constexpr int LOOK_MS = 100;
+// Requests of workers that may wait for their answers at once.
+constexpr std::size_t MOST_RELAYED = 64;
 // Pauses between the end of a process and the next start.
 constexpr std::chrono::seconds FIRST_PAUSE{1};
 constexpr std::chrono::seconds LONGEST_PAUSE{60};
@@ -135,6 +137,7 @@ void CManagerLib::watchDeckProcess() {
                 pause = FIRST_PAUSE;
             LogUtil::Error(MODULE, "VTR process ended %s. It is started again in %d seconds.", end->c_str(),
                            static_cast<int>(pause.count()));
+            takeDeckAnswers(); // what it sent last still counts
             failPendingVtrRequest("Error: The VTR process ended " + *end + " before it answered.");
             // What it has not read must not be carried out by the next one, who knows how much later.
             dropDeckRequests();
@@ -152,24 +155,43 @@ void CManagerLib::watchDeckProcess() {
     failPendingVtrRequest("Error: The service is shutting down.");
 }
 
+// Nothing that waits is carried out by the next process, and its workers are told so.
 void CManagerLib::dropDeckRequests() {
     std::array<char, kestrel::maxQueueMessage> buffer;
     int length = 0;
     while (receiveMsg(m_toVtrQueue, buffer.data(), static_cast<int>(buffer.size()), &length) == 0) {
-        const GenericFlatMsg message(reinterpret_cast<unsigned char*>(buffer.data()), length);
-        if (message.type != VTR_CMD_REQUEST_MSG || message.payloadSize != sizeof(_VTRCmdData))
-            continue;
-        _VTRCmdData record;
-        std::memcpy(&record, message.payload, sizeof record);
-        refuseWorkersRequest(record);
     }
+    std::deque<_VTRCmdData> unanswered;
+    {
+        MutexLock lock(m_relayedMutex);
+        unanswered.swap(m_relayed);
+    }
+    for (_VTRCmdData& record : unanswered)
+        refuseWorkersRequest(record);
+}
+
+// Keeps a worker's request until it is answered. The reply queue's name is terminated.
+void CManagerLib::rememberRelayed(const _VTRCmdData& record) {
+    MutexLock lock(m_relayedMutex);
+    if (m_relayed.size() >= MOST_RELAYED)
+        m_relayed.pop_front(); // a deck that answers nothing
+    m_relayed.push_back(record);
+}
+
+bool CManagerLib::forgetRelayed(const _VTRCmdData& answer) {
+    MutexLock lock(m_relayedMutex);
+    const auto found = std::find_if(m_relayed.begin(), m_relayed.end(), [&](const _VTRCmdData& record) {
+        return sameCommand(record, answer) &&
+               kestrel::fieldText(record.replyQueueName) == kestrel::fieldText(answer.replyQueueName);
+    });
+    if (found == m_relayed.end())
+        return false;
+    m_relayed.erase(found);
+    return true;
 }
 
 // A worker need not wait for an answer that nobody will give.
 void CManagerLib::refuseWorkersRequest(_VTRCmdData& record) {
-    record.replyQueueName[sizeof record.replyQueueName - 1] = '\0';
-    if (record.replyQueueName[0] == '\0')
-        return;
     setError(record, kestrel::error::vtrSendQueueMissing, LOG_MSG(kestrel::error::vtrSendQueueMissing));
     SendQueueMessage(record.replyQueueName, VTR_CMD_RESPONSE_MSG, &record, sizeof record);
 }
@@ -202,6 +224,7 @@ void CManagerLib::takeDeckAnswers() {
 void CManagerLib::takeDeckAnswer(_VTRCmdData& record) {
     record.replyQueueName[sizeof record.replyQueueName - 1] = '\0';
     if (record.replyQueueName[0] != '\0') {
+        forgetRelayed(record);
         SendQueueMessage(record.replyQueueName, VTR_CMD_RESPONSE_MSG, &record, sizeof record);
         return;
     }
@@ -232,12 +255,19 @@ void CManagerLib::VTRCmdRequestCallbackFn(CallbackLib::_Data* data) {
 }
 
 void CManagerLib::handleVTRCmdRequest(_VTRCmdData record) {
+    record.replyQueueName[sizeof record.replyQueueName - 1] = '\0';
+    const bool relayed = record.replyQueueName[0] != '\0';
+    // Before it is sent: its answer may be there before send returns.
+    if (relayed)
+        rememberRelayed(record);
     const GenericMsg message(VTR_CMD_REQUEST_MSG, &record, sizeof record);
     if (m_deckRunning &&
         sendPriorityMsg(m_toVtrQueue, reinterpret_cast<const char*>(message.buffer), message.length, 0) == 0)
         return;
     LogUtil::Error(MODULE, LOG_MSG(kestrel::error::queueSendFailed), m_toVtrQueueName);
-    refuseWorkersRequest(record);
+    // Where it is forgotten already, it was refused with the others that waited.
+    if (relayed && forgetRelayed(record))
+        refuseWorkersRequest(record);
 }
 
 int CManagerLib::sendVTRCmdRequestBlocking(_VTRCmdData* record) {

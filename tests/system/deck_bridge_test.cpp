@@ -220,6 +220,34 @@ TEST_F(DeckBridge, AWorkersRequestThatTheProcessHadNotReadIsAnsweredOnTheWorkers
     EXPECT_EQ(service.waitForState("1", "COMPLETE"), "TRUE - COMPLETE");
 }
 
+TEST_F(DeckBridge, AWorkersRequestThatTheProcessTookWithItIsAnsweredToo) {
+    const std::string go = service.root() / "go";
+    service.setWorker("--wait-file " + go);
+    start("--exit-on 1:3 --count " + (service.root() / "count").string());
+    ASSERT_EQ(service.ask("CAPTURE,JOB_BEGIN,1,CAPTURE_VTR_JOB,Filename=/media/tape.ts,EncoderIp=127.0.0.1,"
+                          "MarkInTime=01:00:00:00,MarkOutTime=01:00:10:00,VTR_Com_Port=COM7"),
+              "TRUE");
+    const JoinedQueue fromWorker("/job_update_q_0");
+    const JoinedQueue toWorker("/mgr_msg_q_0");
+    _VTRCmdData request{};
+    request.commandKind = 6;
+    std::strcpy(request.serialPort, "COM7");
+    fromWorker.send(VTR_CMD_REQUEST_MSG, request);
+    EXPECT_EQ(toWorker.receive(VTR_CMD_RESPONSE_MSG).errorCode, 20061);
+    ASSERT_TRUE(service.waitForLog("VTR process ended with exit status 3"));
+
+    // The next process answers, and nobody is answered twice.
+    fromWorker.send(VTR_CMD_REQUEST_MSG, request);
+    for (_VTRCmdData answer = toWorker.receive(VTR_CMD_RESPONSE_MSG); answer.errorCode != 0;
+         answer = toWorker.receive(VTR_CMD_RESPONSE_MSG)) {
+        EXPECT_EQ(answer.errorCode, 20061) << "while it is down";
+        fromWorker.send(VTR_CMD_REQUEST_MSG, request);
+    }
+    EXPECT_EQ(toWorker.waiting(), 0);
+    std::ofstream(go) << "go";
+    EXPECT_EQ(service.waitForState("1", "COMPLETE"), "TRUE - COMPLETE");
+}
+
 TEST_F(DeckBridge, AWorkersRequestWhileTheProcessIsDownIsAnsweredAtOnce) {
     const std::string go = service.root() / "go";
     service.setWorker("--wait-file " + go);
