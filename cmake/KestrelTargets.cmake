@@ -43,6 +43,20 @@ function(kestrel_add_program name)
   kestrel_configure_target(${name})
 endfunction()
 
+# What all test programs are compiled with.
+function(kestrel_configure_test target)
+  target_link_libraries(${target} PRIVATE GTest::gmock GTest::gtest_main)
+  kestrel_configure_target(${target})
+  # What is tested is built as the build type says. The tests only call it: optimising them takes as long as
+  # compiling the rest, and their lines are all that a debugger needs of them.
+  target_compile_options(${target} PRIVATE -O0 -g1)
+  # g++ 12 finds fault with "literal" + std::string once it has inlined it (GCC bug 105651); the sources are
+  # built without this exception.
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    target_compile_options(${target} PRIVATE -Wno-array-bounds -Wno-restrict -Wno-stringop-overflow)
+  endif()
+endfunction()
+
 # kestrel_add_test(NAME SOURCES ... LINKS ... [THREADS] [SERIAL] [ALONE] [TIMEOUT seconds])
 # One GoogleTest program of a subsystem; each of its tests becomes a ctest test.
 #   THREADS  has threads, so it also runs under ThreadSanitizer (its ctest label ends in "-threads")
@@ -51,19 +65,18 @@ endfunction()
 function(kestrel_add_test name)
   cmake_parse_arguments(arg "THREADS;SERIAL;ALONE" "TIMEOUT" "SOURCES;LINKS" ${ARGN})
   add_executable(${name} ${arg_SOURCES})
-  target_link_libraries(${name} PRIVATE ${arg_LINKS} GTest::gmock GTest::gtest_main)
+  target_link_libraries(${name} PRIVATE ${arg_LINKS})
   target_include_directories(${name} PRIVATE ${KESTREL_SOURCE_ROOT}/tests)
   set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/tests)
-  target_precompile_headers(${name} PRIVATE <gmock/gmock.h> <gtest/gtest.h>)
-  kestrel_configure_target(${name})
-  # What is tested is built as the build type says. The tests only call it: optimising them takes as long as
-  # compiling the rest, and their lines are all that a debugger needs of them.
-  target_compile_options(${name} PRIVATE -O0 -g1)
-  # g++ 12 finds fault with "literal" + std::string once it has inlined it (GCC bug 105651); the sources are
-  # built without this exception.
-  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-    target_compile_options(${name} PRIVATE -Wno-array-bounds -Wno-restrict -Wno-stringop-overflow)
+  kestrel_configure_test(${name})
+  # GoogleTest's headers take longer than most tests: they are compiled once for all programs.
+  if(NOT TARGET kestrel_test_headers)
+    file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/test_headers.cpp CONTENT "")
+    add_library(kestrel_test_headers OBJECT ${PROJECT_BINARY_DIR}/test_headers.cpp)
+    target_precompile_headers(kestrel_test_headers PRIVATE <gmock/gmock.h> <gtest/gtest.h>)
+    kestrel_configure_test(kestrel_test_headers)
   endif()
+  target_precompile_headers(${name} REUSE_FROM kestrel_test_headers)
   if(NOT arg_TIMEOUT)
     set(arg_TIMEOUT 120)
   endif()
