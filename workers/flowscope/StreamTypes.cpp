@@ -12,7 +12,7 @@ struct Kind {
     std::optional<AudioCodec> audio;
 };
 
-// Table 2-34, and the ATSC's own values (A/53 part 3). The service looks for "H.264" and "AC3".
+// Table 2-34, and the ATSC's own values (A/53-3). The service looks for "H.264" and "AC3".
 const Kind KINDS[] = {
     {0x01, "MPEG-1 Video (ISO/IEC 11172-2)", VideoCodec::mpeg2, {}},
     {0x02, "MPEG-2 Video (ISO/IEC 13818-2)", VideoCodec::mpeg2, {}},

@@ -68,7 +68,7 @@ public:
     // Of the time codes: drop_frame_flag of the latest GOP header (13818-2, 6.3.8), or counting_type of the
     // first picture timing (H.264, D.2.2).
     [[nodiscard]] bool dropFrame() const noexcept { return m_dropFrame; }
-    // CEA-608/708 in the picture user data, or in that of an SEI message (ATSC A/53 part 4, 6.2.3).
+    // CEA-608/708 in the picture user data, or in that of an SEI message (ATSC A/53-4, 6.2.3).
     [[nodiscard]] bool closedCaptions() const noexcept { return m_captions; }
     // MPEG-2: whether every picture has its vbv_delay coded (13818-2, 6.3.9). Nothing of H.264, which is
     // judged by its bytes.

@@ -162,7 +162,7 @@ void VideoTrack::settlePicture(int structure) {
     countFrame(type, type == 'I');
 }
 
-// ATSC A/53 part 4, 6.2.3: "GA94", user_data_type_code 3, then cc_count.
+// ATSC A/53-4, 6.2.3: "GA94", user_data_type_code 3, then cc_count.
 void VideoTrack::takeUserData(std::span<const unsigned char> data) {
     constexpr unsigned char CAPTIONS = 3;
     if (data.size() >= 6 && data[0] == 'G' && data[1] == 'A' && data[2] == '9' && data[3] == '4' &&
