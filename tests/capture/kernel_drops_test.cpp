@@ -57,35 +57,33 @@ unsigned tooMany(int bufferBytes) {
     return static_cast<unsigned>(static_cast<std::size_t>(bufferBytes) / (7 * packetSize)) + 1000;
 }
 
-TEST(KernelDrops, AreCountedAlsoBehindTheLastDatagramThatFoundRoom) {
+// A receiver that starts behind more than its socket had room for.
+class KernelDrops : public testing::Test {
+protected:
+    void SetUp() override {
+        source.address = 0x7F000001;
+        source.port = freePort();
+        receiver.emplace(source, ring, wake);
+        withoutNetworkRights([&] { ASSERT_FALSE(receiver->open()); });
+        sent = tooMany(receiver->bufferBytes());
+        burst(source.port, sent);
+        ASSERT_FALSE(receiver->start());
+    }
+
     StreamSource source;
-    source.address = 0x7F000001;
-    source.port = freePort();
-    PacketRing ring(1 << 19);
+    PacketRing ring{1 << 19};
     WakeEvent wake;
     std::optional<UdpReceiver> receiver;
-    receiver.emplace(source, ring, wake);
-    withoutNetworkRights([&] { ASSERT_FALSE(receiver->open()); });
-    const unsigned sent = tooMany(receiver->bufferBytes());
-    burst(source.port, sent);
-    ASSERT_FALSE(receiver->start());
+    unsigned sent = 0;
+};
+
+TEST_F(KernelDrops, AreCountedAlsoBehindTheLastDatagramThatFoundRoom) {
     receiver->stop();
     EXPECT_GT(receiver->counts().kernelDrops, 0u);
     EXPECT_EQ(receiver->counts().datagrams + receiver->counts().kernelDrops, sent);
 }
 
-TEST(KernelDrops, OnceCountedTheyAreNotCountedAgain) {
-    StreamSource source;
-    source.address = 0x7F000001;
-    source.port = freePort();
-    PacketRing ring(1 << 19);
-    WakeEvent wake;
-    std::optional<UdpReceiver> receiver;
-    receiver.emplace(source, ring, wake);
-    withoutNetworkRights([&] { ASSERT_FALSE(receiver->open()); });
-    const unsigned sent = tooMany(receiver->bufferBytes());
-    burst(source.port, sent);
-    ASSERT_FALSE(receiver->start());
+TEST_F(KernelDrops, OnceCountedTheyAreNotCountedAgain) {
     const Packets more = StreamBuilder().frames(20);
     const auto deadline = Clock::now() + std::chrono::seconds(10);
     while (receiver->counts().kernelDrops == 0 && Clock::now() < deadline)
@@ -95,7 +93,7 @@ TEST(KernelDrops, OnceCountedTheyAreNotCountedAgain) {
     EXPECT_EQ(receiver->counts().datagrams + receiver->counts().kernelDrops, sent + (more.size() + 6) / 7);
 }
 
-TEST(KernelDrops, StandInTheResultsOfTheWorkerAndInItsLog) {
+TEST(DropsOfAWorker, StandInTheResultsOfTheWorkerAndInItsLog) {
     Worker worker;
     const int port = worker.addEncoder();
     withoutNetworkRights([&] { worker.start(); });

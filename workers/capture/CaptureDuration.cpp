@@ -89,4 +89,13 @@ std::chrono::seconds CaptureDuration::nominal() const {
     return std::chrono::seconds(m_hours * 3600 + m_minutes * 60 + m_seconds + (m_label > 0 ? 1 : 0));
 }
 
+std::string lengthText(std::uint64_t frames, int rateCode) {
+    if (rateCode == 0)
+        return "an unknown time";
+    const bool drop = mpeg_timecode::frameRateCodeToDropFrame(rateCode);
+    const auto day = static_cast<std::uint64_t>(mpeg_timecode::rollover_frames_count(drop, rateCode));
+    mpeg_timecode timecode = mpeg_timecode::from_frames(static_cast<int>(frames % day), drop, rateCode);
+    return (frames >= day ? std::to_string(frames / day) + "d " : "") + timecode.windows_string();
+}
+
 } // namespace kestrel::capture

@@ -28,4 +28,8 @@ private:
     std::uint64_t m_frames = 0;
 };
 
+// The length of so many frames as a timecode, with days before it where they fill some; "an unknown time"
+// while the frame rate is not known (0).
+[[nodiscard]] std::string lengthText(std::uint64_t frames, int rateCode);
+
 } // namespace kestrel::capture

@@ -5,7 +5,6 @@
 #include "StreamSource.h"
 #include "foundation/ErrorCodes.h"
 #include "foundation/Logger.h"
-#include "timecode/mpeg_timecode.h"
 
 #include <algorithm>
 
@@ -20,19 +19,6 @@ int firstReception(const CSettings& settings) {
     const bool secondOnly =
         settings.numEncoders == 1 && first.ipAddress == 0 && first.port == 0 && first.snmpIpAddress == 0;
     return secondOnly ? 1 : 0;
-}
-
-_CaptureJobStatusData statusRecord(std::size_t index, const RecordingStatus& status) {
-    _CaptureJobStatusData record{};
-    record.encoderIndex = static_cast<std::int32_t>(index);
-    record.frames = static_cast<std::uint32_t>(status.frames);
-    // Before the rate is known there is nothing to count; 25 is a code the service can print 0 with.
-    record.frameRateCode = static_cast<std::uint32_t>(status.frameRateCode != 0 ? status.frameRateCode : 3);
-    record.dropFrame = mpeg_timecode::frameRateCodeToDropFrame(static_cast<int>(record.frameRateCode));
-    record.statusNumber1 =
-        static_cast<std::uint32_t>(std::min<std::uint64_t>(status.continuityErrors, UINT32_MAX));
-    record.statusNumber2 = status.bytes;
-    return record;
 }
 
 } // namespace
@@ -69,10 +55,12 @@ MaybeFailure EncoderGroup::open(const CSettings& settings, const EncoderMap& map
 
 // All or none: nothing is recorded of a job that cannot record all it was asked for.
 MaybeFailure EncoderGroup::start() {
-    m_lastStatus = Clock::now();
-    for (Member& member : m_members)
+    const Clock::time_point now = Clock::now();
+    for (Member& member : m_members) {
+        member.meter.start(now);
         if (auto failed = member.channel->start())
             return failed;
+    }
     return std::nullopt;
 }
 
@@ -121,19 +109,12 @@ bool EncoderGroup::over() const {
 }
 
 void EncoderGroup::sendStatus(ServiceLink& link, Clock::time_point now) {
-    const double seconds = std::chrono::duration<double>(now - m_lastStatus).count();
-    m_lastStatus = now;
     for (std::size_t i = 0; i < m_members.size(); ++i) {
         Member& member = m_members[i];
         member.channel->logLosses();
         const RecordingStatus status = member.channel->status();
-        _CaptureJobStatusData record = statusRecord(i, status);
-        // A write that failed takes back what had been counted ahead of it.
-        const std::uint64_t more = status.bytes > member.lastBytes ? status.bytes - member.lastBytes : 0;
-        if (seconds > 0)
-            record.statusNumber3 = static_cast<std::uint64_t>(static_cast<double>(more) * 8 / seconds);
-        member.lastBytes = status.bytes;
-        link.sendStatus(record);
+        link.sendStatus(member.meter.record(
+            i, {status.frames, status.frameRateCode, status.continuityErrors, status.bytes}, now));
         // While the other encoder goes on, the operator learns at once that this one does not.
         if (status.state == RecordingState::ended && !status.succeeded && !member.reported &&
             m_members.size() > 1) {

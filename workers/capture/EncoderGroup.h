@@ -5,6 +5,7 @@
 #include "EncoderMap.h"
 #include "ServiceLink.h"
 #include "Session.h"
+#include "StatusMeter.h"
 #include "capture_profile/CSettings.h"
 
 #include <cstdint>
@@ -61,14 +62,13 @@ private:
     struct Member {
         std::unique_ptr<EncoderChannel> channel;
         const CSettings::EncoderReception* reception;
-        std::uint64_t lastBytes = 0; // at the last status
-        bool reported = false;       // its failure has been sent
+        StatusMeter meter = {};
+        bool reported = false; // its failure has been sent
         MaybeFailure givenUp = {};
     };
 
     WakeEvent& m_changed;
     std::vector<Member> m_members;
-    Clock::time_point m_lastStatus{};
 };
 
 } // namespace kestrel::capture

@@ -1,10 +1,9 @@
 #include "FileNormalizer.h"
 
+#include "CaptureDuration.h"
 #include "RecordingPlan.h"
 #include "foundation/ErrorCodes.h"
-#include "foundation/FileUtil.h"
 #include "foundation/Logger.h"
-#include "timecode/mpeg_timecode.h"
 
 #include <algorithm>
 #include <cinttypes>
@@ -15,20 +14,6 @@ namespace kestrel::capture {
 namespace {
 
 constexpr const char* module = "Capture";
-
-std::string directoryOf(const std::string& path) {
-    const std::size_t slash = path.rfind('/');
-    return slash == std::string::npos ? "." : path.substr(0, slash + 1);
-}
-
-std::string duration(std::uint64_t frames, int rateCode) {
-    if (rateCode == 0)
-        return "an unknown time";
-    const bool drop = mpeg_timecode::frameRateCodeToDropFrame(rateCode);
-    const auto day = static_cast<std::uint64_t>(mpeg_timecode::rollover_frames_count(drop, rateCode));
-    mpeg_timecode timecode = mpeg_timecode::from_frames(static_cast<int>(frames % day), drop, rateCode);
-    return (frames >= day ? std::to_string(frames / day) + "d " : "") + timecode.windows_string();
-}
 
 } // namespace
 
@@ -48,7 +33,13 @@ FileNormalizer::~FileNormalizer() {
 MaybeFailure FileNormalizer::start() {
     if (auto failed = m_source.open(m_plan.source))
         return failed;
-    if (auto failed = checkOutput())
+    RecordingPlan output;
+    output.output = m_plan.output;
+    output.source = m_plan.source;
+    output.overwrite = m_plan.overwrite;
+    output.mainDirectory = m_plan.mainDirectory;
+    output.lockDirectory = m_plan.lockDirectory;
+    if (auto failed = checkOutput(output))
         return failed;
     LogUtil::Info(module, "Normalizing %s (%" PRIu64 " bytes) into %s, null packets %s",
                   m_plan.source.c_str(), m_source.bytes(), m_plan.output.c_str(),
@@ -69,24 +60,6 @@ void FileNormalizer::join() {
 NormalizeStatus FileNormalizer::status() const {
     const MutexLock lock(m_mutex);
     return m_status;
-}
-
-MaybeFailure FileNormalizer::checkOutput() const {
-    if (m_plan.output.empty())
-        return failure(error::outputFileNotSpecified);
-    if (auto failed = checkLock(m_plan.output, m_plan.mainDirectory, m_plan.lockDirectory))
-        return failed;
-    if (m_plan.output.back() == '/' || cFileUtil::IsDirectory(m_plan.output.c_str()))
-        return detailed(failure(error::invalidFilename), m_plan.output);
-    cFileUtil::CreateDir(m_plan.output.c_str());
-    if (!cFileUtil::IsDirectory(directoryOf(m_plan.output).c_str()))
-        return detailed(failure(error::outputFileNotOpened, m_plan.output.c_str()), "no such directory");
-    // By any of its names: a link to the source is the source.
-    if (m_source.isSame(m_plan.output))
-        return detailed(failure(error::invalidPathAndFile), "the output file is the source file");
-    if (!m_plan.overwrite && cFileUtil::FileExists(m_plan.output.c_str()))
-        return detailed(failure(error::fileAlreadyExists), m_plan.output);
-    return std::nullopt;
 }
 
 void FileNormalizer::run() noexcept {
@@ -171,7 +144,7 @@ std::string FileNormalizer::amount() const {
     std::string text =
         format("%s (%" PRIu64 " frames, %.1f MB), %" PRIu64 " continuity counters renumbered, %" PRIu64
                " null packets dropped, %" PRIu64 " packets of PAT and PMT added",
-               duration(m_normalizer.frames(), m_normalizer.frameRateCode()).c_str(), m_normalizer.frames(),
+               lengthText(m_normalizer.frames(), m_normalizer.frameRateCode()).c_str(), m_normalizer.frames(),
                static_cast<double>(m_output.bytes()) / 1e6, counts.renumbered, counts.nulls, counts.tables);
     const auto also = [&text](std::uint64_t count, const char* what) {
         if (count != 0)

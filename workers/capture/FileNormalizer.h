@@ -55,7 +55,6 @@ public:
     [[nodiscard]] NormalizeStatus status() const EXCLUDES(m_mutex);
 
 private:
-    [[nodiscard]] MaybeFailure checkOutput() const;
     void run() noexcept;
     [[nodiscard]] bool copy();
     [[nodiscard]] bool readSome(bool& more);

@@ -3,6 +3,7 @@
 
 #include "FileNormalizer.h"
 #include "Session.h"
+#include "StatusMeter.h"
 
 #include <optional>
 
@@ -21,8 +22,7 @@ public:
 private:
     const SessionContext m_context;
     std::optional<FileNormalizer> m_work; // from start() on
-    std::uint64_t m_lastBytes = 0;        // at the last status
-    Clock::time_point m_lastStatus{};
+    StatusMeter m_meter;
 };
 
 } // namespace kestrel::capture

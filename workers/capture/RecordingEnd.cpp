@@ -4,7 +4,6 @@
 #include "foundation/ErrorCodes.h"
 #include "foundation/Logger.h"
 #include "mpeg/mpeg2.h"
-#include "timecode/mpeg_timecode.h"
 
 #include <algorithm>
 #include <cinttypes>
@@ -13,13 +12,6 @@ namespace kestrel::capture {
 namespace {
 
 constexpr const char* module = "Capture";
-
-std::string timecodeText(std::uint64_t frames, int rateCode) {
-    const bool drop = mpeg_timecode::frameRateCodeToDropFrame(rateCode);
-    const auto day = static_cast<std::uint64_t>(mpeg_timecode::rollover_frames_count(drop, rateCode));
-    mpeg_timecode timecode = mpeg_timecode::from_frames(static_cast<int>(frames % day), drop, rateCode);
-    return (frames >= day ? std::to_string(frames / day) + "d " : "") + timecode.windows_string();
-}
 
 } // namespace
 
@@ -209,9 +201,8 @@ std::string Recording::recorded() const {
 std::string Recording::amount() const {
     const int rate = m_analyzer.frameRateCode();
     const std::uint64_t frames = m_file.frames();
-    std::string text =
-        (rate != 0 ? timecodeText(frames, rate) : std::string("an unknown time")) +
-        format(" (%" PRIu64 " frames, %.1f MB", frames, static_cast<double>(m_file.bytes()) / 1e6);
+    std::string text = lengthText(frames, rate) + format(" (%" PRIu64 " frames, %.1f MB", frames,
+                                                         static_cast<double>(m_file.bytes()) / 1e6);
     if (m_file.segments() > 1)
         text += format(", %u segments", m_file.segments());
     text += format("), %" PRIu64 " continuity errors", m_file.continuityErrors());

@@ -26,11 +26,13 @@ bool liesWithin(const std::string& file, const std::string& directory) {
     return !relative.empty() && *relative.begin() != "..";
 }
 
+} // namespace
+
 MaybeFailure checkOutput(const RecordingPlan& plan) {
     if (plan.output.empty())
         return failure(error::outputFileNotSpecified);
-    if (auto failed = checkLock(plan.output, plan.mainDirectory, plan.lockDirectory))
-        return failed;
+    if (plan.lockDirectory && !plan.mainDirectory.empty() && !liesWithin(plan.output, plan.mainDirectory))
+        return detailed(failure(error::pathNotAllowed), plan.output + " is outside " + plan.mainDirectory);
     if (plan.output.back() == '/' || cFileUtil::IsDirectory(plan.output.c_str()))
         return detailed(failure(error::invalidFilename), plan.output);
     const std::filesystem::path directory = std::filesystem::path(plan.output).parent_path();
@@ -47,14 +49,6 @@ MaybeFailure checkOutput(const RecordingPlan& plan) {
     if (plan.mode != CaptureMode::rolling && !plan.overwrite && cFileUtil::FileExists(plan.output.c_str()))
         return detailed(failure(error::fileAlreadyExists), plan.output);
     return std::nullopt;
-}
-
-} // namespace
-
-MaybeFailure checkLock(const std::string& output, const std::string& directory, bool locked) {
-    if (!locked || directory.empty() || liesWithin(output, directory))
-        return std::nullopt;
-    return detailed(failure(error::pathNotAllowed), output + " is outside " + directory);
 }
 
 MaybeFailure checkPlan(const RecordingPlan& plan) {

@@ -38,8 +38,9 @@ struct RecordingPlan {
     std::string source;
 };
 
-// 20005 where the output lies outside a directory that is locked.
-[[nodiscard]] MaybeFailure checkLock(const std::string& output, const std::string& directory, bool locked);
+// Checks the output and its directory, which is made where it is missing: its name, the lock, the source, and
+// whether it exists.
+[[nodiscard]] MaybeFailure checkOutput(const RecordingPlan& plan);
 
 // Checks the output and its directory, which is made where it is missing, and what the mode is given: its
 // duration, its marks, the length of its segments.

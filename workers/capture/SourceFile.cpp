@@ -48,13 +48,6 @@ MaybeFailure SourceFile::read(std::span<unsigned char> room, std::size_t& got) {
     return std::nullopt;
 }
 
-bool SourceFile::isSame(const std::string& other) const {
-    struct stat mine {};
-    struct stat theirs {};
-    return ::fstat(m_fd.get(), &mine) == 0 && ::stat(other.c_str(), &theirs) == 0 &&
-           mine.st_dev == theirs.st_dev && mine.st_ino == theirs.st_ino;
-}
-
 Failure SourceFile::shapeFailure(SourceShape shape) const {
     const auto found = [this](int number, const std::string& detail) {
         return detailed(failure(error::sourceLengthNotPackets, number), m_path + ": " + detail);

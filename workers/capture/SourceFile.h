@@ -25,8 +25,6 @@ public:
 
     [[nodiscard]] const std::string& path() const noexcept { return m_path; }
     [[nodiscard]] std::uint64_t bytes() const noexcept { return m_bytes; }
-    // The other name of the file leads to the same one.
-    [[nodiscard]] bool isSame(const std::string& other) const;
     // Why a file of that shape is none that can be worked on.
     [[nodiscard]] Failure shapeFailure(SourceShape shape) const;
 
