@@ -1,4 +1,5 @@
 // Views of bytes.
+#include "byte_views.h"
 #include "mpeg/mpeg.h"
 #include "mpeg/unibuffer.h"
 
@@ -6,27 +7,9 @@
 #include <numeric>
 #include <vector>
 
+using namespace mpeg_test;
+
 namespace {
-
-using Bytes = std::vector<unsigned char>;
-
-Bytes counting(int count, int first = 0) {
-    Bytes bytes(static_cast<std::size_t>(count));
-    for (std::size_t i = 0; i < bytes.size(); ++i)
-        bytes[i] = static_cast<unsigned char>(first + static_cast<int>(i));
-    return bytes;
-}
-
-array_byte_sequence view(Bytes& bytes) {
-    return {bytes.data(), static_cast<int>(bytes.size())};
-}
-
-Bytes contents(const byte_sequence& sequence) {
-    Bytes bytes;
-    for (int i = 0; i < sequence.get_length(); ++i)
-        bytes.push_back(sequence[i]);
-    return bytes;
-}
 
 TEST(ByteSequence, AnArrayIsReadAndWritten) {
     Bytes bytes = counting(4);

@@ -1,4 +1,5 @@
 // Views of bytes at their edges: negative positions, views of views, and the self-test shown failing.
+#include "byte_views.h"
 #include "foundation/ScratchDir.h"
 #include "mpeg/byte_sequence_check.h"
 #include "mpeg/unibuffer.h"
@@ -12,26 +13,9 @@
 using testing::HasSubstr;
 using testing::Not;
 
+using namespace mpeg_test;
+
 namespace {
-
-using Bytes = std::vector<unsigned char>;
-
-Bytes counting(int count, int first = 0) {
-    Bytes bytes(static_cast<std::size_t>(count));
-    std::iota(bytes.begin(), bytes.end(), static_cast<unsigned char>(first));
-    return bytes;
-}
-
-array_byte_sequence view(Bytes& bytes) {
-    return {bytes.data(), static_cast<int>(bytes.size())};
-}
-
-Bytes contents(const byte_sequence& sequence) {
-    Bytes bytes;
-    for (int i = 0; i < sequence.get_length(); ++i)
-        bytes.push_back(sequence[i]);
-    return bytes;
-}
 
 // --- duo
 
