@@ -261,6 +261,11 @@ TEST(Reencode, OfAMezzanineCountsFromTheFirstFramePlayedWhenTheEncoderHasNoTimec
     const auto frames = kestrel::test::Ffprobe(job.output()).packets("v:0").size();
     EXPECT_GE(frames, 25U);
     EXPECT_LT(frames, 25U + 12);
+    // The encoder's own count begins at the first frame played: mark-in is its frame 25.
+    const auto first = readGops(job.output(), 0x100).front();
+    const int number = first.seconds * 25 + first.frames;
+    EXPECT_LE(number, 25) << first.text();
+    EXPECT_GT(number, 25 - 12) << first.text();
 }
 
 TEST(Reencode, RefusesMarksThatTheSourceDoesNotHave) {

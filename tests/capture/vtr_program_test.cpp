@@ -149,6 +149,8 @@ TEST(VtrCapture, WithoutVitcTheDecksTimeCounts) {
     // It begins at a random access point, and the way of the pictures is not exactly known.
     EXPECT_GE(ends.frames, 45);
     EXPECT_LE(ends.frames, 50 + 15);
+    const mpeg_timecode first(ends.first.c_str(), false, 3);
+    EXPECT_NEAR(mpeg_timecode("10:00:08:12", false, 3).frame_count(), first.frame_count(), 15) << ends.first;
 }
 
 TEST(VtrCapture, BothEncodersRecordTheSameFrames) {
