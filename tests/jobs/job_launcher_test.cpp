@@ -2,14 +2,18 @@
 #include "jobs/JobLauncher.h"
 
 #include "foundation/PosixWrappers.h"
+#include "foundation/ProcessTree.h"
 #include "foundation/QueueMessages.h"
 #include "job_workers.h"
 
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <gmock/gmock.h>
 #include <sys/stat.h>
 
+using kestrel::test::childrenOf;
+using kestrel::test::threadsOf;
 using ::testing::AnyOf;
 using ::testing::HasSubstr;
 using ::testing::Not;
@@ -17,7 +21,8 @@ using ::testing::Not;
 namespace {
 
 pid_t firstChild() {
-    return static_cast<pid_t>(std::atoi(childrenOfThisProcess().c_str()));
+    const std::vector<pid_t> children = childrenOf(getpid());
+    return children.empty() ? 0 : children.front();
 }
 
 } // namespace
@@ -273,7 +278,7 @@ TEST_F(JobLauncherTest, AHundredShortJobsLeaveNothingBehind) {
     EXPECT_EQ(run(first, "exit:0"), Job::COMPLETE);
     // A sanitizer starts a thread of its own with the first one of the program.
     std::thread([] {}).join();
-    const std::size_t threads = entriesOf("/proc/self/task");
+    const std::size_t threads = threadsOf(getpid());
     const std::size_t descriptors = entriesOf("/proc/self/fd");
     std::vector<std::unique_ptr<CaptureManualJob>> jobs;
     for (unsigned long i = 0; i < 100; ++i) {
@@ -289,9 +294,9 @@ TEST_F(JobLauncherTest, AHundredShortJobsLeaveNothingBehind) {
         EXPECT_FALSE(queueExists(jobs[i]->jobUpdateQueueName));
         EXPECT_FALSE(queueExists(jobs[i]->mgrQueueName));
     }
-    EXPECT_TRUE(eventually([&] { return entriesOf("/proc/self/task") <= threads; }));
+    EXPECT_TRUE(eventually([&] { return threadsOf(getpid()) <= threads; }));
     EXPECT_EQ(entriesOf("/proc/self/fd"), descriptors);
-    EXPECT_EQ(childrenOfThisProcess(), "");
+    EXPECT_THAT(childrenOf(getpid()), testing::IsEmpty());
 }
 
 TEST_F(JobLauncherTest, StopWatchingLeavesWorkersAndJobsAsTheyAre) {
@@ -323,7 +328,7 @@ TEST_F(JobLauncherTest, StopWatchingLeavesWorkersAndJobsAsTheyAre) {
     CaptureManualJob next(901210);
     EXPECT_EQ(run(next, "say:7:next"), Job::COMPLETE) << "a later launch is watched as usual";
     std::ofstream(held).flush();
-    EXPECT_TRUE(eventually([] { return childrenOfThisProcess().empty(); })) << "reaped, though unwatched";
+    EXPECT_TRUE(eventually([] { return childrenOf(getpid()).empty(); })) << "reaped, though unwatched";
 }
 
 TEST_F(JobLauncherTest, StopWatchingEndsAWaitingLaunchToo) {
@@ -337,7 +342,7 @@ TEST_F(JobLauncherTest, StopWatchingEndsAWaitingLaunchToo) {
     EXPECT_EQ(result, 0);
     EXPECT_EQ(job.state(), Job::IN_PROGRESS);
     std::ofstream(held).flush();
-    EXPECT_TRUE(eventually([] { return childrenOfThisProcess().empty(); }));
+    EXPECT_TRUE(eventually([] { return childrenOf(getpid()).empty(); }));
 }
 
 TEST_F(JobLauncherTest, StopWatchingWithoutJobsReturns) {

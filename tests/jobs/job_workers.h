@@ -43,18 +43,6 @@ inline std::size_t entriesOf(const char* directory) {
     return count;
 }
 
-// The children of this process, by all its threads, that nobody has waited for.
-inline std::string childrenOfThisProcess() {
-    std::string all;
-    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-        std::ifstream in(task.path() / "children");
-        std::string pid;
-        while (in >> pid)
-            all += pid + " ";
-    }
-    return all;
-}
-
 // State letter of a process ("S", "Z", "T", ...), 0 when it is gone.
 inline char processState(pid_t pid) {
     std::ifstream in("/proc/" + std::to_string(pid) + "/stat");

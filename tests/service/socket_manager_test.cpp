@@ -1,4 +1,5 @@
 // The socket server: slots, threads and their end.
+#include "foundation/ProcessTree.h"
 #include "loopback.h"
 #include "service/CSocketManager.h"
 #include "service_directories.h"
@@ -14,6 +15,7 @@
 #include <vector>
 
 using kestrel::UniqueFd;
+using kestrel::test::threadsOf;
 using testing::HasSubstr;
 using testing::Not;
 
@@ -28,7 +30,7 @@ long descriptors() {
     return entries("/proc/self/fd");
 }
 long threads() {
-    return entries("/proc/self/task");
+    return static_cast<long>(threadsOf(getpid()));
 }
 
 // Detached threads have left their slot a moment before they are gone.

@@ -1,4 +1,5 @@
 // Deck requests over the protocol, with a deck-control process that does what the test says.
+#include "foundation/ProcessTree.h"
 #include "foundation/QueueMessages.h"
 #include "system/service_under_test.h"
 
@@ -332,17 +333,7 @@ TEST_F(DeckBridge, AWaitingBridgeMakesNoWakeUps) {
     start();
     service.ask("VTR_CURRENT_TIME,COM1");
     ASSERT_TRUE(service.waitForLog("Number of handles: 0"));
-    const auto switches = [&] {
-        long sum = 0;
-        for (const auto& task : std::filesystem::directory_iterator(
-                 "/proc/" + std::to_string(service.process().pid()) + "/task")) {
-            std::ifstream status(task.path() / "status");
-            for (std::string line; std::getline(status, line);)
-                if (line.starts_with("voluntary_ctxt_switches:"))
-                    sum += std::stol(line.substr(24));
-        }
-        return sum;
-    };
+    const auto switches = [&] { return timesAsleep(service.process().pid()); };
 #if defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "the sanitizer's own thread wakes ten times a second";
 #endif

@@ -73,4 +73,16 @@ void isolateHostNames() {
         fail("the host-wide test lock cannot be taken");
 }
 
+void clearPrivateNames() {
+    if (!isolated)
+        return;
+    for (const auto& queue : std::filesystem::directory_iterator(PRIVATE_QUEUES))
+        std::filesystem::remove(queue.path());
+    for (const auto& entry : std::filesystem::directory_iterator("/tmp")) {
+        const std::string name = entry.path().filename();
+        if (name.starts_with("capture_") && name.ends_with(".xml"))
+            std::filesystem::remove_all(entry.path());
+    }
+}
+
 } // namespace kestrel::test

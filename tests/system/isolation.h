@@ -8,6 +8,10 @@ namespace kestrel::test {
 // else takes a host-wide lock that lasts until the process ends. Call it before any thread is started.
 void isolateHostNames();
 
+// Removes the queues and settings files that a test has left on purpose, before the next of this program.
+// Does nothing without namespaces of its own: what lies there may be another's.
+void clearPrivateNames();
+
 // Where the message queues of this process's IPC namespace are listed.
 const char* queueDirectory();
 

@@ -1,4 +1,5 @@
 // Start, stop, signals, profiles: the service as an operator sees it.
+#include "foundation/ProcessTree.h"
 #include "system/service_under_test.h"
 
 #include <arpa/inet.h>
@@ -226,17 +227,7 @@ TEST(ServiceLife, AnIdleServiceMakesNoWakeUps) {
 #endif
     ServiceUnderTest service;
     service.start();
-    const auto switches = [&] {
-        long sum = 0;
-        for (const auto& task : std::filesystem::directory_iterator(
-                 "/proc/" + std::to_string(service.process().pid()) + "/task")) {
-            std::ifstream status(task.path() / "status");
-            for (std::string line; std::getline(status, line);)
-                if (line.starts_with("voluntary_ctxt_switches:"))
-                    sum += std::stol(line.substr(24));
-        }
-        return sum;
-    };
+    const auto switches = [&] { return timesAsleep(service.process().pid()); };
     // The connection thread of the last question must be gone first.
     ASSERT_TRUE(service.waitForLog("Number of handles: 0"));
     timespec second{1, 0};

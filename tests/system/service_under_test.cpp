@@ -1,5 +1,6 @@
 #include "system/service_under_test.h"
 
+#include "foundation/ProcessTree.h"
 #include "system/isolation.h"
 
 #include <gtest/gtest.h>
@@ -180,6 +181,7 @@ ServiceUnderTest::~ServiceUnderTest() {
         for (const pid_t worker : children())
             ::kill(worker, SIGKILL);
     m_process.reset();
+    clearPrivateNames();
     std::error_code ignored;
     fs::remove_all(m_root, ignored);
 }
@@ -307,19 +309,11 @@ std::size_t ServiceUnderTest::descriptors() const {
 }
 
 std::size_t ServiceUnderTest::threads() const {
-    return countEntries("/proc/" + std::to_string(m_process->pid()) + "/task");
+    return threadsOf(m_process->pid());
 }
 
 std::vector<pid_t> ServiceUnderTest::children() const {
-    std::vector<pid_t> result;
-    const fs::path tasks = "/proc/" + std::to_string(m_process->pid()) + "/task";
-    std::error_code ignored;
-    for (const fs::directory_entry& task : fs::directory_iterator(tasks, ignored)) {
-        std::ifstream in(task.path() / "children");
-        for (pid_t pid = 0; in >> pid;)
-            result.push_back(pid);
-    }
-    return result;
+    return childrenOf(m_process->pid());
 }
 
 std::vector<std::string> messageQueues() {
