@@ -90,7 +90,8 @@ public:
                 one.push_back(0);
             one.resize(4 + 1 + field, 0xFF);
         }
-        bytes = bytes + one + payload;
+        bytes.insert(bytes.end(), one.begin(), one.end());
+        bytes.insert(bytes.end(), payload.begin(), payload.end());
         return *this;
     }
     // A PES packet: its first packet has at most that many bytes of payload, the rest follows.
