@@ -6,6 +6,7 @@
 #include "foundation/QueueMessages.h"
 #include "job_workers.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -188,19 +189,23 @@ TEST_F(JobLauncherTest, AStoppedWorkerIsAnErrorAndIsReapedWhenItEnds) {
 }
 
 TEST_F(JobLauncherTest, TheEndOfAWorkerIsSeenAtOnce) {
-    CaptureManualJob job(901037);
-    const std::string held = file("held");
-    ASSERT_EQ(launch(job, "hold:" + held), 0);
-    const pid_t worker = firstChild();
-    ASSERT_TRUE(eventually([&] { return std::filesystem::exists(held + ".there"); }));
-    // The best of some rounds would hide nothing here: one is enough, and a busy machine gets a margin that
-    // is still far below the pause between two looks for a stopped worker.
-    const auto start = std::chrono::steady_clock::now();
-    kill(worker, SIGKILL);
-    while (job.state() != Job::ERROR && std::chrono::steady_clock::now() - start < 5s)
-        std::this_thread::sleep_for(100us);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, 100ms);
-    EXPECT_TRUE(allEnded());
+    // The quickest of five, as a busy machine may let any one wait. Seen only at the next look for a stopped
+    // worker, each would take up to a second.
+    auto quickest = std::chrono::steady_clock::duration::max();
+    for (unsigned long round = 0; round < 5; ++round) {
+        CaptureManualJob job(901037 + round * 1000);
+        const std::string held = file("held" + std::to_string(round));
+        ASSERT_EQ(launch(job, "hold:" + held), 0);
+        const pid_t worker = firstChild();
+        ASSERT_TRUE(eventually([&] { return std::filesystem::exists(held + ".there"); }));
+        const auto start = std::chrono::steady_clock::now();
+        kill(worker, SIGKILL);
+        while (job.state() != Job::ERROR && std::chrono::steady_clock::now() - start < 5s)
+            std::this_thread::sleep_for(100us);
+        quickest = std::min(quickest, std::chrono::steady_clock::now() - start);
+        EXPECT_TRUE(allEnded());
+    }
+    EXPECT_LT(quickest, 10ms);
 }
 
 TEST_F(JobLauncherTest, AWorkerThatSomebodyElseReapedIsAnError) {
