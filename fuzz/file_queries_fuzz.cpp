@@ -1,4 +1,5 @@
 // Every question that can be asked about a file, of a file of whatever bytes behind tables that lead to them.
+#include "mpeg/CaptureEngUtils.h"
 #include "mpeg/GetDTSBounds.h"
 #include "mpeg/MpegWrapper.h"
 #include "mpeg/grab_h264_header.h"
@@ -51,6 +52,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     MpegWrapper::GetFrameRateFromFile(file);
     MpegWrapper::IsTransportStreamFile(file);
     MpegWrapper::IsMpeg2HD(file);
+    int pcr_pid = 0;
+    int pmt_pid = 0;
+    int video_pid = 0;
+    CaptureEngUtils::GetStreamBasicPidInfo(file, pcr_pid, pmt_pid, video_pid, 500'000);
+    if (pcr_pid > 0x1FFF || pmt_pid > 0x1FFF || video_pid > 0x1FFF)
+        std::abort();
     MpegWrapper::GetDuration(file, false, static_cast<int>(size % 10), duration);
     if (MpegWrapper::GetVideoPid(file) != 3 || MpegWrapper::GetVideoType(file) > 3 || width > 0x3FFF ||
         height > 0x3FFF)

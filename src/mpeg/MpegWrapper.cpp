@@ -158,6 +158,7 @@ int MpegWrapper::testHarness(int argc, char** argv) {
     }
     std::printf("Video Profile %d:\t%s", static_cast<int>(profile), profile_name(profile));
     std::printf("\nVideo Level %d:\t%s\n", static_cast<int>(level), level_name(level));
-    std::puts(IsMpeg2HD(argv[1]) ? "This is an HD file" : "This is an SD file");
+    // No line feed behind the last line: scripts compare the whole output.
+    std::fputs(IsMpeg2HD(argv[1]) ? "This is an HD file" : "This is an SD file", stdout);
     return 0;
 }

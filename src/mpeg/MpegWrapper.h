@@ -44,7 +44,8 @@ public:
     // Whether the first packets, at most 44, begin with a sync byte; an empty file is a transport stream.
     static bool IsTransportStreamFile(const char* file);
     // Profile and level of the first MPEG-2 video stream, from the second GOP or a later one. False, and 0
-    // for both, when there is none, when it is MPEG-1, or when an H.264 stream comes first.
+    // for both, when there is none, when the second GOP has no sequence extension (MPEG-1 has none), or when
+    // a map table names H.264 video before that.
     static bool GetMpeg2VideoProfileAndLevel(const char* file, videoProfile& profile, videoLevel& level);
     // Whether the level is neither Low nor Main; false, and logged, for what is not MPEG-2.
     static bool IsMpeg2HD(const char* file);

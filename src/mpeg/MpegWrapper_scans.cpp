@@ -77,14 +77,12 @@ bool MpegWrapper::GetMpeg2VideoProfileAndLevel(const char* file, videoProfile& p
     std::unique_ptr<grab_video_header> grabber;
     bool found = false;
     scan_packets(file, scan_limit_packets, ContinuityLines::none, [&](unsigned char* packet, long index) {
-        if (grabber == nullptr && pmt.is_pmt(packet))
+        if (pmt.is_pmt(packet))
             for (const unsigned char* entry : PMT_PIDInfo_iterable(packet)) {
                 if (is_h264_video(stream_type(entry)))
                     return false;
-                if (is_mpeg2_video(stream_type(entry))) {
+                if (grabber == nullptr && is_mpeg2_video(stream_type(entry)))
                     grabber = std::make_unique<grab_video_header>(elementary_pid(entry), LEVEL);
-                    break;
-                }
             }
         if (grabber == nullptr)
             return true;

@@ -37,13 +37,12 @@ bool are_one_file(const char* a, const char* b) {
 // of the video PID is held back until the next one has come, and with it all that follows it.
 class BlockRebase {
 public:
+    // An output that cannot be opened is not reported: the writes go nowhere.
     BlockRebase(const char* in, const char* out, int video_pid, const kestrel::RebasePlan& plan)
         : m_in(in), m_out(open(out, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666)), m_pid(video_pid),
           m_stage(video_pid, nullptr, plan.mode, plan.offset, plan.level) {
         // All that is ever held, so that growing does not need it twice. Only what is used takes memory.
         m_bytes.reserve(LONGEST_WAIT + 2 * READ_BLOCK);
-        if (!m_out.valid())
-            LogUtil::Error(MODULE, "Cannot write %s: errno %d", out, errno);
     }
 
     // False at the first continuity error; what came before the video packet that was held back is written.
@@ -94,8 +93,10 @@ private:
             if (!m_checker.packetIsCool(packet, true))
                 return false;
             if (ts::pid(packet) != m_pid) {
-                if (m_saved != NONE && m_next - m_saved > LONGEST_WAIT)
+                if (m_saved != NONE && m_next - m_saved > LONGEST_WAIT) {
+                    unibuffer::warn_of_silence();
                     m_saved = NONE;
+                }
                 continue;
             }
             if (m_saved != NONE && ts::payload_unit_start(m_bytes.data() + m_saved)) {

@@ -34,7 +34,8 @@ public:
     [[nodiscard]] const unsigned char* gop_header() const noexcept { return at(m_kept.gop); }
     // Presentation time of the last PES packet looked into; absent (-1) when it has none.
     [[nodiscard]] PTS pts() const noexcept { return m_pts; }
-    // Fields of the pictures of the first GOP, as far as their headers were seen.
+    // Two for each picture of the first GOP whose header was seen, and what the picture coding extensions of
+    // any group add or take: one field less for a field picture, one to four more for what is repeated.
     [[nodiscard]] int field_counter() const noexcept { return m_field_counter; }
     // GOP headers seen so far, cut ones included.
     [[nodiscard]] int gop_count() const noexcept { return m_gop_count; }

@@ -15,14 +15,14 @@ public:
     // Stands at start_bit of s, which must outlive it; a negative start counts as 0.
     VBDecode(const byte_sequence& s, int start_bit) noexcept;
 
-    // The bit at a position, 0 or 1; the current position stays.
+    // The bit at a position, 0 or 1, and 0 before the first one; the current position stays.
     [[nodiscard]] int bit(int pos) const;
     // The bit at the current position, which moves on.
     int bit();
     // The count bits of b that end at bit index last, where index 0 is the most significant bit.
     static int subByte(unsigned char b, int last, int count) noexcept;
     // count bits (at most 64) from a position, the first one the most significant; 0 for a count of 0. The
-    // current position stays.
+    // current position stays. A negative position counts as 0.
     [[nodiscard]] std::int64_t long_(int pos, int count) const;
     // The same from the current position, which moves on.
     std::int64_t ulong(int count);
@@ -50,7 +50,7 @@ public:
     VBDecodePlus(byte_sequence& s, int start_bit) noexcept : VBDecode(s, start_bit), m_writable(s) {}
 
     // Writes the low count bits of value at a position; all other bits keep their values, and the current
-    // position stays.
+    // position stays. A negative position counts like any other: bits before bit 0 are not written.
     void set_uint(int pos, int count, int value);
 
 private:

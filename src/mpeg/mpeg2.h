@@ -164,7 +164,7 @@ bool get_repeat_first_field(const byte_sequence& extension);
 
 } // namespace PCE
 
-// Subtitle section, SCTE 27, subtitle_message() and its segmentation_overlay.
+// Subtitle section: SCTE 27, the syntax table of subtitle_message() and, in it, of the segmentation overlay.
 namespace SCTE27 {
 
 // section_length, 12 bits: bytes behind the field, CRC included.

@@ -34,10 +34,13 @@ byte_sequence* unibuffer::pes_beginning(unsigned char* saved, unsigned char* nex
     return std::make_unique<duo>(payload_view(saved), payload_view(next)).release();
 }
 
+void unibuffer::warn_of_silence() {
+    LogUtil::Warning("mpegParseLib", "PID silent for %zu packets: no longer waiting for it", max_intervening);
+}
+
 void unibuffer::queue_intervening(packet_mangler* next_stage, unsigned char* packet, long index) {
     if (m_has_saved && m_intervening.size() >= max_intervening) {
-        LogUtil::Warning("mpegParseLib", "PID silent for %zu packets: no longer waiting for it",
-                         m_intervening.size());
+        warn_of_silence();
         flush_buffer(next_stage, index);
     }
     if (m_has_saved)

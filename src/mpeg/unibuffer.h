@@ -52,6 +52,9 @@ public:
     // its packet leaves no payload. The caller deletes the view, and keeps both packets while it is used.
     static byte_sequence* pes_beginning(unsigned char* saved, unsigned char* next);
 
+    // Logs that the limit was met.
+    static void warn_of_silence();
+
     // Queues a copy while a packet is saved; otherwise passes the packet straight on.
     void queue_intervening(packet_mangler* next_stage, unsigned char* packet, long index);
     // Passes on the queued packets, oldest first, each with its own index.

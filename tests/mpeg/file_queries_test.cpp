@@ -158,10 +158,27 @@ TEST_F(Queries, ProfileAndLevelAreZeroWhereThereAreNone) {
         gop();
     EXPECT_TRUE(none(write())) << "H.264 comes first";
     maker = TsMaker();
+    maker.tables({{0x02, VIDEO}, {0x1B, VIDEO + 1}});
+    for (int i = 0; i < 3; ++i)
+        gop();
+    EXPECT_TRUE(none(write())) << "H.264 beside it";
+    maker = TsMaker();
+    maker.tables({{0x02, VIDEO}});
+    gop();
+    maker.map({{0x02, VIDEO}, {0x1B, VIDEO + 1}});
+    gop();
+    EXPECT_TRUE(none(write())) << "H.264 comes later";
+    maker = TsMaker();
     maker.tables({{0x01, VIDEO}});
     for (int i = 0; i < 3; ++i)
         maker.pes(VIDEO, pesHeader(1), sequenceHeader(352, 288, 3) + gopHeader(0, 0, 0, 0) + filler(500));
     EXPECT_TRUE(none(write())) << "MPEG-1 has no sequence extension";
+    maker = TsMaker();
+    maker.tables({{0x02, VIDEO}});
+    gop();
+    maker.pes(VIDEO, pesHeader(1), gopHeader(0, 0, 1, 0) + pictureHeader() + filler(500));
+    gop();
+    EXPECT_TRUE(none(write())) << "the second GOP has no sequence extension";
 }
 
 TEST_F(Queries, HdIsAnythingButLowAndMainLevel) {
@@ -303,18 +320,18 @@ TEST_F(Queries, HarnessPrintsProfileLevelAndSize) {
     using Result = std::pair<int, std::string>;
     gops(3, 3, 0x48);
     EXPECT_EQ(harness({"MpegWrapper", write()}),
-              Result(0, "Video Profile 4:\tMain\nVideo Level 8:\tMain\nThis is an SD file\n"));
+              Result(0, "Video Profile 4:\tMain\nVideo Level 8:\tMain\nThis is an SD file"));
     const struct {
         int indication;
         const char* text;
-    } rows[] = {{0x14, "Video Profile 1:\tHigh\nVideo Level 4:\tHigh\nThis is an HD file\n"},
-                {0x26, "Video Profile 2:\tSpatial\nVideo Level 6:\tHigh 1440\nThis is an HD file\n"},
-                {0x3A, "Video Profile 3:\tSNR\nVideo Level 10:\tLow\nThis is an SD file\n"},
-                {0x58, "Video Profile 5:\tSimple\nVideo Level 8:\tMain\nThis is an SD file\n"},
-                {0x8D, "Video Profile 6:\tMultiview\nVideo Level 8:\tMain\nThis is an SD file\n"},
-                {0x85, "Video Profile 7:\t422\nVideo Level 8:\tMain\nThis is an SD file\n"},
-                {0x81, "Video Profile 0:\tReserved\nVideo Level 0:\tReserved\nThis is an HD file\n"},
-                {0x43, "Video Profile 4:\tMain\nVideo Level 3:\t???\nThis is an HD file\n"}};
+    } rows[] = {{0x14, "Video Profile 1:\tHigh\nVideo Level 4:\tHigh\nThis is an HD file"},
+                {0x26, "Video Profile 2:\tSpatial\nVideo Level 6:\tHigh 1440\nThis is an HD file"},
+                {0x3A, "Video Profile 3:\tSNR\nVideo Level 10:\tLow\nThis is an SD file"},
+                {0x58, "Video Profile 5:\tSimple\nVideo Level 8:\tMain\nThis is an SD file"},
+                {0x8D, "Video Profile 6:\tMultiview\nVideo Level 8:\tMain\nThis is an SD file"},
+                {0x85, "Video Profile 7:\t422\nVideo Level 8:\tMain\nThis is an SD file"},
+                {0x81, "Video Profile 0:\tReserved\nVideo Level 0:\tReserved\nThis is an HD file"},
+                {0x43, "Video Profile 4:\tMain\nVideo Level 3:\t???\nThis is an HD file"}};
     for (const auto& row : rows) {
         maker = TsMaker();
         gops(3, 3, row.indication);

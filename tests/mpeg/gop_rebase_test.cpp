@@ -312,9 +312,15 @@ TEST_F(RebaseFile, AFileIsNotRebasedOntoItself) {
 
 TEST_F(RebaseFile, AnOutputThatCannotBeMadeIsNotReported) {
     longStream(50);
+    LogUtil::GetInstance();
+    std::ostringstream log;
+    LogUtil::GetInstance()->addStreamLogger(&log);
     EXPECT_EQ(
         gop_rebase::rebaseFile(maker.write(directory).c_str(), directory.path("no/such/out.ts").c_str(), 0),
         0);
+    LogUtil::Cleanup();
+    for (const char* level : {":Error]", ":Warning]", ":Info]"})
+        EXPECT_EQ(log.str().find(level), std::string::npos) << level;
 }
 
 TEST_F(RebaseFile, AVideoPidThatFallsSilentDoesNotTakeAllMemory) {

@@ -74,6 +74,11 @@ TEST_F(GrabVideo, FieldsOfTheFirstGopAreCounted) {
     EXPECT_EQ(grabber.field_counter(), 0);
     feedPes(pictureHeader());
     EXPECT_EQ(grabber.field_counter(), 0) << "no GOP yet";
+    // What an extension says of a picture counts in any group, though its picture does not.
+    feedPes(pictureHeader() + pictureCodingExtension(1, false, false));
+    EXPECT_EQ(grabber.field_counter(), -1) << "a field picture before any GOP";
+    feedPes(pictureHeader() + pictureCodingExtension(3, true, true));
+    EXPECT_EQ(grabber.field_counter(), 0) << "one field repeated before any GOP";
     feedPes(gopHeader(0, 0, 0, 0) + pictureHeader());
     EXPECT_EQ(grabber.field_counter(), 2);
     feedPes(pictureHeader() + pictureCodingExtension(3, true, false));
@@ -84,6 +89,8 @@ TEST_F(GrabVideo, FieldsOfTheFirstGopAreCounted) {
     EXPECT_EQ(grabber.field_counter(), 8) << "one field repeated";
     feedPes(gopHeader(0, 0, 0, 0) + pictureHeader());
     EXPECT_EQ(grabber.field_counter(), 8) << "the second GOP";
+    feedPes(pictureHeader() + pictureCodingExtension(3, true, true));
+    EXPECT_EQ(grabber.field_counter(), 9) << "one field repeated in the second GOP";
 }
 
 TEST_F(GrabVideo, AProgressiveSequenceRepeatsWholeFrames) {

@@ -206,6 +206,22 @@ TEST_F(QueryLimits, APipeWhoseWriterIsSilentHasNoTimesAndNoPackets) {
     close(reader);
 }
 
+TEST_F(QueryLimits, APacketReaderGivesASilentPipeUpAfterFiveSeconds) {
+    const std::string path = directory.path("fifo");
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    const int keeper = open(path.c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_GE(keeper, 0);
+    gops(1);
+    ASSERT_EQ(::write(keeper, maker.bytes.data(), 2 * 188), 2 * 188);
+    ts_file source(path.c_str());
+    EXPECT_NE(source.get_ts(), nullptr);
+    EXPECT_NE(source.get_ts(), nullptr);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(source.get_ts(), nullptr) << "nothing more comes, though a writer is there";
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+    close(keeper);
+}
+
 // --- continuity failures on the way
 
 TEST_F(QueryLimits, AContinuityFailureIsToldByTheCheckerAndByTheDimensionsOnly) {

@@ -132,7 +132,18 @@ TEST_F(FileAgainstStages, OnAVideoPidThatFallsSilent) {
                                other.bytes.begin() + static_cast<long>(i % 16 * 188 + 188));
         maker.pes(VIDEO, pesHeader(2), filler(20));
         SCOPED_TRACE(waiting);
+        LogUtil::GetInstance();
+        std::ostringstream log;
+        LogUtil::GetInstance()->addStreamLogger(&log);
         expectTheSame();
+        LogUtil::Cleanup();
+        const std::string line =
+            "[mpegParseLib:Warning] PID silent for 49152 packets: no longer waiting for it";
+        const std::string lines = log.str();
+        const std::size_t first = lines.find(line);
+        const bool told = waiting > unibuffer::max_intervening;
+        EXPECT_EQ(first != std::string::npos, told);
+        EXPECT_EQ(told && lines.find(line, first + 1) != std::string::npos, told) << "by both, or by neither";
         const std::string out = bytesOf(outPath());
         const bool rewritten =
             !std::equal(out.begin(), out.begin() + 188, reinterpret_cast<const char*>(maker.bytes.data()));
