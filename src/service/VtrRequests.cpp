@@ -1,10 +1,13 @@
 // The deck requests.
+#include "foundation/ErrorCodes.h"
 #include "foundation/FixedText.h"
 #include "service/ManagerLib.h"
 #include "service/RequestMessages.h"
 
 #include <cstdlib>
 #include <cstring>
+#include <span>
+#include <string>
 
 namespace {
 
@@ -33,6 +36,9 @@ const CommandWord* findCommand(const char* word) {
     return nullptr;
 }
 
+// Of a name that no deck can have, as much as is told back.
+constexpr std::size_t LONGEST_PORT_SHOWN = 100;
+
 // A decimal number, limited to 32 bits; 0 for a text that is none.
 std::int32_t decimal(const char* text) {
     const long value = std::strtol(text, nullptr, 10);
@@ -42,10 +48,17 @@ std::int32_t decimal(const char* text) {
 } // namespace
 
 VtrRequest::VtrRequest(MessageType type, char args[][300], int count) : Message(type) {
-    if (count < 2)
+    if (count < 2) {
         kestrel::copyText(errorText, "Invalid VTR Request.  Port argument not specified");
-    else
-        kestrel::copyText(command.serialPort, args[1]);
+        return;
+    }
+    // A cut name could be that of another deck.
+    if (!kestrel::copyText(command.serialPort, args[1])) {
+        const std::string port(args[1], 0, LONGEST_PORT_SHOWN);
+        kestrel::formatText(errorText, LOG_MSG(kestrel::error::vtrNotConnected), port.c_str());
+        kestrel::formatText(std::span(errorText).subspan(std::strlen(errorText)),
+                            " (a port's name has at most %zu characters)", sizeof command.serialPort - 1);
+    }
 }
 
 bool VtrRequest::process() {

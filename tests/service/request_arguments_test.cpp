@@ -208,11 +208,27 @@ TEST(VtrArguments, TheFirstFailingCheckWins) {
         << "the timecode is the argument after the speed";
 }
 
-TEST(VtrArguments, LongTextsAreCutAtTheRecordsFields) {
+TEST(VtrArguments, APortThatNoDeckCanHaveIsRefusedRatherThanCut) {
+    const auto fits = request({"VTR_SEEKING", "12345678901"});
+    EXPECT_TRUE(fits->isValid());
+    EXPECT_STREQ(as<VtrRequest>(fits).command.serialPort, "12345678901");
+    // Cut, it would be the port of another deck.
+    for (const char* word : {"VTR_SEEKING", "VTR_CURRENT_TIME", "VTR_CMD"}) {
+        const auto message = request({word, "/dev/ttyS100", "0", "Rewind"});
+        EXPECT_FALSE(message->isValid());
+        EXPECT_STREQ(message->errorText,
+                     "Error: Could not connect to VTR at /dev/ttyS100. (a port's name has at "
+                     "most 11 characters)");
+    }
+    const auto longest = request({"VTR_SEEKING", std::string(299, 'p')});
+    EXPECT_EQ(longest->errorText, "Error: Could not connect to VTR at " + std::string(100, 'p') +
+                                      ". (a port's name has at most 11 characters)");
+}
+
+TEST(VtrArguments, ALongTimecodeIsCutAtTheRecordsField) {
     const std::string text(299, 't');
-    const auto message = request({"VTR_CMD", text, "0", "GoTo", "0", text});
+    const auto message = request({"VTR_CMD", "COM1", "0", "GoTo", "0", text});
     const _VTRCmdData& command = as<VtrRequest>(message).command;
-    EXPECT_EQ(command.serialPort, std::string(sizeof command.serialPort - 1, 't'));
     EXPECT_EQ(command.timecode, std::string(sizeof command.timecode - 1, 't'));
 }
 
