@@ -67,6 +67,20 @@ TEST(ByteSequenceDeathTest, ACompositeStopsHardBeyondItsEnd) {
     EXPECT_DEATH(composite[40], "");
 }
 
+TEST(ByteSequenceDeathTest, ACompositeOfTwoStopsHardBehindTheSecond) {
+    Bytes first = counting(40);
+    Bytes second = counting(50, 40);
+    second.resize(60, 0xEE); // there is more behind the piece
+    array_byte_sequence a = view(first);
+    array_byte_sequence b(second.data(), 50);
+    frankenstein_byte_sequence composite;
+    composite.append(a);
+    composite.append(b);
+    EXPECT_EQ(composite[89], 89);
+    EXPECT_DEATH(composite[90], "");
+    EXPECT_DEATH(composite[91], "");
+}
+
 TEST(ByteSequence, TwoPayloadsReadAsOne) {
     Bytes first = counting(3);
     Bytes second = counting(2, 3);

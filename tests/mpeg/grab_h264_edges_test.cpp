@@ -123,6 +123,18 @@ TEST_F(GrabberEdges, APrefixAtTheVeryEndHasNoUnit) {
     EXPECT_EQ(grabber.slice_counter(), 2) << "a header alone is one";
 }
 
+TEST_F(GrabberEdges, APrefixRightBehindAHeaderAtTheVeryEndHasNoUnitEither) {
+    // The search begins at this prefix and finds it whole: what would be its header is behind the packet,
+    // where another slice seems to stand.
+    TsMaker maker;
+    maker.packet(VIDEO, true, pesHeader(1) + shortSps(9) + Bytes{0, 0, 1, 0x41, 0, 0, 1});
+    Bytes memory = maker.bytes + Bytes(50, 0x41);
+    grab_h264_header grabber(VIDEO, 0);
+    grabber.process(memory.data(), 0);
+    EXPECT_EQ(grabber.sps_count(), 1);
+    EXPECT_EQ(grabber.slice_counter(), 2);
+}
+
 TEST_F(GrabberEdges, UnitsOfAHeaderAloneStandSideBySide) {
     grab_h264_header grabber(VIDEO, 0);
     feed(grabber, pesHeader(1) + shortSps(9) + Bytes{0, 0, 1, 0x41, 0, 0, 1, 0x65, 0, 0, 1, 0x41, 0xAA});

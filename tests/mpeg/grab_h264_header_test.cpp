@@ -85,15 +85,34 @@ TEST_F(GrabH264, CountsSlicesWhileExactlyOneSetWasSeen) {
 }
 
 TEST_F(GrabH264, OtherPacketsAreIgnored) {
-    maker.pes(VIDEO + 1, pesHeader(3600), sps(5)); // another PID
-    maker.packet(VIDEO, false, sps(5));            // nothing begins
+    maker.pes(VIDEO + 1, pesHeader(3600), sps(5));        // another PID
+    maker.packet(VIDEO, false, pesHeader(3600) + sps(5)); // nothing begins
     feed();
-    Bytes empty{0x47, 0x41, 0x00, 0x20, 183};
-    empty.resize(188, 0xFF);
-    grabber.process(empty.data(), 0); // no payload
     EXPECT_EQ(grabber.sps_count(), 0);
     EXPECT_EQ(grabber.pts(), PTS(-1));
+    maker.packet(VIDEO, true, pesHeader(3600) + sps(5));
+    feed();
+    EXPECT_EQ(grabber.sps_count(), 1) << "the same one, where it does begin";
+    EXPECT_EQ(grabber.pts(), PTS::from_ticks(3600));
     grabber.flush(0);
+    EXPECT_EQ(grabber.sps_count(), 1) << "nothing is held back";
+}
+
+TEST_F(GrabH264, BytesBehindAnAdaptationFieldAreNoneWithoutThePayloadFlag) {
+    feedPes(sps(5), 3600);
+    ASSERT_EQ(grabber.pts(), PTS::from_ticks(3600));
+    // A short adaptation field, and behind it what would be a PES packet with a parameter set.
+    Bytes packet = Bytes{0x47, 0x41, 0x00, 0x20, 1, 0x00} + pesHeader(7200) + sps(7);
+    packet.resize(188, 0xFF);
+    Bytes flagged = packet;
+    grabber.process(packet.data(), 0);
+    EXPECT_EQ(grabber.sps_count(), 1);
+    EXPECT_EQ(grabber.sps().log2_max_frame_num_minus4, 5);
+    EXPECT_EQ(grabber.pts(), PTS::from_ticks(3600));
+    flagged[3] = 0x30;
+    grabber.process(flagged.data(), 1);
+    EXPECT_EQ(grabber.sps_count(), 2) << "the flag is all that was missing";
+    EXPECT_EQ(grabber.pts(), PTS::from_ticks(7200));
 }
 
 TEST_F(GrabH264, OnlyThePacketInWhichThePesBeginsIsSeen) {
@@ -115,6 +134,16 @@ TEST_F(GrabH264, PictureTimingWithATimestampIsNoticed) {
     EXPECT_FALSE(grabber.has_time_code()) << "another message";
     feedPes(sei(1, picTiming(true)) + slice());
     EXPECT_TRUE(grabber.has_time_code());
+}
+
+TEST_F(GrabH264, ATimestampOnceSeenStaysSeen) {
+    feedPes(sei(1, picTiming(true)) + slice());
+    feedPes(sei(1, picTiming(true)) + slice());
+    EXPECT_TRUE(grabber.has_time_code());
+    feedPes(sei(1, picTiming(false)) + slice());
+    EXPECT_TRUE(grabber.has_time_code()) << "a message without one does not take it back";
+    feedPes(sps(5) + slice());
+    EXPECT_TRUE(grabber.has_time_code()) << "nor does another parameter set";
 }
 
 TEST_F(GrabH264, TheNextMessageIsLookedForByThePayloadSizeAlone) {

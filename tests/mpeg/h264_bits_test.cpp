@@ -4,6 +4,7 @@
 #include "ts_maker.h"
 
 #include <gtest/gtest.h>
+#include <limits>
 #include <random>
 
 namespace {
@@ -98,6 +99,20 @@ TEST(BitReader, BitsPastTheEndAreZeroAndReadingEnds) {
     SUCCEED() << "zeros for ever end";
 }
 
+TEST(BitReader, ANegativePositionIsTheFirstBitForAFieldAndNoneForABit) {
+    Bytes bytes{0xA5, 0x3C};
+    const auto s = view(bytes);
+    VBDecode bits(s, -5);
+    EXPECT_EQ(bits.position(), 0);
+    EXPECT_EQ(bits.long_(-3, 8), 0xA5) << "eight bits from bit 0 on";
+    EXPECT_EQ(bits.integer(-1'000, 12), 0xA53);
+    EXPECT_EQ(bits.long_(std::numeric_limits<int>::min(), 16), 0xA53C);
+    for (const int pos : {-1, -8, -9, std::numeric_limits<int>::min()})
+        EXPECT_EQ(bits.bit(pos), 0) << pos;
+    EXPECT_EQ(bits.uint(8), 0xA5) << "and goes on from there";
+    EXPECT_EQ(bits.position(), 8);
+}
+
 TEST(BitReader, AnExpGolombCodeWithThirtyTwoZerosIsReadToItsEnd) {
     // One more zero than the standard has use for: 2^32 - 1 + 2, truncated, and what follows is in step.
     Bytes bytes = BitString().u(32, 0).u(1, 1).u(32, 2).u(8, 0xA5).bytes();
@@ -149,6 +164,10 @@ TEST(BitWriter, WritesNothingOutsideTheView) {
     bytes[1] = 0;
     bits.set_uint(6, 32, -1);
     EXPECT_EQ(bytes, (Bytes{0, 0x03, 0}));
+    bits.set_uint(-4, 16, 0x5A3C);
+    EXPECT_EQ(bytes, (Bytes{0, 0xA3, 0})) << "counted from -4: four bits before the view, four behind it";
+    bits.set_uint(-8, 8, 0xFF);
+    EXPECT_EQ(bytes, (Bytes{0, 0xA3, 0}));
 }
 
 } // namespace

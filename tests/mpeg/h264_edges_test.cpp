@@ -147,6 +147,71 @@ TEST(ParameterSetProfiles, NoOtherHighOneIsRecognised) {
     }
 }
 
+// 4:4:4 in separate planes (7.3.2.1.1): such a parameter set announces colour_plane_id in every slice header.
+SequenceParameterSet separatePlanes() {
+    Bytes bytes = BitString()
+                      .u(8, 100)
+                      .u(16, 40)
+                      .ue(0)
+                      .ue(3)
+                      .u(1, 1) // separate_colour_plane_flag
+                      .ue(0)
+                      .ue(0)
+                      .u(2, 0)
+                      .ue(2)
+                      .ue(0)
+                      .ue(4)
+                      .ue(1)
+                      .u(1, 0)
+                      .ue(119)
+                      .ue(33)
+                      .u(1, 0)
+                      .u(1, 0)
+                      .u(1, 1)
+                      .u(1, 0)
+                      .u(1, 0)
+                      .bytes();
+    auto s = view(bytes);
+    return {s, 0};
+}
+
+TEST(SeparatePlanes, AColourPlaneIsNeverReadWhateverTheParameterSetAnnounced) {
+    const SequenceParameterSet sps = separatePlanes();
+    EXPECT_EQ(fields(sps), std::tuple(2, 0, 4, false, 3003LL, 180'000LL));
+    const auto slice = [](int planes, unsigned plane, unsigned lsb) {
+        return BitString()
+            .ue(17)
+            .ue(7)
+            .ue(1)
+            .u(planes, plane)
+            .u(6, 0b100110)
+            .u(1, 1)
+            .u(1, 0)
+            .u(8, lsb)
+            .u(16, 0xA5A5);
+    };
+    // Without it the fields are where they are looked for.
+    Bytes plain = slice(0, 0, 0xC3).bytes();
+    auto s = view(plain);
+    SliceHeader header(s, 0, sps, 1);
+    EXPECT_EQ(fields(header), std::tuple(17, 7, 1, 0xC3));
+    header.set_pic_order_cnt_lsb(0x3C);
+    EXPECT_EQ(plain, slice(0, 0, 0x3C).bytes());
+    // With it its two bits are the top of frame_num, and everything behind comes two bits late: of 100110 the
+    // low two bits are taken for the field flags, of the flags 10 and 11000011 the first eight for the lsb.
+    for (unsigned plane = 0; plane < 3; ++plane) {
+        Bytes bytes = slice(2, plane, 0xC3).bytes();
+        const Bytes before = bytes;
+        auto shifted = view(bytes);
+        SliceHeader late(shifted, 0, sps, 1);
+        EXPECT_EQ(fields(late), std::tuple(17, 7, 1, 0b10110000)) << plane;
+        late.set_pic_order_cnt_lsb(0b10110000);
+        EXPECT_EQ(bytes, before) << "and written in the same place";
+        late.set_pic_order_cnt_lsb(0b10001111);
+        EXPECT_EQ(bytes, slice(2, plane, 0b00111111).bytes());
+    }
+}
+
 TEST(ScalingMatrix, OneTextForEachListAndEightFlagsOnly) {
     for (const unsigned flags : {0x00U, 0x01U, 0x80U, 0x5AU, 0xFFU})
         for (const int chroma : {1, 3}) {

@@ -125,15 +125,17 @@ TEST(ParameterSet, TimingOfThirtyTwoBitsIsKeptWhole) {
 }
 
 TEST(ParameterSet, AnotherPocTypeEndsTheParsing) {
-    BitString bits = start(77, 9, 2);
-    bits.ue(3).u(32, 0xFFFFFFFF);
-    const SequenceParameterSet sps = parse(bits);
-    EXPECT_EQ(sps.log2_max_frame_num_minus4, 9);
-    EXPECT_EQ(sps.pic_order_cnt_type, 2);
-    EXPECT_EQ(sps.log2_max_pic_order_cnt_lsb_minus4, -1);
-    EXPECT_FALSE(sps.frame_mbs_only_flag);
-    EXPECT_EQ(sps.num_units_in_tick, -1);
-    EXPECT_EQ(sps.time_scale, -1);
+    for (const int type : {1, 2, 3}) { // 3 is none of the standard's
+        BitString bits = start(77, 9, type);
+        bits.ue(3).u(32, 0xFFFFFFFF);
+        const SequenceParameterSet sps = parse(bits);
+        EXPECT_EQ(sps.log2_max_frame_num_minus4, 9);
+        EXPECT_EQ(sps.pic_order_cnt_type, type);
+        EXPECT_EQ(sps.log2_max_pic_order_cnt_lsb_minus4, -1) << type;
+        EXPECT_FALSE(sps.frame_mbs_only_flag) << type;
+        EXPECT_EQ(sps.num_units_in_tick, -1) << type;
+        EXPECT_EQ(sps.time_scale, -1) << type;
+    }
 }
 
 TEST(ParameterSet, OnlyFourHighProfilesAreRecognised) {
@@ -302,8 +304,8 @@ SequenceParameterSet spsOf(const Slice& shape) {
 
 TEST(SliceHeaders, AreReadAndRewrittenInEveryShape) {
     for (const bool frameMbsOnly : {true, false})
-        for (const int pocType : {0, 1, 2})
-            for (const int nalType : {1, 5})
+        for (const int pocType : {-1, 0, 1, 2, 3})
+            for (const int nalType : {1, 4, 5, 6, 20})
                 for (const bool field : {false, true}) {
                     if (frameMbsOnly && field)
                         continue;
@@ -324,6 +326,18 @@ TEST(SliceHeaders, AreReadAndRewrittenInEveryShape) {
                     EXPECT_EQ(bytes, sliceBytes(shape, 0x3C).first) << "only the field, at bit " << position;
                     EXPECT_EQ(header.pic_order_cnt_lsb, 0x3C);
                 }
+}
+
+TEST(SliceHeaders, OfAParameterSetThatWasNeverReadAreNotWritten) {
+    Bytes bytes(16, 0x5A);
+    const Bytes original = bytes;
+    auto s = view(bytes);
+    SliceHeader header(s, 0, SequenceParameterSet(), 5);
+    EXPECT_EQ(header.pic_order_cnt_lsb, -1);
+    header.set_pic_order_cnt_lsb(0);
+    header.set_pic_order_cnt_lsb(-1);
+    EXPECT_EQ(bytes, original);
+    EXPECT_EQ(header.pic_order_cnt_lsb, -1);
 }
 
 TEST(SliceHeaders, ACutOneNeverReadsOrWritesOutside) {

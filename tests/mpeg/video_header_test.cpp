@@ -28,6 +28,24 @@ TEST(SequenceHeader, TheFrameRateCodeGivesTheDurationOfAFrame) {
     }
 }
 
+TEST(SequenceHeader, NoOtherCodeHasADuration) {
+    for (const int code : {std::numeric_limits<int>::min(), -1, 0, 9, 10, 11, 12, 13, 14, 15, 16,
+                           std::numeric_limits<int>::max()})
+        EXPECT_EQ(MPEG::SH::decode_PCRs_per_frame(code), -1) << code;
+}
+
+TEST(SequenceHeader, TheAspectRatioBesideTheCodeDoesNotCount) {
+    for (int aspect = 0; aspect < 16; ++aspect)
+        for (int code = 0; code < 16; ++code) {
+            const View header(
+                {0, 0, 1, 0xB3, 0x2D, 0x02, 0x40, static_cast<unsigned char>(aspect << 4 | code)});
+            const int duration = MPEG::SH::decode_PCRs_per_frame(code);
+            EXPECT_EQ(MPEG::SH::get_frame_rate_code(header.sequence), code) << aspect;
+            EXPECT_EQ(MPEG::SH::get_PCRs_per_frame(header.sequence), duration) << aspect << ' ' << code;
+            EXPECT_EQ(MPEG::SH::get_PCRs_per_frame(header.bytes.data()), duration) << aspect << ' ' << code;
+        }
+}
+
 TEST(SequenceExtension, IdAndProgressiveFlag) {
     EXPECT_EQ(MPEG::SED::get_extension_id(View({0, 0, 1, 0xB5, 0x14, 0x8A}).sequence), 1);
     EXPECT_TRUE(MPEG::SED::get_progressive_sequence(View({0, 0, 1, 0xB5, 0x14, 0x08}).sequence));
