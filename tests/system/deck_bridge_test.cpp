@@ -133,6 +133,16 @@ TEST_F(DeckBridge, AnAnswerOfAnotherDeckIsDropped) {
     EXPECT_THAT(service.log(), HasSubstr("An answer of the VTR process has 6 bytes, 488 were expected."));
 }
 
+TEST_F(DeckBridge, AnAnswerOfTheSameDeckToAnotherKindOfRequestIsDropped) {
+    start("--other-kind");
+    EXPECT_EQ(service.ask("VTR_CURRENT_TIME,COM1"), "TRUE - 01:02:03:04");
+    EXPECT_EQ(service.ask("VTR_SEEKING,COM1"), "TRUE - TRUE");
+    EXPECT_THAT(service.log(),
+                HasSubstr("A late answer of the VTR process is dropped: command 7, port COM1"));
+    EXPECT_THAT(service.log(),
+                HasSubstr("A late answer of the VTR process is dropped: command 6, port COM1"));
+}
+
 TEST_F(DeckBridge, ADeckThatDoesNotAnswerIsATimeoutAndItsLateAnswerIsDropped) {
     start("--ignore 1 --late");
     // The second waits for the first, and is then answered, not with what was meant for the first.

@@ -5,6 +5,7 @@
 //   --ignore N           do not answer the first N requests
 //   --late               answer the ignored requests, too, right before the next answer
 //   --other-port         precede each answer by one of another deck
+//   --other-kind         precede each answer by one of the same deck to a request of another kind
 //   --noise              precede each answer by messages that are none
 //   --exit-on N:CODE     end with that code on the Nth request, counted over all lives in the file COUNT
 //   --count FILE         where the requests are counted
@@ -29,7 +30,7 @@ namespace {
 struct Options {
     std::string record, count, errorText, in, out;
     int errorCode = 0, ignore = 0, exitOn = 0, exitCode = 0;
-    bool late = false, otherPort = false, noise = false, deaf = false, stubborn = false;
+    bool late = false, otherPort = false, otherKind = false, noise = false, deaf = false, stubborn = false;
 };
 
 std::pair<int, std::string> numberAndText(const std::string& text) {
@@ -62,6 +63,7 @@ Options read(int argc, char** argv) {
             value();
         options.late |= word == "--late";
         options.otherPort |= word == "--other-port";
+        options.otherKind |= word == "--other-kind";
         options.noise |= word == "--noise";
         options.deaf |= word == "--deaf";
         options.stubborn |= word == "--stubborn";
@@ -103,6 +105,13 @@ void answer(const Options& options, mqd_t out, _VTRCmdData record) {
     if (options.otherPort) {
         _VTRCmdData other = record;
         std::strcpy(other.serialPort, "COM9");
+        std::strcpy(other.timecode, "09:09:09:09");
+        send(out, 9, &other, sizeof other);
+    }
+    if (options.otherKind) {
+        _VTRCmdData other = record;
+        other.commandKind = record.commandKind == 6 ? 7 : 6;
+        other.seeking = record.seeking == 0 ? 1 : 0;
         std::strcpy(other.timecode, "09:09:09:09");
         send(out, 9, &other, sizeof other);
     }
