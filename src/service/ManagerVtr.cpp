@@ -7,6 +7,7 @@
 #include "foundation/PosixWrappers.h"
 #include "jobs/JobLauncher.h"
 #include "service/ManagerLib.h"
+#include "service/RestartPause.h"
 
 #include <algorithm>
 #include <array>
@@ -30,9 +31,6 @@ constexpr int END_TERMINATED_MS = 3'000;
 constexpr int LOOK_MS = 100;
 // Requests of workers that may wait for their answers at once.
 constexpr std::size_t MOST_RELAYED = 64;
-// Pauses between the end of a process and the next start.
-constexpr std::chrono::seconds FIRST_PAUSE{1};
-constexpr std::chrono::seconds LONGEST_PAUSE{60};
 
 int asCode(long code) {
     return static_cast<int>(code);
@@ -115,7 +113,7 @@ void CManagerLib::watchDeckProcess() {
     using Clock = std::chrono::steady_clock;
     Clock::time_point started = Clock::now();
     Clock::time_point nextStart{};
-    std::chrono::seconds pause = FIRST_PAUSE;
+    kestrel::RestartPause restart;
     while (!m_shutdown) {
         int waitMs = -1;
         if (!m_deckProcess.running()) {
@@ -133,8 +131,7 @@ void CManagerLib::watchDeckProcess() {
             break;
         if (const auto end = m_deckProcess.takeEnd()) {
             m_deckRunning = false;
-            if (Clock::now() - started > LONGEST_PAUSE)
-                pause = FIRST_PAUSE;
+            const std::chrono::seconds pause = restart.after(Clock::now() - started);
             LogUtil::Error(MODULE, "VTR process ended %s. It is started again in %d seconds.", end->c_str(),
                            static_cast<int>(pause.count()));
             takeDeckAnswers(); // what it sent last still counts
@@ -142,14 +139,11 @@ void CManagerLib::watchDeckProcess() {
             // What it has not read must not be carried out by the next one, who knows how much later.
             dropDeckRequests();
             nextStart = Clock::now() + pause;
-            pause = std::min(pause * 2, LONGEST_PAUSE);
         } else if (!m_deckProcess.running() && Clock::now() >= nextStart) {
             started = Clock::now();
             dropDeckRequests(); // of a sender that had not seen the end yet
-            if (!startDeckProcess()) {
-                nextStart = started + pause;
-                pause = std::min(pause * 2, LONGEST_PAUSE);
-            }
+            if (!startDeckProcess())
+                nextStart = started + restart.after(Clock::duration::zero());
         }
     }
     failPendingVtrRequest("Error: The service is shutting down.");
