@@ -12,6 +12,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdint>
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
@@ -62,15 +63,17 @@ long setSignalMask(const SignalSet* mask, SignalSet* old) noexcept {
 }
 
 // Between vfork and exec the child lives in the parent's memory, so all it does from here on is system calls:
-// nothing that a library or a sanitizer keeps a record of.
-void closePrivateDescriptors() noexcept {
-    if (::syscall(SYS_close_range, firstPrivateFd, ~0U, 0) == 0)
+// nothing that a library or a sanitizer keeps a record of. kept is left open (-1: none).
+void closePrivateDescriptors(int kept) noexcept {
+    const bool below = kept <= firstPrivateFd || ::syscall(SYS_close_range, firstPrivateFd, kept - 1, 0) == 0;
+    if (below && ::syscall(SYS_close_range, std::max(kept + 1, firstPrivateFd), ~0U, 0) == 0)
         return;
     constexpr rlim_t highest = rlim_t{1} << 20;
     rlimit limit{};
     const rlim_t end = ::getrlimit(RLIMIT_NOFILE, &limit) == 0 ? std::min(limit.rlim_cur, highest) : highest;
     for (int fd = firstPrivateFd; fd < static_cast<int>(end); ++fd)
-        ::syscall(SYS_close, fd);
+        if (fd != kept)
+            ::syscall(SYS_close, fd);
 }
 
 // An ignored signal stays ignored across exec, and an inherited handler must not run in shared memory once
@@ -84,22 +87,53 @@ void restoreSignals() noexcept {
     setSignalMask(&none, nullptr);
 }
 
-[[noreturn]] void becomeProgram(const char* file, char* const* argv) noexcept {
+// report is closed by a successful exec; else it takes the errno of the failed one. -1: nobody asks.
+[[noreturn]] void becomeProgram(const char* file, char* const* argv, int report) noexcept {
     restoreSignals();
     // Ctrl-C at the terminal of a service run by hand ends the service, not the recordings under it.
     ::setpgid(0, 0);
-    closePrivateDescriptors();
+    closePrivateDescriptors(report);
     ::execvp(file, argv);
+    const int reason = errno;
+    if (report >= 0)
+        ::syscall(SYS_write, report, &reason, sizeof reason);
     while (true)
         ::syscall(SYS_exit_group, execFailedCode);
 }
 
 // A large parent's page tables are not copied only to be thrown away by exec. Kept apart and without
 // variables of its own, because both processes run on this stack.
-[[gnu::noinline]] pid_t startChild(const char* file, char* const* argv) noexcept {
+[[gnu::noinline]] pid_t startChild(const char* file, char* const* argv, int report) noexcept {
     const pid_t pid = ::vfork();
     if (pid == 0)
-        becomeProgram(file, argv);
+        becomeProgram(file, argv, report);
+    return pid;
+}
+
+// What the child writes of its failed exec; 0 when the program runs. Waits no longer than for the exec.
+int readReport(int fd) noexcept {
+    int reason = 0;
+    ssize_t count = 0;
+    while ((count = ::read(fd, &reason, sizeof reason)) < 0 && errno == EINTR) {
+    }
+    return count == static_cast<ssize_t>(sizeof reason) ? reason : 0;
+}
+
+// The child on its way to the program; report as in becomeProgram.
+pid_t run(const char* file, char** argv, int report, int& err) noexcept {
+    // Nothing to run is a program that cannot be executed like any other.
+    if (file == nullptr)
+        file = "";
+    char* const fileAlone[] = {const_cast<char*>(file), nullptr};
+    // No handler of this process may run in the child while it shares our memory.
+    const SignalSet all = ~SignalSet{0};
+    SignalSet before = 0;
+    setSignalMask(&all, &before);
+    const pid_t pid = startChild(file, argv != nullptr ? argv : fileAlone, report);
+    const int failure = errno;
+    setSignalMask(&before, nullptr);
+    // What went wrong in the child shows as its exit code, never here.
+    err = pid < 0 ? failure : 0;
     return pid;
 }
 
@@ -168,24 +202,27 @@ Watch watchChild(pid_t pid, int pidFd, Clock::time_point deadline, bool* abort, 
 } // namespace
 
 int AppLaunchUtil::runCmd(const char* file, char** argv, int& err) noexcept {
-    // Nothing to run is a program that cannot be executed like any other.
-    if (file == nullptr)
-        file = "";
-    char* const fileAlone[] = {const_cast<char*>(file), nullptr};
-    // No handler of this process may run in the child while it shares our memory.
-    const SignalSet all = ~SignalSet{0};
-    SignalSet before = 0;
-    setSignalMask(&all, &before);
-    const pid_t pid = startChild(file, argv != nullptr ? argv : fileAlone);
-    const int failure = errno;
-    setSignalMask(&before, nullptr);
-    // What went wrong in the child shows as its exit code, never here.
-    err = pid < 0 ? failure : 0;
-    return pid;
+    return run(file, argv, -1, err);
 }
 
 int AppLaunchUtil::runCmd(kestrel::ArgumentVector& arguments, int& err) noexcept {
     return runCmd(arguments.file(), arguments.argv(), err);
+}
+
+int AppLaunchUtil::runCmd(kestrel::ArgumentVector& arguments, int& err, int& execError) noexcept {
+    execError = 0;
+    int ends[2] = {-1, -1};
+    // Where no descriptor is left the program is started all the same, and a failure is told by its exit code
+    // alone.
+    if (::pipe2(ends, O_CLOEXEC) != 0)
+        return runCmd(arguments, err);
+    const kestrel::UniqueFd reader(ends[0]);
+    kestrel::UniqueFd writer(ends[1]);
+    const pid_t pid = run(arguments.file(), arguments.argv(), writer.get(), err);
+    writer.reset();
+    if (pid > 0)
+        execError = readReport(reader.get());
+    return pid;
 }
 
 int AppLaunchUtil::LaunchApplication(char* cmdLine, int timeoutSecs, bool* abort, int* exitCode) {

@@ -62,6 +62,10 @@ public:
     // The same with an owned argument vector, whose first argument is the program.
     static int runCmd(kestrel::ArgumentVector& arguments, int& err) noexcept;
 
+    // The same, and why the child could not execute the program in execError: 0 when it runs, and where the
+    // system has no descriptors left to ask with.
+    static int runCmd(kestrel::ArgumentVector& arguments, int& err, int& execError) noexcept;
+
     // Runs a command line and waits at most timeoutSecs seconds for its end, or until *abort (may be null;
     // read atomically) is seen. Returns 0 when it ended or was stopped, with its exit code in *exitCode (may
     // be null; 0 when it was ended by a signal or stopped); -1 when it could not be started; -2 when it is

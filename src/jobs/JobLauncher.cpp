@@ -61,6 +61,15 @@ void reportQueueFailure(Job& job, const char* queueName, int failure) {
     job.setResults(text);
 }
 
+// Why there is no program to watch: the exit code alone, 255, says nothing of it. The worker has not sent
+// results and will not.
+void reportExecFailure(Job& job, const char* program, int reason) {
+    char text[sizeof job.results];
+    formatText(text, "Error: Could not run %s: errno %d (%s).", program, reason, std::strerror(reason));
+    LogUtil::Error(category, "%s", text);
+    job.setResults(text);
+}
+
 // Steps of the watching once the worker runs, and after it.
 void watch(const JobLauncher::ThreadData& data, pid_t pid, const WatchRegistry::Membership& membership) {
     bool remains = true;
@@ -143,13 +152,16 @@ void* JobLauncher::doWork(void* threadData) {
                          "More than %zu words, or one of more than %zu characters, were cut from %s",
                          maxArguments, argumentCapacity - 1, owned->cmdLine);
     int failure = 0;
-    const int pid = AppLaunchUtil::runCmd(arguments, failure);
+    int execFailure = 0;
+    const int pid = AppLaunchUtil::runCmd(arguments, failure, execFailure);
     if (pid < 1) {
         LogUtil::Error(category, LOG_MSG(error::processNotLaunched), owned->cmdLine);
         // The job keeps its state and its queues stay, for whoever looks into the failure; the next job of
         // this id replaces them.
         return nullptr;
     }
+    if (execFailure != 0)
+        reportExecFailure(*owned->job, cStringUtil::cValue(arguments.file()), execFailure);
     report.tell(true);
     watch(*owned, pid, membership);
     return nullptr;

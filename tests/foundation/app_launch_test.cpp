@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <string>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
@@ -119,6 +120,62 @@ TEST(RunCmd, ProgramThatCannotBeExecutedIsAChildThatExitsWith255) {
         ASSERT_EQ(::waitpid(pid, &status, 0), pid);
         expectExit(status, 255);
     }
+}
+
+TEST(RunCmd, WhyAProgramCannotBeExecutedIsToldOnRequest) {
+    const ScratchDir dir;
+    const std::pair<std::string, int> programs[] = {{"kestrel-no-such-program", ENOENT},
+                                                    {dir.path("missing"), ENOENT},
+                                                    {dir.file("not-executable", "exit 0\n"), EACCES},
+                                                    {dir.path("missing") + "/below", ENOENT},
+                                                    {"", ENOENT},
+                                                    {"true", 0}};
+    for (const auto& [name, reason] : programs) {
+        kestrel::ArgumentVector arguments(std::vector<std::string>{name});
+        int err = 99;
+        int execError = 99;
+        const int pid = AppLaunchUtil::runCmd(arguments, err, execError);
+        ASSERT_GT(pid, 0) << name;
+        EXPECT_EQ(err, 0) << name;
+        EXPECT_EQ(execError, reason) << name;
+        int status = -1;
+        ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+        expectExit(status, reason == 0 ? 0 : 255);
+    }
+}
+
+TEST(RunCmd, AskingWhyLeavesTheProgramNoDescriptor) {
+    // Also where the question's own descriptor lies between others.
+    const kestrel::UniqueFd low(::dup(STDERR_FILENO));
+    const kestrel::UniqueFd high(::fcntl(STDERR_FILENO, F_DUPFD, 700));
+    ASSERT_TRUE(high.valid());
+    kestrel::ArgumentVector arguments(std::vector<std::string>{
+        "sh", "-c", "for fd in /proc/$$/fd/*; do [ ${fd##*/} -le 2 ] || [ ! -e $fd ] || exit 1; done"});
+    int err = 0;
+    int execError = 99;
+    const int pid = AppLaunchUtil::runCmd(arguments, err, execError);
+    ASSERT_GT(pid, 0);
+    EXPECT_EQ(execError, 0);
+    int status = -1;
+    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    expectExit(status, 0);
+}
+
+TEST(RunCmd, WithoutADescriptorToAskWithTheProgramIsStartedAllTheSame) {
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+    const rlimit none{0, before.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    kestrel::ArgumentVector arguments(std::vector<std::string>{"kestrel-no-such-program"});
+    int err = 99;
+    int execError = 99;
+    const int pid = AppLaunchUtil::runCmd(arguments, err, execError);
+    ::setrlimit(RLIMIT_NOFILE, &before);
+    ASSERT_GT(pid, 0);
+    EXPECT_EQ(execError, 0) << "nobody knows";
+    int status = -1;
+    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    expectExit(status, 255);
 }
 
 TEST(RunCmd, NothingToRunIsAChildThatExitsWith255) {

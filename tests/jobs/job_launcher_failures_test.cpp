@@ -105,6 +105,9 @@ TEST_F(JobLauncherTest, AProgramThatDoesNotExistExitsWith255) {
     EXPECT_EQ(JobLauncher::Launch(&job, "/nowhere/worker -x", 0, true), 0);
     EXPECT_EQ(job.state(), Job::ERROR);
     EXPECT_THAT(log.text(), HasSubstr("Error: Process /nowhere/worker -x exited with code 255."));
+    const std::string reason = "Error: Could not run /nowhere/worker: errno 2 (No such file or directory).";
+    EXPECT_EQ(job.resultsText(), reason);
+    EXPECT_THAT(log.text(), HasSubstr("[JobLauncher:Error] " + reason + "\r\n"));
 }
 
 TEST_F(JobLauncherTest, AnEmptyCommandLineIsAProgramThatDoesNotExist) {
