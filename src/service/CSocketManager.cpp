@@ -53,6 +53,9 @@ void CSocketManager::destroyInstance() {
 CSocketManager::CSocketManager(int handles, int backlog)
     : m_backlog(backlog), m_wake(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
       m_slots(static_cast<std::size_t>(std::max(handles, 0))) {
+    // Now, so that the end needs no memory: a thread that is not joined would go on in an object that is
+    // gone.
+    m_living.reserve(m_slots.size());
     LogUtil::Info(MODULE, "Socket Manager got constructed using %d handles...", handles);
 }
 
@@ -61,7 +64,8 @@ CSocketManager::~CSocketManager() {
         LogUtil::Debug(MODULE, "Destructing Socket Manager ...");
         m_stop = true;
         m_listener.reset();
-        for (const pthread_t thread : shutDownConnections())
+        shutDownConnections();
+        for (const pthread_t thread : m_living)
             joinPosixThread(thread, nullptr);
         LogUtil::Info(MODULE, "Socket Manager got destructed...");
     } catch (...) {
@@ -70,18 +74,16 @@ CSocketManager::~CSocketManager() {
 }
 
 // From here on a connection thread that ends leaves its handle for the join.
-std::vector<pthread_t> CSocketManager::shutDownConnections() {
-    std::vector<pthread_t> living;
+void CSocketManager::shutDownConnections() {
     MutexLock lock(m_pInternalData);
     m_closing = true;
     for (const Slot& slot : m_slots) {
         if (!slot.thread)
             continue;
-        living.push_back(*slot.thread);
+        m_living.push_back(*slot.thread);
         if (slot.helper)
             slot.helper->shutDown();
     }
-    return living;
 }
 
 int CSocketManager::setupSocketServer(unsigned short port) {

@@ -70,12 +70,13 @@ private:
     void acceptOne();
     void waitForEvent(bool listening) const;
     void wake() const noexcept;
-    std::vector<pthread_t> shutDownConnections();
+    void shutDownConnections();
 
     const int m_backlog;
     kestrel::UniqueFd m_listener;
     kestrel::UniqueFd m_wake; // an eventfd: the stop flag was set, or a slot was freed
     std::vector<Slot> m_slots GUARDED_BY(m_pInternalData);
+    std::vector<pthread_t> m_living; // connection threads that the destructor joins
     int m_handlesInUse GUARDED_BY(m_pInternalData) = 0;
     bool m_closing GUARDED_BY(m_pInternalData) = false;
     std::atomic<bool> m_stop{false};

@@ -1,11 +1,14 @@
 #include "service/DeckProcess.h"
 
 #include "foundation/AppLaunchUtil.h"
+#include "foundation/Logger.h"
+#include "foundation/StringUtil.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstring>
 #include <poll.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -29,9 +32,14 @@ std::string describe(int status) {
 int DeckProcess::start(std::vector<std::string> arguments) {
     ArgumentVector list(std::move(arguments));
     int failure = 0;
-    const int pid = AppLaunchUtil::runCmd(list, failure);
+    int execFailure = 0;
+    const int pid = AppLaunchUtil::runCmd(list, failure, execFailure);
     if (pid < 1)
         return failure != 0 ? failure : EAGAIN;
+    // It ends with exit status 255 then, which alone says nothing of the reason.
+    if (execFailure != 0)
+        LogUtil::Error("Manager", "Could not run %s: errno %d (%s)", cStringUtil::cValue(list.file()),
+                       execFailure, std::strerror(execFailure));
     m_pid = pid;
     m_handle.reset(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
     return 0;
@@ -63,7 +71,7 @@ std::optional<std::string> DeckProcess::waitAtMost(int milliseconds) {
     }
 }
 
-std::string DeckProcess::waitForEnd(int askedMs, int terminatedMs) {
+std::optional<std::string> DeckProcess::waitForEnd(int askedMs, int terminatedMs, int killedMs) {
     if (!running())
         return "before";
     if (auto end = waitAtMost(askedMs))
@@ -72,9 +80,7 @@ std::string DeckProcess::waitForEnd(int askedMs, int terminatedMs) {
     if (auto end = waitAtMost(terminatedMs))
         return *end;
     kill(m_pid, SIGKILL);
-    for (;;)
-        if (auto end = waitAtMost(LOOK_MS))
-            return *end;
+    return waitAtMost(killedMs);
 }
 
 } // namespace kestrel

@@ -99,6 +99,7 @@ int CManagerLib::AddCaptureJob(CaptureRequest* request, bool add) {
     }
     if (!add)
         return 0;
+    warnOfKnownGuid(request->guid);
     // Before it is queued, so that nobody sees a job of a half-known name or a log in the wrong directory.
     job->setGuid(request->guid);
     job->setLogDir(m_settings.captureLogDir);
@@ -106,6 +107,15 @@ int CManagerLib::AddCaptureJob(CaptureRequest* request, bool add) {
     // Again on the queued job: a copy goes through the kept text, which is shorter than a GUID with dashes.
     queued->setGuid(request->guid);
     return launchCaptureJob(*request, *queued);
+}
+
+// Jobs may share a GUID, deliberately: a job that could not be started is kept under its own, and a client
+// that tries again with the same must not be turned away. Lookups find the first.
+void CManagerLib::warnOfKnownGuid(const char* guid) {
+    if (const Job* const first = GetJob(guid); first != nullptr)
+        LogUtil::Warning(MODULE,
+                         "GUID %s is that of job %d (%s) already: requests for it are answered for that one.",
+                         guid, static_cast<int>(first->id), Job::JobStateStr[first->state()]);
 }
 
 int CManagerLib::ValidateCaptureJob(CaptureRequest* request) {

@@ -148,8 +148,9 @@ void CManagerLib::run() {
 }
 
 int CManagerLib::Run() {
-    LogUtil::Info(MODULE, "Run");
+    // The first call sets up the log that the line goes to.
     CManagerLib* const instance = GetInstance();
+    LogUtil::Info(MODULE, "Run");
     if (instance == nullptr)
         return -1;
     MutexLock oneAtATime(lifeMutex());

@@ -151,6 +151,7 @@ private:
     CaptureJob* queueCaptureJob(CaptureJob& job);
     int launchCaptureJob(CaptureRequest& request, CaptureJob& job);
     int launchJob(Job& job, const char* program, const char* commandLine, bool wait, char (&errorText)[300]);
+    void warnOfKnownGuid(const char* guid);
     int runVerification(VerifierRequest& request, VerifierJob& job);
     CaptureJob* findCaptureJob(const char* guid);
     int waitForEnd();

@@ -20,6 +20,7 @@ int CManagerLib::AddVerifierJob(VerifierRequest* request) {
     if (job.property < VerifierJob::SHORT_PROPERTIES || request->blocking)
         return runVerification(*request, job);
     job.removeOldReport();
+    warnOfKnownGuid(request->guid);
     VerifierJob* const queued = m_jobQueue.AddVerifierJob(job);
     queued->setGuid(request->guid);
     return launchJob(*queued, m_settings.verifierExe, queued->getCmdLine(m_settings.verifierExe), false,

@@ -24,9 +24,10 @@ namespace {
 
 constexpr const char* MODULE = "Manager";
 constexpr int RESPONSE_TIMEOUT_MS = 30'000;
-// How long the process may take to end by itself, and after it was terminated.
+// How long the process may take to end by itself, after it was terminated, and after it was killed.
 constexpr int END_ASKED_MS = 10'000;
 constexpr int END_TERMINATED_MS = 3'000;
+constexpr int END_KILLED_MS = 3'000;
 // How often a process is looked at for which the system gave no descriptor.
 constexpr int LOOK_MS = 100;
 // Requests of workers that may wait for their answers at once.
@@ -92,8 +93,12 @@ int CManagerLib::EndVTRProcess() {
     if (m_toVtrQueue >= 0)
         sendPriorityMsg(m_toVtrQueue, reinterpret_cast<const char*>(message.buffer), message.length, 0);
     if (m_deckProcess.running()) {
-        const std::string end = m_deckProcess.waitForEnd(END_ASKED_MS, END_TERMINATED_MS);
-        LogUtil::Info(MODULE, "VTR process ended %s", end.c_str());
+        const pid_t pid = m_deckProcess.pid();
+        if (const auto end = m_deckProcess.waitForEnd(END_ASKED_MS, END_TERMINATED_MS, END_KILLED_MS))
+            LogUtil::Info(MODULE, "VTR process ended %s", end->c_str());
+        else
+            LogUtil::Error(MODULE, "VTR process %d was killed and has not ended: it is left behind.",
+                           static_cast<int>(pid));
     }
     m_deckRunning = false;
     if (m_toVtrQueue >= 0)

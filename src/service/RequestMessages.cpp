@@ -68,8 +68,11 @@ void CaptureRequest::takeJob(char args[][300], int count) {
         refuse(text);
         return;
     }
-    for (int i = 4; i < count; ++i)
+    for (int i = 4; i < count; ++i) {
         inputFields.emplace_back(args[i]);
+        if (inputFields.back().name == nullptr)
+            LogUtil::Warning(MODULE, "\"%s\" is not of the form name=value, it is ignored.", args[i]);
+    }
 }
 
 void CaptureRequest::refuse(const char* text) {

@@ -15,7 +15,7 @@ kestrel_add_test(service_failure_tests
   LINKS kestrel_system_harness kestrel_manager_entry
   THREADS)
 foreach(name
-    accept4 chdir daemon fork fseeko listen mq_close mq_open pthread_create send setsid setsockopt socket
-    _Znwm)
+    accept4 chdir daemon eventfd fork fseeko listen mq_close mq_open pthread_create send setsid setsockopt socket
+    waitpid _Znwm)
   target_link_options(service_failure_tests PRIVATE LINKER:--wrap=${name})
 endforeach()

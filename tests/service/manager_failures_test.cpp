@@ -3,6 +3,7 @@
 #include "jobs/CaptureJob.h"
 #include "loopback.h"
 #include "service/CSocketManager.h"
+#include "service/DeckProcess.h"
 #include "service_directories.h"
 #include "system_refusals.h"
 
@@ -13,6 +14,7 @@
 
 using testing::HasSubstr;
 using testing::Not;
+using testing::StartsWith;
 
 namespace {
 
@@ -75,6 +77,20 @@ TEST_F(ManagerFailures, WithoutAThreadForClientsTheDeckIsEndedToo) {
     EXPECT_FALSE(queueExists("/from_vtr_proc_q"));
 }
 
+// A process that waits for a driver cannot be killed either: the service's end must not wait for it.
+TEST_F(ManagerFailures, ADeckProcessThatNobodySeesEndIsGivenUp) {
+    kestrel::DeckProcess process;
+    ASSERT_EQ(process.start({"/bin/sleep", "600"}), 0);
+    {
+        const Refusal refusal(systemRefusals().waitpid, EINTR);
+        EXPECT_EQ(process.waitForEnd(1, 1, 1), std::nullopt);
+    }
+    EXPECT_TRUE(process.running());
+    const auto end = process.waitForEnd(60'000, 60'000, 60'000);
+    ASSERT_TRUE(end.has_value());
+    EXPECT_THAT(*end, StartsWith("by signal "));
+}
+
 TEST_F(ManagerFailures, WithoutAnyQueueThereIsNoDeckProcess) {
     profile("/bin/true");
     CManagerLib* const manager = CManagerLib::GetInstance();
@@ -102,6 +118,21 @@ TEST_F(ManagerFailures, WithOneQueueOnlyItIsRemovedAgain) {
     EXPECT_THAT(log(), Not(HasSubstr("Error: Could not create queue /to_vtr_proc_q.")));
     EXPECT_THAT(log(), Not(HasSubstr("VTR process")));
     EXPECT_EQ(manager->LaunchVTRProcess(), 0) << "both can be had later";
+}
+
+TEST_F(ManagerFailures, WithoutADescriptorToWakeTheDecksThreadThereIsNoDeckProcess) {
+    profile("/bin/true");
+    CManagerLib* const manager = CManagerLib::GetInstance();
+    {
+        const Refusal refusal(systemRefusals().eventfd, EMFILE);
+        EXPECT_EQ(manager->LaunchVTRProcess(), -1);
+    }
+    EXPECT_THAT(log(), HasSubstr("[Manager:Error] No descriptor left to wake the VTR response thread with, "
+                                 "errno 24.\r\n"));
+    EXPECT_THAT(log(), Not(HasSubstr("VTR process")));
+    manager->EndVTRProcess();
+    EXPECT_FALSE(queueExists("/to_vtr_proc_q"));
+    EXPECT_FALSE(queueExists("/from_vtr_proc_q"));
 }
 
 TEST_F(ManagerFailures, AQueueThatCannotBeClosedIsAnErrorThoughTheMessageHasGone) {

@@ -139,6 +139,34 @@ TEST(SocketFailures, AnExceptionEndsTheAcceptLoopWithALine) {
     CSocketManager::destroyInstance();
 }
 
+TEST(SocketFailures, TheEndJoinsItsConnectionsWithoutFurtherMemory) {
+    int pair[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
+    const UniqueFd client(pair[0]);
+    const LogLines lines;
+    {
+        CSocketManager manager(1);
+        int slot = -1;
+        ASSERT_TRUE(manager.createSocketHelper(slot, pair[1]));
+        systemRefusals().refusedBytes = sizeof(pthread_t); // what a list of one thread takes
+    }
+    EXPECT_EQ(systemRefusals().refusedBytes.exchange(0), sizeof(pthread_t)) << "no list was made";
+    EXPECT_TRUE(closedByPeer(client));
+    EXPECT_THAT(lines.text(), HasSubstr("[SocketManager:Info] Socket Manager got destructed..."));
+    EXPECT_THAT(lines.text(), Not(HasSubstr("Exception while destructing")));
+}
+
+TEST(SocketFailures, WithoutADescriptorToWakeTheLoopThereIsNoServer) {
+    const unsigned short port = freePort();
+    const LogLines lines;
+    const Refusal refusal(systemRefusals().eventfd, EMFILE);
+    EXPECT_EQ(CSocketManager::SetupSocketServer(port, 1), nullptr);
+    EXPECT_THAT(lines.text(),
+                HasSubstr("[SocketManager:Error] no descriptor left to wake the accept loop with\r\n"
+                          "[SocketManager:Fatal] Could not use port " +
+                          std::to_string(port) + "."));
+}
+
 TEST(ProcessorFailures, AnExceptionIsAnAnswerAndALine) {
     const LogLines lines;
     CMessageProcessor processor;

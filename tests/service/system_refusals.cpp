@@ -56,6 +56,11 @@ int __wrap_daemon(int, int) {
     return systemRefusals().daemon.refuses() ? -1 : 0;
 }
 
+int __real_eventfd(unsigned count, int flags);
+int __wrap_eventfd(unsigned count, int flags) {
+    return systemRefusals().eventfd.refuses() ? -1 : __real_eventfd(count, flags);
+}
+
 pid_t __real_fork();
 pid_t __wrap_fork() {
     std::vector<int>& results = systemRefusals().forks;
@@ -124,6 +129,11 @@ int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t 
 int __real_socket(int domain, int type, int protocol);
 int __wrap_socket(int domain, int type, int protocol) {
     return systemRefusals().socket.refuses() ? -1 : __real_socket(domain, type, protocol);
+}
+
+pid_t __real_waitpid(pid_t pid, int* status, int options);
+pid_t __wrap_waitpid(pid_t pid, int* status, int options) {
+    return systemRefusals().waitpid.refuses() ? -1 : __real_waitpid(pid, status, options);
 }
 
 // operator new(std::size_t)

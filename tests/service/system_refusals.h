@@ -17,8 +17,8 @@ struct RefusedCall {
 };
 
 struct SystemRefusals {
-    RefusedCall accept, chdir, daemon, fseek, listen, closeQueue, openQueue, thread, send, setsid, setsockopt,
-        socket;
+    RefusedCall accept, chdir, daemon, eventfd, fseek, listen, closeQueue, openQueue, thread, send, setsid,
+        setsockopt, socket, waitpid;
     // An allocation of this many bytes throws, once; 0: none.
     std::atomic<std::size_t> refusedBytes{0};
     // What the next calls of fork return, without making a process.
