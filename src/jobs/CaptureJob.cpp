@@ -93,12 +93,19 @@ void CaptureJob::setField(InputField& field) {
     case InputField::ENCODER_IP:
         if (const auto address = deviceAddress(field))
             AddEncoder(ResourceMgr::GetResourceMgrInst()->GetEncoder(*address));
+        else
+            warnOfValue(field, DEVICE_ADDRESS);
         break;
     case InputField::ENCODER_PROFILE:
     case InputField::ENCODER_VITC_INPUT:
         setEncoderField(field, number);
         break;
     default:
+        // A misspelt name would be left out without a trace. Known ones that this kind of job has no use for
+        // are sent by clients with one form for all.
+        if (number < 0 && field.name != nullptr)
+            LogUtil::Warning("JobMgmt", "%s=%s: no field of this name is known, it is ignored.", field.name,
+                             valueText(field));
         break;
     }
 }

@@ -170,7 +170,7 @@ private:
         [[nodiscard]] std::time_t onTheCalendar() const;
     };
 
-    void takeTime(const char* text, const char* which, CTimeUtil& time, std::optional<GivenTime>& given);
+    void takeTime(const InputField& field, CTimeUtil& time, std::optional<GivenTime>& given);
 
     std::optional<GivenTime> m_givenStart;
     std::optional<GivenTime> m_givenEnd;

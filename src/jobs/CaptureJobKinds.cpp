@@ -103,6 +103,8 @@ int CaptureRollingJob::setFields(std::vector<InputField>& fields) {
             break;
         case InputField::DURATION:
             rollingDurationMin = minutesValue(field.currValue);
+            if (rollingDurationMin < 1)
+                warnOfValue(field, MINUTES);
             break;
         case InputField::START_TIME:
             rollingStartNow = false;
@@ -134,7 +136,8 @@ CaptureVTRJob* CaptureVTRJob::clone() const {
 int CaptureVTRJob::validate() {
     if (markIn[0] == '\0' && (markOut[0] == '\0' || m_thirdMark[0] == '\0'))
         return refuse(error::marksRequired, LOG_MSG(error::marksRequired));
-    // A deck counts 60 frames here at most, so the highest rate compares the marks of every rate.
+    // Texts that are no timecodes count as far as they can be read, and are told in the log. A deck counts 60
+    // frames here at most, so the highest rate compares the marks of every rate.
     constexpr int marksRateCode = 8;
     if (mpeg_timecode(markOut, false, marksRateCode) <= mpeg_timecode(markIn, false, marksRateCode))
         return refuse(error::markOutNotAfterMarkIn, LOG_MSG(error::markOutNotAfterMarkIn));
@@ -146,9 +149,11 @@ int CaptureVTRJob::setFields(std::vector<InputField>& fields) {
         switch (field.getFieldName()) {
         case InputField::MARK_IN_TIME:
             takeText(markIn, field);
+            warnUnlessTimecode(field);
             break;
         case InputField::MARK_OUT_TIME:
             takeText(markOut, field);
+            warnUnlessTimecode(field);
             break;
         case InputField::VTR_COM_PORT:
             if (*valueText(field) == '\0') {

@@ -2,15 +2,31 @@
 #include "foundation/ErrorCodes.h"
 #include "foundation/FixedText.h"
 #include "foundation/Logger.h"
+#include "foundation/UniqueFd.h"
 #include "jobs/CaptureJob.h"
 #include "jobs/InputField.h"
 #include "jobs/RequestValues.h"
 #include "mpeg/MpegWrapper.h"
 #include "resources/ResourceMgr.h"
 
+#include <cerrno>
 #include <cstring>
+#include <fcntl.h>
+#include <string>
 
 using namespace kestrel;
+
+namespace {
+
+// Why no frame rate can be read from a file.
+std::string unreadable(const char* file) {
+    const std::string text = std::string("SrcFilename: \"") + file + "\" ";
+    if (const UniqueFd opened(open(file, O_RDONLY | O_CLOEXEC | O_NONBLOCK)); !opened.valid())
+        return text + "cannot be opened: errno " + std::to_string(errno) + " (" + std::strerror(errno) + ").";
+    return text + "has no video whose frame rate can be read.";
+}
+
+} // namespace
 
 CaptureReencodeJob::CaptureReencodeJob() : CaptureReencodeJob(0) {}
 
@@ -75,7 +91,11 @@ int CaptureReencodeJob::validate() {
 int CaptureReencodeJob::validateMezzanine() {
     if (markIn[0] == '\0' || markOut[0] == '\0')
         return refuse(error::marksRequired, LOG_MSG(error::marksRequired));
-    return validateMarks(MpegWrapper::GetFrameRateFromFile(sourceFile));
+    const double framesPerSecond = MpegWrapper::GetFrameRateFromFile(sourceFile);
+    // Without a rate no marks are good, and the refusal is about them: the log tells that it is the file.
+    if (framesPerSecond <= 0)
+        LogUtil::Warning("JobMgmt", "%s", unreadable(sourceFile).c_str());
+    return validateMarks(framesPerSecond);
 }
 
 int CaptureReencodeJob::validateMarks(double framesPerSecond) {
@@ -109,9 +129,11 @@ int CaptureReencodeJob::setFields(std::vector<InputField>& fields) {
             break;
         case InputField::MARK_IN_TIME:
             takeText(markIn, field);
+            warnUnlessTimecode(field);
             break;
         case InputField::MARK_OUT_TIME:
             takeText(markOut, field);
+            warnUnlessTimecode(field);
             break;
         case InputField::DECODER_IP:
             takeDecoderAddress(field);
@@ -149,8 +171,10 @@ Decoder& CaptureReencodeJob::decoderOrPlaceholder() {
 
 void CaptureReencodeJob::takeDecoderAddress(const InputField& field) {
     const auto address = deviceAddress(field);
-    if (!address)
+    if (!address) {
+        warnOfValue(field, DEVICE_ADDRESS);
         return;
+    }
     Decoder* found = ResourceMgr::GetResourceMgrInst()->GetDecoder(*address);
     if (found == nullptr)
         return;
@@ -178,8 +202,10 @@ void CaptureReencodeJob::takeDecoderProfile(const InputField& field) {
 void CaptureReencodeJob::takeDecoderInterface(const InputField& field) {
     Decoder& record = decoderOrPlaceholder();
     const auto address = addressValue(field);
-    if (!address)
+    if (!address) {
+        warnOfValue(field, ADDRESS);
         return;
+    }
     ResourceMgr::GetResourceMgrInst()->withRecords([&] { record.interfaceAddress = *address; });
     m_interfaceAddress = address;
 }

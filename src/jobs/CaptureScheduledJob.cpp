@@ -39,10 +39,10 @@ int CaptureScheduledJob::setFields(std::vector<InputField>& fields) {
     for (InputField& field : fields) {
         switch (field.getFieldName()) {
         case InputField::START_TIME:
-            takeTime(field.currValue, field.name, startTime, m_givenStart);
+            takeTime(field, startTime, m_givenStart);
             break;
         case InputField::END_TIME:
-            takeTime(field.currValue, field.name, endTime, m_givenEnd);
+            takeTime(field, endTime, m_givenEnd);
             break;
         default:
             setField(field);
@@ -52,16 +52,12 @@ int CaptureScheduledJob::setFields(std::vector<InputField>& fields) {
     return validate();
 }
 
-void CaptureScheduledJob::takeTime(const char* text, const char* which, CTimeUtil& time,
+void CaptureScheduledJob::takeTime(const InputField& field, CTimeUtil& time,
                                    std::optional<GivenTime>& given) {
-    given = GivenTime::read(text);
-    if (given) {
-        time = given->asStored();
-        return;
-    }
-    time = CTimeUtil();
-    LogUtil::Warning("JobMgmt", "%s: \"%s\" is not a time of the form month/day/year hour:minute:second.",
-                     which, text ? text : "");
+    given = GivenTime::read(field.currValue);
+    time = given ? given->asStored() : CTimeUtil();
+    if (!given)
+        warnOfValue(field, "a time month/day/year hour:minute:second");
 }
 
 // "%d/%d/%d %d:%d:%d" as scanf reads it: blanks before any number, and anything behind the last.

@@ -3,6 +3,7 @@
 #include "foundation/Logger.h"
 #include "jobs/InputField.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <charconv>
 #include <cstdint>
@@ -15,22 +16,44 @@ const char* valueText(const InputField& field) noexcept {
     return field.currValue ? field.currValue : "";
 }
 
-std::optional<unsigned long> addressValue(const InputField& field) {
+std::optional<unsigned long> addressValue(const InputField& field) noexcept {
     in_addr address{};
     if (inet_pton(AF_INET, valueText(field), &address) == 1)
         return ntohl(address.s_addr);
-    LogUtil::Warning("JobMgmt", "%s: \"%s\" is not an IPv4 address.", field.name ? field.name : "",
-                     valueText(field));
     return std::nullopt;
 }
 
-std::optional<unsigned long> deviceAddress(const InputField& field) {
+std::optional<unsigned long> deviceAddress(const InputField& field) noexcept {
     const auto address = addressValue(field);
-    if (!address || *address != 0)
-        return address;
-    LogUtil::Warning("JobMgmt", "%s: \"%s\" is not the address of a device.", field.name ? field.name : "",
-                     valueText(field));
-    return std::nullopt;
+    return address && *address != 0 ? address : std::nullopt;
+}
+
+void warnOfValue(const InputField& field, const char* expected) {
+    LogUtil::Warning("JobMgmt", "%s: \"%s\" is not %s.", field.name ? field.name : "", valueText(field),
+                     expected);
+}
+
+void warnUnlessTimecode(const InputField& field) {
+    if (!looksLikeTimecode(valueText(field)))
+        warnOfValue(field, TIMECODE);
+}
+
+bool looksLikeTimecode(const char* text) noexcept {
+    std::string_view rest = text ? text : "";
+    for (int part = 0; part < 4; ++part) {
+        if (part > 0) {
+            // A drop-frame label has ';' or '.' before the frames.
+            const std::string_view separators = part == 3 ? ":;." : ":";
+            if (rest.empty() || separators.find(rest.front()) == std::string_view::npos)
+                return false;
+            rest.remove_prefix(1);
+        }
+        const std::size_t digits = std::min(rest.find_first_not_of("0123456789"), rest.size());
+        if (digits == 0 || digits > 2)
+            return false;
+        rest.remove_prefix(digits);
+    }
+    return rest.empty();
 }
 
 std::optional<bool> saidBool(const InputField& field) noexcept {

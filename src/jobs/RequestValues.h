@@ -13,12 +13,25 @@ namespace kestrel {
 // The field's value, "" when it has none.
 const char* valueText(const InputField& field) noexcept;
 
-// A dotted IPv4 address, in host order. A text that is none gives nothing and is logged with the field's
-// name.
-std::optional<unsigned long> addressValue(const InputField& field);
+// A dotted IPv4 address, in host order; nothing for any other text.
+std::optional<unsigned long> addressValue(const InputField& field) noexcept;
 
 // The same for the address of a device, which 0.0.0.0 is not.
-std::optional<unsigned long> deviceAddress(const InputField& field);
+std::optional<unsigned long> deviceAddress(const InputField& field) noexcept;
+
+// Whether the text has the form hh:mm:ss:ff, each of one or two digits.
+bool looksLikeTimecode(const char* text) noexcept;
+
+// Logs that a field's value is not what was expected, both named. The refusal that may follow has a text of
+// its own, which clients know.
+void warnOfValue(const InputField& field, const char* expected);
+void warnUnlessTimecode(const InputField& field);
+
+// What is expected of a value, in words for the log.
+inline constexpr const char* ADDRESS = "an IPv4 address";
+inline constexpr const char* DEVICE_ADDRESS = "the IPv4 address of a device";
+inline constexpr const char* TIMECODE = "a timecode hh:mm:ss:ff";
+inline constexpr const char* MINUTES = "a number of minutes or a time hh:mm:ss:ff of one minute at least";
 
 // What a field says for certain: true for "TRUE", false for "FALSE" (any case), nothing for other texts.
 std::optional<bool> saidBool(const InputField& field) noexcept;

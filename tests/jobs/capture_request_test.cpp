@@ -41,7 +41,7 @@ TEST_F(CaptureRequestTest, ATextThatIsNoAddressAddsNoDevice) {
     }
     CaptureReencodeJob reencode(1);
     EXPECT_EQ(setFields(reencode, {"SrcFilename=/tmp/i", "DecoderIp=nowhere"}), 10016);
-    EXPECT_THAT(log.text(), HasSubstr("DecoderIp: \"nowhere\" is not an IPv4 address."));
+    EXPECT_THAT(log.text(), HasSubstr("DecoderIp: \"nowhere\" is not the IPv4 address of a device."));
 }
 
 TEST_F(CaptureRequestTest, EncoderOptionsGoToTheLastEncoder) {

@@ -7,6 +7,7 @@
 #include <memory>
 
 using ::testing::HasSubstr;
+using ::testing::Not;
 
 namespace {
 
@@ -147,6 +148,120 @@ TEST_F(CaptureRulesTest, EveryRefusalStandsInTheResultsAndInTheLog) {
         EXPECT_EQ(errorLines(log.text().substr(before)), "[JobMgmt:Error] " + std::string(row.text) + "\r\n")
             << Job::JobTypeStr[row.type];
     }
+}
+
+// A value that cannot be taken counts as none. The refusal that follows has its own text, which clients know;
+// the log names the value.
+TEST_F(CaptureRulesTest, AValueThatCannotBeTakenIsNamedInTheLog) {
+    const std::string sourceField = "SrcFilename=" + source("pal", 3);
+    const char* const pal = sourceField.c_str();
+    const std::string empty = "SrcFilename=" + directory.file("empty.ts", "");
+    const std::string emptyName = empty.substr(empty.find('=') + 1);
+    constexpr const char* out = "Filename=/tmp/out.ts";
+    constexpr const char* dec = "DecoderIp=10.9.9.9";
+    constexpr const char* one = "MarkInTime=01:00:00:00";
+    constexpr const char* two = "MarkOutTime=02:00:00:00";
+    constexpr const char* ten = "StartTime=11/20/2026 10:00:00";
+    constexpr const char* noEncoder = "Error: Cannot add job - No encoder specified.";
+    constexpr const char* badRolling = "Error: Invalid Rolling Capture duration 0.";
+    constexpr const char* badMarks = "Error: Mark out time must be greater than Mark in time.";
+    struct Row {
+        Job::JobType type;
+        std::vector<const char*> fields;
+        int code;
+        std::string refusal;
+        std::string told;
+    };
+    const Row rows[] = {
+        {Job::CAPTURE_MANUAL_JOB,
+         {out, "EncoderIp0=1.2.3.999"},
+         10015,
+         noEncoder,
+         "EncoderIp0: \"1.2.3.999\" is not the IPv4 address of a device."},
+        {Job::CAPTURE_MANUAL_JOB,
+         {out, "EncoderIp=0.0.0.0"},
+         10015,
+         noEncoder,
+         "EncoderIp: \"0.0.0.0\" is not the IPv4 address of a device."},
+        {Job::CAPTURE_REENCODE_JOB,
+         {out, enc1, pal, "DecoderIp=decoder-1"},
+         10016,
+         "Error: Cannot add job - No decoder specified.",
+         "DecoderIp: \"decoder-1\" is not the IPv4 address of a device."},
+        {Job::CAPTURE_SCHEDULED_JOB,
+         {out, enc1, "StartTime=tomorrow"},
+         10011,
+         "Error: Cannot add job - Start time not specified.",
+         "StartTime: \"tomorrow\" is not a time month/day/year hour:minute:second."},
+        {Job::CAPTURE_SCHEDULED_JOB,
+         {out, enc1, ten, "EndTime=10:30"},
+         10010,
+         "Error: End time is less than start time.",
+         "EndTime: \"10:30\" is not a time month/day/year hour:minute:second."},
+        {Job::CAPTURE_ROLLING_JOB,
+         {out, enc1, "Duration=abc"},
+         20085,
+         badRolling,
+         "Duration: \"abc\" is not a number of minutes or a time hh:mm:ss:ff of one minute at least."},
+        {Job::CAPTURE_ROLLING_JOB,
+         {out, enc1, "Duration=00:00:59:00"},
+         20085,
+         badRolling,
+         "Duration: \"00:00:59:00\" is not a number of minutes or a time hh:mm:ss:ff of one minute at "
+         "least."},
+        {Job::CAPTURE_VTR_JOB,
+         {out, enc1, one, "MarkOutTime=later"},
+         10021,
+         badMarks,
+         "MarkOutTime: \"later\" is not a timecode hh:mm:ss:ff."},
+        {Job::CAPTURE_MEZZANINE_JOB,
+         {out, enc1, pal, dec, one, "MarkOutTime=1 hour"},
+         10021,
+         badMarks,
+         "MarkOutTime: \"1 hour\" is not a timecode hh:mm:ss:ff."},
+        {Job::CAPTURE_MEZZANINE_JOB,
+         {out, enc1, "SrcFilename=/nonexistent/a.ts", dec, one, two},
+         10021,
+         badMarks,
+         "SrcFilename: \"/nonexistent/a.ts\" cannot be opened: errno 2 (No such file or directory)."},
+        {Job::CAPTURE_MEZZANINE_JOB,
+         {out, enc1, empty.c_str(), dec, one, two},
+         10021,
+         badMarks,
+         "SrcFilename: \"" + emptyName + "\" has no video whose frame rate can be read."},
+    };
+    for (const Row& row : rows) {
+        const std::unique_ptr<CaptureJob> job = makeJob(row.type);
+        std::vector<InputField> fields;
+        for (const char* text : row.fields)
+            fields.emplace_back(text);
+        EXPECT_EQ(job->setFields(fields), row.code) << row.told;
+        EXPECT_STREQ(job->results, row.refusal.c_str()) << row.told;
+        EXPECT_THAT(log.text(), HasSubstr("[JobMgmt:Warning] " + row.told + "\r\n"));
+    }
+}
+
+// Values of the right form that no rule forbids are the client's own business.
+TEST_F(CaptureRulesTest, WhatNoRuleForbidsIsTaken) {
+    CaptureScheduledJob past(1);
+    EXPECT_EQ(setFields(past, {"Filename=/tmp", enc1, "StartTime=01/01/1999 10:00:00",
+                               "EndTime=01/01/1999 11:00:00"}),
+              0)
+        << "a time in the past, and a directory for a file: the worker tells of it";
+    CaptureVTRJob vtr(1);
+    EXPECT_EQ(setFields(vtr, {"Filename=/tmp/a", enc1, "MarkInTime=abc", "MarkOutTime=01:00:00:00"}), 0);
+    EXPECT_THAT(log.text(),
+                HasSubstr("[JobMgmt:Warning] MarkInTime: \"abc\" is not a timecode hh:mm:ss:ff.\r\n"));
+}
+
+TEST_F(CaptureRulesTest, AFieldOfAnUnknownNameIsIgnoredWithAWarning) {
+    CaptureManualJob job(1);
+    EXPECT_EQ(setFields(job, {"Filename=/tmp/a", enc1, "FileName=/tmp/b", "NumEncoders=1"}), 0);
+    EXPECT_STREQ(job.outputFile, "/tmp/a");
+    EXPECT_THAT(log.text(),
+                HasSubstr("[JobMgmt:Warning] FileName=/tmp/b: no field of this name is known, it is "
+                          "ignored.\r\n"));
+    EXPECT_THAT(log.text(), Not(HasSubstr("NumEncoders"))) << "known, though of no use here";
 }
 
 TEST_F(CaptureRulesTest, ManualNeedsAnOutputFileThenAnEncoder) {

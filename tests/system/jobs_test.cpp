@@ -147,7 +147,7 @@ TEST(Jobs, AnEncoderAddressThatIsNoneAddsNoEncoderAndIsLogged) {
     service.start();
     EXPECT_EQ(service.ask("CAPTURE,JOB_VALIDATE,1,CAPTURE_MANUAL_JOB,Filename=/tmp/o.ts,EncoderIp=studio7"),
               "FALSE - Error: Cannot add job - No encoder specified.");
-    EXPECT_TRUE(service.waitForLog("studio7"));
+    EXPECT_TRUE(service.waitForLog("[JobMgmt:Warning] EncoderIp: \"studio7\" is not"));
 }
 
 TEST(Jobs, MoreThanTwoEncodersAreRefused) {
@@ -178,6 +178,35 @@ TEST(Jobs, AMissingProgramIsExitCode255) {
     service.ask(manual("1"));
     EXPECT_EQ(service.waitForState("1", "ERROR"), "TRUE - ERROR");
     EXPECT_TRUE(service.waitForLog("exited with code 255."));
+    const std::string reason =
+        "Error: Could not run /nonexistent/recorder: errno 2 (No such file or directory).";
+    EXPECT_EQ(service.ask("JOB_RESULTS,1"), "TRUE - " + reason);
+    EXPECT_THAT(service.log(), HasSubstr("[JobLauncher:Error] " + reason));
+}
+
+TEST(Jobs, ASecondJobOfAGuidRunsAndTheFirstOneAnswersForIt) {
+    ServiceUnderTest service;
+    service.setWorker("--exit 3");
+    service.start();
+    ASSERT_EQ(service.ask(manual("cafe")), "TRUE");
+    EXPECT_EQ(service.waitForState("cafe", "ERROR"), "TRUE - ERROR");
+    EXPECT_THAT(service.log(), Not(HasSubstr("GUID cafe is that of")));
+    // The same again, in other letters.
+    ASSERT_EQ(service.ask(manual("CA-FE")), "TRUE");
+    EXPECT_TRUE(
+        service.waitForLog("[Manager:Warning] GUID CA-FE is that of job 0 (ERROR) already: requests for it "
+                           "are answered for that one."));
+    EXPECT_THAT(service.ask("CAPTURE,JOB_LOGFILENAME,cafe"), HasSubstr("capture_0.log"));
+    EXPECT_TRUE(service.waitForLog("capture_1.log"));
+}
+
+TEST(Jobs, AnArgumentThatIsNoFieldIsIgnoredWithAWarning) {
+    ServiceUnderTest service;
+    service.start();
+    EXPECT_EQ(service.ask(manual("1") + ",nonsense"), "TRUE");
+    EXPECT_TRUE(
+        service.waitForLog("[RequestMessages:Warning] \"nonsense\" is not of the form name=value, it is "
+                           "ignored."));
 }
 
 TEST(Jobs, AWorkerKilledByASignalIsAnError) {
