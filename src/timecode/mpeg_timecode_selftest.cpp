@@ -72,26 +72,7 @@ struct RateCase {
 
 constexpr RateCase rateCases[] = {{23.976, 1}, {29.97, 4}, {59.94, 7}, {0.0, 0}, {61.0, 0}};
 
-// Counts what failed and tells of it.
-class Checks {
-public:
-    void label(mpeg_timecode actual, const char* expected) {
-        if (std::strcmp(actual.windows_string(), expected) == 0)
-            return;
-        LogUtil::Info(libraryModule, "\t%s != %s", expected, actual.text);
-        ++m_failures;
-    }
-    void number(int expected, int actual) {
-        if (!mpeg_timecode::assertEquals(expected, actual))
-            ++m_failures;
-    }
-    int failures() const { return m_failures; }
-
-private:
-    int m_failures = 0;
-};
-
-void checkArithmetic(Checks& checks) {
+void checkArithmetic(kestrel::TimecodeChecks& checks) {
     for (const StepCase& c : stepCases)
         checks.label(mpeg_timecode(c.label, c.dropFrame, c.code) + c.frames, c.expected);
     for (const FrameCountCase& c : frameCountCases)
@@ -105,7 +86,7 @@ void checkArithmetic(Checks& checks) {
                  "00:04:58:20");
 }
 
-void checkConversions(Checks& checks) {
+void checkConversions(kestrel::TimecodeChecks& checks) {
     for (const SecondsCase& c : secondsCases)
         checks.label(mpeg_timecode::from_seconds(c.seconds, true, 4), c.expected);
     for (const RateCase& c : rateCases)
@@ -122,15 +103,31 @@ void checkConversions(Checks& checks) {
 
 } // namespace
 
+void kestrel::TimecodeChecks::label(mpeg_timecode actual, const char* expected) {
+    if (std::strcmp(actual.windows_string(), expected) == 0)
+        return;
+    LogUtil::Info(libraryModule, "\t%s != %s", expected, actual.text);
+    ++m_failures;
+}
+
+void kestrel::TimecodeChecks::number(int expected, int actual) {
+    if (!mpeg_timecode::assertEquals(expected, actual))
+        ++m_failures;
+}
+
+int kestrel::TimecodeChecks::finish() const {
+    LogUtil::Info(testModule, "Timecode tests: %d failed", m_failures);
+    return m_failures == 0 ? 0 : 1;
+}
+
 int mpeg_timecode::testHarness() {
     LogUtil::Info(testModule, "Timecode tests");
-    Checks checks;
+    kestrel::TimecodeChecks checks;
     checkArithmetic(checks);
     checkConversions(checks);
     for (const int code : {7, 1, 4, 5, 3})
         checks.number(0, testEntireTimeCodeRange(code, frameRateCodeToDropFrame(code)));
-    LogUtil::Info(testModule, "Timecode tests: %d failed", checks.failures());
-    return checks.failures() == 0 ? 0 : 1;
+    return checks.finish();
 }
 
 int mpeg_timecode::testEntireTimeCodeRange(int code, bool dropFrame) {

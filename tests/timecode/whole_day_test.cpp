@@ -132,6 +132,20 @@ TEST(SelfTest, ACodeWithoutARateHasNoDayToWalk) {
             << line;
 }
 
+TEST(SelfTest, FailsWithEachWrongResultInTheLogAndTheirNumberAtItsEnd) {
+    TimecodeLog log;
+    kestrel::TimecodeChecks checks;
+    checks.label(mpeg_timecode("01:00:00:00", false, 3), "01:00:00:00");
+    checks.number(7, 7);
+    EXPECT_THAT(log.lines(), IsEmpty());
+    checks.label(mpeg_timecode("01:00:00:00", false, 3) + 1, "01:00:00:02");
+    checks.number(7, 8);
+    EXPECT_EQ(checks.finish(), 1);
+    EXPECT_THAT(log.lines(),
+                ElementsAre("[mpegParseLib:Info] \t01:00:00:02 != 01:00:00:01",
+                            "[mpegParseLib:Info] \t7 != 8", "[CaptureTests:Info] Timecode tests: 2 failed"));
+}
+
 TEST(SelfTest, PassesAndTellsOfNothingButItsBeginningAndItsEnd) {
     TimecodeLog log;
     EXPECT_EQ(mpeg_timecode::testHarness(), 0);
