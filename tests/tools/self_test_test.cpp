@@ -8,7 +8,9 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
+using testing::AllOf;
 using testing::HasSubstr;
+using testing::Not;
 using testing::StartsWith;
 
 namespace {
@@ -80,6 +82,54 @@ TEST_F(SelfTest, TheRebaseTakesFilesModeAndTimecode) {
     EXPECT_THAT(outcome.output,
                 HasSubstr("[captureEngLib:Error] Function testHarness requires args in.mpeg out.mpeg "
                           "[mode] [timecode]"));
+}
+
+TEST_F(SelfTest, AFileThatIsNotThereIsNamedBesideWhatTheSelfTestSays) {
+    const std::string missing = directory.path("missing.ts");
+    const std::string named = missing + " cannot be read: No such file or directory\n";
+    const Outcome bounds = run("GetDTSBounds " + missing + " 1 2");
+    EXPECT_EQ(bounds.code, 1);
+    EXPECT_THAT(bounds.output, AllOf(HasSubstr(named), HasSubstr("Unable to open input file " + missing)));
+    const Outcome wrapper = run("MpegWrapper " + missing);
+    EXPECT_EQ(wrapper.code, 1);
+    EXPECT_THAT(wrapper.output, AllOf(HasSubstr(named), HasSubstr("Is this a valid MPEG2 file?")));
+    // Which takes it for a file without packets.
+    const Outcome rebase = run("gop_rebase " + missing + " " + directory.path("out.ts"));
+    EXPECT_EQ(rebase.code, 0);
+    EXPECT_EQ(rebase.output, named);
+    EXPECT_EQ(std::filesystem::file_size(directory.path("out.ts")), 0U);
+}
+
+TEST_F(SelfTest, DebugLinesMayBeLeftOut) {
+    const std::string arguments = "gop_rebase " + stream(400) + " " + directory.path("out.ts");
+    EXPECT_THAT(run(arguments).output, HasSubstr(":Debug] "));
+    const Outcome outcome = run("-quiet " + arguments);
+    EXPECT_EQ(outcome.code, 0);
+    EXPECT_THAT(outcome.output, Not(HasSubstr(":Debug] ")));
+    EXPECT_EQ(run("-quiet").code, 0) << "a list of the names";
+    EXPECT_THAT(run("-quiet").output, HasSubstr("usage: kestrelSelfTest [-quiet] NAME [ARGS]"));
+    EXPECT_EQ(run("-quiet nothing").code, 2);
+}
+
+TEST_F(SelfTest, ANegativeResultIsAStatusFromTheTop) {
+    TsMaker maker;
+    maker.tables({{0x02, 481}});
+    for (int i = 0; i < 400; ++i) {
+        if (i == 200)
+            maker.skipCounter(481); // a lost packet
+        maker.pes(481, pesHeader(7200 + 3600 * i, 3600 + 3600 * i), gopHeader(1, 0, i % 60, 0) + filler(500));
+    }
+    const std::string lost = maker.write(directory, "lost.ts");
+    const std::string out = directory.path("out.ts");
+    const Outcome outcome = run("gop_rebase " + lost + " " + out);
+    EXPECT_EQ(outcome.code, 253) << "-3 in the eight bits of a status";
+    // 200 PES packets of three packets each came before.
+    EXPECT_THAT(outcome.output,
+                HasSubstr("[captureEngLib:Debug] Continuity error: expected 8 not 9 : PID 481"));
+    EXPECT_EQ(run("-quiet gop_rebase " + lost + " " + out).code, 253) << "told or not";
+    const Outcome onto = run("gop_rebase " + lost + " " + lost);
+    EXPECT_EQ(onto.code, 255) << "-1";
+    EXPECT_THAT(onto.output, HasSubstr("Cannot rebase " + lost + " onto itself"));
 }
 
 TEST_F(SelfTest, TheBoundsAreComparedWithThoseExpected) {

@@ -1,13 +1,17 @@
 // kestrelSelfTest: runs the self-tests that the library's classes bring along, on this machine and on the
 // operator's own files.
 #include "foundation/Logger.h"
+#include "foundation/UniqueFd.h"
 #include "mpeg/GetDTSBounds.h"
 #include "mpeg/MpegWrapper.h"
 #include "mpeg/gop_rebase.h"
 #include "mpeg/mpeg.h"
 #include "timecode/mpeg_timecode.h"
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
+#include <fcntl.h>
 #include <iostream>
 #include <string_view>
 
@@ -37,13 +41,21 @@ constexpr SelfTest SELF_TESTS[] = {
 constexpr int WRONG_NAME = 2;
 
 void list(std::FILE* to) {
-    std::fputs("usage: kestrelSelfTest NAME [ARGS]\n\n", to);
+    std::fputs("usage: kestrelSelfTest [-quiet] NAME [ARGS]\n\n", to);
     for (const SelfTest& test : SELF_TESTS)
         std::fprintf(to, "  %s%s%s\n      %s\n", test.name.data(), *test.arguments == '\0' ? "" : " ",
                      test.arguments, test.what);
     std::fputs(
-        "  all\n      those that need no file\n\nThe exit status is the self-test's result; 0 is success.\n",
+        "  all\n      those that need no file\n\n"
+        "  -quiet\n      leaves out the log's Debug lines, of which there is one for every GOP and more\n\n"
+        "The exit status is the self-test's result, a negative one 256 higher; 0 is success.\n",
         to);
+}
+
+// Some self-tests take a file that is not there for one without packets, and say nothing.
+void warnUnlessReadable(const char* path) {
+    if (!kestrel::UniqueFd(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK)).valid())
+        std::fprintf(stderr, "%s cannot be read: %s\n", path, std::strerror(errno));
 }
 
 // The first failure's result.
@@ -63,9 +75,13 @@ int runAllWithoutFile(int argc, char** argv) {
 int run(std::string_view name, int argc, char** argv) {
     if (name == "all")
         return runAllWithoutFile(argc, argv);
-    for (const SelfTest& test : SELF_TESTS)
-        if (name == test.name)
-            return test.run(argc, argv);
+    for (const SelfTest& test : SELF_TESTS) {
+        if (name != test.name)
+            continue;
+        if (test.needsFile && argc > 1)
+            warnUnlessReadable(argv[1]);
+        return test.run(argc, argv);
+    }
     std::fprintf(stderr, "There is no self-test \"%.*s\".\n", static_cast<int>(name.size()), name.data());
     list(stderr);
     return WRONG_NAME;
@@ -74,12 +90,16 @@ int run(std::string_view name, int argc, char** argv) {
 } // namespace
 
 int main(int argc, char** argv) {
-    if (argc < 2) {
+    const bool quiet = argc > 1 && std::string_view(argv[1]) == "-quiet";
+    const int first = quiet ? 2 : 1;
+    if (argc <= first) {
         list(stdout);
         return 0;
     }
-    LogUtil::GetInstance()->addStreamLogger(&std::cout);
-    const int result = run(argv[1], argc - 1, argv + 1);
+    LogUtil* const log = LogUtil::GetInstance();
+    log->setDefaultLogLevel(quiet ? BaseLogger::Info : BaseLogger::Debug);
+    log->addStreamLogger(&std::cout);
+    const int result = run(argv[first], argc - first, argv + first);
     LogUtil::Cleanup();
     return result;
 }
