@@ -10,6 +10,7 @@
 #include <string>
 #include <string_view>
 #include <sys/stat.h>
+#include <system_error>
 #include <tinyxml.h>
 #include <unistd.h>
 
@@ -24,28 +25,34 @@ constexpr std::size_t maxFileBytes = 16U << 20;
 constexpr std::ptrdiff_t maxTags = 4096;
 constexpr std::ptrdiff_t maxAttributes = 16384;
 
-// The bytes of a regular file of at most maxFileBytes.
-std::optional<std::string> readRegularFile(const char* path) {
+constexpr const char* noSuchFile = "it is no file of at most 16 MiB";
+
+std::string errnoText(int error) {
+    return std::system_category().message(error) + " (errno " + std::to_string(error) + ")";
+}
+
+// Reads a regular file of at most maxFileBytes; what stands against it, or nothing.
+std::optional<std::string> readRegularFile(const char* path, std::string& bytes) {
     // Non-blocking, so that a FIFO without a writer does not hold the caller.
     const UniqueFd fd(::open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     struct stat info {};
-    if (!fd.valid() || ::fstat(fd.get(), &info) != 0 || !S_ISREG(info.st_mode) || info.st_size < 0 ||
-        static_cast<std::size_t>(info.st_size) > maxFileBytes)
-        return std::nullopt;
+    if (!fd.valid() || ::fstat(fd.get(), &info) != 0)
+        return errnoText(errno);
+    if (!S_ISREG(info.st_mode) || info.st_size < 0 || static_cast<std::size_t>(info.st_size) > maxFileBytes)
+        return noSuchFile;
 
-    std::string bytes;
     char block[16384];
     for (;;) {
         const ssize_t got = ::read(fd.get(), block, sizeof block);
         if (got < 0 && errno == EINTR)
             continue;
         if (got < 0)
-            return std::nullopt;
+            return errnoText(errno);
         if (got == 0)
-            return bytes;
+            return std::nullopt;
         bytes.append(block, static_cast<std::size_t>(got));
         if (bytes.size() > maxFileBytes)
-            return std::nullopt;
+            return noSuchFile;
     }
 }
 
@@ -67,13 +74,22 @@ std::string_view trimmed(std::string_view text) {
 } // namespace
 
 bool parseXmlFile(const char* path, TiXmlDocument& document) {
-    std::optional<std::string> text = readRegularFile(path);
-    if (!text || !isParsable(*text))
-        return false;
+    return !xmlFileProblem(path, document);
+}
+
+std::optional<std::string> xmlFileProblem(const char* path, TiXmlDocument& document) {
+    std::string text;
+    if (auto problem = readRegularFile(path, text))
+        return problem;
+    if (!isParsable(text))
+        return "it has more than " + std::to_string(maxTags) + " tags or " + std::to_string(maxAttributes) +
+               " attributes, or is no text";
     // The parser looks for a byte-order mark without regard for the end: a cut-off one must not stand there.
-    text->append("\n\n\n");
-    document.Parse(text->c_str());
-    return !document.Error();
+    text.append("\n\n\n");
+    document.Parse(text.c_str());
+    if (!document.Error())
+        return std::nullopt;
+    return "line " + std::to_string(document.ErrorRow()) + ": " + document.ErrorDesc();
 }
 
 std::optional<int> parseInteger(const char* text) {

@@ -3,6 +3,7 @@
 
 #include "foundation/FixedText.h"
 
+#include <future>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -234,15 +235,59 @@ TEST(IllDeckLine, TwoDecksDoNotShareALine) {
     SimulatedDeck tape;
     Timing timing;
     timing.reply = 2s;
+    timing.inUse = 200ms;
     Deck first(tape.simulator->device(), timing, -1);
     Deck second(tape.simulator->device(), timing, -1);
     _VTRCmdData record = request(kestrel::vtrCurrentTime, "COM1");
     first.carryOut(record);
     EXPECT_EQ(record.errorCode, 0);
+    const auto begin = Clock::now();
     record = request(kestrel::vtrCurrentTime, "COM2");
     second.carryOut(record);
     EXPECT_EQ(record.errorCode, 20080);
     EXPECT_THAT(textOf(record), HasSubstr("in use by another program"));
+    EXPECT_GE(Clock::now() - begin, 200ms) << "tried again";
+    // The wait was for all that comes until the port is free: the next ones need not wait each.
+    const auto again = Clock::now();
+    for (int i = 0; i < 10; ++i)
+        second.carryOut(record);
+    EXPECT_LT(Clock::now() - again, 1s);
+    EXPECT_THAT(textOf(record), HasSubstr("in use by another program"));
+}
+
+TEST(IllDeckLine, ALineThatIsGivenFreeMeanwhileIsTaken) {
+    SimulatedDeck tape;
+    Timing timing;
+    timing.reply = 2s;
+    timing.inUse = 10s;
+    std::optional<Deck> first(std::in_place, tape.simulator->device(), timing, -1);
+    _VTRCmdData record = request(kestrel::vtrCurrentTime, "COM1");
+    first->carryOut(record);
+    Deck second(tape.simulator->device(), timing, -1);
+    auto later = std::async(std::launch::async, [&] {
+        _VTRCmdData mine = request(kestrel::vtrCurrentTime, "COM2");
+        second.carryOut(mine);
+        return mine;
+    });
+    EXPECT_EQ(later.wait_for(200ms), std::future_status::timeout);
+    first.reset();
+    const _VTRCmdData answer = later.get();
+    EXPECT_EQ(answer.errorCode, 0) << textOf(answer);
+}
+
+TEST(IllDeckLine, TheWaitForALineInUseEndsWithTheProcess) {
+    SimulatedDeck tape;
+    Timing timing;
+    timing.reply = 2s;
+    timing.inUse = 60s;
+    Deck first(tape.simulator->device(), timing, -1);
+    _VTRCmdData record = request(kestrel::vtrCurrentTime, "COM1");
+    first.carryOut(record);
+    kestrel::capture::WakeEvent stop;
+    stop.signal();
+    Deck second(tape.simulator->device(), timing, stop.fd());
+    second.carryOut(record);
+    EXPECT_EQ(textOf(record), "Error: Command 6 to VTR at COM1 failed. (the deck process ends)");
 }
 
 } // namespace

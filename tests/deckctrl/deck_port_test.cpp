@@ -71,6 +71,29 @@ TEST_F(Port, MoreThanItCanHoldAreRefused) {
         EXPECT_THAT(textOf(*next()), HasSubstr("the deck process ends"));
 }
 
+TEST_F(Port, IsUnusedWhenItsLineIsClosedAndNothingWaits) {
+    timing.reply = 2s;
+    begin();
+    ASSERT_TRUE(port->submit(request(kestrel::vtrCurrentTime, "COM1")));
+    EXPECT_EQ(next()->errorCode, 0);
+    EXPECT_FALSE(port->unused()) << "its line is open";
+    tape.simulator->order("unplug");
+    EXPECT_TRUE(eventually([&] { return port->unused(); }));
+    ASSERT_TRUE(port->submit(request(kestrel::vtrCurrentTime, "COM1")));
+    EXPECT_EQ(next()->errorCode, 20080);
+    EXPECT_TRUE(eventually([&] { return port->unused(); }));
+    tape.simulator->order("plug");
+    ASSERT_TRUE(port->submit(request(kestrel::vtrCurrentTime, "COM1")));
+    EXPECT_EQ(next()->errorCode, 0);
+}
+
+TEST_F(Port, IsUsedWhileTheDeckIsAsked) {
+    timing.reply = 10s;
+    begin();
+    occupy();
+    EXPECT_FALSE(port->unused());
+}
+
 TEST_F(Port, ItEndsWhileItWaits) {
     begin();
     port->stop();

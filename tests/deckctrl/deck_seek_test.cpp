@@ -67,6 +67,34 @@ TEST_F(Seeking, AnOldCueUpIsNotTakenForTheNewOne) {
     EXPECT_EQ(timeNow(), "10:00:09:00");
 }
 
+TEST_F(Seeking, AnOldCueUpCountsForNothingWhileTheDeckHasNotYetBegun) {
+    timing.settle = 20s;
+    begin();
+    carryOut(goTo("COM1", "10:00:01:00"));
+    EXPECT_EQ(end().errorCode, 0);
+    tape->simulator->order("lag 1500");
+    const auto started = Clock::now();
+    carryOut(goTo("COM1", "10:00:09:00"));
+    EXPECT_EQ(isSeeking().seeking, 1);
+    const auto statusNow = tape->simulator->status();
+    EXPECT_TRUE(statusNow.cueUpComplete || Clock::now() - started >= 1500ms) << "the deck still tells it";
+    EXPECT_EQ(end().errorCode, 0);
+    EXPECT_GE(Clock::now() - started, 1500ms);
+    EXPECT_EQ(timeNow(), "10:00:09:00");
+}
+
+TEST_F(Seeking, ADeckThatNeitherMovesNorTellsATimeIsGivenUp) {
+    timing.settle = 100ms;
+    begin();
+    tape->simulator->order("lag 60000");
+    tape->simulator->order("notimecode");
+    EXPECT_EQ(carryOut(goTo("COM1", "10:20:30:12")).errorCode, 0);
+    const _VTRCmdData answer = end();
+    EXPECT_EQ(answer.errorCode, 20082);
+    EXPECT_EQ(textOf(answer),
+              "Error: Preroll to 10:20:30:12 for VTR at COM1 failed. (the deck does not move)");
+}
+
 TEST_F(Seeking, ADeckThatIsThereAlreadyArrives) {
     begin();
     carryOut(goTo("COM1", "10:00:00:00"));

@@ -83,10 +83,25 @@ TEST_F(PortMap, ALineThatCannotBeUsedIsNamedAndLeftOut) {
     EXPECT_EQ(names.device("B"), "");
 }
 
+TEST_F(PortMap, OneOfAnyDepthIsToldAndLeftOut) {
+    for (const std::size_t depth : {4097u, 100'000u, 300'000u}) {
+        std::string text = "<Port NAME=\"A\" DEVICE=\"/dev/a\"/>";
+        for (std::size_t i = 0; i < depth; ++i)
+            text += "<a>";
+        EXPECT_FALSE(load("<DeckPorts>" + text));
+        EXPECT_THAT(log.str(), HasSubstr("ports.xml cannot be read: it has more than 4096 tags"));
+        EXPECT_EQ(names.device("A"), "");
+        log.str("");
+    }
+    EXPECT_FALSE(names.load("/dev/zero")) << "nor is a device read";
+}
+
 TEST_F(PortMap, AFileThatIsNoXmlIsTold) {
     EXPECT_FALSE(load("<DeckPorts>\n<Port"));
     EXPECT_THAT(log.str(), HasSubstr("ports.xml cannot be read: line "));
     EXPECT_FALSE(load(""));
+    EXPECT_FALSE(load("<!-- nothing -->"));
+    EXPECT_THAT(log.str(), HasSubstr("ports.xml cannot be read: it has no root element"));
     PortNames other;
     EXPECT_FALSE(other.load("/no/such/file.xml"));
 }

@@ -3,6 +3,7 @@
 #include "deckctrl/SerialPort.h"
 #include "deckctrl/deck_bench.h"
 
+#include <atomic>
 #include <cerrno>
 #include <fcntl.h>
 #include <future>
@@ -11,6 +12,7 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/ioctl.h>
+#include <thread>
 
 using namespace deck_test;
 using kestrel::deck::Exchange;
@@ -25,7 +27,7 @@ class Line : public testing::Test {
 protected:
     void SetUp() override {
         ASSERT_EQ(terminal.open(directory.path("deck")), "");
-        ASSERT_EQ(port.open(terminal.path()), std::nullopt);
+        ASSERT_FALSE(port.open(terminal.path()));
         timing.reply = 2s;
         timing.byteGap = 100ms;
     }
@@ -82,11 +84,12 @@ TEST_F(Line, IsOneControllersOnly) {
     SerialPort second;
     const auto problem = second.open(terminal.path());
     ASSERT_TRUE(problem);
-    EXPECT_THAT(*problem, HasSubstr("in use by another program"));
+    EXPECT_THAT(problem->text, HasSubstr("in use by another program"));
+    EXPECT_TRUE(problem->inUse);
     EXPECT_TRUE(reserved()) << "the attempt changes nothing";
     port.close();
     EXPECT_FALSE(reserved());
-    EXPECT_EQ(second.open(terminal.path()), std::nullopt);
+    EXPECT_FALSE(second.open(terminal.path()));
 }
 
 TEST_F(Line, ABlockGoesOutAsItIsAndTheReplyComesBack) {
@@ -127,6 +130,27 @@ TEST_F(Line, AReplyBrokenOffAtAnyByteIsShown) {
     }
 }
 
+TEST_F(Line, WhatIsSwallowedIsNotWaitedForLongerThanItTakes) {
+    timing.byteGap = 30ms;
+    terminal.write(std::vector<std::uint8_t>{0x10, 0x01, 0x11});
+    auto begin = Clock::now();
+    port.swallow(timing, -1);
+    EXPECT_GE(Clock::now() - begin, 30ms);
+    // Nor without end.
+    std::atomic<bool> enough{false};
+    auto deck = std::async(std::launch::async, [&] {
+        while (!enough) {
+            terminal.write(std::vector<std::uint8_t>{0xFF});
+            std::this_thread::sleep_for(1ms);
+        }
+    });
+    begin = Clock::now();
+    port.swallow(timing, -1);
+    EXPECT_LT(Clock::now() - begin, 5s);
+    enough = true;
+    deck.get();
+}
+
 TEST_F(Line, ADeckThatSendsWithoutEndIsNotListenedToForLong) {
     const Exchange result = exchange(std::vector<std::uint8_t>(3000, 0xFF));
     EXPECT_EQ(result.result, Exchange::Result::garbled);
@@ -156,10 +180,44 @@ TEST_F(Line, AWaitEndsWhenTheProcessIsToEnd) {
 
 TEST(SerialPort, WhatIsNoSerialPortIsRefused) {
     SerialPort port;
-    EXPECT_EQ(*port.open("/no/such/port"), "/no/such/port: No such file or directory (errno 2)");
-    EXPECT_EQ(*port.open("/tmp"), "/tmp is no serial port");
-    EXPECT_EQ(*port.open("/dev/null"), "/dev/null: is no serial port");
+    EXPECT_EQ(port.open("/no/such/port")->text, "/no/such/port: No such file or directory (errno 2)");
+    EXPECT_EQ(port.open("/tmp")->text, "/tmp is no serial port");
+    EXPECT_EQ(port.open("/dev/null")->text, "/dev/null: is no serial port");
+    EXPECT_FALSE(port.open("/dev/null")->inUse);
     EXPECT_FALSE(port.isOpen());
+}
+
+// What a program before has left behind, and a driver keeps.
+TEST(SerialPort, NothingOfTheSettingsBeforeIsLeft) {
+    const TemporaryDirectory directory;
+    PseudoTerminal terminal;
+    ASSERT_EQ(terminal.open(directory.path("deck")), "");
+    const kestrel::UniqueFd before(::open(terminal.path().c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));
+    ASSERT_TRUE(before.valid());
+    constexpr tcflag_t input = IGNPAR | PARMRK | IXON | IXOFF | IXANY | ISTRIP | IUCLC | IGNCR;
+    constexpr tcflag_t control = CMSPAR | CSTOPB | CRTSCTS;
+    termios line{};
+    ASSERT_EQ(tcgetattr(before.get(), &line), 0);
+    line.c_iflag |= input;
+    line.c_cflag |= control;
+    line.c_lflag |= ICANON | ECHO | ISIG;
+    cfsetispeed(&line, B9600);
+    cfsetospeed(&line, B9600);
+    ASSERT_EQ(tcsetattr(before.get(), TCSANOW, &line), 0);
+    line = terminal.settings();
+    ASSERT_EQ(line.c_iflag & input, input);
+    ASSERT_EQ(line.c_cflag & control, control);
+
+    SerialPort port;
+    const auto problem = port.open(terminal.path());
+    EXPECT_FALSE(problem) << problem->text;
+    line = terminal.settings();
+    EXPECT_EQ(line.c_iflag, static_cast<tcflag_t>(INPCK));
+    EXPECT_EQ(line.c_cflag & control, 0u);
+    EXPECT_EQ(line.c_cflag & (CSIZE | PARODD), static_cast<tcflag_t>(CS8 | PARODD));
+    EXPECT_EQ(line.c_lflag & (ICANON | ECHO | ISIG), 0u);
+    EXPECT_EQ(cfgetispeed(&line), static_cast<speed_t>(B38400));
+    EXPECT_EQ(cfgetospeed(&line), static_cast<speed_t>(B38400));
 }
 
 TEST_F(Line, ADescriptorIsNotInherited) {

@@ -2,12 +2,14 @@
 #include "deckctrl/deck_bench.h"
 
 #include "foundation/FixedText.h"
+#include "foundation/ProcessTree.h"
 
 #include <csignal>
+#include <filesystem>
 #include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sstream>
+#include <memory>
 
 using namespace deck_test;
 using testing::HasSubstr;
@@ -175,13 +177,55 @@ TEST_F(Session, AFullOutQueueDoesNotKeepRequestsFromBeingRead) {
         EXPECT_TRUE(process.receive()) << i;
 }
 
-TEST_F(Session, MorePortsThanItHasThreadsForAreRefused) {
+TEST_F(Session, NamesWithoutADeviceTakeNoOthersPlace) {
     process.start();
-    for (int i = 0; i < 64; ++i)
+    for (int i = 0; i < 70; ++i)
         EXPECT_THAT(textOf(process.ask(request(kestrel::vtrCurrentTime, "ttyNONE" + std::to_string(i)))),
                     HasSubstr("No such file"));
-    EXPECT_EQ(textOf(process.ask(request(kestrel::vtrCurrentTime, "A"))),
-              "Error: Could not connect to VTR at A. (64 ports are in use already)");
+    EXPECT_EQ(process.ask(request(kestrel::vtrCurrentTime, "A")).errorCode, 0);
+    // Among the threads of the ports is that of the process itself.
+    EXPECT_LE(kestrel::test::threadsOf(process.pid()), kestrel::deck::mostDecks + 2);
+}
+
+TEST_F(Session, MorePortsThanItHasThreadsForAreRefused) {
+    constexpr std::size_t busy = 4;
+    process.options = {"-timeout", "5000"};
+    std::vector<std::unique_ptr<SimulatedDeck>> decks;
+    const auto name = [](std::size_t i) { return "deck" + std::to_string(i); };
+    for (std::size_t i = 0; i < kestrel::deck::mostDecks; ++i) {
+        decks.push_back(std::make_unique<SimulatedDeck>());
+        process.name(name(i), decks.back()->simulator->device());
+    }
+    process.start();
+    for (std::size_t i = busy; i < decks.size(); ++i)
+        EXPECT_EQ(process.ask(request(kestrel::vtrCurrentTime, name(i))).errorCode, 0) << i;
+    for (std::size_t i = 0; i < busy; ++i) {
+        decks[i]->simulator->order("silent");
+        process.send(request(kestrel::vtrCurrentTime, name(i)));
+        ASSERT_TRUE(eventually([&] { return !decks[i]->simulator->received().empty(); }));
+    }
+    const _VTRCmdData refused = process.ask(request(kestrel::vtrCurrentTime, "A"));
+    EXPECT_EQ(refused.errorCode, 20080);
+    EXPECT_EQ(textOf(refused), "Error: Could not connect to VTR at A. (64 ports are in use already)");
+    // One that goes makes room.
+    decks.back()->simulator->order("unplug");
+    EXPECT_TRUE(
+        eventually([&] { return process.ask(request(kestrel::vtrCurrentTime, "A")).errorCode == 0; }, 4s));
+}
+
+TEST_F(Session, MoreRequestsThanADeckCanHoldAreRefused) {
+    process.options = {"-timeout", "5000"};
+    process.start();
+    a.simulator->order("silent");
+    process.send(request(kestrel::vtrCurrentTime, "A"));
+    ASSERT_TRUE(eventually([&] { return !a.simulator->received().empty(); }));
+    for (std::size_t i = 0; i < kestrel::deck::waitingRequests; ++i)
+        process.send(request(kestrel::vtrCurrentTime, "A"));
+    const _VTRCmdData refused = process.ask(request(kestrel::vtrTransport, "A", kestrel::vtrPlayCode));
+    EXPECT_EQ(refused.errorCode, 20081);
+    EXPECT_EQ(textOf(refused),
+              "Error: Command 0 to VTR at A failed. (64 requests wait for this deck already)");
+    EXPECT_THAT(process.log(), HasSubstr("[Deck:Error] " + textOf(refused)));
 }
 
 TEST_F(Session, TwoNamesOfOneDeviceAreOneDeck) {
@@ -237,6 +281,54 @@ TEST_F(Session, ItEndsWhenItsQueuesAreRemoved) {
     EXPECT_THAT(process.log(), HasSubstr("The message queues have been removed"));
 }
 
+// As when the service was killed and started again: the older process sees within a second that its queues
+// are gone.
+TEST_F(Session, ADeckThatTheProcessBeforeStillHoldsIsWaitedFor) {
+    process.start();
+    EXPECT_EQ(process.ask(request(kestrel::vtrCurrentTime, "A")).errorCode, 0);
+    DeckProcess next;
+    next.name("A", a.simulator->device());
+    next.options = process.options;
+    next.start();
+    process.removeQueues();
+    const _VTRCmdData answer = next.ask(request(kestrel::vtrTransport, "A", kestrel::vtrPlayCode));
+    EXPECT_EQ(answer.errorCode, 0) << textOf(answer);
+    EXPECT_THAT(next.log(), HasSubstr("[Deck:Info] A: " + a.simulator->device() +
+                                      ": in use by another program, tried again for 1500 ms"));
+    EXPECT_EQ(a.simulator->state(), Transport::State::play);
+    EXPECT_EQ(process.wait(), 1);
+}
+
+TEST_F(Session, AnswersThatNobodyReadsDoNotKeepItFromEnding) {
+    process.start();
+    // Ten answers fit.
+    for (int i = 0; i < 12; ++i)
+        process.send(request(kestrel::vtrTransport, "A", kestrel::vtrPlayCode));
+    EXPECT_TRUE(eventually([&] { return process.log().find("answers wait") != std::string::npos; }));
+    const auto begin = Clock::now();
+    process.sendRaw(EXIT_MSG, {});
+    EXPECT_EQ(process.wait(), 0);
+    EXPECT_GE(Clock::now() - begin, 900ms) << "they have a second";
+    EXPECT_LT(Clock::now() - begin, 3s);
+    EXPECT_THAT(process.log(), HasSubstr("[Deck:Warning] Answers are left that nobody has read"));
+}
+
+TEST_F(Session, APortMapOfAnyDepthIsLeftOut) {
+    const TemporaryDirectory directory;
+    {
+        std::ofstream map(directory.path("deep.xml"));
+        for (int i = 0; i < 300'000; ++i)
+            map << "<a>";
+    }
+    process.options = {"-ports", directory.path("deep.xml")};
+    process.start();
+    EXPECT_THAT(textOf(process.ask(request(kestrel::vtrCurrentTime, "A"))),
+                HasSubstr("no port has this name"));
+    EXPECT_THAT(process.log(), HasSubstr("deep.xml cannot be read: it has more than 4096 tags"));
+    process.sendRaw(EXIT_MSG, {});
+    EXPECT_EQ(process.wait(), 0);
+}
+
 TEST_F(Session, ItEndsWhenThereAreNoQueues) {
     process.removeQueues();
     process.start();
@@ -261,27 +353,53 @@ TEST_F(Session, ADeckUnpluggedInTheMiddleComesBack) {
     EXPECT_THAT(process.log(), HasSubstr("[Deck:Warning] A: the line was lost ("));
 }
 
-TEST_F(Session, AnIdleProcessUsesNoTime) {
+// Held on to, the device would keep its name, and the adapter get another when it is back.
+TEST_F(Session, ALineThatGoesWhileNothingIsAskedIsLetGo) {
     process.start();
     EXPECT_EQ(process.ask(request(kestrel::vtrCurrentTime, "A")).errorCode, 0);
-    // utime and stime in ticks of 10 ms.
-    const auto used = [&] {
-        std::ifstream in("/proc/" + std::to_string(process.pid()) + "/stat");
-        std::string line;
-        std::getline(in, line);
-        std::istringstream rest(line.substr(line.rfind(')') + 2));
-        std::string word;
-        for (int i = 0; i < 11; ++i)
-            rest >> word;
-        long user = 0;
-        long system = 0;
-        rest >> user >> system;
-        return user + system;
+    const std::string terminal = std::filesystem::read_symlink(a.simulator->device());
+    const auto held = [&] {
+        for (const auto& entry :
+             std::filesystem::directory_iterator("/proc/" + std::to_string(process.pid()) + "/fd")) {
+            std::error_code gone;
+            const std::string target = std::filesystem::read_symlink(entry.path(), gone);
+            if (target == terminal || target == terminal + " (deleted)")
+                return true;
+        }
+        return false;
     };
-    const long before = used();
-    const timespec pause{1, 500'000'000};
-    nanosleep(&pause, nullptr);
-    EXPECT_LE(used() - before, 15);
+    EXPECT_TRUE(held());
+    a.simulator->order("unplug");
+    EXPECT_TRUE(eventually([&] { return !held(); }, 5s));
+    EXPECT_TRUE(eventually([&] {
+        return process.log().find("[Deck:Warning] A: the line was lost (the line hung up)") !=
+               std::string::npos;
+    }));
+    a.simulator->order("plug");
+    EXPECT_EQ(process.ask(request(kestrel::vtrCurrentTime, "A")).errorCode, 0);
+}
+
+TEST_F(Session, AnIdleProcessIsNotWokenUp) {
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the sanitizer's own thread wakes ten times a second";
+#endif
+    process.start();
+    EXPECT_EQ(process.ask(request(kestrel::vtrCurrentTime, "A")).errorCode, 0);
+    // The answer is there a moment before the threads that gave it sleep: counted from when they do.
+    long before = kestrel::test::timesAsleep(process.pid());
+    const auto rest = [](long milliseconds) {
+        const timespec pause{milliseconds / 1000, milliseconds % 1000 * 1'000'000};
+        nanosleep(&pause, nullptr);
+    };
+    for (int i = 0; i < 20; ++i) {
+        rest(100);
+        const long now = kestrel::test::timesAsleep(process.pid());
+        if (now == before)
+            break;
+        before = now;
+    }
+    rest(1500);
+    EXPECT_LE(kestrel::test::timesAsleep(process.pid()) - before, 3) << "wake-ups in 1.5 s";
 }
 
 } // namespace

@@ -154,10 +154,10 @@ TEST(Simulator, UnderstandsEveryOrderOfItsHelp) {
     for (const char* line : {"well",        "nak 01",     "nak ff 3", "nak 0 3 2",  "garbage", "checksum 1",
                              "partial 1 1", "silent",     "late 100", "late 100 1", "unplug",  "plug",
                              "local",       "remote",     "eject",    "insert",     "vitc",    "novitc",
-                             "timecode",    "notimecode", "old",      "where"})
+                             "timecode",    "notimecode", "old",      "where",      "lag 500"})
         EXPECT_TRUE(parseOrder(line)) << line;
-    for (const char* line :
-         {"", " ", "nak", "nak 100", "nak xyz", "late", "silent x", "silent 1 2 3", "plug in", "dance"})
+    for (const char* line : {"", " ", "nak", "nak 100", "nak xyz", "late", "silent x", "silent 1 2 3", "lag",
+                             "lag x", "lag 1 2", "plug in", "dance"})
         EXPECT_FALSE(parseOrder(line)) << line;
     EXPECT_EQ(parseOrder("late 120 2 1")->fault.delay, 120ms);
 }

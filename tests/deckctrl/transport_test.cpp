@@ -21,6 +21,27 @@ protected:
     std::string timeAt(Clock::duration after) { return transport.time(start + after).text(); }
 };
 
+TEST_F(Mechanism, ACueUpThatLagsKeepsTheStatusOfTheOneBefore) {
+    transport.cueUp({10, 0, 10, 0, false}, start);
+    transport.advance(start + 10s);
+    ASSERT_TRUE(transport.status(start + 10s).cueUpComplete);
+    transport.setLag(500ms);
+    transport.cueUp({10, 0, 30, 0, false}, start + 11s);
+    const auto before = transport.status(start + 11'400ms);
+    EXPECT_TRUE(before.cueUpComplete);
+    EXPECT_TRUE(before.still);
+    EXPECT_FALSE(before.preroll);
+    EXPECT_FALSE(before.moving());
+    EXPECT_EQ(timeAt(11'400ms), "10:00:10:00");
+    const auto begun = transport.status(start + 11'600ms);
+    EXPECT_FALSE(begun.cueUpComplete);
+    EXPECT_TRUE(begun.preroll);
+    EXPECT_TRUE(begun.moving());
+    transport.advance(start + 20s);
+    EXPECT_TRUE(transport.status(start + 20s).cueUpComplete);
+    EXPECT_EQ(timeAt(20s), "10:00:30:00");
+}
+
 TEST(Tape, EveryRateCountsItsLabels) {
     struct Row {
         const char* rate;

@@ -85,6 +85,11 @@ Transport::State DeckSimulator::state() const {
     return m_responder.transport().state();
 }
 
+deck::Status DeckSimulator::status() const {
+    MutexLock lock(m_mutex);
+    return m_responder.transport().status(Clock::now());
+}
+
 std::vector<deck::Block> DeckSimulator::received() const {
     MutexLock lock(m_mutex);
     return m_received;
@@ -144,6 +149,9 @@ void DeckSimulator::obey(const Order& order) {
         break;
     case Order::Kind::old:
         m_responder.setOld(order.on);
+        break;
+    case Order::Kind::lag:
+        m_responder.transport().setLag(order.lag);
         break;
     case Order::Kind::where:
         m_told.clear();

@@ -36,6 +36,8 @@ public:
     [[nodiscard]] std::string device() const;
     [[nodiscard]] TapeTime time() const;
     [[nodiscard]] Transport::State state() const;
+    // What the deck tells of its mechanics.
+    [[nodiscard]] deck::Status status() const;
     // Every block with a correct checksum so far.
     [[nodiscard]] std::vector<deck::Block> received() const;
     // How the controller has set the line.

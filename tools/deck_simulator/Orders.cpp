@@ -45,7 +45,7 @@ constexpr StateWord stateWords[] = {
 };
 
 std::optional<Order> faultOrder(const FaultWord& entry, const std::vector<std::string>& words) {
-    Order order{Order::Kind::fault, true, {}};
+    Order order{Order::Kind::fault, true, {}, {}};
     order.fault.kind = entry.kind;
     std::size_t next = 1;
     if (entry.base != 0) {
@@ -79,9 +79,14 @@ std::optional<Order> parseOrder(std::string_view line) {
     for (const FaultWord& entry : faultWords)
         if (words[0] == entry.word)
             return faultOrder(entry, words);
+    if (words[0] == "lag" && words.size() == 2) {
+        const auto value = number(words[1], 10);
+        return value ? std::optional(Order{Order::Kind::lag, true, {}, std::chrono::milliseconds(*value)})
+                     : std::nullopt;
+    }
     for (const StateWord& entry : stateWords)
         if (words[0] == entry.word && words.size() == 1)
-            return Order{entry.kind, entry.on, {}};
+            return Order{entry.kind, entry.on, {}, {}};
     return std::nullopt;
 }
 
@@ -100,6 +105,8 @@ std::string orderHelp() {
            "  vitc, novitc          whether VITC can be read\n"
            "  timecode, notimecode  whether the tape has any\n"
            "  old                   the deck does not choose between LTC and VITC\n"
+           "  lag MS                a cue-up begins so many milliseconds late, the status is the old one\n"
+           "                        until then; 0: at once\n"
            "  where                 print the state\n";
 }
 

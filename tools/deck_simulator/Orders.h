@@ -10,11 +10,12 @@
 namespace kestrel::deck_simulator {
 
 struct Order {
-    enum class Kind { fault, line, local, cassette, vitc, timecode, old, where };
+    enum class Kind { fault, line, local, cassette, vitc, timecode, old, lag, where };
 
     Kind kind = Kind::where;
     bool on = true;
-    Fault fault; // of Kind::fault
+    Fault fault;                      // of Kind::fault
+    std::chrono::milliseconds lag{0}; // of Kind::lag
 };
 
 // "nak 01", "silent 3", "unplug", ...; nothing for any other line.

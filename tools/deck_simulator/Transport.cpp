@@ -123,7 +123,10 @@ bool Transport::cueUp(const TapeTime& target, Clock::time_point now) {
     const double seconds = m_mechanics.seek
                                ? std::chrono::duration<double>(*m_mechanics.seek).count()
                                : wound + std::chrono::duration<double>(m_mechanics.spinUp).count();
+    const bool cuedBefore = m_cued;
     standAt(State::cueUp, from, now);
+    m_begin += m_lag;
+    m_cued = cuedBefore && m_lag.count() > 0;
     // A deck that is there already still takes its time, at a movement that is none.
     constexpr double least = 1e-7;
     m_limit = distance < least ? from + least : limit;
@@ -147,20 +150,23 @@ deck::Status Transport::status(Clock::time_point now) const {
     status.fastForward = m_state == State::fastForward;
     status.rewind = m_state == State::rewind;
     status.stop = m_state == State::stop;
-    status.still = m_state == State::still;
+    const bool late = lagging(now);
+    const bool cueing = m_state == State::cueUp && !late;
+    status.still = m_state == State::still || late;
     status.jog = m_state == State::jog;
-    status.shuttle = m_state == State::shuttle || m_state == State::cueUp;
-    status.preroll = m_state == State::cueUp;
+    status.shuttle = m_state == State::shuttle || cueing;
+    status.preroll = cueing;
     status.standby = m_state != State::cassetteOut;
-    status.reverse = m_speed < 0;
-    status.cueUpComplete = m_cued;
+    status.reverse = m_speed < 0 && !late;
+    status.cueUpComplete = m_cued && !cueing;
     status.servoLock = m_state == State::play && moving(now);
     status.endOfTape = m_state != State::cassetteOut && position(now) >= m_tape.last();
     return status;
 }
 
 std::string Transport::describe(Clock::time_point now) const {
-    const std::string name = m_cued ? "cue up complete" : stateNames[static_cast<std::size_t>(m_state)];
+    const std::string name =
+        m_cued && m_state != State::cueUp ? "cue up complete" : stateNames[static_cast<std::size_t>(m_state)];
     return m_state == State::cassetteOut ? name : name + " " + time(now).text();
 }
 

@@ -41,6 +41,9 @@ public:
     // The cassette goes in at its beginning.
     void insert(Clock::time_point now);
 
+    // Cue-ups begin so much later; until then the status tells of what was before.
+    void setLag(milliseconds lag) noexcept { m_lag = lag; }
+
     // Takes in what happens by itself: a cue-up that arrives, an end of the tape.
     void advance(Clock::time_point now);
     // When the next such thing happens.
@@ -66,6 +69,10 @@ public:
 private:
     // From where the tape is, at this many times play speed, after the spin-up if it stands.
     void move(State state, double speed, Clock::time_point now);
+    // A cue-up was ordered and has not begun.
+    [[nodiscard]] bool lagging(Clock::time_point now) const noexcept {
+        return m_state == State::cueUp && now < m_begin;
+    }
     void standAt(State state, double position, Clock::time_point now);
 
     Tape m_tape;
@@ -77,6 +84,7 @@ private:
     double m_limit = 0; // position at which the movement ends
     bool m_cued = false;
     bool m_targetOnTape = true;
+    milliseconds m_lag{0};
 };
 
 } // namespace kestrel::deck_simulator

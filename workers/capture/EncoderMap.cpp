@@ -1,6 +1,7 @@
 #include "EncoderMap.h"
 
 #include "Ipv4.h"
+#include "capture_profile/XmlFile.h"
 #include "foundation/ErrorCodes.h"
 
 #include <algorithm>
@@ -36,9 +37,11 @@ MaybeFailure EncoderMap::load(const std::string& path) {
     m_entries.clear();
     m_rtpDecoders.clear();
     TiXmlDocument document;
-    if (!document.LoadFile(path.c_str()) || !document.RootElement())
-        return detailed(failure(error::invalidConfigurationFile),
-                        "encoder map " + path + ": " + document.ErrorDesc());
+    std::optional<std::string> unreadable = xmlFileProblem(path.c_str(), document);
+    if (!unreadable && !document.RootElement())
+        unreadable = "it has no root element";
+    if (unreadable)
+        return detailed(failure(error::invalidConfigurationFile), "encoder map " + path + ": " + *unreadable);
     for (const TiXmlElement* element = document.RootElement()->FirstChildElement("Encoder"); element;
          element = element->NextSiblingElement("Encoder")) {
         Entry entry;

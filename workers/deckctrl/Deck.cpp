@@ -222,6 +222,10 @@ Deck::MaybeProblem Deck::isSeeking(bool& seeking) {
     const auto& known = std::get<std::optional<Status>>(state);
     if (!known)
         return Problem{false, codeName(Code::statusSense) + ": the deck does not know this command"};
+    // Bits that are missing would read as a tape that stands.
+    if (known->told < Status::least)
+        return Problem{false, codeName(Code::statusSense) + ": the deck tells " +
+                                  std::to_string(known->told) + " status bytes, too few to see what it does"};
     if (m_seek)
         return followSeek(*known, seeking);
     // A cue-up that its own panel or another controller began.

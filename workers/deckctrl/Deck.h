@@ -22,6 +22,12 @@ public:
     // record stays as it was.
     void carryOut(_VTRCmdData& record);
 
+    // To poll, without events of its own, for the end of the line between two requests; -1 while none is
+    // open.
+    [[nodiscard]] int lineFd() const noexcept { return m_line.fd(); }
+    // The poll told it: the line is closed.
+    void lineHungUp() { m_line.hungUp(); }
+
 private:
     using MaybeProblem = std::optional<Problem>;
     using MaybeStatus = std::variant<std::optional<Status>, Problem>;

@@ -3,7 +3,9 @@
 #include "foundation/FixedText.h"
 #include "foundation/Logger.h"
 
+#include <algorithm>
 #include <array>
+#include <poll.h>
 
 namespace kestrel::deck {
 namespace {
@@ -48,11 +50,11 @@ std::string nakText(const Block& nak) {
 std::optional<Problem> DeckLine::connect() {
     if (m_line.isOpen())
         return std::nullopt;
-    if (auto problem = m_line.open(m_device))
-        return Problem{true, *problem};
+    if (auto problem = openLine())
+        return problem;
     ++m_connections;
-    bool lost = false;
-    const Reply reply = askOpen(Block(Code::deviceType), lost);
+    bool gone = false;
+    const Reply reply = askOpen(Block(Code::deviceType), gone);
     if (const auto* problem = std::get_if<Problem>(&reply)) {
         m_line.close();
         return Problem{true, m_device + ", " + problem->detail};
@@ -63,24 +65,56 @@ std::optional<Problem> DeckLine::connect() {
     return std::nullopt;
 }
 
+// A service that was killed and started again has two deck processes for a moment: the older one gives its
+// ports back when it sees that its queues are gone.
+std::optional<Problem> DeckLine::openLine() {
+    for (;;) {
+        const auto problem = m_line.open(m_device);
+        if (!problem || !problem->inUse) {
+            m_inUseUntil.reset();
+            return problem ? std::optional(Problem{true, problem->text}) : std::nullopt;
+        }
+        const Clock::time_point now = Clock::now();
+        if (!m_inUseUntil) {
+            m_inUseUntil = now + m_timing.inUse;
+            LogUtil::Info(module, "%s: %s, tried again for %d ms", m_port.c_str(), problem->text.c_str(),
+                          static_cast<int>(m_timing.inUse.count()));
+        }
+        const auto left = std::chrono::ceil<milliseconds>(*m_inUseUntil - now);
+        // Once for all requests: those that waited behind this one are answered at once.
+        if (left.count() <= 0)
+            return Problem{true, problem->text};
+        pollfd stop{m_stopFd, POLLIN, 0};
+        if (::poll(&stop, 1, static_cast<int>(std::min(left, inUsePause).count())) > 0)
+            return Problem{false, "the deck process ends"};
+    }
+}
+
+void DeckLine::lost(const std::string& why) {
+    LogUtil::Warning(module, "%s: the line was lost (%s)", m_port.c_str(), why.c_str());
+    m_line.close();
+}
+
+void DeckLine::hungUp() {
+    lost("the line hung up");
+}
+
 Reply DeckLine::ask(const Block& block) {
     for (bool again = false;; again = true) {
         if (auto problem = connect())
             return *problem;
-        bool lost = false;
-        Reply reply = askOpen(block, lost);
-        if (!lost)
+        bool gone = false;
+        Reply reply = askOpen(block, gone);
+        if (!gone)
             return reply;
-        LogUtil::Warning(module, "%s: the line was lost (%s)", m_port.c_str(),
-                         std::get<Problem>(reply).detail.c_str());
-        m_line.close();
+        lost(std::get<Problem>(reply).detail);
         if (again || !mayBeRepeated(block.code()))
             return Problem{true, m_device + ", " + std::get<Problem>(reply).detail};
     }
 }
 
 // NAKs of commands come back as problems; those of questions as they are, since a deck may lack a question.
-Reply DeckLine::askOpen(const Block& block, bool& lost) {
+Reply DeckLine::askOpen(const Block& block, bool& gone) {
     const std::string name = codeName(block.code());
     const bool question = block.code() == Code::timeSense || block.code() == Code::statusSense ||
                           block.code() == Code::deviceType;
@@ -93,7 +127,7 @@ Reply DeckLine::askOpen(const Block& block, bool& lost) {
         case Exchange::Result::stopped:
             return Problem{false, name + ": the deck process ends"};
         case Exchange::Result::lost:
-            lost = true;
+            gone = true;
             return Problem{true, name + ": " + exchange.detail};
         case Exchange::Result::silent:
             problem = "no answer within " + std::to_string(m_timing.reply.count()) + " ms";
@@ -106,6 +140,8 @@ Reply DeckLine::askOpen(const Block& block, bool& lost) {
                 return exchange.reply;
             if (exchange.reply.code() != Code::nak) {
                 problem = "unexpected reply: " + codeName(exchange.reply.code());
+                // The right one may follow, and is not to be taken for that of the next block.
+                m_line.swallow(m_timing, m_stopFd);
                 break;
             }
             problem = nakText(exchange.reply);

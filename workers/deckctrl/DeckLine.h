@@ -35,10 +35,17 @@ public:
     // Sends a block, on a line that is opened if need be, and once more when it is lost.
     [[nodiscard]] Reply ask(const Block& block);
 
+    // To poll for the end of the line while nothing is asked; -1 while it is not open.
+    [[nodiscard]] int fd() const noexcept { return m_line.fd(); }
+    // The poll told it: closes the line, so that the system may give its name to another device.
+    void hungUp();
+
 private:
     [[nodiscard]] std::optional<Problem> connect();
+    [[nodiscard]] std::optional<Problem> openLine();
+    void lost(const std::string& why);
     // Over the open line; a lost reply is asked for again where that does no harm.
-    [[nodiscard]] Reply askOpen(const Block& block, bool& lost);
+    [[nodiscard]] Reply askOpen(const Block& block, bool& gone);
     void logExchange(const Block& block, const Exchange& exchange) const;
 
     const std::string m_device;
@@ -47,6 +54,8 @@ private:
     std::string m_port;
     SerialPort m_line;
     int m_connections = 0;
+    // Until then a port that others use is tried again; not set while none does.
+    std::optional<Clock::time_point> m_inUseUntil;
 };
 
 // "E7 3C 00"

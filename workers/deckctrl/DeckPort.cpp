@@ -35,8 +35,14 @@ bool DeckPort::submit(const _VTRCmdData& request) {
     return true;
 }
 
+bool DeckPort::unused() const {
+    MutexLock lock(m_mutex);
+    return m_unused && m_waiting.empty();
+}
+
 std::optional<DeckPort::Waiting> DeckPort::next() {
     MutexLock lock(m_mutex);
+    m_unused = m_waiting.empty() && m_deck.lineFd() < 0;
     if (m_waiting.empty())
         return std::nullopt;
     const Waiting first = m_waiting.front();
@@ -50,9 +56,13 @@ void DeckPort::run() {
             answer(*waiting);
         if (readable(m_stop.fd()))
             return;
-        pollfd entries[] = {{m_stop.fd(), POLLIN, 0}, {m_work.fd(), POLLIN, 0}};
+        // A line that goes is let go at once: held, its device's name stays taken, and an adapter that comes
+        // back gets another.
+        pollfd entries[] = {{m_stop.fd(), POLLIN, 0}, {m_work.fd(), POLLIN, 0}, {m_deck.lineFd(), 0, 0}};
         ::poll(entries, std::size(entries), -1);
         m_work.clear();
+        if (entries[2].revents != 0)
+            m_deck.lineHungUp();
     }
 }
 

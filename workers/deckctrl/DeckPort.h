@@ -22,6 +22,8 @@ public:
 
     // Has a request carried out after those before it; false when too many wait.
     [[nodiscard]] bool submit(const _VTRCmdData& request);
+    // Nothing waits or is going on, and the line is closed: nobody misses this port.
+    [[nodiscard]] bool unused() const;
     // Asks the thread to end, without waiting for it.
     void stop() noexcept { m_stop.signal(); }
 
@@ -40,8 +42,9 @@ private:
     AnswerBox& m_answers;
     const milliseconds m_stale;
     Deck m_deck;
-    Mutex m_mutex;
+    mutable Mutex m_mutex;
     std::deque<Waiting> m_waiting GUARDED_BY(m_mutex);
+    bool m_unused GUARDED_BY(m_mutex) = false;
     std::thread m_thread; // last, so that it finds the rest made
 };
 

@@ -138,8 +138,14 @@ MaybeFailure DeckSession::dispatch(const _VTRCmdData& record) {
 DeckPort* DeckSession::portOf(const std::string& device) {
     if (const auto found = m_ports.find(device); found != m_ports.end())
         return found->second.get();
-    if (m_ports.size() >= mostDecks)
-        return nullptr;
+    if (m_ports.size() >= mostDecks) {
+        // Also names that lead nowhere have been given a port.
+        const auto unused =
+            std::ranges::find_if(m_ports, [](const auto& entry) { return entry.second->unused(); });
+        if (unused == m_ports.end())
+            return nullptr;
+        m_ports.erase(unused);
+    }
     return m_ports.emplace(device, std::make_unique<DeckPort>(device, m_options.timing, m_answers))
         .first->second.get();
 }

@@ -37,7 +37,8 @@ private:
     [[nodiscard]] bool take(std::span<const unsigned char> message);
     void takeRequest(std::span<const unsigned char> payload);
     [[nodiscard]] MaybeFailure dispatch(const _VTRCmdData& record);
-    // The deck at a device, made when there is none yet; null when there are too many.
+    // The deck at a device, made when there is none yet, in the place of an unused one when there are many;
+    // null when all are in use.
     [[nodiscard]] DeckPort* portOf(const std::string& device);
     // Sends what there is room for; true when nothing is left.
     bool sendAnswers();

@@ -15,6 +15,9 @@ struct Timing {
     milliseconds reply{150};
     // Between two bytes of a reply. The protocol allows 10 ms.
     milliseconds byteGap{50};
+    // A port in use is tried for so long: the deck process before this one looks every second whether it is
+    // to end.
+    milliseconds inUse{1500};
     int tries = 3; // of a command whose reply was lost
     // A deck that was told to cue up has begun by then.
     milliseconds settle{2000};
@@ -32,6 +35,9 @@ inline constexpr milliseconds garbageTime{500};
 inline constexpr std::size_t waitingRequests = 64;
 inline constexpr std::size_t mostDecks = 64;
 inline constexpr std::size_t waitingAnswers = 1000;
+
+// How often a port in use is tried.
+inline constexpr milliseconds inUsePause{50};
 
 // How often it is looked whether the queues still have their names.
 inline constexpr milliseconds queueCheck{1000};

@@ -173,6 +173,7 @@ bool isLineError(std::uint8_t bits) noexcept {
 
 Status Status::parse(std::span<const std::uint8_t> data) noexcept {
     Status status;
+    status.told = data.size();
     for (const StatusBit& bit : statusBits)
         status.*bit.member = bit.byte < data.size() && (data[bit.byte] & bit.mask) != 0;
     return status;

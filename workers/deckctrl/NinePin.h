@@ -117,6 +117,9 @@ enum NakBit : std::uint8_t {
 // The bits of the status reply that are used here.
 struct Status {
     static constexpr std::size_t size = 10; // status bytes that are asked for
+    static constexpr std::size_t least = 3; // that tell what the tape does
+
+    std::size_t told = 0; // status bytes that the deck sent
 
     // byte 0
     bool local = false; // the deck's own panel has control

@@ -1,5 +1,6 @@
 #include "PortNames.h"
 
+#include "capture_profile/XmlFile.h"
 #include "foundation/Logger.h"
 
 #include <algorithm>
@@ -35,9 +36,11 @@ bool isLetterOrDigit(char c) noexcept {
 
 bool PortNames::load(const std::string& path) {
     TiXmlDocument document;
-    if (!document.LoadFile(path.c_str()) || !document.RootElement()) {
-        LogUtil::Error(module, "Port map %s cannot be read: line %d: %s", path.c_str(), document.ErrorRow(),
-                       document.ErrorDesc());
+    std::optional<std::string> unreadable = xmlFileProblem(path.c_str(), document);
+    if (!unreadable && !document.RootElement())
+        unreadable = "it has no root element";
+    if (unreadable) {
+        LogUtil::Error(module, "Port map %s cannot be read: %s", path.c_str(), unreadable->c_str());
         return false;
     }
     for (const TiXmlElement* element = document.RootElement()->FirstChildElement(); element;

@@ -15,7 +15,8 @@ inline constexpr std::size_t portNameLetters = 11;
 class PortNames {
 public:
     // Reads the "Port" elements (NAME, DEVICE) of the root of an XML file. An element that cannot be used is
-    // logged with its line and left out; false when there is no such file or it is no XML.
+    // logged with its line and left out; false, and logged, when there is no such file, when it is no XML or
+    // larger or deeper than a map can be.
     bool load(const std::string& path);
 
     // The device of a name: the map's; else "COM<n>" (1 and up) is /dev/ttyS<n-1>, "tty..." is /dev/tty...,

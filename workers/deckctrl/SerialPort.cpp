@@ -23,6 +23,14 @@ constexpr unsigned lastPtyMajor = 143;
 
 constexpr std::size_t shownBytes = 16;
 
+// What makes a byte 8 bits, odd parity, one stop bit, and how.
+constexpr tcflag_t frameFlags = CSIZE | PARENB | PARODD | CMSPAR | CSTOPB;
+constexpr tcflag_t frame = CS8 | PARENB | PARODD;
+
+OpenProblem inUse() {
+    return {"in use by another program", true};
+}
+
 std::string hexText(const std::vector<std::uint8_t>& bytes) {
     std::string text;
     for (std::size_t i = 0; i < std::min(bytes.size(), shownBytes); ++i) {
@@ -44,22 +52,22 @@ Exchange failed(Exchange::Result result, std::string detail) {
 
 } // namespace
 
-std::optional<std::string> SerialPort::open(const std::string& device) {
+std::optional<OpenProblem> SerialPort::open(const std::string& device) {
     struct stat status {};
     if (::stat(device.c_str(), &status) != 0)
-        return device + ": " + errnoText(errno);
+        return OpenProblem{device + ": " + errnoText(errno)};
     if (!S_ISCHR(status.st_mode))
-        return device + " is no serial port";
+        return OpenProblem{device + " is no serial port"};
     // Without O_NONBLOCK the open would wait for a carrier that no deck gives.
     m_fd.reset(::open(device.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
-    if (!m_fd.valid())
-        return device + ": " + (errno == EBUSY ? "in use by another program" : errnoText(errno));
-    auto problem = configure();
+    auto problem = m_fd.valid()     ? configure()
+                   : errno == EBUSY ? inUse()
+                                    : std::optional(OpenProblem{errnoText(errno)});
     if (problem) {
         close();
-        return device + ": " + *problem;
+        problem->text.insert(0, device + ": ");
     }
-    return std::nullopt;
+    return problem;
 }
 
 void SerialPort::close() noexcept {
@@ -71,20 +79,22 @@ void SerialPort::close() noexcept {
     m_fd.reset();
 }
 
-std::optional<std::string> SerialPort::configure() {
+std::optional<OpenProblem> SerialPort::configure() {
     termios line{};
     if (::tcgetattr(m_fd.get(), &line) != 0)
-        return "is no serial port";
+        return OpenProblem{"is no serial port"};
     // A second lock, which also keeps privileged programs apart.
     if (::flock(m_fd.get(), LOCK_EX | LOCK_NB) != 0)
-        return "in use by another program";
+        return inUse();
     if (::ioctl(m_fd.get(), TIOCEXCL) != 0)
-        return "cannot be reserved: " + errnoText(errno);
+        return OpenProblem{"cannot be reserved: " + errnoText(errno)};
     m_reserved = true;
     ::cfmakeraw(&line);
-    line.c_cflag &= ~static_cast<tcflag_t>(CSIZE | CSTOPB | CRTSCTS);
-    line.c_cflag |= CS8 | PARENB | PARODD | CREAD | CLOCAL;
-    line.c_iflag |= INPCK; // a byte with wrong parity reads as 0, which the checksum then finds
+    line.c_cflag &= ~static_cast<tcflag_t>(frameFlags | CRTSCTS);
+    line.c_cflag |= frame | CREAD | CLOCAL;
+    // Nothing else that cfmakeraw leaves as it was: a byte with wrong parity reads as 0, which the checksum
+    // then finds, and no byte stops the line.
+    line.c_iflag = INPCK;
     line.c_cc[VMIN] = 1;
     line.c_cc[VTIME] = 0;
     ::cfsetispeed(&line, B38400);
@@ -95,13 +105,14 @@ std::optional<std::string> SerialPort::configure() {
     const bool pty = number >= firstPtyMajor && number <= lastPtyMajor;
     // A pseudo-terminal takes all but the parity, which may count as an error or not.
     if (::tcsetattr(m_fd.get(), TCSANOW, &line) != 0 && !(pty && errno == EINVAL))
-        return "cannot be set to 38,400 baud 8O1: " + errnoText(errno);
+        return OpenProblem{"cannot be set to 38,400 baud 8O1: " + errnoText(errno)};
     // tcsetattr is content when any one of the settings was taken.
     termios taken{};
     ::tcgetattr(m_fd.get(), &taken);
-    if (::cfgetospeed(&taken) != B38400 || (taken.c_cflag & CSIZE) != CS8 ||
-        (!pty && (taken.c_cflag & (PARENB | PARODD)) != (PARENB | PARODD)))
-        return "does not take 38,400 baud 8O1";
+    const tcflag_t looked = pty ? frameFlags & ~static_cast<tcflag_t>(PARENB) : frameFlags;
+    if (::cfgetispeed(&taken) != B38400 || ::cfgetospeed(&taken) != B38400 ||
+        (taken.c_cflag & looked) != (frame & looked))
+        return OpenProblem{"does not take 38,400 baud 8O1"};
     ::tcflush(m_fd.get(), TCIOFLUSH);
     return std::nullopt;
 }
@@ -158,10 +169,20 @@ std::optional<Exchange> SerialPort::send(const Block& block, const Timing& timin
     return std::nullopt;
 }
 
+void SerialPort::swallow(const Timing& timing, int stopFd) {
+    const Clock::time_point end = Clock::now() + garbageTime;
+    std::uint8_t bytes[Block::maxBytes];
+    while (wait(POLLIN, std::min(Clock::now() + timing.byteGap, end), stopFd) == Wait::ready)
+        if (::read(m_fd.get(), bytes, sizeof bytes) == 0 || Clock::now() >= end)
+            return;
+}
+
+// What cannot be a reply is read to its end, though the first bytes tell: what is left of it would be taken
+// for the beginning of the next reply.
 Exchange SerialPort::receive(const Timing& timing, int stopFd) {
     BlockParser parser;
     std::vector<std::uint8_t> seen;
-    bool garbage = false;
+    const char* trouble = nullptr;
     Clock::time_point until = Clock::now() + timing.reply;
     const Clock::time_point end = until + garbageTime;
     for (;;) {
@@ -174,7 +195,7 @@ Exchange SerialPort::receive(const Timing& timing, int stopFd) {
             if (seen.empty())
                 return failed(Exchange::Result::silent, "");
             return failed(Exchange::Result::garbled,
-                          (garbage ? "no reply but " : "broken off reply ") + hexText(seen));
+                          (trouble ? trouble : "broken off reply ") + hexText(seen));
         }
         std::uint8_t bytes[Block::maxBytes];
         const ssize_t count = ::read(m_fd.get(), bytes, sizeof bytes);
@@ -183,15 +204,17 @@ Exchange SerialPort::receive(const Timing& timing, int stopFd) {
         if (count <= 0)
             return failed(Exchange::Result::lost, count == 0 ? "the line hung up" : errnoText(errno));
         for (const std::uint8_t byte : std::span(bytes, static_cast<std::size_t>(count))) {
-            garbage |= seen.empty() && !canBeginReply(byte);
+            if (seen.empty() && !canBeginReply(byte))
+                trouble = "no reply but ";
             seen.push_back(byte);
-            if (garbage)
+            if (trouble)
                 continue;
             switch (parser.feed(byte)) {
             case BlockParser::State::complete:
                 return {Exchange::Result::answered, parser.block(), ""};
             case BlockParser::State::badChecksum:
-                return failed(Exchange::Result::garbled, "checksum error in reply " + hexText(seen));
+                trouble = "checksum error in reply ";
+                break;
             case BlockParser::State::incomplete:
                 break;
             }

@@ -24,11 +24,19 @@ struct Exchange {
     std::string detail; // of garbled and lost: what was seen
 };
 
+// What stands against opening a port, in words.
+struct OpenProblem {
+    std::string text;
+    bool inUse = false; // another program, or another thread of this one, has it
+};
+
 class SerialPort {
 public:
-    // Opens the device and sets the line. What stands against it in words, or nothing.
-    [[nodiscard]] std::optional<std::string> open(const std::string& device);
+    // Opens the device and sets the line. Nothing when all is well.
+    [[nodiscard]] std::optional<OpenProblem> open(const std::string& device);
     [[nodiscard]] bool isOpen() const noexcept { return m_fd.valid(); }
+    // To poll, without events of its own, for the end of the line; -1 while it is not open.
+    [[nodiscard]] int fd() const noexcept { return m_fd.get(); }
     void close() noexcept;
     ~SerialPort() { close(); }
     SerialPort() = default;
@@ -38,11 +46,13 @@ public:
     // Sends a block and waits for one reply. What came before it and was not read is thrown away. stopFd ends
     // the wait when it becomes readable; -1 for none.
     [[nodiscard]] Exchange exchange(const Block& block, const Timing& timing, int stopFd);
+    // Reads what is still on its way, and throws it away, until no byte comes for timing.byteGap.
+    void swallow(const Timing& timing, int stopFd);
 
 private:
     enum class Wait { ready, timeout, hangup, stopped };
 
-    [[nodiscard]] std::optional<std::string> configure();
+    [[nodiscard]] std::optional<OpenProblem> configure();
     [[nodiscard]] Wait wait(short events, Clock::time_point until, int stopFd) const;
     [[nodiscard]] std::optional<Exchange> send(const Block& block, const Timing& timing, int stopFd);
     [[nodiscard]] Exchange receive(const Timing& timing, int stopFd);

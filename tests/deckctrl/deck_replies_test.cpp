@@ -1,0 +1,198 @@
+// Replies that come in pieces, damaged, of the wrong kind or with less in them than was asked for.
+#include "deckctrl/scripted_deck.h"
+
+#include "foundation/FixedText.h"
+#include "foundation/Logger.h"
+
+#include <algorithm>
+#include <atomic>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sstream>
+
+using namespace deck_test;
+using kestrel::deck::Deck;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+class Replies : public testing::Test {
+protected:
+    void begin(ScriptedDeck::Script script) {
+        tape.emplace(std::move(script));
+        Timing timing;
+        timing.reply = 2s;
+        timing.byteGap = 300ms; // the machine may be busy
+        timing.settle = 50ms;
+        deck.emplace(tape->device(), timing, -1);
+    }
+    // Other answers to one kind of block; the deck is well otherwise.
+    void beginWith(Code code, std::function<ScriptedAnswer()> answer) {
+        begin([code, answer = std::move(answer)](const Block& asked) {
+            return asked.code() == code ? answer() : ScriptedAnswer{wellReply(asked).bytes()};
+        });
+    }
+    _VTRCmdData carryOut(_VTRCmdData record) {
+        deck->carryOut(record);
+        return record;
+    }
+    _VTRCmdData time() { return carryOut(request(kestrel::vtrCurrentTime, "COM7")); }
+    _VTRCmdData play() { return carryOut(request(kestrel::vtrTransport, "COM7", kestrel::vtrPlayCode)); }
+    _VTRCmdData isSeeking() { return carryOut(request(kestrel::vtrIsSeeking, "COM7")); }
+    long count(Code code) const { return std::ranges::count(tape->received(), code); }
+
+    std::optional<ScriptedDeck> tape;
+    std::optional<Deck> deck;
+};
+
+// A real line takes 0.3 ms for a byte, a deck up to 10.
+TEST_F(Replies, PiecesWithinTheGapAreOneReply) {
+    for (const auto pace : {200us, 1000us, 3000us, 10'000us}) {
+        begin([pace](const Block& asked) { return ScriptedAnswer{wellReply(asked).bytes(), pace}; });
+        const _VTRCmdData answer = time();
+        EXPECT_EQ(answer.errorCode, 0) << pace.count() << textOf(answer);
+        EXPECT_EQ(kestrel::fieldText(answer.timecode), "10:20:30:12");
+        EXPECT_EQ(play().errorCode, 0);
+        EXPECT_THAT(tape->received(),
+                    ElementsAre(Code::deviceType, Code::timeSense, Code::statusSense, Code::play));
+        deck.reset();
+    }
+}
+
+// A count that reads too small ends the block early: what is left of it must not meet the next reply.
+TEST_F(Replies, OneWithADamagedCountCostsOneTry) {
+    for (const auto pace : {200us, 1000us, 3000us})
+        for (const std::uint8_t first : Bytes{0x70, 0x71, 0x72}) {
+            int asked = 0;
+            beginWith(Code::timeSense, [pace, first, asked]() mutable {
+                Bytes bytes = wellReply(Block(Code::timeSense)).bytes();
+                if (asked++ == 0)
+                    bytes[0] = first;
+                return ScriptedAnswer{bytes, pace};
+            });
+            const _VTRCmdData answer = time();
+            EXPECT_EQ(answer.errorCode, 0) << textOf(answer);
+            EXPECT_EQ(kestrel::fieldText(answer.timecode), "10:20:30:12");
+            EXPECT_EQ(count(Code::timeSense), 2) << int{first} << " at " << pace.count();
+            deck.reset();
+        }
+}
+
+TEST_F(Replies, ADamagedOneIsShownToItsEnd) {
+    beginWith(Code::timeSense, [] {
+        return ScriptedAnswer{{0x70, 0x04, 0x12, 0x30, 0x20, 0x10, 0xEA}, 1000us};
+    });
+    EXPECT_EQ(textOf(time()),
+              "Error: Command 6 to VTR at COM7 failed. (Current time sense: checksum error in "
+              "reply 70 04 12 30 20 10 EA, 3 tries)");
+}
+
+TEST_F(Replies, OneOfTheWrongKindIsNamed) {
+    beginWith(Code::timeSense, [] { return ScriptedAnswer{Block(Code::ack).bytes()}; });
+    const _VTRCmdData answer = time();
+    EXPECT_EQ(answer.errorCode, 20081);
+    EXPECT_EQ(textOf(answer),
+              "Error: Command 6 to VTR at COM7 failed. (Current time sense: unexpected reply: "
+              "ACK, 3 tries)");
+    EXPECT_EQ(count(Code::timeSense), 3);
+}
+
+// As after a reply that came too late: the right one is under way.
+TEST_F(Replies, WhatFollowsOneOfTheWrongKindIsNotTakenForTheNextReply) {
+    beginWith(Code::timeSense, [asked = 0]() mutable {
+        Bytes bytes = wellReply(Block(Code::timeSense)).bytes();
+        if (asked++ == 0) {
+            const Bytes ack = Block(Code::ack).bytes();
+            bytes.insert(bytes.begin(), ack.begin(), ack.end());
+        }
+        return ScriptedAnswer{bytes, 3000us};
+    });
+    EXPECT_EQ(time().errorCode, 0);
+    EXPECT_EQ(count(Code::timeSense), 2);
+}
+
+TEST_F(Replies, AStepIsNotSentAgainAfterOneOfTheWrongKind) {
+    beginWith(Code::stepForward, [] { return ScriptedAnswer{Block(Code::status, {0x00}).bytes()}; });
+    const _VTRCmdData answer = carryOut(request(kestrel::vtrTransport, "COM7", kestrel::vtrStepForwardCode));
+    EXPECT_EQ(answer.errorCode, 20081);
+    EXPECT_EQ(textOf(answer),
+              "Error: Command 0 to VTR at COM7 failed. (Step forward: unexpected reply: Status)");
+    EXPECT_EQ(count(Code::stepForward), 1);
+}
+
+TEST_F(Replies, ATimeThatIsNoneIsShown) {
+    for (const auto& [data, shown] :
+         std::vector<std::pair<Bytes, std::string>>{{{0x0A, 0x30, 0x20, 0x10}, "0A 30 20 10"}, // not decimal
+                                                    {{0x12, 0x60, 0x20, 0x10}, "12 60 20 10"}, // second 60
+                                                    {{0x12, 0x30, 0x20, 0x24}, "12 30 20 24"}, // hour 24
+                                                    {{0x12, 0x30}, "12 30"}}) {
+        beginWith(Code::timeSense,
+                  [bytes = Block(Code::ltc, data).bytes()] { return ScriptedAnswer{bytes}; });
+        const _VTRCmdData answer = time();
+        EXPECT_EQ(answer.errorCode, 20081);
+        EXPECT_EQ(textOf(answer), "Error: Command 6 to VTR at COM7 failed. (Current time sense: the deck "
+                                  "answered with no time: " +
+                                      shown + ")");
+        EXPECT_EQ(kestrel::fieldText(answer.timecode), "");
+        deck.reset();
+    }
+}
+
+TEST_F(Replies, ADeckThatDoesNotTellItsTypeIsConnectedTo) {
+    beginWith(Code::deviceType, [] { return ScriptedAnswer{Block(Code::nak, {0x01}).bytes()}; });
+    std::stringstream log;
+    LogUtil::GetInstance()->addStreamLogger(&log);
+    EXPECT_EQ(play().errorCode, 0);
+    LogUtil::Cleanup();
+    EXPECT_THAT(log.str(), HasSubstr("COM7: connected, " + tape->device() + ", device type not told"));
+    EXPECT_EQ(time().errorCode, 0);
+    EXPECT_EQ(count(Code::deviceType), 1);
+}
+
+TEST_F(Replies, CommandsDoWithAsManyStatusBytesAsTheDeckTells) {
+    for (const std::size_t told : {0u, 1u, 2u, 3u, 9u}) {
+        beginWith(Code::statusSense,
+                  [bytes = Block(Code::status, Bytes(told, 0)).bytes()] { return ScriptedAnswer{bytes}; });
+        const _VTRCmdData answer = play();
+        EXPECT_EQ(answer.errorCode, 0) << told << textOf(answer);
+        EXPECT_EQ(count(Code::play), 1);
+        deck.reset();
+    }
+    beginWith(Code::statusSense, [] { return ScriptedAnswer{Block(Code::status, {0x01}).bytes()}; });
+    EXPECT_THAT(textOf(play()), HasSubstr("the deck is set to LOCAL")) << "told in the first byte";
+}
+
+TEST_F(Replies, ADeckThatTellsTooFewStatusBytesCannotTellWhetherItSeeks) {
+    for (const std::size_t told : {0u, 1u, 2u}) {
+        beginWith(Code::statusSense,
+                  [bytes = Block(Code::status, Bytes(told, 0)).bytes()] { return ScriptedAnswer{bytes}; });
+        EXPECT_EQ(carryOut(goTo("COM7", "10:20:30:12")).errorCode, 0);
+        const _VTRCmdData answer = isSeeking();
+        EXPECT_EQ(answer.errorCode, 20081);
+        EXPECT_EQ(textOf(answer), "Error: Command 7 to VTR at COM7 failed. (Status sense: the deck tells " +
+                                      std::to_string(told) + " status bytes, too few to see what it does)");
+        deck.reset();
+    }
+}
+
+TEST_F(Replies, ThreeStatusBytesTellWhetherItSeeks) {
+    // Shuttling, then cued up.
+    const auto moves = std::make_shared<std::atomic<bool>>(true);
+    beginWith(Code::statusSense, [moves] {
+        return ScriptedAnswer{
+            Block(Code::status, {0x00, 0x00, *moves ? std::uint8_t{0x20} : std::uint8_t{0x03}}).bytes()};
+    });
+    EXPECT_EQ(isSeeking().errorCode, 0);
+    EXPECT_EQ(isSeeking().seeking, 0) << "a shuttle is no seek";
+    EXPECT_EQ(carryOut(goTo("COM7", "10:20:30:12")).errorCode, 0);
+    EXPECT_EQ(isSeeking().seeking, 1);
+    *moves = false;
+    const _VTRCmdData answer = isSeeking();
+    EXPECT_EQ(answer.errorCode, 0) << textOf(answer);
+    EXPECT_EQ(answer.seeking, 0);
+}
+
+} // namespace
