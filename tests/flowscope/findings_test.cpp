@@ -124,9 +124,10 @@ TEST(FindingsOnStreams, JitterOverTheLimitIsOne) {
     const auto after = analysed(bytes);
     EXPECT_NEAR(after.pcrJitterUs().value_or(0), 1, 0.2);
     ASSERT_EQ(after.findings().count("PCR jitter"), 1U);
-    EXPECT_THAT(after.findings().first()[0].text,
-                testing::HasSubstr(
-                    "us from the constant rate of the multiplex, more than the 0.5 us that are allowed"));
+    EXPECT_THAT(
+        after.findings().first()[0].text,
+        testing::MatchesRegex("packet [0-9]+, PID 256: a PCR lies [0-9.]+ us from the constant rate of "
+                              "the multiplex, more than the 0.5 us that are allowed"));
     EXPECT_THAT(kestrel::flowscope::xmlReport(after, "f"), testing::HasSubstr("<PcrJitterUs value=\""));
     EXPECT_THAT(kestrel::flowscope::htmlReport(after, "f"), testing::HasSubstr("PCR jitter over time"));
 }
@@ -204,7 +205,23 @@ TEST(FindingsOnStreams, BytesThatAreNoFrameAreFoundInTheSound) {
         }
     const auto analysis = analysed(bytes);
     ASSERT_EQ(analysis.findings().count("audio format"), 1U);
-    EXPECT_EQ(analysis.findings().first().back().text, "PID 257: 1 times no frame follows the one before");
+    EXPECT_THAT(analysis.findings().first().back().text,
+                testing::MatchesRegex("packet [0-9]+, PID 257: no frame follows the one before"));
+}
+
+TEST(FindingsOnStreams, EachIsToldWithPacketAndPid) {
+    // A file twice, with damage in it.
+    auto bytes = readFile(streamFile("m2_sd_25"));
+    bytes[188 * 700] = 0x46;
+    bytes[188 * 500 + 1] |= 0x80;
+    const std::vector<unsigned char> once = bytes;
+    bytes.insert(bytes.end(), once.begin(), once.end());
+    const auto analysis = analysed(bytes);
+    for (const char* kind :
+         {"sync", "transport error", "continuity", "PCR jump", "timestamps", "time code", "audio timestamps"})
+        EXPECT_GE(analysis.findings().count(kind), 1U) << kind;
+    for (const auto& each : analysis.findings().first())
+        EXPECT_THAT(each.text, testing::ContainsRegex("^packet [0-9]+.*PID [0-9]+")) << each.kind;
 }
 
 TEST(FindingsOnStreams, PacketsWithoutSyncByteAreFound) {
@@ -212,7 +229,7 @@ TEST(FindingsOnStreams, PacketsWithoutSyncByteAreFound) {
     bytes[188 * 700] = 0x46;
     const auto analysis = analysed(bytes);
     ASSERT_EQ(analysis.findings().count("sync"), 1U);
-    EXPECT_EQ(analysis.findings().first()[0].text, "packet 700 does not begin with 0x47");
+    EXPECT_EQ(analysis.findings().first()[0].text, "packet 700, PID 256: it does not begin with 0x47");
     EXPECT_EQ(analysis.findings().count("continuity"), 1U) << "what it carried is missing";
 }
 
@@ -229,6 +246,7 @@ TEST(FindingsOnStreams, AreAllCountedWhereNotAllAreTold) {
     const std::string html = kestrel::flowscope::htmlReport(analysis, "f");
     EXPECT_THAT(html, testing::HasSubstr("<div class=\"verdict bad\">400 findings: see below.</div>"));
     EXPECT_THAT(html, testing::HasSubstr("Of each kind the first 50 are shown."));
+    EXPECT_THAT(html, testing::HasSubstr("<tr><th scope=\"row\">transport error</th><td>400</td></tr>"));
 }
 
 // --- reports

@@ -53,6 +53,10 @@ TEST(CommandLine, SaysWhatIsWrongWithIt) {
     EXPECT_EQ(parse({"-x", "-f", "a"}).error, "unknown option -x");
     EXPECT_EQ(parse({"-f", "a", "b"}).error, "unexpected argument b");
     EXPECT_EQ(parse({"-r", "pdf", "-f", "a"}).error, "-r pdf: expected xml or html");
+    const Options options = parse({"-duration", "0", "-x", "-out_queue_name", "/q", "-in_queue_name", "/p"});
+    EXPECT_EQ(options.error, "-duration 0: expected a number of seconds from 1 on") << "the first";
+    EXPECT_EQ(options.outQueue, "/q") << "where to tell it";
+    EXPECT_EQ(options.inQueue, "/p");
     for (const char* bad : {"0", "-1", "x", "5s", "99999999999999999999", ""})
         EXPECT_EQ(parse({"-duration", bad, "-f", "a"}).error,
                   std::string("-duration ") + bad + ": expected a number of seconds from 1 on");
@@ -152,6 +156,8 @@ TEST(Clock, JitterIsTheDistanceFromAConstantRate) {
     ClockCheck clock;
     addSteady(clock, 101, 0, 0, 50, 27);
     EXPECT_NEAR(clock.jitterUs().value_or(-1), 1, 0.01);
+    EXPECT_EQ(clock.jitterPacket(), 5000) << "the one that is off";
+    EXPECT_NEAR(clock.elapsedSeconds(), 4, 1e-9);
     const PeakProfile plot = clock.jitterOverTime();
     ASSERT_EQ(plot.peaks().size(), 5U);
     EXPECT_NEAR(plot.peaks()[2], 1, 0.01);
@@ -164,6 +170,8 @@ TEST(Clock, JitterIsThatOfTheStretchesBetweenJumps) {
     addSteady(clock, 101, 90'000 * MS, 10'100, 50, 27);
     EXPECT_EQ(clock.jumps(), 1U);
     EXPECT_NEAR(clock.jitterUs().value_or(-1), 2, 0.01) << "the first stretch's";
+    EXPECT_EQ(clock.jitterPacket(), 5000);
+    EXPECT_NEAR(clock.elapsedSeconds(), 8, 1e-9) << "without the jump";
 }
 
 TEST(Clock, WithoutAConstantRateThereIsNoJitter) {
@@ -176,6 +184,7 @@ TEST(Clock, WithoutAConstantRateThereIsNoJitter) {
     EXPECT_EQ(variable.jitterUs(), std::nullopt);
     EXPECT_TRUE(variable.jitterOverTime().peaks().empty());
     EXPECT_EQ(ClockCheck().jitterUs(), std::nullopt);
+    EXPECT_EQ(ClockCheck().jitterPacket(), std::nullopt);
 }
 
 TEST(Clock, IntervalsAreKeptOverTime) {
@@ -247,7 +256,8 @@ FrameRate rateOf(double rate, int count, double framesOfStep = 1) {
     Findings findings;
     for (int i = 0; i < count; ++i) {
         const PTS time = PTS::from_ticks(std::llround(i * 90'000 * framesOfStep / rate));
-        times.take(times.continued(time, time, 0), 0, 0, findings);
+        const VideoTimes::Place place{0, 0x100, 0, framesOfStep};
+        times.take(times.continued(time, time, place), place, findings);
     }
     EXPECT_TRUE(findings.empty());
     return times.frameRate(static_cast<std::uint64_t>(std::llround(count * framesOfStep)));
@@ -261,6 +271,31 @@ TEST(Rates, AreToldByTheStepsOfTheTimes) {
         EXPECT_EQ(rateOf(rate, 75, 12).value(), rate) << "one for each GOP";
     }
     EXPECT_EQ(rateOf(25, 1).numerator, 0) << "no step";
+}
+
+TEST(DecodingTimes, AreNoGapsWhereTheHeadersNameAnotherRate) {
+    VideoTimes times;
+    Findings findings;
+    for (int i = 0; i < 50; ++i) {
+        const PTS time = PTS::from_ticks(std::int64_t{i} * 3600 + (i >= 40 ? 36'000 : 0));
+        const VideoTimes::Place place{0, 0x100, 50, 1};
+        times.take(times.continued(time, time, place), place, findings);
+    }
+    ASSERT_EQ(findings.total(), 1U) << "all at half of it, and one that is one";
+    EXPECT_EQ(findings.first()[0].text, "packet 0, PID 256: a gap of 22.0 frames before DTS 180000");
+}
+
+TEST(DecodingTimes, StayInBoundsAtARateOfCenturies) {
+    VideoTimes times;
+    Findings findings;
+    for (int i = 0; i < 10'000; ++i) {
+        const PTS time = PTS::from_ticks(i % 2 == 0 ? (std::int64_t{1} << 33) - 1 : 0);
+        const VideoTimes::Place place{0, 0x100, 1e-10, 1e9};
+        if (i % 3 == 0)
+            times.expectNewTimeBase();
+        times.take(times.continued(time, time, place), place, findings);
+    }
+    EXPECT_GE(times.shownSeconds(), 0);
 }
 
 TEST(FindingsList, KeepsTheFirstOfEachKindAndCountsAll) {

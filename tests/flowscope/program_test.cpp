@@ -243,6 +243,69 @@ TEST_F(FlowScope, AWrongCommandLineIsExitCodeTwo) {
     EXPECT_THAT(errors(), StartsWith("flowScope: -r pdf: expected xml or html\nUsage: "));
 }
 
+TEST_F(FlowScope, TellsTheServiceThatItsCommandLineIsWrong) {
+    ServiceQueues queues;
+    EXPECT_EQ(run(streamFile("m2_sd_25"), {"-duration", "0", "-out_queue_name", queues.updateName(),
+                                           "-in_queue_name", queues.managerName()}),
+              2);
+    EXPECT_THAT(errors(),
+                StartsWith("flowScope: -duration 0: expected a number of seconds from 1 on\nUsage: "));
+    while (queues.receive(std::chrono::milliseconds(0))) {
+    }
+    ASSERT_EQ(queues.received().size(), 2U);
+    EXPECT_EQ(queues.received()[0].type, RESULTS_MSG);
+    EXPECT_EQ(queues.received()[0].text,
+              "wrong command line: -duration 0: expected a number of seconds from 1 on");
+    EXPECT_EQ(queues.received()[1].type, EXIT_MSG);
+}
+
+TEST_F(FlowScope, DamageAtTheBeginningIsAFindingAndNoRefusal) {
+    const std::vector<unsigned char> good = readFile(streamFile("m2_sd_25"));
+    const auto reported = [&](const std::vector<unsigned char>& bytes) {
+        EXPECT_EQ(
+            run(directory.file("in.ts", std::string(bytes.begin(), bytes.end())), {"-report_name", "r.xml"}),
+            0)
+            << errors();
+        EXPECT_STREQ(VerifierXml(directory.path("r.xml").c_str()).getVideoRes(), "720x576");
+        return report("r.xml");
+    };
+    for (const std::size_t packet : {0U, 3U}) {
+        std::vector<unsigned char> bytes = good;
+        bytes[188 * packet] = 0x00;
+        EXPECT_THAT(reported(bytes),
+                    HasSubstr("kind=\"sync\" text=\"packet " + std::to_string(packet) + ", PID "));
+    }
+    // The end of another packet.
+    EXPECT_THAT(
+        reported(std::vector<unsigned char>(good.begin() + 88, good.end())),
+        HasSubstr("kind=\"sync\" text=\"packet 0: 100 bytes before it, from byte 0 of the file on, are no "
+                  "packets\""));
+}
+
+TEST_F(FlowScope, BytesThatShiftThePacketsCostNoMoreThanThemselves) {
+    const std::vector<unsigned char> good = readFile(streamFile("m2_sd_25"));
+    const auto summary = [&](std::vector<unsigned char> bytes) {
+        EXPECT_EQ(
+            run(directory.file("in.ts", std::string(bytes.begin(), bytes.end())), {"-report_name", "r.xml"}),
+            0);
+        return errors();
+    };
+    std::vector<unsigned char> more = good;
+    more.insert(more.begin() + 188 * 1000, 50'001, 0x11);
+    EXPECT_THAT(summary(more), HasSubstr("75 frames, 00:00:03:00, 720x576 at 25, 1 audio, 1 finding\n"));
+    EXPECT_THAT(report("r.xml"),
+                HasSubstr("packet 1000: 50001 bytes before it, from byte 188000 of the file on, "
+                          "are no packets"));
+    const std::string rate = VerifierXml(directory.path("r.xml").c_str()).getTransportRate();
+    summary(good);
+    EXPECT_EQ(rate, VerifierXml(directory.path("r.xml").c_str()).getTransportRate()) << "of packets alone";
+    std::vector<unsigned char> fewer = good;
+    fewer.erase(fewer.begin() + 188 * 1000 + 50, fewer.begin() + 188 * 1000 + 121);
+    EXPECT_THAT(summary(fewer), HasSubstr("75 frames, 00:00:03:00, "));
+    EXPECT_THAT(report("r.xml"), HasSubstr("<Kind name=\"sync\" count=\"1\" />"));
+    EXPECT_THAT(report("r.xml"), HasSubstr("packet 1001: 117 bytes before it"));
+}
+
 TEST_F(FlowScope, HostileStreamsEnd) {
     const std::vector<unsigned char> good = readFile(streamFile("m2_four_audios"));
     std::mt19937 random(42);

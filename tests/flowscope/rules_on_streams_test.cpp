@@ -179,6 +179,14 @@ TEST_P(RuleOnStreams, HasAStreamThatPassesAndOneThatFails) {
     EXPECT_EQ(judged(row.rule, row.fails()), row.message);
 }
 
+TEST(RulesOnStreams, SoundThatIsNotLookedIntoIsJudgedByItsKind) {
+    const std::string latm = makeStream("rule_latm", SD_VIDEO TONE SHORT "-c:v mpeg2video -c:a aac "
+                                                                         "-mpegts_flags +latm");
+    EXPECT_EQ(judged("Audio_isAC3", latm), "The audio in the file x.ts for PID 257 is not AC3.\t");
+    EXPECT_EQ(judged("Audio_FirstPid_482", latm),
+              "The first audio PID in the file x.ts must start at 482 Decimal or 0x1E2 Hex.\t");
+}
+
 INSTANTIATE_TEST_SUITE_P(Each, RuleOnStreams, testing::ValuesIn(ROWS),
                          [](const auto& each) { return std::string(each.param.rule); });
 

@@ -97,11 +97,28 @@ TEST(Video, ATimeCodeThatDoesNotFollowIsCounted) {
                  pictureCodingExtension(3, true, false) + filler(8);
         track.feed(stream);
         track.end();
-        return track.timecodeJumps();
+        return track.timecodes().jumps();
     };
     EXPECT_EQ(jumps(1), 0U);
     EXPECT_EQ(jumps(2), 1U);
     EXPECT_EQ(jumps(0), 1U);
+}
+
+TEST(Video, AFrameLastsLongerWhereItsFirstFieldIsRepeated) {
+    const auto fields = [](bool progressive, bool topFirst, bool repeat) {
+        VideoTrack track(VideoCodec::mpeg2);
+        track.feed(sequenceHeader(720, 480, 4) + sequenceExtension(0x48, progressive) + pictureHeader(1) +
+                   pictureCodingExtension(3, topFirst, repeat) + filler(8));
+        track.end();
+        EXPECT_EQ(track.frames(), 1U);
+        return track.fields();
+    };
+    EXPECT_EQ(fields(false, true, false), 2U);
+    EXPECT_EQ(fields(false, true, true), 3U);
+    EXPECT_EQ(fields(false, false, true), 3U);
+    EXPECT_EQ(fields(true, false, false), 2U);
+    EXPECT_EQ(fields(true, false, true), 4U) << "a frame twice";
+    EXPECT_EQ(fields(true, true, true), 6U) << "three times";
 }
 
 TEST(Video, RandomBytesEndAndStayInside) {
@@ -178,6 +195,52 @@ Bytes sequenceSet(unsigned timeScale) {
     return nal(7, bits.bytes());
 }
 
+// The same with HRD parameters: a cbr_flag for each schedule of the NAL units' HRD and of the other one.
+Bytes sequenceSetWithHrd(const std::vector<unsigned>& nalFlags, const std::vector<unsigned>& vclFlags) {
+    BitString bits;
+    bits.u(8, 66).u(16, 30).ue(0).ue(0).ue(2).ue(1).u(1, 0).ue(21).ue(17).u(1, 1).u(1, 1).u(1, 0);
+    bits.u(1, 1).u(4, 0).u(1, 0); // VUI without timing
+    for (const auto& flags : {nalFlags, vclFlags}) {
+        bits.u(1, flags.empty() ? 0 : 1);
+        if (flags.empty())
+            continue;
+        bits.ue(static_cast<unsigned>(flags.size()) - 1).u(4, 0).u(4, 0);
+        unsigned rate = 1000;
+        for (const unsigned flag : flags)
+            bits.ue(rate++).ue(500).u(1, flag);
+        bits.u(5, 23).u(5, 23).u(5, 23).u(5, 24);
+    }
+    bits.u(1, 0).u(1, 0).u(1, 0).u(1, 1); // low_delay_hrd_flag, pic_struct, restriction, end
+    return nal(7, bits.bytes());
+}
+
+TEST(H264Video, TheRateIsConstantWhereAScheduleOfTheHrdIs) {
+    const auto constant = [](const Bytes& stream) {
+        VideoTrack track(VideoCodec::h264);
+        track.feed(stream + nal(9, {0xF0}));
+        track.end();
+        return track.constantBitRate();
+    };
+    using Flags = std::vector<unsigned>;
+    EXPECT_EQ(constant(sequenceSetWithHrd({1}, {})), true);
+    EXPECT_EQ(constant(sequenceSetWithHrd({0}, {})), false);
+    EXPECT_EQ(constant(sequenceSetWithHrd({}, {1})), true);
+    EXPECT_EQ(constant(sequenceSetWithHrd({}, {0})), false);
+    EXPECT_EQ(constant(sequenceSetWithHrd({1, 0}, {})), true) << "the schedule of a higher rate is variable";
+    EXPECT_EQ(constant(sequenceSetWithHrd({0, 0}, {})), false);
+    EXPECT_EQ(constant(sequenceSetWithHrd({1}, {0})), true) << "the first counts filler data";
+    EXPECT_EQ(constant(sequenceSetWithHrd({0}, {1})), false);
+    EXPECT_EQ(constant(sequenceSetWithHrd(Flags(32, 0), {})), false) << "as many as there may be";
+    EXPECT_EQ(constant(sequenceSet(60'000)), std::nullopt) << "its bytes tell";
+    EXPECT_EQ(constant(sequenceSetWithHrd({0}, {}) + sequenceSetWithHrd({1}, {})), false)
+        << "of variable rate once is of variable rate";
+    EXPECT_EQ(constant(sequenceSetWithHrd({1}, {}) + sequenceSetWithHrd({0}, {})), false);
+    // Cut anywhere.
+    const Bytes whole = sequenceSetWithHrd({1, 0}, {0});
+    for (std::size_t length = 0; length < whole.size(); ++length)
+        constant(Bytes(whole.begin(), whole.begin() + static_cast<long>(length)));
+}
+
 TEST(H264Video, TheTimeCodeIsThatOfThePictureTiming) {
     const auto timing = [](int counting, int hours, int frames) {
         BitString bits;
@@ -197,6 +260,83 @@ TEST(H264Video, TheTimeCodeIsThatOfThePictureTiming) {
     EXPECT_FALSE(counted.dropFrame());
     EXPECT_TRUE(counted.firstTimecode());
     EXPECT_NEAR(counted.format().rate(), 30'000.0 / 1001, 1e-9);
+}
+
+// --- time codes and lengths of H.264
+
+// A slice that is a whole frame: its type as it is coded.
+Bytes slice(unsigned type, std::size_t size = 4) {
+    BitString bits;
+    bits.ue(0).ue(type).ue(0).u(4, 0);
+    return nal(1, bits.bytes() + filler(size));
+}
+Bytes clockOf(int seconds, int frames, bool discontinuity = false, unsigned structure = 0) {
+    BitString bits;
+    bits.u(4, structure).u(1, 1).u(2, 0).u(1, 1).u(5, 0).u(1, 1).u(1, discontinuity ? 1 : 0).u(1, 0);
+    bits.u(8, static_cast<unsigned>(frames)).u(6, static_cast<unsigned>(seconds)).u(6, 0).u(5, 10).u(2, 0);
+    return nal(6, message(1, bits.bytes()) + Bytes{0x80});
+}
+constexpr unsigned P = 0;
+constexpr unsigned B = 1;
+constexpr unsigned I = 2;
+
+// IBBP at 30/1.001 frames a second, in the order of coding, each picture with the label of its place; shift
+// changes the label of a place.
+template <typename Shift>
+VideoTrack labelled(Shift shift) {
+    VideoTrack track(VideoCodec::h264);
+    Bytes stream = sequenceSet(60'000);
+    const auto picture = [&](int place, unsigned type) {
+        const int label = place + shift(place);
+        stream = std::move(stream) + clockOf(label / 30, label % 30) + slice(type);
+    };
+    picture(0, I);
+    for (int anchor = 3; anchor < 90; anchor += 3) {
+        picture(anchor, P);
+        picture(anchor - 2, B);
+        picture(anchor - 1, B);
+    }
+    track.feed(stream);
+    track.end();
+    EXPECT_EQ(track.frames(), 88U);
+    return track;
+}
+
+TEST(H264Video, TimeCodesFollowInTheOrderOfShowing) {
+    EXPECT_EQ(labelled([](int) { return 0; }).timecodes().jumps(), 0U);
+    const VideoTrack ahead = labelled([](int place) { return place >= 40 ? 100 : 0; });
+    EXPECT_EQ(ahead.timecodes().jumps(), 1U);
+    EXPECT_EQ(ahead.timecodes().latest(), "10:00:04:20 does not follow from 10:00:01:09 and 1 frames");
+    EXPECT_EQ(labelled([](int place) { return place >= 40 ? -35 : 0; }).timecodes().jumps(), 1U);
+    EXPECT_EQ(labelled([](int place) { return place >= 40 ? 1 : 0; }).timecodes().jumps(), 1U)
+        << "one skipped";
+    EXPECT_EQ(labelled([](int place) { return place >= 40 ? -1 : 0; }).timecodes().jumps(), 1U)
+        << "one twice";
+}
+
+TEST(H264Video, ATimeCodeThatIsAnnouncedNotToFollowIsNoJump) {
+    for (const bool announced : {false, true}) {
+        VideoTrack track(VideoCodec::h264);
+        Bytes stream = sequenceSet(60'000);
+        for (int i = 0; i < 20; ++i)
+            stream = stream + clockOf(i < 10 ? 1 : 40, i, announced && i == 10) + slice(i == 0 ? I : P);
+        track.feed(stream);
+        track.end();
+        EXPECT_EQ(track.timecodes().jumps(), announced ? 0U : 1U);
+    }
+}
+
+TEST(H264Video, AFrameLastsAsLongAsItsPictureStructureSays) {
+    // Table D-1: frames, three fields, two and three times.
+    for (const auto& [structure, fields] :
+         {std::pair{0U, 2U}, {3U, 2U}, {5U, 3U}, {6U, 3U}, {7U, 4U}, {8U, 6U}}) {
+        VideoTrack track(VideoCodec::h264);
+        track.feed(sequenceSet(60'000) + clockOf(0, 0, false, structure) + slice(I) + slice(P));
+        EXPECT_EQ(track.position().shown, fields + 2U) << "also of a slice that is still being read";
+        track.end();
+        EXPECT_EQ(track.frames(), 2U);
+        EXPECT_EQ(track.fields(), fields + 2U) << "the second says nothing";
+    }
 }
 
 TEST(H264Video, AnAssumedRateIsForStreamsThatSayNothing) {

@@ -127,6 +127,23 @@ TEST_F(Verification, LaterPropertiesAreQueued) {
         << "it passed";
 }
 
+TEST(VerificationProfile, AQuickDurationOfNoSecondIsToldAndTheDefaultTaken) {
+    for (const char* seconds : {"0", "-5"}) {
+        ServiceUnderTest service;
+        service.set("Verifier", "EXE", KESTREL_FLOW_SCOPE);
+        service.set("Verifier", "REPORT_DIR", service.root().string() + "/");
+        service.set("Verifier", "QUICK_PROPERTIES_DURATION_SECS", seconds);
+        service.start();
+        EXPECT_EQ(service.ask(std::string("GET_MPEG_PROPERTIES,JOB_BEGIN,") + GUID + "," +
+                              streamFile("m2_delivery_pids") + ",VIDEO_PID"),
+                  "TRUE - 481");
+        EXPECT_THAT(service.log(), HasSubstr(" -duration 20 "));
+        EXPECT_THAT(service.log(), HasSubstr(std::string("Profile section Verifier, key "
+                                                         "QUICK_PROPERTIES_DURATION_SECS: \"") +
+                                             seconds + "\" is less than 1; 20 is taken"));
+    }
+}
+
 TEST_F(Verification, AFileThatIsNoStreamSaysSo) {
     const std::string file = service.root() / "text.ts";
     std::filesystem::copy_file("/proc/self/exe", file);

@@ -162,7 +162,9 @@ TEST_F(VerifierRequests, TheWorkersReasonReachesTheClient) {
 TEST_F(VerifierRequests, AVerifierThatIsNotThereFails) {
     service.set("Verifier", "EXE", "/no/such/verifier");
     service.start();
-    EXPECT_EQ(verify(",VIDEO_PID"), NO_PROPERTY);
+    EXPECT_EQ(verify(",VIDEO_PID"), std::string(NO_PROPERTY) +
+                                        " Error: Could not run /no/such/verifier: errno 2 "
+                                        "(No such file or directory).");
     EXPECT_THAT(service.log(), HasSubstr("exited with code 255"));
 }
 

@@ -123,11 +123,16 @@ void readHrd(Bits& in, AvcHeaders::Format& format) {
     const unsigned schedules = in.ue() + 1;
     in.bits(8); // bit_rate_scale, cpb_size_scale
     constexpr unsigned mostSchedules = 32;
+    bool constant = false;
     for (unsigned i = 0; i < std::min(schedules, mostSchedules) && !in.failed(); ++i) {
         in.ue();
         in.ue();
-        in.bit();
+        // A stream of constant rate keeps to one schedule; those of higher rates are then variable.
+        constant = in.bit() != 0 || constant;
     }
+    // Of two the first is that of all NAL units, filler data among them.
+    if (!format.constantRate && !in.failed())
+        format.constantRate = constant;
     in.bits(5); // initial_cpb_removal_delay_length_minus1
     format.delays = true;
     format.removalBits = in.bits(5) + 1;
@@ -309,6 +314,11 @@ bool AvcHeaders::hasRecoveryPoint(std::span<unsigned char> nal) {
 }
 
 std::optional<int> AvcHeaders::pictureTime(std::span<unsigned char> nal) const {
+    const std::optional<PictureTiming> timing = pictureTiming(nal);
+    return timing ? timing->time : std::nullopt;
+}
+
+std::optional<AvcHeaders::PictureTiming> AvcHeaders::pictureTiming(std::span<unsigned char> nal) const {
     constexpr unsigned pictureTiming = 1;
     constexpr std::array<unsigned, 9> clockTimestamps{1, 1, 1, 2, 2, 3, 3, 2, 3}; // table D-1, NumClockTS
     if (nal.size() <= nalHead || !m_format.pictureStructure)
@@ -321,17 +331,21 @@ std::optional<int> AvcHeaders::pictureTime(std::span<unsigned char> nal) const {
         in.bits(m_format.outputBits);
     }
     const unsigned structure = in.bits(4);
-    if (structure >= clockTimestamps.size())
+    if (in.failed() || structure >= clockTimestamps.size())
         return std::nullopt;
+    PictureTiming timing;
+    timing.structure = structure;
     unsigned skipped = 0;
     while (skipped < clockTimestamps[structure] && !in.bit()) // clock_timestamp_flag
         ++skipped;
     if (skipped == clockTimestamps[structure])
-        return std::nullopt;
-    in.bits(3);                           // ct_type, nuit_field_based_flag
+        return timing;
+    in.bits(2);                           // ct_type
+    timing.countsTicks = !in.bit();       // nuit_field_based_flag
     const unsigned counting = in.bits(5); // counting_type
     const bool full = in.bit();
-    in.bits(2); // discontinuity_flag, cnt_dropped_flag
+    timing.discontinuity = in.bit() != 0;
+    in.bit(); // cnt_dropped_flag
     const unsigned frames = in.bits(8);
     unsigned seconds = 0;
     unsigned minutes = 0;
@@ -342,21 +356,22 @@ std::optional<int> AvcHeaders::pictureTime(std::span<unsigned char> nal) const {
         hours = in.bits(5);
     } else {
         if (!in.bit())
-            return std::nullopt;
+            return timing;
         seconds = in.bits(6);
         if (!in.bit())
-            return std::nullopt;
+            return timing;
         minutes = in.bits(6);
         if (!in.bit())
-            return std::nullopt;
+            return timing;
         hours = in.bits(5);
     }
     if (in.failed() || frames > 63 || seconds > 59 || minutes > 59 || hours > 23)
-        return std::nullopt;
+        return timing;
     // Table D-2: counting_type 4 drops two labels a minute.
     constexpr unsigned dropping = 4;
-    return static_cast<int>((counting == dropping ? 1u << 24 : 0u) | hours << 19 | minutes << 13 | 1u << 12 |
-                            seconds << 6 | frames);
+    timing.time = static_cast<int>((counting == dropping ? 1u << 24 : 0u) | hours << 19 | minutes << 13 |
+                                   1u << 12 | seconds << 6 | frames);
+    return timing;
 }
 
 } // namespace kestrel::capture

@@ -33,11 +33,12 @@ public:
         unsigned level = 0;   // level_idc
         bool framesOnly = true;
         // What the layout of picture timing depends on (E.1.1, E.1.2).
-        bool delays = false;           // CpbDpbDelaysPresentFlag
-        unsigned removalBits = 24;     // of cpb_removal_delay
-        unsigned outputBits = 24;      // of dpb_output_delay
-        unsigned timeOffsetBits = 24;  // of time_offset
-        bool pictureStructure = false; // pic_struct_present_flag
+        bool delays = false;              // CpbDpbDelaysPresentFlag
+        unsigned removalBits = 24;        // of cpb_removal_delay
+        unsigned outputBits = 24;         // of dpb_output_delay
+        unsigned timeOffsetBits = 24;     // of time_offset
+        bool pictureStructure = false;    // pic_struct_present_flag
+        std::optional<bool> constantRate; // cbr_flag of any schedule; none: no HRD parameters
     };
 
     // 7.3.2.1. Returns false when it cannot be read.
@@ -49,8 +50,18 @@ public:
     [[nodiscard]] std::optional<Slice> readSlice(std::span<unsigned char> nal) const;
     // Whether an SEI NAL unit begins with, or holds near its beginning, a recovery point (D.1.7).
     [[nodiscard]] static bool hasRecoveryPoint(std::span<unsigned char> nal);
-    // The first clock timestamp of a picture timing message (D.1.2) in an SEI NAL unit, as the 25 bits of an
-    // MPEG-2 GOP time_code; none when there is none, or one that leaves hours, minutes or seconds out.
+    // A picture timing message (D.1.2).
+    struct PictureTiming {
+        unsigned structure = 0; // pic_struct, table D-1
+        // The first clock timestamp, as the 25 bits of an MPEG-2 GOP time_code; none when there is none, or
+        // one that leaves hours, minutes or seconds out.
+        std::optional<int> time;
+        bool discontinuity = false; // discontinuity_flag: the time need not follow from the one before
+        bool countsTicks = false;   // not nuit_field_based_flag: labels may count ticks, two a frame
+    };
+    // That of an SEI NAL unit; none when there is none, or none with a pic_struct.
+    [[nodiscard]] std::optional<PictureTiming> pictureTiming(std::span<unsigned char> nal) const;
+    // Its time alone.
     [[nodiscard]] std::optional<int> pictureTime(std::span<unsigned char> nal) const;
 
     // MPEG-2 frame_rate_code by the VUI timing of the latest sequence; 0 when it has none that fits.

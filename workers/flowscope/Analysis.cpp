@@ -42,7 +42,7 @@ bool Analysis::take(const unsigned char* packet) {
     const auto number = static_cast<unsigned long long>(m_packets++);
     const int pid = ts::pid(packet);
     if (packet[0] != ts::sync_byte) {
-        m_findings.add("sync", format("packet %llu does not begin with 0x47", number));
+        m_findings.add("sync", format("packet %llu, PID %d: it does not begin with 0x47", number, pid));
         return !m_full;
     }
     if (pid == ts::null_pid) {
@@ -80,6 +80,13 @@ bool Analysis::take(const unsigned char* packet) {
     return !m_full;
 }
 
+void Analysis::skip(std::uint64_t position, std::uint64_t bytes) {
+    m_findings.add("sync",
+                   format("packet %llu: %llu bytes before it, from byte %llu of the file on, are no packets",
+                          static_cast<unsigned long long>(m_packets), static_cast<unsigned long long>(bytes),
+                          static_cast<unsigned long long>(position)));
+}
+
 bool Analysis::isDuplicate(const unsigned char* packet, int pid) {
     std::unique_ptr<Previous>& previous = m_previous[indexOf(pid)];
     if (previous == nullptr) {
@@ -102,6 +109,8 @@ void Analysis::takeTables(const unsigned char* packet) {
         if (Role& role = m_roles[indexOf(program.pmtPid)]; role == Role::none)
             role = Role::table;
     chooseAsset();
+    if (const Program* const program = asset(); program != nullptr)
+        m_pcrPid = program->clockPid;
     // Nothing will be analysed of a stream without video, however long it is.
     m_full = m_full || (m_video == nullptr && m_tables.complete());
 }
@@ -130,8 +139,12 @@ void Analysis::adopt(const Program& program, const StreamEntry& video) {
     m_pcrPid = program.pcrPid;
     m_video = std::make_unique<VideoTrack>(*video.video);
     m_videoReader = {};
+    m_lastVideoPacket = 0;
+    m_timecodeJumps = 0;
+    m_positionAtTime = {0, 0};
     m_audios.clear();
     m_clock = {};
+    m_leastDelay.reset();
     m_times = {};
     m_rates = {};
     m_videoRates = {};
@@ -139,7 +152,7 @@ void Analysis::adopt(const Program& program, const StreamEntry& video) {
     m_roles[indexOf(m_videoPid)] = Role::video;
     for (const StreamEntry& stream : program.streams)
         if (stream.audio && audio(stream.pid) == nullptr && stream.pid != m_videoPid) {
-            m_audios.push_back({stream.pid, AudioTrack(*stream.audio), {}});
+            m_audios.push_back(Audio{stream.pid, AudioTrack(*stream.audio), {}});
             m_roles[indexOf(stream.pid)] = Role::audio;
         }
 }
@@ -160,11 +173,15 @@ void Analysis::takeClock(const unsigned char* packet, int pid) {
     const bool announced = (field[0] & DISCONTINUITY) != 0;
     const std::uint64_t tooLong = m_clock.tooLong();
     const std::uint64_t jumps = m_clock.jumps();
-    m_clock.reference(pcr, static_cast<std::int64_t>(m_packets), announced);
+    m_clock.reference(pcr, static_cast<std::int64_t>(number), announced);
+    m_lastClockPacket = number;
+    m_lastClockPid = pid;
+    noteDelay();
     if (m_clock.tooLong() != tooLong)
-        m_findings.add("PCR interval", format("packet %llu: more than 100 ms since the last PCR", number));
+        m_findings.add("PCR interval",
+                       format("packet %llu, PID %d: more than 100 ms since the last PCR", number, pid));
     if (m_clock.jumps() != jumps)
-        m_findings.add("PCR jump", format("packet %llu: the PCR jumps", number));
+        m_findings.add("PCR jump", format("packet %llu, PID %d: the PCR jumps", number, pid));
     if (!announced)
         return;
     m_times.expectNewTimeBase();
@@ -199,20 +216,48 @@ void Analysis::takeElementary(const unsigned char* packet, Audio* audio, bool lo
         else
             takeVideoTimes();
     }
+    (audio == nullptr ? m_lastVideoPacket : audio->lastPacket) = m_packets - 1;
     if (!reader.inData())
         return;
-    if (audio != nullptr)
+    if (audio != nullptr) {
+        // Of a coding that is not looked into the times alone count.
+        if (audio->track.codec() == AudioCodec::unknown)
+            return;
         audio->track.feed(bytes);
-    else
+        tellFormat(*audio);
+    } else {
         m_video->feed(bytes);
+        tellTimecodes();
+    }
+}
+
+void Analysis::tellTimecodes() {
+    for (; m_timecodeJumps < m_video->timecodes().jumps(); ++m_timecodeJumps)
+        m_findings.add("time code", format("packet %llu, PID %d: ", m_lastVideoPacket, m_videoPid) +
+                                        m_video->timecodes().latest());
+}
+
+void Analysis::tellFormat(Audio& audio) {
+    for (; audio.changes < audio.track.formatChanges(); ++audio.changes)
+        m_findings.add("audio format", format("packet %llu, PID %d: a frame of another format than the first",
+                                              audio.lastPacket, audio.pid));
+    for (; audio.breaks < audio.track.breaks(); ++audio.breaks)
+        m_findings.add("audio format", format("packet %llu, PID %d: no frame follows the one before",
+                                              audio.lastPacket, audio.pid));
 }
 
 void Analysis::takeVideoTimes() {
     const PTS rawPts = m_videoReader.pts();
     if (rawPts.is_absent())
         return;
-    const double rate = m_video->format().rate();
-    const VideoTimes::Times times = m_times.continued(rawPts, m_videoReader.dts(), rate);
+    // By either way of counting; where a frame is repeated they differ by a field.
+    const VideoTrack::Position position = m_video->position();
+    const std::uint64_t fields =
+        std::max(position.shown - m_positionAtTime.shown, position.decoded - m_positionAtTime.decoded);
+    constexpr std::uint64_t FRAME = 2; // where no picture was found since
+    const VideoTimes::Place place{m_packets - 1, m_videoPid, m_video->format().rate(),
+                                  static_cast<double>(fields == 0 ? FRAME : fields) / 2};
+    const VideoTimes::Times times = m_times.continued(rawPts, m_videoReader.dts(), place);
     if (m_limit.asked() && m_times.decodingSeconds(times.dts) >= *m_limit.asked()) {
         m_full = true;
         m_videoReader.drop(); // the picture that begins here is one too many
@@ -222,7 +267,11 @@ void Analysis::takeVideoTimes() {
     if (!m_times.lastDts().is_absent())
         m_videoRates.add(m_times.decodingSeconds(m_times.lastDts()), m_video->bytes() - m_ratedVideoBytes);
     m_ratedVideoBytes = m_video->bytes();
-    m_times.take(times, rate, m_packets - 1, m_findings);
+    m_positionAtTime = position;
+    const bool first = m_times.firstDts().is_absent();
+    m_times.take(times, place, m_findings);
+    if (first)
+        noteDelay();
     m_rates.add(m_times.decodingSeconds(times.dts), (m_packets - m_ratedPackets) * ts::packet_size);
     m_ratedPackets = m_packets;
 }
@@ -238,7 +287,13 @@ void Analysis::takeAudioTimes(Audio& audio) {
         m_full = m_full || m_limit.passed();
     }
     const std::optional<double> departure = track.stamp(pts);
-    if (std::exchange(audio.newTimeBase, false) || last.is_absent())
+    // Frames go on from base to base.
+    const double counted = track.seconds() - std::exchange(audio.secondsAtLast, track.seconds());
+    const bool newTimeBase = std::exchange(audio.newTimeBase, false);
+    if (last.is_absent())
+        return;
+    audio.elapsed += newTimeBase || pts < last ? counted : kestrel::flowscope::seconds(pts - last);
+    if (newTimeBase)
         return;
     const auto number = static_cast<unsigned long long>(m_packets - 1);
     const AudioFormat& sound = track.format();
@@ -252,36 +307,6 @@ void Analysis::takeAudioTimes(Audio& audio) {
                        format("packet %llu, PID %d: PTS %lld is %.1f ms %s than the frames before it last",
                               number, audio.pid, static_cast<long long>(pts.ticks()),
                               std::abs(*departure) * 1000, *departure > 0 ? "later" : "earlier"));
-}
-
-void Analysis::end() {
-    for (const Program& program : m_tables.programs())
-        if (!program.mapped)
-            m_findings.add("program", format("program %d: its map has not come on PID %d", program.number,
-                                             program.pmtPid));
-    if (m_video == nullptr)
-        return;
-    m_video->end();
-    m_video->assumeFrameRate(m_times.frameRate(m_video->frames()));
-    if (m_video->timecodeJumps() != 0)
-        m_findings.add("time code", format("%llu GOP time codes do not follow from the one before",
-                                           static_cast<unsigned long long>(m_video->timecodeJumps())));
-    if (const auto jitter = pcrJitterUs(); jitter && *jitter > ClockCheck::jitterLimitUs)
-        m_findings.add("PCR jitter",
-                       format("a PCR lies %.3f us from the constant rate of the multiplex, more "
-                              "than the %.1f us that are allowed",
-                              *jitter, ClockCheck::jitterLimitUs));
-    for (Audio& each : m_audios) {
-        each.track.end();
-        if (each.track.formatChanges() != 0)
-            m_findings.add("audio format",
-                           format("PID %d: %llu frames of another format than the first", each.pid,
-                                  static_cast<unsigned long long>(each.track.formatChanges())));
-        if (each.track.breaks() != 0)
-            m_findings.add("audio format",
-                           format("PID %d: %llu times no frame follows the one before", each.pid,
-                                  static_cast<unsigned long long>(each.track.breaks())));
-    }
 }
 
 } // namespace kestrel::flowscope

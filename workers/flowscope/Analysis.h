@@ -29,6 +29,8 @@ public:
 
     // The next packet; false when no more is wanted.
     bool take(const unsigned char* packet);
+    // So many bytes before the next packet, from that one of the file on, are no packets.
+    void skip(std::uint64_t position, std::uint64_t bytes);
     // No more packets come.
     void end();
 
@@ -46,6 +48,14 @@ public:
         AudioTrack track;
         PesReader reader;
         bool newTimeBase = false; // its next time need not follow from the last
+        unsigned long long lastPacket = 0;
+        double elapsed = 0;        // seconds from the first time to the last, in one time base
+        double secondsAtLast = 0;  // that the frames before the last time took
+        std::uint64_t changes = 0; // that have been told, as the next
+        std::uint64_t breaks = 0;
+
+        // From the first time to the end of the last frame.
+        [[nodiscard]] double seconds() const { return elapsed + track.seconds() - secondsAtLast; }
     };
     [[nodiscard]] const std::vector<Audio>& audios() const noexcept { return m_audios; }
     [[nodiscard]] const Findings& findings() const noexcept { return m_findings; }
@@ -93,6 +103,14 @@ private:
     void takeElementary(const unsigned char* packet, Audio* audio, bool lost);
     void takeVideoTimes();
     void takeAudioTimes(Audio& audio);
+    void tellTimecodes();
+    void tellFormat(Audio& audio);
+    // How far the decoding times lie ahead of the clock.
+    void noteDelay();
+    [[nodiscard]] double delay() const;
+    void judgeClock();
+    void judgePresence();
+    void judgeEnds();
     [[nodiscard]] Audio* audio(int pid);
     [[nodiscard]] PTS firstSound(const Audio& audio) const;
 
@@ -110,10 +128,17 @@ private:
     std::unique_ptr<VideoTrack> m_video;
     std::vector<Audio> m_audios;
     PesReader m_videoReader;
+    unsigned long long m_lastVideoPacket = 0;
+    std::uint64_t m_timecodeJumps = 0;           // that have been told
+    VideoTrack::Position m_positionAtTime{0, 0}; // when the latest time came
     // What is on each PID, so that a packet's way is one look.
     enum class Role : unsigned char { none, table, video, audio };
     std::array<Role, ts::pid_count> m_roles{Role::table};
     ClockCheck m_clock;
+    unsigned long long m_lastClockPacket = 0;
+    int m_lastClockPid = -1;
+    std::optional<double> m_leastDelay;
+    double m_mostDelay = 0;
     VideoTimes m_times;
     RateProfile m_rates;
     std::uint64_t m_ratedPackets = 0;

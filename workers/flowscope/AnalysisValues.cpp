@@ -18,11 +18,19 @@ double Analysis::videoSeconds() const {
     if (rate <= 0)
         return m_times.shownSeconds();
     // A PES packet may hold several pictures, of which only the first has a time: the frames are counted too.
-    const double counted = static_cast<double>(m_video->frames()) / rate;
+    // A frame with a repeated field lasts longer than the others.
+    const double counted = static_cast<double>(m_video->fields()) / 2 / rate;
     if (m_times.lowestPts().is_absent())
         return counted;
-    const double shown = m_times.shownSeconds() + 1 / rate;
-    return std::abs(shown - counted) * rate < 1.5 ? counted : shown;
+    // Behind the last time come its picture and those that have none; which is shown last is not told of
+    // several.
+    const double behind = std::max(1.0, static_cast<double>(m_video->fields() - m_positionAtTime.shown) / 2);
+    const double shown = m_times.shownSeconds() + behind / rate;
+    constexpr double REORDERED = 3;
+    const double tolerance = 1.5 + (behind >= 2 ? REORDERED : 0);
+    // Where time went back, it may have gone over the same seconds twice.
+    const bool agreed = std::abs(shown - counted) * rate < tolerance;
+    return agreed || (m_times.wentBack() && shown < counted) ? counted : shown;
 }
 
 std::int64_t Analysis::videoFrames() const {
@@ -43,11 +51,11 @@ double Analysis::seconds() const {
     double begin = kestrel::flowscope::seconds(m_times.lowestPts());
     double end = begin + videoSeconds();
     for (const Audio& each : m_audios) {
-        if (each.track.firstPts().is_absent() || each.track.frames() == 0)
+        if (each.track.firstPts().is_absent())
             continue;
         const double first = kestrel::flowscope::seconds(firstSound(each));
         begin = std::min(begin, first);
-        end = std::max(end, first + each.track.seconds());
+        end = std::max(end, first + each.seconds());
     }
     return end - begin;
 }

@@ -12,10 +12,6 @@ constexpr std::int64_t LONGEST_INTERVAL = SECOND / 10;
 constexpr std::size_t MOST_SAMPLES = 4096;
 constexpr double TICKS_PER_US = 27;
 
-std::optional<double> larger(std::optional<double> a, std::optional<double> b) {
-    return !a ? b : !b ? a : std::max(*a, *b);
-}
-
 } // namespace
 
 void ClockCheck::reference(std::int64_t pcr, std::int64_t packet, bool announced) {
@@ -23,7 +19,7 @@ void ClockCheck::reference(std::int64_t pcr, std::int64_t packet, bool announced
         const std::int64_t step = (pcr - m_last + TURN) % TURN;
         if (announced || step > SECOND) {
             ++(announced ? m_newTimeBases : m_jumps);
-            m_jitter = larger(m_jitter, stretchJitterUs());
+            m_jitter = ofAll();
             m_samples.clear();
         } else {
             m_elapsed += step;
@@ -74,17 +70,29 @@ double ClockCheck::distanceUs(const Sample& sample) const {
            TICKS_PER_US;
 }
 
-std::optional<double> ClockCheck::stretchJitterUs() const {
+std::optional<ClockCheck::Distance> ClockCheck::ofStretch() const {
     if (!constantRate())
         return std::nullopt;
-    double most = 0;
+    Distance most{0, m_samples.front().packet};
     for (const Sample& sample : m_samples)
-        most = std::max(most, distanceUs(sample));
+        if (const double us = distanceUs(sample); us > most.us)
+            most = {us, sample.packet};
     return most;
 }
 
+std::optional<ClockCheck::Distance> ClockCheck::ofAll() const {
+    const std::optional<Distance> latest = ofStretch();
+    return !m_jitter || (latest && latest->us > m_jitter->us) ? latest : m_jitter;
+}
+
 std::optional<double> ClockCheck::jitterUs() const {
-    return larger(m_jitter, stretchJitterUs());
+    const auto most = ofAll();
+    return most ? std::optional(most->us) : std::nullopt;
+}
+
+std::optional<std::int64_t> ClockCheck::jitterPacket() const {
+    const auto most = ofAll();
+    return most ? std::optional(most->packet) : std::nullopt;
 }
 
 PeakProfile ClockCheck::jitterOverTime() const {

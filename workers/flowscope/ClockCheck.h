@@ -34,6 +34,10 @@ public:
     // stretches between jumps. Nothing where no stretch has a constant rate: each of its seconds the same
     // within a hundredth, and at least two of them.
     [[nodiscard]] std::optional<double> jitterUs() const;
+    // The packet of the reference that lies so far off.
+    [[nodiscard]] std::optional<std::int64_t> jitterPacket() const;
+    // Seconds from the first reference to the last, jumps left out.
+    [[nodiscard]] double elapsedSeconds() const noexcept { return static_cast<double>(m_elapsed) / 27e6; }
 
     // Longest interval of each step of time, in milliseconds.
     [[nodiscard]] const PeakProfile& intervals() const noexcept { return m_intervals; }
@@ -48,7 +52,12 @@ private:
     };
     [[nodiscard]] bool constantRate() const;
     [[nodiscard]] double distanceUs(const Sample& sample) const;
-    [[nodiscard]] std::optional<double> stretchJitterUs() const;
+    struct Distance {
+        double us;
+        std::int64_t packet;
+    };
+    [[nodiscard]] std::optional<Distance> ofStretch() const;
+    [[nodiscard]] std::optional<Distance> ofAll() const;
 
     std::uint64_t m_count = 0;
     std::uint64_t m_tooLong = 0;
@@ -58,9 +67,9 @@ private:
     std::int64_t m_last = -1;
     std::int64_t m_elapsed = 0; // since the first reference, without the jumps
     PeakProfile m_intervals;
-    std::vector<Sample> m_samples;  // of the stretch since the last jump; times as m_elapsed
-    std::uint64_t m_every = 1;      // a sample is kept of so many references
-    std::optional<double> m_jitter; // of the stretches before
+    std::vector<Sample> m_samples;    // of the stretch since the last jump; times as m_elapsed
+    std::uint64_t m_every = 1;        // a sample is kept of so many references
+    std::optional<Distance> m_jitter; // of the stretches before
 };
 
 } // namespace kestrel::flowscope

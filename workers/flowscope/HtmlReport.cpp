@@ -58,6 +58,8 @@ struct Plot {
     std::vector<double> values; // one of each step
     int stepSeconds;
     double limit = 0; // a line that the values should stay below; 0: none
+    // In the plot's place where there is no value.
+    const char* without = "The stream is too short for a plot.";
 };
 
 // Steps from left to right, from zero up to the largest.
@@ -69,7 +71,7 @@ std::string drawn(const Plot& plot) {
     constexpr double TOP = 10;
     std::string svg = format("<h2>%s</h2>\n", plot.title);
     if (plot.values.empty())
-        return svg + "<p>The stream is too short for a plot.</p>\n";
+        return svg + "<p>" + plot.without + "</p>\n";
     const double most =
         std::max({*std::max_element(plot.values.begin(), plot.values.end()), plot.limit, 1e-9});
     const auto y = [&](double value) { return HEIGHT - value / most * (HEIGHT - TOP); };
@@ -107,7 +109,8 @@ std::string plots(const Analysis& analysis) {
     const PeakProfile& intervals = analysis.clock().intervals();
     std::string result =
         drawn({"Bit rate over time", "Mb/s", std::move(megabits), analysis.rates().stepSeconds()}) +
-        drawn({"Longest PCR interval over time", "ms", intervals.peaks(), intervals.stepSeconds(), 100});
+        drawn({"Longest PCR interval over time", "ms", intervals.peaks(), intervals.stepSeconds(), 100,
+               analysis.clock().count() == 0 ? "There is no PCR." : "The stream is too short for a plot."});
     if (!analysis.pcrJitterUs())
         return result;
     const PeakProfile jitter = analysis.clock().jitterOverTime();
@@ -142,7 +145,9 @@ void addAudio(std::string& page, const Analysis& analysis, const Analysis::Audio
     const AudioFormat& sound = audio.track.format();
     std::string text = format("PID %d, ", audio.pid) + audioTypeText(analysis, audio);
     if (audio.track.frames() == 0) {
-        row(page, "Audio", text + ", no frame was found");
+        row(page, "Audio",
+            text +
+                (audio.track.codec() == AudioCodec::unknown ? ", not looked into" : ", no frame was found"));
         return;
     }
     text += ", " + sound.mode;
@@ -158,11 +163,13 @@ void addTransport(std::string& page, const Analysis& analysis) {
     row(page, "Multiplex",
         megabits(analysis.muxBitsPerSecond()) + format(", %.1f %% null packets", analysis.nullPercent()));
     row(page, "PCR",
-        format("at most every %.1f ms, %llu over 100 ms, %llu jumps, %llu new time bases",
-               analysis.clock().longestIntervalMs(),
-               static_cast<unsigned long long>(analysis.clock().tooLong()),
-               static_cast<unsigned long long>(analysis.clock().jumps()),
-               static_cast<unsigned long long>(analysis.clock().newTimeBases())));
+        analysis.clock().count() == 0
+            ? "none"
+            : format("at most every %.1f ms, %llu over 100 ms, %llu jumps, %llu new time bases",
+                     analysis.clock().longestIntervalMs(),
+                     static_cast<unsigned long long>(analysis.clock().tooLong()),
+                     static_cast<unsigned long long>(analysis.clock().jumps()),
+                     static_cast<unsigned long long>(analysis.clock().newTimeBases())));
     if (const auto jitter = analysis.pcrJitterUs())
         row(page, "PCR jitter", format("%.3f \xC2\xB5s from a constant rate", *jitter));
     if (const auto offset = analysis.audioOffsetMs())
@@ -190,7 +197,10 @@ std::string htmlReport(const Analysis& analysis, const std::string& file) {
     addTransport(page, analysis);
     page += "</table>\n" + plots(analysis);
     if (!clean(analysis)) {
-        page += "<h2>Findings</h2>\n<ul>\n";
+        page += "<h2>Findings</h2>\n<table>\n";
+        for (const auto& [kind, count] : analysis.findings().counts())
+            row(page, kind, std::to_string(count));
+        page += "</table>\n<ul>\n";
         for (const Finding& finding : analysis.findings().first())
             page += "<li><b>" + escaped(finding.kind) + "</b>: " + escaped(finding.text) + "</li>\n";
         page += "</ul>\n";

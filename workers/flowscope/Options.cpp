@@ -76,10 +76,14 @@ Options parseOptions(int argc, char** argv) {
     for (int found = 0; (found = getopt_long_only(argc, argv, ":", table, nullptr)) != -1;) {
         if (found == ':' || found == '?')
             optarg = argv[optind - 1];
-        options.error = take(options, found);
-        if (!options.error.empty() || options.help)
+        const std::string error = take(options, found);
+        if (options.help)
             return options;
+        if (options.error.empty())
+            options.error = error;
     }
+    if (!options.error.empty())
+        return options;
     if (optind < argc)
         options.error = std::string("unexpected argument ") + argv[optind];
     else if (options.file.empty())

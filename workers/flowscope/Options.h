@@ -16,7 +16,9 @@ struct Options {
     std::string inQueue;
     std::string file;
     bool help = false;
-    std::string error; // what is wrong with the command line; empty when nothing is
+    // What is wrong with the command line first, empty when nothing is; the queues are those that are given
+    // all the same.
+    std::string error;
 
     // Directory and name of the report.
     [[nodiscard]] std::string reportPath() const;

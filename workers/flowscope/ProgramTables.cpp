@@ -93,8 +93,9 @@ bool ProgramTables::takeAssociation(std::span<const unsigned char> section, unsi
                        *std::find_if(m_programs.begin(), m_programs.end(),
                                      [&](const Program& each) { return each.number == program; });
                    entry.pmtPid != pid) {
-            findings.add("program", format("packet %llu: the map of program %d moves from PID %d to PID %d",
-                                           number, program, entry.pmtPid, pid));
+            findings.add("program",
+                         format("packet %llu, PID 0: the map of program %d moves from PID %d to PID %d",
+                                number, program, entry.pmtPid, pid));
             entry.pmtPid = pid;
         } else {
             continue;
@@ -130,12 +131,19 @@ bool ProgramTables::takeMap(int pid, std::span<const unsigned char> section, uns
     if (program == nullptr)
         return false;
     std::vector<StreamEntry> streams = streamsOf(section);
+    const int clockPid = (section[8] & 0x1F) << 8 | section[9];
     if (program->mapped) {
         std::vector<StreamEntry>& latest = m_latest[program->number];
+        const bool moved = clockPid != program->clockPid;
+        if (moved)
+            findings.add("program",
+                         format("packet %llu, PID %d: the PCR of program %d moves from PID %d to PID %d",
+                                number, pid, program->number, program->clockPid, clockPid));
+        program->clockPid = clockPid;
         if (sameStreams(latest, streams))
-            return false;
-        findings.add("program",
-                     format("packet %llu: the streams of program %d change", number, program->number));
+            return moved;
+        findings.add("program", format("packet %llu, PID %d: the streams of program %d change", number, pid,
+                                       program->number));
         latest = std::move(streams);
         // What is reported of a program with video is what its pictures and sounds were found by.
         if (program->video() == nullptr)
@@ -143,10 +151,10 @@ bool ProgramTables::takeMap(int pid, std::span<const unsigned char> section, uns
         return true;
     }
     if (program->number != programNumber)
-        findings.add("program", format("packet %llu: PID %d has the map of program %d, not of program %d",
+        findings.add("program", format("packet %llu, PID %d: it has the map of program %d, not of program %d",
                                        number, pid, programNumber, program->number));
     program->mapped = true;
-    program->pcrPid = (section[8] & 0x1F) << 8 | section[9];
+    program->pcrPid = program->clockPid = clockPid;
     program->streams = streams;
     m_latest[program->number] = std::move(streams);
     return true;

@@ -31,6 +31,7 @@ struct Program {
     int number = 0; // program_number
     int pmtPid = 0;
     int pcrPid = -1;     // -1 without a map
+    int clockPid = -1;   // the PCR PID of the latest map
     bool mapped = false; // a map has come
     std::vector<StreamEntry> streams;
 

@@ -20,13 +20,34 @@ const Kind KINDS[] = {
     {0x04, "MPEG-2 Audio (ISO/IEC 13818-3)", {}, AudioCodec::mpeg},
     {0x06, "Private PES data", {}, {}},
     {0x0F, "AAC Audio, ADTS (ISO/IEC 13818-7)", {}, AudioCodec::aac},
-    {0x11, "AAC Audio, LATM (ISO/IEC 14496-3)", {}, {}},
+    {0x11, "AAC Audio, LATM (ISO/IEC 14496-3)", {}, AudioCodec::unknown},
+    {0x1C, "MPEG-4 Audio (ISO/IEC 14496-3)", {}, AudioCodec::unknown},
     {0x1B, "H.264 Video (ITU-T H.264)", VideoCodec::h264, {}},
     {0x24, "HEVC Video (ITU-T H.265)", {}, {}},
+    {0x2D, "MPEG-H Audio (ISO/IEC 23008-3)", {}, AudioCodec::unknown},
     {0x81, "AC3 Audio (ATSC A/52)", {}, AudioCodec::ac3},
     {0x82, "Subtitles (SCTE 27)", {}, {}},
     {0x86, "Splice information (SCTE 35)", {}, {}},
     {0x87, "E-AC-3 Audio (ATSC A/52)", {}, AudioCodec::eac3},
+};
+
+// What private PES data may be by its registration or by a descriptor of DVB; not more than one of the two.
+struct PrivateKind {
+    const char* registration; // format_identifier
+    int descriptor;           // 0: none
+    const char* description;
+    AudioCodec audio;
+};
+const PrivateKind PRIVATE_KINDS[] = {
+    {"AC-3", 0x6A, "AC3 Audio (private PES)", AudioCodec::ac3},
+    {"EAC3", 0x7A, "E-AC-3 Audio (private PES)", AudioCodec::eac3},
+    {"BSSD", 0, "PCM Audio (SMPTE 302M)", AudioCodec::unknown},
+    {"Opus", 0, "Opus Audio (private PES)", AudioCodec::unknown},
+    {"AC-4", 0, "AC-4 Audio (private PES)", AudioCodec::unknown},
+    {"DTS1", 0x7B, "DTS Audio (private PES)", AudioCodec::unknown},
+    {"DTS2", 0, "DTS Audio (private PES)", AudioCodec::unknown},
+    {"DTS3", 0, "DTS Audio (private PES)", AudioCodec::unknown},
+    {"", 0x7C, "AAC Audio (private PES)", AudioCodec::unknown},
 };
 
 // Descriptors that tell what private PES data is: registration (2.6.8), and DVB's for AC-3 and E-AC-3 (ETSI
@@ -34,20 +55,21 @@ const Kind KINDS[] = {
 void readDescriptor(int tag, std::span<const unsigned char> body, StreamEntry& stream) {
     constexpr int REGISTRATION = 0x05;
     constexpr int LANGUAGE = 0x0A;
-    constexpr int DVB_AC3 = 0x6A;
-    constexpr int DVB_EAC3 = 0x7A;
     const std::string_view text(reinterpret_cast<const char*>(body.data()), body.size());
     if (tag == LANGUAGE && body.size() >= 3 &&
         std::all_of(body.begin(), body.begin() + 3, [](unsigned char c) { return c >= 'A' && c <= 'z'; }))
         stream.language = text.substr(0, 3);
     if (stream.type != 0x06)
         return;
-    if (tag == DVB_AC3 || (tag == REGISTRATION && text.starts_with("AC-3"))) {
-        stream.description = "AC3 Audio (private PES)";
-        stream.audio = AudioCodec::ac3;
-    } else if (tag == DVB_EAC3 || (tag == REGISTRATION && text.starts_with("EAC3"))) {
-        stream.description = "E-AC-3 Audio (private PES)";
-        stream.audio = AudioCodec::eac3;
+    for (const PrivateKind& kind : PRIVATE_KINDS) {
+        const std::string_view registration(kind.registration);
+        const bool registered =
+            tag == REGISTRATION && !registration.empty() && text.starts_with(registration);
+        const bool described = kind.descriptor != 0 && tag == kind.descriptor;
+        if (!registered && !described)
+            continue;
+        stream.description = kind.description;
+        stream.audio = kind.audio;
     }
 }
 

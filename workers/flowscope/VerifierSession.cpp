@@ -1,13 +1,13 @@
 #include "VerifierSession.h"
 
 #include "Analysis.h"
+#include "PacketReader.h"
 #include "ReportValues.h"
 #include "Reports.h"
 #include "capture/Failure.h"
 #include "foundation/UniqueFd.h"
 #include "mpeg/packet_view.h"
 #include "mpeg/regular_file.h"
-#include "mpeg/ts_file.h"
 
 #include <algorithm>
 #include <array>
@@ -35,19 +35,6 @@ constexpr const char* cancelled = "cancelled: no report is written";
 std::atomic<bool> endAsked{false};
 void askForEnd(int) {
     endAsked = true;
-}
-
-// Whether sync bytes stand that far apart, beginning at one of the first positions.
-bool hasSyncEvery(const unsigned char* bytes, std::size_t count, std::size_t distance) {
-    constexpr std::size_t RUN = 5;
-    for (std::size_t first = 0; first < distance; ++first) {
-        std::size_t found = 0;
-        for (std::size_t at = first; at < count && bytes[at] == ts::sync_byte; at += distance)
-            ++found;
-        if (found >= RUN)
-            return true;
-    }
-    return false;
 }
 
 } // namespace
@@ -85,6 +72,13 @@ int VerifierSession::fail(const std::string& why) {
     return exitFailure;
 }
 
+void VerifierSession::refuse(const Options& options) {
+    capture::ServiceLink link("FlowScope", "verification");
+    link.connect(options.outQueue, options.inQueue);
+    link.sendResults("wrong command line: " + options.error);
+    link.sendExit();
+}
+
 // What a report cannot do without.
 std::string VerifierSession::missing(const Analysis& analysis) {
     const auto& programs = analysis.programs();
@@ -114,40 +108,56 @@ std::string VerifierSession::examineBeginning() const {
         return "is empty";
     if (count < static_cast<std::size_t>(ts::packet_size))
         return "is shorter than one transport packet of 188 bytes";
-    if (hasSyncEvery(bytes.data(), count, ts::packet_size) || count < std::size_t{5} * 204)
-        return bytes[0] == ts::sync_byte ? ""
-                                         : "no sync byte 0x47 at its beginning: expected 188-byte packets";
-    if (hasSyncEvery(bytes.data(), count, 192))
+    constexpr std::size_t SHORT = PacketReader::run * 204; // too short to tell much by
+    const auto packetsOf = [&](std::size_t size) {
+        return findPackets(bytes.data(), count, size).has_value();
+    };
+    if (packetsOf(ts::packet_size) || (count < SHORT && bytes[0] == ts::sync_byte))
+        return "";
+    if (count < SHORT)
+        return "no sync byte 0x47 at its beginning: expected 188-byte packets";
+    if (packetsOf(192))
         return "has packets of 192 bytes (with a time stamp before each); expected 188";
-    if (hasSyncEvery(bytes.data(), count, 204))
+    if (packetsOf(204))
         return "has packets of 204 bytes (with parity bytes behind each); expected 188";
     return "is not an MPEG transport stream: no sync bytes 188 bytes apart";
 }
 
 std::string VerifierSession::analyse(Analysis& analysis) {
-    const RegularFile size(m_options.file.c_str());
-    m_fileBytes = size.length();
-    ts_file file(m_options.file.c_str());
+    const RegularFile file(m_options.file.c_str());
+    if (!file)
+        return "cannot be read: " + errnoText(errno);
+    m_fileBytes = file.length();
+    PacketReader reader(fileno(file.get()));
     std::uint64_t packets = 0;
-    while (const unsigned char* const packet = file.get_ts()) {
-        if (!analysis.take(packet))
+    while (!reader.ended()) {
+        const unsigned char* const packet = reader.next();
+        if (packet == nullptr || ++packets % packetsPerLook == 0) {
+            if (attend(reader.position()))
+                return cancelled;
+        }
+        if (const auto stray = reader.takeStray())
+            analysis.skip(stray->position, stray->bytes);
+        if (packet != nullptr && !analysis.take(packet))
             break;
-        if (++packets % packetsPerLook == 0 && attend(packets))
-            return cancelled;
     }
-    if (attend(packets))
+    if (reader.error() != 0)
+        return format("cannot be read from byte %llu on: ",
+                      static_cast<unsigned long long>(reader.position())) +
+               errnoText(reader.error());
+    if (attend(reader.position()))
         return cancelled;
     analysis.end();
     return {};
 }
 
-bool VerifierSession::attend(std::uint64_t packets) {
+bool VerifierSession::attend(std::uint64_t position) {
     const auto now = std::chrono::steady_clock::now();
     if (now >= m_nextHeartbeat) {
         m_nextHeartbeat = now + heartbeatPeriod;
         m_link.sendHeartbeat();
-        const double share = static_cast<double>(packets) * ts::packet_size /
-                             static_cast<double>(std::max<std::int64_t>(m_fileBytes, 1));
+        const double share =
+            static_cast<double>(position) / static_cast<double>(std::max<std::int64_t>(m_fileBytes, 1));
         m_link.sendResults(format("%s: %.0f %% read", m_options.file.c_str(), 100 * std::min(share, 1.0)));
     }
     return endAsked || m_link.cancelReceived();

@@ -17,6 +17,8 @@ public:
     explicit VerifierSession(Options options);
     // The exit code.
     int run();
+    // Tells the service what is wrong with a command line that names its queue.
+    static void refuse(const Options& options);
 
 private:
     // Empty, or why there can be no report.
@@ -24,7 +26,7 @@ private:
     std::string examineBeginning() const;
     static std::string missing(const Analysis& analysis);
     // Heartbeat and progress; true when the service, or a signal, asks for the end.
-    bool attend(std::uint64_t packets);
+    bool attend(std::uint64_t position);
     std::string writeReport(const Analysis& analysis) const;
     int fail(const std::string& why);
 

@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <string>
+#include <utility>
 
 namespace kestrel::flowscope {
 namespace {
@@ -13,8 +15,12 @@ using capture::format;
 
 // Different steps that are counted; a hostile stream has no more effect.
 constexpr std::size_t MOST_STEPS = 256;
-// A step of more than so many frames is a gap.
-constexpr double GAP = 1.5;
+// A step that is longer than its frames by more than so many of them is a gap. Times are rounded to 90 kHz,
+// and those of the frames in between with them.
+constexpr double GAP = 0.5;
+constexpr std::int64_t ROUNDED = 8 * PTS::units_per_second / 90'000;
+// Time that goes back by more than this has another base.
+constexpr std::int64_t NEW_BASE = PTS::units_per_second;
 
 PTS shifted(PTS raw, std::int64_t shift) {
     return raw.is_absent() ? raw : PTS(raw + shift);
@@ -22,45 +28,73 @@ PTS shifted(PTS raw, std::int64_t shift) {
 
 } // namespace
 
-VideoTimes::Times VideoTimes::continued(PTS rawPts, PTS rawDts, double frameRate) {
-    PTS dts = unwrapped(shifted(rawDts, m_shift), m_lastDts);
-    if (m_newTimeBase && !m_lastDts.is_absent()) {
-        m_newTimeBase = false;
-        const std::int64_t frame =
-            frameRate > 0 ? std::llround(static_cast<double>(PTS::units_per_second) / frameRate) : m_lastStep;
-        const std::int64_t step = dts - m_lastDts;
-        if (step <= 0 || static_cast<double>(step) > GAP * static_cast<double>(frame)) {
-            m_shift += frame - step;
-            dts = PTS(m_lastDts + frame);
-        }
-    }
-    return {unwrapped(shifted(rawPts, m_shift), dts), dts};
+// What one frame lasts: by the rate, or where that is not known by the last step. 0 before the first.
+double VideoTimes::frameUnits(double frameRate) const noexcept {
+    // Headers may name a rate of one frame in centuries.
+    constexpr double LONGEST = 100.0 * PTS::units_per_second;
+    return std::min(LONGEST, frameRate > 0 ? static_cast<double>(PTS::units_per_second) / frameRate
+                                           : static_cast<double>(m_lastStep) / m_framesOfLastStep);
 }
 
-void VideoTimes::take(const Times& times, double frameRate, unsigned long long packet, Findings& findings) {
+VideoTimes::Times VideoTimes::continued(PTS rawPts, PTS rawDts, const Place& place) {
+    Times times{{}, unwrapped(shifted(rawDts, m_shift), m_lastDts), rawPts, rawDts};
+    if (!m_lastDts.is_absent()) {
+        const double frame = frameUnits(place.frameRate);
+        constexpr double MOST_FRAMES = 100'000;
+        const double frames = std::min(place.frames, MOST_FRAMES);
+        const auto expected = static_cast<std::int64_t>(std::llround(frame * frames));
+        const std::int64_t step = times.dts - m_lastDts;
+        const auto most = static_cast<std::int64_t>(frame * (frames + GAP)) + ROUNDED;
+        const bool newTimeBase = std::exchange(m_newTimeBase, false) && (step <= 0 || step > most);
+        times.back = !newTimeBase && step < -NEW_BASE;
+        if (times.back)
+            m_shiftBefore = m_shift;
+        if (newTimeBase || times.back) {
+            m_shift += expected - step;
+            times.dts = PTS(m_lastDts + expected);
+        } else if (m_shiftBefore && step > NEW_BASE) {
+            // One time that was wrong, and the next is right again.
+            const PTS again = unwrapped(shifted(rawDts, *m_shiftBefore), m_lastDts);
+            if (again - m_lastDts > 0 && again - m_lastDts <= most) {
+                m_shift = *m_shiftBefore;
+                times.dts = again;
+            }
+        }
+    }
+    times.pts = unwrapped(shifted(rawPts, m_shift), times.dts);
+    return times;
+}
+
+void VideoTimes::take(const Times& times, const Place& place, Findings& findings) {
     const auto ticks = [](PTS time) { return static_cast<long long>(time.ticks()); };
+    const std::string where = format("packet %llu, PID %d: ", place.packet, place.pid);
     if (times.pts < times.dts)
-        findings.add("timestamps", format("packet %llu: PTS %lld lies before DTS %lld", packet,
-                                          ticks(times.pts), ticks(times.dts)));
+        findings.add("timestamps", where + format("PTS %lld lies before DTS %lld", ticks(times.rawPts),
+                                                  ticks(times.rawDts)));
     ++m_taken;
     if (m_firstDts.is_absent())
         m_firstDts = times.dts;
     if (!m_lastDts.is_absent()) {
         const std::int64_t step = times.dts - m_lastDts;
-        const double frame = frameRate > 0 ? static_cast<double>(PTS::units_per_second) / frameRate
-                                           : static_cast<double>(m_lastStep);
-        if (step <= 0)
-            findings.add("timestamps", format("packet %llu: DTS %lld does not follow %lld", packet,
-                                              ticks(times.dts), ticks(m_lastDts)));
-        else if (frame > 0 && m_lastStep > 0 &&
-                 static_cast<double>(step) > GAP * std::max(frame, static_cast<double>(m_lastStep)))
-            findings.add("timestamps", format("packet %llu: a gap of %.1f frames before DTS %lld", packet,
-                                              static_cast<double>(step) / frame, ticks(times.dts)));
+        const double frame = frameUnits(place.frameRate);
+        const double most = frame * (place.frames + GAP) + ROUNDED;
+        // Where the rate of the headers is wrong, the steps are longer all the time.
+        const double usual =
+            static_cast<double>(m_lastStep) / m_framesOfLastStep * (place.frames + GAP) + ROUNDED;
+        if (times.back || step <= 0)
+            findings.add("timestamps", where + format("DTS %lld does not follow %lld", ticks(times.rawDts),
+                                                      ticks(m_lastRawDts)));
+        else if (frame > 0 && m_lastStep > 0 && static_cast<double>(step) > std::max(most, usual))
+            findings.add("timestamps",
+                         where + format("a gap of %.1f frames before DTS %lld",
+                                        static_cast<double>(step) / frame, ticks(times.rawDts)));
         if (step > 0 && (m_steps.size() < MOST_STEPS || m_steps.contains(step)))
             ++m_steps[step];
         m_lastStep = step;
+        m_framesOfLastStep = place.frames;
     }
     m_lastDts = times.dts;
+    m_lastRawDts = times.rawDts;
     m_lowestPts = m_lowestPts.is_absent() ? times.pts : PTS(std::min<std::int64_t>(m_lowestPts, times.pts));
     m_highestPts =
         m_highestPts.is_absent() ? times.pts : PTS(std::max<std::int64_t>(m_highestPts, times.pts));

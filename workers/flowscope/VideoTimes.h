@@ -7,24 +7,35 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 
 namespace kestrel::flowscope {
 
 // Takes the times of PES packets in their order. The turns of the 33-bit clock are taken out; after an
-// announced change of the time base (ISO/IEC 13818-1, 2.4.3.5) the times go on as if there had been none.
+// announced change of the time base (ISO/IEC 13818-1, 2.4.3.5), and where time goes back by more than a
+// second without one, the times go on as if there had been none.
 class VideoTimes {
 public:
-    // What one PES packet says, with the turns taken out.
+    // What one PES packet says, with the turns taken out, and as it stands there.
     struct Times {
         PTS pts;
         PTS dts;
+        PTS rawPts;
+        PTS rawDts;
+        bool back = false; // time went back
+    };
+    // Where a PES packet is, and what to expect of it.
+    struct Place {
+        unsigned long long packet;
+        int pid;
+        double frameRate; // 0: not known
+        double frames; // that were sent since the last PES packet with a time (2.7.4), as long as they last
     };
 
     // The times of the next PES packet as they would go on; nothing is kept of them yet.
-    [[nodiscard]] Times continued(PTS rawPts, PTS rawDts, double frameRate);
-    // They count. What departs from order is told to findings with that packet number; a frameRate of 0 is
-    // one that is not known.
-    void take(const Times& times, double frameRate, unsigned long long packet, Findings& findings);
+    [[nodiscard]] Times continued(PTS rawPts, PTS rawDts, const Place& place);
+    // They count. What departs from order is told to findings.
+    void take(const Times& times, const Place& place, Findings& findings);
     // A new time base begins.
     void expectNewTimeBase() noexcept { m_newTimeBase = true; }
 
@@ -32,6 +43,8 @@ public:
     [[nodiscard]] PTS firstDts() const noexcept { return m_firstDts; }
     [[nodiscard]] PTS lastDts() const noexcept { return m_lastDts; }
     [[nodiscard]] PTS lowestPts() const noexcept { return m_lowestPts; }
+    // Whether time went back without a new time base.
+    [[nodiscard]] bool wentBack() const noexcept { return m_shiftBefore.has_value(); }
     // Seconds from the first picture shown to the last, without what the last one lasts.
     [[nodiscard]] double shownSeconds() const noexcept;
     // Seconds from the first decoding time to that one; 0 before the first.
@@ -40,12 +53,17 @@ public:
     [[nodiscard]] FrameRate frameRate(std::uint64_t frames) const;
 
 private:
+    [[nodiscard]] double frameUnits(double frameRate) const noexcept;
+
     PTS m_firstDts{-1};
     PTS m_lastDts{-1};
     PTS m_lowestPts{-1};
     PTS m_highestPts{-1};
+    PTS m_lastRawDts{-1};
     std::int64_t m_lastStep = 0;
-    std::int64_t m_shift = 0; // of the time base since the first one
+    double m_framesOfLastStep = 1;
+    std::int64_t m_shift = 0;                  // of the time base since the first one
+    std::optional<std::int64_t> m_shiftBefore; // time went back, the latest time
     bool m_newTimeBase = false;
     std::uint64_t m_taken = 0;
     std::map<std::int64_t, std::uint64_t> m_steps; // how often each

@@ -24,6 +24,7 @@ void VideoTrack::skip() {
     m_zeros = 0;
     m_prefix = false;
     m_headerWanted = 0;
+    m_timecodes.skip();
 }
 
 void VideoTrack::end() {
@@ -31,6 +32,7 @@ void VideoTrack::end() {
         endHeader();
     if (m_pictureType != 0)
         settlePicture(3);
+    m_timecodes.end(m_format.rate());
 }
 
 namespace {
@@ -125,9 +127,31 @@ void VideoTrack::endHeader() {
         takeNal(header);
 }
 
-void VideoTrack::countFrame(char type, bool beginsGroup) {
+void VideoTrack::countFrame(char type, bool beginsGroup, unsigned fields) {
     ++m_frames;
     m_gops.frame(type, beginsGroup);
+    m_position.shown += fields;
+    m_position.decoded += type == 'B' ? fields : m_heldFields;
+    if (type != 'B')
+        m_heldFields = fields;
+}
+
+VideoTrack::Position VideoTrack::position() const {
+    Position position = m_position;
+    unsigned begun = 0; // fields of a picture whose header is not whole yet
+    if (m_codec == VideoCodec::mpeg2) {
+        constexpr unsigned char PICTURE = 0;
+        begun = m_pictureType != 0 || (m_headerWanted > 0 && m_header[3] == PICTURE) ? 2 : 0;
+    } else if (m_headerWanted > 0 && isSlice(m_header[3])) {
+        // A picture in which nothing moves may be shorter than what is read of its header.
+        std::array<unsigned char, longestHeader> header = m_header;
+        const auto slice = m_avc.readSlice(std::span(header).first(m_headerLength));
+        if (slice && slice->firstMacroblock == 0)
+            begun = slice->field ? 1 : std::max(2U, fieldsOfTiming());
+    }
+    position.shown += begun;
+    position.decoded += begun;
+    return position;
 }
 
 } // namespace kestrel::flowscope

@@ -3,6 +3,7 @@
 
 #include "FrameRates.h"
 #include "GopStatistics.h"
+#include "TimecodeCheck.h"
 #include "capture/AvcHeaders.h"
 
 #include <array>
@@ -61,6 +62,17 @@ public:
     [[nodiscard]] const GopStatistics& gops() const noexcept { return m_gops; }
     // Two fields are one frame.
     [[nodiscard]] std::uint64_t frames() const noexcept { return m_frames; }
+    // Fields that the frames are shown for: two each, more where one is repeated (13818-2, 6.3.10; H.264,
+    // table D-1).
+    [[nodiscard]] std::uint64_t fields() const noexcept { return m_position.shown; }
+    // Fields from the beginning of the stream to the picture that comes next: those of the pictures that have
+    // begun, as long as they are shown, and as long as a decoder that holds each I and P frame back until the
+    // next one takes for them.
+    struct Position {
+        std::uint64_t shown;
+        std::uint64_t decoded;
+    };
+    [[nodiscard]] Position position() const;
     // Of the elementary stream.
     [[nodiscard]] std::uint64_t bytes() const noexcept { return m_bytes; }
     // Every sequence, group and picture header begins at a multiple of four bytes of the elementary stream.
@@ -70,13 +82,13 @@ public:
     [[nodiscard]] bool dropFrame() const noexcept { return m_dropFrame; }
     // CEA-608/708 in the picture user data, or in that of an SEI message (ATSC A/53-4, 6.2.3).
     [[nodiscard]] bool closedCaptions() const noexcept { return m_captions; }
-    // MPEG-2: whether every picture has its vbv_delay coded (13818-2, 6.3.9). Nothing of H.264, which is
-    // judged by its bytes.
+    // MPEG-2: whether every picture has its vbv_delay coded (13818-2, 6.3.9). H.264: cbr_flag of the HRD
+    // parameters (E.2.2); nothing where there are none.
     [[nodiscard]] std::optional<bool> constantBitRate() const noexcept { return m_constantRate; }
     // The first time code of GOP header or picture timing, as the 25 bits of a GOP header.
     [[nodiscard]] std::optional<int> firstTimecode() const noexcept { return m_firstTimecode; }
-    // GOP time codes that do not follow from the one before and its frames.
-    [[nodiscard]] std::uint64_t timecodeJumps() const noexcept { return m_timecodeJumps; }
+    // Of GOP headers or picture timing: which do not follow from the one before and its frames.
+    [[nodiscard]] const TimecodeCheck& timecodes() const noexcept { return m_timecodes; }
 
 private:
     static constexpr std::size_t longestHeader = 512;
@@ -100,13 +112,18 @@ private:
     void takeMessages(std::span<const unsigned char> nal);
     void takeSlice(std::span<unsigned char> nal, bool idr);
     void takeUserData(std::span<const unsigned char> data);
-    void countFrame(char type, bool beginsGroup);
-    void settlePicture(int structure);
+    void countFrame(char type, bool beginsGroup, unsigned fields);
+    void settlePicture(int structure, unsigned fields = 2);
+    [[nodiscard]] static bool isSlice(unsigned char header);
+    [[nodiscard]] unsigned fieldsOfTiming() const;
+    void takeTiming(std::span<unsigned char> nal);
 
     VideoCodec m_codec;
     VideoFormat m_format;
     GopStatistics m_gops;
     std::uint64_t m_frames = 0;
+    Position m_position{0, 0}; // of the pictures whose headers are whole
+    unsigned m_heldFields = 2; // of the latest I or P frame
     std::uint64_t m_bytes = 0;
     std::uint64_t m_headers = 0;
     std::uint64_t m_unaligned = 0;
@@ -114,9 +131,7 @@ private:
     bool m_captions = false;
     std::optional<bool> m_constantRate;
     std::optional<int> m_firstTimecode;
-    std::optional<int> m_lastTimecode;
-    std::uint64_t m_framesAtTimecode = 0;
-    std::uint64_t m_timecodeJumps = 0;
+    TimecodeCheck m_timecodes;
 
     // Start code search: trailing zeros (at most 2), and whether a prefix was just completed.
     unsigned m_zeros = 0;
@@ -126,12 +141,14 @@ private:
     std::size_t m_headerWanted = 0; // 0: none
 
     // MPEG-2
-    char m_pictureType = 0; // of a picture whose structure is not known yet
-    int m_firstField = 0;   // picture_structure of a field that waits for its second
+    char m_pictureType = 0;     // of a picture whose structure is not known yet
+    int m_firstField = 0;       // picture_structure of a field that waits for its second
+    bool m_progressive = false; // progressive_sequence
     // H.264
     capture::AvcHeaders m_avc;
     bool m_keyAhead = false; // a parameter set or a recovery point came before the picture
     std::optional<capture::AvcHeaders::Slice> m_lastField;
+    std::optional<capture::AvcHeaders::PictureTiming> m_timing; // of the next picture
 };
 
 } // namespace kestrel::flowscope

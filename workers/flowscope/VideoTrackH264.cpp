@@ -77,11 +77,7 @@ void VideoTrack::takeNal(std::span<unsigned char> nal) {
     case SEI:
         m_keyAhead = m_keyAhead || capture::AvcHeaders::hasRecoveryPoint(nal);
         takeMessages(nal.subspan(PREFIX));
-        if (!m_firstTimecode) {
-            m_firstTimecode = m_avc.pictureTime(nal);
-            constexpr int DROP = 1 << 24;
-            m_dropFrame = m_firstTimecode && (*m_firstTimecode & DROP) != 0;
-        }
+        takeTiming(nal);
         return;
     case SEQUENCE:
         takeSequenceSet(nal);
@@ -94,6 +90,28 @@ void VideoTrack::takeNal(std::span<unsigned char> nal) {
     }
 }
 
+void VideoTrack::takeTiming(std::span<unsigned char> nal) {
+    const auto timing = m_avc.pictureTiming(nal);
+    if (!timing)
+        return;
+    m_timing = timing;
+    if (m_firstTimecode || !timing->time)
+        return;
+    m_firstTimecode = timing->time;
+    constexpr int DROP = 1 << 24;
+    m_dropFrame = (*m_firstTimecode & DROP) != 0;
+}
+
+bool VideoTrack::isSlice(unsigned char header) {
+    return (header & 0x1F) == SLICE || (header & 0x1F) == IDR_SLICE;
+}
+
+// Table D-1: a frame of three fields, one shown twice, one shown three times.
+unsigned VideoTrack::fieldsOfTiming() const {
+    constexpr std::array<unsigned, 9> FIELDS{2, 1, 1, 2, 2, 3, 3, 4, 6};
+    return m_timing && m_timing->structure < FIELDS.size() ? FIELDS[m_timing->structure] : 2;
+}
+
 // 7.4.2.1.1 and E.2.1.
 void VideoTrack::takeSequenceSet(std::span<unsigned char> nal) {
     if (!m_avc.takeSequence(nal))
@@ -104,6 +122,9 @@ void VideoTrack::takeSequenceSet(std::span<unsigned char> nal) {
     m_format.height = static_cast<int>(format.height);
     m_format.interlaced = !format.framesOnly;
     m_format.profile = profileName(format.profile);
+    // One sequence of variable rate makes the stream one.
+    if (format.constantRate && m_constantRate != false)
+        m_constantRate = format.constantRate;
     const std::int64_t sarWidth = format.sarWidth == 0 ? 1 : format.sarWidth;
     const std::int64_t sarHeight = format.sarHeight == 0 ? 1 : format.sarHeight;
     m_format.aspect = pictureAspect(format.width * sarWidth, format.height * sarHeight);
@@ -152,6 +173,9 @@ void VideoTrack::takeSlice(std::span<unsigned char> nal, bool idr) {
     const bool second = m_lastField && slice->field && slice->bottom != m_lastField->bottom &&
                         slice->frameNumber == m_lastField->frameNumber;
     if (second) {
+        ++m_position.shown;
+        ++m_position.decoded;
+        m_timing.reset();
         m_lastField.reset();
         return;
     }
@@ -160,7 +184,16 @@ void VideoTrack::takeSlice(std::span<unsigned char> nal, bool idr) {
         m_lastField = slice;
     constexpr char TYPES[] = {'P', 'B', 'I', 'P', 'I'};
     const char type = TYPES[slice->type];
-    countFrame(type, idr || (type == 'I' && m_keyAhead));
+    const unsigned fields = std::max(2U, fieldsOfTiming());
+    TimecodeCheck::Frame frame{type, fields, std::nullopt, false, false};
+    if (m_timing) {
+        frame.timecode = m_timing->time;
+        frame.announced = m_timing->discontinuity;
+        frame.byFields = m_timing->countsTicks;
+    }
+    m_timecodes.frame(frame, m_format.rate());
+    m_timing.reset();
+    countFrame(type, idr || (type == 'I' && m_keyAhead), slice->field ? 1 : fields);
     m_keyAhead = false;
 }
 

@@ -1,10 +1,6 @@
 // MPEG-2 (and MPEG-1) video headers: ISO/IEC 13818-2, 6.2.
 #include "VideoTrack.h"
 
-#include "timecode/mpeg_timecode.h"
-
-#include <cstdlib>
-
 namespace kestrel::flowscope {
 namespace {
 
@@ -99,7 +95,8 @@ void VideoTrack::takeSequence(std::span<unsigned char> header) {
 // 6.2.2.3
 void VideoTrack::takeSequenceExtension(std::span<unsigned char> header) {
     m_format.profile = profileName((header[4] & 0x0F) << 4 | header[5] >> 4);
-    m_format.interlaced = (header[5] & 0x08) == 0;
+    m_progressive = (header[5] & 0x08) != 0;
+    m_format.interlaced = !m_progressive;
     m_format.width |= (header[5] & 1) << 13 | (header[6] & 0x80) << 5;
     m_format.height |= (header[6] & 0x60) << 7;
     if (header.size() < 10)
@@ -112,22 +109,9 @@ void VideoTrack::takeSequenceExtension(std::span<unsigned char> header) {
 void VideoTrack::takeGop(std::span<unsigned char> header) {
     const int packed = header[4] << 17 | header[5] << 9 | header[6] << 1 | header[7] >> 7;
     m_dropFrame = (packed >> 24 & 1) != 0;
-    const int rate = m_format.rateCode();
     if (!m_firstTimecode)
         m_firstTimecode = packed;
-    else if (rate != 0 && m_lastTimecode) {
-        const mpeg_timecode last = mpeg_timecode::parse_GOP(*m_lastTimecode, rate);
-        const mpeg_timecode now = mpeg_timecode::parse_GOP(packed, rate);
-        // An open group's time code is that of the first picture shown, which may be a B frame before its I.
-        const auto expected =
-            static_cast<int>((m_frames + (m_pictureType != 0 ? 1U : 0U)) - m_framesAtTimecode);
-        const int distance = (now - last).frame_count();
-        constexpr int REORDERED = 3;
-        if (std::abs(distance - expected) > REORDERED)
-            ++m_timecodeJumps;
-    }
-    m_lastTimecode = packed;
-    m_framesAtTimecode = m_frames + (m_pictureType != 0 ? 1U : 0U);
+    m_timecodes.group(packed, fields() + (m_pictureType != 0 ? 2 : 0), m_format.rate());
 }
 
 // 6.2.3
@@ -145,21 +129,29 @@ void VideoTrack::takePicture(std::span<unsigned char> header) {
         m_constantRate = true;
 }
 
-// 6.2.3.1
+// 6.2.3.1; how long a frame with repeat_first_field is shown: 6.3.10.
 void VideoTrack::takeCodingExtension(std::span<unsigned char> header) {
-    if (m_pictureType != 0)
-        settlePicture(header[6] & 3);
+    if (m_pictureType == 0)
+        return;
+    const bool topFirst = (header[7] & 0x80) != 0;
+    const bool repeat = (header[7] & 0x02) != 0;
+    settlePicture(header[6] & 3, !repeat ? 2 : !m_progressive ? 3 : topFirst ? 6 : 4);
 }
 
-void VideoTrack::settlePicture(int structure) {
+void VideoTrack::settlePicture(int structure, unsigned fields) {
     constexpr int FRAME = 3;
     const char type = m_pictureType;
     m_pictureType = 0;
     const bool second = m_firstField != 0 && structure != FRAME && structure != m_firstField;
     m_firstField = structure == FRAME || second ? 0 : structure;
-    if (second)
+    // Each field of a frame that is coded in two has a time of its own.
+    const unsigned shown = structure == FRAME ? fields : 1;
+    if (second) {
+        m_position.shown += shown;
+        m_position.decoded += shown;
         return;
-    countFrame(type, type == 'I');
+    }
+    countFrame(type, type == 'I', shown);
 }
 
 // ATSC A/53-4, 6.2.3: "GA94", user_data_type_code 3, then cc_count.

@@ -118,8 +118,10 @@ void addTransport(TiXmlElement& root, const Analysis& analysis) {
         value(transport, "AudioOffsetMs", format("%.3f", *offset));
     // One attribute, so that a long recording has no more elements than a short one.
     std::string rates;
-    for (const double rate : analysis.rates().bitsPerSecond())
-        rates += (rates.empty() ? "" : " ") + format("%.0f", rate);
+    for (const double rate : analysis.rates().bitsPerSecond()) {
+        rates += rates.empty() ? "" : " ";
+        rates += format("%.0f", rate);
+    }
     TiXmlElement& profile = add(transport, "BitrateOverTime");
     profile.SetAttribute("stepSeconds", analysis.rates().stepSeconds());
     profile.SetAttribute("value", rates.c_str());

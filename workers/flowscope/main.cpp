@@ -18,6 +18,8 @@ int main(int argc, char** argv) {
     }
     if (!options.error.empty()) {
         std::cerr << "flowScope: " << options.error << '\n' << kestrel::flowscope::usage(argv[0]);
+        if (!options.outQueue.empty())
+            kestrel::flowscope::VerifierSession::refuse(options);
         return usageError;
     }
     std::signal(SIGPIPE, SIG_IGN);
