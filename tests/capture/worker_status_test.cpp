@@ -130,8 +130,8 @@ TEST(WorkerStatus, AnEncoderThatFailsIsToldWhileTheOtherGoesOn) {
     sender.send(goesOn.frames(90));
     EXPECT_EQ(worker.wait(), 1) << "not all that was asked for";
     EXPECT_EQ(worker.results(),
-              "Encoder 1: Recorded 00:00:02;27 (87 frames, 0.1 MB), 0 continuity errors; "
-              "Encoder 2: Error: Invalid Duration 00:00:02:27 for rate_code 3 and drop frame 0.");
+              "Encoder 2: Error: Invalid Duration 00:00:02:27 for rate_code 3 and drop frame 0.; "
+              "Encoder 1: Recorded 00:00:02;27 (87 frames, 0.1 MB), 0 continuity errors");
     EXPECT_EQ(pictures(readPackets(worker.path("out/news.ts"))), 87);
     EXPECT_FALSE(std::filesystem::exists(worker.path("out/news_2.ts")));
 }

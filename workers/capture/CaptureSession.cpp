@@ -52,7 +52,7 @@ MaybeFailure CaptureSession::start() {
 }
 
 Outcome CaptureSession::end() {
-    m_encoders.cancel();
+    m_encoders.stop();
     m_encoders.join();
     return m_encoders.outcome();
 }

@@ -51,8 +51,17 @@ MaybeFailure EncoderChannel::start() {
 }
 
 void EncoderChannel::cancel() {
+    endNow(End::cancelled);
+}
+
+void EncoderChannel::stop() {
+    endNow(End::stopped);
+}
+
+void EncoderChannel::endNow(End how) {
     m_receiver.stop();
-    m_cancel.store(true, std::memory_order_release);
+    End none = End::none;
+    m_end.compare_exchange_strong(none, how, std::memory_order_acq_rel);
     m_arrived.signal();
 }
 
@@ -66,6 +75,10 @@ void EncoderChannel::disarm() {
 
 void EncoderChannel::refer(LabelReference reference) {
     order([told = std::move(reference)](Recording& recording) { recording.refer(told); });
+}
+
+void EncoderChannel::sourceBegins(LabelReference begin) {
+    order([told = std::move(begin)](Recording& recording) { recording.sourceBegins(told); });
 }
 
 void EncoderChannel::sourceEnded() {
@@ -99,8 +112,8 @@ void EncoderChannel::join() {
 void EncoderChannel::write() noexcept {
     try {
         while (m_recording.state() != RecordingState::ended) {
-            // Read before the ring is emptied: what came before a cancel is written.
-            const bool cancelled = m_cancel.load(std::memory_order_acquire);
+            // Read before the ring is emptied: what came before the end is written.
+            const End end = m_end.load(std::memory_order_acquire);
             // Likewise: what had been lost by then lies before all packets that come after those in the ring.
             const Losses losses = currentLosses();
             m_arrived.clear();
@@ -108,10 +121,12 @@ void EncoderChannel::write() noexcept {
             while (m_recording.state() != RecordingState::ended && takePortion())
                 attend();
             attend();
-            if (cancelled && m_recording.state() != RecordingState::ended) {
+            if (end == End::cancelled)
                 m_recording.cancel(Clock::now());
+            else if (end == End::stopped)
+                m_recording.stop(Clock::now());
+            if (end != End::none)
                 publish();
-            }
             if (m_recording.state() == RecordingState::ended)
                 break;
             if (m_recording.state() == RecordingState::waiting && !m_recording.holds())

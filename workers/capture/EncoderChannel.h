@@ -26,12 +26,15 @@ public:
     [[nodiscard]] MaybeFailure open();
     // Starts both threads.
     [[nodiscard]] MaybeFailure start();
-    // Ends the recording; what has been received until now is still written.
+    // Ends the recording; what has been received until now is still written. What Recording calls by these
+    // names; the first of them counts.
     void cancel();
+    void stop();
     // Carried out by the writer thread, in the order of the calls: what Recording calls by these names.
     void arm() EXCLUDES(m_mutex);
     void disarm() EXCLUDES(m_mutex);
     void refer(LabelReference reference) EXCLUDES(m_mutex);
+    void sourceBegins(LabelReference begin) EXCLUDES(m_mutex);
     void sourceEnded() EXCLUDES(m_mutex);
     // Ends the receiver of a recording that has ended, and waits for both threads.
     void join();
@@ -49,7 +52,10 @@ private:
         std::uint64_t kernel = 0, ring = 0, rtp = 0, late = 0, bad = 0, restarts = 0;
     };
 
+    enum class End { none, cancelled, stopped };
+
     void write() noexcept;
+    void endNow(End how);
     void order(std::function<void(Recording&)> what) EXCLUDES(m_mutex);
     void carryOut() EXCLUDES(m_mutex);
     [[nodiscard]] bool takePortion();
@@ -66,7 +72,7 @@ private:
     Recording m_recording;   // of the writer thread, once that runs
     bool m_received = false; // likewise
     std::thread m_writer;
-    std::atomic<bool> m_cancel{false};
+    std::atomic<End> m_end{End::none};
     Losses m_logged;
 
     mutable Mutex m_mutex;

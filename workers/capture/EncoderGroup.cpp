@@ -83,12 +83,17 @@ void EncoderGroup::giveUp(std::size_t index, const Failure& why) {
     Member& member = m_members[index];
     if (!member.givenUp)
         member.givenUp = why;
-    member.channel->cancel();
+    member.channel->stop();
 }
 
 void EncoderGroup::cancel() {
     for (Member& member : m_members)
         member.channel->cancel();
+}
+
+void EncoderGroup::stop() {
+    for (Member& member : m_members)
+        member.channel->stop();
 }
 
 void EncoderGroup::joinEnded() {
@@ -116,30 +121,44 @@ void EncoderGroup::sendStatus(ServiceLink& link, Clock::time_point now) {
         link.sendStatus(member.meter.record(
             i, {status.frames, status.frameRateCode, status.continuityErrors, status.bytes}, now));
         // While the other encoder goes on, the operator learns at once that this one does not.
-        if (status.state == RecordingState::ended && !status.succeeded && !member.reported &&
-            m_members.size() > 1) {
+        if (status.state == RecordingState::ended && !member.succeeded(status) && !member.reported &&
+            !over()) {
             member.reported = true;
-            link.sendResults("Encoder " + std::to_string(i + 1) + ": " + status.text);
+            link.sendResults("Encoder " + std::to_string(i + 1) + ": " + member.text(status));
         }
     }
 }
 
-Outcome EncoderGroup::outcome() const {
-    Outcome outcome{true, ""};
+// Why it was given up, if so, and what it recorded.
+std::string EncoderGroup::Member::text(const RecordingStatus& status) const {
+    if (!givenUp)
+        return status.text;
+    return status.frames > 0 ? givenUp->text + " " + status.text : givenUp->text;
+}
+
+std::vector<ResultsPart> EncoderGroup::results() const {
+    std::vector<ResultsPart> parts;
     for (std::size_t i = 0; i < m_members.size(); ++i) {
         const Member& member = m_members[i];
         const RecordingStatus status = member.channel->status();
-        outcome.succeeded = outcome.succeeded && status.succeeded && !member.givenUp;
-        if (m_members.size() > 1)
-            outcome.text += (i ? "; Encoder " : "Encoder ") + std::to_string(i + 1) + ": ";
-        if (member.givenUp)
-            outcome.text += member.givenUp->text;
-        if (member.givenUp && status.frames > 0)
-            outcome.text += " ";
+        std::string text = member.text(status);
         if (!member.givenUp || status.frames > 0)
-            outcome.text += status.text + member.channel->losses();
+            text += member.channel->losses();
+        if (m_members.size() > 1)
+            text.insert(0, "Encoder " + std::to_string(i + 1) + ": ");
+        parts.push_back({std::move(text), !member.succeeded(status)});
     }
-    return outcome;
+    std::stable_partition(parts.begin(), parts.end(), [](const ResultsPart& part) { return part.failure; });
+    for (std::size_t i = 1; i < parts.size(); ++i)
+        parts[i].text.insert(0, "; ");
+    return parts;
+}
+
+Outcome EncoderGroup::outcome() const {
+    const std::vector<ResultsPart> parts = results();
+    const bool failed =
+        std::any_of(parts.begin(), parts.end(), [](const ResultsPart& part) { return part.failure; });
+    return {!failed, resultsText(parts)};
 }
 
 } // namespace kestrel::capture

@@ -3,6 +3,7 @@
 
 #include "EncoderChannel.h"
 #include "EncoderMap.h"
+#include "ResultsText.h"
 #include "ServiceLink.h"
 #include "Session.h"
 #include "StatusMeter.h"
@@ -33,8 +34,9 @@ public:
     void refer(const std::string& label, Clock::time_point at);
     // Ends one recording as failed, for a reason of the job's.
     void giveUp(std::size_t index, const Failure& why);
-    // Ends all recordings; what has been received until now is still written.
+    // Ends all recordings; what has been received until now is still written. See Recording for both.
     void cancel();
+    void stop();
     // Ends the receivers of recordings that have ended, so that they take no more datagrams while others go
     // on.
     void joinEnded();
@@ -55,8 +57,11 @@ public:
 
     // Sends a status record of each encoder, and at once the text of one that failed while another goes on.
     void sendStatus(ServiceLink& link, Clock::time_point now);
-    // All results in one text, with what was lost. To be asked after join().
+    // All results in one text, with what was lost: failures first, and none of them cut away where the text
+    // is longer than the service keeps. To be asked after join().
     [[nodiscard]] Outcome outcome() const;
+    // The same in parts, for a text that says more.
+    [[nodiscard]] std::vector<ResultsPart> results() const;
 
 private:
     struct Member {
@@ -65,6 +70,11 @@ private:
         StatusMeter meter = {};
         bool reported = false; // its failure has been sent
         MaybeFailure givenUp = {};
+
+        [[nodiscard]] bool succeeded(const RecordingStatus& status) const noexcept {
+            return status.succeeded && !givenUp;
+        }
+        [[nodiscard]] std::string text(const RecordingStatus& status) const;
     };
 
     WakeEvent& m_changed;

@@ -73,6 +73,8 @@ public:
     [[nodiscard]] std::int64_t highest(const VideoUnit& unit) const;
     // The first label of the current group of pictures, in the order of display.
     [[nodiscard]] std::int64_t groupLabel() const noexcept { return m_group; }
+    // When the first picture of the unit that was given last is shown, by the stream's clock.
+    [[nodiscard]] std::int64_t shown() const noexcept { return m_shown; }
     // When the frame of a label is shown, by the stream's clock.
     [[nodiscard]] std::int64_t presentation(std::int64_t label) const;
 

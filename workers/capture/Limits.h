@@ -70,6 +70,7 @@ struct Timing {
     milliseconds noRandomAccess{30000}; // until a random access point of that program is seen
     milliseconds stall{2000};           // without a packet: the stream has stopped
     milliseconds givenUp{10000};        // a timed capture past its duration, without a frame
+    milliseconds longestReturn{5000};   // from playing a frame to its coming back, where nothing else tells
 };
 
 } // namespace kestrel::capture

@@ -75,6 +75,7 @@ void Recording::take(std::span<const Packet> packets, Clock::time_point now) {
     }
     m_lastPacket = now;
     m_lastPid = ts::pid(packets.back().data());
+    m_sentBefore = m_sentBefore || (m_plan.played && m_now < sourceBegin());
     for (const Packet& packet : packets) {
         takePacket(packet);
         if (m_state == RecordingState::ended)
@@ -118,7 +119,8 @@ void Recording::openUnit() {
     m_clock.openUnit();
     m_unitNoted = false;
     m_unitAt = m_held.size();
-    const bool cuts = m_plan.mode == CaptureMode::rolling || m_plan.mode == CaptureMode::marks;
+    const bool cuts = m_plan.mode == CaptureMode::rolling || m_plan.mode == CaptureMode::marks ||
+                      m_playedBy != PlayedBy::count;
     m_undecided = m_state == RecordingState::waiting ? m_armed : cuts || durationReached();
 }
 
@@ -126,6 +128,8 @@ void Recording::hold(const Packet& packet) {
     m_held.push_back(packet);
     if (m_undecided && (m_analyzer.unit().known || m_held.size() - m_unitAt >= heldPackets))
         settleUnit(m_analyzer.unit());
+    else if (m_groupHeld && m_held.size() >= heldGroupPackets && playsBack())
+        beginByTime();
     else if (m_groupHeld && m_held.size() >= heldGroupPackets)
         startRecording(); // a group so long that it cannot be kept back: early, rather than too late
 }
@@ -137,7 +141,10 @@ unsigned Recording::count(const VideoUnit& unit) {
     if (begun == 0)
         return 0;
     m_lastFrame = m_now;
-    if (first && m_plan.mode == CaptureMode::marks)
+    const bool before = m_plan.played && m_state == RecordingState::waiting && m_now < sourceBegin();
+    if (before && !m_ranBefore)
+        noteBefore();
+    if (first && (m_plan.mode == CaptureMode::marks || m_plan.labelledFrames != 0))
         m_label = m_labels.label(unit, m_analyzer.clock().elapsed(), m_analyzer.frameRateCode(),
                                  m_analyzer.codec(), m_now);
     return begun;
@@ -147,6 +154,9 @@ unsigned Recording::count(const VideoUnit& unit) {
 // all others in it.
 void Recording::noteLabels(const VideoUnit& unit) {
     if (!m_label || !unit.newFrame || (m_state != RecordingState::recording && !m_groupHeld))
+        return;
+    // Of what is played only the source's labels count.
+    if (playsBack() && (m_playedBy != PlayedBy::labels || !isPlayed(*m_label)))
         return;
     const std::int64_t first = m_unitNoted ? *m_label + 1 : *m_label;
     m_range.note(first, m_labels.highest(unit));
@@ -159,7 +169,8 @@ void Recording::settleUnit(const VideoUnit& unit) {
     if (m_state == RecordingState::waiting)
         return settleWaiting(unit);
     // The label of the frame that begins decides; a duration is decided on before it is counted.
-    unsigned begun = m_plan.mode == CaptureMode::marks ? count(unit) : 0;
+    const bool labelled = m_plan.mode == CaptureMode::marks || m_playedBy != PlayedBy::count;
+    unsigned begun = labelled ? count(unit) : 0;
     if (endsBefore(unit)) {
         m_held.clear();
         if (m_state != RecordingState::ended)
@@ -179,6 +190,8 @@ void Recording::settleWaiting(const VideoUnit& unit) {
     count(unit);
     if (m_plan.mode == CaptureMode::marks)
         return settleMarks(unit);
+    if (playsBack())
+        return settlePlayed(unit);
     if (unit.known && unit.randomAccess && m_analyzer.programKnown() && m_now >= m_plan.begin) {
         m_clock.begin();
         m_begin = unit;
@@ -194,7 +207,13 @@ void Recording::settleMarks(const VideoUnit& unit) {
         if (m_label)
             m_lastLabelled = m_now;
     }
-    if (m_label && unit.known) {
+    // Timecodes that came before the source began are not the source's.
+    const bool before = m_plan.played && m_now < sourceBegin() && m_labels.origin() == LabelOrigin::stream;
+    if (m_label && unit.known && !before) {
+        if (m_plan.played && m_plan.sourceRateCode != 0 && m_now >= sourceBegin() &&
+            m_analyzer.frameRateCode() != m_plan.sourceRateCode)
+            return fail(
+                failure(error::sourceFrameRateMismatch, m_analyzer.frameRateCode(), m_plan.sourceRateCode));
         if (auto failed = m_range.settle(m_labels.rule()))
             return fail(*failed);
         if (unit.randomAccess)
@@ -232,6 +251,8 @@ void Recording::openGroup(const VideoUnit& unit) {
 // Whether the recording ends before the frame that begins here.
 bool Recording::endsBefore(const VideoUnit& unit) {
     const bool begins = unit.newFrame || m_held.size() >= heldPackets;
+    if (playsBack())
+        return begins && endsPlayedBefore();
     if (m_plan.mode == CaptureMode::timed)
         return begins && durationReached();
     if (m_plan.mode != CaptureMode::marks)
@@ -281,6 +302,7 @@ void Recording::startRecording() {
         return fail(*failed);
     m_state = RecordingState::recording;
     m_groupHeld = m_passed = false;
+    m_points.clear();
     m_labels.keep();
     m_started = m_lastFrame = m_now;
     const int rate = m_analyzer.frameRateCode();

@@ -33,6 +33,8 @@ struct RecordingStatus {
     std::optional<std::string> label; // of the newest frame of the stream, where it is known
     bool passedMarkIn = false;        // armed, beyond mark-in by more than a GOP, and nothing is recorded
     bool markOutReached = false;      // all frames up to mark-out have come
+    // What is played only.
+    bool running = false; // something came before the source began
 };
 
 //  state      event                                         next
@@ -40,6 +42,7 @@ struct RecordingStatus {
 //  waiting    the frame at mark-in (marks)                  recording, from the GOP it lies in
 //  waiting    no program, random access point or timecode   ended, failed
 //             in time
+//  waiting    the first frame played has come back (played) recording, from the GOP it lies in
 //  waiting    cancel                                        ended
 //  recording  first frame beyond the duration (timed)       ended
 //  recording  all frames up to mark-out have come (marks)   ended
@@ -48,6 +51,8 @@ struct RecordingStatus {
 //  recording  no frames any more past the duration          ended, failed
 //             (timed, marks)
 //  recording  the source has ended, and so has the stream   ended
+//  recording  all frames played must have come back, or     ended
+//             have by their number or labels (played)
 //  any        the file cannot be written                    ended, failed; what was written stays
 //
 // One that is not armed stays waiting: it learns the stream's tables, rate and labels, and nothing times out.
@@ -64,6 +69,9 @@ public:
     void tick(Clock::time_point now);
     // Ends it as the service or the operator asked.
     void cancel(Clock::time_point now);
+    // Ends it likewise because the job is over for a reason of its own, which the job tells: failed, but for
+    // one to which all it was asked for has come.
+    void stop(Clock::time_point now);
     // Ends it as failed.
     void fail(const Failure& why);
 
@@ -74,6 +82,10 @@ public:
     // A label that is known from elsewhere. Once the recording has begun its frames are counted, so labels
     // that come then change nothing.
     void refer(const LabelReference& reference);
+    // What the stream is made from is played from then on. Marks: with the frame of this label, which counts
+    // where the stream has no timecodes: against arrival when pictures came before, else as the first random
+    // access point that comes.
+    void sourceBegins(const LabelReference& begin);
     // What the stream is made from has ended: when the stream stops, it is over.
     void sourceEnded(Clock::time_point now);
 
@@ -92,6 +104,25 @@ private:
     void settleUnit(const VideoUnit& unit);
     void settleWaiting(const VideoUnit& unit);
     void settleMarks(const VideoUnit& unit);
+    struct HeldPoint;
+    [[nodiscard]] bool playsBack() const noexcept;
+    [[nodiscard]] Clock::time_point sourceBegin() const;
+    void noteBefore();
+    void tellFirstPlayed();
+    void settlePlayed(const VideoUnit& unit);
+    void holdPoint(const VideoUnit& unit);
+    [[nodiscard]] bool firstPlayedCame(const VideoUnit& unit);
+    void beginByLabels();
+    void beginByTime();
+    void beginWith(const HeldPoint& point);
+    [[nodiscard]] bool isPlayed(std::int64_t label) const;
+    [[nodiscard]] bool endsPlayedBefore();
+    [[nodiscard]] bool playedDurationReached() const;
+    [[nodiscard]] bool labelledEndCame() const;
+    [[nodiscard]] std::uint64_t playedTotal() const;
+    [[nodiscard]] std::uint64_t playedFrames() const;
+    [[nodiscard]] std::uint64_t expectedFrames() const;
+    [[nodiscard]] std::string describePlayed() const;
     void openGroup(const VideoUnit& unit);
     [[nodiscard]] bool endsBefore(const VideoUnit& unit);
     void startSegment();
@@ -108,6 +139,7 @@ private:
     [[nodiscard]] std::string openFrame() const;
     void tickWaiting();
     void tickStall();
+    void endEarly(Clock::time_point now, bool asked);
     void finish(bool succeeded, std::string text);
     void finishComplete();
     void finishSourceEnded();
@@ -145,6 +177,25 @@ private:
     std::optional<std::int64_t> m_groupLabel; // of the last random access point since it was armed
     std::int64_t m_leadIn = 0;                // frames from the beginning to mark-in
     bool m_passed = false;
+
+    // What comes back of a source. A stream that was there before it began tells by its timecodes where the
+    // source's first frame is; until then all is held from the last random access point before on.
+    struct HeldPoint {
+        std::size_t at = 0; // in m_held
+        VideoUnit unit;
+        RecordingClock::Place place;
+        std::int64_t shown = 0; // by the stream's clock
+    };
+    enum class PlayedBy { count, labels, time };
+    PlayedBy m_playedBy = PlayedBy::count; // how the beginning was found
+    std::optional<LabelReference> m_source;
+    bool m_sentBefore = false; // anything
+    bool m_ranBefore = false;  // pictures
+    std::vector<HeldPoint> m_points;
+    // When the source's first frame is shown, if the labels are the source's: by those before it began, by
+    // the last ones, and once two agree.
+    std::optional<std::int64_t> m_lineBefore;
+    std::optional<std::int64_t> m_line;
 
     VideoUnit m_begin; // where the recording begins
     unsigned m_loggedProgram = 0;

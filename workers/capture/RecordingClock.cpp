@@ -21,9 +21,9 @@ unsigned RecordingClock::count(const VideoUnit& unit, StreamClock& clock, int ra
     return begun;
 }
 
-void RecordingClock::begin() noexcept {
-    m_begin = m_unitStart;
-    m_frames = m_unitFrames;
+void RecordingClock::begin(const Place& place) noexcept {
+    m_begin = place.start;
+    m_frames -= place.frames;
 }
 
 } // namespace kestrel::capture

@@ -17,8 +17,17 @@ public:
     // Returns how many.
     unsigned count(const VideoUnit& unit, StreamClock& clock, int rateCode) noexcept;
 
-    // What is recorded begins with the current PES packet.
-    void begin() noexcept;
+    // Where a PES packet stands.
+    struct Place {
+        std::int64_t start = 0;
+        std::uint64_t frames = 0; // before it
+    };
+    // Of the current one.
+    [[nodiscard]] Place place() const noexcept { return {m_unitStart, m_frames - m_unitFrames}; }
+
+    // What is recorded begins with the current PES packet, or with one since the last beginning.
+    void begin() noexcept { begin(place()); }
+    void begin(const Place& place) noexcept;
     // Frames that have begun since then.
     [[nodiscard]] std::uint64_t frames() const noexcept { return m_frames; }
     // Of the current PES packet.

@@ -24,7 +24,14 @@ void Recording::measureDuration() {
     std::uint64_t frames = 0;
     if (auto failed = m_duration.measure(rate, frames))
         return fail(*failed);
-    m_wanted = static_cast<std::int64_t>(frames) * MPEG::SH::decode_PCRs_per_frame(rate);
+    const int measure = m_plan.sourceRateCode != 0 ? m_plan.sourceRateCode : rate;
+    m_wanted = static_cast<std::int64_t>(frames) * MPEG::SH::decode_PCRs_per_frame(measure);
+    if (m_playedBy == PlayedBy::labels)
+        m_wanted += (m_leadIn - static_cast<std::int64_t>(m_plan.hiddenFrames)) *
+                    MPEG::SH::decode_PCRs_per_frame(rate);
+    if (measure != rate)
+        LogUtil::Warning(module, "%s: %s Measured in time.", m_plan.name.c_str(),
+                         failure(error::sourceFrameRateMismatch, rate, measure).text.c_str());
 }
 
 // Whether all frames asked for have begun. A stream whose frame rate stays unknown is measured by its clock.
@@ -43,6 +50,10 @@ bool Recording::durationReached() const {
 bool Recording::lastFrameCame() const {
     if (m_plan.mode == CaptureMode::marks)
         return m_state == RecordingState::recording && m_range.complete();
+    if (playsBack() && m_playedBy == PlayedBy::count)
+        return playedDurationReached();
+    if (playsBack())
+        return m_playedBy == PlayedBy::labels && labelledEndCame();
     return durationReached();
 }
 
@@ -67,6 +78,8 @@ Clock::time_point Recording::deadline() const {
         if (!m_analyzer.programKnown())
             return m_armedAt + m_timing.noStream;
         const auto found = std::max({m_programSeen, m_armedAt, m_lastLabelled}) + m_timing.noRandomAccess;
+        if (!m_points.empty() && m_source)
+            return std::max(m_source->at, m_armedAt) + m_timing.longestReturn;
         // Of a source that has ended no mark-in comes any more, however long its encoder goes on.
         return m_sourceEnded ? std::min(found, std::max(*m_sourceEnded, m_armedAt) + m_timing.noStream)
                              : found;
@@ -93,6 +106,8 @@ void Recording::tick(Clock::time_point now) {
 }
 
 void Recording::tickWaiting() {
+    if (!m_points.empty() && m_source)
+        return beginByTime();
     if (!m_analyzer.programKnown())
         return fail(failure(error::noTransportStream, m_plan.shownAddress.c_str(), m_plan.shownPort));
     if (m_plan.mode == CaptureMode::marks && m_sourceEnded && m_label)
@@ -123,9 +138,20 @@ void Recording::tickStall() {
 }
 
 void Recording::cancel(Clock::time_point now) {
+    endEarly(now, true);
+}
+
+void Recording::stop(Clock::time_point now) {
+    endEarly(now, false);
+}
+
+// With what has come until now. Only what was asked for is called cancelled.
+void Recording::endEarly(Clock::time_point now, bool asked) {
     m_now = now;
     if (m_state == RecordingState::ended)
         return;
+    if (m_state == RecordingState::waiting && !asked)
+        return finish(false, "Nothing recorded");
     if (m_state == RecordingState::waiting)
         return finish(m_plan.mode == CaptureMode::timed,
                       "Cancelled before the recording began: nothing recorded");
@@ -139,7 +165,7 @@ void Recording::cancel(Clock::time_point now) {
     const std::string open = beyond ? "" : openFrame();
     if (came || !bounded())
         return finish(true, recorded() + open);
-    finish(true, "Cancelled after " + amount() + open);
+    finish(asked, (asked ? "Cancelled after " + amount() : recorded()) + open);
 }
 
 // What a recording that ends in the middle of the stream says of its last frame.
@@ -168,9 +194,9 @@ void Recording::finish(bool succeeded, std::string text) {
 // All that was asked for has come, as far as it was not lost on the way.
 void Recording::finishComplete() {
     m_complete = true;
-    if (m_plan.mode == CaptureMode::timed && m_file.frames() < m_plan.wantedFrames)
-        return finish(false, format("Error: %" PRIu64 " of %" PRIu64 " frames came back. ", m_file.frames(),
-                                    m_plan.wantedFrames) +
+    if (m_plan.mode == CaptureMode::timed && playedFrames() < expectedFrames())
+        return finish(false, format("Error: %" PRIu64 " of %" PRIu64 " frames came back. ", playedFrames(),
+                                    expectedFrames()) +
                                  recorded());
     if (m_plan.mode == CaptureMode::marks) {
         const LabelRule& rule = m_labels.rule();
@@ -209,8 +235,10 @@ std::string Recording::amount() const {
     if (m_stops != 0)
         text += format(", stream stopped %u times", m_stops);
     if (m_plan.mode == CaptureMode::marks)
-        text += m_range.describe(m_labels.origin(), m_complete);
-    return text;
+        text += m_range.describe(m_plan.played && m_labels.origin() == LabelOrigin::deck ? LabelOrigin::none
+                                                                                         : m_labels.origin(),
+                                 m_complete);
+    return text + describePlayed();
 }
 
 RecordingStatus Recording::status() const {
@@ -225,6 +253,7 @@ RecordingStatus Recording::status() const {
     status.text = m_text;
     if (m_label)
         status.label = m_labels.rule().text(*m_label);
+    status.running = m_sentBefore;
     status.passedMarkIn = m_passed && m_state == RecordingState::waiting;
     status.markOutReached = m_plan.mode == CaptureMode::marks &&
                             (m_complete || (m_state == RecordingState::recording && m_range.complete()));

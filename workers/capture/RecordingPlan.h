@@ -18,6 +18,13 @@ struct RecordingPlan {
     bool overwrite = false;
     std::string duration;           // timed: hh:mm:ss:ff, hours of two or three digits
     std::uint64_t wantedFrames = 0; // timed: so many frames rather than a duration
+    // What comes back of a source that is played: it begins when the source does, see
+    // Recording::sourceBegins(). Timed: wantedFrames are the source's, and where those have labels that count
+    // on, markIn and markOut are the first and the last of labelledFrames of them.
+    bool played = false;
+    int sourceRateCode = 0; // frame_rate_code of those frames; 0: unknown
+    std::uint64_t labelledFrames = 0;
+    std::uint64_t hiddenFrames = 0; // of those wanted, before the first that has such a label
     int rollingMinutes = 0;         // rolling: length of a segment
     std::string shownAddress;       // where the stream is looked for, for messages
     int shownPort = 0;
