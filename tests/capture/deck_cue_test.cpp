@@ -1,5 +1,6 @@
 // A tape is cued, played and watched; the time is the test's own.
 #include "capture/DeckCue.h"
+#include "capture/captured_log.h"
 #include "capture/simulated_deck.h"
 #include "foundation/ErrorCodes.h"
 
@@ -136,7 +137,7 @@ TEST(DeckCue, RecordingIsArmedShortlyAfterPlayAndUntilTheEnd) {
     const auto played = bench.now;
     EXPECT_FALSE(bench.cue.armed(played + 1999ms));
     EXPECT_TRUE(bench.cue.armed(played + 2000ms));
-    bench.cue.recordingBegan();
+    bench.cue.recordingBegan(bench.now);
     EXPECT_EQ(bench.cue.phase(), Phase::recording);
     EXPECT_TRUE(bench.cue.armed(played + 3s));
     bench.cue.finish(bench.now);
@@ -181,7 +182,8 @@ TEST(DeckCue, EachLabelShownInPlayIsTakenOnceWithTheMiddleOfItsQuery) {
         return bench.cue.next(bench.now);
     }();
     ASSERT_TRUE(request);
-    bench.cue.answered({std::nullopt, false, "09:59:53:07", bench.now, bench.now + 40ms}, bench.now + 40ms);
+    bench.cue.answered({std::nullopt, false, "09:59:53:07", bench.now, bench.now + 40ms, true},
+                       bench.now + 40ms);
     const auto sighting = bench.cue.takeSighting();
     ASSERT_TRUE(sighting);
     EXPECT_EQ(sighting->text, "09:59:53:07");
@@ -192,7 +194,7 @@ TEST(DeckCue, EachLabelShownInPlayIsTakenOnceWithTheMiddleOfItsQuery) {
 TEST(DeckCue, AtTheEndTheDeckIsPaused) {
     Bench bench(internal());
     bench.until(Phase::rolling);
-    bench.cue.recordingBegan();
+    bench.cue.recordingBegan(bench.now);
     bench.until([&] { return bench.deck.label(bench.now) > "10:00:10:00"; });
     bench.cue.finish(bench.now);
     bench.until(Phase::finished);
@@ -226,6 +228,7 @@ TEST(DeckCue, ALastPauseThatIsNotAnsweredOrRefusedDoesNotHoldTheEnd) {
     EXPECT_EQ(silent.cue.deadline(), silent.now + 3s);
     silent.cue.tick(silent.now + 3s);
     EXPECT_TRUE(silent.cue.finished());
+    EXPECT_EQ(silent.cue.leftRunning(), "no answer to the last pause");
 
     Bench refused(internal());
     refused.until(Phase::rolling);
@@ -233,6 +236,46 @@ TEST(DeckCue, ALastPauseThatIsNotAnsweredOrRefusedDoesNotHoldTheEnd) {
     refused.cue.finish(refused.now);
     refused.until(Phase::finished);
     EXPECT_FALSE(refused.cue.failed());
+    EXPECT_EQ(refused.cue.leftRunning(), "no");
+}
+
+TEST(DeckCue, ADeckThatWasPausedIsNotSaidToRun) {
+    Bench bench(internal());
+    bench.until(Phase::rolling);
+    bench.cue.finish(bench.now);
+    bench.until(Phase::finished);
+    EXPECT_EQ(bench.cue.leftRunning(), "");
+}
+
+// The writer of the stream and the deck's answers have threads of their own: a recording may begin just when
+// the deck is found to be in trouble.
+TEST(DeckCue, ARecordingThatBeginsWhileTheTapeIsAboutToBeCuedAgainFails) {
+    for (const Phase phase :
+         {Phase::recueing, Phase::locating, Phase::seeking, Phase::verifying, Phase::starting}) {
+        SCOPED_TRACE(static_cast<int>(phase));
+        Bench bench(internal());
+        bench.until(Phase::rolling);
+        bench.deck.answer(pauseRequest(), bench.now); // somebody stops the deck
+        bench.until(Phase::recueing);
+        bench.until(phase);
+        bench.cue.recordingBegan(bench.now);
+        EXPECT_FALSE(bench.cue.armed(bench.now + 1h));
+        EXPECT_THAT(bench.failure(),
+                    AllOf(StartsWith("Error: Command 0 to VTR at COM1 failed. (play: the deck does not move, "
+                                     "at 09:59:5"),
+                          HasSubstr(" (recording had just begun)")));
+        EXPECT_TRUE(bench.paused());
+    }
+}
+
+TEST(DeckCue, ARecordingThatIsOverOrLetGoDoesNotFailForHavingBegun) {
+    Bench bench(internal());
+    bench.until(Phase::rolling);
+    bench.cue.finish(bench.now);
+    bench.cue.recordingBegan(bench.now);
+    bench.until(Phase::finished);
+    bench.cue.recordingBegan(bench.now);
+    EXPECT_FALSE(bench.cue.failed());
 }
 
 TEST(DeckCue, ADeckThatDoesNotShuttleFailsThePreroll) {
@@ -344,7 +387,7 @@ TEST(DeckCue, OnceRecordingTheTapeIsNotCuedAgain) {
     Bench bench(internal());
     bench.until(Phase::rolling);
     bench.until([&] { return bench.deck.label(bench.now) > "10:00:01:00"; });
-    bench.cue.recordingBegan();
+    bench.cue.recordingBegan(bench.now);
     bench.cue.missed(bench.now);
     EXPECT_EQ(bench.cue.phase(), Phase::recording);
     bench.deck.playSpeed = 0;
@@ -358,7 +401,7 @@ TEST(DeckCue, OnceRecordingTheTapeIsNotCuedAgain) {
 TEST(DeckCue, ATapePlayedFarPastMarkOutEndsTheRecording) {
     Bench bench(internal());
     bench.until(Phase::rolling);
-    bench.cue.recordingBegan();
+    bench.cue.recordingBegan(bench.now);
     EXPECT_THAT(bench.failure(),
                 AllOf(StartsWith("Error: Capture discontinuity."),
                       HasSubstr("COM1 is past mark-out 10:00:10:00, the stream is not, at 10:00:40")));
@@ -379,6 +422,42 @@ TEST(DeckCue, TimeQueriesMayFailForAWhileInPlay) {
     EXPECT_EQ(bench.cue.phase(), Phase::rolling);
 }
 
+// Where the stream shows where the tape is, a deck that does not is no trouble until mark-in must have come.
+TEST(DeckCue, ALongPrerollIsNotTakenForADeafDeckWhenTheStreamIsLabelled) {
+    for (const bool labelled : {true, false}) {
+        CuePlan with = internal();
+        with.prerollSeconds = 20;
+        Bench bench(with);
+        bench.cue.setStreamLabelled(labelled);
+        bench.until(Phase::rolling);
+        const auto played = bench.now;
+        bench.deck.refuse = [&](const _VTRCmdData& record) -> std::optional<Failure> {
+            if (record.commandKind == kestrel::vtrCurrentTime)
+                return refusal(20081, "no timecode");
+            return std::nullopt;
+        };
+        bench.until(Phase::recueing);
+        // Preroll and the longest way through the encoder, or ten seconds.
+        EXPECT_NEAR(std::chrono::duration<double>(bench.now - played).count(), labelled ? 30 : 10, 0.5);
+    }
+}
+
+TEST(DeckCue, AnUnreadableTimeIsLoggedWhenItBeginsAndWhenItEnds) {
+    const capture_test::CapturedLog log;
+    Bench bench(internal());
+    bench.until(Phase::rolling);
+    bench.cue.recordingBegan(bench.now);
+    for (int time = 0; time < 2; ++time) {
+        const auto deafUntil = bench.now + 3s;
+        bench.deck.refuse = [&](const _VTRCmdData&) -> std::optional<Failure> {
+            return bench.now < deafUntil ? refusal(20081, "no timecode") : std::nullopt;
+        };
+        bench.until([&] { return bench.now > deafUntil + 1s; });
+    }
+    EXPECT_EQ(log.count("[Deck:Warning] COM1: does not show its time: no timecode"), 2);
+    EXPECT_EQ(log.count("[Deck:Info] COM1: shows its time again: 09:59:5"), 2);
+}
+
 TEST(DeckCue, TimeQueriesThatFailForGoodEndThePlayButNotARecording) {
     Bench bench(internal());
     bench.until(Phase::rolling);
@@ -393,7 +472,7 @@ TEST(DeckCue, TimeQueriesThatFailForGoodEndThePlayButNotARecording) {
 
     Bench recording(internal());
     recording.until(Phase::rolling);
-    recording.cue.recordingBegan();
+    recording.cue.recordingBegan(recording.now);
     recording.deck.refuse = [&](const _VTRCmdData&) { return refusal(20081, "no timecode"); };
     const auto later = recording.now + 60s;
     recording.until([&] { return recording.now >= later; });
@@ -443,7 +522,8 @@ TEST(DeckCue, ErrorAnswersEndInTheTextThatFits) {
         {"current time", vtrCurrentTime, 0, true, 20054, "NAK (3 attempts)", 3},
         {"current time", vtrCurrentTime, 0, true, 20080, "NAK", 1},
         {"current time", vtrCurrentTime, 0, true, 20063, "NAK", 1},
-        {"current time", vtrCurrentTime, 0, true, 20061, "NAK", 1},
+        {"current time", vtrCurrentTime, 0, true, 20061,
+         "NAK (COM1: the deck-control process has ended) (3 attempts)", 3},
         {"current time", vtrCurrentTime, 0, true, 20062, "NAK", 1},
         {"go to 09:59:52:00", vtrGoTo, 0, true, 20081,
          "Error: Preroll to 09:59:52:00 for VTR at COM1 failed. (NAK, at 10:20:00:00) (3 attempts)", 3},
@@ -472,6 +552,100 @@ TEST(DeckCue, ErrorAnswersEndInTheTextThatFits) {
     }
 }
 
+// The service answers so while the deck-control process is down, and starts it again after a second.
+TEST(DeckCue, ADeckProcessThatEndedIsWaitedForWithinTheRetries) {
+    for (const Phase phase : {Phase::locating, Phase::seeking, Phase::verifying, Phase::shuttling,
+                              Phase::stopping, Phase::stepping, Phase::starting}) {
+        SCOPED_TRACE(static_cast<int>(phase));
+        Bench bench(phase == Phase::seeking || phase == Phase::verifying ? internal() : plan());
+        bench.until(phase);
+        const auto downUntil = bench.now + 1500ms;
+        std::vector<std::string> whileDown;
+        bench.deck.refuse = [&](const _VTRCmdData&) -> std::optional<Failure> {
+            if (bench.now >= downUntil)
+                return std::nullopt;
+            whileDown.push_back(bench.deck.heard().back());
+            return refusal(20061, "Error: Cannot send VTR command.  Send queue not available.");
+        };
+        bench.until(Phase::recueing);
+        EXPECT_EQ(whileDown.size(), 1u) << "nothing is asked of a process that is not there";
+        const auto told = bench.now;
+        bench.until(Phase::locating);
+        EXPECT_GE(bench.now - told, 3s);
+        EXPECT_EQ(bench.deck.heard().back(), "pause") << "what it was doing is not known";
+        bench.until(Phase::rolling);
+        EXPECT_EQ(bench.cue.attempts(), 2);
+    }
+}
+
+TEST(DeckCue, ADeckProcessThatStaysAwayIsGivenUpAndTheDeckSaidToRun) {
+    Bench bench;
+    bench.until(Phase::shuttling);
+    bench.step();
+    const auto begin = bench.now;
+    bench.deck.refuse = [&](const _VTRCmdData&) {
+        return refusal(20061, "Error: Cannot send VTR command.  Send queue not available.");
+    };
+    EXPECT_EQ(bench.failure(), "Error: Cannot send VTR command.  Send queue not available. (COM1: the "
+                               "deck-control process has ended) (3 attempts)");
+    EXPECT_EQ(bench.cue.leftRunning(), "Error: Cannot send VTR command.  Send queue not available.");
+    EXPECT_GE(bench.now - begin, 6s);
+    EXPECT_LE(bench.now - begin, 12s);
+}
+
+TEST(DeckCue, ADeckThatWasNeverMovedIsNotSaidToRun) {
+    Bench bench(internal());
+    bench.deck.refuse = [&](const _VTRCmdData&) { return refusal(20061, "down"); };
+    EXPECT_EQ(bench.failure(), "down (COM1: the deck-control process has ended) (3 attempts)");
+    EXPECT_EQ(bench.cue.leftRunning(), "");
+}
+
+TEST(DeckCue, AQueueToTheServiceThatIsMissingEndsItAtOnce) {
+    Bench bench(internal());
+    const auto request = bench.cue.next(bench.now);
+    ASSERT_TRUE(request);
+    bench.cue.answered({Failure{20061, "no queue"}, false, "", bench.now, bench.now, false}, bench.now);
+    EXPECT_TRUE(bench.cue.finished());
+    EXPECT_EQ(bench.failure(), "no queue");
+    EXPECT_EQ(bench.cue.attempts(), 1);
+}
+
+TEST(DeckCue, ADeckProcessThatEndsInPlayCostsNothing) {
+    for (const bool recording : {false, true}) {
+        Bench bench(internal());
+        bench.until(Phase::rolling);
+        if (recording)
+            bench.cue.recordingBegan(bench.now);
+        const Phase phase = bench.cue.phase();
+        const auto downUntil = bench.now + 4s;
+        int asked = 0;
+        bench.deck.refuse = [&](const _VTRCmdData&) -> std::optional<Failure> {
+            if (bench.now >= downUntil)
+                return std::nullopt;
+            ++asked;
+            return refusal(20061, "down");
+        };
+        bench.until([&] { return bench.now > downUntil + 2s; });
+        EXPECT_EQ(bench.cue.phase(), phase);
+        EXPECT_EQ(bench.cue.attempts(), 1);
+        EXPECT_LE(asked, 5) << "once a second";
+        EXPECT_TRUE(bench.cue.takeSighting());
+    }
+}
+
+TEST(DeckCue, AFinalPauseIsTriedAgainWhileTheDeckProcessStarts) {
+    Bench bench(internal());
+    bench.until(Phase::rolling);
+    const auto downUntil = bench.now + 1500ms;
+    bench.deck.refuse = [&](const _VTRCmdData&) -> std::optional<Failure> {
+        return bench.now < downUntil ? refusal(20061, "down") : std::nullopt;
+    };
+    bench.cue.finish(bench.now);
+    bench.until(Phase::finished);
+    EXPECT_EQ(bench.cue.leftRunning(), "");
+    EXPECT_FALSE(bench.deck.playing());
+}
+
 TEST(DeckCue, AnErrorThatPassesCostsOneAttempt) {
     Bench bench(internal());
     int refusals = 1;
@@ -488,7 +662,7 @@ TEST(DeckCue, WhatADeckShowsThatIsNoTimeIsAnError) {
     Bench bench;
     const auto request = bench.cue.next(bench.now);
     ASSERT_TRUE(request);
-    bench.cue.answered({std::nullopt, false, "--:--:--:--", bench.now, bench.now}, bench.now);
+    bench.cue.answered({std::nullopt, false, "--:--:--:--", bench.now, bench.now, true}, bench.now);
     EXPECT_EQ(bench.cue.phase(), Phase::recueing);
     EXPECT_EQ(bench.cue.attempts(), 2);
 }

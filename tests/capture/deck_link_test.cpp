@@ -1,5 +1,6 @@
 // Commands to the deck and their answers, on real queues.
 #include "capture/DeckLink.h"
+#include "capture/captured_log.h"
 #include "capture/worker_process.h"
 #include "foundation/ErrorCodes.h"
 #include "foundation/FixedText.h"
@@ -144,6 +145,23 @@ TEST(DeckLink, AnErrorAnswerFailsWithTheDecksCodeAndText) {
     EXPECT_EQ(answer->failed->text, std::string(303, 'x'));
 }
 
+TEST(DeckLink, ARefusedCommandIsAnErrorInTheLogARefusedQueryForTheTimeIsNot) {
+    const capture_test::CapturedLog log;
+    Bench bench;
+    for (const DeckRequest& request : {playRequest(), timeRequest(), seekingRequest()}) {
+        bench.deck.send(request, bench.now);
+        _VTRCmdData record = bench.command();
+        record.errorCode = 20081;
+        kestrel::copyText(record.errorText, "NAK");
+        const auto answer = bench.answer(record);
+        ASSERT_TRUE(answer && answer->failed);
+        EXPECT_TRUE(answer->answered);
+    }
+    EXPECT_EQ(log.count("[Deck:Error] COM1: play: NAK"), 1);
+    EXPECT_EQ(log.count("[Deck:Error] COM1: seeking: NAK"), 1);
+    EXPECT_EQ(log.count("[Deck:Error]"), 2) << log.text();
+}
+
 TEST(DeckLink, NoAnswerWithinThirtySecondsFails) {
     Bench bench;
     bench.deck.send(timeRequest(), bench.now);
@@ -152,6 +170,7 @@ TEST(DeckLink, NoAnswerWithinThirtySecondsFails) {
     const auto answer = bench.deck.tick(bench.now + 30s);
     ASSERT_TRUE(answer && answer->failed);
     EXPECT_EQ(answer->failed->code, kestrel::error::vtrResponseTimeout);
+    EXPECT_FALSE(answer->answered);
     EXPECT_EQ(answer->failed->text, "Error: Timeout waiting for response from VTR. (COM1: current time)");
     EXPECT_FALSE(bench.deck.busy());
     EXPECT_EQ(bench.deck.deadline(), Clock::time_point::max());

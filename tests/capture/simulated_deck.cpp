@@ -97,6 +97,7 @@ DeckAnswer SimulatedDeck::answer(const DeckRequest& request, Clock::time_point n
     handle(record, now);
     DeckAnswer answer;
     answer.sent = answer.received = now;
+    answer.answered = true;
     answer.seeking = record.seeking != 0;
     answer.timecode = record.timecode;
     if (record.errorCode != 0)

@@ -23,7 +23,7 @@ double frameNumber(const std::string& label, int rateCode) {
 
 std::shared_ptr<const Tape> makeTape(const std::string& begin, int rateCode, int seconds,
                                      const std::string& options) {
-    const char* rate = rateCode == 4 ? "30000/1001" : "25";
+    const char* rate = rateCode == 7 ? "60000/1001" : rateCode == 4 ? "30000/1001" : "25";
     const TemporaryDirectory directory;
     const std::string file = directory.path("tape.ts");
     const std::string length = std::to_string(seconds);
@@ -38,7 +38,7 @@ std::shared_ptr<const Tape> makeTape(const std::string& begin, int rateCode, int
     tape->rateCode = rateCode;
     tape->packets = readPackets(file);
     for (const auto& gop : kestrel::test::readGops(file, videoPid)) {
-        EXPECT_EQ(gop.drop, rateCode == 4);
+        EXPECT_EQ(gop.drop, rateCode != 3);
         tape->groups.push_back({frameNumber(gop.text(), rateCode), gop.packet()});
     }
     EXPECT_GT(tape->groups.size(), 3u);
@@ -47,7 +47,7 @@ std::shared_ptr<const Tape> makeTape(const std::string& begin, int rateCode, int
 }
 
 TapeStudio::TapeStudio(std::shared_ptr<const Tape> tape, const std::string& standsAt, std::vector<int> ports)
-    : m_tape(std::move(tape)), m_deck(standsAt, m_tape->rateCode, Clock::now()) {
+    : m_tape(std::move(tape)), m_deck(standsAt, m_tape->deckRateCode(), Clock::now()) {
     for (const int port : ports)
         m_senders.push_back(std::make_unique<Sender>("127.0.0.1", port));
     withDeck([](SimulatedDeck& deck) { deck.seekSeconds = 0.3; });
@@ -92,7 +92,8 @@ void TapeStudio::send() {
         const auto delayed = Clock::now() - std::chrono::duration_cast<Clock::duration>(
                                                 std::chrono::duration<double>(lag.load()));
         const auto frame = withDeck([&](const SimulatedDeck& deck) -> std::optional<double> {
-            return deck.playing() ? std::optional(deck.frame(delayed)) : std::nullopt;
+            return deck.playing() ? std::optional(deck.frame(delayed) * m_tape->framesPerLabel())
+                                  : std::nullopt;
         });
         if (!frame) {
             at.reset();

@@ -18,6 +18,11 @@ namespace capture_test {
 struct Tape {
     std::string begin; // label of its first frame
     int rateCode = 3;
+
+    // Of the deck that plays it, and how many of its frames one of the deck's labels stands for.
+    [[nodiscard]] int deckRateCode() const { return rateCode == 7 ? 4 : rateCode; }
+    [[nodiscard]] int framesPerLabel() const { return rateCode == 7 ? 2 : 1; }
+
     Packets packets;
     struct Group {
         double frame; // of the day
@@ -27,7 +32,8 @@ struct Tape {
     double endFrame = 0;
 };
 
-// Makes one with ffmpeg, of MPEG-2 video with the encoder options given, and audio. Made once for each name.
+// Makes one with ffmpeg, of MPEG-2 video with the encoder options given, and audio. At the double rates the
+// deck counts pairs of its frames.
 std::shared_ptr<const Tape> makeTape(const std::string& begin, int rateCode, int seconds,
                                      const std::string& options);
 

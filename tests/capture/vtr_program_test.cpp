@@ -5,14 +5,19 @@
 #include "timecode/mpeg_timecode.h"
 
 #include <csignal>
+#include <cstring>
 #include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <utility>
 
 using namespace capture_test;
 using namespace std::chrono_literals;
+using kestrel::capture::MaybeFailure;
 using testing::AllOf;
+using testing::EndsWith;
 using testing::HasSubstr;
+using testing::Not;
 using testing::StartsWith;
 
 namespace {
@@ -28,6 +33,15 @@ struct VtrWorker : Worker {
         std::snprintf(settings.vtr.port, sizeof settings.vtr.port, "COM1");
         settings.vtr.useInternalCue = internalCue;
         settings.vtr.findStartTimecodeRetries = 1;
+    }
+    // Serves the worker until it has sent a message that is wanted.
+    void serveUntilMessage(const std::function<bool(const Message&)>& wanted) {
+        const auto deadline = std::chrono::steady_clock::now() + 40s;
+        do {
+            ASSERT_TRUE(queues.receive(
+                std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now())))
+                << log();
+        } while (!wanted(queues.received().back()));
     }
     // Serves the worker until its log has a text.
     void serveUntil(const std::string& text) {
@@ -109,6 +123,31 @@ TEST(VtrCapture, FirstAndLastFrameCarryTheMarksAt25WithReorderedFrames) {
                   later(*tape, firstGroupFrom(*tape, "10:00:11:00"), 6), "09:40:00:00");
 }
 
+// A label of the deck stands for two frames, so the recording ends with the second of mark-out's.
+TEST(VtrCapture, FirstAndLastFrameCarryTheMarksAt5994) {
+    const auto tape = makeTape("10:00:50;00", 7, 16, plain);
+    const std::string first = firstGroupFrom(*tape, "10:00:58;40");
+    ASSERT_EQ(first.size(), 11u);
+    const auto pairOf = [](std::string label) {
+        const int frames = std::stoi(label.substr(9));
+        label.replace(9, 2, (frames / 2 < 10 ? "0" : "") + std::to_string(frames / 2));
+        return label;
+    };
+    const std::string out = "10:01:01;20";
+    VtrWorker worker(pairOf(first), out);
+    TapeStudio studio(tape, "10:00:00;00", {worker.addEncoder()});
+    studio.serve(worker.queues);
+    worker.start();
+    EXPECT_EQ(worker.wait(60s), 0) << worker.log();
+    const std::string file = worker.path("out/news.ts");
+    const Ends ends = endsOf(file, 7);
+    EXPECT_EQ(ends.first, first);
+    EXPECT_EQ(ends.last, "10:01:01;41") << worker.results();
+    EXPECT_EQ(continuityErrors(readPackets(file)), 0);
+    EXPECT_THAT(worker.results(), HasSubstr("(" + std::to_string(ends.frames) + " frames"));
+    EXPECT_EQ(studio.withDeck([](SimulatedDeck& deck) { return deck.heard().back(); }), "pause");
+}
+
 // The minute whose first two labels do not exist lies between the marks.
 TEST(VtrCapture, FirstAndLastFrameCarryTheMarksAt2997Drop) {
     const auto tape = makeTape("10:00:50;00", 4, 16, reordered);
@@ -184,9 +223,8 @@ TEST(VtrCapture, AnEncoderThatMissesMarkInDoesNotTakeTheTapeFromTheOther) {
     EXPECT_EQ(worker.wait(40s), 1) << worker.log();
     EXPECT_EQ(endsOf(worker.path("out/news.ts"), 3).first, in);
     EXPECT_EQ(endsOf(worker.path("out/news.ts"), 3).last, "10:00:14:00");
-    EXPECT_THAT(worker.results(),
-                AllOf(StartsWith("Encoder 1: Recorded 00:00:0"),
-                      HasSubstr("; Encoder 2: Error: Start timecode " + in + " cannot be found.")));
+    EXPECT_THAT(worker.results(), StartsWith("Encoder 2: Error: Start timecode " + in +
+                                             " cannot be found.; Encoder 1: Recorded 00:00:0"));
     EXPECT_EQ(studio.withDeck([](SimulatedDeck& deck) { return deck.count("play"); }), 1);
 }
 
@@ -196,7 +234,7 @@ TEST(VtrCapture, AnExistingFileIsKeptAndTheDeckLeftAlone) {
     std::filesystem::create_directories(worker.path("out"));
     std::ofstream(worker.path("out/news.ts")) << "precious";
     worker.start();
-    EXPECT_EQ(worker.wait(5s), 1);
+    EXPECT_EQ(worker.wait(20s), 1);
     EXPECT_THAT(worker.results(), StartsWith("Warning: The file specified already exists."));
     EXPECT_EQ(readText(worker.path("out/news.ts")), "precious");
     for (const Message& message : worker.queues.received())
@@ -252,6 +290,110 @@ TEST(VtrCapture, ADeckThatNeverMovesFailsAfterItsRetries) {
     EXPECT_TRUE(filesIn(worker.path("out")).empty());
 }
 
+// The service answers 20061 while the deck-control process is down.
+TEST(VtrCapture, ADeckProcessThatIsStartedAgainDuringTheCueCostsAnAttempt) {
+    const auto tape = makeTape("10:00:00:00", 3, 16, plain);
+    const std::string in = firstGroupFrom(*tape, "10:00:08:12");
+    VtrWorker worker(in, "10:00:10:00");
+    TapeStudio studio(tape, "10:00:00:00", {worker.addEncoder()});
+    studio.withDeck([](SimulatedDeck& deck) {
+        deck.refuse = [down = false](const _VTRCmdData& record) mutable -> MaybeFailure {
+            if (record.commandKind != kestrel::vtrGoTo || std::exchange(down, true))
+                return std::nullopt;
+            return kestrel::capture::Failure{20061,
+                                             "Error: Cannot send VTR command.  Send queue not available."};
+        };
+    });
+    studio.serve(worker.queues);
+    worker.start();
+    EXPECT_EQ(worker.wait(60s), 0) << worker.log();
+    EXPECT_EQ(endsOf(worker.path("out/news.ts"), 3).first, in);
+    EXPECT_EQ(endsOf(worker.path("out/news.ts"), 3).last, "10:00:10:00");
+    EXPECT_THAT(worker.log(), HasSubstr("attempt 1 of 2: Error: Cannot send VTR command.  Send queue not "
+                                        "available. (COM1: the deck-control process has ended)"));
+}
+
+TEST(VtrCapture, ADeckThatStopsWhileItIsRecordedIsToldWithWhatIsRecorded) {
+    const auto tape = makeTape("10:00:00:00", 3, 30, plain);
+    VtrWorker worker(firstGroupFrom(*tape, "10:00:08:12"), "10:00:28:00");
+    TapeStudio studio(tape, "10:00:00:00", {worker.addEncoder()});
+    studio.serve(worker.queues);
+    worker.start();
+    worker.serveUntil("recording into");
+    studio.withDeck([](SimulatedDeck& deck) {
+        deck.answer(kestrel::capture::pauseRequest(), std::chrono::steady_clock::now());
+    });
+    EXPECT_EQ(worker.wait(40s), 1) << worker.log();
+    EXPECT_THAT(worker.results(),
+                AllOf(StartsWith("Error: Command 0 to VTR at COM1 failed. (play: the deck stopped before "
+                                 "mark-out 10:00:28:00, at 10:00:0"),
+                      HasSubstr(") Recorded 00:00:0"), Not(HasSubstr("Cancelled"))));
+    EXPECT_GT(endsOf(worker.path("out/news.ts"), 3).frames, 0);
+}
+
+TEST(VtrCapture, AnEncoderThatEndsWhileItIsRecordedIsToldFirstWithWhatIsRecorded) {
+    const auto tape = makeTape("10:00:00:00", 3, 16, plain);
+    const std::string in = firstGroupFrom(*tape, "10:00:08:12");
+    VtrWorker worker(in, "10:00:12:00");
+    const int first = worker.addEncoder();
+    const int second = worker.addEncoder();
+    TapeStudio studio(tape, "10:00:00:00", {first, second});
+    studio.serve(worker.queues);
+    worker.start();
+    worker.serveUntilMessage([](const Message& message) {
+        _CaptureJobStatusData status{};
+        if (message.type != CAPTURE_STATUS_MSG || message.payload.size() != sizeof status)
+            return false;
+        std::memcpy(&status, message.payload.data(), sizeof status);
+        return status.encoderIndex == 1 && status.frames > 0;
+    });
+    studio.secondDark = true;
+    EXPECT_EQ(worker.wait(60s), 1) << worker.log();
+    EXPECT_THAT(worker.results(),
+                AllOf(StartsWith("Encoder 2: Error: Capture discontinuity."), HasSubstr(" Recorded 00:00:0"),
+                      HasSubstr("; Encoder 1: Recorded 00:00:0"), Not(HasSubstr("Cancelled"))));
+    EXPECT_EQ(endsOf(worker.path("out/news.ts"), 3).last, "10:00:12:00");
+    EXPECT_GT(endsOf(worker.path("out/news_2.ts"), 3).frames, 0);
+}
+
+TEST(VtrCapture, ADeckThatIsNotStoppedAfterTheRecordingIsTold) {
+    const auto tape = makeTape("10:00:00:00", 3, 16, plain);
+    VtrWorker worker(firstGroupFrom(*tape, "10:00:08:12"), "10:00:10:00");
+    TapeStudio studio(tape, "10:00:00:00", {worker.addEncoder()});
+    studio.withDeck([](SimulatedDeck& deck) {
+        deck.refuse = [](const _VTRCmdData& record) -> MaybeFailure {
+            if (record.transportCode != kestrel::vtrPauseCode)
+                return std::nullopt;
+            return kestrel::capture::Failure{20081, "Error: Command 0 to VTR at COM1 failed. (LOCAL)"};
+        };
+    });
+    studio.serve(worker.queues);
+    worker.start();
+    EXPECT_EQ(worker.wait(40s), 0) << "recorded as asked\n" << worker.log();
+    EXPECT_THAT(worker.results(),
+                AllOf(StartsWith("Recorded 00:00:0"), EndsWith("; the deck was not stopped: Error: Command 0 "
+                                                               "to VTR at COM1 failed. (LOCAL)")));
+}
+
+TEST(VtrCapture, ResultsThatAreLongerThanTheServiceKeepsAreCutAndTerminated) {
+    const auto tape = makeTape("10:00:00:00", 3, 12, plain);
+    VtrWorker worker("10:00:08:12", "10:00:10:00");
+    TapeStudio studio(tape, "10:00:00:00", {worker.addEncoder()});
+    const std::string text = "Error: " + std::string(296, 'x'); // fills the record's field
+    studio.withDeck([&](SimulatedDeck& deck) {
+        deck.refuse = [&](const _VTRCmdData&) { return kestrel::capture::Failure{20080, text}; };
+    });
+    studio.serve(worker.queues);
+    worker.start();
+    EXPECT_EQ(worker.wait(), 1) << worker.log();
+    EXPECT_EQ(worker.results(), text.substr(0, 299));
+    for (const Message& message : worker.queues.received())
+        if (message.type == RESULTS_MSG) {
+            EXPECT_EQ(message.payload.size(), 300u);
+            EXPECT_EQ(message.payload.back(), 0);
+        }
+}
+
 TEST(VtrCapture, ADeckThatCannotBeReachedFailsAtOnce) {
     const auto tape = makeTape("10:00:00:00", 3, 12, plain);
     VtrWorker worker("10:00:08:12", "10:00:10:00");
@@ -264,7 +406,7 @@ TEST(VtrCapture, ADeckThatCannotBeReachedFailsAtOnce) {
     });
     studio.serve(worker.queues);
     worker.start();
-    EXPECT_EQ(worker.wait(5s), 1) << worker.log();
+    EXPECT_EQ(worker.wait(20s), 1) << worker.log();
     EXPECT_EQ(worker.results(), "Error: Could not connect to VTR at COM1. (no such port)");
     EXPECT_EQ(worker.queues.received().back().type, EXIT_MSG);
 }
@@ -285,7 +427,7 @@ TEST(VtrCapture, WithoutQueuesItSaysThatTheDeckCannotBeReached) {
     worker.useQueues = false;
     worker.addEncoder();
     worker.start();
-    EXPECT_EQ(worker.wait(5s), 1);
+    EXPECT_EQ(worker.wait(20s), 1);
     EXPECT_THAT(worker.log(), HasSubstr("Error: Cannot send VTR command.  Send queue not available."));
 }
 
@@ -304,7 +446,7 @@ TEST(VtrCapture, MarksAndPortAreCheckedBeforeTheDeckIsTouched) {
         std::snprintf(worker.settings.vtr.port, sizeof worker.settings.vtr.port, "%s", row.port);
         worker.addEncoder();
         worker.start();
-        EXPECT_EQ(worker.wait(5s), 1);
+        EXPECT_EQ(worker.wait(20s), 1);
         EXPECT_EQ(worker.results(), row.text);
         for (const Message& message : worker.queues.received())
             EXPECT_NE(message.type, VTR_CMD_REQUEST_MSG);
@@ -313,13 +455,30 @@ TEST(VtrCapture, MarksAndPortAreCheckedBeforeTheDeckIsTouched) {
 
 struct CancelRow {
     const char* what;
-    const char* log; // cancelled when this stands in the log
-    bool byMessage;  // else by SIGTERM
-    bool recorded;
+    kestrel::VtrCommandKind kind; // cancelled when the deck is told this
+    std::int32_t code;
+    bool byMessage; // else by SIGTERM
+    bool recorded;  // cancelled when frames are recorded, instead
 };
 
 void PrintTo(const CancelRow& row, std::ostream* out) {
     *out << row.what;
+}
+
+// Whether a message of the worker is what the row waits for.
+bool comes(const CancelRow& row, const Message& message) {
+    if (row.recorded) {
+        _CaptureJobStatusData status{};
+        if (message.type != CAPTURE_STATUS_MSG || message.payload.size() != sizeof status)
+            return false;
+        std::memcpy(&status, message.payload.data(), sizeof status);
+        return status.frames > 0;
+    }
+    _VTRCmdData record{};
+    if (message.type != VTR_CMD_REQUEST_MSG || message.payload.size() != sizeof record)
+        return false;
+    std::memcpy(&record, message.payload.data(), sizeof record);
+    return record.commandKind == row.kind && record.transportCode == row.code;
 }
 
 class VtrCancel : public testing::TestWithParam<CancelRow> {};
@@ -331,30 +490,33 @@ TEST_P(VtrCancel, PausesTheDeckAndKeepsWhatIsRecorded) {
     studio.withDeck([](SimulatedDeck& deck) { deck.seekSeconds = 2; });
     studio.serve(worker.queues);
     worker.start();
-    worker.serveUntil(GetParam().log);
+    worker.serveUntilMessage([](const Message& message) { return comes(GetParam(), message); });
     if (GetParam().byMessage)
         worker.queues.send(CANCEL_MSG);
     else
         worker.signal(SIGTERM);
-    const int code = worker.wait(5s);
+    const int code = worker.wait();
 
     EXPECT_EQ(worker.queues.received().back().type, EXIT_MSG) << worker.log();
     EXPECT_THAT(worker.log(), HasSubstr("Cancelled by "));
+    // Nothing was waited for but the deck's answer.
+    EXPECT_THAT(worker.log(), Not(HasSubstr("not paused")));
     EXPECT_TRUE(studio.withDeck([](SimulatedDeck& deck) { return deck.heard().back() == "pause"; }));
     EXPECT_EQ(filesIn(worker.path("out")).size(), GetParam().recorded ? 1u : 0u);
     if (GetParam().recorded) {
         EXPECT_EQ(code, 0);
-        EXPECT_THAT(worker.results(), HasSubstr(" frames, "));
+        EXPECT_THAT(worker.results(), AllOf(StartsWith("Cancelled after "), HasSubstr(" frames, ")));
     } else {
         EXPECT_EQ(code, 1); // as with every capture without a duration
-        EXPECT_THAT(worker.results(), HasSubstr("nothing recorded"));
+        EXPECT_EQ(worker.results(), "Cancelled before the recording began: nothing recorded");
     }
 }
 
 INSTANTIATE_TEST_SUITE_P(EachPhase, VtrCancel,
-                         testing::Values(CancelRow{"Cue", "go to 10:00:00:12", true, false},
-                                         CancelRow{"Preroll", "COM1: play", false, false},
-                                         CancelRow{"Recording", "recording into", true, true}),
+                         testing::Values(CancelRow{"Cue", kestrel::vtrGoTo, 0, true, false},
+                                         CancelRow{"Preroll", kestrel::vtrTransport, kestrel::vtrPlayCode,
+                                                   false, false},
+                                         CancelRow{"Recording", kestrel::vtrTransport, 0, true, true}),
                          [](const auto& row) { return row.param.what; });
 
 } // namespace

@@ -64,7 +64,7 @@ std::optional<DeckRequest> DeckCue::next(Clock::time_point now) {
         return std::nullopt;
     m_sent = *m_next;
     m_next.reset();
-    if (m_sent.kind != vtrCurrentTime && m_sent.kind != vtrIsSeeking)
+    if (m_sent.kind != vtrCurrentTime && m_sent.kind != vtrIsSeeking && m_sent != pauseRequest())
         m_started = true;
     return m_sent;
 }
@@ -85,7 +85,7 @@ void DeckCue::begin(Clock::time_point now) {
 
 void DeckCue::answered(const DeckAnswer& answer, Clock::time_point now) {
     if (answer.failed)
-        return refused(*answer.failed, now);
+        return refused(*answer.failed, answer.answered, now);
     const auto before = m_position;
     const bool isTime = m_sent.kind == vtrCurrentTime;
     if (isTime && !readTime(answer, now))
@@ -139,7 +139,7 @@ bool DeckCue::readTime(const DeckAnswer& answer, Clock::time_point now) {
     const auto time = DeckTime::parse(answer.timecode);
     if (!time) {
         refused(detailed(failure(error::vtrStartTimeUnknown), "the deck shows \"" + answer.timecode + "\""),
-                now);
+                true, now);
         return false;
     }
     if (m_position != time)
@@ -196,9 +196,21 @@ void DeckCue::watch(bool moved, Clock::time_point now) {
     ask(timeRequest(), now + m_timing.rollPoll);
 }
 
-void DeckCue::recordingBegan() noexcept {
-    if (m_phase == Phase::rolling)
+void DeckCue::recordingBegan(Clock::time_point now) {
+    switch (m_phase) {
+    case Phase::rolling:
         m_phase = Phase::recording;
+        return;
+    case Phase::recording:
+    case Phase::pausing:
+    case Phase::finished:
+        return;
+    default:
+        // It began while the trouble was found out: the tape is not, or not long, on its way past mark-in.
+        fail(detailed(m_trouble.value_or(failure(error::startTimecodeNotFound, m_plan.markIn.c_str())),
+                      "recording had just begun"),
+             now);
+    }
 }
 
 // The encoder lags behind the deck. As long as the deck itself is before mark-in, what the stream shows is
@@ -233,9 +245,7 @@ void DeckCue::tick(Clock::time_point now) {
     case Phase::stopping:
         return trouble(prerollFailure("the deck does not stop" + place()), now);
     case Phase::pausing:
-        LogUtil::Warning(module, "%s: no answer to the last pause", m_plan.port.c_str());
-        m_next.reset();
-        return enter(Phase::finished);
+        return notPaused("no answer to the last pause");
     default: // rolling: armed from now on
         m_limit = Clock::time_point::max();
     }

@@ -34,9 +34,10 @@ struct CueTiming {
     milliseconds standStill{3000}; // of a tape that should be playing
     milliseconds stopping{5000};   // until a paused deck stands
     milliseconds settle{3000};     // after a cue, until the deck shows the place
-    milliseconds arming{2000}; // after play: pictures from before are still on their way through the encoder
-    milliseconds lag{10000};   // longest way of a picture through the encoder
-    milliseconds retry{1000};  // before another attempt
+    milliseconds arming{2000};  // after play: pictures from before are still on their way through the encoder
+    milliseconds lag{10000};    // longest way of a picture through the encoder
+    milliseconds retry{1000};   // before another attempt
+    milliseconds restart{3000}; // until a deck process that has ended runs again
     milliseconds lastPause{3000}; // for the answer to the pause at the end
 };
 
@@ -46,19 +47,25 @@ struct Sighting {
     Clock::time_point at{};
 };
 
-//  phase      event                                        next
-//  locating   time                                         seeking (internal cue), stopping when near, else
-//  shuttling seeking    seeking no more                              verifying verifying  at the preroll
-//  point                         starting; else, after a while, trouble shuttling  near the preroll point, or
-//  past it           stopping stopping   two equal times                              starting when there,
-//  stepping when near, else shuttling stepping   time                                         likewise
-//  starting   play answered                                rolling
-//  rolling    recordingBegan()                             recording
-//  rolling    tape stands, runs backwards, missed()        trouble
-//  recording  tape stands                                  pausing, failed
-//  any        trouble: an answer that is an error, ...     recueing while attempts are left, else pausing,
-//  failed recueing   pause answered                               locating any        finish() pausing
-//  pausing    answered, or not in time                     finished
+// clang-format off
+//  phase      event                                      next
+//  locating   time                                       seeking (internal cue), stopping when near, else shuttling
+//  seeking    seeking no more                            verifying
+//  verifying  at the preroll point                       starting; else, after a while, trouble
+//  shuttling  near the preroll point, or past it         stopping
+//  stopping   two equal times                            starting when there, stepping when near, else shuttling
+//  stepping   time                                       likewise
+//  starting   play answered                              rolling
+//  rolling    recordingBegan()                           recording
+//  rolling    tape stands, runs backwards, missed()      trouble
+//  recording  tape stands                                pausing, failed
+//  any        trouble: an answer that is an error, ...   recueing while attempts are left, else pausing, failed
+//  recueing   pause answered                             locating
+//  recueing   the deck process has ended                 trouble
+//  between trouble and rolling: recordingBegan()         pausing, failed
+//  any        finish()                                   pausing
+//  pausing    answered, or not in time                   finished
+// clang-format on
 class DeckCue {
 public:
     enum class Phase {
@@ -95,8 +102,9 @@ public:
     // When next() or tick() has something to do.
     [[nodiscard]] Clock::time_point deadline() const noexcept;
 
-    // Frames are being recorded: the tape must not be cued again.
-    void recordingBegan() noexcept;
+    // Frames are being recorded: the tape must not be cued again. Where that is about to happen, for a
+    // trouble that came first, what is recorded is not what was asked for: failed.
+    void recordingBegan(Clock::time_point now);
     // The stream's labels are beyond mark-in, and nothing was recorded.
     void missed(Clock::time_point now);
     // The recording is over, or was cancelled: the deck is paused, and that is all.
@@ -108,10 +116,14 @@ public:
     [[nodiscard]] bool armed(Clock::time_point now) const noexcept;
     // Why it failed for good.
     [[nodiscard]] const MaybeFailure& failed() const noexcept { return m_failed; }
+    // Why the deck may still be running; empty when it was paused, or never told to do anything.
+    [[nodiscard]] const std::string& leftRunning() const noexcept { return m_leftRunning; }
     // The last label that the deck showed while it played; each is given once.
     [[nodiscard]] std::optional<Sighting> takeSighting();
     // The stream's frame rate tells how many labels the deck has a second.
     void setRateCode(int frameRateCode) noexcept;
+    // Whether the stream itself shows where the tape is. Then the deck need not, from play to mark-in.
+    void setStreamLabelled(bool labelled) noexcept { m_streamLabelled = labelled; }
     [[nodiscard]] int attempts() const noexcept { return m_attempts; }
 
 private:
@@ -127,9 +139,10 @@ private:
     void stilled(Clock::time_point now);
     void play(Clock::time_point now);
     void watch(bool moved, Clock::time_point now);
-    void refused(const Failure& why, Clock::time_point now);
+    void refused(const Failure& why, bool answered, Clock::time_point now);
+    void notPaused(const std::string& why);
     [[nodiscard]] bool deafFor(Clock::time_point now, bool unreachable) const noexcept;
-    void trouble(Failure what, Clock::time_point now);
+    void trouble(Failure what, Clock::time_point now, milliseconds wait = milliseconds{0});
     void fail(Failure what, Clock::time_point now);
     [[nodiscard]] bool readTime(const DeckAnswer& answer, Clock::time_point now);
     void aim();
@@ -150,12 +163,15 @@ private:
     std::optional<DeckRequest> m_next;
     Clock::time_point m_due{};
     DeckRequest m_sent;
-    bool m_started = false; // the deck was told to do something
+    bool m_started = false; // the deck was told to move its tape
     int m_attempts = 0;
-    int m_corrections = 0; // shuttles and steps of this attempt
-    int m_speed = 0;       // of the shuttle, with its sign
-    double m_best = 0;     // shortest way to the target so far
+    int m_corrections = 0;  // shuttles and steps of this attempt
+    int m_speed = 0;        // of the shuttle, with its sign
+    double m_best = 0;      // shortest way to the target so far
+    MaybeFailure m_trouble; // the last that was not for good
     MaybeFailure m_failed;
+    std::string m_leftRunning;
+    bool m_streamLabelled = false;
 
     std::optional<DeckTime> m_position;
     Clock::time_point m_moved{}; // when the position last changed

@@ -118,7 +118,7 @@ void DeckLink::trySend() {
 DeckAnswer DeckLink::ended(MaybeFailure failed, Clock::time_point now) {
     m_busy = m_unsent = false;
     m_notSent.reset();
-    return {std::move(failed), false, "", m_asked, now};
+    return {std::move(failed), false, "", m_asked, now, false};
 }
 
 std::optional<DeckAnswer> DeckLink::take(const _VTRCmdData& record, Clock::time_point now) {
@@ -131,10 +131,18 @@ std::optional<DeckAnswer> DeckLink::take(const _VTRCmdData& record, Clock::time_
         failed.code = record.errorCode;
         if (!text.empty())
             failed.text = text;
-        LogUtil::Error(module, "%s: %s: %s", m_port.c_str(), m_request.text().c_str(), failed.text.c_str());
-        return ended(failed, now);
+        // The time is asked for several times a second; of one that cannot be read the cue tells once.
+        const std::string line = m_port + ": " + m_request.text() + ": " + failed.text;
+        if (m_request.kind == vtrCurrentTime)
+            LogUtil::Debug(module, "%s", line.c_str());
+        else
+            LogUtil::Error(module, "%s", line.c_str());
+        DeckAnswer refusal = ended(std::move(failed), now);
+        refusal.answered = true;
+        return refusal;
     }
     DeckAnswer answer = ended(std::nullopt, now);
+    answer.answered = true;
     answer.seeking = record.seeking != 0;
     answer.timecode = fieldText(record.timecode);
     return answer;

@@ -38,6 +38,7 @@ struct DeckAnswer {
     std::string timecode = {}; // of a current time query
     Clock::time_point sent{};  // between these two the deck looked at its tape
     Clock::time_point received{};
+    bool answered = false; // else nobody did, and failed says why
 };
 
 // How long a request may take.

@@ -72,6 +72,8 @@ void VtrSession::woken() {
 
 void VtrSession::deckAnswer(const _VTRCmdData& record) {
     const Clock::time_point now = Clock::now();
+    // What the recordings show first: a trouble of the deck may come too late to matter.
+    followEncoders(now);
     if (const auto answer = m_link.take(record, now))
         m_cue.answered(*answer, now);
     advance(now);
@@ -82,6 +84,7 @@ Clock::time_point VtrSession::deadline() const {
 }
 
 void VtrSession::tick(Clock::time_point now) {
+    followEncoders(now);
     if (const auto answer = m_link.tick(now))
         m_cue.answered(*answer, now);
     m_cue.tick(now);
@@ -100,16 +103,19 @@ void VtrSession::advance(Clock::time_point now) {
 void VtrSession::followEncoders(Clock::time_point now) {
     bool began = false;
     bool missed = false;
+    bool labelled = false;
     for (std::size_t i = 0; i < m_encoders.size(); ++i) {
         const RecordingStatus status = m_encoders.status(i);
         m_cue.setRateCode(status.frameRateCode);
+        labelled = labelled || status.label;
         began = began || status.frames > 0;
         missed = missed || (status.state == RecordingState::waiting && status.passedMarkIn);
     }
-    if (began)
-        m_cue.recordingBegan();
+    m_cue.setStreamLabelled(labelled);
     if (m_encoders.over())
         return m_cue.finish(now);
+    if (began)
+        m_cue.recordingBegan(now);
     if (!missed || !m_armed)
         return;
     if (!began)
@@ -133,22 +139,30 @@ void VtrSession::followDeck(Clock::time_point now) {
         m_encoders.refer(sighting->text, sighting->at);
     if (m_cue.failed() && !m_stopped) {
         m_stopped = true;
-        m_encoders.cancel();
+        m_encoders.stop();
     }
 }
 
 Outcome VtrSession::end() {
     m_ended = true;
-    m_encoders.cancel();
+    m_encoders.stop();
     m_encoders.join();
-    Outcome outcome = m_encoders.outcome();
-    if (!m_cue.failed())
-        return outcome;
-    // What was recorded until then is told too.
+    std::vector<ResultsPart> parts;
     bool any = false;
     for (std::size_t i = 0; i < m_encoders.size(); ++i)
         any = any || m_encoders.status(i).frames > 0;
-    return {false, m_cue.failed()->text + (any ? " " + outcome.text : "")};
+    if (m_cue.failed())
+        parts.push_back({m_cue.failed()->text, true});
+    // What was recorded until then is told too.
+    if (any || !m_cue.failed())
+        for (ResultsPart& part : m_encoders.results())
+            parts.push_back({(parts.size() == 1 && m_cue.failed() ? " " : "") + part.text, part.failure});
+    const bool succeeded =
+        std::none_of(parts.begin(), parts.end(), [](const ResultsPart& part) { return part.failure; });
+    // No failure of the recording; but somebody has to look after the tape.
+    if (!m_cue.leftRunning().empty())
+        parts.push_back({"; the deck was not stopped: " + m_cue.leftRunning(), true});
+    return {succeeded, resultsText(parts)};
 }
 
 } // namespace kestrel::capture
