@@ -1,24 +1,16 @@
 // Re-encodes with the real worker: a decoder and an encoder on loopback that return what they are sent, as it
 // is or encoded anew by ffmpeg.
-#include "capture/normalize_streams.h"
+#include "capture/loopback_equipment.h"
 #include "capture/worker_process.h"
 #include "foundation/ErrorCodes.h"
 #include "streams/ffprobe.h"
 #include "streams/gop_reader.h"
 #include "streams/stream_fixtures.h"
 
-#include <arpa/inet.h>
-#include <atomic>
-#include <csignal>
-#include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/eventfd.h>
-#include <sys/socket.h>
-#include <thread>
 
 using namespace capture_test;
 using kestrel::test::readGops;
@@ -27,97 +19,6 @@ using testing::HasSubstr;
 using testing::StartsWith;
 
 namespace {
-
-kestrel::UniqueFd boundSocket(int& port) {
-    kestrel::UniqueFd fd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    EXPECT_EQ(::bind(fd.get(), reinterpret_cast<sockaddr*>(&address), size), 0);
-    ::getsockname(fd.get(), reinterpret_cast<sockaddr*>(&address), &size);
-    port = ntohs(address.sin_port);
-    const int bytes = 8 << 20;
-    if (::setsockopt(fd.get(), SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof bytes) != 0)
-        ::setsockopt(fd.get(), SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
-    return fd;
-}
-
-// A decoder with an encoder behind it.
-class Equipment {
-public:
-    struct Behaviour {
-        std::string encode;               // ffmpeg's options; empty: returns every packet as it came
-        std::size_t mostBytes = SIZE_MAX; // returns no more
-    };
-
-    Equipment(int encoderPort, Behaviour behaviour)
-        : m_behaviour(std::move(behaviour)), m_stop(::eventfd(0, EFD_CLOEXEC)) {
-        m_socket = boundSocket(m_port);
-        if (m_behaviour.encode.empty()) {
-            m_out.emplace("127.0.0.1", encoderPort);
-        } else {
-            const std::string command =
-                "ffmpeg -v fatal -f mpegts -probesize 100000 -i pipe:0 " + m_behaviour.encode +
-                " -f mpegts 'udp://127.0.0.1:" + std::to_string(encoderPort) + "?pkt_size=1316'";
-            m_pipe = ::popen(command.c_str(), "we");
-            EXPECT_NE(m_pipe, nullptr);
-        }
-        m_thread = std::thread([this] { run(); });
-    }
-    ~Equipment() { stop(); }
-    Equipment(const Equipment&) = delete;
-    Equipment& operator=(const Equipment&) = delete;
-
-    int port() const { return m_port; }
-    std::size_t received() const { return m_received; }
-    // The last that is still inside comes out.
-    void stop() {
-        if (!m_thread.joinable())
-            return;
-        ::eventfd_write(m_stop.get(), 1);
-        m_thread.join();
-        if (m_pipe)
-            ::pclose(m_pipe);
-        m_pipe = nullptr;
-    }
-
-private:
-    void run() {
-        Bytes buffer(65536);
-        std::size_t returned = 0;
-        for (;;) {
-            pollfd waits[] = {{m_socket.get(), POLLIN, 0}, {m_stop.get(), POLLIN, 0}};
-            ::poll(waits, 2, -1);
-            if (!waits[0].revents && waits[1].revents)
-                return;
-            if (!waits[0].revents)
-                continue;
-            const ssize_t got = ::recv(m_socket.get(), buffer.data(), buffer.size(), MSG_DONTWAIT);
-            if (got <= 0)
-                continue;
-            m_received += static_cast<std::size_t>(got);
-            if (returned + static_cast<std::size_t>(got) > m_behaviour.mostBytes)
-                continue;
-            returned += static_cast<std::size_t>(got);
-            if (m_pipe) {
-                std::fwrite(buffer.data(), 1, static_cast<std::size_t>(got), m_pipe);
-                std::fflush(m_pipe);
-            } else {
-                m_out->sendRaw(Bytes(buffer.begin(), buffer.begin() + got));
-            }
-        }
-    }
-
-    Behaviour m_behaviour;
-    kestrel::UniqueFd m_stop;
-    kestrel::UniqueFd m_socket;
-    int m_port = 0;
-    std::optional<Sender> m_out;
-    FILE* m_pipe = nullptr;
-    std::atomic<std::size_t> m_received{0};
-    std::thread m_thread;
-};
 
 class Job : public Worker {
 public:
@@ -136,6 +37,10 @@ public:
         settings.decoder.port = m_equipment.emplace(encoderPort, std::move(behaviour)).port();
         return *m_equipment;
     }
+    // An encoder that sends all the time.
+    void running(const LabelledShape& shape, const RunningEncoder::Source& source) {
+        settings.decoder.port = m_running.emplace(encoderPort, shape, source).port();
+    }
     int run() {
         start();
         return wait(std::chrono::seconds(60));
@@ -145,6 +50,7 @@ public:
 
 private:
     std::optional<Equipment> m_equipment;
+    std::optional<RunningEncoder> m_running;
 };
 
 TEST(Reencode, RecordsAllFramesThatComeBack) {
@@ -157,6 +63,27 @@ TEST(Reencode, RecordsAllFramesThatComeBack) {
     EXPECT_EQ(continuityErrors(readPackets(job.output())), 0);
     EXPECT_THAT(job.log(), HasSubstr("The source has 75 frames"));
     EXPECT_THAT(job.log(), HasSubstr("Played 75 frames"));
+}
+
+// Of its first GOP only the end is there, which no decoder can show.
+TEST(Reencode, WantsNoFramesFromBeforeTheFirstRandomAccessPointOfItsSource) {
+    Job job("");
+    Packets packets = readPackets(streamFile("m2_sd_25"));
+    std::size_t pictureStarts = 0;
+    std::erase_if(packets, [&](const Packet& packet) {
+        pictureStarts += pid(packet) == 0x100 && (packet[1] & 0x40) ? 1 : 0;
+        return pid(packet) == 0x100 && pictureStarts <= 4;
+    });
+    const std::string source = job.path("source.ts");
+    std::ofstream out(source, std::ios::binary);
+    for (const Packet& packet : packets)
+        out.write(reinterpret_cast<const char*>(packet.data()), packet.size());
+    out.close();
+    std::snprintf(job.settings.cmd.sourceFile, sizeof job.settings.cmd.sourceFile, "%s", source.c_str());
+    job.equipment();
+    EXPECT_EQ(job.run(), 0) << job.log() << job.results();
+    EXPECT_THAT(job.log(), HasSubstr("The source has 71 frames"));
+    EXPECT_THAT(job.results(), testing::ContainsRegex("^Recorded .*[(]6[0-9] frames"));
 }
 
 TEST(Reencode, NeverRecordsOntoItsSource) {
@@ -190,6 +117,70 @@ TEST(Reencode, RecordsWhatARealEncoderMakesOfIt) {
     EXPECT_EQ(job.wait(std::chrono::seconds(60)), 0) << job.log();
     EXPECT_THAT(job.results(), StartsWith("Recorded 00:00:03:00 (75 frames, "));
     EXPECT_EQ(kestrel::test::Ffprobe(job.output()).stream("v:0", "codec_name"), "h264");
+}
+
+// The source has 25 frames a second, what comes back has 50.
+TEST(Reencode, IsMeasuredInTimeWhenTheEncoderHasAnotherFrameRate) {
+    Job job(streamFile("m2_sd_25"));
+    Equipment& equipment =
+        job.equipment({.encode = "-an -c:v mpeg2video -b:v 2000k -g 12 -bf 0 -s 1280x720 -r 50 -vsync cfr"});
+    job.start();
+    job.waitForLog("Played 75 frames");
+    equipment.stop();
+    EXPECT_EQ(job.wait(std::chrono::seconds(60)), 0) << job.log() << job.results();
+    EXPECT_THAT(job.results(), HasSubstr(", at frame rate code 6, the source has 3"));
+    EXPECT_THAT(job.log(),
+                HasSubstr("Encoder profile frc 6 does not match source file frc 3. Measured in time."));
+    EXPECT_NEAR(static_cast<double>(kestrel::test::Ffprobe(job.output()).packets("v:0").size()), 150, 1);
+}
+
+TEST(Reencode, RecordsTwoEncodersBesideEachOther) {
+    Job job(streamFile("m2_sd_25"));
+    const int second = job.addEncoder();
+    job.equipment({.otherEncoders = {second}});
+    EXPECT_EQ(job.run(), 0) << job.log();
+    EXPECT_THAT(job.results(), StartsWith("Encoder 1: Recorded 00:00:03:00 (75 frames, "));
+    EXPECT_THAT(job.results(), HasSubstr("; Encoder 2: Recorded 00:00:03:00 (75 frames, "));
+    EXPECT_EQ(kestrel::test::Ffprobe(job.output()).packets("v:0").size(), 75U);
+    EXPECT_EQ(readPackets(job.output()), readPackets(job.path("out/news_2.ts")));
+}
+
+// The other one has its frames none the less, and so the whole source is played.
+TEST(Reencode, OfTwoEncodersFailsWhenNothingComesBackFromOne) {
+    Job job(streamFile("m2_sd_25"));
+    job.addEncoder();
+    job.equipment();
+    EXPECT_EQ(job.run(), 1) << job.log();
+    EXPECT_THAT(job.results(), StartsWith("Encoder 2: Error: Do not see MPEG transport stream"));
+    EXPECT_THAT(job.results(), HasSubstr("; Encoder 1: Recorded 00:00:03:00 (75 frames, "));
+    EXPECT_EQ(kestrel::test::Ffprobe(job.output()).packets("v:0").size(), 75U);
+    EXPECT_THAT(job.log(), HasSubstr("Played 75 frames"));
+}
+
+TEST(Reencode, OfAnEncoderThatSendsAllTheTimeRecordsTheFramesWithTheSourcesTimecodes) {
+    Job job(streamFile("m2_sd_25"));
+    job.running({}, {.firstLabel = "10:00:00:00", .frames = 75});
+    EXPECT_EQ(job.run(), 0) << job.log();
+    EXPECT_THAT(job.results(), StartsWith("Recorded 00:00:03:00 (75 frames, "));
+    EXPECT_THAT(job.results(), HasSubstr(", by the source's timecodes from 10:00:00:00 to 10:00:02:24"));
+    const std::vector<std::string> labels = labelsOf(readPackets(job.output()), 3);
+    ASSERT_EQ(labels.size(), 75U);
+    EXPECT_EQ(labels.front(), "10:00:00:00");
+    EXPECT_EQ(labels.back(), "10:00:02:24");
+    EXPECT_THAT(job.log(), HasSubstr("Played 75 frames"));
+}
+
+// Pictures from before the source are not counted as the source's: all of it comes back while it is recorded.
+TEST(Reencode, OfAnEncoderThatSendsAllTheTimeWithoutTimecodesSaysThatItsEndsAreNotExact) {
+    Job job(streamFile("m2_sd_25"));
+    job.running({.gopHeaders = false}, {.frames = 75});
+    EXPECT_EQ(job.run(), 0) << job.log();
+    EXPECT_THAT(job.results(), HasSubstr(", the stream ran before the play-out and shows no timecode of the "
+                                         "source: up to 5 s of other pictures at either end"));
+    // Three seconds of the source, and five behind it.
+    EXPECT_GE(pictures(readPackets(job.output())), 8 * 25 - 5);
+    EXPECT_THAT(job.log(), HasSubstr("recording from when the play-out began"));
+    EXPECT_THAT(job.log(), HasSubstr("Played 75 frames"));
 }
 
 TEST(Reencode, SaysHowManyFramesAreMissing) {
@@ -257,7 +248,7 @@ TEST(Reencode, OfAMezzanineCountsFromTheFirstFramePlayedWhenTheEncoderHasNoTimec
     job.waitForLog("Played ");
     equipment.stop();
     EXPECT_EQ(job.wait(std::chrono::seconds(60)), 0) << job.log();
-    EXPECT_THAT(job.results(), HasSubstr(", marks counted from the first frame played"));
+    EXPECT_THAT(job.results(), HasSubstr(", counted from the first frame"));
     const auto frames = kestrel::test::Ffprobe(job.output()).packets("v:0").size();
     EXPECT_GE(frames, 25U);
     EXPECT_LT(frames, 25U + 12);
@@ -266,6 +257,34 @@ TEST(Reencode, OfAMezzanineCountsFromTheFirstFramePlayedWhenTheEncoderHasNoTimec
     const int number = first.seconds * 25 + first.frames;
     EXPECT_LE(number, 25) << first.text();
     EXPECT_GT(number, 25 - 12) << first.text();
+}
+
+TEST(Reencode, OfAMezzanineFindsTheMarksInAStreamThatWasThereBefore) {
+    Job job(streamFile("m2_sd_25"), CSettings::JOB_MEZZANINE);
+    job.marks("10:00:01:00", "10:00:01:24");
+    job.settings.decoder.startAppend = 1;
+    job.settings.decoder.endAppend = 1;
+    job.running({}, {.firstLabel = "10:00:00:00", .frames = 75});
+    EXPECT_EQ(job.run(), 0) << job.log();
+    const std::vector<std::string> labels = labelsOf(readPackets(job.output()), 3);
+    ASSERT_FALSE(labels.empty());
+    EXPECT_EQ(labels.front(), "10:00:01:00");
+    EXPECT_EQ(labels.back(), "10:00:01:24");
+}
+
+// The first picture that comes after the beginning is not the first that was played.
+TEST(Reencode, OfAMezzanineCountsFromTheBeginOfThePlayOutInAStreamThatWasThereBefore) {
+    Job job(streamFile("m2_sd_25"), CSettings::JOB_MEZZANINE);
+    job.marks("10:00:01:00", "10:00:01:24");
+    job.settings.vtr.vitcSupport = false;
+    job.settings.encoders[0].frameOffsetNoVitc = 10; // as long as the encoder takes
+    job.running({}, {.firstLabel = "10:00:00:00", .frames = 75});
+    EXPECT_EQ(job.run(), 0) << job.log();
+    EXPECT_THAT(job.results(), HasSubstr(", counted from when the play-out began"));
+    const std::vector<std::string> labels = labelsOf(readPackets(job.output()), 3);
+    ASSERT_FALSE(labels.empty());
+    // The encoder's timecode began with its next GOP of five frames, and a busy machine delays it too.
+    EXPECT_THAT(labels, testing::Contains("10:00:01:10"));
 }
 
 TEST(Reencode, RefusesMarksThatTheSourceDoesNotHave) {

@@ -90,6 +90,50 @@ std::uint64_t atSecond(int second) {
     return static_cast<std::uint64_t>(second) * 25 * 10 * 188;
 }
 
+TEST(LabelledFrames, GoFromTheFirstThatIsShownToTheLast) {
+    SourceIndex index = regular();
+    LabelledFrames found = labelledFrames(index);
+    EXPECT_EQ(found.first, "10:00:00:00");
+    EXPECT_EQ(found.last, "10:00:39:24");
+    EXPECT_EQ(found.count, 1000U);
+    EXPECT_EQ(found.hidden, 0U);
+    // It begins with two frames that need others.
+    index.points.front().skipped = 2;
+    found = labelledFrames(index);
+    EXPECT_EQ(found.first, "10:00:00:02");
+    EXPECT_EQ(found.last, "10:00:39:24");
+    EXPECT_EQ(found.count, 998U);
+    EXPECT_EQ(found.hidden, 2U);
+}
+
+TEST(LabelledFrames, EndWhereTheTimecodesDoNotGoOn) {
+    for (const std::optional<int> timecode : {std::optional<int>(11 << 19 | 1 << 12), std::optional<int>()}) {
+        SourceIndex index = regular();
+        index.points[20].timecode = timecode;
+        const LabelledFrames found = labelledFrames(index);
+        EXPECT_EQ(found.count, 500U);
+        EXPECT_EQ(found.last, "10:00:19:24");
+    }
+}
+
+TEST(LabelledFrames, AreNoneWithoutTimecodesOrVideo) {
+    EXPECT_EQ(labelledFrames(regular(false)).count, 0U);
+    EXPECT_EQ(labelledFrames({}).count, 0U);
+    // All the same: of an encoder that had none.
+    SourceIndex still = regular();
+    for (AccessPoint& point : still.points)
+        point.timecode = 1 << 12;
+    EXPECT_EQ(labelledFrames(still).count, 25U);
+}
+
+TEST(LabelledFrames, OfRealStreams) {
+    for (const char* name : {"m2_sd_25", "m2_sd_2997_drop", "m2_sd_25_fields"}) {
+        const SourceIndex index = indexOf(streamFile(name));
+        const LabelledFrames found = labelledFrames(index);
+        EXPECT_EQ(found.count + found.hidden, index.frames) << name;
+    }
+}
+
 struct Found {
     MarkedPart part;
     MaybeFailure failed;

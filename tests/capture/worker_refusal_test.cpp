@@ -86,8 +86,10 @@ TEST(CaptureRefusal, APortThatSomebodyElseHas) {
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     ASSERT_EQ(::bind(taken.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
     expectRefused(worker);
-    EXPECT_EQ(worker.results(), "Error: Start Capture failed. (UDP port " + std::to_string(port) +
-                                    " of 127.0.0.1: Address already in use (errno 98))");
+    EXPECT_EQ(worker.results(),
+              "Error: Start Capture failed. (UDP port " + std::to_string(port) +
+                  " of 127.0.0.1: Address already in use (errno 98); end the recording or "
+                  "program that receives there, or let the encoder send to a multicast group)");
 }
 
 TEST(CaptureRefusal, ASecondEncoderThatCannotBeReceivedStopsTheFirst) {

@@ -3,7 +3,6 @@
 #include "Ipv4.h"
 #include "foundation/ErrorCodes.h"
 #include "foundation/Logger.h"
-#include "mpeg/packet_view.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -59,14 +58,13 @@ std::string PlayOut::destination() const {
 }
 
 MaybeFailure PlayOut::start() {
-    if (auto failed = m_file.open(m_plan.file))
-        return failed;
-    m_file.part(m_plan.begin, m_plan.end);
     if (auto failed = openSocket())
         return failed;
     m_timer.reset(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
     if (!m_timer.valid())
         return detailed(failure(error::startReencodeFailed, errno), errnoText(errno));
+    if (auto failed = m_ahead.start(m_plan.file, m_plan.begin, m_plan.end))
+        return failed;
     std::random_device random;
     m_sequence = static_cast<std::uint16_t>(random());
     m_rtpSource = random();
@@ -106,7 +104,16 @@ MaybeFailure PlayOut::openSocket() {
     return std::nullopt;
 }
 
+void PlayOut::go(Clock::time_point at) {
+    {
+        const MutexLock lock(m_mutex);
+        m_begin = at;
+    }
+    m_go.signal();
+}
+
 void PlayOut::cancel() noexcept {
+    m_ahead.cancel();
     m_stop.signal();
 }
 
@@ -129,6 +136,7 @@ void PlayOut::run() noexcept {
     } catch (const std::exception& problem) {
         failed = Failure{error::startReencodeFailed, std::string("Error: ") + problem.what()};
     }
+    m_ahead.cancel();
     publish(Clock::now());
     LogUtil::Info(module, "Played %" PRIu64 " frames, %" PRIu64 " bytes, %" PRIu64 " interruptions%s%s",
                   m_frames.frames(), m_bytes, m_interruptions, failed ? ": " : "",
@@ -142,24 +150,24 @@ void PlayOut::run() noexcept {
 }
 
 MaybeFailure PlayOut::play() {
-    while (!m_fileEnded && ready() < readyPackets)
-        if (auto failed = prepare())
-            return failed;
+    while (!m_ahead.holds(readyPackets))
+        if (waitForPackets())
+            return std::nullopt;
+    if (!fill())
+        return m_ahead.failed();
     if (waitToBegin())
         return std::nullopt;
     Clock::time_point begin = Clock::now();
     {
         const MutexLock lock(m_mutex);
+        begin = std::max(begin, m_begin);
         m_status.begun = true;
         m_status.beganAt = begin;
     }
     m_changed.signal();
-    for (std::size_t packets = std::min(ready(), datagramPackets); packets > 0;
-         packets = std::min(ready(), datagramPackets)) {
-        const Ticks time = m_window.note(m_sent).time;
+    do {
+        const Ticks time = m_times.front();
         const Clock::time_point due = begin + timeOf(time);
-        if (auto failed = prepareUntil(due))
-            return failed;
         if (waitUntil(due))
             return std::nullopt;
         const Clock::time_point now = Clock::now();
@@ -168,15 +176,51 @@ MaybeFailure PlayOut::play() {
             ++m_interruptions;
             begin += now - due;
         }
-        if (auto failed = send(packets, time))
+        if (auto failed = send(time))
             return failed;
         if (now - m_published >= milliseconds(100))
             publish(now);
-        while (ready() < datagramPackets && !m_fileEnded)
-            if (auto failed = prepare())
-                return failed;
+    } while (fill());
+    return m_ahead.failed();
+}
+
+// Puts the next datagram together, waiting for the disk where it is not ahead any more. False at the end of
+// the file, or when it is to end.
+bool PlayOut::fill() {
+    m_packets = 0;
+    while (m_packets < datagramPackets) {
+        if (m_taken < m_block.count()) {
+            consume(std::min(datagramPackets - m_packets, m_block.count() - m_taken));
+            continue;
+        }
+        m_ahead.clearArrival();
+        const PlayAhead::Next next = m_ahead.take(m_block);
+        m_taken = 0;
+        if (next == PlayAhead::Next::end || (next == PlayAhead::Next::none && waitForPackets()))
+            break;
     }
-    return std::nullopt;
+    return m_packets > 0;
+}
+
+void PlayOut::consume(std::size_t packets) {
+    const std::size_t head = m_plan.rtp ? rtpHead : 0;
+    const auto bytes = m_block.packets(m_taken, m_taken + packets);
+    std::copy(bytes.begin(), bytes.end(),
+              m_datagram.begin() + static_cast<std::ptrdiff_t>(head + m_packets * packetSize));
+    std::copy_n(m_block.times.begin() + static_cast<std::ptrdiff_t>(m_taken), packets,
+                m_times.begin() + static_cast<std::ptrdiff_t>(m_packets));
+    m_taken += packets;
+    m_packets += packets;
+}
+
+// True when it is to end.
+bool PlayOut::waitForPackets() {
+    pollfd waits[] = {{m_stop.fd(), POLLIN, 0}, {m_ahead.arrival(), POLLIN, 0}};
+    while (::poll(waits, std::size(waits), -1) < 0) {
+    }
+    if (waits[0].revents == 0)
+        m_ahead.clearArrival();
+    return waits[0].revents != 0;
 }
 
 // True when it is to end.
@@ -192,72 +236,6 @@ bool PlayOut::waitToBegin() {
     while (::poll(waits, std::size(waits), -1) < 0) {
     }
     return waits[0].revents != 0;
-}
-
-// Makes further packets ready as long as there is time for it.
-MaybeFailure PlayOut::prepareUntil(Clock::time_point due) {
-    constexpr milliseconds margin{1};
-    while (!m_fileEnded && ready() < readyPackets && Clock::now() + margin < due)
-        if (auto failed = prepare())
-            return failed;
-    return std::nullopt;
-}
-
-// Accepts some more packets, and reads on when there are none.
-MaybeFailure PlayOut::prepare() {
-    for (std::size_t count = 0; count < preparedAtOnce;) {
-        if (m_shape != SourceShape::transport) {
-            if (auto failed = readMore())
-                return failed;
-            continue;
-        }
-        const std::size_t at = m_window.unread();
-        const SyncStep step = nextPacket(m_window.bytes(), at, m_inSync, m_fileEnded);
-        if (step.what == SyncStep::What::packet) {
-            m_inSync = true;
-            takePacket();
-            ++count;
-        } else if (step.what == SyncStep::What::gap) {
-            m_inSync = false;
-            m_window.skip(step.next - at);
-        } else if (m_fileEnded) {
-            break;
-        } else if (auto failed = readMore()) {
-            return failed;
-        }
-    }
-    const bool silent = m_window.count() - m_timeline.timed() > mostHeld;
-    if (m_fileEnded || silent)
-        m_timeline.settle(m_window);
-    if ((m_fileEnded || silent) && !m_timeline.known())
-        return detailed(failure(error::bitrateNotCalculated), m_plan.file + " has no PCRs to play it by");
-    return std::nullopt;
-}
-
-MaybeFailure PlayOut::readMore() {
-    m_window.release(m_sent);
-    m_timeline.released(m_sent);
-    m_sent = 0;
-    std::size_t got = 0;
-    if (auto failed = m_file.read(m_window.room(), got))
-        return failed;
-    m_window.added(got);
-    m_fileEnded = got == 0;
-    if (m_shape != SourceShape::transport) {
-        m_shape = shapeOf(m_window.bytes(), m_fileEnded);
-        if (m_shape != SourceShape::transport && m_shape != SourceShape::unknown)
-            return m_file.shapeFailure(m_shape);
-        m_inSync = !m_window.bytes().empty() && m_window.bytes().front() == ts::sync_byte;
-    }
-    return std::nullopt;
-}
-
-void PlayOut::takePacket() {
-    const std::size_t index = m_window.accept();
-    const unsigned char* packet = m_window.packet(index);
-    if (m_tables.carries(ts::pid(packet)) && !(packet[1] & 0x80) && m_tables.take(packet, 0))
-        m_timeline.follow(m_tables);
-    m_timeline.take(m_window, index, m_tables);
 }
 
 // True when it is to end. Sleeps to a fixed time, so that delays do not add up.
@@ -283,7 +261,7 @@ bool PlayOut::waitUntil(Clock::time_point due) {
     }
 }
 
-MaybeFailure PlayOut::send(std::size_t packets, Ticks time) {
+MaybeFailure PlayOut::send(Ticks time) {
     const std::size_t head = m_plan.rtp ? rtpHead : 0;
     if (m_plan.rtp) {
         m_datagram[0] = 0x80;
@@ -294,17 +272,15 @@ MaybeFailure PlayOut::send(std::size_t packets, Ticks time) {
         put32(&m_datagram[8], m_rtpSource);
         ++m_sequence;
     }
-    const auto bytes = m_window.packets(m_sent, m_sent + packets);
-    std::copy(bytes.begin(), bytes.end(), m_datagram.begin() + static_cast<std::ptrdiff_t>(head));
+    const std::size_t bytes = m_packets * packetSize;
     ssize_t result = 0;
     do
-        result = ::send(m_socket.get(), m_datagram.data(), head + bytes.size(), 0);
+        result = ::send(m_socket.get(), m_datagram.data(), head + bytes, 0);
     while (result < 0 && errno == EINTR);
     const int error = result < 0 ? errno : 0;
-    for (std::size_t i = 0; i < packets; ++i)
-        m_frames.take(m_window.packet(m_sent + i));
-    m_sent += packets;
-    m_bytes += bytes.size();
+    for (std::size_t i = 0; i < m_packets; ++i)
+        m_frames.take(m_datagram.data() + head + i * packetSize);
+    m_bytes += bytes;
     return error != 0 ? refused(error) : std::nullopt;
 }
 

@@ -3,15 +3,12 @@
 
 #include "Failure.h"
 #include "FrameCount.h"
-#include "PacketWindow.h"
-#include "PcrTimeline.h"
-#include "SourceFile.h"
+#include "PlayAhead.h"
 #include "WakeEvent.h"
 #include "foundation/Mutex.h"
 #include "foundation/UniqueFd.h"
 
 #include <array>
-#include <atomic>
 #include <cstdint>
 #include <limits>
 #include <optional>
@@ -32,9 +29,9 @@ struct PlayOutPlan {
 };
 
 struct PlayOutStatus {
-    bool ready = false; // the first packets are read, and what they are due by
-    bool begun = false; // the first datagram is on its way
-    Clock::time_point beganAt{};
+    bool ready = false;          // the first packets are read, and what they are due by
+    bool begun = false;          // the first datagram is on its way
+    Clock::time_point beganAt{}; // when it was due
     bool over = false;
     MaybeFailure failed; // when over
     std::uint64_t frames = 0;
@@ -54,8 +51,8 @@ public:
 
     // Opens the file and the socket and begins.
     [[nodiscard]] MaybeFailure start();
-    // Lets a play-out begin that was held.
-    void go() noexcept { m_go.signal(); }
+    // Lets a play-out begin that was held, at that time.
+    void go(Clock::time_point at = Clock::now()) EXCLUDES(m_mutex);
     // Ends it at the next datagram.
     void cancel() noexcept;
     // Waits for the end.
@@ -66,32 +63,27 @@ public:
     [[nodiscard]] std::string destination() const;
 
 private:
-    using Ticks = PacketWindow::Ticks;
+    using Ticks = PlayAhead::Ticks;
     static constexpr std::size_t datagramPackets = 7;
     static constexpr std::size_t rtpHead = 12;
     static constexpr milliseconds lateLimit{100};
     // How long the decoder may refuse datagrams, and the pause after which a refusal is a new one.
     static constexpr milliseconds refusedLimit{2000};
     static constexpr milliseconds refusalPause{500};
-    // Packets that are kept ready, and prepared at a time.
+    // Packets that are read before it begins.
     static constexpr std::size_t readyPackets = 4096;
-    static constexpr std::size_t preparedAtOnce = 32;
-    // As many packets are searched for the next PCR.
-    static constexpr std::size_t mostHeld = 49'152;
 
     [[nodiscard]] MaybeFailure openSocket();
     void run() noexcept;
     [[nodiscard]] MaybeFailure play();
-    [[nodiscard]] MaybeFailure prepare();
-    [[nodiscard]] MaybeFailure readMore();
-    void takePacket();
-    [[nodiscard]] MaybeFailure prepareUntil(Clock::time_point due);
+    [[nodiscard]] bool fill();
+    void consume(std::size_t packets);
     [[nodiscard]] bool waitToBegin();
     [[nodiscard]] bool waitUntil(Clock::time_point due);
-    [[nodiscard]] MaybeFailure send(std::size_t packets, Ticks time);
+    [[nodiscard]] bool waitForPackets();
+    [[nodiscard]] MaybeFailure send(Ticks time);
     [[nodiscard]] MaybeFailure refused(int error);
     void publish(Clock::time_point now) EXCLUDES(m_mutex);
-    [[nodiscard]] std::size_t ready() const noexcept { return m_timeline.timed() - m_sent; }
 
     const PlayOutPlan m_plan;
     WakeEvent& m_changed;
@@ -101,20 +93,17 @@ private:
     UniqueFd m_timer;
     std::thread m_thread;
 
-    SourceFile m_file;
-    bool m_fileEnded = false;
-    bool m_inSync = true;
-    SourceShape m_shape = SourceShape::unknown;
-    PacketWindow m_window;
-    ProgramTables m_tables;
-    PcrTimeline m_timeline;
+    PlayAhead m_ahead;
+    PlayAhead::Block m_block;
+    std::size_t m_taken = 0; // packets of it
     FrameCount m_frames;
-    std::size_t m_sent = 0; // packets of the window
     std::uint64_t m_bytes = 0;
     std::uint64_t m_interruptions = 0;
     Clock::time_point m_published{};
 
     std::array<unsigned char, rtpHead + datagramPackets * packetSize> m_datagram{};
+    std::array<Ticks, datagramPackets> m_times{};
+    std::size_t m_packets = 0; // in the datagram
     std::uint16_t m_sequence = 0;
     std::uint32_t m_rtpSource = 0;
     std::uint32_t m_rtpBegin = 0;
@@ -123,6 +112,7 @@ private:
 
     mutable Mutex m_mutex;
     PlayOutStatus m_status GUARDED_BY(m_mutex);
+    Clock::time_point m_begin GUARDED_BY(m_mutex){}; // what go() said
 };
 
 } // namespace kestrel::capture

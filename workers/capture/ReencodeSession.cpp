@@ -1,6 +1,7 @@
 #include "ReencodeSession.h"
 
 #include "Ipv4.h"
+#include "ResultsText.h"
 #include "foundation/ErrorCodes.h"
 #include "foundation/Logger.h"
 
@@ -13,8 +14,12 @@ namespace {
 
 constexpr const char* module = "Capture";
 
-// From arming the recordings to the first datagram.
-constexpr milliseconds armTime{100};
+// How long the encoders are listened to before the source is played.
+constexpr milliseconds listenTime{100};
+// From saying when that will be to the first datagram; of encoders that send already a random access point is
+// to lie within.
+constexpr milliseconds leadTime{100};
+constexpr milliseconds runningLeadTime{2000};
 
 // How much is played around the marks, in seconds.
 void logAppends(const CSettings::DecoderOptions& decoder) {
@@ -91,6 +96,11 @@ MaybeFailure ReencodeSession::planPlayOut(PlayOutPlan& plan) const {
 MaybeFailure ReencodeSession::planRecording(RecordingPlan& plan, PlayOutPlan& play) {
     const CSettings& settings = m_context.settings;
     plan.armed = false;
+    plan.played = true;
+    plan.marksCountPairs = false;
+    plan.sourceRateCode = m_index.frameRateCode;
+    // An encoder that is not given the source's timecode puts one of its own into the stream.
+    plan.useStreamLabels = settings.vtr.vitcSupport;
     plan.source = settings.cmd.sourceFile;
     LogUtil::Info(module, "The source has %" PRIu64 " frames, %zu random access points, frame rate code %d",
                   m_index.frames, m_index.points.size(), m_index.frameRateCode);
@@ -99,15 +109,12 @@ MaybeFailure ReencodeSession::planRecording(RecordingPlan& plan, PlayOutPlan& pl
                         std::string(settings.cmd.sourceFile) + " has no video");
     if (!mezzanine()) {
         plan.mode = CaptureMode::timed;
-        plan.wantedFrames = m_index.frames;
+        planWhole(plan);
         return std::nullopt;
     }
     plan.mode = CaptureMode::marks;
     plan.markIn = settings.cmd.markInTime;
     plan.markOut = settings.cmd.markOutTime;
-    plan.marksCountPairs = false;
-    // An encoder that is not given the source's timecode puts one of its own into the stream.
-    plan.useStreamLabels = settings.vtr.vitcSupport;
     if (auto failed = findPart(m_index, plan.markIn, plan.markOut, settings.decoder.startAppend,
                                settings.decoder.endAppend, m_part))
         return failed;
@@ -117,6 +124,20 @@ MaybeFailure ReencodeSession::planRecording(RecordingPlan& plan, PlayOutPlan& pl
                   m_part.begin, m_part.end,
                   m_part.counted ? ", counted from the first frame of the source: it has no timecodes" : "");
     return std::nullopt;
+}
+
+// All frames that can be shown when the whole source is played.
+void ReencodeSession::planWhole(RecordingPlan& plan) const {
+    plan.wantedFrames = m_index.frames - (m_index.points.empty() ? 0 : m_index.points.front().frame);
+    const LabelledFrames labelled = labelledFrames(m_index);
+    if (labelled.count == 0 || !plan.useStreamLabels)
+        return;
+    plan.markIn = labelled.first;
+    plan.markOut = labelled.last;
+    plan.labelledFrames = labelled.count;
+    plan.hiddenFrames = labelled.hidden;
+    LogUtil::Info(module, "The source has timecodes from %s to %s", labelled.first.c_str(),
+                  labelled.last.c_str());
 }
 
 // The source is known: the encoders are taken in, and it is played.
@@ -162,34 +183,44 @@ void ReencodeSession::followPlayOut() {
         for (std::size_t i = 0; i < m_encoders.size(); ++i)
             m_encoders.channel(i).sourceEnded();
     }
-    // Nobody records any more what is played.
-    if (m_encoders.over())
+    // Nobody records any more what is played. One that has all its frames lets the source come to its end.
+    if (m_encoders.over() && !anyRecorded())
         m_play->cancel();
+}
+
+bool ReencodeSession::anyRecorded() const {
+    for (std::size_t i = 0; i < m_encoders.size(); ++i)
+        if (m_encoders.status(i).succeeded)
+            return true;
+    return false;
 }
 
 // The recordings are armed by threads of their own; only then may the first picture be on its way.
 void ReencodeSession::arm() {
     m_armed = true;
     m_encoders.arm();
-    const Clock::time_point now = Clock::now();
-    for (std::size_t i = 0; mezzanine() && i < m_encoders.size(); ++i)
-        m_encoders.channel(i).refer(
-            {m_part.firstLabel, now, true, m_encoders.reception(i).frameOffsetNoVitc});
-    m_goAt = now + armTime;
+    m_goAt = Clock::now() + listenTime;
 }
 
 void ReencodeSession::tick(Clock::time_point now) {
     if (now < m_goAt)
         return;
     m_goAt = Clock::time_point::max();
-    m_play->go();
+    bool running = false;
+    for (std::size_t i = 0; i < m_encoders.size(); ++i)
+        running = running || m_encoders.status(i).running;
+    const Clock::time_point begin = now + (running ? runningLeadTime : leadTime);
+    for (std::size_t i = 0; i < m_encoders.size(); ++i)
+        m_encoders.channel(i).sourceBegins(
+            {m_part.firstLabel, begin, true, m_encoders.reception(i).frameOffsetNoVitc});
+    m_play->go(begin);
 }
 
 void ReencodeSession::giveUp(const Failure& why) {
     if (m_failure)
         return;
     m_failure = why;
-    m_encoders.cancel();
+    m_encoders.stop();
 }
 
 bool ReencodeSession::over() const {
@@ -219,20 +250,20 @@ Outcome ReencodeSession::end() {
         m_play->cancel();
         m_play->join();
     }
-    m_encoders.cancel();
+    m_encoders.stop();
     m_encoders.join();
-    const bool recorded = m_encoders.size() > 0 && m_encoders.status(0).bytes > 0;
-    if (m_failure)
-        return {false, m_failure->text + (recorded ? " " + m_encoders.outcome().text : "")};
-    if (!m_begun)
+    if (!m_failure && !m_begun)
         return {true, "Cancelled before the recording began: nothing recorded"};
-    Outcome outcome = m_encoders.outcome();
-    if (mezzanine() && !m_context.settings.vtr.vitcSupport)
-        outcome.text += ", marks counted from the first frame played";
-    if (m_play && m_play->status().interruptions > 0)
-        outcome.text +=
-            format(", the play-out was interrupted %" PRIu64 " times", m_play->status().interruptions);
-    return outcome;
+    const bool recorded = m_encoders.size() > 0 && m_encoders.status(0).bytes > 0;
+    std::vector<ResultsPart> parts;
+    if (m_failure)
+        parts.push_back({m_failure->text + (recorded ? " " : ""), true});
+    if (!m_failure || recorded)
+        for (ResultsPart& part : m_encoders.results())
+            parts.push_back(std::move(part));
+    if (const std::uint64_t times = m_play ? m_play->status().interruptions : 0; times > 0)
+        parts.push_back({format(", the play-out was interrupted %" PRIu64 " times", times)});
+    return {!m_failure && m_encoders.outcome().succeeded, resultsText(parts)};
 }
 
 } // namespace kestrel::capture

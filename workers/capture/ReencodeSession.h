@@ -32,7 +32,9 @@ private:
     [[nodiscard]] MaybeFailure begin();
     [[nodiscard]] MaybeFailure planPlayOut(PlayOutPlan& plan) const;
     [[nodiscard]] MaybeFailure planRecording(RecordingPlan& plan, PlayOutPlan& play);
+    void planWhole(RecordingPlan& plan) const;
     void followPlayOut();
+    [[nodiscard]] bool anyRecorded() const;
     void arm();
     void giveUp(const Failure& why);
     [[nodiscard]] bool mezzanine() const noexcept;
@@ -51,7 +53,7 @@ private:
     std::optional<PlayOut> m_play;
     bool m_begun = false; // the encoders are taken in and the play-out has been started
     bool m_armed = false;
-    Clock::time_point m_goAt = Clock::time_point::max(); // when what is armed is surely so
+    Clock::time_point m_goAt = Clock::time_point::max(); // when the play-out is to be told its time
     bool m_told = false;                                 // the recordings know that the play-out is over
     MaybeFailure m_failure;
 };

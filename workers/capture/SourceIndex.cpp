@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <limits>
 
 namespace kestrel::capture {
@@ -113,6 +114,34 @@ MaybeFailure indexSource(const std::string& path, const std::atomic<bool>& cance
     }
     indexer.finish();
     return std::nullopt;
+}
+
+LabelledFrames labelledFrames(const SourceIndex& index) {
+    LabelledFrames found;
+    if (index.points.empty() || index.frameRateCode == 0)
+        return found;
+    const AccessPoint& first = index.points.front();
+    found.hidden = static_cast<std::uint64_t>(first.skipped);
+    const Labels labels(index);
+    std::uint64_t end = index.frames;
+    // The label of H.264 is that of the access point itself, before which others of its GOP may be shown.
+    constexpr std::int64_t reordered = 4;
+    for (const AccessPoint& point : index.points) {
+        const auto expected = static_cast<std::int64_t>(point.frame - first.frame);
+        if (!point.timecode || std::llabs(labels.position(labels.of(point)) - expected) > reordered) {
+            end = point.frame;
+            break;
+        }
+    }
+    // Labels that come again after a day tell nothing.
+    const auto day = static_cast<std::uint64_t>(labels.rule().perDay());
+    if (labels.counted() || end <= first.frame + found.hidden || end - first.frame >= day / 2)
+        return found;
+    found.count = end - first.frame - found.hidden;
+    const std::int64_t number = labels.of(first) + first.skipped;
+    found.first = labels.rule().text(number);
+    found.last = labels.rule().text(number + static_cast<std::int64_t>(found.count) - 1);
+    return found;
 }
 
 MaybeFailure findPart(const SourceIndex& index, const std::string& markIn, const std::string& markOut,

@@ -30,6 +30,15 @@ struct SourceIndex {
 [[nodiscard]] MaybeFailure indexSource(const std::string& path, const std::atomic<bool>& cancel,
                                        SourceIndex& index);
 
+// The frames of a file from its first random access point on, and how far their labels count on.
+struct LabelledFrames {
+    std::string first; // of the first frame that is shown
+    std::string last;
+    std::uint64_t count = 0;  // from the first to the last; 0 when the file has no timecodes
+    std::uint64_t hidden = 0; // frames that cannot be shown when playing begins with that access point
+};
+[[nodiscard]] LabelledFrames labelledFrames(const SourceIndex& index);
+
 // The part of a file around two marks.
 struct MarkedPart {
     std::uint64_t begin = 0; // bytes

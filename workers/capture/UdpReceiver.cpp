@@ -108,10 +108,15 @@ MaybeFailure UdpReceiver::bindSocket() {
     // Bound to the group, a socket does not get the other groups of that port. An address that is not one of
     // this host is the encoder's view of a path we cannot see: any local address will do then.
     if (!bindTo(fd, m_source.address, m_source.port) &&
-        !(errno == EADDRNOTAVAIL && bindTo(fd, INADDR_ANY, m_source.port)))
+        !(errno == EADDRNOTAVAIL && bindTo(fd, INADDR_ANY, m_source.port))) {
+        const char* const whatToDo =
+            errno == EADDRINUSE ? "; end the recording or program that receives there, or let the encoder "
+                                  "send to a multicast group"
+                                : "";
         return detailed(failure(error::startCaptureFailed),
-                        format("UDP port %d of %s: %s", m_source.port, addressText(m_source.address).c_str(),
-                               errnoText(errno).c_str()));
+                        format("UDP port %d of %s: %s%s", m_source.port,
+                               addressText(m_source.address).c_str(), errnoText(errno).c_str(), whatToDo));
+    }
     if (m_source.sender != 0) {
         // Connected to port 0 of the encoder, the socket gets what the encoder sends from any port and
         // nothing else, so that several recorders share the default port. Where this is refused the sender is

@@ -1,0 +1,83 @@
+// A decoder with encoders behind it, on loopback: they return what is played, as it is or encoded anew.
+#pragma once
+
+#include "capture/labelled_stream.h"
+#include "foundation/UniqueFd.h"
+
+#include <atomic>
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace capture_test {
+
+// A UDP socket that is bound to a port of that address; 0 takes a free one, which is put there.
+kestrel::UniqueFd boundSocket(const std::string& address, int& port);
+
+// Returns what it is sent.
+class Equipment {
+public:
+    struct Behaviour {
+        std::string encode = {};             // ffmpeg's options; empty: returns every packet as it came
+        std::size_t mostBytes = SIZE_MAX;    // returns no more
+        std::string address = "127.0.0.1";   // where the stream for the decoder is taken
+        int port = 0;                        // likewise; 0: a free one
+        std::vector<int> otherEncoders = {}; // their ports; these return it as it came
+    };
+
+    Equipment(int encoderPort, Behaviour behaviour);
+    ~Equipment() { stop(); }
+    Equipment(const Equipment&) = delete;
+    Equipment& operator=(const Equipment&) = delete;
+
+    int port() const { return m_port; }
+    std::size_t received() const { return m_received; }
+    // The last that is still inside comes out.
+    void stop();
+
+private:
+    void run();
+
+    Behaviour m_behaviour;
+    kestrel::UniqueFd m_stop;
+    kestrel::UniqueFd m_socket;
+    kestrel::UniqueFd m_out;
+    int m_port = 0;
+    std::vector<int> m_ports; // that it is returned to as it came
+    FILE* m_pipe = nullptr;
+    std::atomic<std::size_t> m_received{0};
+    std::thread m_thread;
+};
+
+// An encoder that sends 25 frames a second whether or not its decoder plays anything. Some frames after the
+// first datagram of the source its timecodes become the source's, for as many frames as the source has.
+class RunningEncoder {
+public:
+    struct Source {
+        std::string firstLabel = {}; // empty: the timecodes go on
+        int frames = 0;
+        int delay = 10; // frames from the decoder's input to the encoder's output
+    };
+    RunningEncoder(int encoderPort, LabelledShape shape, Source source);
+    ~RunningEncoder();
+    RunningEncoder(const RunningEncoder&) = delete;
+    RunningEncoder& operator=(const RunningEncoder&) = delete;
+
+    int port() const { return m_port; }
+
+private:
+    void run();
+    void send(const Packets& packets);
+
+    LabelledStream m_stream;
+    Source m_source;
+    kestrel::UniqueFd m_stop;
+    kestrel::UniqueFd m_socket;
+    kestrel::UniqueFd m_out;
+    int m_port = 0;
+    std::thread m_thread;
+};
+
+} // namespace capture_test

@@ -1,0 +1,447 @@
+// Recordings of what comes back of a source that is played, fed with prepared streams and a clock of the
+// test's own: from encoders that wait for the source, and from some that send all the time.
+#include "capture/labelled_stream.h"
+#include "capture/recording_fixture.h"
+#include "foundation/ErrorCodes.h"
+
+#include <algorithm>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using namespace kestrel::capture;
+using namespace capture_test;
+using namespace std::chrono_literals;
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+
+namespace {
+
+constexpr int sourceFrames = 100;
+
+class PlayedRecording : public RecordingFixture {
+protected:
+    Clock::duration m_frameTime = 40ms;
+
+    // Of a source that has 100 frames from that label on; without one it has no timecodes.
+    RecordingPlan plan(const std::string& first = "", const std::string& last = "") {
+        RecordingPlan result = RecordingFixture::plan(CaptureMode::timed);
+        result.wantedFrames = sourceFrames;
+        result.armed = false;
+        result.played = true;
+        result.marksCountPairs = false;
+        result.sourceRateCode = 3;
+        result.markIn = first;
+        result.markOut = last;
+        result.labelledFrames = first.empty() ? 0 : sourceFrames;
+        return result;
+    }
+    RecordingPlan labelledPlan() { return plan("10:00:00:00", "10:00:03:24"); }
+
+    void feed(Recording& r, const std::vector<CodedFrame>& frames) {
+        for (const CodedFrame& frame : frames) {
+            r.take(frame.packets, m_now);
+            m_now += m_frameTime;
+            if (m_now >= r.deadline())
+                r.tick(m_now);
+        }
+    }
+    void feed(Recording& r, LabelledStream& stream, int count) { feed(r, stream.frames(count)); }
+    // Nothing comes.
+    void pass(Recording& r, Clock::duration time) {
+        for (const auto end = m_now + time; m_now < end; m_now += 100ms)
+            if (m_now >= r.deadline())
+                r.tick(m_now);
+    }
+    // The stream is there before, and the source begins two seconds later.
+    void beginRunning(Recording& r, LabelledStream& stream, const std::string& label = "") {
+        feed(r, stream, 20);
+        r.arm(m_now);
+        feed(r, stream, 5);
+        EXPECT_TRUE(r.status().running);
+        m_begin = m_now + 2s;
+        r.sourceBegins({label, m_begin, true, 0});
+        feed(r, stream, 50);
+        EXPECT_EQ(r.state(), RecordingState::waiting);
+    }
+    // Nothing comes before the source begins.
+    void beginSilent(Recording& r, const std::string& label = "") {
+        r.arm(m_now);
+        EXPECT_FALSE(r.status().running);
+        m_begin = m_now + 100ms;
+        r.sourceBegins({label, m_begin, true, 0});
+        m_now = m_begin + 10ms;
+    }
+    std::size_t fileFrames() { return static_cast<std::size_t>(pictures(readPackets(m_file))); }
+
+    Clock::time_point m_begin;
+};
+
+std::vector<std::string> labelsFrom(const std::string& first, int count, int rateCode = 3) {
+    LabelledShape shape;
+    shape.timecode = first;
+    shape.rateCode = rateCode;
+    std::vector<std::string> labels;
+    for (const CodedFrame& frame : LabelledStream(shape).frames(count))
+        labels.push_back(frame.label);
+    return labels;
+}
+
+struct Encoder {
+    const char* name;
+    LabelledShape shape;
+    std::size_t before = 0; // frames that are recorded because the first need them
+    std::size_t behind = 0; // likewise the last
+};
+
+void PrintTo(const Encoder& encoder, std::ostream* out) {
+    *out << encoder.name;
+}
+
+LabelledShape idle(LabelledShape shape = {}) {
+    shape.timecode = "00:00:00:00";
+    shape.gop = 10;
+    return shape;
+}
+
+class RunningEncoder : public PlayedRecording, public testing::WithParamInterface<Encoder> {};
+
+// What comes before the first frame played and behind the last is other pictures.
+TEST_P(RunningEncoder, IsRecordedFromTheFirstFramePlayedToTheLastByTheirTimecodes) {
+    const Encoder& encoder = GetParam();
+    Recording r = recording(labelledPlan());
+    LabelledStream stream(idle(encoder.shape));
+    beginRunning(r, stream);
+    feed(r, stream, 25); // the way through decoder and encoder
+    stream.jumpTo("10:00:00:00");
+    feed(r, stream, 75);
+    EXPECT_EQ(r.state(), RecordingState::recording);
+    r.sourceEnded(m_now);
+    feed(r, stream, 25);
+    stream.jumpTo("05:00:00:00");
+    feed(r, stream, 200);
+    ASSERT_EQ(r.state(), RecordingState::ended);
+    EXPECT_TRUE(r.status().succeeded);
+    EXPECT_THAT(r.status().text, HasSubstr("by the source's timecodes from 10:00:00:00 to 10:00:03:24"));
+    EXPECT_THAT(r.status().text, Not(HasSubstr("missing")));
+    const std::size_t all = sourceFrames + encoder.before + encoder.behind;
+    EXPECT_THAT(r.status().text, HasSubstr("(" + std::to_string(all) + " frames, "));
+    if (encoder.shape.avc)
+        return;
+    std::vector<std::string> labels = labelsOf(readPackets(m_file), 3);
+    ASSERT_EQ(labels.size(), all);
+    labels.erase(labels.begin(), labels.begin() + static_cast<std::ptrdiff_t>(encoder.before));
+    labels.resize(sourceFrames);
+    EXPECT_EQ(labels, labelsFrom("10:00:00:00", sourceFrames));
+}
+
+INSTANTIATE_TEST_SUITE_P(Encoders, RunningEncoder,
+                         testing::Values(Encoder{"WithoutBFrames", {}},
+                                         Encoder{"WithBFrames", {.bFrames = 2}},
+                                         Encoder{"Fields", {.fields = true}}, Encoder{"H264", {.avc = true}},
+                                         // Its first frames need the GOP before.
+                                         Encoder{"OpenGops", {.bFrames = 2, .open = true}, 10}),
+                         [](const auto& encoder) { return std::string(encoder.param.name); });
+
+// The source began in the middle of a GOP, whose timecode is still an old one.
+TEST_F(PlayedRecording, BeginsWithTheGopInWhichTheFirstFrameIs) {
+    Recording r = recording(labelledPlan());
+    LabelledStream stream(idle());
+    beginRunning(r, stream);
+    stream.jumpTo("10:00:00:04");
+    feed(r, stream, 60);
+    EXPECT_EQ(r.state(), RecordingState::recording);
+    feed(r, stream, 60);
+    r.sourceEnded(m_now);
+    feed(r, stream, 20);
+    ASSERT_EQ(r.state(), RecordingState::ended);
+    EXPECT_TRUE(r.status().succeeded);
+    // Four of the ten are the source's.
+    EXPECT_THAT(r.status().text, HasSubstr("from 10:00:00:00 to 10:00:03:24, 6 frames before"));
+    EXPECT_EQ(fileFrames(), 106U);
+}
+
+TEST_F(PlayedRecording, GoesOnWhileTheDecoderIsLateByItsTimecodes) {
+    Recording r = recording(labelledPlan());
+    LabelledStream stream(idle());
+    beginRunning(r, stream);
+    stream.jumpTo("10:00:00:00");
+    feed(r, stream, 50);
+    stream.jumpTo("10:00:01:20"); // five frames once more
+    feed(r, stream, 120);
+    ASSERT_EQ(r.state(), RecordingState::ended);
+    EXPECT_TRUE(r.status().succeeded) << r.status().text;
+    EXPECT_THAT(labelsOf(readPackets(m_file), 3).back(), "10:00:03:24");
+}
+
+TEST_F(PlayedRecording, EndsWithTheLastFrameWhenTheTimecodeStandsStillBehindIt) {
+    Recording r = recording(labelledPlan());
+    LabelledStream stream(idle());
+    beginRunning(r, stream);
+    stream.jumpTo("10:00:00:00");
+    feed(r, stream, 100);
+    for (int group = 0; group < 4; ++group) {
+        stream.jumpTo("10:00:03:24");
+        feed(r, stream, 10);
+    }
+    ASSERT_EQ(r.state(), RecordingState::ended);
+    EXPECT_EQ(fileFrames(), 100U);
+}
+
+TEST_F(PlayedRecording, SaysThatTheLastFramesDidNotComeBack) {
+    Recording r = recording(labelledPlan());
+    LabelledStream stream(idle());
+    beginRunning(r, stream);
+    stream.jumpTo("10:00:00:00");
+    feed(r, stream, 80); // five until the GOP ends
+    r.sourceEnded(m_now);
+    pass(r, 10s);
+    ASSERT_EQ(r.state(), RecordingState::ended);
+    EXPECT_FALSE(r.status().succeeded);
+    EXPECT_THAT(r.status().text, StartsWith("Error: 75 of 100 frames came back. Recorded "));
+    EXPECT_THAT(r.status().text, HasSubstr("the last frame is missing"));
+}
+
+// Runs to the end by time: frames from the GOP at the begin to five seconds behind the end.
+class WithoutTheSourcesTimecodes : public PlayedRecording {
+protected:
+    void expectByTime(Recording& r, LabelledStream& stream) {
+        beginRunning(r, stream);
+        feed(r, stream, sourceFrames);
+        EXPECT_NE(r.state(), RecordingState::ended);
+        r.sourceEnded(m_now);
+        const auto ended = m_now;
+        for (int i = 0; i < 1000 && r.state() != RecordingState::ended; ++i)
+            feed(r, stream, 1);
+        ASSERT_EQ(r.state(), RecordingState::ended);
+        EXPECT_TRUE(r.status().succeeded) << r.status().text;
+        EXPECT_GE(m_now, ended + 5s);
+        EXPECT_LT(m_now, ended + 5s + 200ms);
+        EXPECT_THAT(
+            r.status().text,
+            HasSubstr(", the stream ran before the play-out and shows no timecode of the source: up to "
+                      "5 s of other pictures at either end"));
+        EXPECT_GE(fileFrames(), 225U);
+        EXPECT_LT(fileFrames(), 225U + 12);
+    }
+};
+
+TEST_F(WithoutTheSourcesTimecodes, OfTheSourceItself) {
+    Recording r = recording(plan());
+    LabelledStream stream(idle());
+    expectByTime(r, stream);
+}
+
+TEST_F(WithoutTheSourcesTimecodes, OfTheStream) {
+    Recording r = recording(labelledPlan());
+    LabelledStream stream(idle({.gopHeaders = false}));
+    expectByTime(r, stream);
+}
+
+// They would be those of the source's first second again and again.
+TEST_F(WithoutTheSourcesTimecodes, WhichStandStill) {
+    Recording r = recording(plan("00:00:00:00", "00:00:03:24"));
+    LabelledStream stream(idle({.timecodes = false}));
+    expectByTime(r, stream);
+}
+
+// Its own go through those of the source.
+TEST_F(WithoutTheSourcesTimecodes, OfAnEncoderThatCountsByItself) {
+    Recording r = recording(plan("00:00:03:00", "00:00:06:24"));
+    LabelledStream stream(idle());
+    expectByTime(r, stream);
+}
+
+TEST_F(PlayedRecording, NeverTakesPicturesFromBeforeForTheSource) {
+    Recording r = recording(plan());
+    LabelledStream stream(idle());
+    feed(r, stream, 500);
+    EXPECT_EQ(r.state(), RecordingState::waiting);
+    EXPECT_EQ(r.status().frames, 0U);
+    beginRunning(r, stream);
+    feed(r, stream, 400); // four times the source, which has not ended
+    EXPECT_EQ(r.state(), RecordingState::recording);
+}
+
+TEST_F(PlayedRecording, OfAnEncoderThatWaitsForItHasTheSourcesFramesAndNoOther) {
+    for (const bool goesOn : {true, false}) {
+        m_file = m_directory.path(goesOn ? "on.ts" : "off.ts");
+        Recording r = recording(plan());
+        beginSilent(r);
+        LabelledStream stream(idle());
+        feed(r, stream, sourceFrames);
+        r.sourceEnded(m_now);
+        if (goesOn)
+            feed(r, stream, 50);
+        else
+            pass(r, 5s);
+        ASSERT_EQ(r.state(), RecordingState::ended);
+        EXPECT_TRUE(r.status().succeeded) << r.status().text;
+        EXPECT_EQ(fileFrames(), 100U);
+        EXPECT_THAT(r.status().text, Not(HasSubstr("ran before")));
+    }
+}
+
+// Frames come faster than they are played: they cannot all be the source's.
+TEST_F(PlayedRecording, DoesNotEndByNumberBeforeTheSourceEnds) {
+    Recording r = recording(plan());
+    beginSilent(r);
+    m_frameTime = 10ms;
+    LabelledStream stream(idle());
+    feed(r, stream, 150);
+    EXPECT_EQ(r.state(), RecordingState::recording);
+    r.sourceEnded(m_now);
+    feed(r, stream, 5);
+    EXPECT_EQ(r.state(), RecordingState::ended);
+}
+
+TEST_F(PlayedRecording, IsMeasuredInTimeAtAnotherFrameRate) {
+    Recording r = recording(plan());
+    beginSilent(r);
+    m_frameTime = 20ms;
+    LabelledStream stream(idle({.rateCode = 6}));
+    feed(r, stream, 200);
+    EXPECT_EQ(r.state(), RecordingState::recording);
+    r.sourceEnded(m_now);
+    feed(r, stream, 20);
+    ASSERT_EQ(r.state(), RecordingState::ended);
+    EXPECT_TRUE(r.status().succeeded) << r.status().text;
+    EXPECT_EQ(fileFrames(), 200U);
+    EXPECT_THAT(r.status().text, StartsWith("Recorded 00:00:04:00 (200 frames, "));
+    EXPECT_THAT(r.status().text, HasSubstr(", at frame rate code 6, the source has 3"));
+}
+
+TEST_F(PlayedRecording, AtAnotherFrameRateIsNotCompleteWithHalfOfItsTime) {
+    Recording r = recording(plan());
+    beginSilent(r);
+    m_frameTime = 20ms;
+    LabelledStream stream(idle({.rateCode = 6}));
+    feed(r, stream, 110);
+    r.sourceEnded(m_now);
+    pass(r, 5s);
+    ASSERT_EQ(r.state(), RecordingState::ended);
+    EXPECT_FALSE(r.status().succeeded);
+    EXPECT_THAT(r.status().text, StartsWith("Error: 110 of 199 frames came back. Recorded "));
+}
+
+// Nothing of what is held is lost when no further packet comes.
+TEST_F(PlayedRecording, RecordsWhatItHeldWhenTheStreamStops) {
+    Recording r = recording(labelledPlan());
+    LabelledStream stream(idle());
+    beginRunning(r, stream);
+    feed(r, stream, sourceFrames + 10);
+    EXPECT_EQ(r.state(), RecordingState::waiting);
+    r.sourceEnded(m_now);
+    pass(r, 10s);
+    ASSERT_EQ(r.state(), RecordingState::ended);
+    EXPECT_TRUE(r.status().succeeded) << r.status().text;
+    EXPECT_GE(fileFrames(), 110U);
+}
+
+// 24 MB, which are there after three and a half seconds.
+TEST_F(PlayedRecording, HoldsNoMoreThanItMay) {
+    Recording r = recording(labelledPlan());
+    LabelledStream stream(idle({.packetsPerFrame = 1500}));
+    beginRunning(r, stream);
+    for (int frame = 0; frame < 95 && r.state() == RecordingState::waiting; ++frame)
+        feed(r, stream, 1);
+    EXPECT_EQ(r.state(), RecordingState::recording);
+    EXPECT_LT(m_now, m_begin + 4s);
+    EXPECT_GE(r.status().frames, 80U);
+}
+
+TEST_F(PlayedRecording, SaysThatNothingCameBack) {
+    Recording r = recording(labelledPlan());
+    beginSilent(r);
+    r.sourceEnded(m_now);
+    pass(r, 11s);
+    ASSERT_EQ(r.state(), RecordingState::ended);
+    EXPECT_THAT(r.status().text, StartsWith("Error: Do not see MPEG transport stream"));
+}
+
+class MezzanineRecording : public PlayedRecording {
+protected:
+    // The part that is played begins with 10:00:00:00.
+    RecordingPlan marks() {
+        RecordingPlan result = plan();
+        result.mode = CaptureMode::marks;
+        result.wantedFrames = 0;
+        result.markIn = "10:00:01:00";
+        result.markOut = "10:00:01:24";
+        result.useStreamLabels = false;
+        return result;
+    }
+};
+
+TEST_F(MezzanineRecording, CountsFromTheFirstFrameThatComesOfAnEncoderThatWaited) {
+    Recording r = recording(marks());
+    beginSilent(r, "10:00:00:00");
+    m_now += 700ms; // on the way
+    LabelledStream stream(idle());
+    feed(r, stream, 80);
+    ASSERT_EQ(r.state(), RecordingState::ended);
+    EXPECT_TRUE(r.status().succeeded) << r.status().text;
+    // Frames 20 (a random access point) to 49.
+    EXPECT_THAT(labelsOf(readPackets(m_file), 3).front(), "00:00:00:20");
+    EXPECT_THAT(labelsOf(readPackets(m_file), 3).back(), "00:00:01:24");
+    EXPECT_THAT(r.status().text, HasSubstr(", counted from the first frame"));
+}
+
+TEST_F(MezzanineRecording, CountsFromTheBeginOfThePlayOutWhenTheEncoderSentBefore) {
+    Recording r = recording(marks());
+    LabelledStream stream(idle());
+    beginRunning(r, stream, "10:00:00:00");
+    feed(r, stream, 120);
+    ASSERT_EQ(r.state(), RecordingState::ended);
+    EXPECT_TRUE(r.status().succeeded) << r.status().text;
+    EXPECT_THAT(r.status().text, HasSubstr(", counted from when the play-out began"));
+    // 75 frames came before the begin; mark-in is the 25th since.
+    EXPECT_THAT(labelsOf(readPackets(m_file), 3).front(), "00:00:04:00");
+    EXPECT_THAT(labelsOf(readPackets(m_file), 3).back(), "00:00:04:24");
+}
+
+// Its frame is the first that is played: the GOP it is in began before.
+TEST_F(MezzanineRecording, FindsAMarkInAtTheVeryBeginOfThePlayOut) {
+    RecordingPlan asked = marks();
+    asked.markIn = "10:00:00:00";
+    asked.markOut = "10:00:00:24";
+    Recording r = recording(asked);
+    LabelledStream stream(idle());
+    beginRunning(r, stream, "10:00:00:00");
+    feed(r, stream, 60);
+    ASSERT_EQ(r.state(), RecordingState::ended);
+    EXPECT_TRUE(r.status().succeeded) << r.status().text;
+    EXPECT_THAT(r.status().text, HasSubstr("from 09:59:59:20 to 10:00:00:24, 5 frames before mark-in"));
+}
+
+// The decoder still shows the end of a play-out before.
+TEST_F(MezzanineRecording, DoesNotTakeTimecodesFromBeforeForTheSources) {
+    RecordingPlan asked = marks();
+    asked.useStreamLabels = true;
+    Recording r = recording(asked);
+    LabelledShape shape = idle();
+    shape.timecode = "10:00:00:00";
+    LabelledStream stream(shape);
+    beginRunning(r, stream, "10:00:00:00");
+    stream.jumpTo("10:00:00:00");
+    feed(r, stream, 100);
+    ASSERT_EQ(r.state(), RecordingState::ended);
+    EXPECT_TRUE(r.status().succeeded) << r.status().text;
+    EXPECT_THAT(labelsOf(readPackets(m_file), 3).back(), "10:00:01:24");
+}
+
+TEST_F(MezzanineRecording, FailsAtAnotherFrameRate) {
+    for (const bool labels : {true, false}) {
+        RecordingPlan asked = marks();
+        asked.useStreamLabels = labels;
+        Recording r = recording(asked);
+        beginSilent(r, "10:00:00:00");
+        m_frameTime = 20ms;
+        LabelledStream stream({.rateCode = 6});
+        feed(r, stream, 200);
+        ASSERT_EQ(r.state(), RecordingState::ended);
+        EXPECT_EQ(r.status().text, "Error: Encoder profile frc 6 does not match source file frc 3.");
+    }
+}
+
+} // namespace
