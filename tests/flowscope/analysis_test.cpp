@@ -1,6 +1,7 @@
 // Which program is analysed, how far, and what is repeated without harm: on streams made packet by packet.
 #include "flowscope/Analysis.h"
 
+#include "analysed.h"
 #include "flowscope/ReportValues.h"
 #include "flowscope/Reports.h"
 #include "foundation/ScratchDir.h"
@@ -20,24 +21,10 @@ using testing::HasSubstr;
 
 namespace {
 
-Analysis analysed(const Bytes& bytes, std::optional<int> seconds = std::nullopt) {
-    Analysis analysis(seconds);
-    for (std::size_t at = 0; at + 188 <= bytes.size(); at += 188)
-        if (!analysis.take(bytes.data() + at))
-            break;
-    analysis.end();
-    return analysis;
-}
-
 constexpr int VIDEO = 0x02;
 constexpr int AC3 = 0x81;
 constexpr int DATA = 0x06;
 constexpr int FRAME = 3600; // ticks of 90 kHz at 25 a second
-
-void expectClean(const Analysis& analysis) {
-    for (const Finding& finding : analysis.findings().first())
-        ADD_FAILURE() << finding.kind << ": " << finding.text;
-}
 
 // So many pictures in PES packets of their own, with a clock reference before each.
 void addPictures(Multiplex& stream, int pid, int count, std::int64_t begin = 0) {

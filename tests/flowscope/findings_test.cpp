@@ -1,4 +1,5 @@
 // What the verifier finds wrong with edited streams, and what it does not.
+#include "analysed.h"
 #include "flowscope/Analysis.h"
 #include "flowscope/ReportValues.h"
 #include "flowscope/Reports.h"
@@ -11,18 +12,11 @@
 #include <gtest/gtest.h>
 
 using namespace kestrel::test;
+using kestrel::flowscope::analysed;
 
 namespace {
 
 #define TONE "-f lavfi -i sine=frequency=440:sample_rate=48000,aformat=channel_layouts=stereo "
-
-kestrel::flowscope::Analysis analysed(const std::vector<unsigned char>& bytes) {
-    kestrel::flowscope::Analysis analysis(std::nullopt);
-    for (std::size_t at = 0; at + 188 <= bytes.size(); at += 188)
-        analysis.take(bytes.data() + at);
-    analysis.end();
-    return analysis;
-}
 
 int pidOf(const std::vector<unsigned char>& bytes, std::size_t packet) {
     return (bytes[packet * 188 + 1] & 0x1F) << 8 | bytes[packet * 188 + 2];

@@ -1,5 +1,6 @@
 // Streams whose pictures last differently, whose times are not in every packet, whose clock or sound does not
 // come: what is found, and what is not. Made packet by packet.
+#include "analysed.h"
 #include "flowscope/Analysis.h"
 #include "flowscope/ReportValues.h"
 #include "flowscope/Reports.h"
@@ -21,20 +22,6 @@ namespace {
 constexpr int VIDEO = 0x02;
 constexpr int AC3 = 0x81;
 constexpr int FRAME = 3600; // ticks of 90 kHz at 25 a second
-
-Analysis analysed(const Bytes& bytes, std::optional<int> seconds = std::nullopt) {
-    Analysis analysis(seconds);
-    for (std::size_t at = 0; at + 188 <= bytes.size(); at += 188)
-        if (!analysis.take(bytes.data() + at))
-            break;
-    analysis.end();
-    return analysis;
-}
-
-void expectClean(const Analysis& analysis) {
-    for (const Finding& finding : analysis.findings().first())
-        ADD_FAILURE() << finding.kind << ": " << finding.text;
-}
 
 void expectOne(const Analysis& analysis, const std::string& kind, const std::string& text) {
     ASSERT_EQ(analysis.findings().total(), 1U);
