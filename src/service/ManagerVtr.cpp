@@ -5,6 +5,7 @@
 #include "foundation/EventWrapper.h"
 #include "foundation/FixedText.h"
 #include "foundation/PosixWrappers.h"
+#include "foundation/UniqueFd.h"
 #include "jobs/JobLauncher.h"
 #include "service/ManagerLib.h"
 #include "service/RestartPause.h"
@@ -15,9 +16,11 @@
 #include <chrono>
 #include <cstring>
 #include <fcntl.h>
+#include <mqueue.h>
 #include <poll.h>
 #include <string>
 #include <sys/eventfd.h>
+#include <sys/file.h>
 #include <vector>
 
 namespace {
@@ -47,9 +50,21 @@ bool sameCommand(const _VTRCmdData& a, const _VTRCmdData& b) {
            kestrel::fieldText(a.serialPort) == kestrel::fieldText(b.serialPort);
 }
 
+// Whether a service that lives has that queue: it holds a lock on it, which goes with its process.
+bool anotherServiceHas(const char* queueName) {
+    const kestrel::UniqueFd queue(mq_open(queueName, O_RDONLY | O_CLOEXEC));
+    return queue.valid() && flock(queue.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+}
+
 } // namespace
 
 int CManagerLib::LaunchVTRProcess() {
+    // Queues made anew would take those of a running service away from it, and with them its decks.
+    if (anotherServiceHas(m_toVtrQueueName)) {
+        LogUtil::Error(MODULE, "Error: Could not create queue %s. (a running service of this host has it)",
+                       m_toVtrQueueName);
+        return asCode(kestrel::error::queueNotCreated);
+    }
     if (const int code = JobLauncher::createQueue(m_toVtrQueueName, m_toVtrQueue); code != 0)
         return code;
     if (const int code = JobLauncher::createQueue(m_fromVtrQueueName, m_fromVtrQueue); code != 0) {
@@ -57,6 +72,7 @@ int CManagerLib::LaunchVTRProcess() {
         m_toVtrQueue = -1;
         return code;
     }
+    (void)flock(m_toVtrQueue, LOCK_EX | LOCK_NB);
     // Neither a process that does not read nor one that takes its answers back may hold the service.
     long attributes[4] = {O_NONBLOCK, 0, 0, 0};
     setQueueAttr(m_toVtrQueue, attributes);

@@ -286,6 +286,31 @@ TEST_F(DeckBridge, ThePausesGrow) {
     EXPECT_TRUE(service.waitForLog("It is started again in 2 seconds.", 20s));
     EXPECT_TRUE(service.waitForLog("It is started again in 4 seconds.", 20s));
     EXPECT_THAT(service.log(), HasSubstr("VTR process ended with exit status 255."));
+    EXPECT_THAT(service.log(),
+                HasSubstr("[Manager:Error] Error: Could not run /no/such/deck: errno 2 (No such "
+                          "file or directory)."));
+}
+
+TEST_F(DeckBridge, ASecondServiceLeavesTheDecksOfTheFirstAlone) {
+    start();
+    ServiceUnderTest second;
+    second.set("DeckCtrl", "EXE", KESTREL_TEST_DECK);
+    const auto process = second.run("debug");
+    EXPECT_TRUE(process->wait(20s).has_value());
+    EXPECT_THAT(second.log(),
+                HasSubstr("[Manager:Error] Error: Could not create queue /to_vtr_proc_q. (a running "
+                          "service of this host has it)"));
+    EXPECT_THAT(second.log(), Not(HasSubstr("VTR process")));
+    EXPECT_EQ(service.ask("VTR_CURRENT_TIME,COM1"), "TRUE - 01:02:03:04");
+    EXPECT_THAT(service.log(), Not(HasSubstr("VTR process ended")));
+}
+
+TEST_F(DeckBridge, TheQueuesOfAServiceThatWasKilledAreTakenOver) {
+    start();
+    service.process().signal(SIGKILL);
+    ASSERT_TRUE(service.process().wait(20s).has_value());
+    service.start();
+    EXPECT_EQ(service.ask("VTR_CURRENT_TIME,COM1"), "TRUE - 01:02:03:04");
 }
 
 TEST_F(DeckBridge, TheServicesEndEndsTheProcessAndItsQueues) {
