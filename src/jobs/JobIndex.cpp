@@ -85,6 +85,11 @@ Job* JobIndex::find(const Guid& guid) const {
     return walk([&](const Job& job) { return job.equals(guid.data()); });
 }
 
+Job* JobIndex::findEntered(const Guid& guid) const {
+    const MutexLock lock(m_mutex);
+    return firstOf(m_byGuid, guid);
+}
+
 Job* JobIndex::find(unsigned long id) const {
     const MutexLock lock(m_mutex);
     if (Job* const first = firstOf(m_byId, id); first != nullptr && first->id == id)

@@ -32,6 +32,8 @@ public:
     // The first job with that GUID or id; null when there is none.
     [[nodiscard]] Job* find(const Guid& guid) const EXCLUDES(m_mutex);
     [[nodiscard]] Job* find(unsigned long id) const EXCLUDES(m_mutex);
+    // The first job entered under that GUID, without the walk: for what need not be certain of every job.
+    [[nodiscard]] Job* findEntered(const Guid& guid) const EXCLUDES(m_mutex);
 
 private:
     struct GuidHash {

@@ -210,6 +210,12 @@ Job* JobQueue::getJob(const char* guidText) {
     return m_index.find(guid);
 }
 
+Job* JobQueue::getJobByGivenGuid(const char* guidText) {
+    kestrel::JobIndex::Guid guid{};
+    Job::getGuid(guidText, guid.data());
+    return m_index.findEntered(guid);
+}
+
 const char* JobQueue::GetJobStatus(const char* guidText) {
     const Job* const job = getJob(guidText);
     return job == nullptr ? "" : Job::JobStateStr[job->state()];

@@ -65,6 +65,9 @@ public:
 
     // First job with that GUID, or null.
     Job* getJob(const char* guidText);
+    // The first job that was given that GUID by setGuid, or null; as soon found among many jobs as among few,
+    // also where there is none.
+    Job* getJobByGivenGuid(const char* guidText);
     // State name of the job with that GUID; an empty text when there is none.
     const char* GetJobStatus(const char* guidText);
     // First job with that id, or null (10003 logged).

@@ -38,7 +38,7 @@ int DeckProcess::start(std::vector<std::string> arguments) {
         return failure != 0 ? failure : EAGAIN;
     // It ends with exit status 255 then, which alone says nothing of the reason.
     if (execFailure != 0)
-        LogUtil::Error("Manager", "Could not run %s: errno %d (%s)", cStringUtil::cValue(list.file()),
+        LogUtil::Error("Manager", "Error: Could not run %s: errno %d (%s).", cStringUtil::cValue(list.file()),
                        execFailure, std::strerror(execFailure));
     m_pid = pid;
     m_handle.reset(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
@@ -80,7 +80,12 @@ std::optional<std::string> DeckProcess::waitForEnd(int askedMs, int terminatedMs
     if (auto end = waitAtMost(terminatedMs))
         return *end;
     kill(m_pid, SIGKILL);
-    return waitAtMost(killedMs);
+    auto end = waitAtMost(killedMs);
+    if (!end) {
+        m_pid = -1;
+        m_handle.reset();
+    }
+    return end;
 }
 
 } // namespace kestrel

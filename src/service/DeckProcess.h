@@ -25,7 +25,7 @@ public:
     std::optional<std::string> takeEnd();
     // Waits for the end of a process that has been asked to end; after the first time it is terminated,
     // after the second killed. Says how it ended; nothing when it has not even after the third time, which a
-    // process that waits for a serial driver may do.
+    // process that waits for a serial driver may do: it is then no longer this object's.
     std::optional<std::string> waitForEnd(int askedMs, int terminatedMs, int killedMs);
 
 private:

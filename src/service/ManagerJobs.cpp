@@ -112,7 +112,7 @@ int CManagerLib::AddCaptureJob(CaptureRequest* request, bool add) {
 // Jobs may share a GUID, deliberately: a job that could not be started is kept under its own, and a client
 // that tries again with the same must not be turned away. Lookups find the first.
 void CManagerLib::warnOfKnownGuid(const char* guid) {
-    if (const Job* const first = GetJob(guid); first != nullptr)
+    if (const Job* const first = m_jobQueue.getJobByGivenGuid(guid); first != nullptr)
         LogUtil::Warning(MODULE,
                          "GUID %s is that of job %d (%s) already: requests for it are answered for that one.",
                          guid, static_cast<int>(first->id), Job::JobStateStr[first->state()]);

@@ -14,7 +14,6 @@
 namespace {
 
 constexpr const char* MODULE = "Manager";
-constexpr int QUICK_SECONDS = 20;
 constexpr int MAX_PORT = 65535;
 // A profile that gives only the port has always had that many handles.
 constexpr int MAX_HANDLES = MAX_PORT;
@@ -106,7 +105,7 @@ void setDefaults(Settings& settings) {
     kestrel::copyText(settings.captureLogDir, KESTREL_LOG_PARENT_DIR);
     kestrel::copyText(settings.verifierExe, "/opt/vellumtv/kestrel/verifier/flowScope");
     kestrel::copyText(settings.reportDir, "/tmp/");
-    settings.quickPropertiesDurationSecs = QUICK_SECONDS;
+    settings.quickPropertiesDurationSecs = 20;
     settings.numAudios = 8;
     kestrel::copyText(settings.audioPlaceholderValue, "placeholder");
     kestrel::copyText(settings.deckCtrlLogFile, KESTREL_LOG_PARENT_DIR);
@@ -192,15 +191,13 @@ void CManagerLib::loadSettings() {
     char defaultLogFile[300];
     kestrel::formatText(defaultLogFile, "%sKestrelManager.log", KESTREL_LOG_PARENT_DIR);
     const int result = GetSettings(m_settings, true, defaultLogFile, BaseLogger::Info);
-    // Read as it stands, but of no use to a verifier: it would refuse its command line.
-    if (int& seconds = m_settings.quickPropertiesDurationSecs; result == 0 && seconds < 1) {
+    // Taken as it stands, for a verifier that has a use for it; ours refuses it.
+    if (const int seconds = m_settings.quickPropertiesDurationSecs; result == 0 && seconds < 1)
         LogUtil::Warning(
             MODULE,
             "Profile section Verifier, key QUICK_PROPERTIES_DURATION_SECS: \"%d\" is less than 1; "
-            "%d is taken",
-            seconds, QUICK_SECONDS);
-        seconds = QUICK_SECONDS;
-    }
+            "a verifier may refuse it",
+            seconds);
     if (result == 0)
         return;
     // The profile has set up no logging.

@@ -36,8 +36,8 @@ void raise(__rlimit_resource_t resource, const char* name, rlim_t wanted) {
         LogUtil::Warning(MODULE, "Limit %s: wanted %lu, got %lu: fewer jobs can run at once", name,
                          static_cast<unsigned long>(wanted), static_cast<unsigned long>(limit.rlim_cur));
     else
-        LogUtil::Debug(MODULE, "Limit %s: %lu, wanted %lu", name, static_cast<unsigned long>(limit.rlim_cur),
-                       static_cast<unsigned long>(wanted));
+        LogUtil::Info(MODULE, "Limit %s: %lu, wanted %lu", name, static_cast<unsigned long>(limit.rlim_cur),
+                      static_cast<unsigned long>(wanted));
 }
 
 } // namespace

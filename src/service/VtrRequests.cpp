@@ -52,8 +52,8 @@ VtrRequest::VtrRequest(MessageType type, char args[][300], int count) : Message(
         kestrel::copyText(errorText, "Invalid VTR Request.  Port argument not specified");
         return;
     }
-    // A cut name could be that of another deck.
-    if (!kestrel::copyText(command.serialPort, args[1])) {
+    // A cut name could be that of another deck. A status is never asked of one.
+    if (!kestrel::copyText(command.serialPort, args[1]) && type != VTR_STATUS_REQUEST) {
         const std::string port(args[1], 0, LONGEST_PORT_SHOWN);
         kestrel::formatText(errorText, LOG_MSG(kestrel::error::vtrNotConnected), port.c_str());
         kestrel::formatText(std::span(errorText).subspan(std::strlen(errorText)),

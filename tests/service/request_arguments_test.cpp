@@ -220,6 +220,7 @@ TEST(VtrArguments, APortThatNoDeckCanHaveIsRefusedRatherThanCut) {
                      "Error: Could not connect to VTR at /dev/ttyS100. (a port's name has at "
                      "most 11 characters)");
     }
+    EXPECT_TRUE(request({"VTR_STATUS", "/dev/ttyS100"})->isValid()) << "no deck is asked";
     const auto longest = request({"VTR_SEEKING", std::string(299, 'p')});
     EXPECT_EQ(longest->errorText, "Error: Could not connect to VTR at " + std::string(100, 'p') +
                                       ". (a port's name has at most 11 characters)");

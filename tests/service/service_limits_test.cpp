@@ -97,7 +97,7 @@ TEST_F(ServiceLimits, ASoftLimitIsRaisedAsFarAsTheHardOneAllows) {
         outcome->log,
         HasSubstr(outcome->after.rlim_cur < DESCRIPTORS
                       ? "[Manager:Warning] Limit RLIMIT_NOFILE (descriptors): wanted 20000, got " + got
-                      : "[Manager:Debug] Limit RLIMIT_NOFILE (descriptors): " + got + ", wanted 20000\r\n"));
+                      : "[Manager:Info] Limit RLIMIT_NOFILE (descriptors): " + got + ", wanted 20000\r\n"));
 }
 
 TEST_F(ServiceLimits, AHardLimitThatMayNotBeRaisedIsKeptAndLogged) {

@@ -82,6 +82,14 @@ TEST_F(VerifierRequests, AQueuedVerificationStaysQueuedWhileItsWorkerRuns) {
     EXPECT_EQ(service.ask(std::string("JOB_RESULTS,") + GUID), "TRUE - 00:00:10:00");
 }
 
+TEST_F(VerifierRequests, AQueuedVerificationOfAGuidInUseIsLogged) {
+    start("--verify " + prepared);
+    EXPECT_EQ(verify(",RUNTIME"), "TRUE");
+    EXPECT_THAT(service.log(), Not(HasSubstr("is that of job")));
+    EXPECT_EQ(verify(",RUNTIME"), "TRUE");
+    EXPECT_THAT(service.log(), HasSubstr(std::string("[Manager:Warning] GUID ") + GUID + " is that of job 0 ("));
+}
+
 TEST_F(VerifierRequests, ABlockingRequestWaitsForTheAnswer) {
     start("--sleep 200 --verify " + prepared);
     EXPECT_EQ(verify(",RUNTIME,BLOCK"), "TRUE - 00:00:10:00");
