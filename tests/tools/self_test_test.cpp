@@ -109,6 +109,8 @@ TEST_F(SelfTest, DebugLinesMayBeLeftOut) {
     EXPECT_EQ(run("-quiet").code, 0) << "a list of the names";
     EXPECT_THAT(run("-quiet").output, HasSubstr("usage: kestrelSelfTest [-quiet] NAME [ARGS]"));
     EXPECT_EQ(run("-quiet nothing").code, 2);
+    EXPECT_EQ(run("--help").code, 0);
+    EXPECT_THAT(run("--help").output, StartsWith("usage: kestrelSelfTest"));
 }
 
 TEST_F(SelfTest, ANegativeResultIsAStatusFromTheTop) {

@@ -73,6 +73,10 @@ int runAllWithoutFile(int argc, char** argv) {
 }
 
 int run(std::string_view name, int argc, char** argv) {
+    if (name == "--help") {
+        list(stdout);
+        return 0;
+    }
     if (name == "all")
         return runAllWithoutFile(argc, argv);
     for (const SelfTest& test : SELF_TESTS) {
