@@ -165,6 +165,25 @@ TEST(MarkedPart, IsCutAtTheEndsOfTheFile) {
     ASSERT_FALSE(all.failed) << all.failed->text;
 }
 
+TEST(MarkedPart, PassesOverAnAccessPointWithoutATimecode) {
+    SourceIndex index = regular();
+    index.points.at(11).timecode.reset();
+    const Found found = part(index, "10:00:10:00", "10:00:12:00");
+    ASSERT_FALSE(found.failed) << found.failed->text;
+    EXPECT_EQ(found.part.begin, atSecond(6));
+    EXPECT_EQ(found.part.firstLabel, "10:00:06:02");
+}
+
+TEST(MarkedPart, IsTheFirstOneWhereLabelsBeginAnewBehindIt) {
+    SourceIndex index = regular();
+    for (std::size_t second = 30; second < index.points.size(); ++second)
+        index.points[second].timecode = regular().points[second - 30].timecode;
+    const Found found = part(index, "10:00:15:00", "10:00:18:00");
+    ASSERT_FALSE(found.failed) << found.failed->text;
+    EXPECT_EQ(found.part.begin, atSecond(11));
+    EXPECT_EQ(found.part.end, atSecond(22));
+}
+
 TEST(MarkedPart, CountsFromTheFirstFrameWithoutTimecodes) {
     const Found found = part(regular(false), "00:00:20:00", "00:00:22:00");
     ASSERT_FALSE(found.failed);

@@ -253,8 +253,10 @@ Outcome ReencodeSession::end() {
     m_encoders.stop();
     m_encoders.join();
     if (!m_failure && !m_begun)
-        return {true, "Cancelled before the recording began: nothing recorded"};
-    const bool recorded = m_encoders.size() > 0 && m_encoders.status(0).bytes > 0;
+        return {!mezzanine(), "Cancelled before the recording began: nothing recorded"};
+    bool recorded = false;
+    for (std::size_t i = 0; i < m_encoders.size(); ++i)
+        recorded = recorded || m_encoders.status(i).bytes > 0;
     std::vector<ResultsPart> parts;
     if (m_failure)
         parts.push_back({m_failure->text + (recorded ? " " : ""), true});

@@ -172,9 +172,15 @@ MaybeFailure findPart(const SourceIndex& index, const std::string& markIn, const
     };
     const AccessPoint* begin = &index.points.front();
     part.end = std::numeric_limits<std::uint64_t>::max();
+    bool beginPassed = false;
     for (const AccessPoint& point : index.points) {
+        // It may lie anywhere between its neighbours.
+        if (!point.timecode && !labels.counted())
+            continue;
         const std::int64_t at = labels.position(labels.of(point)) + point.skipped;
-        if (at <= first - frames(secondsBefore))
+        // Labels may begin anew behind the part: the first place counts.
+        beginPassed = beginPassed || at > first - frames(secondsBefore);
+        if (!beginPassed)
             begin = &point;
         if (at > last + frames(secondsBehind)) {
             part.end = point.offset;
