@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sstream>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -134,6 +135,11 @@ void DeckProcess::start() {
     argv.push_back(nullptr);
     m_process = ::fork();
     if (m_process == 0) {
+        if (mostFiles) {
+            const rlimit limit{*mostFiles, *mostFiles};
+            ::close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
+            ::setrlimit(RLIMIT_NOFILE, &limit);
+        }
         ::execv(argv[0], argv.data());
         ::_exit(127);
     }

@@ -109,6 +109,7 @@ public:
     [[nodiscard]] pid_t pid() const noexcept { return m_process; }
 
     std::vector<std::string> options;
+    std::optional<unsigned> mostFiles; // descriptors that it may have, those of a terminal among them
 
 private:
     TemporaryDirectory m_directory;

@@ -2,9 +2,12 @@
 #include "deckctrl/DeckPort.h"
 #include "deckctrl/deck_bench.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/resource.h>
+#include <system_error>
 
 using namespace deck_test;
 using kestrel::deck::AnswerBox;
@@ -92,6 +95,43 @@ TEST_F(Port, IsUsedWhileTheDeckIsAsked) {
     begin();
     occupy();
     EXPECT_FALSE(port->unused());
+}
+
+// Lowers the limit of this process's descriptors while it lives.
+class LowerFileLimit {
+public:
+    explicit LowerFileLimit(rlim_t value) {
+        getrlimit(RLIMIT_NOFILE, &m_former);
+        const rlimit lower{value, m_former.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &lower);
+    }
+    ~LowerFileLimit() { setrlimit(RLIMIT_NOFILE, &m_former); }
+    LowerFileLimit(const LowerFileLimit&) = delete;
+    LowerFileLimit& operator=(const LowerFileLimit&) = delete;
+
+private:
+    rlimit m_former{};
+};
+
+// A thread that could not be woken would leave its requests without an answer, and the process without an
+// end.
+TEST(PortWithoutDescriptors, IsNotMade) {
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "the sanitizers need descriptors of their own to look at an exception";
+#endif
+    AnswerBox answers;
+    for (const int free : {0, 1}) {
+        const kestrel::UniqueFd last(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0));
+        ASSERT_TRUE(last.valid());
+        int error = 0;
+        try {
+            const LowerFileLimit limit(static_cast<rlim_t>(last.get() + 1 + free));
+            DeckPort port("/no/such/port", {}, answers);
+        } catch (const std::system_error& problem) {
+            error = problem.code().value();
+        }
+        EXPECT_EQ(error, EMFILE) << free;
+    }
 }
 
 TEST_F(Port, ItEndsWhileItWaits) {

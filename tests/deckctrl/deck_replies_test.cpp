@@ -25,7 +25,7 @@ protected:
         tape.emplace(std::move(script));
         Timing timing;
         timing.reply = 2s;
-        timing.byteGap = 300ms; // the machine may be busy
+        timing.byteGap = byteGap;
         timing.settle = 50ms;
         deck.emplace(tape->device(), timing, -1);
     }
@@ -44,6 +44,7 @@ protected:
     _VTRCmdData isSeeking() { return carryOut(request(kestrel::vtrIsSeeking, "COM7")); }
     long count(Code code) const { return std::ranges::count(tape->received(), code); }
 
+    std::chrono::milliseconds byteGap{300}; // the machine may be busy
     std::optional<ScriptedDeck> tape;
     std::optional<Deck> deck;
 };
@@ -88,6 +89,25 @@ TEST_F(Replies, ADamagedOneIsShownToItsEnd) {
     EXPECT_EQ(textOf(time()),
               "Error: Command 6 to VTR at COM7 failed. (Current time sense: checksum error in "
               "reply 70 04 12 30 20 10 EA, 3 tries)");
+}
+
+TEST_F(Replies, ABurstOfAnyLengthCostsOneTry) {
+    byteGap = 1s; // hundreds of pauses, each of which may last
+    const std::pair<std::size_t, std::uint8_t> bursts[] = {
+        {64, 0xFF}, {300, 0xFF}, {300, 0x75}}; // the last one can begin a reply
+    for (const auto& [length, fill] : bursts) {
+        beginWith(Code::timeSense, [burst = Bytes(length, fill), asked = 0]() mutable {
+            if (asked++ == 0)
+                return ScriptedAnswer{burst, 200us};
+            return ScriptedAnswer{wellReply(Block(Code::timeSense)).bytes()};
+        });
+        const _VTRCmdData answer = time();
+        EXPECT_EQ(answer.errorCode, 0) << length << " of " << int{fill} << ": " << textOf(answer);
+        EXPECT_EQ(kestrel::fieldText(answer.timecode), "10:20:30:12");
+        EXPECT_EQ(count(Code::timeSense), 2) << length << " of " << int{fill};
+        EXPECT_EQ(play().errorCode, 0) << "in step";
+        deck.reset();
+    }
 }
 
 TEST_F(Replies, OneOfTheWrongKindIsNamed) {
@@ -193,6 +213,34 @@ TEST_F(Replies, ThreeStatusBytesTellWhetherItSeeks) {
     const _VTRCmdData answer = isSeeking();
     EXPECT_EQ(answer.errorCode, 0) << textOf(answer);
     EXPECT_EQ(answer.seeking, 0);
+}
+
+// Not every deck has "cue up complete": this one only stops.
+TEST_F(Replies, ADeckThatStandsAtItsTargetIsThereThoughItDoesNotSaySo) {
+    begin([](const Block& asked) { return ScriptedAnswer{wellReply(asked).bytes()}; });
+    std::stringstream log;
+    LogUtil::GetInstance()->addStreamLogger(&log);
+    EXPECT_EQ(carryOut(goTo("COM7", "10:20:30:12")).errorCode, 0);
+    EXPECT_EQ(isSeeking().seeking, 1) << "it may not have begun";
+    _VTRCmdData answer{};
+    EXPECT_TRUE(eventually([&] { return (answer = isSeeking()).seeking == 0; }));
+    LogUtil::Cleanup();
+    EXPECT_EQ(answer.errorCode, 0) << textOf(answer);
+    EXPECT_THAT(log.str(), HasSubstr("COM7: Cue up to 10:20:30:12 complete"));
+    EXPECT_EQ(isSeeking().errorCode, 0);
+}
+
+TEST_F(Replies, ADeckThatStandsOneFrameBesideItsTargetIsNotThere) {
+    for (const char* target : {"10:20:30:11", "10:20:30:13"}) {
+        begin([](const Block& asked) { return ScriptedAnswer{wellReply(asked).bytes()}; });
+        EXPECT_EQ(carryOut(goTo("COM7", target)).errorCode, 0);
+        _VTRCmdData answer{};
+        EXPECT_TRUE(eventually([&] { return (answer = isSeeking()).seeking == 0; }));
+        EXPECT_EQ(answer.errorCode, 20082);
+        EXPECT_EQ(textOf(answer), std::string("Error: Preroll to ") + target +
+                                      " for VTR at COM7 failed. (the deck stands at 10:20:30:12)");
+        deck.reset();
+    }
 }
 
 } // namespace

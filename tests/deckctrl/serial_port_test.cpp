@@ -152,9 +152,31 @@ TEST_F(Line, WhatIsSwallowedIsNotWaitedForLongerThanItTakes) {
 }
 
 TEST_F(Line, ADeckThatSendsWithoutEndIsNotListenedToForLong) {
-    const Exchange result = exchange(std::vector<std::uint8_t>(3000, 0xFF));
+    timing.reply = 100ms;
+    std::atomic<bool> enough{false};
+    // As fast as it is read: bytes are ready at all times.
+    auto deck = std::async(std::launch::async, [&] {
+        const std::vector<std::uint8_t> flood(1000, 0xFF);
+        while (!enough) {
+            pollfd room{terminal.fd(), POLLOUT, 0};
+            if (poll(&room, 1, 10) == 1)
+                terminal.write(flood);
+        }
+    });
+    const auto begin = Clock::now();
+    const Exchange result = port.exchange(Block(Code::play), timing, -1);
+    EXPECT_LT(Clock::now() - begin, 5s);
+    enough = true;
+    deck.get();
     EXPECT_EQ(result.result, Exchange::Result::garbled);
     EXPECT_LT(result.detail.size(), 100u);
+}
+
+TEST_F(Line, WhatIsNoReplyIsReadToItsEndHoweverLong) {
+    const Exchange result = exchange(std::vector<std::uint8_t>(3000, 0xFF));
+    EXPECT_EQ(result.result, Exchange::Result::garbled);
+    EXPECT_EQ(result.detail, "no reply but FF FF FF FF FF FF FF FF FF FF FF FF FF FF FF FF ...");
+    EXPECT_EQ(exchange({0x10, 0x01, 0x11}).reply, Block(Code::ack));
 }
 
 TEST_F(Line, WhatCameTooLateIsNotTakenForTheNextReply) {

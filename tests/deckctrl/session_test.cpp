@@ -213,6 +213,40 @@ TEST_F(Session, MorePortsThanItHasThreadsForAreRefused) {
         eventually([&] { return process.ask(request(kestrel::vtrCurrentTime, "A")).errorCode == 0; }, 4s));
 }
 
+TEST_F(Session, DescriptorsThatRunOutAreToldAndDoNotKeepItFromEnding) {
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "the sanitizers need descriptors of their own to look at an exception";
+#endif
+    // From its own alone to those of both decks, with some to spare.
+    constexpr unsigned least = 8;
+    constexpr unsigned most = 20;
+    bool eventsRanOut = false;
+    for (unsigned files = least; files <= most; ++files) {
+        DeckProcess few;
+        few.name("A", a.simulator->device());
+        few.name("B", b.simulator->device());
+        few.options = process.options;
+        few.mostFiles = files;
+        few.start();
+        for (const char* name : {"A", "B", "A"}) {
+            few.send(request(kestrel::vtrCurrentTime, name));
+            const auto answer = few.receive();
+            ASSERT_TRUE(answer) << name << " with " << files << " descriptors, log:\n" << few.log();
+            EXPECT_EQ(kestrel::fieldText(answer->serialPort), name);
+            if (answer->errorCode != 0) {
+                EXPECT_EQ(answer->errorCode, 20080);
+                EXPECT_THAT(textOf(*answer), HasSubstr("Too many open files"));
+                EXPECT_LT(files, most);
+            }
+            eventsRanOut |= textOf(*answer) == std::string("Error: Could not connect to VTR at ") + name +
+                                                   ". (no thread for it: eventfd: Too many open files)";
+        }
+        few.sendRaw(EXIT_MSG, {});
+        EXPECT_EQ(few.wait(), 0) << files;
+    }
+    EXPECT_TRUE(eventsRanOut);
+}
+
 TEST_F(Session, MoreRequestsThanADeckCanHoldAreRefused) {
     process.options = {"-timeout", "5000"};
     process.start();

@@ -233,6 +233,11 @@ Deck::MaybeProblem Deck::isSeeking(bool& seeking) {
     return std::nullopt;
 }
 
+void Deck::arrived() {
+    LogUtil::Info(module, "%s: Cue up to %s complete", m_port.c_str(), m_seek->target.c_str());
+    m_seek.reset();
+}
+
 // Decks leave "cue up complete" of the cue-up before standing until the tape moves, so that at first it
 // counts only with the time that goes with it.
 Deck::MaybeProblem Deck::followSeek(const Status& status, bool& seeking) {
@@ -241,8 +246,7 @@ Deck::MaybeProblem Deck::followSeek(const Status& status, bool& seeking) {
     if (status.cueUpComplete) {
         const Time time = settled ? Time(m_seek->time) : readTime();
         if (const auto* at = std::get_if<TapeTime>(&time); at && sameLabel(*at, m_seek->time)) {
-            LogUtil::Info(module, "%s: Cue up to %s complete", m_port.c_str(), m_seek->target.c_str());
-            m_seek.reset();
+            arrived();
             seeking = false;
             return std::nullopt;
         }
@@ -261,6 +265,12 @@ Deck::MaybeProblem Deck::followSeek(const Status& status, bool& seeking) {
     else if (settled && m_seek->standing && now - *m_seek->standing >= m_timing.settle) {
         const Time time = readTime();
         const auto* at = std::get_if<TapeTime>(&time);
+        // Decks without "cue up complete" tell only by their time that they are there.
+        if (at && sameLabel(*at, m_seek->time)) {
+            arrived();
+            seeking = false;
+            return std::nullopt;
+        }
         given = at ? "the deck stands at " + at->text() : "the deck does not move";
         if (status.endOfTape)
             given += ", the end of the tape";

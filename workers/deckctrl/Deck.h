@@ -47,6 +47,8 @@ private:
     [[nodiscard]] MaybeProblem currentTime(_VTRCmdData& record);
     [[nodiscard]] MaybeProblem isSeeking(bool& seeking);
     [[nodiscard]] MaybeProblem followSeek(const Status& status, bool& seeking);
+    // The tape stands at its target: the cue-up is over.
+    void arrived();
 
     // Whether the deck takes commands over the line and has a tape.
     [[nodiscard]] MaybeProblem ready();

@@ -3,7 +3,9 @@
 #include "foundation/FixedText.h"
 #include "foundation/Logger.h"
 
+#include <cerrno>
 #include <poll.h>
+#include <system_error>
 
 namespace kestrel::deck {
 namespace {
@@ -13,11 +15,19 @@ bool readable(int fd) noexcept {
     return ::poll(&entry, 1, 0) > 0;
 }
 
+// Without one a thread could neither be told of its requests nor be ended.
+WakeEvent wakeEvent() {
+    WakeEvent event;
+    if (!event.valid())
+        throw std::system_error(errno, std::generic_category(), "eventfd");
+    return event;
+}
+
 } // namespace
 
 DeckPort::DeckPort(std::string device, const Timing& timing, AnswerBox& answers)
-    : m_answers(answers), m_stale(timing.stale), m_deck(std::move(device), timing, m_stop.fd()),
-      m_thread([this] { run(); }) {}
+    : m_stop(wakeEvent()), m_work(wakeEvent()), m_answers(answers), m_stale(timing.stale),
+      m_deck(std::move(device), timing, m_stop.fd()), m_thread([this] { run(); }) {}
 
 DeckPort::~DeckPort() {
     stop();

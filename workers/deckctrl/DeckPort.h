@@ -12,8 +12,8 @@ namespace kestrel::deck {
 
 class DeckPort {
 public:
-    // Starts the thread; throws std::system_error when there is none to be had. Answers go to the box, which
-    // must outlive this.
+    // Starts the thread; throws std::system_error when it, or an event to wake it with, is not to be had.
+    // Answers go to the box, which must outlive this.
     DeckPort(std::string device, const Timing& timing, AnswerBox& answers);
     // Ends the thread: what is going on is broken off, what waits is answered as not carried out.
     ~DeckPort();

@@ -27,7 +27,8 @@ struct Timing {
     milliseconds stale{25'000};
 };
 
-// Bytes and time after which a deck that sends without end is not listened to any longer.
+// Bytes that are kept of what is no reply, and time after which a deck that sends without end is not listened
+// to any longer.
 inline constexpr std::size_t garbageBytes = 64;
 inline constexpr milliseconds garbageTime{500};
 

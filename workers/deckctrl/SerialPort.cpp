@@ -22,6 +22,8 @@ constexpr unsigned firstPtyMajor = 136;
 constexpr unsigned lastPtyMajor = 143;
 
 constexpr std::size_t shownBytes = 16;
+static_assert(garbageBytes > shownBytes && garbageBytes > Block::maxBytes,
+              "what is kept shows that there was more, and is more than a reply can be");
 
 // What makes a byte 8 bits, odd parity, one stop bit, and how.
 constexpr tcflag_t frameFlags = CSIZE | PARENB | PARODD | CMSPAR | CSTOPB;
@@ -178,7 +180,7 @@ void SerialPort::swallow(const Timing& timing, int stopFd) {
 }
 
 // What cannot be a reply is read to its end, though the first bytes tell: what is left of it would be taken
-// for the beginning of the next reply.
+// for the beginning of the next reply. Its end is a gap, or comes when it has lasted too long.
 Exchange SerialPort::receive(const Timing& timing, int stopFd) {
     BlockParser parser;
     std::vector<std::uint8_t> seen;
@@ -191,7 +193,8 @@ Exchange SerialPort::receive(const Timing& timing, int stopFd) {
             return failed(Exchange::Result::stopped, "");
         if (event == Wait::hangup)
             return failed(Exchange::Result::lost, "the line hung up");
-        if (event == Wait::timeout || seen.size() >= garbageBytes) {
+        // Asked for by itself: bytes that are ready count before the time in a wait.
+        if (event == Wait::timeout || (trouble && Clock::now() >= end)) {
             if (seen.empty())
                 return failed(Exchange::Result::silent, "");
             return failed(Exchange::Result::garbled,
@@ -206,7 +209,8 @@ Exchange SerialPort::receive(const Timing& timing, int stopFd) {
         for (const std::uint8_t byte : std::span(bytes, static_cast<std::size_t>(count))) {
             if (seen.empty() && !canBeginReply(byte))
                 trouble = "no reply but ";
-            seen.push_back(byte);
+            if (seen.size() < garbageBytes)
+                seen.push_back(byte);
             if (trouble)
                 continue;
             switch (parser.feed(byte)) {
