@@ -134,10 +134,12 @@ TEST(VerificationProfile, AQuickDurationOfNoSecondIsHandedOnAndRefusedByTheVerif
         service.set("Verifier", "REPORT_DIR", service.root().string() + "/");
         service.set("Verifier", "QUICK_PROPERTIES_DURATION_SECS", seconds);
         service.start();
-        EXPECT_EQ(service.ask(std::string("GET_MPEG_PROPERTIES,JOB_BEGIN,") + GUID + "," +
-                              streamFile("m2_delivery_pids") + ",VIDEO_PID"),
-                  std::string("FALSE - Error: Failed to get requested Mpeg Property. wrong command line: -duration ") +
-                      seconds + ": expected a number of seconds from 1 on");
+        EXPECT_EQ(
+            service.ask(std::string("GET_MPEG_PROPERTIES,JOB_BEGIN,") + GUID + "," +
+                        streamFile("m2_delivery_pids") + ",VIDEO_PID"),
+            std::string(
+                "FALSE - Error: Failed to get requested Mpeg Property. wrong command line: -duration ") +
+                seconds + ": expected a number of seconds from 1 on");
         EXPECT_THAT(service.log(), HasSubstr(std::string(" -duration ") + seconds + " "));
         EXPECT_THAT(service.log(), HasSubstr(std::string("Profile section Verifier, key "
                                                          "QUICK_PROPERTIES_DURATION_SECS: \"") +

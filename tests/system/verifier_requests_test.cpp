@@ -87,7 +87,8 @@ TEST_F(VerifierRequests, AQueuedVerificationOfAGuidInUseIsLogged) {
     EXPECT_EQ(verify(",RUNTIME"), "TRUE");
     EXPECT_THAT(service.log(), Not(HasSubstr("is that of job")));
     EXPECT_EQ(verify(",RUNTIME"), "TRUE");
-    EXPECT_THAT(service.log(), HasSubstr(std::string("[Manager:Warning] GUID ") + GUID + " is that of job 0 ("));
+    EXPECT_THAT(service.log(),
+                HasSubstr(std::string("[Manager:Warning] GUID ") + GUID + " is that of job 0 ("));
 }
 
 TEST_F(VerifierRequests, ABlockingRequestWaitsForTheAnswer) {
