@@ -44,6 +44,22 @@ TEST(Video, TwoFieldsAreOneFrame) {
     EXPECT_EQ(track.frames(), 1U);
 }
 
+TEST(Video, ARepeatedExtensionExtendsTheHeadersRateOnce) {
+    VideoTrack track(VideoCodec::mpeg2);
+    track.feed(sequenceHeader(720, 576, 3));
+    Bytes extension = sequenceExtension(0x48);
+    extension.at(9) = 1 << 5 | 4; // twice, by five
+    for (int i = 0; i < 40; ++i)
+        track.feed(extension);
+    track.feed(pictureHeader(1));
+    EXPECT_EQ(track.format().rate(), 10);
+    // By 32: less than one a second, which is not believed.
+    extension.at(9) = 0x1F;
+    track.feed(extension);
+    track.feed(pictureHeader(1));
+    EXPECT_EQ(track.format().rate(), 10);
+}
+
 TEST(Video, CaptionsAreThoseOfAtscWithData) {
     const auto captions = [](const Bytes& data) {
         VideoTrack track(VideoCodec::mpeg2);

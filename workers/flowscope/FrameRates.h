@@ -15,6 +15,10 @@ struct FrameRate {
     [[nodiscard]] constexpr double value() const noexcept {
         return static_cast<double>(numerator) / static_cast<double>(denominator);
     }
+    // Whether anything could be shown so: headers can also say centuries a frame.
+    [[nodiscard]] constexpr bool plausible() const noexcept {
+        return denominator > 0 && numerator >= denominator && numerator / denominator <= 1000;
+    }
 };
 
 // By frame_rate_code (ISO/IEC 13818-2, table 6-4); 0 is forbidden.

@@ -144,6 +144,7 @@ private:
     char m_pictureType = 0;     // of a picture whose structure is not known yet
     int m_firstField = 0;       // picture_structure of a field that waits for its second
     bool m_progressive = false; // progressive_sequence
+    FrameRate m_codedRate;      // of the last sequence header
     // H.264
     capture::AvcHeaders m_avc;
     bool m_keyAhead = false; // a parameter set or a recovery point came before the picture

@@ -134,7 +134,8 @@ void VideoTrack::takeSequenceSet(std::span<unsigned char> nal) {
     const std::int64_t numerator = format.timeScale;
     const std::int64_t denominator = std::int64_t{2} * format.unitsInTick;
     const std::int64_t divisor = std::max<std::int64_t>(std::gcd(numerator, denominator), 1);
-    m_format.frameRate = {numerator / divisor, denominator / divisor};
+    if (const FrameRate rate{numerator / divisor, denominator / divisor}; rate.plausible())
+        m_format.frameRate = rate;
 }
 
 // 7.3.2.3.1: any number of messages, type and size in bytes of which 255 adds up.

@@ -89,7 +89,7 @@ void VideoTrack::takeSequence(std::span<unsigned char> header) {
     }
     const std::size_t code = header[7] & 0x0F;
     if (code < codedFrameRates.size())
-        m_format.frameRate = codedFrameRates[code];
+        m_format.frameRate = m_codedRate = codedFrameRates[code];
 }
 
 // 6.2.2.3
@@ -101,8 +101,11 @@ void VideoTrack::takeSequenceExtension(std::span<unsigned char> header) {
     m_format.height |= (header[6] & 0x60) << 7;
     if (header.size() < 10)
         return;
-    m_format.frameRate.numerator *= (header[9] >> 5 & 3) + 1; // frame_rate_extension_n
-    m_format.frameRate.denominator *= (header[9] & 0x1F) + 1; // frame_rate_extension_d
+    // frame_rate_extension_n and frame_rate_extension_d. Of the header's rate: an extension may be repeated.
+    const FrameRate extended{m_codedRate.numerator * ((header[9] >> 5 & 3) + 1),
+                             m_codedRate.denominator * ((header[9] & 0x1F) + 1)};
+    if (extended.plausible())
+        m_format.frameRate = extended;
 }
 
 // 6.2.2.6
