@@ -15,7 +15,7 @@ constexpr int PREFIX_SIZE = 3;
 constexpr int PES_BYTES = 14;
 constexpr int SEQUENCE_BYTES = 8;
 constexpr int EXTENSION_BYTES = 7;
-constexpr int CODING_EXTENSION_BYTES = 9;
+constexpr int CODING_EXTENSION_BYTES = 8;
 constexpr int GOP_BYTES = 8;
 
 constexpr int SEQUENCE_EXTENSION = 1; // extension_start_code_identifier

@@ -70,6 +70,7 @@ public:
     // Drops the queued packets.
     void discard_intervening() noexcept { m_intervening.clear(); }
 
+    // Whether a packet is saved: from preload_buffer on, until it has been passed on.
     [[nodiscard]] bool has_saved() const noexcept { return m_has_saved; }
     // The saved packet, to be changed before it goes on; meaningful while has_saved().
     [[nodiscard]] unsigned char* saved_packet() noexcept { return m_saved.data(); }

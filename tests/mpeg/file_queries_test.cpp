@@ -66,11 +66,11 @@ TEST_F(Queries, AGopWithoutASequenceHeaderIsPassedOver) {
 }
 
 TEST_F(Queries, FrameRateOfH264IsHalfItsTimeScale) {
-    const auto stream = [&](std::uint64_t units, std::uint64_t scale, int pocType) {
+    const auto stream = [&](std::uint64_t units, std::uint64_t scale, int pocType, bool timed = true) {
         BitString sps;
         sps.u(8, 77).u(8, 0).u(8, 40).ue(0).ue(0).ue(static_cast<unsigned>(pocType)).ue(0).ue(4).u(1, 0);
-        sps.ue(119).ue(67).u(1, 1).u(1, 1).u(1, 0).u(1, units != 0);
-        if (units != 0)
+        sps.ue(119).ue(67).u(1, 1).u(1, 1).u(1, 0).u(1, timed);
+        if (timed)
             sps.u(4, 0).u(1, 1).u(32, units).u(32, scale).u(1, 1);
         TsMaker h264;
         h264.tables({{0x1B, VIDEO}});
@@ -81,9 +81,10 @@ TEST_F(Queries, FrameRateOfH264IsHalfItsTimeScale) {
     };
     EXPECT_EQ(stream(1, 50, 0), 25.0);
     EXPECT_DOUBLE_EQ(stream(1001, 60000, 0), 30000.0 / 1001);
-    EXPECT_NEAR(stream(0, 0, 0), 29.97, 0.001) << "without timing";
+    EXPECT_NEAR(stream(0, 0, 0, false), 29.97, 0.001) << "without timing";
     EXPECT_EQ(stream(1, 50, 2), 0.5) << "timing that is not parsed stays -1 by -1";
     EXPECT_EQ(stream(1, 0, 0), 0.0);
+    EXPECT_EQ(stream(0, 50, 0), 0.0) << "a tick of no length";
 }
 
 TEST_F(Queries, TheLastVideoEntryOfTheTableDecidesTheFrameRate) {
@@ -96,6 +97,29 @@ TEST_F(Queries, TheLastVideoEntryOfTheTableDecidesTheFrameRate) {
     for (int i = 0; i < 3; ++i)
         gop(3);
     EXPECT_EQ(MpegWrapper::GetFrameRateFromFile(write().c_str()), 0.0);
+}
+
+TEST_F(Queries, OfTwoMpeg2EntriesTheLastGivesTheRateAndTheFirstAllElse) {
+    constexpr int SECOND = VIDEO + 1;
+    maker.tables({{0x02, VIDEO}, {0x02, SECOND}});
+    for (int i = 0; i < 3; ++i) {
+        maker.pes(SECOND, pesHeader(3600),
+                  sequenceHeader(1920, 1080, 5) + sequenceExtension(0x14) + gopHeader(0, 0, 0, 0) +
+                      filler(500));
+        gop(3, 0x48, 720, 576);
+    }
+    std::string path = write();
+    EXPECT_EQ(MpegWrapper::GetFrameRateFromFile(path.c_str()), 30.0);
+    int width = 0;
+    int height = 0;
+    grab_video_header::getDimensions(path.data(), width, height, 0);
+    EXPECT_EQ(width, 720);
+    EXPECT_EQ(height, 576);
+    MpegWrapper::videoProfile profile{};
+    MpegWrapper::videoLevel level{};
+    EXPECT_TRUE(MpegWrapper::GetMpeg2VideoProfileAndLevel(path.c_str(), profile, level));
+    EXPECT_EQ(profile, MpegWrapper::profileMain);
+    EXPECT_EQ(level, MpegWrapper::levelMain);
 }
 
 // --- transport stream or not

@@ -260,6 +260,12 @@ TEST_F(Duration, ThatRunsBackwardsIsAnError) {
                           ", Unable to determine the duration!"));
 }
 
+TEST_F(Duration, LessThanAFrameBackwardsIsNothing) {
+    EXPECT_EQ(duration(3600, 3599, 3), Result(0, "00:00:00:00"));
+    EXPECT_EQ(duration(3600, 1, 3), Result(0, "00:00:00:00"));
+    EXPECT_EQ(duration(3600, 0, 3).first, 20046) << "a whole frame";
+}
+
 TEST_F(Duration, OfAFileThatCannotBeOpenedIsAnError) {
     EXPECT_EQ(durationOf(directory.path("missing"), 3).first, 20045);
     EXPECT_THAT(log.str(), HasSubstr("[MpegWrapper:Error] Error: Unable to open input file " +

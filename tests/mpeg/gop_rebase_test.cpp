@@ -211,6 +211,20 @@ TEST_F(GopRebase, MangleLeavesACutHeaderAlone) {
     }
 }
 
+TEST_F(GopRebase, TheSearchGoesOnOneByteBehindEachCode) {
+    const auto mangled = [](Bytes bytes) {
+        Collector out;
+        gop_rebase stage(VIDEO, &out, 0, 0);
+        array_byte_sequence view(bytes.data(), static_cast<int>(bytes.size()));
+        stage.mangle(view, 0);
+        return bytes;
+    };
+    const Bytes overlapping = Bytes{0, 0, 1} + gopHeader(1, 2, 3, 4) + filler(20);
+    EXPECT_EQ(mangled(overlapping), overlapping) << "its first byte is the value of the code before";
+    EXPECT_THAT(timecodes(mangled(Bytes{0, 0, 1, 9} + gopHeader(1, 2, 3, 4) + filler(20))),
+                ElementsAre("00:00:00:00"));
+}
+
 // From file to file.
 class RebaseFile : public GopRebase {
 protected:

@@ -18,6 +18,24 @@ protected:
         feed();
     }
 
+    static Bytes firstOf(const Bytes& bytes, std::size_t count) {
+        return {bytes.begin(), bytes.begin() + static_cast<long>(count)};
+    }
+    // A grabber that has looked into these bytes (at most 184), which are all of the joined payloads.
+    static std::unique_ptr<grab_video_header> fedWith(const Bytes& joined) {
+        auto fresh = std::make_unique<grab_video_header>(VIDEO, 0);
+        TsMaker stream;
+        // Two packets without a byte of payload, so that a cut is the end.
+        stream.packet(VIDEO, true, joined).packet(VIDEO, false, {}).packet(VIDEO, false, {});
+        for (std::size_t at = 0; at + 188 <= stream.bytes.size(); at += 188) {
+            // In memory of its own size, so that a sanitizer sees the byte behind.
+            const auto packet = std::make_unique<unsigned char[]>(188);
+            std::copy_n(stream.bytes.data() + at, 188, packet.get());
+            fresh->process(packet.get(), 0);
+        }
+        return fresh;
+    }
+
     grab_video_header grabber{VIDEO, 0};
 };
 
@@ -36,6 +54,15 @@ TEST_F(GrabVideo, KeepsTheHeadersOfTheLastPesThatHadOne) {
     EXPECT_EQ(grabber.sequence_extension(), nullptr);
     EXPECT_NE(grabber.gop_header(), nullptr);
     EXPECT_EQ(grabber.gop_count(), 2);
+}
+
+TEST_F(GrabVideo, AnExtensionAloneReplacesWhatWasKept) {
+    feedPes(sequenceHeader(720, 576, 3) + sequenceExtension(0x48) + gopHeader(1, 2, 3, 4));
+    feedPes(sequenceExtension(0x44));
+    EXPECT_EQ(grabber.sequence_header(), nullptr);
+    EXPECT_EQ(grabber.gop_header(), nullptr);
+    ASSERT_NE(grabber.sequence_extension(), nullptr);
+    EXPECT_EQ(grabber.sequence_extension()[5] >> 4, 0x4) << "the level of the new one";
 }
 
 TEST_F(GrabVideo, HeadersMayLieAcrossThreePackets) {
@@ -68,6 +95,8 @@ TEST_F(GrabVideo, TheScanEndsWithTheFirstCodeInTheSecondHalf) {
     EXPECT_EQ(gopsSeen(100, 200), 2);
     EXPECT_EQ(gopsSeen(100, 300), 2) << "the first one in the second half";
     EXPECT_EQ(gopsSeen(300, 400), 1) << "and no other";
+    EXPECT_EQ(gopsSeen(270, 400), 2) << "the search goes on at 274";
+    EXPECT_EQ(gopsSeen(271, 400), 1) << "and ends at 275";
 }
 
 TEST_F(GrabVideo, FieldsOfTheFirstGopAreCounted) {
@@ -158,24 +187,54 @@ TEST_F(GrabVideo, OnlyASequenceExtensionInFrontTellsWhatIsRepeated) {
 }
 
 TEST_F(GrabVideo, CutStreamsStayInside) {
+    // The bytes behind the headers let the search, which fails from the middle on, come to all of them.
     const Bytes whole = pesHeader(3600) + sequenceHeader(720, 576, 3) + sequenceExtension(0x48) +
-                        gopHeader(1, 2, 3, 4) + pictureHeader() + pictureCodingExtension(3, true, true);
+                        gopHeader(1, 2, 3, 4) + pictureHeader() + pictureCodingExtension(3, true, true) +
+                        filler(100);
     for (std::size_t length = 0; length <= whole.size(); ++length) {
-        grab_video_header fresh(VIDEO, 0);
-        TsMaker stream;
-        // Two packets without a byte of payload, so that the cut is the end.
-        stream.packet(VIDEO, true, Bytes(whole.begin(), whole.begin() + static_cast<long>(length)));
-        stream.packet(VIDEO, false, {}).packet(VIDEO, false, {});
-        for (std::size_t at = 0; at + 188 <= stream.bytes.size(); at += 188) {
-            const auto packet = std::make_unique<unsigned char[]>(188);
-            std::copy_n(stream.bytes.data() + at, 188, packet.get());
-            fresh.process(packet.get(), 0);
+        SCOPED_TRACE(length);
+        const auto fresh = fedWith(firstOf(whole, length));
+        EXPECT_EQ(fresh->pts(), length >= 14 ? PTS::from_ticks(3600) : PTS(-1));
+        // The sequence header begins at 14; what follows the others is the search that reaches them.
+        ASSERT_EQ(fresh->sequence_header() != nullptr, length >= 14 + 8);
+        ASSERT_EQ(fresh->sequence_extension() != nullptr, length >= 2 * 18 + 3);
+        ASSERT_EQ(fresh->gop_header() != nullptr, length >= 2 * 30 + 3);
+        EXPECT_EQ(fresh->gop_count(), length >= 2 * 30 + 3 ? 1 : 0);
+        EXPECT_EQ(fresh->field_counter(), length >= 2 * 48 + 3 ? 3 : length >= 2 * 40 + 3 ? 2 : 0);
+        if (fresh->sequence_header() != nullptr) {
+            EXPECT_EQ(fresh->sequence_header()[7] & 0xF, 3);
         }
-        if (fresh.sequence_header() != nullptr) {
-            EXPECT_EQ(fresh.sequence_header()[7] & 0xF, 3) << length;
+        if (fresh->sequence_extension() != nullptr) {
+            EXPECT_EQ(fresh->sequence_extension()[5] >> 4, 8);
         }
-        EXPECT_LE(fresh.gop_count(), 1);
+        if (fresh->gop_header() != nullptr) {
+            EXPECT_EQ(fresh->gop_header()[7], 0x40) << "frame 4, closed";
+        }
     }
+}
+
+TEST_F(GrabVideo, AHeaderCountsFromTheLastByteThatIsReadOfIt) {
+    const auto cut = [](const Bytes& header, std::size_t left) {
+        return fedWith(pesHeader(1) + firstOf(header, left));
+    };
+    EXPECT_EQ(cut(sequenceHeader(720, 576, 3), 7)->sequence_header(), nullptr);
+    EXPECT_NE(cut(sequenceHeader(720, 576, 3), 8)->sequence_header(), nullptr);
+    EXPECT_EQ(cut(sequenceExtension(0x48), 6)->sequence_extension(), nullptr);
+    EXPECT_NE(cut(sequenceExtension(0x48), 7)->sequence_extension(), nullptr);
+    EXPECT_EQ(cut(gopHeader(1, 2, 3, 4), 7)->gop_header(), nullptr);
+    EXPECT_EQ(cut(gopHeader(1, 2, 3, 4), 7)->gop_count(), 1) << "a cut one counts as seen";
+    EXPECT_NE(cut(gopHeader(1, 2, 3, 4), 8)->gop_header(), nullptr);
+    EXPECT_EQ(cut(pictureCodingExtension(1, false, false), 7)->field_counter(), 0);
+    EXPECT_EQ(cut(pictureCodingExtension(1, false, false), 8)->field_counter(), -1);
+    EXPECT_EQ(cut(pictureCodingExtension(3, true, true), 7)->field_counter(), 0);
+    EXPECT_EQ(cut(pictureCodingExtension(3, true, true), 8)->field_counter(), 1);
+}
+
+TEST_F(GrabVideo, TheSearchGoesOnOneByteBehindEachCode) {
+    const Bytes gop = gopHeader(1, 2, 3, 4);
+    EXPECT_EQ(fedWith(pesHeader(1) + Bytes{0, 0, 1, 9} + gop + filler(50))->gop_count(), 1);
+    EXPECT_EQ(fedWith(pesHeader(1) + Bytes{0, 0, 1} + gop + filler(50))->gop_count(), 0)
+        << "its first byte is the value of the code before";
 }
 
 TEST_F(GrabVideo, HostilePacketsStayInside) {

@@ -1,4 +1,5 @@
 // Rebasing from file to file, held to the same done stage by stage.
+#include "mpeg/MpegWrapper.h"
 #include "mpeg/gop_rebase.h"
 #include "query_files.h"
 
@@ -189,6 +190,53 @@ TEST_F(FileAgainstStages, AHeaderIsNotJoinedAcrossThePesThatFollows) {
     others(400);
     expectTheSame();
     EXPECT_EQ(bytesOf(outPath()), std::string(maker.bytes.begin(), maker.bytes.begin() + BLOCK));
+}
+
+// --- the two forms that look for the video PID themselves
+
+using Rebase = int (*)(const char* in, const char* out);
+
+int rebaseToZero(const char* in, const char* out) {
+    return gop_rebase::rebaseFile(in, out, 0);
+}
+int rebaseByMode(const char* in, const char* out) {
+    return MpegWrapper::rebaseFile(in, out, gop_rebase::rebase_to_zero, mpeg_timecode());
+}
+
+TEST_F(FileAgainstStages, TheMapIsFoundAsFarAsThePacketInWhichTheLimitLies) {
+    const struct {
+        Rebase rebase;
+        std::size_t last; // index of the last packet that is read for it
+    } rows[] = {{rebaseByMode, 53}, {rebaseToZero, 2659}};
+    for (const auto& [rebase, last] : rows)
+        for (const std::size_t map : {last, last + 1}) {
+            SCOPED_TRACE(map);
+            std::filesystem::remove(outPath());
+            maker = TsMaker();
+            others(map - 1);
+            maker.tables({{0x02, VIDEO}});
+            ASSERT_EQ(maker.packets(), map + 1);
+            firstGop();
+            EXPECT_EQ(rebase(write().c_str(), outPath().c_str()), map == last ? 0 : -1);
+            EXPECT_EQ(std::filesystem::exists(outPath()), map == last);
+        }
+}
+
+TEST_F(FileAgainstStages, OfALostPacketOnlyTheCheckerTells) {
+    maker.tables({{0x02, VIDEO}});
+    firstGop();
+    maker.skipCounter(VIDEO);
+    firstGop();
+    const std::string in = write();
+    for (const Rebase rebase : {rebaseToZero, rebaseByMode}) {
+        LogUtil::GetInstance()->setDefaultLogLevel(BaseLogger::Debug);
+        const CapturedLog log;
+        EXPECT_EQ(rebase(in.c_str(), outPath().c_str()), -3);
+        EXPECT_THAT(log.text(),
+                    HasSubstr("[mpegParseLib:Info] ContinuityNazi: error in countinuity counter!\r\n"));
+        EXPECT_THAT(log.text(), HasSubstr("[mpegParseLib:Debug] PredictCC = "));
+        EXPECT_THAT(log.text(), testing::Not(HasSubstr("Continuity error: ")));
+    }
 }
 
 // --- the command form, whose video PID is fixed

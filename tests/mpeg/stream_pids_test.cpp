@@ -1,5 +1,6 @@
 // The first pass over a file: PCR, PMT and video PID; and the finer points of the continuity check.
 #include "mpeg/CaptureEngUtils.h"
+#include "mpeg/MpegWrapper.h"
 #include "mpeg/mpeg.h"
 #include "query_files.h"
 
@@ -38,6 +39,30 @@ TEST_F(StreamPids, EveryPatCountsSoAMovedMapIsFollowed) {
 TEST_F(StreamPids, AMapBeforeAnyPatIsIgnored) {
     maker.map({{0x02, 0x300}});
     EXPECT_EQ(pids(write()), Pids({-1, -1, -1, -1}));
+}
+
+TEST_F(StreamPids, ThePcrPidHasThirteenBitsAndMustLieInTheSection) {
+    constexpr std::size_t SECTION = 188 + 5; // of the map, in the second packet
+    maker.tables({{0x02, 0x100}});
+    maker.bytes[SECTION + 8] = 0xE0 | 0x1A;
+    maker.bytes[SECTION + 9] = 0xBC;
+    EXPECT_EQ(pids(write()), Pids({0, 0x1ABC, TsMaker::PMT_PID, 0x100}));
+    maker.bytes[SECTION + 2] = 7; // section_length: up to PCR_PID
+    EXPECT_EQ(pids(write()), Pids({-1, 0x1ABC, TsMaker::PMT_PID, -1}));
+    maker.bytes[SECTION + 2] = 6;
+    EXPECT_EQ(pids(write()), Pids({-1, -1, TsMaker::PMT_PID, -1}));
+}
+
+TEST_F(StreamPids, APatOfNetworkPidsAloneIsAMapToTheFirstPassOnly) {
+    // Three entries of program number 0 which, as a map, have two bytes of program information and an MPEG-2
+    // stream on PID 0x100.
+    Bytes payload{0, 0x00, 0xB0, 21, 0, 1, 0xC1, 0, 0};
+    payload = payload + Bytes{0, 0, 0xF0, 2} + Bytes{0, 0, 0x02, 0xE1} + Bytes{0, 0, 0, 0};
+    payload.resize(184, 0xFF);
+    maker.packet(0, true, payload);
+    const std::string path = write();
+    EXPECT_EQ(MpegWrapper::GetVideoType(path.c_str()), 3);
+    EXPECT_EQ(pids(path), Pids({0, 0, 0, 0x100}));
 }
 
 TEST_F(StreamPids, HostileFilesEnd) {
