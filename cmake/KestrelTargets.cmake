@@ -57,13 +57,15 @@ function(kestrel_configure_test target)
   endif()
 endfunction()
 
-# kestrel_add_test(NAME SOURCES ... LINKS ... [THREADS] [SERIAL] [ALONE] [TIMEOUT seconds])
-# One GoogleTest program of a subsystem; each of its tests becomes a ctest test.
+# kestrel_add_test(NAME SOURCES ... LINKS ... [THREADS] [SERIAL] [ALONE] [SHARDS n] [TIMEOUT seconds])
+# One GoogleTest program of a subsystem; each of its tests becomes a ctest test, a process of its own.
 #   THREADS  has threads, so it also runs under ThreadSanitizer (its ctest label ends in "-threads")
 #   SERIAL   its tests share something host-wide (queue names, settings files) and hold one ctest lock
 #   ALONE    they use up what all processes of a user share (bytes in message queues) and run by themselves
+#   SHARDS   its tests compute rather than wait, and starting a process takes longer than most of them: they
+#            become n ctest tests, each with its share. Run the program with --gtest_filter to pick one.
 function(kestrel_add_test name)
-  cmake_parse_arguments(arg "THREADS;SERIAL;ALONE" "TIMEOUT" "SOURCES;LINKS" ${ARGN})
+  cmake_parse_arguments(arg "THREADS;SERIAL;ALONE" "SHARDS;TIMEOUT" "SOURCES;LINKS" ${ARGN})
   add_executable(${name} ${arg_SOURCES})
   target_link_libraries(${name} PRIVATE ${arg_LINKS})
   target_include_directories(${name} PRIVATE ${KESTREL_SOURCE_ROOT}/tests)
@@ -77,7 +79,9 @@ function(kestrel_add_test name)
     kestrel_configure_test(kestrel_test_headers)
   endif()
   target_precompile_headers(${name} REUSE_FROM kestrel_test_headers)
-  if(NOT arg_TIMEOUT)
+  if(NOT arg_TIMEOUT AND arg_SHARDS)
+    set(arg_TIMEOUT 300)
+  elseif(NOT arg_TIMEOUT)
     set(arg_TIMEOUT 120)
   endif()
   # One label a test: a list of them does not survive the way to ctest.
@@ -97,6 +101,15 @@ function(kestrel_add_test name)
   endif()
   if(arg_ALONE)
     list(APPEND properties RUN_SERIAL TRUE)
+  endif()
+  if(arg_SHARDS)
+    math(EXPR last "${arg_SHARDS} - 1")
+    foreach(index RANGE ${last})
+      add_test(NAME ${name}.shard${index} COMMAND ${name} --gtest_brief=1)
+      set_tests_properties(${name}.shard${index} PROPERTIES ${properties}
+        ENVIRONMENT "GTEST_TOTAL_SHARDS=${arg_SHARDS};GTEST_SHARD_INDEX=${index}")
+    endforeach()
+    return()
   endif()
   include(GoogleTest)
   gtest_discover_tests(${name} TEST_PREFIX "${name}." PROPERTIES ${properties} DISCOVERY_TIMEOUT 60)

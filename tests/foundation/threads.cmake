@@ -12,4 +12,4 @@ kestrel_add_test(foundation_thread_tests
     ${CMAKE_CURRENT_LIST_DIR}/posix_wrappers_test.cpp
     ${CMAKE_CURRENT_LIST_DIR}/queue_messages_test.cpp
   LINKS kestrel::foundation
-  THREADS)
+  THREADS SHARDS 4)

@@ -1,5 +1,5 @@
 # Value types, texts, files and programs.
-kestrel_add_test(foundation_tests
+kestrel_add_test(foundation_tests SHARDS 2
   SOURCES
     app_launch_test.cpp
     argument_list_test.cpp
