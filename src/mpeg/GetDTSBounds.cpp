@@ -6,6 +6,7 @@
 #include "mpeg/video_scan.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <sys/stat.h>
@@ -26,6 +27,8 @@ long read_at(int descriptor, unsigned char* bytes, long count, std::int64_t offs
     while (got < count) {
         const ssize_t part =
             pread(descriptor, bytes + got, static_cast<std::size_t>(count - got), offset + got);
+        if (part < 0 && errno == EINTR)
+            continue;
         if (part <= 0)
             break;
         got += part;

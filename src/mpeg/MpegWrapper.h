@@ -1,13 +1,13 @@
-// Questions about transport-stream files. Each opens the file itself, reads a bounded number of packets and
-// closes it; nothing is kept between calls. A file that cannot be read is an empty one, unless it says
-// otherwise.
+// Questions about transport-stream files. Each opens the file itself, reads what it needs and closes it;
+// nothing is kept between calls. What is looked for in packets is looked for in the first 106,383 (20 MB) of
+// them, unless it says otherwise. A file that cannot be read is an empty one, unless it says otherwise.
 #pragma once
 
 #include "timecode/mpeg_timecode.h"
 
 class MpegWrapper {
 public:
-    // Numbers of profile_and_level_indication (ISO/IEC 13818-2, 8.2 and 8.3).
+    // Numbers of profile_and_level_indication (ISO/IEC 13818-2, tables 8-2 and 8-3).
     enum videoProfile : int {
         profileReserved = 0,
         profileHigh = 1,
@@ -33,13 +33,15 @@ public:
     // The table's value; 0.0 for a code that is not in use.
     static double GetFrameRate(int code);
     // Exact for 24, 25, 30, 50 and 60; any other rate falls to the code of the next non-integral rate above
-    // it, and 0 above 60.
+    // it. 0 for 0.0, above 60 and for NaN.
     static int GetFrameRateCode(double fps);
     // Always -1.0: a placeholder that callers expect.
     static double GetAC3Bitrate(const char* file, int);
 
-    // Duration between the first and the last decoding time as a timecode at that rate. 0, 20045 when the
-    // file cannot be opened, 20046 when its times run backwards; both are logged.
+    // Duration between the first and the last decoding time, rounded up to whole frames, as a timecode. rate:
+    // frame_rate_code 1 to 8; drop: how the timecode is labelled. Read from the file's two ends, and as far
+    // as it takes from each: without MPEG-1 or MPEG-2 video that is all of it (the answer is then 0 frames).
+    // 0, 20045 when the file cannot be opened, 20046 when its times run backwards; both are logged.
     static int GetDuration(const char* file, bool drop, int rate, mpeg_timecode& out);
     // Whether the first packets, at most 44, begin with a sync byte; an empty file is a transport stream.
     static bool IsTransportStreamFile(const char* file);
@@ -52,7 +54,7 @@ public:
     // Looks for the first video stream and returns 3, whatever it finds: GetMpeg2FirstGopTimeCode relies on
     // it.
     static int GetVideoPid(const char* file);
-    // 0 MPEG-1 or MPEG-2, 1 H.264, 3 neither.
+    // 0 MPEG-1 or MPEG-2, 1 H.264, 3 neither: by the last map table among the packets looked at.
     static int GetVideoType(const char* file);
     // -10 when the video is not MPEG-1 or MPEG-2, else 0. No time code is returned.
     static int GetMpeg2FirstGopTimeCode(const char* file);

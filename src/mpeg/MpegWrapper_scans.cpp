@@ -27,7 +27,7 @@ int elementary_pid(const unsigned char* entry) {
     return MPEG::PMT::PIDInfo::elementary_PID(entry);
 }
 
-// profile_and_level_indication with the escape bit, ISO/IEC 13818-2, table 8-3.
+// profile_and_level_indication with the escape bit, ISO/IEC 13818-2, table 8-4.
 struct EscapedIndication {
     int indication;
     int profile;

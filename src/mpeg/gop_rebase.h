@@ -13,10 +13,11 @@
 // pass over one file.
 class gop_rebase : public pipeline_mangler {
 public:
+    // What happens to each time code.
     enum Mode {
-        rebase_to_zero = 0, // the first GOP becomes 00:00:00:00, later ones keep their distance from it
-        add_offset = 1,
-        subtract_offset = 2,
+        rebase_to_zero = 0,  // the first GOP becomes 00:00:00:00, later ones keep their distance from it
+        add_offset = 1,      // the offset is added
+        subtract_offset = 2, // the offset is taken away
     };
 
     // pid: of the video; next: the following stage, which must outlive this one; level: see packet_mangler.
@@ -34,8 +35,9 @@ public:
     void mangle(byte_sequence& pes, int unused);
 
     // Rebases a file to zero. 0; -1 when no video PID is found in the first 500,000 bytes, -2 when it is 0,
-    // -3 at the first continuity error (what came before it is in out). The output lacks its tail: what does
-    // not fill a block of 65,536 bytes is lost, and a short file comes out empty.
+    // -1 (logged) when in is no regular file or both are one, -3 at the first continuity error (what came
+    // before it is in out). The output lacks its tail: what does not fill a block of 65,536 bytes is lost,
+    // and a short file comes out empty. level: see packet_mangler.
     static int rebaseFile(const char* in, const char* out, int level);
 
     // The command form, on PID 481: in, out, [mode, [hh:mm:ss:ff]], the time code at 30 frames a second. A
@@ -67,7 +69,7 @@ struct RebasePlan {
 int find_video_pid(const char* in, long long max_bytes);
 
 // Rebases in to out on a known PID; 0, or -3 at the first continuity error, which is logged at Debug when
-// log_continuity is set. -1 (logged) when both are one file, which would be lost.
+// log_continuity is set. -1 (logged) when both are one file, which would be lost, or in is no regular file.
 int rebase_packets(const char* in, const char* out, int video_pid, const RebasePlan& plan,
                    bool log_continuity);
 

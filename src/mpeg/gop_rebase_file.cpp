@@ -74,13 +74,15 @@ private:
     // Where what must stay in memory begins.
     [[nodiscard]] std::size_t held() const { return m_saved == NONE ? m_next : m_saved; }
 
-    // Reads on behind what is there; false at the end of the file. Anything but a regular file has no
-    // packets: a device such as /dev/zero would have no end.
+    // Reads on behind what is there; false at the end of the file.
     bool fill() {
         if (!m_in)
             return false;
         m_bytes.resize(m_end + READ_BLOCK);
-        const ssize_t got = read(fileno(m_in.get()), m_bytes.data() + m_end, READ_BLOCK);
+        ssize_t got = -1;
+        do
+            got = read(fileno(m_in.get()), m_bytes.data() + m_end, READ_BLOCK);
+        while (got < 0 && errno == EINTR);
         if (got <= 0)
             return false;
         m_end += static_cast<std::size_t>(got);
@@ -154,6 +156,11 @@ int kestrel::rebase_packets(const char* in, const char* out, int video_pid, cons
                             bool log_continuity) {
     if (are_one_file(in, out)) {
         LogUtil::Error(MODULE, "Cannot rebase %s onto itself", in);
+        return -1;
+    }
+    // A device such as /dev/zero would have no end, and a pipe has lost what the search for its PID has read.
+    if (struct stat status{}; stat(in, &status) == 0 && !S_ISREG(status.st_mode)) {
+        LogUtil::Error(MODULE, "Cannot rebase %s: it is not a regular file", in);
         return -1;
     }
     BlockRebase rebase(in, out, video_pid, plan);

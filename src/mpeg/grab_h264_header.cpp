@@ -78,8 +78,9 @@ void grab_h264_header::take_sei(const byte_sequence& rbsp) {
             if (H264::SEI::PicTiming(constsubsequence(rbsp, position, bytes)).has_time_code())
                 m_time_code_seen = true;
         }
-        // The two values' own bytes are not added: the next message is looked for inside this one, as ever.
-        // One of no size would be looked at for ever.
+        // The two values' own bytes are not added: the next message is looked for inside this one,
+        // deliberately, so that what is told of a file does not change. One of no size would be looked at for
+        // ever.
         if (size < 1 || size >= length)
             return;
         offset += size;

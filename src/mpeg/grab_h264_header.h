@@ -1,4 +1,4 @@
-// Finds the sequence parameter sets of an H.264 stream in its transport packets.
+// Finds the sequence parameter sets of an H.264 stream (ITU-T H.264, 7.3.2.1) in its transport packets.
 #pragma once
 
 #include "mpeg/h264.h"
@@ -18,18 +18,18 @@ public:
     void flush(long) override {}
 
     // Reads a transport-stream file, at most its first 106,383 packets, until the first H.264 stream has
-    // shown two parameter sets, and copies the latest to out; out stays as it is when there are none. Always
-    // 0.
+    // shown two parameter sets, and copies the latest to out; out stays as it is when there are none. level:
+    // see packet_mangler. Always 0.
     static int getSequenceParams(char* filename, H264::SequenceParameterSet& out, int level);
 
-    // The last parameter set, and how many have been seen.
+    // The last parameter set (H.264, 7.3.2.1.1), and how many have been seen.
     [[nodiscard]] const H264::SequenceParameterSet& sps() const noexcept { return m_sps; }
     [[nodiscard]] int sps_count() const noexcept { return m_sps_count; }
     // Presentation time of the last PES packet that began on the PID; absent (-1) when it has none.
     [[nodiscard]] PTS pts() const noexcept { return m_pts; }
-    // Whether a picture timing message with a clock timestamp was seen.
+    // Whether a picture timing message (H.264, D.1.2) with a clock timestamp was seen.
     [[nodiscard]] bool has_time_code() const noexcept { return m_time_code_seen; }
-    // Twice the number of slices between the first and the second parameter set.
+    // Twice the number of slices (H.264, 7.3.3) between the first and the second parameter set.
     [[nodiscard]] int slice_counter() const noexcept { return m_slice_counter; }
 
 private:

@@ -23,7 +23,8 @@ public:
     void flush(long) override {}
 
     // Reads a transport-stream file, at most its first 106,383 packets, until the second GOP of the first
-    // MPEG-1 or MPEG-2 video stream. Width and height in pixels, -1 when there is none. Always 0.
+    // MPEG-1 or MPEG-2 video stream. Width and height in pixels, -1 when there is none. level:
+    // see packet_mangler. Always 0.
     static int getDimensions(char* file, int& width, int& height, int level);
 
     // The headers in the last PES packet that had one of them, each from its start code 00 00 01 xx on and

@@ -13,7 +13,7 @@ constexpr std::int64_t DEFAULT_UNITS_IN_TICK = 3003;
 constexpr std::int64_t DEFAULT_TIME_SCALE = 180'000;
 
 // The profiles whose parameter sets have the chroma and scaling fields, as far as they are recognised; later
-// ones are deliberately read like the main profile.
+// ones are deliberately read like the main profile, so that what is told of a file does not change.
 bool is_high_profile(int profile_idc) {
     return profile_idc == 100 || profile_idc == 110 || profile_idc == 122 || profile_idc == 144;
 }

@@ -164,8 +164,9 @@ public:
     static int getCounter(const unsigned char* packet) { return kestrel::ts::continuity_counter(packet); }
 
     // Whether the packet's counter follows the last one of its PID. Null packets and the first packet of a
-    // PID always do. Deliberately stricter than the standard: a duplicate packet counts as an error and
-    // discontinuity_indicator is not consulted. verbose logs both counters under "mpegParseLib".
+    // PID always do. Deliberately stricter than the standard, since in a recording either may hide a loss: a
+    // duplicate packet counts as an error and discontinuity_indicator is not consulted. verbose logs both
+    // counters under "mpegParseLib".
     bool packetIsCool(const unsigned char* packet, bool verbose);
 
     // What the last failure was, "" before the first: "expected %d not %d : PID %d".

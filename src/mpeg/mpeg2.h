@@ -40,7 +40,8 @@ int fake_frame_rate_code(double fps);
 // two shortest fields: 183 bytes leave only the length byte, more leave no field. Less than 0 counts as 0.
 // (ISO/IEC 13818-1, 2.4.3.4 and 2.4.3.5.)
 void expand_adaptation(unsigned char* packet, int payload_bytes);
-// Makes a null packet (ISO/IEC 13818-1, 2.4.3.3): PID 0x1FFF, counter 0. Its payload is zeros.
+// Makes a null packet (ISO/IEC 13818-1, 2.4.3.3): PID 0x1FFF, counter 0. Its payload is zeros:
+// any bytes may stand there, and these make equal packets.
 void craft_NULL_PID(unsigned char* packet);
 
 // PES packet header, ISO/IEC 13818-1, 2.4.3.6 and 2.4.3.7.

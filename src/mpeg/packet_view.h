@@ -14,11 +14,15 @@ namespace kestrel::ts {
 
 // Bytes of a packet.
 inline constexpr int packet_size = 188;
+// First byte of each packet.
 inline constexpr unsigned char sync_byte = 0x47;
+// PID of null packets (2.4.3.3, table 2-3), and how many PIDs there are.
 inline constexpr int null_pid = 0x1FFF;
 inline constexpr int pid_count = 0x2000;
+// Bytes in front of adaptation field and payload.
 inline constexpr int header_size = 4;
 
+// A view into a packet, and one that may be written through.
 using bytes = std::span<const unsigned char>;
 using writable_bytes = std::span<unsigned char>;
 

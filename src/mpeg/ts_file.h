@@ -12,6 +12,7 @@
 // Where packets (ISO/IEC 13818-1, 2.4.3.2) come from.
 class transport_source {
 public:
+    // A source is deleted through this interface.
     virtual ~transport_source() = default;
     // The next 188-byte packet, null at the end.
     virtual unsigned char* get_ts() = 0;
@@ -50,6 +51,7 @@ class packet_mangler {
 public:
     // level: how much a stage that prints tells; kept for it and not looked at here.
     explicit packet_mangler(int level) noexcept : m_level(level) {}
+    // A stage is deleted through this interface; it does not delete the next one.
     virtual ~packet_mangler() = default;
     packet_mangler(const packet_mangler&) = delete;
     packet_mangler& operator=(const packet_mangler&) = delete;

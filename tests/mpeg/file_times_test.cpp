@@ -54,6 +54,24 @@ TEST_F(DtsBounds, TheVideoPidIsTheFirstMpegEntryAndNeverH264) {
     EXPECT_EQ(bounds(write()), Bounds(-1, -1));
 }
 
+// Unlike the queries that stop after 20 MB: a time is looked for as far as it takes.
+TEST_F(DtsBounds, AreLookedForToTheEndOfTheFile) {
+    constexpr int NULL_PACKETS = 150'000; // 28 MB
+    maker.tables({{0x1B, VIDEO}});
+    const std::string path = write();
+    mpeg_timecode length(0, 0, 0, 1, false, 3);
+    EXPECT_EQ(MpegWrapper::GetDuration(path.c_str(), false, 3, length), 0);
+    EXPECT_STREQ(length.windows_string(), "00:00:00:00") << "no video of MPEG-1 or MPEG-2";
+    std::filesystem::resize_file(path, std::filesystem::file_size(path) + std::uintmax_t{188} * NULL_PACKETS);
+    maker = TsMaker();
+    maker.tables({{0x02, VIDEO}});
+    std::ofstream(path, std::ios::binary | std::ios::app)
+        .write(reinterpret_cast<const char*>(maker.bytes.data()),
+               static_cast<std::streamsize>(maker.bytes.size()));
+    const File file(std::fopen(path.c_str(), "rb"));
+    EXPECT_EQ(GetDTSBounds::get_video_PID(file.get()), VIDEO);
+}
+
 TEST_F(DtsBounds, Mpeg1VideoCounts) {
     maker.tables({{0x01, VIDEO}});
     picture(7200, 3600);

@@ -1,9 +1,13 @@
 // Rebasing from file to file, held to the same done stage by stage.
+#include "foundation/UniqueFd.h"
 #include "mpeg/MpegWrapper.h"
 #include "mpeg/gop_rebase.h"
 #include "query_files.h"
 
 #include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 using testing::HasSubstr;
 
@@ -303,9 +307,26 @@ TEST_F(RebaseHarness, AContinuityErrorIsLoggedAtDebug) {
     EXPECT_THAT(log.text(), HasSubstr("[captureEngLib:Debug] Continuity error: expected 0 not 1 : PID 481"));
 }
 
-TEST_F(RebaseHarness, ADeviceWithoutEndHasNoPackets) {
-    EXPECT_EQ(harness({"gop_rebase", "/dev/zero", outPath()}), 0);
-    EXPECT_EQ(std::filesystem::file_size(outPath()), 0U);
+TEST_F(RebaseHarness, ADeviceWithoutEndIsRefusedAndNothingIsWritten) {
+    const CapturedLog log;
+    EXPECT_EQ(harness({"gop_rebase", "/dev/zero", outPath()}), -1);
+    EXPECT_FALSE(std::filesystem::exists(outPath()));
+    EXPECT_THAT(log.text(), HasSubstr("Cannot rebase /dev/zero: it is not a regular file"));
+}
+
+// The search for the video PID would have read the pipe's beginning, and the output would lack it.
+TEST_F(RebaseHarness, APipeIsRefusedThoughItHasPackets) {
+    std::ifstream file(write(), std::ios::binary);
+    const std::string packets{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    const std::string pipe = outPath() + ".fifo";
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    const kestrel::UniqueFd keeper(open(pipe.c_str(), O_RDWR | O_CLOEXEC));
+    const std::size_t some = std::min<std::size_t>(packets.size(), 20 * 188);
+    ASSERT_EQ(::write(keeper.get(), packets.data(), some), static_cast<ssize_t>(some));
+    const CapturedLog log;
+    EXPECT_EQ(harness({"gop_rebase", pipe, outPath()}), -1);
+    EXPECT_FALSE(std::filesystem::exists(outPath()));
+    EXPECT_THAT(log.text(), HasSubstr("it is not a regular file"));
 }
 
 } // namespace
