@@ -130,6 +130,8 @@ void CaptureJob::setEncoderField(InputField& field, int number) {
             encoder.vitcInput = field.getCurrValue_bool(encoder.vitcInput);
             if (const auto said = saidBool(field))
                 options.vitcInput = said;
+            else
+                warnOfTaken(field, TRUE_OR_FALSE, boolText(encoder.vitcInput));
         }
     });
 }

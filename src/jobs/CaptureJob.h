@@ -164,13 +164,20 @@ private:
         int hour = 0;
         int minute = 0;
         int second = 0;
+        bool followed = false; // by something that is not read
 
         static std::optional<GivenTime> read(const char* text);
         [[nodiscard]] CTimeUtil asStored() const;
+        [[nodiscard]] tm record() const; // not normalised
         [[nodiscard]] std::time_t onTheCalendar() const;
+        // Whether the calendar, with its daylight saving, has that time.
+        [[nodiscard]] bool possible() const;
+        // The time that the calendar makes of it, in the form of a request.
+        [[nodiscard]] std::string calendarText() const;
     };
 
     void takeTime(const InputField& field, CTimeUtil& time, std::optional<GivenTime>& given);
+    void explainTimes(int code, bool endGiven) const;
 
     std::optional<GivenTime> m_givenStart;
     std::optional<GivenTime> m_givenEnd;

@@ -67,6 +67,8 @@ int CaptureTimedJob::setFields(std::vector<InputField>& fields) {
         else
             setField(field);
     }
+    // Not checked, but told: the worker's refusal speaks of a frame rate.
+    warnUnlessDuration(InputField::FieldName[InputField::DURATION], duration);
     return validate();
 }
 
@@ -184,10 +186,13 @@ void CaptureVTRJob::setInternalCue(InputField& field) {
                          valueText(field));
         return;
     }
+    bool used = false;
     ResourceMgr::GetResourceMgrInst()->withRecords(
-        [&] { vtr->useInternalCue = field.getCurrValue_bool(vtr->useInternalCue); });
+        [&] { used = vtr->useInternalCue = field.getCurrValue_bool(vtr->useInternalCue); });
     if (const auto said = saidBool(field))
         m_internalCue = said;
+    else if (field.getFieldName() == InputField::VTR_USE_INTERNAL_CUE)
+        warnOfTaken(field, TRUE_OR_FALSE, boolText(used));
 }
 
 void CaptureVTRJob::SetVTR(Vtr* deck) {

@@ -1,5 +1,6 @@
 // The capture at a scheduled time.
 #include "foundation/ErrorCodes.h"
+#include "foundation/FixedText.h"
 #include "foundation/Logger.h"
 #include "jobs/CaptureJob.h"
 #include "jobs/InputField.h"
@@ -11,6 +12,12 @@
 #include <string_view>
 
 using namespace kestrel;
+
+namespace {
+
+constexpr std::string_view BLANKS = " \t\r\n\v\f";
+
+} // namespace
 
 CaptureScheduledJob::CaptureScheduledJob() : CaptureScheduledJob(0) {}
 
@@ -36,6 +43,7 @@ int CaptureScheduledJob::validate() {
 }
 
 int CaptureScheduledJob::setFields(std::vector<InputField>& fields) {
+    bool endGiven = false;
     for (InputField& field : fields) {
         switch (field.getFieldName()) {
         case InputField::START_TIME:
@@ -43,13 +51,40 @@ int CaptureScheduledJob::setFields(std::vector<InputField>& fields) {
             break;
         case InputField::END_TIME:
             takeTime(field, endTime, m_givenEnd);
+            endGiven = true;
             break;
         default:
             setField(field);
             break;
         }
     }
-    return validate();
+    const int code = validate();
+    explainTimes(code, endGiven);
+    return code;
+}
+
+// The refusal of an end before its start has one text for all its causes, and a capture without length none.
+void CaptureScheduledJob::explainTimes(int code, bool endGiven) const {
+    if (code == error::endBeforeStart && !endGiven && endTime == CTimeUtil()) {
+        LogUtil::Warning("JobMgmt",
+                         "EndTime: none is given, expected is %s. Without it the end is before any start.",
+                         DATE_AND_TIME);
+        return;
+    }
+    if (!m_givenStart || !m_givenEnd)
+        return;
+    const std::string start = m_givenStart->calendarText();
+    const std::string end = m_givenEnd->calendarText();
+    const bool later = m_givenEnd->onTheCalendar() >= m_givenStart->onTheCalendar();
+    if (code == error::endBeforeStart && later)
+        LogUtil::Warning("JobMgmt",
+                         "EndTime: %s is not before the StartTime %s, but times are compared as those of the "
+                         "following month, which has not as many days. A capture of the same length within "
+                         "one month is taken.",
+                         end.c_str(), start.c_str());
+    else if (code == 0 && elapsedSeconds() == 0)
+        LogUtil::Warning("JobMgmt", "EndTime: %s is not after the StartTime %s: the capture has no length.",
+                         end.c_str(), start.c_str());
 }
 
 void CaptureScheduledJob::takeTime(const InputField& field, CTimeUtil& time,
@@ -57,7 +92,11 @@ void CaptureScheduledJob::takeTime(const InputField& field, CTimeUtil& time,
     given = GivenTime::read(field.currValue);
     time = given ? given->asStored() : CTimeUtil();
     if (!given)
-        warnOfValue(field, "a time month/day/year hour:minute:second");
+        warnOfValue(field, DATE_AND_TIME);
+    else if (given->followed)
+        warnOfTaken(field, DATE_AND_TIME, given->calendarText());
+    else if (!given->possible())
+        warnOfTaken(field, CALENDAR_TIME, given->calendarText());
 }
 
 // "%d/%d/%d %d:%d:%d" as scanf reads it: blanks before any number, and anything behind the last.
@@ -71,7 +110,7 @@ std::optional<CaptureScheduledJob::GivenTime> CaptureScheduledJob::GivenTime::re
     const Step steps[] = {{&given.month, '/'}, {&given.day, '/'},    {&given.year, '\0'},
                           {&given.hour, ':'},  {&given.minute, ':'}, {&given.second, '\0'}};
     for (const Step& step : steps) {
-        const std::size_t blanks = std::min(rest.find_first_not_of(" \t\r\n\v\f"), rest.size());
+        const std::size_t blanks = std::min(rest.find_first_not_of(BLANKS), rest.size());
         rest.remove_prefix(blanks);
         if (rest.starts_with('+') && !rest.starts_with("+-"))
             rest.remove_prefix(1);
@@ -85,6 +124,7 @@ std::optional<CaptureScheduledJob::GivenTime> CaptureScheduledJob::GivenTime::re
             return std::nullopt;
         rest.remove_prefix(1);
     }
+    given.followed = rest.find_first_not_of(BLANKS) != std::string_view::npos;
     return given;
 }
 
@@ -94,7 +134,7 @@ CTimeUtil CaptureScheduledJob::GivenTime::asStored() const {
     return {year, month, day, hour, minute, second};
 }
 
-std::time_t CaptureScheduledJob::GivenTime::onTheCalendar() const {
+tm CaptureScheduledJob::GivenTime::record() const {
     tm record{};
     record.tm_year = year >= 1900 ? year - 1900 : year;
     record.tm_mon = month > 0 ? month - 1 : month;
@@ -103,7 +143,32 @@ std::time_t CaptureScheduledJob::GivenTime::onTheCalendar() const {
     record.tm_min = minute;
     record.tm_sec = second;
     record.tm_isdst = -1;
-    return std::mktime(&record);
+    return record;
+}
+
+std::time_t CaptureScheduledJob::GivenTime::onTheCalendar() const {
+    tm normal = record();
+    return std::mktime(&normal);
+}
+
+bool CaptureScheduledJob::GivenTime::possible() const {
+    tm normal = record();
+    constexpr int unset = -1;
+    normal.tm_wday = unset;
+    std::mktime(&normal);
+    // Beyond the years that can be counted the record is left as it was.
+    return normal.tm_wday != unset && normal.tm_year + std::int64_t{1900} == year &&
+           normal.tm_mon + 1 == month && normal.tm_mday == day && normal.tm_hour == hour &&
+           normal.tm_min == minute && normal.tm_sec == second;
+}
+
+std::string CaptureScheduledJob::GivenTime::calendarText() const {
+    tm normal = record();
+    std::mktime(&normal);
+    char text[80];
+    formatText(text, "%02d/%02d/%04lld %02d:%02d:%02d", normal.tm_mon + 1, normal.tm_mday,
+               static_cast<long long>(normal.tm_year) + 1900, normal.tm_hour, normal.tm_min, normal.tm_sec);
+    return text;
 }
 
 std::int64_t CaptureScheduledJob::elapsedSeconds() const {

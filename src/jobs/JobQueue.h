@@ -65,8 +65,9 @@ public:
 
     // First job with that GUID, or null.
     Job* getJob(const char* guidText);
-    // The first job that was given that GUID by setGuid, or null; as soon found among many jobs as among few,
-    // also where there is none.
+    // The first job that has had that GUID from when it was queued or was given it by setGuid, or null; as
+    // soon found among many jobs as among few, also where there is none. Bytes written into guid itself do
+    // not count.
     Job* getJobByGivenGuid(const char* guidText);
     // State name of the job with that GUID; an empty text when there is none.
     const char* GetJobStatus(const char* guidText);

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
+#include <array>
 #include <charconv>
 #include <cstdint>
 #include <limits>
@@ -33,27 +34,72 @@ void warnOfValue(const InputField& field, const char* expected) {
                      expected);
 }
 
-void warnUnlessTimecode(const InputField& field) {
-    if (!looksLikeTimecode(valueText(field)))
-        warnOfValue(field, TIMECODE);
+void warnOfTaken(const InputField& field, const char* expected, const std::string& taken) {
+    LogUtil::Warning("JobMgmt", "%s: \"%s\" is not %s, it is taken as %s.", field.name ? field.name : "",
+                     valueText(field), expected, taken.c_str());
 }
 
-bool looksLikeTimecode(const char* text) noexcept {
-    std::string_view rest = text ? text : "";
-    for (int part = 0; part < 4; ++part) {
+namespace {
+
+// Hours, minutes, seconds and frames as they were written, and with how many digits.
+struct Fields {
+    std::array<int, 4> number{};
+    std::array<std::size_t, 4> digits{};
+
+    // Whether minutes and seconds are those of a clock, and the frames could be those of the highest rate.
+    [[nodiscard]] bool inRange() const noexcept {
+        return std::all_of(number.begin() + 1, number.end(), [](int part) { return part <= 59; });
+    }
+};
+
+// Reads hh:mm:ss:ff with these separators, any part with fewer digits or, of the hours, with one more.
+std::optional<Fields> readFields(std::string_view rest, std::string_view between,
+                                 std::string_view beforeFrames) noexcept {
+    Fields fields;
+    for (std::size_t part = 0; part < fields.number.size(); ++part) {
         if (part > 0) {
-            // A drop-frame label has ';' or '.' before the frames.
-            const std::string_view separators = part == 3 ? ":;." : ":";
+            const std::string_view separators = part == 3 ? beforeFrames : between;
             if (rest.empty() || separators.find(rest.front()) == std::string_view::npos)
-                return false;
+                return std::nullopt;
             rest.remove_prefix(1);
         }
         const std::size_t digits = std::min(rest.find_first_not_of("0123456789"), rest.size());
-        if (digits == 0 || digits > 2)
-            return false;
+        if (digits == 0 || digits > (part == 0 ? 3 : 2))
+            return std::nullopt;
+        for (const char digit : rest.substr(0, digits))
+            fields.number[part] = fields.number[part] * 10 + (digit - '0');
+        fields.digits[part] = digits;
         rest.remove_prefix(digits);
     }
-    return rest.empty();
+    return rest.empty() ? std::optional(fields) : std::nullopt;
+}
+
+} // namespace
+
+void warnUnlessTimecode(const InputField& field) {
+    // A drop-frame label has ';' or '.' before the frames.
+    const auto fields = readFields(valueText(field), ":", ":;.");
+    if (!fields || fields->digits[0] > 2)
+        warnOfValue(field, TIMECODE);
+    else if (fields->number[0] > 23 || !fields->inRange())
+        warnOfValue(field, TIMECODE_OF_A_DAY);
+}
+
+void warnUnlessDuration(const char* name, const char* kept) {
+    const std::string_view text = kept;
+    const auto fields = readFields(text, ":;.,", ":;.,");
+    // Of three digits of hours the field has no room for the last digit of the frames.
+    const bool complete = fields && fields->digits[0] >= 2 && fields->digits[1] == 2 &&
+                          fields->digits[2] == 2 && (fields->digits[3] == 2 || fields->digits[0] == 3);
+    if (complete && fields->inRange())
+        return;
+    const std::string what =
+        text.empty() ? "none is given, expected is" : '"' + std::string(text) + "\" is not";
+    LogUtil::Warning(
+        "JobMgmt",
+        "%s: %s hh:mm:ss:ff, two digits each (of the hours two or three), with minutes, seconds and "
+        "frames up to 59. The worker is given it as it is.",
+        name, what.c_str());
 }
 
 std::optional<bool> saidBool(const InputField& field) noexcept {

@@ -5,9 +5,12 @@
 #include "foundation/Logger.h"
 #include "foundation/QueueMessages.h"
 #include "jobs/CaptureJob.h"
+#include "jobs/RefusalDetail.h"
 
 #include <cstring>
 #include <span>
+#include <string>
+#include <string_view>
 
 namespace kestrel {
 
@@ -51,7 +54,11 @@ void takeResults(Job& job, const GenericFlatMsg& message) {
     }
     const auto* const text = reinterpret_cast<const char*>(message.payload);
     const auto size = static_cast<std::size_t>(message.payloadSize);
-    job.setResults(fieldText(std::span(text, size)).substr(0, sizeof job.results - 1));
+    const std::string_view results = fieldText(std::span(text, size)).substr(0, sizeof job.results - 1);
+    job.setResults(results);
+    if (const auto* const capture = dynamic_cast<const CaptureJob*>(&job); capture != nullptr)
+        if (const std::string detail = refusalDetail(results, capture->outputFile); !detail.empty())
+            LogUtil::Warning(category, "Job %d %s: %s", number(job), job.guidStr, detail.c_str());
 }
 
 // The deck's answer goes straight to the worker, on the queue that it reads.

@@ -164,6 +164,8 @@ private:
     void rememberRelayed(const _VTRCmdData& record) EXCLUDES(m_relayedMutex);
     bool forgetRelayed(const _VTRCmdData& answer) EXCLUDES(m_relayedMutex);
     void refuseWorkersRequest(_VTRCmdData& record);
+    void logUnsentRequest();
+    void logEndOfOutage();
     bool deckIsDown() const;
     bool askDeck(_VTRCmdData& record);
     static void failPendingVtrRequest(const std::string& why);
@@ -185,6 +187,7 @@ private:
     CallbackLib* m_callbackLib = nullptr;
     kestrel::DeckProcess m_deckProcess; // the response thread's while that runs
     std::atomic<bool> m_deckRunning{false};
+    std::atomic<unsigned> m_refusedInOutage{0}; // requests, until the deck process answers again
     kestrel::UniqueFd m_vtrWake; // an eventfd: the response thread is to look at the shutdown flag
     Mutex m_relayedMutex;
     std::deque<_VTRCmdData> m_relayed GUARDED_BY(m_relayedMutex); // requests of workers without an answer yet

@@ -230,6 +230,8 @@ void CManagerLib::takeDeckAnswers() {
         }
         _VTRCmdData record;
         std::memcpy(&record, message.payload, sizeof record);
+        if (m_deckRunning)
+            logEndOfOutage();
         takeDeckAnswer(record);
     }
 }
@@ -279,10 +281,27 @@ void CManagerLib::handleVTRCmdRequest(_VTRCmdData record) {
     if (m_deckRunning &&
         sendPriorityMsg(m_toVtrQueue, reinterpret_cast<const char*>(message.buffer), message.length, 0) == 0)
         return;
-    LogUtil::Error(MODULE, LOG_MSG(kestrel::error::queueSendFailed), m_toVtrQueueName);
+    logUnsentRequest();
     // Where it is forgotten already, it was refused with the others that waited.
     if (relayed && forgetRelayed(record))
         refuseWorkersRequest(record);
+}
+
+// While the process is down every request fails for the same reason, and a recorder asks several times a
+// second: the first one tells it, the others are counted. A send that fails with the process there is told
+// each time.
+void CManagerLib::logUnsentRequest() {
+    const bool outage = m_settings.deckCtrlExe[0] != '\0' && !m_deckRunning;
+    if (!outage || m_refusedInOutage++ == 0)
+        LogUtil::Error(MODULE, LOG_MSG(kestrel::error::queueSendFailed), m_toVtrQueueName);
+}
+
+// An answer ends an outage, and not the start of a process: one that cannot do its work ends at once again.
+void CManagerLib::logEndOfOutage() {
+    if (const unsigned refused = m_refusedInOutage.exchange(0); refused > 0)
+        LogUtil::Info(MODULE,
+                      "The VTR process answers again. Requests of workers refused while it was down: %u.",
+                      refused);
 }
 
 int CManagerLib::sendVTRCmdRequestBlocking(_VTRCmdData* record) {

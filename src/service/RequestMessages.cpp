@@ -54,6 +54,14 @@ CaptureRequest::CaptureRequest(char args[][300], int count)
     setGuidStr(args[2]);
     if (requestType == JOB_BEGIN || requestType == JOB_VALIDATE)
         takeJob(args, count);
+    else if (requestType == -1)
+        LogUtil::Warning(
+            MODULE,
+            "CAPTURE: \"%s\" is no command type, it is handled as a check of no job type; expected is "
+            "JOB_BEGIN, JOB_VALIDATE, JOB_ABORT, JOB_LOGFILENAME or JOB_LAST_LOG_ENTRIES.",
+            args[1]);
+    else if (requestType == JOB_STATUS || requestType == JOB_RESULTS)
+        LogUtil::Warning(MODULE, "CAPTURE,%s is not answered; the request is %s,GUID.", args[1], args[1]);
 }
 
 void CaptureRequest::takeJob(char args[][300], int count) {
@@ -111,6 +119,10 @@ VerifierRequest::VerifierRequest(char args[][300], int count) : Message(VERIFIER
     if (count > 5) {
         xmlOutput = std::string_view(args[5]) == "XML";
         blocking = xmlOutput || std::string_view(args[5]) == "BLOCK";
+        if (!blocking && args[5][0] != '\0')
+            LogUtil::Warning(
+                MODULE, "GET_MPEG_PROPERTIES: \"%s\" is not BLOCK or XML, it is taken as neither of them.",
+                args[5]);
     }
     if (count > 6)
         kestrel::copyText(optionText, args[6]);

@@ -1,13 +1,17 @@
 // The deck requests.
 #include "foundation/ErrorCodes.h"
 #include "foundation/FixedText.h"
+#include "foundation/Logger.h"
 #include "service/ManagerLib.h"
 #include "service/RequestMessages.h"
 
+#include <charconv>
 #include <cstdlib>
 #include <cstring>
 #include <span>
 #include <string>
+#include <string_view>
+#include <system_error>
 
 namespace {
 
@@ -39,10 +43,24 @@ const CommandWord* findCommand(const char* word) {
 // Of a name that no deck can have, as much as is told back.
 constexpr std::size_t LONGEST_PORT_SHOWN = 100;
 
-// A decimal number, limited to 32 bits; 0 for a text that is none.
+// The decimal number at the beginning of a text, limited to 32 bits; 0 when there is none.
 std::int32_t decimal(const char* text) {
     const long value = std::strtol(text, nullptr, 10);
     return value > INT32_MAX ? INT32_MAX : value < INT32_MIN ? INT32_MIN : static_cast<std::int32_t>(value);
+}
+
+// The speed of a shuttle. What is no number is taken all the same, and the tape does not do what was meant.
+std::int32_t shuttleSpeed(const char* text) {
+    const std::int32_t speed = decimal(text);
+    std::int32_t exact = 0;
+    const std::string_view digits = text[0] == '+' && text[1] != '-' ? text + 1 : text;
+    const auto [end, failure] = std::from_chars(digits.data(), digits.data() + digits.size(), exact);
+    if (failure != std::errc() || end != digits.data() + digits.size())
+        LogUtil::Warning(
+            "RequestMessages",
+            "VTR_CMD Shuttle: the speed \"%s\" is not a decimal number of 32 bits, it is taken as %d.", text,
+            static_cast<int>(speed));
+    return speed;
 }
 
 } // namespace
@@ -88,7 +106,7 @@ VtrCmdRequest::VtrCmdRequest(char args[][300], int count) : VtrRequest(VTR_CMD_R
         if (count == 4)
             kestrel::copyText(errorText, "Invalid VTR Shuttle Request.  Speed argument not supplied");
         else
-            command.shuttleSpeed = decimal(args[4]);
+            command.shuttleSpeed = shuttleSpeed(args[4]);
     } else if (entry->kind == kestrel::vtrGoTo) {
         if (count < 6)
             kestrel::copyText(errorText, "Invalid VTR GoTo Request.  Timecode not supplied");

@@ -83,6 +83,14 @@ int indexOf(const char* const (&names)[Count], const char* name) {
     return found == std::end(names) ? -1 : static_cast<int>(found - std::begin(names));
 }
 
+template <std::size_t Count>
+std::string listed(const char* const (&names)[Count]) {
+    std::string list;
+    for (const char* const name : names)
+        list += (list.empty() ? "" : ", ") + std::string(name);
+    return list;
+}
+
 // The launcher splits the command line at blanks: a text with one needs quotes.
 std::string argument(const char* text) {
     const std::string plain(text);
@@ -103,6 +111,9 @@ VerifierJob::VerifierJob(const char* file, const char* directory, const char* gu
     kestrel::copyText(fileName, file);
     kestrel::copyText(reportDir, directory);
     kestrel::copyText(audioPlaceholder, placeholder);
+    if (property == -1)
+        LogUtil::Warning(MODULE, "\"%s\" is no property; expected is one of %s.",
+                         cStringUtil::cValue(propertyName), listed(PropertyNameStr).c_str());
     setGuid(guidText);
     setReportFilename();
     std::fill(std::begin(validationErrorEnabled), std::end(validationErrorEnabled), true);
@@ -152,12 +163,20 @@ int VerifierJob::getValidationErrorFlag(const char* name) {
 
 void VerifierJob::setValidationErrorFlags(const char* list) {
     std::string_view rest(list == nullptr ? "" : list);
+    std::string unknown;
     while (!rest.empty()) {
         const std::size_t end = std::min(rest.find(';'), rest.size());
-        if (const int rule = getValidationErrorFlag(std::string(rest.substr(0, end)).c_str()); rule >= 0)
+        const std::string name(rest.substr(0, end));
+        if (const int rule = getValidationErrorFlag(name.c_str()); rule >= 0)
             validationErrorEnabled[rule] = false;
+        else if (!name.empty())
+            unknown += (unknown.empty() ? "\"" : ", \"") + name + '"';
         rest.remove_prefix(std::min(end + 1, rest.size()));
     }
+    // In one line, however many a request names.
+    if (!unknown.empty())
+        LogUtil::Warning(MODULE, "No rule has the name %s, none is switched off for it; the rules are %s.",
+                         unknown.c_str(), listed(ValidationErrorEnabledStr).c_str());
 }
 
 void VerifierJob::setReportFilename() {

@@ -4,6 +4,7 @@
 #include "jobs/RequestValues.h"
 
 using ::testing::HasSubstr;
+using ::testing::Not;
 
 namespace {
 
@@ -53,8 +54,12 @@ TEST_F(CaptureRequestTest, EncoderOptionsGoToTheLastEncoder) {
     EXPECT_TRUE(encoder(0x0a010203).vitcInput);
     EXPECT_STREQ(encoder(0x0a010204).profile, "two");
     EXPECT_FALSE(encoder(0x0a010204).vitcInput);
+    EXPECT_THAT(log.text(), Not(HasSubstr("Warning]")));
     EXPECT_EQ(setFields(job, {"EncoderVitcInput1=perhaps"}), 0);
     EXPECT_FALSE(encoder(0x0a010204).vitcInput) << "any other text leaves the flag";
+    EXPECT_THAT(log.text(),
+                HasSubstr("[JobMgmt:Warning] EncoderVitcInput1: \"perhaps\" is not TRUE or FALSE, it "
+                          "is taken as FALSE.\r\n"));
 }
 
 TEST_F(CaptureRequestTest, EncoderOptionsBeforeAnyEncoderAreIgnored) {
@@ -102,6 +107,33 @@ TEST_F(CaptureRequestTest, TimedDurationIsCutToItsField) {
     setFields(job, {"Duration=00:30:00:00 and more"});
     EXPECT_STREQ(job.duration, "00:30:00:00");
     EXPECT_THAT(log.text(), HasSubstr("is too long and is cut"));
+}
+
+// The worker judges a duration, with the frame rate in its words: what cannot be one at any rate is told
+// before.
+TEST_F(CaptureRequestTest, ATimedDurationThatNoWorkerTakesIsTold) {
+    for (const char* good : {"00:00:10:00", "99:59:59:59", "00:01:00;02", "00.01.00,02", "100:00:00:00"}) {
+        CaptureTimedJob job(1);
+        setFields(job, {(std::string("Duration=") + good).c_str()});
+        EXPECT_THAT(log.text(),
+                    Not(HasSubstr("Warning] Duration: \"" + std::string(job.duration) + "\" is not")));
+    }
+    const auto told = [](const std::string& what) {
+        return HasSubstr("[JobMgmt:Warning] Duration: " + what +
+                         " hh:mm:ss:ff, two digits each (of the hours two or three), with minutes, "
+                         "seconds and frames up to 59. The worker is given it as it is.\r\n");
+    };
+    for (const char* bad : {"10", "00:00:10", "1:00:00:00", "00:60:00:00", "00:00:60:00", "00:00:00:60",
+                            "00:0:10:00", "00:00:10:5", "1000:00:00:", "abc"}) {
+        CaptureTimedJob job(1);
+        setFields(job, {(std::string("Duration=") + bad).c_str()});
+        EXPECT_STREQ(job.duration, bad) << "taken all the same";
+        EXPECT_THAT(log.text(), told('"' + std::string(bad) + "\" is not"));
+    }
+    EXPECT_THAT(log.text(), Not(told("none is given, expected is")));
+    CaptureTimedJob job(1);
+    setFields(job, {"Filename=/tmp/a"});
+    EXPECT_THAT(log.text(), told("none is given, expected is"));
 }
 
 TEST_F(CaptureRequestTest, RollingDurationsAndStart) {
@@ -160,6 +192,12 @@ TEST_F(CaptureRequestTest, VtrPortAndInternalCue) {
     EXPECT_TRUE(next.vtr->useInternalCue) << "a port name leaves the flag as it is";
     setFields(next, {"VTR_Com_Port=FALSE"});
     EXPECT_FALSE(next.vtr->useInternalCue);
+    EXPECT_THAT(log.text(), Not(HasSubstr("Warning]")));
+    setFields(next, {"VTR_UseInternalCue=1"});
+    EXPECT_FALSE(next.vtr->useInternalCue);
+    EXPECT_THAT(log.text(),
+                HasSubstr("[JobMgmt:Warning] VTR_UseInternalCue: \"1\" is not TRUE or FALSE, it is "
+                          "taken as FALSE.\r\n"));
 }
 
 TEST_F(CaptureRequestTest, InternalCueBeforeThePortIsIgnored) {

@@ -254,6 +254,102 @@ TEST_F(CaptureRulesTest, WhatNoRuleForbidsIsTaken) {
                 HasSubstr("[JobMgmt:Warning] MarkInTime: \"abc\" is not a timecode hh:mm:ss:ff.\r\n"));
 }
 
+TEST_F(CaptureRulesTest, ATimeThatTheCalendarDoesNotHaveIsTakenWithAWarning) {
+    const struct {
+        const char* given;
+        const char* taken;
+    } rows[] = {
+        {"02/31/2026 10:00:00", "03/03/2026 10:00:00"},
+        {"02/29/2027 10:00:00", "03/01/2027 10:00:00"},
+        {"13/01/2026 10:00:00", "01/01/2027 10:00:00"},
+        {"01/00/2026 10:00:00", "12/31/2025 10:00:00"},
+        {"11/20/2026 25:00:00", "11/21/2026 01:00:00"},
+        {"11/20/2026 10:60:00", "11/20/2026 11:00:00"},
+        {"11/20/2026 10:00:60", "11/20/2026 10:01:00"},
+        {"11/20/2026 10:00:-1", "11/20/2026 09:59:59"},
+        {"11/20/26 10:00:00", "11/20/1926 10:00:00"},
+        {"1/2/2147483647 2147483647:00:00", "01/02/2147483647 2147483647:00:00"},
+    };
+    for (const auto& row : rows) {
+        CaptureScheduledJob job(1);
+        setFields(job, {"Filename=/tmp/a", enc1, (std::string("StartTime=") + row.given).c_str()});
+        EXPECT_FALSE(job.startTime == CTimeUtil()) << row.given;
+        EXPECT_THAT(log.text(),
+                    HasSubstr("[JobMgmt:Warning] StartTime: \"" + std::string(row.given) +
+                              "\" is not a time of the calendar, it is taken as " + row.taken + ".\r\n"));
+    }
+    CaptureScheduledJob job(1);
+    EXPECT_EQ(setFields(job, {"Filename=/tmp/a", enc1, "StartTime=11/20/2026 10:00:00",
+                              "EndTime=11/20/2026 11:00:00 PM"}),
+              0);
+    EXPECT_THAT(log.text(),
+                HasSubstr("[JobMgmt:Warning] EndTime: \"11/20/2026 11:00:00 PM\" is not a time "
+                          "month/day/year hour:minute:second, it is taken as 11/20/2026 11:00:00.\r\n"));
+}
+
+TEST_F(CaptureRulesTest, ATimeOfTheCalendarIsTakenSilently) {
+    for (const char* start :
+         {"11/20/2026 10:00:00", " 1/2/2026  9:05:00 ", "02/29/2028 23:59:59", "+1/+2/2026 1:2:3"}) {
+        CaptureScheduledJob job(1);
+        EXPECT_EQ(setFields(job, {"Filename=/tmp/a", enc1, (std::string("StartTime=") + start).c_str(),
+                                  "EndTime=12/20/2029 10:00:00"}),
+                  0);
+    }
+    EXPECT_THAT(log.text(), Not(HasSubstr("Warning]")));
+}
+
+TEST_F(CaptureRulesTest, WhyAnEndIsBeforeItsStartIsTold) {
+    CaptureScheduledJob without(1);
+    EXPECT_EQ(setFields(without, {"Filename=/tmp/a", enc1, "StartTime=11/20/2026 10:00:00"}), 10010);
+    EXPECT_STREQ(without.results, "Error: End time is less than start time.");
+    EXPECT_THAT(log.text(),
+                HasSubstr("[JobMgmt:Warning] EndTime: none is given, expected is a time month/day/year "
+                          "hour:minute:second. Without it the end is before any start.\r\n"));
+
+    CaptureScheduledJob acrossMonths(1);
+    EXPECT_EQ(setFields(acrossMonths, {"Filename=/tmp/a", enc1, "StartTime=01/31/2027 23:00:00",
+                                       "EndTime=02/01/2027 01:00:00"}),
+              10010);
+    EXPECT_THAT(
+        log.text(),
+        HasSubstr("[JobMgmt:Warning] EndTime: 02/01/2027 01:00:00 is not before the StartTime 01/31/2027 "
+                  "23:00:00, but times are compared as those of the following month, which has not as many "
+                  "days. A capture of the same length within one month is taken.\r\n"));
+    EXPECT_THAT(log.text(), Not(HasSubstr("has no length")));
+}
+
+TEST_F(CaptureRulesTest, ACaptureWithoutLengthIsTakenAndTold) {
+    for (const char* end : {"11/20/2026 10:00:00", "11/20/2026 10:00:01"}) {
+        CaptureScheduledJob job(1);
+        EXPECT_EQ(setFields(job, {"Filename=/tmp/a", enc1, "StartTime=11/20/2026 10:00:00",
+                                  (std::string("EndTime=") + end).c_str()}),
+                  0);
+    }
+    EXPECT_THAT(log.text(),
+                HasSubstr("[JobMgmt:Warning] EndTime: 11/20/2026 10:00:00 is not after the StartTime "
+                          "11/20/2026 10:00:00: the capture has no length.\r\n"));
+    EXPECT_THAT(log.text(), Not(HasSubstr("EndTime: 11/20/2026 10:00:01")));
+}
+
+TEST_F(CaptureRulesTest, AMarkBeyondADayIsTakenAndTold) {
+    CaptureVTRJob job(1);
+    EXPECT_EQ(setFields(job, {"Filename=/tmp/a", enc1, "MarkInTime=23:59:59;29", "MarkOutTime=25:00:00:00"}),
+              0);
+    EXPECT_STREQ(job.markOut, "25:00:00:00");
+    const auto told = [](const std::string& field) {
+        return HasSubstr("[JobMgmt:Warning] " + field +
+                         " is not a timecode of one day, 23:59:59:59 at most.\r\n");
+    };
+    EXPECT_THAT(log.text(), told("MarkOutTime: \"25:00:00:00\""));
+    EXPECT_THAT(log.text(), Not(HasSubstr("MarkInTime")));
+    for (const char* mark : {"24:00:00:00", "10:60:00:00", "10:00:60:00", "10:00:00:60"}) {
+        setFields(job, {(std::string("MarkInTime=") + mark).c_str()});
+        EXPECT_THAT(log.text(), told("MarkInTime: \"" + std::string(mark) + '"'));
+    }
+    setFields(job, {"MarkInTime=100:00:00:00"});
+    EXPECT_THAT(log.text(), HasSubstr("MarkInTime: \"100:00:00:00\" is not a timecode hh:mm:ss:ff.\r\n"));
+}
+
 TEST_F(CaptureRulesTest, AFieldOfAnUnknownNameIsIgnoredWithAWarning) {
     CaptureManualJob job(1);
     EXPECT_EQ(setFields(job, {"Filename=/tmp/a", enc1, "FileName=/tmp/b", "NumEncoders=1"}), 0);

@@ -89,6 +89,62 @@ TEST_F(JobMessagesTest, ResultsAreTextUpToTheTerminatorOrTheField) {
     EXPECT_EQ(job.resultsText(), std::string(299, 'x'));
 }
 
+TEST_F(JobMessagesTest, AnInvalidDurationIsExplainedInTheLog) {
+    CaptureTimedJob job(902010);
+    std::strcpy(job.guidStr, "g-10");
+    const std::string refusal = "Error: Invalid Duration 00:00:10:27 for rate_code 3 and drop frame 0.";
+    take(job, RESULTS_MSG, refusal);
+    EXPECT_EQ(job.resultsText(), refusal) << "the client's text stays";
+    EXPECT_THAT(log.text(),
+                HasSubstr("[JobLauncher:Warning] Job 902010 g-10: Duration: \"00:00:10:27\" has no such "
+                          "frame: the stream has 25 frames a second, so the last part goes from 00 to "
+                          "24.\r\n"));
+    take(job, RESULTS_MSG,
+         "Encoder 1: Error: Invalid Duration 00:00:01:30 for rate_code 4 and drop frame 1.");
+    EXPECT_THAT(log.text(),
+                HasSubstr("\"00:00:01:30\" has no such frame: the stream has 29.97 frames a second, so the "
+                          "last part goes from 00 to 29.\r\n"));
+    take(job, RESULTS_MSG, "Error: Invalid Duration 10 for rate_code 0 and drop frame 0.");
+    EXPECT_THAT(log.text(),
+                HasSubstr("Duration: \"10\" is not of the form hh:mm:ss:ff, two digits each (of the hours "
+                          "two or three), with minutes, seconds and frames up to 59; no stream was "
+                          "looked at.\r\n"));
+}
+
+TEST_F(JobMessagesTest, AnInvalidFilenameIsExplainedInTheLog) {
+    CaptureManualJob job(902011);
+    const auto told = [&](const char* file) {
+        job.SetOutputFile(file);
+        take(job, RESULTS_MSG, std::string("Error: Invalid filename. (") + file + ")");
+        return log.text();
+    };
+    EXPECT_THAT(told("/tmp"),
+                HasSubstr("[JobLauncher:Warning] Job 902011 : Filename: \"/tmp\" is a directory, not a "
+                          "file.\r\n"));
+    EXPECT_THAT(told("/tmp/"),
+                HasSubstr("Filename: \"/tmp/\" ends in a slash: the name of the file is missing.\r\n"));
+    EXPECT_THAT(
+        told("/no/such/a.ts"),
+        HasSubstr(
+            "Filename: \"/no/such/a.ts\" cannot be looked at: errno 2 (No such file or directory).\r\n"));
+}
+
+TEST_F(JobMessagesTest, OtherResultsNeedNoExplanation) {
+    CaptureManualJob job(902012);
+    const std::string refusal = "Error: Invalid Duration 10 for rate_code 3 and drop frame 0.";
+    // Cut before the code, which is the last thing that is looked for.
+    for (std::size_t length = 0; length <= refusal.find("3 and"); ++length)
+        take(job, RESULTS_MSG, refusal.substr(0, length));
+    take(job, RESULTS_MSG, "Recorded 00:10:00:00 (15000 frames)");
+    take(job, RESULTS_MSG, "Error: Invalid filename.");
+    job.SetOutputFile("");
+    job.SetOutputFile("/dev/null");
+    take(job, RESULTS_MSG, "Error: Invalid filename.");
+    Job other(902013, Job::VERIFIER_JOB, Job::QUEUED);
+    take(other, RESULTS_MSG, refusal);
+    EXPECT_THAT(log.text(), Not(HasSubstr("Warning]")));
+}
+
 TEST_F(JobMessagesTest, DeckCommandGoesToTheBridgeWithTheWorkersQueue) {
     DeckCalls deck;
     CaptureManualJob job(902006);

@@ -119,6 +119,27 @@ TEST_F(JobQueueTest, ATextWithoutDigitsFindsTheFirstJobWithoutAGuid) {
     EXPECT_EQ(queue.getJob("zz"), nameless);
 }
 
+TEST_F(JobQueueTest, AGivenGuidIsFoundWithoutAWalkThroughTheJobs) {
+    EXPECT_EQ(queue.getJobByGivenGuid("aa"), nullptr);
+    CaptureManualJob* const first = add("aa");
+    CaptureManualJob* const second = add("aa");
+    EXPECT_EQ(queue.getJobByGivenGuid("{AA}"), first) << "in either form, and the first of several";
+    EXPECT_EQ(queue.getJobByGivenGuid("bb"), nullptr);
+    CaptureManualJob* const nameless = queue.AddCaptureManualJob(CaptureManualJob());
+    EXPECT_EQ(queue.getJobByGivenGuid("zz"), nameless) << "queued with a GUID of zeros";
+    nameless->guid[0] = 0xcc;
+    EXPECT_EQ(queue.getJob("cc"), nameless);
+    EXPECT_EQ(queue.getJobByGivenGuid("cc"), nullptr) << "only a walk sees what was written past the queue";
+    first->setGuid("bb");
+    EXPECT_EQ(queue.getJobByGivenGuid("aa"), second);
+    EXPECT_EQ(queue.getJobByGivenGuid("bb"), first);
+    EXPECT_EQ(queue.DeleteJob(second), 10009) << "in progress";
+    second->setState(Job::COMPLETE);
+    EXPECT_EQ(queue.DeleteJob(second), 10003);
+    EXPECT_EQ(queue.getJobByGivenGuid("aa"), nullptr);
+    delete second;
+}
+
 TEST_F(JobQueueTest, TheStatusOfAGuidIsItsStatesName) {
     add("aa")->setState(Job::COMPLETE);
     EXPECT_STREQ(queue.GetJobStatus("aa"), "COMPLETE");

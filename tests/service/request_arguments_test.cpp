@@ -98,11 +98,28 @@ TEST(CaptureArguments, OfQueriesEndWithTheGuid) {
 }
 
 TEST(CaptureArguments, AnUnknownCommandPassesTheCheckThatNamesIt) {
+    const LogLines log;
     const auto unknown = request({"CAPTURE", "JOB_PAUSE", "cafe", "CAPTURE_MANUAL_JOB"});
     EXPECT_TRUE(unknown->isValid());
     EXPECT_EQ(unknown->requestType, -1);
     EXPECT_STREQ(unknown->guid, "cafe");
     EXPECT_EQ(as<CaptureRequest>(unknown).captureJobType, Job::NONE) << "no job type is taken";
+    EXPECT_EQ(
+        log.text(),
+        "[RequestMessages:Warning] CAPTURE: \"JOB_PAUSE\" is no command type, it is handled as a check of no "
+        "job type; expected is JOB_BEGIN, JOB_VALIDATE, JOB_ABORT, JOB_LOGFILENAME or "
+        "JOB_LAST_LOG_ENTRIES.\r\n");
+}
+
+TEST(CaptureArguments, AQueryThatHasARequestOfItsOwnIsLogged) {
+    const LogLines log;
+    for (const char* word : {"JOB_ABORT", "JOB_LOGFILENAME", "JOB_LAST_LOG_ENTRIES"})
+        request({"CAPTURE", word, "cafe"});
+    EXPECT_EQ(log.text(), "");
+    request({"CAPTURE", "JOB_STATUS", "cafe"});
+    EXPECT_EQ(
+        log.text(),
+        "[RequestMessages:Warning] CAPTURE,JOB_STATUS is not answered; the request is JOB_STATUS,GUID.\r\n");
 }
 
 TEST(VerifierArguments, NeedCommandGuidAndFile) {
@@ -150,6 +167,17 @@ TEST(VerifierArguments, TakePropertyModeAndOptions) {
     }
 }
 
+TEST(VerifierArguments, AMisspeltModeIsTakenAsNoneWithAWarning) {
+    const LogLines log;
+    for (const char* mode : {"BLOCK", "XML", ""})
+        request({"GET_MPEG_PROPERTIES", "JOB_BEGIN", "1", "/f.ts", "ALL", mode});
+    EXPECT_EQ(log.text(), "") << "an empty one is how rules are given without a mode";
+    request({"GET_MPEG_PROPERTIES", "JOB_BEGIN", "1", "/f.ts", "ALL", "block"});
+    EXPECT_EQ(log.text(),
+              "[RequestMessages:Warning] GET_MPEG_PROPERTIES: \"block\" is not BLOCK or XML, it is taken "
+              "as neither of them.\r\n");
+}
+
 TEST(VerifierArguments, AFileNameIsCutAtItsField) {
     const auto message = request({"GET_MPEG_PROPERTIES", "JOB_BEGIN", "1", std::string(299, 'f')});
     EXPECT_EQ(as<VerifierRequest>(message).fileName, std::string(259, 'f'));
@@ -191,6 +219,28 @@ TEST(VtrArguments, NumbersAreDecimalAndStayWithinThirtyTwoBits) {
     EXPECT_EQ(as<VtrRequest>(shuttle("1", "99999999999999999999")).command.shuttleSpeed, INT32_MAX);
     EXPECT_EQ(as<VtrRequest>(shuttle("-3000000000", "-3000000000")).number, INT32_MIN);
     EXPECT_EQ(as<VtrRequest>(shuttle("-3000000000", "-3000000000")).command.shuttleSpeed, INT32_MIN);
+}
+
+TEST(VtrArguments, ASpeedThatIsNoNumberIsLoggedWithWhatItIsTakenAs) {
+    const LogLines log;
+    for (const char* speed : {"0", "-5", "+5", "007", "2147483647", "-2147483648"})
+        request({"VTR_CMD", "COM1", "0", "Shuttle", speed});
+    EXPECT_EQ(log.text(), "");
+    const struct {
+        const char* speed;
+        int taken;
+    } rows[] = {
+        {"fast", 0}, {"2x", 2}, {" 5", 5}, {"1.5", 1}, {"", 0}, {"+-5", 0}, {"99999999999", INT32_MAX}};
+    std::string told;
+    for (const auto& row : rows) {
+        const auto message = request({"VTR_CMD", "COM1", "0", "Shuttle", row.speed});
+        EXPECT_TRUE(message->isValid());
+        EXPECT_EQ(as<VtrRequest>(message).command.shuttleSpeed, row.taken);
+        told += std::string("[RequestMessages:Warning] VTR_CMD Shuttle: the speed \"") + row.speed +
+                "\" is not a decimal number of 32 bits, it is taken as " + std::to_string(row.taken) +
+                ".\r\n";
+    }
+    EXPECT_EQ(log.text(), told);
 }
 
 TEST(VtrArguments, TheFirstFailingCheckWins) {

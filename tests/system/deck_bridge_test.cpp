@@ -279,6 +279,39 @@ TEST_F(DeckBridge, AWorkersRequestWhileTheProcessIsDownIsAnsweredAtOnce) {
     EXPECT_EQ(service.waitForState("1", "COMPLETE"), "TRUE - COMPLETE");
 }
 
+TEST_F(DeckBridge, AnOutageIsLoggedOnceHoweverManyRequestsOfWorkersItRefuses) {
+    const std::string go = service.root() / "go";
+    service.setWorker("--wait-file " + go);
+    start("--exit-on 1:0 --count " + (service.root() / "count").string());
+    ASSERT_EQ(service.ask("CAPTURE,JOB_BEGIN,1,CAPTURE_VTR_JOB,Filename=/media/tape.ts,EncoderIp=127.0.0.1,"
+                          "MarkInTime=01:00:00:00,MarkOutTime=01:00:10:00,VTR_Com_Port=COM7"),
+              "TRUE");
+    service.ask("VTR_CMD,COM1,0,Play");
+    ASSERT_TRUE(
+        service.waitForLog("VTR process ended with exit status 0. It is started again in 1 seconds."));
+    const JoinedQueue fromWorker("/job_update_q_0");
+    const JoinedQueue toWorker("/mgr_msg_q_0");
+    _VTRCmdData request{};
+    request.commandKind = 6;
+    std::strcpy(request.serialPort, "COM7");
+    constexpr int requests = 5;
+    for (int i = 0; i < requests; ++i) {
+        fromWorker.send(VTR_CMD_REQUEST_MSG, request);
+        EXPECT_EQ(toWorker.receive(VTR_CMD_RESPONSE_MSG).errorCode, 20061);
+    }
+    ASSERT_TRUE(
+        eventually([&] { return service.ask("VTR_CURRENT_TIME,COM1") == "TRUE - 01:02:03:04"; }, 20s));
+    EXPECT_TRUE(
+        service.waitForLog("[Manager:Info] The VTR process answers again. Requests of workers refused while "
+                           "it was down: 5."));
+    const std::string log = service.log();
+    const std::string refused = "Failed to send message on queue /to_vtr_proc_q.";
+    EXPECT_EQ(log.find(refused), log.rfind(refused));
+    EXPECT_NE(log.find(refused), std::string::npos);
+    std::ofstream(go) << "go";
+    EXPECT_EQ(service.waitForState("1", "COMPLETE"), "TRUE - COMPLETE");
+}
+
 TEST_F(DeckBridge, ThePausesGrow) {
     service.set("DeckCtrl", "EXE", "/no/such/deck");
     service.start();

@@ -218,6 +218,25 @@ TEST_F(VerifierJobTest, FailuresAreLogged) {
     EXPECT_THAT(log.text(), testing::HasSubstr("Error: Failed to get requested Mpeg Property."));
 }
 
+TEST_F(VerifierJobTest, NamesThatAreNotKnownAreLoggedWithThoseThatAre) {
+    const LoggedText log;
+    static_cast<void>(job("ALL", ";PMTPid_480;;Audio_isAC3;"));
+    EXPECT_EQ(log.text(), "");
+    static_cast<void>(job("ALL", "PMTPID_480;Audio_isAC3;Nonsense;"));
+    std::string rules;
+    for (const char* const name : VerifierJob::ValidationErrorEnabledStr)
+        rules += (rules.empty() ? "" : ", ") + std::string(name);
+    EXPECT_THAT(log.text(),
+                testing::EndsWith("[JobMgmt:Warning] No rule has the name \"PMTPID_480\", \"Nonsense\", "
+                                  "none is switched off for it; the rules are " +
+                                  rules + ".\r\n"));
+    static_cast<void>(job("BLOCK"));
+    EXPECT_THAT(log.text(),
+                testing::HasSubstr("[JobMgmt:Warning] \"BLOCK\" is no property; expected is one of "
+                                   "QUICK, VIDEO_ENCODING, "));
+    EXPECT_THAT(log.text(), testing::EndsWith("NEEDS_REENCODING, VALIDATION_ERRORS.\r\n"));
+}
+
 TEST_F(VerifierJobTest, AnOldReportOfItsNameIsRemoved) {
     const VerifierJob made = job();
     static_cast<void>(directory.file(std::string(GUID) + "-a.ts.report.xml", "<Report/>"));

@@ -1,0 +1,70 @@
+#include "jobs/RefusalDetail.h"
+
+#include "foundation/ErrorCodes.h"
+#include "foundation/FixedText.h"
+#include "timecode/frame_rates.h"
+
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <string>
+#include <sys/stat.h>
+#include <system_error>
+
+namespace kestrel {
+
+namespace {
+
+// Moves text behind the next what; false, and text as it was, when it has none.
+bool skipTo(std::string_view& text, std::string_view what) {
+    const std::size_t at = text.find(what);
+    if (at == std::string_view::npos)
+        return false;
+    text.remove_prefix(at + what.size());
+    return true;
+}
+
+// "Error: Invalid Duration %s for rate_code %d and drop frame %d."
+std::string durationDetail(std::string_view results) {
+    constexpr std::string_view BEFORE_CODE = " for rate_code ";
+    if (!skipTo(results, "Error: Invalid Duration "))
+        return {};
+    const std::string duration(results.substr(0, results.find(BEFORE_CODE)));
+    int code = 0;
+    if (!skipTo(results, BEFORE_CODE) ||
+        std::from_chars(results.data(), results.data() + results.size(), code).ec != std::errc())
+        return {};
+    const std::string text = "Duration: \"" + duration + "\" ";
+    const FrameRate* const rate = findFrameRate(code);
+    if (rate == nullptr)
+        return text +
+               "is not of the form hh:mm:ss:ff, two digits each (of the hours two or three), with minutes, "
+               "seconds and frames up to 59; no stream was looked at.";
+    char numbers[120];
+    formatText(
+        numbers,
+        "has no such frame: the stream has %.6g frames a second, so the last part goes from 00 to %02d.",
+        rate->fps, rate->labelsPerSecond - 1);
+    return text + numbers;
+}
+
+std::string filenameDetail(const char* file) {
+    const std::string text = std::string("Filename: \"") + file + "\" ";
+    struct stat found {};
+    if (*file != '\0' && file[std::strlen(file) - 1] == '/')
+        return text + "ends in a slash: the name of the file is missing.";
+    if (stat(file, &found) != 0)
+        return text + "cannot be looked at: errno " + std::to_string(errno) + " (" + std::strerror(errno) +
+               ").";
+    return S_ISDIR(found.st_mode) ? text + "is a directory, not a file." : std::string();
+}
+
+} // namespace
+
+std::string refusalDetail(std::string_view results, const char* outputFile) {
+    if (outputFile != nullptr && results.find(LOG_MSG(error::invalidFilename)) != std::string_view::npos)
+        return filenameDetail(outputFile);
+    return durationDetail(results);
+}
+
+} // namespace kestrel
