@@ -142,6 +142,46 @@ TEST(Jobs, AMezzanineJobIsCheckedAgainstItsSourcesRealFrameRate) {
     EXPECT_EQ(service.waitForState("1", "COMPLETE"), "TRUE - COMPLETE");
 }
 
+// Which labels exist depends on what the source really is.
+struct MezzanineSource {
+    const char* name;
+    const char* rate;
+    const char* codec;
+    const char* taken;
+    const char* refused; // by its rate, as the answer prints it
+    const char* printed;
+};
+
+class MezzanineSources : public testing::TestWithParam<MezzanineSource> {};
+
+TEST_P(MezzanineSources, MarksAreHeldToTheRateOfTheSource) {
+    const MezzanineSource& each = GetParam();
+    ServiceUnderTest service;
+    const std::string source = service.root() / "source.ts";
+    ASSERT_EQ(std::system(("ffmpeg -v error -nostdin -f lavfi -i testsrc2=size=320x240:rate=" +
+                           std::string(each.rate) + " -t 2 -c:v " + each.codec + " -g 15 -f mpegts " + source)
+                              .c_str()),
+              0);
+    service.start();
+    const auto validate = [&](const char* in) {
+        return service.ask(std::string("CAPTURE,JOB_VALIDATE,1,CAPTURE_MEZZANINE_JOB,Filename=/tmp/o.ts,") +
+                           ENCODER + ",SrcFilename=" + source + ",DecoderIp=127.0.0.2,MarkInTime=" + in +
+                           ",MarkOutTime=00:02:00:10");
+    };
+    EXPECT_EQ(validate(each.taken), "TRUE");
+    EXPECT_EQ(validate(each.refused), std::string("FALSE - Error: Invalid timecode parameter ") +
+                                          each.refused + " for frame rate " + each.printed + ".");
+}
+
+INSTANTIATE_TEST_SUITE_P(Jobs, MezzanineSources,
+                         testing::Values(MezzanineSource{"At25", "25", "mpeg2video", "00:01:00:00",
+                                                         "00:01:00:25", "25.000000"},
+                                         MezzanineSource{"At59_94", "60000/1001", "mpeg2video", "00:01:00:04",
+                                                         "00:01:00:03", "59.940060"},
+                                         MezzanineSource{"H264At25", "25", "libx264 -bf 2", "00:01:00:00",
+                                                         "00:01:00:25", "25.000000"}),
+                         [](const auto& each) { return std::string(each.param.name); });
+
 TEST(Jobs, AnEncoderAddressThatIsNoneAddsNoEncoderAndIsLogged) {
     ServiceUnderTest service;
     service.start();
