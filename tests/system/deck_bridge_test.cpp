@@ -340,10 +340,13 @@ TEST_F(DeckBridge, ASecondServiceLeavesTheDecksOfTheFirstAlone) {
 
 TEST_F(DeckBridge, TheQueuesOfAServiceThatWasKilledAreTakenOver) {
     start();
+    const pid_t left = deck();
+    ASSERT_GT(left, 0);
     service.process().signal(SIGKILL);
     ASSERT_TRUE(service.process().wait(20s).has_value());
     service.start();
     EXPECT_EQ(service.ask("VTR_CURRENT_TIME,COM1"), "TRUE - 01:02:03:04");
+    EXPECT_EQ(kill(left, SIGKILL), 0) << "the first one's, which nothing else ends";
 }
 
 TEST_F(DeckBridge, TheServicesEndEndsTheProcessAndItsQueues) {
