@@ -28,6 +28,7 @@ Bytes packets(int count, int first = 0) {
 struct Read {
     std::vector<int> numbers;
     std::vector<std::pair<std::size_t, std::size_t>> strays; // position and bytes
+    std::size_t cut = 0;                                     // bytes of a packet in which the file ends
 };
 
 Read readAll(const Bytes& bytes) {
@@ -44,8 +45,12 @@ Read readAll(const Bytes& bytes) {
             read.numbers.push_back(packet[4] << 8 | packet[5]);
     }
     EXPECT_EQ(reader.error(), 0);
+    read.cut = reader.cutPacket().size();
+    EXPECT_TRUE(read.cut == 0 || reader.cutPacket()[0] == 0x47);
     return read;
 }
+
+using Strays = std::vector<std::pair<std::size_t, std::size_t>>;
 
 std::vector<int> from(int first, int end) {
     std::vector<int> numbers;
@@ -54,16 +59,19 @@ std::vector<int> from(int first, int end) {
     return numbers;
 }
 
-using Strays = std::vector<std::pair<std::size_t, std::size_t>>;
-
 TEST(PacketReader, HandsOutWholePacketsOnly) {
     for (const std::size_t rest : {0U, 1U, 187U}) {
         const Read read = readAll(packets(5000) + Bytes(rest, 0x47));
         EXPECT_EQ(read.numbers, from(0, 5000)) << "beyond one buffer";
         EXPECT_TRUE(read.strays.empty());
+        EXPECT_EQ(read.cut, rest);
     }
     EXPECT_TRUE(readAll({}).numbers.empty());
     EXPECT_TRUE(readAll(Bytes(187, 0x47)).numbers.empty());
+    const Read read = readAll(packets(50) + Bytes(10, 0x11));
+    EXPECT_EQ(read.numbers, from(0, 50));
+    EXPECT_EQ(read.cut, 0U);
+    EXPECT_EQ(read.strays, (Strays{{50 * 188, 10}})) << "no packet that was cut";
 }
 
 TEST(PacketReader, HandsOutAPacketWhoseSyncByteAloneIsDamaged) {
@@ -89,11 +97,37 @@ TEST(PacketReader, FindsThePacketsBehindBytesThatAreMissing) {
         Bytes bytes = packets(100);
         bytes.erase(bytes.begin() + 50 * 188 + 1, bytes.begin() + 50 * 188 + 1 + static_cast<long>(missing));
         const Read read = readAll(bytes);
-        // The packet that is cut, and the one whose beginning it took.
+        // The packet that is cut alone.
         ASSERT_EQ(read.numbers.size(), 99U);
-        EXPECT_EQ(std::vector<int>(read.numbers.begin() + 51, read.numbers.end()), from(52, 100));
-        EXPECT_EQ(read.strays, (Strays{{51 * 188, 188 - missing}}));
+        EXPECT_EQ(std::vector<int>(read.numbers.begin() + 50, read.numbers.end()), from(51, 100));
+        EXPECT_EQ(read.strays, (Strays{{50 * 188, 188 - missing}}));
     }
+}
+
+TEST(PacketReader, TakesNoSyncByteForAPacketBehindWhichTheOthersAreNot) {
+    // What is too many begins like a packet, or holds what does.
+    for (const std::size_t more : {1U, 2U, 100U, 187U})
+        for (const std::size_t at : {std::size_t{0}, more / 2, more - 1}) {
+            Bytes stray(more, 0x11);
+            stray[at] = 0x47;
+            const Read read = readAll(packets(50) + stray + packets(50, 50));
+            EXPECT_EQ(read.numbers, from(0, 100)) << more << ", " << at;
+            EXPECT_EQ(read.strays, (Strays{{50 * 188, more}}));
+        }
+    // While a place is sought, and at the beginning of a file: one, two and four 188 bytes apart.
+    for (const int run : {1, 2, 4})
+        for (const int before : {0, 50}) {
+            Bytes stray(5'000, 0x11);
+            for (int i = 0; i < run; ++i)
+                stray[static_cast<std::size_t>(1'000 + 188 * i)] = 0x47;
+            const Read read = readAll(packets(before) + stray + packets(50, before));
+            EXPECT_EQ(read.numbers, from(0, before + 50)) << run;
+            EXPECT_EQ(read.strays, (Strays{{static_cast<std::size_t>(before) * 188, 5'000}}));
+        }
+    // A file that begins with one that is none.
+    const Read read = readAll(Bytes{0x47} + Bytes(299, 0x11) + packets(50));
+    EXPECT_EQ(read.numbers, from(0, 50));
+    EXPECT_EQ(read.strays, (Strays{{0, 300}}));
 }
 
 TEST(PacketReader, PassesOverAnEndThatIsNoPackets) {

@@ -250,6 +250,11 @@ TEST(Rates, MeasuredOnesStandForTheNearestOfTheTable) {
     EXPECT_EQ(nominalFrameRate(0).numerator, 0);
 }
 
+void take(VideoTimes& times, PTS time, const VideoTimes::Place& place, Findings& findings) {
+    times.settle(time, place, std::nullopt, findings);
+    times.take(times.continued(time, time, place), place, findings);
+}
+
 // Decoding times of frames at that rate in ticks of 90 kHz, as they are rounded.
 FrameRate rateOf(double rate, int count, double framesOfStep = 1) {
     VideoTimes times;
@@ -257,7 +262,7 @@ FrameRate rateOf(double rate, int count, double framesOfStep = 1) {
     for (int i = 0; i < count; ++i) {
         const PTS time = PTS::from_ticks(std::llround(i * 90'000 * framesOfStep / rate));
         const VideoTimes::Place place{0, 0x100, 0, framesOfStep};
-        times.take(times.continued(time, time, place), place, findings);
+        take(times, time, place, findings);
     }
     EXPECT_TRUE(findings.empty());
     return times.frameRate(static_cast<std::uint64_t>(std::llround(count * framesOfStep)));
@@ -279,7 +284,7 @@ TEST(DecodingTimes, AreNoGapsWhereTheHeadersNameAnotherRate) {
     for (int i = 0; i < 50; ++i) {
         const PTS time = PTS::from_ticks(std::int64_t{i} * 3600 + (i >= 40 ? 36'000 : 0));
         const VideoTimes::Place place{0, 0x100, 50, 1};
-        times.take(times.continued(time, time, place), place, findings);
+        take(times, time, place, findings);
     }
     ASSERT_EQ(findings.total(), 1U) << "all at half of it, and one that is one";
     EXPECT_EQ(findings.first()[0].text, "packet 0, PID 256: a gap of 22.0 frames before DTS 180000");
@@ -293,7 +298,7 @@ TEST(DecodingTimes, StayInBoundsAtARateOfCenturies) {
         const VideoTimes::Place place{0, 0x100, 1e-10, 1e9};
         if (i % 3 == 0)
             times.expectNewTimeBase();
-        times.take(times.continued(time, time, place), place, findings);
+        take(times, time, place, findings);
     }
     EXPECT_GE(times.shownSeconds(), 0);
 }

@@ -303,7 +303,37 @@ TEST_F(FlowScope, BytesThatShiftThePacketsCostNoMoreThanThemselves) {
     fewer.erase(fewer.begin() + 188 * 1000 + 50, fewer.begin() + 188 * 1000 + 121);
     EXPECT_THAT(summary(fewer), HasSubstr("75 frames, 00:00:03:00, "));
     EXPECT_THAT(report("r.xml"), HasSubstr("<Kind name=\"sync\" count=\"1\" />"));
-    EXPECT_THAT(report("r.xml"), HasSubstr("packet 1001: 117 bytes before it"));
+    EXPECT_THAT(report("r.xml"), HasSubstr("packet 1000: 117 bytes before it"))
+        << "the packet that was cut is none";
+}
+
+TEST_F(FlowScope, AFileThatEndsWithinAPacketIsFound) {
+    const std::vector<unsigned char> good = readFile(streamFile("m2_sd_25"));
+    const std::size_t packets = good.size() / 188;
+    for (const std::size_t missing : {1U, 88U, 186U, 187U}) {
+        const std::string file =
+            directory.file("in.ts", std::string(good.begin(), good.end() - static_cast<long>(missing)));
+        ASSERT_EQ(run(file, {"-report_name", "r.xml"}), 0);
+        EXPECT_THAT(report("r.xml"), HasSubstr("<Findings count=\"1\">"));
+        EXPECT_THAT(report("r.xml"), HasSubstr("<Kind name=\"cut packet\" count=\"1\" />"));
+        const std::string pid =
+            missing > 185
+                ? ""
+                : ", PID " + std::to_string((good[good.size() - 187] & 0x1F) << 8 | good[good.size() - 186]);
+        EXPECT_THAT(report("r.xml"), HasSubstr("text=\"packet " + std::to_string(packets - 1) + pid +
+                                               ": the file ends within it, behind " +
+                                               std::to_string(188 - missing) + " of its 188 bytes\""));
+        // A pass that does not read up to there does not know.
+        ASSERT_EQ(run(file, {"-report_name", "r.xml", "-duration", "1"}), 0);
+        EXPECT_THAT(report("r.xml"), Not(HasSubstr("cut packet")));
+    }
+    // What does not begin like a packet is none that was cut.
+    ASSERT_EQ(run(directory.file("in.ts", std::string(good.begin(), good.end()) + "rest"),
+                  {"-report_name", "r.xml"}),
+              0);
+    EXPECT_THAT(report("r.xml"),
+                HasSubstr("kind=\"sync\" text=\"packet " + std::to_string(packets) + ": 4 bytes before it"));
+    EXPECT_THAT(report("r.xml"), Not(HasSubstr("cut packet")));
 }
 
 TEST_F(FlowScope, HostileStreamsEnd) {

@@ -1,13 +1,9 @@
 #include "Analysis.h"
 
-#include "ClockTurns.h"
 #include "capture/Failure.h"
 #include "mpeg/packet_view.h"
 
-#include <algorithm>
-#include <cmath>
 #include <cstring>
-#include <utility>
 
 namespace kestrel::flowscope {
 
@@ -87,6 +83,14 @@ void Analysis::skip(std::uint64_t position, std::uint64_t bytes) {
                           static_cast<unsigned long long>(position)));
 }
 
+void Analysis::endWithin(std::span<const unsigned char> rest) {
+    constexpr std::size_t PID_END = 3;
+    const std::string pid = rest.size() < PID_END ? "" : format(", PID %d", ts::pid(rest.data()));
+    m_findings.add("cut packet", format("packet %llu%s: the file ends within it, behind %zu of its %d bytes",
+                                        static_cast<unsigned long long>(m_packets), pid.c_str(), rest.size(),
+                                        ts::packet_size));
+}
+
 bool Analysis::isDuplicate(const unsigned char* packet, int pid) {
     std::unique_ptr<Previous>& previous = m_previous[indexOf(pid)];
     if (previous == nullptr) {
@@ -118,7 +122,7 @@ void Analysis::takeTables(const unsigned char* packet) {
 void Analysis::chooseAsset() {
     // A map that comes late does not take the asset away from a program that has been read for a while.
     constexpr double SETTLED = 1;
-    if (m_video != nullptr && m_times.decodingSeconds(m_times.lastDts()) >= SETTLED)
+    if (m_video != nullptr && m_times.decodingSeconds(m_times.latestDts()) >= SETTLED)
         return;
     for (const Program& program : m_tables.programs()) {
         const StreamEntry* const video = program.video();
@@ -244,69 +248,6 @@ void Analysis::tellFormat(Audio& audio) {
     for (; audio.breaks < audio.track.breaks(); ++audio.breaks)
         m_findings.add("audio format", format("packet %llu, PID %d: no frame follows the one before",
                                               audio.lastPacket, audio.pid));
-}
-
-void Analysis::takeVideoTimes() {
-    const PTS rawPts = m_videoReader.pts();
-    if (rawPts.is_absent())
-        return;
-    // By either way of counting; where a frame is repeated they differ by a field.
-    const VideoTrack::Position position = m_video->position();
-    const std::uint64_t fields =
-        std::max(position.shown - m_positionAtTime.shown, position.decoded - m_positionAtTime.decoded);
-    constexpr std::uint64_t FRAME = 2; // where no picture was found since
-    const VideoTimes::Place place{m_packets - 1, m_videoPid, m_video->format().rate(),
-                                  static_cast<double>(fields == 0 ? FRAME : fields) / 2};
-    const VideoTimes::Times times = m_times.continued(rawPts, m_videoReader.dts(), place);
-    if (m_limit.asked() && m_times.decodingSeconds(times.dts) >= *m_limit.asked()) {
-        m_full = true;
-        m_videoReader.drop(); // the picture that begins here is one too many
-        return;
-    }
-    // The bytes so far are those of the pictures before this one.
-    if (!m_times.lastDts().is_absent())
-        m_videoRates.add(m_times.decodingSeconds(m_times.lastDts()), m_video->bytes() - m_ratedVideoBytes);
-    m_ratedVideoBytes = m_video->bytes();
-    m_positionAtTime = position;
-    const bool first = m_times.firstDts().is_absent();
-    m_times.take(times, place, m_findings);
-    if (first)
-        noteDelay();
-    m_rates.add(m_times.decodingSeconds(times.dts), (m_packets - m_ratedPackets) * ts::packet_size);
-    m_ratedPackets = m_packets;
-}
-
-void Analysis::takeAudioTimes(Audio& audio) {
-    if (audio.reader.pts().is_absent())
-        return;
-    AudioTrack& track = audio.track;
-    const PTS last = track.lastPts();
-    const PTS pts = unwrapped(audio.reader.pts(), last.is_absent() ? m_times.lastDts() : last);
-    if (m_limit.asked()) {
-        m_limit.sound(pts);
-        m_full = m_full || m_limit.passed();
-    }
-    const std::optional<double> departure = track.stamp(pts);
-    // Frames go on from base to base.
-    const double counted = track.seconds() - std::exchange(audio.secondsAtLast, track.seconds());
-    const bool newTimeBase = std::exchange(audio.newTimeBase, false);
-    if (last.is_absent())
-        return;
-    audio.elapsed += newTimeBase || pts < last ? counted : kestrel::flowscope::seconds(pts - last);
-    if (newTimeBase)
-        return;
-    const auto number = static_cast<unsigned long long>(m_packets - 1);
-    const AudioFormat& sound = track.format();
-    const double tolerance = sound.samplingRate == 0 ? 0 : 0.5 * sound.samples / sound.samplingRate;
-    if (pts <= last)
-        m_findings.add("audio timestamps",
-                       format("packet %llu, PID %d: PTS %lld does not follow %lld", number, audio.pid,
-                              static_cast<long long>(pts.ticks()), static_cast<long long>(last.ticks())));
-    else if (departure && std::abs(*departure) > tolerance)
-        m_findings.add("audio timestamps",
-                       format("packet %llu, PID %d: PTS %lld is %.1f ms %s than the frames before it last",
-                              number, audio.pid, static_cast<long long>(pts.ticks()),
-                              std::abs(*departure) * 1000, *departure > 0 ? "later" : "earlier"));
 }
 
 } // namespace kestrel::flowscope

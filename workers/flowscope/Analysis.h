@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <vector>
 
 namespace kestrel::flowscope {
@@ -31,6 +32,8 @@ public:
     bool take(const unsigned char* packet);
     // So many bytes before the next packet, from that one of the file on, are no packets.
     void skip(std::uint64_t position, std::uint64_t bytes);
+    // The file ends within a packet, of which only these bytes are there.
+    void endWithin(std::span<const unsigned char> rest);
     // No more packets come.
     void end();
 
@@ -44,6 +47,13 @@ public:
 
     // One sound of the asset, in the order of its map.
     struct Audio {
+        // A time of a PES packet, and where the frames stood then.
+        struct Time {
+            PTS pts;
+            unsigned long long packet;
+            AudioTrack::Place place;
+        };
+
         int pid;
         AudioTrack track;
         PesReader reader;
@@ -53,6 +63,10 @@ public:
         double secondsAtLast = 0;  // that the frames before the last time took
         std::uint64_t changes = 0; // that have been told, as the next
         std::uint64_t breaks = 0;
+        std::optional<Time> held{}; // leaps; the next one tells what it is worth
+        std::uint64_t times = 0;    // that count
+        unsigned long long firstTimePacket = 0;
+        std::int64_t lastStep = 0; // from one time to the next
 
         // From the first time to the end of the last frame.
         [[nodiscard]] double seconds() const { return elapsed + track.seconds() - secondsAtLast; }
@@ -103,6 +117,9 @@ private:
     void takeElementary(const unsigned char* packet, Audio* audio, bool lost);
     void takeVideoTimes();
     void takeAudioTimes(Audio& audio);
+    void keepAudioTime(Audio& audio, const Audio::Time& time);
+    void settleAudioTime(Audio& audio, const Audio::Time& next);
+    void tellDamaged(const Audio& audio, const char* around);
     void tellTimecodes();
     void tellFormat(Audio& audio);
     // How far the decoding times lie ahead of the clock.
@@ -127,6 +144,7 @@ private:
     int m_pcrPid = -1;
     std::unique_ptr<VideoTrack> m_video;
     std::vector<Audio> m_audios;
+    std::unique_ptr<VideoTrack> m_videoAtLeap; // in a bounded pass: what it was before a time that is held
     PesReader m_videoReader;
     unsigned long long m_lastVideoPacket = 0;
     std::uint64_t m_timecodeJumps = 0;           // that have been told

@@ -18,7 +18,7 @@ constexpr double EARLY = 1;
 } // namespace
 
 double Analysis::delay() const {
-    return m_times.decodingSeconds(m_times.lastDts()) - m_clock.elapsedSeconds();
+    return m_times.decodingSeconds(m_times.latestDts()) - m_clock.elapsedSeconds();
 }
 
 void Analysis::noteDelay() {
@@ -37,11 +37,15 @@ void Analysis::end() {
     if (m_video == nullptr)
         return;
     m_video->end();
+    m_times.end(m_findings);
     m_video->assumeFrameRate(m_times.frameRate(m_video->frames()));
     tellTimecodes();
     for (Audio& each : m_audios) {
         each.track.end();
         tellFormat(each);
+        if (each.held)
+            tellDamaged(each, "before it");
+        each.held.reset();
     }
     judgeClock();
     // Of a stream that is read in part nothing is told of its end.

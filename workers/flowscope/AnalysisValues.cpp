@@ -24,7 +24,9 @@ double Analysis::videoSeconds() const {
         return counted;
     // Behind the last time come its picture and those that have none; which is shown last is not told of
     // several.
-    const double behind = std::max(1.0, static_cast<double>(m_video->fields() - m_positionAtTime.shown) / 2);
+    const double untimed =
+        static_cast<double>(m_video->fields() - m_positionAtTime.shown) / 2 + m_times.framesHeld();
+    const double behind = std::max(1.0, untimed);
     const double shown = m_times.shownSeconds() + behind / rate;
     constexpr double REORDERED = 3;
     const double tolerance = 1.5 + (behind >= 2 ? REORDERED : 0);

@@ -13,7 +13,7 @@ bool sameKind(const AudioFormat& a, const AudioFormat& b) {
 
 } // namespace
 
-std::optional<double> AudioTrack::stamp(PTS pts) {
+std::optional<double> AudioTrack::stamp(PTS pts, const Place& place) {
     if (pts.is_absent())
         return std::nullopt;
     if (m_firstPts.is_absent())
@@ -21,10 +21,9 @@ std::optional<double> AudioTrack::stamp(PTS pts) {
     // The time is that of the first frame that begins in this packet (2.4.3.7). Where a header is cut in two,
     // it cannot be told yet whether its frame has a time of its own.
     std::optional<double> departure;
-    const bool known = m_inStep && m_headerLength == 0;
-    if (known && m_secondsAtPts)
-        departure = kestrel::flowscope::seconds(pts - m_lastPts) - (m_seconds - *m_secondsAtPts);
-    m_secondsAtPts = known ? std::optional(m_seconds) : std::nullopt;
+    if (place.known && m_lastPlace && m_lastPlace->known && m_lastPlace->skips == place.skips)
+        departure = kestrel::flowscope::seconds(pts - m_lastPts) - (place.seconds - m_lastPlace->seconds);
+    m_lastPlace = place;
     m_lastPts = pts;
     return departure;
 }
@@ -33,7 +32,7 @@ void AudioTrack::skip() {
     m_inStep = false;
     m_headerLength = m_left = 0;
     m_sought.clear();
-    m_secondsAtPts.reset();
+    ++m_skips;
 }
 
 void AudioTrack::feed(std::span<const unsigned char> bytes) {

@@ -19,9 +19,21 @@ class AudioTrack {
 public:
     explicit AudioTrack(AudioCodec codec) : m_codec(codec) {}
 
-    // A PES packet begins with that time. Returns by how many seconds it departs from where the frames since
-    // the last such time have come; nothing where that is not known.
-    std::optional<double> stamp(PTS pts);
+    // Where a time stands between the frames.
+    struct Place {
+        double seconds;      // that the frames before it last
+        bool known;          // it is that of the next frame
+        std::uint64_t skips; // so often bytes were lost before it
+    };
+    [[nodiscard]] Place place() const noexcept {
+        return {m_seconds, m_inStep && m_headerLength == 0, m_skips};
+    }
+    // A PES packet begins with that time, or began with it there. Returns by how many seconds it departs from
+    // where the frames since the last such time have come; nothing where that is not known.
+    std::optional<double> stamp(PTS pts) { return stamp(pts, place()); }
+    std::optional<double> stamp(PTS pts, const Place& place);
+    // The only time so far was wrong: it should have been that.
+    void correctFirst(PTS pts) noexcept { m_firstPts = m_lastPts = pts; }
     // The next bytes of the elementary stream.
     void feed(std::span<const unsigned char> bytes);
     // Bytes were lost.
@@ -59,7 +71,8 @@ private:
     AudioFormat m_format;
     PTS m_firstPts{-1};
     PTS m_lastPts{-1};
-    std::optional<double> m_secondsAtPts; // m_seconds at the last time; nothing when bytes were lost since
+    std::optional<Place> m_lastPlace; // of the last time
+    std::uint64_t m_skips = 0;
     std::uint64_t m_frames = 0;
     std::uint64_t m_bytes = 0; // of whole frames
     double m_seconds = 0;

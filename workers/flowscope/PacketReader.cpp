@@ -10,8 +10,8 @@ namespace {
 
 constexpr std::size_t PACKET = ts::packet_size;
 constexpr std::size_t BUFFER = 2048 * PACKET;
-// What is looked at behind a packet: the run that begins with it.
-constexpr std::size_t AHEAD = PacketReader::run * PACKET;
+// What is looked at behind a packet: the run that begins with it or within it.
+constexpr std::size_t AHEAD = (PacketReader::run + 1) * PACKET;
 
 } // namespace
 
@@ -40,6 +40,7 @@ const unsigned char* PacketReader::slowNext() {
         fill();
     if (!m_seeking && m_end - m_begin >= PACKET && !inStep()) {
         m_seeking = true;
+        m_inStep = false;
         m_sought = {position(), 0};
     }
     if (m_seeking) {
@@ -56,9 +57,23 @@ const unsigned char* PacketReader::slowNext() {
     }
     if (m_end - m_begin < PACKET) {
         m_ended = true;
+        endWithin();
         return nullptr;
     }
+    m_inStep = true;
     return m_buffer.get() + std::exchange(m_begin, m_begin + PACKET);
+}
+
+// The file does not end where a packet does.
+void PacketReader::endWithin() {
+    const std::span<const unsigned char> rest(m_buffer.get() + m_begin, m_end - m_begin);
+    if (rest.empty() || m_error != 0)
+        return;
+    if (rest.front() == ts::sync_byte)
+        m_cut = rest;
+    else
+        m_stray = Stray{position(), rest.size()};
+    m_begin = m_end;
 }
 
 // Whether what comes next is a packet, be it with a damaged sync byte: of the packets behind it enough have
@@ -66,13 +81,23 @@ const unsigned char* PacketReader::slowNext() {
 bool PacketReader::inStep() const {
     constexpr std::size_t ENOUGH = 2;
     const unsigned char* const bytes = m_buffer.get() + m_begin;
-    if (*bytes == ts::sync_byte)
-        return true;
     std::size_t looked = 0;
     std::size_t found = 0;
     for (std::size_t at = PACKET; at < m_end - m_begin && looked + 1 < run; at += PACKET, ++looked)
         found += bytes[at] == ts::sync_byte ? 1 : 0;
-    return found >= ENOUGH || found == looked;
+    if (found >= ENOUGH || found == looked)
+        return true;
+    // Where others have come before it, its own sync byte tells, unless packets begin within it.
+    return *bytes == ts::sync_byte && (bytes[PACKET] == ts::sync_byte || (m_inStep && !isCutShort()));
+}
+
+// Whether the packets that follow begin before this one could have ended.
+bool PacketReader::isCutShort() const {
+    // Few follow at the end of the file.
+    constexpr std::size_t FEW = 3;
+    const std::size_t left = m_end - m_begin - 1;
+    const auto begin = findPackets(m_buffer.get() + m_begin + 1, std::min(left, run * PACKET), PACKET, FEW);
+    return begin && *begin + 1 < PACKET;
 }
 
 // Moves to the next place from which packets follow; where there is none, past all that cannot be one.

@@ -8,11 +8,14 @@
 #include <cstring>
 #include <memory>
 #include <optional>
+#include <span>
 
 namespace kestrel::flowscope {
 
 // Hands out one packet behind the other. A packet whose sync byte alone is damaged is handed out as it is;
-// where several in a row have none, the next place is sought from which they stand 188 bytes apart again.
+// where several in a row have none, the next place is sought from which they stand 188 bytes apart again. A
+// sync byte alone is no packet: in what follows the others must stand behind it, too. A packet that is
+// shorter because bytes of it are missing is not handed out.
 class PacketReader {
 public:
     // Reads from where the descriptor stands, which must outlive this object.
@@ -22,9 +25,10 @@ public:
     const unsigned char* next() {
         // Inline, since it runs for every packet of every file.
         const unsigned char* const packet = m_buffer.get() + m_begin;
-        if (m_end - m_begin < static_cast<std::size_t>(ts::packet_size) || m_seeking ||
-            *packet != ts::sync_byte)
+        constexpr std::size_t size = ts::packet_size;
+        if (m_end - m_begin <= size || m_seeking || *packet != ts::sync_byte || packet[size] != ts::sync_byte)
             return slowNext();
+        m_inStep = true;
         m_begin += ts::packet_size;
         return packet;
     }
@@ -43,6 +47,10 @@ public:
     // Those before the latest packet, or before the end; told once.
     std::optional<Stray> takeStray();
 
+    // Of the last packet, where the file ends within it, its bytes; empty where it ends behind one. Valid
+    // once ended.
+    [[nodiscard]] std::span<const unsigned char> cutPacket() const noexcept { return m_cut; }
+
     // Packets in a row that tell a place from chance.
     static constexpr std::size_t run = 5;
 
@@ -50,6 +58,8 @@ private:
     const unsigned char* slowNext();
     void fill();
     [[nodiscard]] bool inStep() const;
+    [[nodiscard]] bool isCutShort() const;
+    void endWithin();
     bool seek();
 
     int m_fd;
@@ -60,7 +70,9 @@ private:
     bool m_fileEnded = false;
     bool m_ended = false;
     int m_error = 0;
+    bool m_inStep = false; // a packet has been handed out, and no place sought since
     bool m_seeking = false;
+    std::span<const unsigned char> m_cut;
     Stray m_sought{0, 0};
     std::optional<Stray> m_stray;
 };

@@ -1,7 +1,5 @@
 #include "PassLimit.h"
 
-#include "ClockTurns.h"
-
 #include <algorithm>
 
 namespace kestrel::flowscope {
@@ -29,20 +27,14 @@ void PassLimit::reference(int pid, std::int64_t pcr) {
     m_last = pcr;
 }
 
-void PassLimit::sound(PTS pts) {
-    if (pts.is_absent())
-        return;
-    m_lastSound = unwrapped(pts, m_lastSound);
-    if (m_firstSound.is_absent())
-        m_firstSound = m_lastSound;
+void PassLimit::sound(double seconds) noexcept {
+    m_sound = std::max(m_sound, seconds);
 }
 
 bool PassLimit::passed() const noexcept {
     if (!m_seconds)
         return false;
-    const double passed = m_pid >= 0                 ? static_cast<double>(m_elapsed) / SECOND
-                          : m_firstSound.is_absent() ? 0
-                                                     : seconds(m_lastSound - m_firstSound);
+    const double passed = m_pid >= 0 ? static_cast<double>(m_elapsed) / SECOND : m_sound;
     return passed >= *m_seconds + AHEAD;
 }
 

@@ -1,15 +1,12 @@
 // How far a bounded pass has come where no decoding time of the video tells.
 #pragma once
 
-#include "mpeg/pts.h"
-
 #include <cstdint>
 #include <optional>
 
 namespace kestrel::flowscope {
 
-// Goes by the clock references of the first PID that has any, and by the times of the sound where nothing
-// has.
+// Goes by the clock references of the first PID that has any, and by the sound where nothing has.
 class PassLimit {
 public:
     explicit PassLimit(std::optional<int> seconds) : m_seconds(seconds) {}
@@ -18,8 +15,8 @@ public:
     [[nodiscard]] std::optional<int> asked() const noexcept { return m_seconds; }
     // A reference of that PID, in ticks of 27 MHz.
     void reference(int pid, std::int64_t pcr);
-    // A presentation time of a sound.
-    void sound(PTS pts);
+    // So many seconds of a sound have come.
+    void sound(double seconds) noexcept;
     // So much more than was asked for has passed that no decoding time of the video will end the pass.
     [[nodiscard]] bool passed() const noexcept;
 
@@ -28,8 +25,7 @@ private:
     int m_pid = -1;
     std::int64_t m_last = 0;
     std::int64_t m_elapsed = 0; // of the references, without jumps
-    PTS m_firstSound{-1};
-    PTS m_lastSound{-1};
+    double m_sound = 0;
 };
 
 } // namespace kestrel::flowscope

@@ -147,6 +147,8 @@ std::string VerifierSession::analyse(Analysis& analysis) {
                errnoText(reader.error());
     if (attend(reader.position()))
         return cancelled;
+    if (const auto rest = reader.cutPacket(); !rest.empty())
+        analysis.endWithin(rest);
     analysis.end();
     return {};
 }

@@ -13,16 +13,18 @@ namespace kestrel::flowscope {
 
 // Takes the times of PES packets in their order. The turns of the 33-bit clock are taken out; after an
 // announced change of the time base (ISO/IEC 13818-1, 2.4.3.5), and where time goes back by more than a
-// second without one, the times go on as if there had been none.
+// second without one, the times go on as if there had been none. A time that leaps by more than a second is
+// held until the next one tells whether it is damaged; a damaged one counts as if it had not been sent.
 class VideoTimes {
 public:
     // What one PES packet says, with the turns taken out, and as it stands there.
     struct Times {
         PTS pts;
-        PTS dts;
+        PTS dts; // of one that leaps: where it is expected
         PTS rawPts;
         PTS rawDts;
-        bool back = false; // time went back
+        bool back = false;  // time went back
+        bool leaps = false; // to be held
     };
     // Where a PES packet is, and what to expect of it.
     struct Place {
@@ -32,16 +34,25 @@ public:
         double frames; // that were sent since the last PES packet with a time (2.7.4), as long as they last
     };
 
+    // The next PES packet tells what a time that is held is worth; to be called before the next two. False
+    // where it was true and lies so many seconds behind the first one: the pass was to end there.
+    bool settle(PTS rawDts, const Place& place, std::optional<int> seconds, Findings& findings);
     // The times of the next PES packet as they would go on; nothing is kept of them yet.
     [[nodiscard]] Times continued(PTS rawPts, PTS rawDts, const Place& place);
-    // They count. What departs from order is told to findings.
+    // They count, or are held. What departs from order is told to findings.
     void take(const Times& times, const Place& place, Findings& findings);
+    // No more times come.
+    void end(Findings& findings);
     // A new time base begins.
     void expectNewTimeBase() noexcept { m_newTimeBase = true; }
 
     // Absent before the first.
     [[nodiscard]] PTS firstDts() const noexcept { return m_firstDts; }
     [[nodiscard]] PTS lastDts() const noexcept { return m_lastDts; }
+    // The last one, or where one that is held is expected.
+    [[nodiscard]] PTS latestDts() const noexcept { return m_latestDts; }
+    // Frames between the last time that counts and the latest one, where that does not.
+    [[nodiscard]] double framesHeld() const noexcept { return m_framesHeld; }
     [[nodiscard]] PTS lowestPts() const noexcept { return m_lowestPts; }
     // Whether time went back without a new time base.
     [[nodiscard]] bool wentBack() const noexcept { return m_shiftBefore.has_value(); }
@@ -53,13 +64,36 @@ public:
     [[nodiscard]] FrameRate frameRate(std::uint64_t frames) const;
 
 private:
+    struct Held {
+        Times times;
+        Place place;
+    };
     [[nodiscard]] double frameUnits(double frameRate) const noexcept;
+    // Of so many frames, by their rate or by the latest steps, whichever is longer.
+    [[nodiscard]] std::int64_t expected(const Place& place, double frames) const noexcept;
+    [[nodiscard]] Times follow(PTS rawPts, PTS rawDts, const Place& place, bool confirmed);
+    void keep(const Times& times, const Place& place, Findings& findings);
+    void keepPts(const Times& times, const Place& place, Findings& findings);
+    // On which side of its DTS a PTS lies too far off; 0: on none.
+    [[nodiscard]] int outside(std::int64_t offset, const Place& place) const noexcept;
+    void widen(PTS pts) noexcept;
+    void beginBefore(PTS dts, const Held& second, Findings& findings);
+    void tellDamaged(const Held& held, const char* around, Findings& findings) const;
+    void tellPts(const Held& held, Findings& findings) const;
 
     PTS m_firstDts{-1};
     PTS m_lastDts{-1};
     PTS m_lowestPts{-1};
     PTS m_highestPts{-1};
     PTS m_lastRawDts{-1};
+    PTS m_latestDts{-1};
+    std::optional<Held> m_held;    // its DTS leaps
+    std::optional<Held> m_heldPts; // its PTS lies far from its DTS
+    double m_framesHeld = 0;
+    std::int64_t m_leastOffset = 0; // of PTS from DTS that was borne out
+    std::int64_t m_mostOffset = 0;
+    Held m_first{};
+    double m_usualStep = 0; // the shorter one of the last two, for one frame
     std::int64_t m_lastStep = 0;
     double m_framesOfLastStep = 1;
     std::int64_t m_shift = 0;                  // of the time base since the first one
