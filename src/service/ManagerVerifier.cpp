@@ -46,6 +46,9 @@ int CManagerLib::runVerification(VerifierRequest& request, VerifierJob& job) {
         // Whatever its report says: a worker that failed has not verified the file. A list of validation
         // errors may be empty, which would tell the client nothing.
         const int result = job.getJobResults(request.errorText, sizeof request.errorText);
+        // An answer that is no failure text, such as the path of the report, leaves the reason untold.
+        if (result == 0)
+            LogUtil::Error("Manager", "%s", job.failureText().c_str());
         if (request.errorText[0] == '\0')
             kestrel::copyText(request.errorText, job.failureText());
         return result != 0 ? result : static_cast<int>(kestrel::error::mpegPropertyFailed);

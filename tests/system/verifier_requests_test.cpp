@@ -105,6 +105,15 @@ TEST_F(VerifierRequests, ForXmlTheAnswerIsTheReportsPath) {
     EXPECT_TRUE(std::filesystem::exists(reportPath()));
 }
 
+TEST_F(VerifierRequests, ForXmlTheAnswerIsTheReportsPathAlsoWhereTheWorkerFailed) {
+    start("--say 7:unreadable --exit 1");
+    EXPECT_EQ(verify(",ALL,XML"), "FALSE - " + reportPath());
+    EXPECT_FALSE(std::filesystem::exists(reportPath())) << "FALSE says that there need not be one";
+    EXPECT_TRUE(
+        service.waitForLog("[Manager:Error] Error: Failed to get requested Mpeg Property. unreadable\r\n"))
+        << "the reason stands in the log";
+}
+
 TEST_F(VerifierRequests, AnEmptyFifthFieldIsDroppedAndBlockIsNoProperty) {
     start("--verify " + prepared);
     EXPECT_EQ(verify(",,BLOCK"), "FALSE - Error: Invalid Mpeg Property.");
