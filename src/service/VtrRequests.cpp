@@ -72,7 +72,7 @@ VtrRequest::VtrRequest(MessageType type, char args[][300], int count) : Message(
     }
     // A cut name could be that of another deck. A status is never asked of one.
     if (!kestrel::copyText(command.serialPort, args[1]) && type != VTR_STATUS_REQUEST) {
-        const std::string port(args[1], 0, LONGEST_PORT_SHOWN);
+        const std::string port = std::string(args[1]).substr(0, LONGEST_PORT_SHOWN);
         kestrel::formatText(errorText, LOG_MSG(kestrel::error::vtrNotConnected), port.c_str());
         kestrel::formatText(std::span(errorText).subspan(std::strlen(errorText)),
                             " (a port's name has at most %zu characters)", sizeof command.serialPort - 1);
