@@ -63,6 +63,23 @@ bool isParsable(std::string_view text) {
            std::count(text.begin(), text.end(), '=') <= maxAttributes;
 }
 
+// Whether text is well-formed UTF-8 (RFC 3629), as far as the parser could lose its place in it: each byte
+// that begins a sequence has its followers.
+bool isUtf8(std::string_view text) {
+    std::size_t followers = 0;
+    for (const char each : text) {
+        const auto byte = static_cast<unsigned char>(each);
+        if ((byte & 0xC0) == 0x80) {
+            if (followers-- == 0)
+                return false;
+        } else if (followers != 0)
+            return false;
+        else if (byte >= 0xC0)
+            followers = byte >= 0xF0 ? 3 : byte >= 0xE0 ? 2 : 1;
+    }
+    return followers == 0;
+}
+
 std::string_view trimmed(std::string_view text) {
     constexpr std::string_view blanks = " \t\r\n";
     const std::size_t first = text.find_first_not_of(blanks);
@@ -86,7 +103,9 @@ std::optional<std::string> xmlFileProblem(const char* path, TiXmlDocument& docum
                " attributes, or is no text";
     // The parser looks for a byte-order mark without regard for the end: a cut-off one must not stand there.
     text.append("\n\n\n");
-    document.Parse(text.c_str());
+    // A file name may be of any bytes, and a field is cut between two of them: read as UTF-8, the beginning
+    // of a character would swallow the quote behind it.
+    document.Parse(text.c_str(), nullptr, isUtf8(text) ? TIXML_ENCODING_UNKNOWN : TIXML_ENCODING_LEGACY);
     if (!document.Error())
         return std::nullopt;
     return "line " + std::to_string(document.ErrorRow()) + ": " + document.ErrorDesc();

@@ -241,6 +241,18 @@ TEST_F(Save, TextsAreEscaped) {
     EXPECT_THAT(content(path("saved.xml")), HasSubstr("/a&amp;b &lt;"));
 }
 
+// A file name is made of bytes, and a long one is cut wherever the field ends.
+TEST_F(Save, NamesThatAreNoUtf8ComeBackAsTheyAre) {
+    for (int last = 0x80; last <= 0xFF; ++last) {
+        CSettings settings;
+        const std::string name = std::string("/caf") + static_cast<char>(last);
+        std::strcpy(settings.cmd.outputFile, name.c_str());
+        CSettings again;
+        ASSERT_TRUE(again.LoadProfile(saved(settings).c_str())) << last;
+        EXPECT_STREQ(again.cmd.outputFile, name.c_str()) << last;
+    }
+}
+
 TEST_F(Save, AFieldWithoutTerminatorEndsWithItsField) {
     CSettings settings;
     settings.cmd.jobType = CSettings::JOB_VTR;
