@@ -2,6 +2,7 @@
 #include "capture/UdpReceiver.h"
 #include "capture/worker_process.h"
 #include "foundation/ErrorCodes.h"
+#include "foundation/ProcessTree.h"
 
 #include <csignal>
 #include <gmock/gmock.h>
@@ -91,7 +92,7 @@ TEST(StreamClaim, AnotherProcessIsNamedAndItsClaimDiesWithIt) {
         ASSERT_TRUE(failed);
         EXPECT_THAT(failed->text, HasSubstr("is already recorded by process " + std::to_string(child) + ")"));
     }
-    ::kill(child, SIGKILL);
+    kestrel::test::signalTo(child, SIGKILL);
     ::waitpid(child, nullptr, 0);
     EXPECT_FALSE(claim.take(0x7F000002, port));
     ::close(ready[0]);

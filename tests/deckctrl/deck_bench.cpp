@@ -1,4 +1,5 @@
 #include "deckctrl/deck_bench.h"
+#include "foundation/ProcessTree.h"
 
 #include "foundation/FixedText.h"
 #include "foundation/PosixWrappers.h"
@@ -106,7 +107,7 @@ DeckProcess::DeckProcess() {
 
 DeckProcess::~DeckProcess() {
     if (m_process > 0) {
-        ::kill(m_process, SIGKILL);
+        kestrel::test::signalTo(m_process, SIGKILL);
         ::waitpid(m_process, nullptr, 0);
     }
     removeQueues();
@@ -183,7 +184,7 @@ _VTRCmdData DeckProcess::ask(const _VTRCmdData& request) {
 }
 
 void DeckProcess::signal(int number) const {
-    ::kill(m_process, number);
+    kestrel::test::signalTo(m_process, number);
 }
 
 int DeckProcess::wait(std::chrono::milliseconds most) {

@@ -1,6 +1,7 @@
 // The simulated deck as a program, and its orders.
 #include "deck_simulator/Orders.h"
 #include "deckctrl/deck_bench.h"
+#include "foundation/ProcessTree.h"
 
 #include <array>
 #include <csignal>
@@ -56,7 +57,7 @@ public:
     }
     ~Program() {
         if (m_process > 0) {
-            kill(m_process, SIGKILL);
+            kestrel::test::signalTo(m_process, SIGKILL);
             waitpid(m_process, nullptr, 0);
         }
     }
@@ -83,7 +84,7 @@ public:
         }
     }
     int end() {
-        kill(m_process, SIGTERM);
+        kestrel::test::signalTo(m_process, SIGTERM);
         int status = 0;
         waitpid(m_process, &status, 0);
         m_process = -1;

@@ -1,5 +1,6 @@
 // The verifier as a process: reports, failures, messages to the service, hostile files.
 #include "capture/worker_process.h"
+#include "foundation/ProcessTree.h"
 #include "foundation/ScratchDir.h"
 #include "streams/gop_reader.h"
 #include "streams/stream_fixtures.h"
@@ -419,7 +420,7 @@ TEST_F(FlowScope, EveryFiveSecondsItSaysThatItLivesAndHowFarItIs) {
     for (int messages = 0; messages < 5; ++messages)
         ASSERT_TRUE(queues.receive(std::chrono::seconds(30)));
     const auto passed = std::chrono::steady_clock::now() - begun;
-    kill(process, SIGTERM);
+    kestrel::test::signalTo(process, SIGTERM);
     EXPECT_EQ(finish(), 1);
     const auto& messages = queues.received();
     const AppMsgType order[] = {STATUS_MSG, STATUS_MSG, RESULTS_MSG, STATUS_MSG, RESULTS_MSG};
@@ -437,7 +438,7 @@ TEST_F(FlowScope, SignalsEndItWithoutAReport) {
         ServiceQueues queues;
         start(file, {"-out_queue_name", queues.updateName()});
         ASSERT_TRUE(queues.receive(std::chrono::seconds(30))) << "it reads";
-        kill(process, signal);
+        kestrel::test::signalTo(process, signal);
         EXPECT_EQ(finish(), 1);
         EXPECT_EQ(errors(), "flowScope: " + file + ": cancelled: no report is written\n");
         EXPECT_EQ(filesBeside(), 0U);

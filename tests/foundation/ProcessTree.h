@@ -1,9 +1,12 @@
 #pragma once
 
-// What the kernel tells about a process: its children, its threads, how often they slept.
+// What the kernel tells about a process: its children, its threads, how often they slept. And a signal to
+// one.
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
+#include <csignal>
 #include <cstddef>
 #include <filesystem>
 #include <fstream>
@@ -14,6 +17,15 @@
 #include <vector>
 
 namespace kestrel::test {
+
+// kill(2) to one process. A test that asks before it has looked whether there is one has -1 or 0 in hand,
+// which kill takes for every process of the machine, or of the group.
+inline int signalTo(pid_t process, int number) {
+    if (process > 0)
+        return ::kill(process, number);
+    errno = ESRCH;
+    return -1;
+}
 
 // The children of a process that it has not waited for, zombies included, in order of their ids. All of
 // /proc is read: a walk over the threads' own lists of children is cut short when a thread ends meanwhile.

@@ -1,5 +1,6 @@
 // Starting external programs.
 #include "foundation/AppLaunchUtil.h"
+#include "foundation/ProcessTree.h"
 #include "foundation/ScratchDir.h"
 #include "foundation/UniqueFd.h"
 #include "foundation/WaitUntilAsleep.h"
@@ -64,7 +65,7 @@ public:
     }
     ~ReportingProgram() {
         if (m_pid > 0) {
-            ::kill(m_pid, SIGKILL);
+            kestrel::test::signalTo(m_pid, SIGKILL);
             ::waitpid(m_pid, nullptr, 0);
         }
     }
@@ -294,7 +295,7 @@ int launchAndEndItInTheFirstSleep() {
     std::jthread killer([&] {
         const pid_t pid = program.pid();
         waitUntilAsleep(launcher);
-        ::kill(pid, SIGKILL);
+        kestrel::test::signalTo(pid, SIGKILL);
     });
     const int result = AppLaunchUtil::LaunchApplication(program.commandLine(), 60, &abort, nullptr);
     killer.join();
@@ -359,7 +360,7 @@ TEST(LaunchApplication, StoppedProgramCountsAsEnded) {
     int exitCode = 99;
     EXPECT_EQ(AppLaunchUtil::LaunchApplication(program.commandLine(), 30, nullptr, &exitCode), 0);
     EXPECT_EQ(exitCode, 0);
-    EXPECT_EQ(::kill(program.pid(), 0), 0);
+    EXPECT_EQ(kestrel::test::signalTo(program.pid(), 0), 0);
 }
 
 TEST(LaunchApplication, ProgramThatOutlivesTheWaitIsLeftRunning) {
@@ -369,7 +370,7 @@ TEST(LaunchApplication, ProgramThatOutlivesTheWaitIsLeftRunning) {
     EXPECT_EQ(AppLaunchUtil::LaunchApplication(program.commandLine(), 1, nullptr, &exitCode), -2);
     EXPECT_GE(Clock::now() - start, 1s);
     EXPECT_EQ(exitCode, 99);
-    EXPECT_EQ(::kill(program.pid(), 0), 0);
+    EXPECT_EQ(kestrel::test::signalTo(program.pid(), 0), 0);
 }
 
 TEST(LaunchApplication, NoTimeMeansNoWait) {
@@ -392,7 +393,7 @@ TEST(LaunchApplication, AbortEndsTheWait) {
     EXPECT_EQ(AppLaunchUtil::LaunchApplication(program.commandLine(), 600, &abort, nullptr), -2);
     EXPECT_LT(Clock::now() - start, 60s);
     aborter.join();
-    EXPECT_EQ(::kill(program.pid(), 0), 0) << "the program itself is not ended";
+    EXPECT_EQ(kestrel::test::signalTo(program.pid(), 0), 0) << "the program itself is not ended";
 }
 
 TEST(LaunchApplication, ProgramThatEndsInTheFirstSliceIsReportedInSpiteOfAbort) {
@@ -420,7 +421,7 @@ TEST(LaunchApplication, ProgramLeftRunningIsCollectedByALaterLaunchOnceItEnded) 
     ASSERT_EQ(AppLaunchUtil::LaunchApplication(program.commandLine(), 0, nullptr, nullptr), -2);
     const pid_t pid = program.pid();
     ASSERT_GT(pid, 0);
-    ASSERT_EQ(::kill(pid, SIGKILL), 0);
+    ASSERT_EQ(kestrel::test::signalTo(pid, SIGKILL), 0);
     siginfo_t info{};
     ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT), 0);
     EXPECT_EQ(launch("true", 30), 0);

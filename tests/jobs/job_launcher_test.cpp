@@ -179,12 +179,12 @@ TEST_F(JobLauncherTest, AStoppedWorkerIsAnErrorAndIsReapedWhenItEnds) {
     ASSERT_EQ(launch(job, "hold:" + held), 0);
     const pid_t worker = firstChild();
     ASSERT_TRUE(eventually([&] { return std::filesystem::exists(held + ".there"); }));
-    kill(worker, SIGSTOP);
+    kestrel::test::signalTo(worker, SIGSTOP);
     EXPECT_TRUE(allEnded());
     EXPECT_EQ(job.state(), Job::ERROR);
     EXPECT_THAT(log.text(), HasSubstr("could not retrieve exit code.  Was exit() used?"));
     EXPECT_EQ(processState(worker), 'T');
-    kill(worker, SIGKILL);
+    kestrel::test::signalTo(worker, SIGKILL);
     EXPECT_TRUE(eventually([&] { return processState(worker) == '\0'; }));
 }
 
@@ -199,7 +199,7 @@ TEST_F(JobLauncherTest, TheEndOfAWorkerIsSeenAtOnce) {
         const pid_t worker = firstChild();
         ASSERT_TRUE(eventually([&] { return std::filesystem::exists(held + ".there"); }));
         const auto start = std::chrono::steady_clock::now();
-        kill(worker, SIGKILL);
+        kestrel::test::signalTo(worker, SIGKILL);
         while (job.state() != Job::ERROR && std::chrono::steady_clock::now() - start < 5s)
             std::this_thread::sleep_for(100us);
         quickest = std::min(quickest, std::chrono::steady_clock::now() - start);

@@ -1,5 +1,6 @@
 // The main job end to end: a client's line in, a recorded transport-stream file and a truthful status out.
 // Real service, real capture worker, real encoder (ffmpeg) over UDP.
+#include "foundation/ProcessTree.h"
 #include "system/service_under_test.h"
 
 #include <arpa/inet.h>
@@ -150,7 +151,8 @@ TEST_F(RealCapture, ARecordingGoesOnWhenTheServiceIsStopped) {
     const auto ended = service.process().wait(20s);
     ASSERT_TRUE(ended.has_value());
     EXPECT_EQ(ended->code, 0);
-    EXPECT_TRUE(eventually([&] { return kill(workers[0], 0) != 0; }, 40s)) << "the worker does not end";
+    EXPECT_TRUE(eventually([&] { return kestrel::test::signalTo(workers[0], 0) != 0; }, 40s))
+        << "the worker does not end";
     EXPECT_EQ(probe("nb_read_packets", "v:0"), "150");
 }
 

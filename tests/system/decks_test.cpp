@@ -1,6 +1,7 @@
 // Deck requests all the way: client, service, deck-control process, serial line, deck. Only the decks are
 // simulated.
 #include "deck_simulator/DeckSimulator.h"
+#include "foundation/ProcessTree.h"
 #include "system/service_under_test.h"
 
 #include <csignal>
@@ -198,7 +199,7 @@ TEST_F(Decks, AProcessThatWasKilledFindsItsDecksAgain) {
     EXPECT_EQ(service.ask("VTR_CMD,COM1,0,Play"), "TRUE");
     const std::vector<pid_t> children = service.children();
     ASSERT_EQ(children.size(), 1u);
-    kill(children[0], SIGKILL);
+    kestrel::test::signalTo(children[0], SIGKILL);
     EXPECT_TRUE(
         eventually([&] { return service.ask("VTR_CURRENT_TIME,COM1").starts_with("TRUE - 10:00:"); }, 20s));
 }

@@ -81,7 +81,7 @@ Child::Child(const std::vector<std::string>& argv, const std::vector<std::string
 
 Child::~Child() {
     if (!m_ended) {
-        ::kill(m_pid, SIGKILL);
+        kestrel::test::signalTo(m_pid, SIGKILL);
         wait(10s);
     }
     std::error_code ignored;
@@ -93,7 +93,7 @@ bool Child::running() {
 }
 
 void Child::signal(int number) const {
-    ::kill(m_pid, number);
+    kestrel::test::signalTo(m_pid, number);
 }
 
 std::optional<Ended> Child::wait(std::chrono::milliseconds limit) {
@@ -179,7 +179,7 @@ ServiceUnderTest::~ServiceUnderTest() {
         std::fprintf(stderr, "--- service log\n%s---\n", log().c_str());
     if (m_process && m_process->running())
         for (const pid_t worker : children())
-            ::kill(worker, SIGKILL);
+            kestrel::test::signalTo(worker, SIGKILL);
     m_process.reset();
     clearPrivateNames();
     std::error_code ignored;

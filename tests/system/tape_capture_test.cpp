@@ -1,6 +1,7 @@
 // A capture from tape, all the way: client, service, capture worker, deck-control process, serial line, deck,
 // and the stream that comes off the tape while the deck plays. Only the deck is simulated.
 #include "deck_simulator/DeckSimulator.h"
+#include "foundation/ProcessTree.h"
 #include "streams/ffprobe.h"
 #include "streams/gop_reader.h"
 #include "streams/stream_fixtures.h"
@@ -135,7 +136,7 @@ public:
             std::error_code gone;
             const auto image = std::filesystem::read_symlink("/proc/" + std::to_string(child) + "/exe", gone);
             if (!gone && image.filename().string().starts_with("deckctrl")) {
-                EXPECT_EQ(kill(child, SIGKILL), 0);
+                EXPECT_EQ(kestrel::test::signalTo(child, SIGKILL), 0);
                 EXPECT_TRUE(service.waitForLog("VTR process ended by signal 9."));
                 return;
             }
