@@ -172,6 +172,8 @@ private:
         [[nodiscard]] std::time_t onTheCalendar() const;
         // Whether the calendar, with its daylight saving, has that time.
         [[nodiscard]] bool possible() const;
+        // Whether the following month has that day, too.
+        [[nodiscard]] bool hasFollowing() const;
         // The time that the calendar makes of it, in the form of a request.
         [[nodiscard]] std::string calendarText() const;
     };

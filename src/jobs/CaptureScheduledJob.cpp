@@ -79,9 +79,11 @@ void CaptureScheduledJob::explainTimes(int code, bool endGiven) const {
     if (code == error::endBeforeStart && later)
         LogUtil::Warning("JobMgmt",
                          "EndTime: %s is not before the StartTime %s, but times are compared as those of the "
-                         "following month, which has not as many days. A capture of the same length within "
-                         "one month is taken.",
-                         end.c_str(), start.c_str());
+                         "following month, %s. A capture of the same length on another day is taken.",
+                         end.c_str(), start.c_str(),
+                         m_givenStart->hasFollowing() && m_givenEnd->hasFollowing()
+                             ? "in which the clock is changed then"
+                             : "which has not as many days");
     else if (code == 0 && elapsedSeconds() == 0)
         LogUtil::Warning("JobMgmt", "EndTime: %s is not after the StartTime %s: the capture has no length.",
                          end.c_str(), start.c_str());
@@ -160,6 +162,15 @@ bool CaptureScheduledJob::GivenTime::possible() const {
     return normal.tm_wday != unset && normal.tm_year + std::int64_t{1900} == year &&
            normal.tm_mon + 1 == month && normal.tm_mday == day && normal.tm_hour == hour &&
            normal.tm_min == minute && normal.tm_sec == second;
+}
+
+bool CaptureScheduledJob::GivenTime::hasFollowing() const {
+    tm next = record();
+    next.tm_mon += 1;
+    next.tm_hour = 12; // which no clock change skips
+    const int wanted = next.tm_mday;
+    std::mktime(&next);
+    return next.tm_mday == wanted;
 }
 
 std::string CaptureScheduledJob::GivenTime::calendarText() const {

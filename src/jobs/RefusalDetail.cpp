@@ -48,22 +48,31 @@ std::string durationDetail(std::string_view results) {
     return text + numbers;
 }
 
-std::string filenameDetail(const char* file) {
-    const std::string text = std::string("Filename: \"") + file + "\" ";
+// "Error: Invalid filename. (%s)": which file is meant stands behind the text, and is not always the first
+// encoder's.
+std::string filenameDetail(std::string_view behindText, const char* outputFile) {
+    std::string file = outputFile;
+    const std::size_t end = behindText.rfind(')');
+    if (behindText.starts_with(" (") && end != std::string_view::npos)
+        file = behindText.substr(2, end - 2);
+    const std::string text = "Filename: \"" + file + "\" ";
     struct stat found {};
-    if (*file != '\0' && file[std::strlen(file) - 1] == '/')
+    if (file.ends_with('/'))
         return text + "ends in a slash: the name of the file is missing.";
-    if (stat(file, &found) != 0)
-        return text + "cannot be looked at: errno " + std::to_string(errno) + " (" + std::strerror(errno) +
-               ").";
+    if (stat(file.c_str(), &found) != 0)
+        // One that does not exist yet is what is expected of an output.
+        return errno == ENOENT ? std::string()
+                               : text + "cannot be looked at: errno " + std::to_string(errno) + " (" +
+                                     std::strerror(errno) + ").";
     return S_ISDIR(found.st_mode) ? text + "is a directory, not a file." : std::string();
 }
 
 } // namespace
 
 std::string refusalDetail(std::string_view results, const char* outputFile) {
-    if (outputFile != nullptr && results.find(LOG_MSG(error::invalidFilename)) != std::string_view::npos)
-        return filenameDetail(outputFile);
+    std::string_view behindText = results;
+    if (outputFile != nullptr && skipTo(behindText, LOG_MSG(error::invalidFilename)))
+        return filenameDetail(behindText, outputFile);
     return durationDetail(results);
 }
 

@@ -58,8 +58,13 @@ public:
             return;
         if (number > largest)
             complain(key, std::to_string(number).c_str(), "is too large");
-        else if (number > 0)
+        else if (number > 0) {
+            if (given == nullptr)
+                m_complaints.push_back(
+                    std::string("Profile section ") + m_name + ", key " + key +
+                    ": absent, the integer read before it is taken: " + std::to_string(number));
             value = number;
+        }
     }
 
     void copy(const char* key, std::span<char> field) {

@@ -151,6 +151,8 @@ void CManagerLib::watchDeckProcess() {
         if (m_shutdown)
             break;
         if (const auto end = m_deckProcess.takeEnd()) {
+            // One outage ends where the next begins, answered or not.
+            m_refusedInOutage = 0;
             m_deckRunning = false;
             const std::chrono::seconds pause = restart.after(Clock::now() - started);
             LogUtil::Error(MODULE, "VTR process ended %s. It is started again in %d seconds.", end->c_str(),

@@ -2,9 +2,12 @@
 #include "capture_requests.h"
 #include "mpeg/ts_maker.h"
 
+#include <cstdlib>
+#include <ctime>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <memory>
+#include <optional>
 
 using ::testing::HasSubstr;
 using ::testing::Not;
@@ -31,6 +34,29 @@ std::unique_ptr<CaptureJob> makeJob(Job::JobType type) {
         return std::make_unique<CaptureReencodeJob>(1, type);
     }
 }
+
+// A time zone for one test.
+class TimeZone {
+public:
+    explicit TimeZone(const char* zone) {
+        if (const char* const before = std::getenv("TZ"))
+            m_before = before;
+        setenv("TZ", zone, 1);
+        tzset();
+    }
+    ~TimeZone() {
+        if (m_before)
+            setenv("TZ", m_before->c_str(), 1);
+        else
+            unsetenv("TZ");
+        tzset();
+    }
+    TimeZone(const TimeZone&) = delete;
+    TimeZone& operator=(const TimeZone&) = delete;
+
+private:
+    std::optional<std::string> m_before;
+};
 
 // The lines of that level, each with its end.
 std::string errorLines(const std::string& text) {
@@ -314,8 +340,22 @@ TEST_F(CaptureRulesTest, WhyAnEndIsBeforeItsStartIsTold) {
         log.text(),
         HasSubstr("[JobMgmt:Warning] EndTime: 02/01/2027 01:00:00 is not before the StartTime 01/31/2027 "
                   "23:00:00, but times are compared as those of the following month, which has not as many "
-                  "days. A capture of the same length within one month is taken.\r\n"));
+                  "days. A capture of the same length on another day is taken.\r\n"));
     EXPECT_THAT(log.text(), Not(HasSubstr("has no length")));
+}
+
+// The month after the one that is written changes its clocks between the two.
+TEST_F(CaptureRulesTest, AnEndBehindAClockChangeIsRefusedAndToldAsSuch) {
+    const TimeZone newYork("EST5EDT,M3.2.0,M11.1.0");
+    CaptureScheduledJob job(1);
+    EXPECT_EQ(setFields(job, {"Filename=/tmp/a", enc1, "StartTime=02/14/2026 02:30:00",
+                              "EndTime=02/14/2026 03:10:00"}),
+              10010);
+    EXPECT_THAT(log.text(),
+                HasSubstr("[JobMgmt:Warning] EndTime: 02/14/2026 03:10:00 is not before the StartTime "
+                          "02/14/2026 02:30:00, but times are compared as those of the following month, in "
+                          "which the clock is changed then. A capture of the same length on another day is "
+                          "taken.\r\n"));
 }
 
 TEST_F(CaptureRulesTest, ACaptureWithoutLengthIsTakenAndTold) {

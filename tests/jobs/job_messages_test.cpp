@@ -124,9 +124,16 @@ TEST_F(JobMessagesTest, AnInvalidFilenameIsExplainedInTheLog) {
     EXPECT_THAT(told("/tmp/"),
                 HasSubstr("Filename: \"/tmp/\" ends in a slash: the name of the file is missing.\r\n"));
     EXPECT_THAT(
-        told("/no/such/a.ts"),
-        HasSubstr(
-            "Filename: \"/no/such/a.ts\" cannot be looked at: errno 2 (No such file or directory).\r\n"));
+        told("/dev/null/a.ts"),
+        HasSubstr("Filename: \"/dev/null/a.ts\" cannot be looked at: errno 20 (Not a directory).\r\n"));
+    EXPECT_THAT(told("/no/such/a.ts"), Not(HasSubstr("/no/such"))) << "an output need not exist";
+}
+
+TEST_F(JobMessagesTest, TheFileThatIsExplainedIsTheOneThatTheResultsName) {
+    CaptureManualJob job(902014);
+    job.SetOutputFile("/no/such/a.ts");
+    take(job, RESULTS_MSG, "Encoder 2: Error: Invalid filename. (/tmp)");
+    EXPECT_THAT(log.text(), HasSubstr("Filename: \"/tmp\" is a directory, not a file.\r\n"));
 }
 
 TEST_F(JobMessagesTest, OtherResultsNeedNoExplanation) {

@@ -427,7 +427,11 @@ TEST_F(SettingsTest, ALogReceiverNeedsAddressAndPort) {
     ASSERT_TRUE(readable(receiver, ANSWER_TIMEOUT_MS));
     char datagram[500] = {};
     ASSERT_GT(recv(receiver.get(), datagram, sizeof datagram - 1, 0), 0);
-    EXPECT_THAT(datagram, HasSubstr("[Manager:Info] " + both)) << "the first that arrives";
+    EXPECT_THAT(datagram,
+                HasSubstr("[Manager:Warning] Profile section WebServicesComm, key PORT_NUMBER: absent, "
+                          "the integer read before it is taken: " +
+                          number))
+        << "the first that arrives";
 }
 
 TEST_F(SettingsTest, WithoutAManagerTheProfileIsFoundByItsDirectory) {

@@ -77,6 +77,7 @@ protected:
         return text.str();
     }
     // The deck-control process that runs now.
+    // The deck process: the one child of a service without jobs.
     [[nodiscard]] pid_t deck() const {
         const std::vector<pid_t> children = service.children();
         return children.size() == 1 ? children[0] : -1;
@@ -188,7 +189,7 @@ TEST_F(DeckBridge, AProcessThatIsKilledWhileAClientWaitsIsNamedWithItsSignal) {
     const JoinedQueue toDeck("/to_vtr_proc_q");
     auto waiting = std::async(std::launch::async, [&] { return service.ask("VTR_CURRENT_TIME,COM1"); });
     ASSERT_TRUE(eventually([&] { return toDeck.waiting() == 1; }));
-    ASSERT_EQ(kill(process, SIGKILL), 0);
+    ASSERT_EQ(kestrel::test::signalTo(process, SIGKILL), 0);
     EXPECT_EQ(waiting.get(), "FALSE - Error: The VTR process ended by signal 9 before it answered.");
     EXPECT_TRUE(eventually([&] { return toDeck.waiting() == 0; })) << "the next one does not carry it out";
     EXPECT_THAT(service.log(), HasSubstr("VTR process ended by signal 9. It is started again in 1 seconds."));
@@ -215,7 +216,7 @@ TEST_F(DeckBridge, AWorkersRequestThatTheProcessHadNotReadIsAnsweredOnTheWorkers
     fromWorker.send(VTR_CMD_REQUEST_MSG, request);
     ASSERT_TRUE(eventually([&] { return toDeck.waiting() == 2; }));
     EXPECT_EQ(toWorker.waiting(), 0) << "not answered before";
-    ASSERT_EQ(kill(process, SIGKILL), 0);
+    ASSERT_EQ(kestrel::test::signalTo(process, SIGKILL), 0);
 
     for (const int kind : {6, 7}) {
         const _VTRCmdData answer = toWorker.receive(VTR_CMD_RESPONSE_MSG);
@@ -312,6 +313,48 @@ TEST_F(DeckBridge, AnOutageIsLoggedOnceHoweverManyRequestsOfWorkersItRefuses) {
     EXPECT_EQ(service.waitForState("1", "COMPLETE"), "TRUE - COMPLETE");
 }
 
+TEST_F(DeckBridge, EachOutageIsToldAlsoWhereNobodyAskedBetweenTwo) {
+    const std::string go = service.root() / "go";
+    service.setWorker("--wait-file " + go);
+    start();
+    pid_t process = deck();
+    ASSERT_GT(process, 0);
+    ASSERT_EQ(service.ask("CAPTURE,JOB_BEGIN,1,CAPTURE_VTR_JOB,Filename=/media/tape.ts,EncoderIp=127.0.0.1,"
+                          "MarkInTime=01:00:00:00,MarkOutTime=01:00:10:00,VTR_Com_Port=COM7"),
+              "TRUE");
+    const std::vector<pid_t> withWorker = service.children();
+    const JoinedQueue fromWorker("/job_update_q_0");
+    const JoinedQueue toWorker("/mgr_msg_q_0");
+    _VTRCmdData request{};
+    request.commandKind = 6;
+    std::strcpy(request.serialPort, "COM7");
+    const auto linesOf = [](const std::string& log, const std::string& words) {
+        int count = 0;
+        for (std::size_t at = log.find(words); at != std::string::npos; at = log.find(words, at + 1))
+            ++count;
+        return count;
+    };
+    for (int outage = 1; outage <= 2; ++outage) {
+        ASSERT_EQ(kestrel::test::signalTo(process, SIGKILL), 0);
+        ASSERT_TRUE(
+            eventually([&] { return linesOf(service.log(), "VTR process ended by signal 9.") == outage; }));
+        fromWorker.send(VTR_CMD_REQUEST_MSG, request);
+        EXPECT_EQ(toWorker.receive(VTR_CMD_RESPONSE_MSG).errorCode, 20061);
+        EXPECT_EQ(linesOf(service.log(), "Failed to send message on queue /to_vtr_proc_q."), outage);
+        const auto next = [&] {
+            for (const pid_t child : service.children())
+                if (child != process &&
+                    std::find(withWorker.begin(), withWorker.end(), child) == withWorker.end())
+                    return child;
+            return pid_t{-1};
+        };
+        ASSERT_TRUE(eventually([&] { return next() > 0; }, 20s));
+        process = next();
+    }
+    std::ofstream(go) << "go";
+    EXPECT_EQ(service.waitForState("1", "COMPLETE"), "TRUE - COMPLETE");
+}
+
 TEST_F(DeckBridge, ThePausesGrow) {
     service.set("DeckCtrl", "EXE", "/no/such/deck");
     service.start();
@@ -346,7 +389,7 @@ TEST_F(DeckBridge, TheQueuesOfAServiceThatWasKilledAreTakenOver) {
     ASSERT_TRUE(service.process().wait(20s).has_value());
     service.start();
     EXPECT_EQ(service.ask("VTR_CURRENT_TIME,COM1"), "TRUE - 01:02:03:04");
-    EXPECT_EQ(kill(left, SIGKILL), 0) << "the first one's, which nothing else ends";
+    EXPECT_EQ(kestrel::test::signalTo(left, SIGKILL), 0) << "the first one's, which nothing else ends";
 }
 
 TEST_F(DeckBridge, TheServicesEndEndsTheProcessAndItsQueues) {
@@ -357,7 +400,7 @@ TEST_F(DeckBridge, TheServicesEndEndsTheProcessAndItsQueues) {
     EXPECT_THAT(service.log(), HasSubstr("[Manager:Info] Ending VTR Process\r\n"));
     EXPECT_THAT(service.log(), HasSubstr("[Manager:Info] VTR process ended with exit status 0\r\n"));
     EXPECT_THAT(service.log(), HasSubstr("[Manager:Debug] Thread 1 complete.\r\n"));
-    EXPECT_EQ(kill(process, 0), -1);
+    EXPECT_EQ(kestrel::test::signalTo(process, 0), -1);
     EXPECT_EQ(mq_open("/to_vtr_proc_q", O_RDONLY), -1);
     EXPECT_EQ(mq_open("/from_vtr_proc_q", O_RDONLY), -1);
 }

@@ -1,4 +1,5 @@
 // Jobs over the protocol with real worker processes: begin, states, results, logs, abort, failure.
+#include "foundation/ProcessTree.h"
 #include "system/service_under_test.h"
 
 #include <csignal>
@@ -266,7 +267,7 @@ TEST(Jobs, AWorkerThatIsStoppedIsAnError) {
     const std::vector<pid_t> workers = service.children();
     EXPECT_EQ(service.waitForState("1", "ERROR"), "TRUE - ERROR");
     for (const pid_t worker : workers)
-        kill(worker, SIGKILL);
+        kestrel::test::signalTo(worker, SIGKILL);
 }
 
 TEST(Jobs, AbortOfAJobInProgressReachesTheWorkerAndTheStateStaysCancelled) {
@@ -450,7 +451,9 @@ bool hasOpenedQueues(pid_t worker) {
 }
 
 TEST(Jobs, AServiceStoppedWithJobsRunningLeavesTheWorkersAndNoQueue) {
-    for (const bool bySignal : {false, true}) {
+    constexpr int BY_REQUEST = 0;
+    for (const int by : {BY_REQUEST, SIGTERM, SIGINT, SIGHUP}) {
+        SCOPED_TRACE(by);
         ServiceUnderTest service;
         const std::string go = service.root() / "go";
         const std::string note = service.root() / "ran";
@@ -462,17 +465,17 @@ TEST(Jobs, AServiceStoppedWithJobsRunningLeavesTheWorkersAndNoQueue) {
         ASSERT_EQ(workers.size(), 2U);
         for (const pid_t worker : workers)
             ASSERT_TRUE(eventually([&] { return hasOpenedQueues(worker); }));
-        if (bySignal)
-            service.process().signal(SIGTERM);
-        else
+        if (by == BY_REQUEST)
             service.ask("STOP_SERVICE");
+        else
+            service.process().signal(by);
         const auto ended = service.process().wait(20s);
         ASSERT_TRUE(ended.has_value());
         EXPECT_TRUE(ended->exited);
         EXPECT_EQ(ended->code, 0);
         EXPECT_THAT(messageQueues(), IsEmpty());
         for (const pid_t worker : workers) {
-            EXPECT_EQ(kill(worker, 0), 0) << "a running recording was ended";
+            EXPECT_EQ(kestrel::test::signalTo(worker, 0), 0) << "a running recording was ended";
             EXPECT_THAT(service.log(), HasSubstr(std::to_string(worker)));
         }
         std::ofstream(go) << "go";

@@ -207,7 +207,13 @@ TEST(ServiceLife, AMalformedProfileIsLoggedAndTheDefaultsHold) {
     ServiceUnderTest service;
     service.setProfileText("this is no XML <<<");
     const auto process = service.run("debug");
-    EXPECT_TRUE(service.waitForLog("KestrelManager settings file"));
+    EXPECT_TRUE(service.waitForLog("Could not load KestrelManager settings file " + service.root().string() +
+                                   "/conf/KestrelManagerProfile.xml."));
+    EXPECT_TRUE(eventually([&] {
+        const std::string log = service.log();
+        return log.find("on port 5112...") != std::string::npos ||
+               log.find("Could not use port 5112.") != std::string::npos;
+    }));
     process->signal(SIGTERM);
     endOf(*process);
 }
