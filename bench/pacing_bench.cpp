@@ -4,13 +4,13 @@
 // Prints by how many microseconds the datagrams come later than the PCRs say, by the kernel's time of
 // arrival. Both play at the same time, so that what else the machine does meets both.
 #include "capture/PlayOut.h"
+#include "capture/decoder_socket.h"
 #include "capture/normalize_streams.h"
 #include "figures.h"
 
 #include <arpa/inet.h>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <netinet/in.h>
@@ -32,44 +32,15 @@ constexpr std::uint32_t loopback = INADDR_LOOPBACK;
 // The kernel's times of arrival at a port, in nanoseconds of CLOCK_REALTIME.
 class Decoder {
 public:
-    Decoder() : m_socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-        const int on = 1;
-        const int size = 32 << 20;
-        ::setsockopt(m_socket.get(), SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof on);
-        if (::setsockopt(m_socket.get(), SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size) != 0)
-            ::setsockopt(m_socket.get(), SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(loopback);
-        socklen_t length = sizeof address;
-        ::bind(m_socket.get(), reinterpret_cast<const sockaddr*>(&address), length);
-        ::getsockname(m_socket.get(), reinterpret_cast<sockaddr*>(&address), &length);
-        port = ntohs(address.sin_port);
-    }
     void drain() {
-        unsigned char byte = 0;
-        for (;;) {
-            iovec part{&byte, 1};
-            alignas(cmsghdr) char control[256];
-            msghdr header{};
-            header.msg_iov = &part;
-            header.msg_iovlen = 1;
-            header.msg_control = control;
-            header.msg_controllen = sizeof control;
-            if (::recvmsg(m_socket.get(), &header, MSG_DONTWAIT) < 0)
-                return;
-            timespec time{};
-            for (cmsghdr* at = CMSG_FIRSTHDR(&header); at; at = CMSG_NXTHDR(&header, at))
-                if (at->cmsg_type == SCM_TIMESTAMPNS)
-                    std::memcpy(&time, CMSG_DATA(at), sizeof time);
-            arrivals.push_back(std::int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec);
-        }
+        m_socket.drain(
+            [this](std::int64_t time, std::span<const unsigned char>) { arrivals.push_back(time); });
     }
-    int port = 0;
+    int port() const { return m_socket.port(); }
     std::vector<std::int64_t> arrivals;
 
 private:
-    kestrel::UniqueFd m_socket;
+    DecoderSocket m_socket;
 };
 
 std::int64_t now(clockid_t clock) {
@@ -129,7 +100,7 @@ void measure(double megabits, int seconds) {
     const double exact = static_cast<double>(step) * 1e9 / ticksPerSecond / (packetsEach / 7);
     Decoder decoder, limitDecoder;
     WakeEvent changed;
-    PlayOut play({.file = file, .address = loopback, .port = decoder.port, .held = true}, changed);
+    PlayOut play({.file = file, .address = loopback, .port = decoder.port(), .held = true}, changed);
     if (auto failed = play.start()) {
         std::printf("%s\n", failed->text.c_str());
         return;
@@ -142,7 +113,7 @@ void measure(double megabits, int seconds) {
     const std::int64_t difference = now(CLOCK_REALTIME) - now(CLOCK_MONOTONIC);
     const std::int64_t begin = now(CLOCK_MONOTONIC) + 100'000'000;
     const auto datagrams = static_cast<std::size_t>(count) * packetsEach / 7;
-    std::thread limit([&] { playLimit(limitDecoder.port, begin, exact, datagrams); });
+    std::thread limit([&] { playLimit(limitDecoder.port(), begin, exact, datagrams); });
     play.go(Clock::time_point(std::chrono::nanoseconds(begin)));
     while (!play.status().over) {
         usleep(20'000);

@@ -131,7 +131,7 @@ std::vector<CodedFrame> LabelledStream::frames(int count) {
             planGop();
         const int shown = m_order.front();
         CodedFrame frame{{}, label(shown), m_types.front()};
-        if (frame.type == 'I') {
+        if (frame.type == 'I' || m_shape.tables) {
             const auto table = [&](int pid, const Bytes& body) {
                 Packet packet{0x47, low(0x40 | pid >> 8), low(pid),
                               low(0x10 | (m_counters[static_cast<std::size_t>(pid)]++ & 15))};

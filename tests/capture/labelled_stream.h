@@ -22,6 +22,7 @@ struct LabelledShape {
     bool avcHrd = false;                  // with buffering parameters, which lengthen picture timing
     bool fields = false;                  // MPEG-2: each frame is two field pictures
     int packetsPerFrame = 2;
+    bool tables = false; // before each frame; else before each GOP
     int delay = 0;       // further frames from when a picture is decoded to when it is shown
     bool stuffed = true; // the last packet of a frame ends with it
 };

@@ -98,8 +98,8 @@ void Equipment::run() {
 
 namespace {
 
-LabelledShape idleShape(LabelledShape shape) {
-    shape.gop = 5;
+LabelledShape idleShape(LabelledShape shape, int gop) {
+    shape.gop = gop;
     shape.timecode = "00:00:00:00";
     return shape;
 }
@@ -107,8 +107,8 @@ LabelledShape idleShape(LabelledShape shape) {
 } // namespace
 
 RunningEncoder::RunningEncoder(int encoderPort, LabelledShape shape, Source source)
-    : m_stream(idleShape(std::move(shape))), m_source(std::move(source)), m_stop(::eventfd(0, EFD_CLOEXEC)),
-      m_out(outgoing()) {
+    : m_stream(idleShape(std::move(shape), source.gop)), m_source(std::move(source)),
+      m_stop(::eventfd(0, EFD_CLOEXEC)), m_out(outgoing()) {
     m_socket = boundSocket("127.0.0.1", m_port);
     const sockaddr_in to = socketAddress("127.0.0.1", encoderPort);
     EXPECT_EQ(::connect(m_out.get(), reinterpret_cast<const sockaddr*>(&to), sizeof to), 0);
@@ -134,8 +134,10 @@ void RunningEncoder::run() {
                 break;
             if (waits[0].revents)
                 return;
-            if (::recv(m_socket.get(), buffer.data(), buffer.size(), MSG_DONTWAIT) > 0 && since < 0)
+            if (::recv(m_socket.get(), buffer.data(), buffer.size(), MSG_DONTWAIT) > 0 && since < 0) {
                 since = 0;
+                m_framesBefore = frame;
+            }
         }
         if (since >= 0 && ++since == m_source.delay && !m_source.firstLabel.empty())
             m_stream.jumpTo(m_source.firstLabel);

@@ -59,6 +59,7 @@ public:
         std::string firstLabel = {}; // empty: the timecodes go on
         int frames = 0;
         int delay = 10; // frames from the decoder's input to the encoder's output
+        int gop = 5;
     };
     RunningEncoder(int encoderPort, LabelledShape shape, Source source);
     ~RunningEncoder();
@@ -66,6 +67,8 @@ public:
     RunningEncoder& operator=(const RunningEncoder&) = delete;
 
     int port() const { return m_port; }
+    // Frames that it had sent when the first datagram of the source came; -1 before.
+    int framesBefore() const { return m_framesBefore; }
 
 private:
     void run();
@@ -73,6 +76,7 @@ private:
 
     LabelledStream m_stream;
     Source m_source;
+    std::atomic<int> m_framesBefore{-1};
     kestrel::UniqueFd m_stop;
     kestrel::UniqueFd m_socket;
     kestrel::UniqueFd m_out;

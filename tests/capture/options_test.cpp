@@ -46,6 +46,14 @@ TEST(Options, TheUsageTellsEveryOptionAndExitCode) {
         EXPECT_NE(text.find(part), std::string::npos) << part;
 }
 
+TEST(Options, TheUsageLineNamesEveryOption) {
+    const std::string text = usage("kestrelCapture");
+    const std::string line = text.substr(0, text.find('\n'));
+    for (const char* option : {"-ini FILE", "[-wq QUEUE]", "[-rq QUEUE]", "[-log FILE]", "[-encoders FILE]",
+                               "[-overwrite]", "[-nulls keep|drop]", "--help"})
+        EXPECT_NE(line.find(option), std::string::npos) << option << " in " << line;
+}
+
 TEST(Options, MistakesAreNamed) {
     EXPECT_EQ(parse({}).error, "no settings file: -ini is required");
     EXPECT_EQ(parse({"-ini"}).error, "option -ini needs a value");

@@ -1,23 +1,20 @@
 // Playing a file to a decoder: a real socket on loopback takes what is sent, with the kernel's time of
 // arrival.
 #include "capture/PlayOut.h"
+#include "capture/decoder_socket.h"
 #include "capture/normalize_streams.h"
 #include "capture/worker_process.h"
 #include "foundation/ErrorCodes.h"
 #include "streams/stream_fixtures.h"
 
 #include <algorithm>
-#include <arpa/inet.h>
 #include <csignal>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -37,61 +34,24 @@ struct Arrival {
     Bytes bytes;
 };
 
-// A decoder's port.
+// A decoder's port, with all that came.
 class Decoder {
 public:
-    explicit Decoder(const std::string& group = "")
-        : m_socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-        const int on = 1;
-        const int size = 8 << 20;
-        ::setsockopt(m_socket.get(), SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof on);
-        if (::setsockopt(m_socket.get(), SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size) != 0)
-            ::setsockopt(m_socket.get(), SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        inet_pton(AF_INET, group.empty() ? "127.0.0.1" : group.c_str(), &address.sin_addr);
-        socklen_t length = sizeof address;
-        EXPECT_EQ(::bind(m_socket.get(), reinterpret_cast<sockaddr*>(&address), length), 0);
-        if (!group.empty()) {
-            const ip_mreq membership{address.sin_addr, {htonl(loopback)}};
-            EXPECT_EQ(
-                ::setsockopt(m_socket.get(), IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership, sizeof membership),
-                0);
-        }
-        ::getsockname(m_socket.get(), reinterpret_cast<sockaddr*>(&address), &length);
-        m_port = ntohs(address.sin_port);
-    }
-    int port() const { return m_port; }
+    explicit Decoder(const std::string& group = "", int port = 0) : m_socket(group, port) {}
+    int port() const { return m_socket.port(); }
 
     // Takes what has come.
     void drain() {
-        Bytes buffer(65536);
-        for (;;) {
-            iovec part{buffer.data(), buffer.size()};
-            alignas(cmsghdr) char control[256];
-            msghdr header{};
-            header.msg_iov = &part;
-            header.msg_iovlen = 1;
-            header.msg_control = control;
-            header.msg_controllen = sizeof control;
-            const ssize_t got = ::recvmsg(m_socket.get(), &header, MSG_DONTWAIT);
-            if (got < 0)
-                return;
-            timespec time{};
-            for (cmsghdr* at = CMSG_FIRSTHDR(&header); at; at = CMSG_NXTHDR(&header, at))
-                if (at->cmsg_type == SCM_TIMESTAMPNS)
-                    std::memcpy(&time, CMSG_DATA(at), sizeof time);
+        m_socket.drain([this](std::int64_t time, std::span<const unsigned char> bytes) {
             arrivals.push_back(
-                {static_cast<double>(time.tv_sec % 100000) * 1e3 + static_cast<double>(time.tv_nsec) / 1e6,
-                 Bytes(buffer.begin(), buffer.begin() + got)});
-        }
+                {static_cast<double>(time % 100'000'000'000'000) / 1e6, Bytes(bytes.begin(), bytes.end())});
+        });
     }
 
     std::vector<Arrival> arrivals;
 
 private:
-    kestrel::UniqueFd m_socket;
-    int m_port = 0;
+    DecoderSocket m_socket;
 };
 
 // One run of a play-out.
@@ -514,6 +474,37 @@ TEST(PlayOut, TellsThatTheInterfaceIsNotOneOfThisHost) {
     PlayOutPlan asked = plan(streamFile("m2_sd_25"), decoder);
     asked.interfaceAddress = 0xC0000201; // 192.0.2.1, of a network for examples
     EXPECT_THAT(refusal(asked), StartsWith("Error: Invalid decoder interface 192.0.2.1. ("));
+}
+
+// It starts up: its port is opened while it is played to.
+TEST(PlayOut, CountsTheDatagramsThatTheDecoderDidNotTake) {
+    const int port = freePort();
+    TemporaryDirectory directory;
+    const Packets packets = clocked(evenly(0, 40 * millisecond, 40), 70);
+    Playing run({.file = written(directory, joined(packets)), .address = loopback, .port = port});
+    ASSERT_FALSE(run.playOut.start());
+    const auto limit = Clock::now() + std::chrono::seconds(10);
+    while (run.playOut.status().refused < 10 && Clock::now() < limit)
+        usleep(1000);
+    Decoder decoder("", port);
+    run.playOut.join();
+    decoder.drain();
+    const PlayOutStatus status = run.playOut.status();
+    ASSERT_FALSE(status.failed) << status.failed->text;
+    const Bytes whole = joined(packets);
+    const Bytes taken = payloads(decoder.arrivals);
+    // Whatever came after the port was opened has come, and what is counted is the rest.
+    EXPECT_GE(status.refused, 10U);
+    EXPECT_EQ(decoder.arrivals.size() + status.refused, (packets.size() + 6) / 7);
+    ASSERT_LT(taken.size(), whole.size());
+    EXPECT_EQ(taken, Bytes(whole.end() - static_cast<std::ptrdiff_t>(taken.size()), whole.end()));
+}
+
+TEST(PlayOut, CountsNothingAsNotTakenByADecoderThatIsThere) {
+    Decoder decoder;
+    TemporaryDirectory directory;
+    const Packets packets = clocked(evenly(0, 20 * millisecond, 10), 14);
+    EXPECT_EQ(Playing(plan(written(directory, joined(packets)), decoder)).play(decoder).refused, 0U);
 }
 
 TEST(PlayOut, TellsThatTheDecoderIsNotReached) {

@@ -219,8 +219,9 @@ protected:
         EXPECT_LT(m_now, ended + 5s + 200ms);
         EXPECT_THAT(
             r.status().text,
-            HasSubstr(", the stream ran before the play-out and shows no timecode of the source: up to "
-                      "5 s of other pictures at either end"));
+            HasSubstr(
+                ", the stream ran before the play-out and no timecodes of the source were recognised in "
+                "it: up to 5 s of other pictures at either end"));
         EXPECT_GE(fileFrames(), 225U);
         EXPECT_LT(fileFrames(), 225U + 12);
     }
@@ -322,6 +323,69 @@ TEST_F(PlayedRecording, AtAnotherFrameRateIsNotCompleteWithHalfOfItsTime) {
     ASSERT_EQ(r.state(), RecordingState::ended);
     EXPECT_FALSE(r.status().succeeded);
     EXPECT_THAT(r.status().text, StartsWith("Error: 110 of 199 frames came back. Recorded "));
+}
+
+// The two frames before its first that can be shown are played, but no decoder shows them.
+TEST_F(PlayedRecording, WantsNoFramesThatCannotBeShownWithOrWithoutTimecodes) {
+    for (const bool labels : {true, false}) {
+        for (const int come : {98, 97}) {
+            m_file = m_directory.path(std::to_string(come) + (labels ? "labels.ts" : "none.ts"));
+            RecordingPlan asked = labels ? plan("10:00:00:02", "10:00:03:24") : plan();
+            asked.labelledFrames = labels ? 98 : 0;
+            asked.hiddenFrames = 2;
+            Recording r = recording(asked);
+            beginSilent(r);
+            LabelledStream stream(idle());
+            feed(r, stream, come);
+            r.sourceEnded(m_now);
+            pass(r, 5s);
+            ASSERT_EQ(r.state(), RecordingState::ended);
+            EXPECT_EQ(r.status().succeeded, come == 98) << r.status().text;
+            EXPECT_EQ(fileFrames(), static_cast<std::size_t>(come));
+        }
+    }
+}
+
+// Its GOPs are so long that none begins between the first look at it and the first frame played.
+TEST_F(PlayedRecording, FailsWhenItCannotBeginBeforeTheFirstFramePlayed) {
+    Recording r = recording(plan());
+    LabelledShape shape = idle();
+    shape.gop = 180;
+    LabelledStream stream(shape);
+    beginRunning(r, stream);
+    feed(r, stream, sourceFrames);
+    r.sourceEnded(m_now);
+    for (int i = 0; i < 1000 && r.state() != RecordingState::ended; ++i)
+        feed(r, stream, 1);
+    ASSERT_EQ(r.state(), RecordingState::ended);
+    EXPECT_FALSE(r.status().succeeded);
+    EXPECT_THAT(r.status().text,
+                StartsWith("Error: the stream had no random access point until 4.2 s after the play-out "
+                           "began, frames of the source may be missing. Recorded "));
+}
+
+TEST_F(PlayedRecording, TellsWhenItHoldsAPointWithWhichItCanBegin) {
+    for (const bool marks : {false, true}) {
+        RecordingPlan asked = plan();
+        if (marks) {
+            asked.mode = CaptureMode::marks;
+            asked.wantedFrames = 0;
+            asked.markIn = "10:00:01:00";
+            asked.markOut = "10:00:01:24";
+        }
+        Recording r = recording(asked);
+        LabelledShape shape = idle();
+        shape.gop = 50;
+        LabelledStream stream(shape);
+        const auto frames = stream.frames(60);
+        r.arm(m_now);
+        // In the middle of a GOP.
+        feed(r, {frames.begin() + 10, frames.begin() + 50});
+        EXPECT_TRUE(r.status().running);
+        EXPECT_FALSE(r.status().pointHeld);
+        feed(r, {frames.begin() + 50, frames.end()});
+        EXPECT_TRUE(r.status().pointHeld);
+    }
 }
 
 // Nothing of what is held is lost when no further packet comes.
@@ -428,6 +492,147 @@ TEST_F(MezzanineRecording, DoesNotTakeTimecodesFromBeforeForTheSources) {
     ASSERT_EQ(r.state(), RecordingState::ended);
     EXPECT_TRUE(r.status().succeeded) << r.status().text;
     EXPECT_THAT(labelsOf(readPackets(m_file), 3).back(), "10:00:01:24");
+}
+
+// An encoder that counts by itself. Its count goes through the labels of the marks while it is played, or
+// has passed them before.
+class CountingByItself : public MezzanineRecording, public testing::WithParamInterface<const char*> {
+protected:
+    RecordingPlan marks() {
+        RecordingPlan result = MezzanineRecording::marks();
+        result.useStreamLabels = true;
+        return result;
+    }
+    // Of the first and the last frame recorded, counted from the encoder's first.
+    void expectFrames(Recording& r, int first, int last) {
+        ASSERT_EQ(r.state(), RecordingState::ended);
+        EXPECT_TRUE(r.status().succeeded) << r.status().text;
+        const std::vector<std::string> own = labelsFrom(GetParam(), last + 1);
+        const std::vector<std::string> labels = labelsOf(readPackets(m_file), 3);
+        ASSERT_FALSE(labels.empty());
+        EXPECT_EQ(labels.front(), own[static_cast<std::size_t>(first)]);
+        EXPECT_EQ(labels.back(), own[static_cast<std::size_t>(last)]);
+    }
+    LabelledStream stream() {
+        LabelledShape shape = idle();
+        shape.timecode = GetParam();
+        return LabelledStream(shape);
+    }
+};
+
+TEST_P(CountingByItself, HasItsFramesCountedFromTheFirstThatComesWhenItWaited) {
+    Recording r = recording(marks());
+    beginSilent(r, "10:00:00:00");
+    m_now += 400ms; // on the way
+    LabelledStream own = stream();
+    feed(r, own, 500);
+    EXPECT_THAT(r.status().text, HasSubstr(", counted from the first frame"));
+    expectFrames(r, 20, 49);
+}
+
+TEST_P(CountingByItself, HasItsFramesCountedFromTheBeginOfThePlayOutWhenItSentBefore) {
+    Recording r = recording(marks());
+    LabelledStream own = stream();
+    beginRunning(r, own, "10:00:00:00"); // 75 frames
+    feed(r, own, 500);
+    EXPECT_THAT(r.status().text, HasSubstr(", counted from when the play-out began"));
+    expectFrames(r, 100, 124);
+}
+
+TEST_P(CountingByItself, LosesNothingWhenItStopsBeforeThatIsKnown) {
+    Recording r = recording(marks());
+    beginSilent(r, "10:00:00:00");
+    LabelledStream own = stream();
+    feed(r, own, 60);
+    EXPECT_EQ(r.state(), RecordingState::waiting);
+    EXPECT_TRUE(r.holds());
+    pass(r, 10s);
+    expectFrames(r, 20, 49);
+}
+
+TEST_P(CountingByItself, KeepsWhatCameWhenItIsCancelledBeforeThatIsKnown) {
+    Recording r = recording(marks());
+    beginSilent(r, "10:00:00:00");
+    LabelledStream own = stream();
+    feed(r, own, 40);
+    r.cancel(m_now);
+    EXPECT_THAT(r.status().text, StartsWith("Cancelled after "));
+    expectFrames(r, 20, 39);
+}
+
+INSTANTIATE_TEST_SUITE_P(Counts, CountingByItself,
+                         testing::Values("09:59:53:00", "09:59:57:10", "09:59:59:00", "10:00:12:00",
+                                         "00:00:00:00"),
+                         [](const auto& count) {
+                             std::string name = count.param;
+                             std::erase(name, ':');
+                             return "From" + name;
+                         });
+
+// The decoder needs some frames until it shows the first.
+TEST_F(MezzanineRecording, FindsTheMarksByTheSourcesTimecodesThoughTheFirstFramesDoNotComeBack) {
+    RecordingPlan asked = marks();
+    asked.useStreamLabels = true;
+    for (const bool runs : {false, true}) {
+        m_file = m_directory.path(runs ? "runs.ts" : "waits.ts");
+        asked.output = m_file;
+        Recording r = recording(asked);
+        LabelledShape shape = idle();
+        if (!runs)
+            shape.timecode = "10:00:00:10";
+        LabelledStream stream(shape);
+        if (runs)
+            beginRunning(r, stream, "10:00:00:00");
+        else
+            beginSilent(r, "10:00:00:00");
+        if (runs)
+            feed(r, stream, 15);
+        else
+            m_now += 600ms;
+        stream.jumpTo("10:00:00:10");
+        feed(r, stream, 80);
+        ASSERT_EQ(r.state(), RecordingState::ended);
+        EXPECT_TRUE(r.status().succeeded) << r.status().text;
+        EXPECT_THAT(r.status().text, Not(HasSubstr("counted")));
+        EXPECT_EQ(labelsOf(readPackets(m_file), 3).front(), "10:00:00:20");
+        EXPECT_EQ(labelsOf(readPackets(m_file), 3).back(), "10:00:01:24");
+    }
+}
+
+// Only one timecode comes within the time.
+TEST_F(MezzanineRecording, TakesTheTimecodeOfALongGopForTheSourcesWhenItCanBe) {
+    RecordingPlan asked = marks();
+    asked.useStreamLabels = true;
+    Recording r = recording(asked);
+    LabelledShape shape = idle();
+    shape.gop = 95;
+    LabelledStream stream(shape);
+    feed(r, stream, 90);
+    r.arm(m_now);
+    feed(r, stream, 50);
+    m_begin = m_now + 100ms;
+    r.sourceBegins({"10:00:00:00", m_begin, true, 0});
+    feed(r, stream, 40);
+    stream.jumpTo("10:00:00:20");
+    feed(r, stream, 200);
+    ASSERT_EQ(r.state(), RecordingState::ended);
+    EXPECT_TRUE(r.status().succeeded) << r.status().text;
+    EXPECT_THAT(r.status().text, Not(HasSubstr("counted")));
+    EXPECT_EQ(labelsOf(readPackets(m_file), 3).front(), "10:00:00:20");
+    EXPECT_EQ(labelsOf(readPackets(m_file), 3).back(), "10:00:01:24");
+}
+
+// 24 MB, which are there after three and a half seconds.
+TEST_F(MezzanineRecording, HoldsNoMoreThanItMayUntilItsLabelsAreKnown) {
+    RecordingPlan asked = marks();
+    asked.useStreamLabels = true;
+    Recording r = recording(asked);
+    beginSilent(r, "10:00:00:00");
+    LabelledStream stream(idle({.packetsPerFrame = 1500}));
+    for (int frame = 0; frame < 100 && r.state() == RecordingState::waiting; ++frame)
+        feed(r, stream, 1);
+    EXPECT_NE(r.state(), RecordingState::waiting);
+    EXPECT_LT(m_now, m_begin + 4s);
 }
 
 TEST_F(MezzanineRecording, FailsAtAnotherFrameRate) {

@@ -1,6 +1,8 @@
 // Re-encodes with the real worker: a decoder and an encoder on loopback that return what they are sent, as it
 // is or encoded anew by ffmpeg.
+#include "capture/SourceIndex.h"
 #include "capture/loopback_equipment.h"
+#include "capture/normalize_streams.h"
 #include "capture/worker_process.h"
 #include "foundation/ErrorCodes.h"
 #include "streams/ffprobe.h"
@@ -38,8 +40,19 @@ public:
         return *m_equipment;
     }
     // An encoder that sends all the time.
-    void running(const LabelledShape& shape, const RunningEncoder::Source& source) {
+    RunningEncoder& running(const LabelledShape& shape, const RunningEncoder::Source& source) {
         settings.decoder.port = m_running.emplace(encoderPort, shape, source).port();
+        return *m_running;
+    }
+    void source(const std::string& path) {
+        std::snprintf(settings.cmd.sourceFile, sizeof settings.cmd.sourceFile, "%s", path.c_str());
+    }
+    // A source that takes hours to read: some packets, and a terabyte of nothing behind them.
+    void endlessSource() {
+        const std::string endless = path("endless.ts");
+        std::filesystem::copy(streamFile("m2_sd_25"), endless);
+        std::filesystem::resize_file(endless, std::uintmax_t{1} << 40);
+        source(endless);
     }
     int run() {
         start();
@@ -84,6 +97,38 @@ TEST(Reencode, WantsNoFramesFromBeforeTheFirstRandomAccessPointOfItsSource) {
     EXPECT_EQ(job.run(), 0) << job.log() << job.results();
     EXPECT_THAT(job.log(), HasSubstr("The source has 71 frames"));
     EXPECT_THAT(job.results(), testing::ContainsRegex("^Recorded .*[(]6[0-9] frames"));
+}
+
+// It was cut out of another file: the first two frames refer to a GOP that is not there any more.
+TEST(Reencode, OfASourceThatBeginsWithAnOpenGopWantsTheFramesThatCanBeShown) {
+    for (const bool timecodes : {true, false}) {
+        Job job("");
+        const std::string whole = streamFile("m2_sd_25");
+        const std::atomic<bool> never{false};
+        kestrel::capture::SourceIndex index;
+        ASSERT_FALSE(kestrel::capture::indexSource(whole, never, index));
+        ASSERT_GT(index.points.at(1).skipped, 0);
+        Packets packets = readPackets(whole);
+        const auto first = static_cast<std::ptrdiff_t>(index.points.at(1).offset / 188);
+        Packets cut;
+        std::copy_if(packets.begin(), packets.begin() + first, std::back_inserter(cut),
+                     [](const Packet& packet) { return pid(packet) == 0 || pid(packet) == 0x1000; });
+        cut.insert(cut.end(), packets.begin() + first, packets.end());
+        std::ofstream out(job.path("source.ts"), std::ios::binary);
+        for (const Packet& packet : cut)
+            out.write(reinterpret_cast<const char*>(packet.data()), packet.size());
+        out.close();
+        job.source(job.path("source.ts"));
+        job.settings.vtr.vitcSupport = timecodes;
+        Equipment& equipment =
+            job.equipment({.encode = "-an -c:v libx264 -preset ultrafast -g 12 -vsync passthrough"});
+        job.start();
+        job.waitForLog("Played 65 frames");
+        equipment.stop();
+        EXPECT_EQ(job.wait(std::chrono::seconds(60)), 0) << job.log() << job.results();
+        EXPECT_THAT(job.log(), HasSubstr("The first 2 of them cannot be shown"));
+        EXPECT_THAT(job.results(), HasSubstr("(63 frames, "));
+    }
 }
 
 TEST(Reencode, NeverRecordsOntoItsSource) {
@@ -175,12 +220,88 @@ TEST(Reencode, OfAnEncoderThatSendsAllTheTimeWithoutTimecodesSaysThatItsEndsAreN
     Job job(streamFile("m2_sd_25"));
     job.running({.gopHeaders = false}, {.frames = 75});
     EXPECT_EQ(job.run(), 0) << job.log();
-    EXPECT_THAT(job.results(), HasSubstr(", the stream ran before the play-out and shows no timecode of the "
-                                         "source: up to 5 s of other pictures at either end"));
+    EXPECT_THAT(job.results(),
+                HasSubstr(", the stream ran before the play-out and no timecodes of the source "
+                          "were recognised in it: up to 5 s of other pictures at either end"));
     // Three seconds of the source, and five behind it.
     EXPECT_GE(pictures(readPackets(job.output())), 8 * 25 - 5);
     EXPECT_THAT(job.log(), HasSubstr("recording from when the play-out began"));
     EXPECT_THAT(job.log(), HasSubstr("Played 75 frames"));
+}
+
+// Its next random access point is up to five seconds away when the worker begins to listen.
+TEST(Reencode, PlaysNothingBeforeAnEncoderThatSendsAllTheTimeHasShownARandomAccessPoint) {
+    Job job(streamFile("m2_sd_25"));
+    RunningEncoder& encoder = job.running({.tables = true}, {.gop = 125});
+    EXPECT_EQ(job.run(), 0) << job.log() << job.results();
+    EXPECT_THAT(job.results(), HasSubstr("no timecodes of the source were recognised"));
+    const std::vector<std::string> labels = labelsOf(readPackets(job.output()), 3);
+    ASSERT_FALSE(labels.empty());
+    EXPECT_EQ(labels.front(), "00:00:05:00") << "its second GOP";
+    EXPECT_GE(encoder.framesBefore(), 125);
+    // All that was played in three seconds, and what is still on its way behind it.
+    EXPECT_GE(static_cast<int>(labels.size()), encoder.framesBefore() - 125 + 75 + 5 * 25 - 10);
+}
+
+// Its stream is there before, but pictures come only once its decoder has some.
+TEST(Reencode, PlaysToAnEncoderThatShowsNoPicturesBefore) {
+    Job job(streamFile("m2_sd_25"));
+    job.equipment();
+    job.start();
+    Sender("127.0.0.1", job.encoderPort).send(Packets(2000, nullPacket()), 1e6); // three seconds
+    EXPECT_EQ(job.wait(std::chrono::seconds(60)), 0) << job.log() << job.results();
+    EXPECT_THAT(job.results(), StartsWith("Recorded 00:00:03:00 (75 frames, "));
+}
+
+// It starts up: nothing listens at its port yet.
+TEST(Reencode, SaysHowManyDatagramsTheDecoderDidNotTake) {
+    Job job(streamFile("m2_sd_25"));
+    const int port = freePort();
+    job.settings.decoder.port = port;
+    job.start();
+    job.waitForLog(" does not take the stream: ");
+    job.equipment({.port = port});
+    EXPECT_EQ(job.wait(std::chrono::seconds(60)), 1) << job.log();
+    EXPECT_THAT(job.results(), testing::ContainsRegex("^Error: [0-9]+ of 75 frames came back\\. Recorded "));
+    EXPECT_THAT(job.results(), testing::ContainsRegex(", [0-9]+ datagrams? (was|were) not taken by the "
+                                                      "decoder$"));
+}
+
+// What either encoder has recorded until then stays, and is told.
+TEST(Reencode, TellsWhatWasRecordedBeforeTheDecoderWentAway) {
+    for (const bool first : {true, false}) {
+        Job job(streamFile("m2_sd_25"));
+        const int second = job.addEncoder();
+        std::optional<Equipment> equipment;
+        equipment.emplace(first ? job.encoderPort : second, Equipment::Behaviour{});
+        job.settings.decoder.port = equipment->port();
+        job.start();
+        job.waitForLog(first ? "Encoder 1: recording into" : "Encoder 2: recording into");
+        equipment.reset();
+        EXPECT_EQ(job.wait(std::chrono::seconds(60)), 1) << job.log();
+        EXPECT_THAT(job.results(),
+                    StartsWith("Error: Start re-encode returned 111 Exiting. (decoder 127.0.0.1:"));
+        EXPECT_THAT(job.results(), HasSubstr(first ? "Encoder 1: Recorded " : "Encoder 2: Recorded "));
+        EXPECT_THAT(job.results(),
+                    HasSubstr(first ? "Encoder 2: Nothing recorded" : "Encoder 1: Nothing recorded"));
+        EXPECT_FALSE(readPackets(first ? job.output() : job.path("out/news_2.ts")).empty());
+    }
+}
+
+// A timed capture may be cancelled before it begins, one between marks has failed then.
+TEST(Reencode, TellsThatItWasCancelledWhileItsSourceWasRead) {
+    for (const int type : {CSettings::JOB_MEZZANINE, CSettings::JOB_TIMED_REENCODE}) {
+        Job job("", type);
+        job.endlessSource();
+        job.marks("10:00:01:00", "10:00:01:24");
+        job.equipment();
+        job.start();
+        job.waitForLog("Reading ");
+        job.queues.send(CANCEL_MSG);
+        EXPECT_EQ(job.wait(std::chrono::seconds(20)), type == CSettings::JOB_MEZZANINE ? 1 : 0) << job.log();
+        EXPECT_EQ(job.results(), "Cancelled before the recording began: nothing recorded");
+        EXPECT_FALSE(std::filesystem::exists(job.output()));
+    }
 }
 
 TEST(Reencode, SaysHowManyFramesAreMissing) {
@@ -257,6 +378,52 @@ TEST(Reencode, OfAMezzanineCountsFromTheFirstFramePlayedWhenTheEncoderHasNoTimec
     const int number = first.seconds * 25 + first.frames;
     EXPECT_LE(number, 25) << first.text();
     EXPECT_GT(number, 25 - 12) << first.text();
+}
+
+// It counts its frames from zero, and its count goes through the marks a second too late.
+TEST(Reencode, OfAMezzanineDoesNotTakeTheCountOfARealEncoderForTheSourcesTimecodes) {
+    // Labels from 00:00:00:00 on.
+    Job job(
+        kestrel::test::makeStream("played_from_zero",
+                                  "-f lavfi -i testsrc2=s=352x288:r=25 -t 8 -c:v mpeg2video -b:v 1000k -g 12 "
+                                  "-bf 0 -timecode 00:00:00:00 -f mpegts"),
+        CSettings::JOB_MEZZANINE);
+    job.marks("00:00:03:00", "00:00:03:24");
+    job.settings.decoder.startAppend = 1;
+    job.settings.decoder.endAppend = 4;
+    Equipment& equipment =
+        job.equipment({.encode = "-an -c:v mpeg2video -q:v 4 -g 12 -bf 0 -vsync passthrough"});
+    job.start();
+    job.waitForLog("Played ");
+    equipment.stop();
+    EXPECT_EQ(job.wait(std::chrono::seconds(60)), 0) << job.log() << job.results();
+    EXPECT_THAT(job.results(), HasSubstr(", counted from the first frame"));
+    // Played from 00:00:01:23 on, the random access point before 00:00:02:00; so mark-in is its frame 27.
+    const auto first = readGops(job.output(), 0x100).front();
+    const int number = first.seconds * 25 + first.frames;
+    EXPECT_LE(number, 27) << first.text();
+    EXPECT_GT(number, 27 - 12) << first.text();
+}
+
+// Likewise of one that has counted all the time.
+TEST(Reencode, OfAMezzanineDoesNotTakeTheCountOfAnEncoderThatSendsAllTheTimeForTheSourcesTimecodes) {
+    Job job(
+        kestrel::test::makeStream("played_from_zero",
+                                  "-f lavfi -i testsrc2=s=352x288:r=25 -t 8 -c:v mpeg2video -b:v 1000k -g 12 "
+                                  "-bf 0 -timecode 00:00:00:00 -f mpegts"),
+        CSettings::JOB_MEZZANINE);
+    job.marks("00:00:03:00", "00:00:03:24");
+    job.settings.decoder.startAppend = 1;
+    job.settings.decoder.endAppend = 4;
+    RunningEncoder& encoder = job.running({}, {.frames = 200});
+    EXPECT_EQ(job.run(), 0) << job.log() << job.results();
+    EXPECT_THAT(job.results(), HasSubstr(", counted from when the play-out began"));
+    const std::vector<std::string> labels = labelsOf(readPackets(job.output()), 3);
+    ASSERT_FALSE(labels.empty());
+    // Its frames count from 00:00:00:00; mark-in is played 27 frames behind the begin.
+    const std::string& last = labels.back();
+    const int number = std::stoi(last.substr(6, 2)) * 25 + std::stoi(last.substr(9, 2));
+    EXPECT_NEAR(number, encoder.framesBefore() + 27 + 24, 5) << last;
 }
 
 TEST(Reencode, OfAMezzanineFindsTheMarksInAStreamThatWasThereBefore) {

@@ -123,7 +123,7 @@ TEST(LabelledFrames, AreNoneWithoutTimecodesOrVideo) {
     SourceIndex still = regular();
     for (AccessPoint& point : still.points)
         point.timecode = 1 << 12;
-    EXPECT_EQ(labelledFrames(still).count, 25U);
+    EXPECT_EQ(labelledFrames(still).count, 0U);
 }
 
 TEST(LabelledFrames, OfRealStreams) {
@@ -190,6 +190,41 @@ TEST(MarkedPart, CountsFromTheFirstFrameWithoutTimecodes) {
     EXPECT_TRUE(found.part.counted);
     EXPECT_EQ(found.part.begin, atSecond(16));
     EXPECT_EQ(found.part.firstLabel, "00:00:16:02");
+}
+
+// An encoder that was given no timecode repeated the same one.
+TEST(MarkedPart, CountsFromTheFirstFrameWhereTimecodesStandStill) {
+    for (const int label : {1 << 12, 10 << 19 | 1 << 12}) {
+        SourceIndex index = regular();
+        for (AccessPoint& point : index.points)
+            point.timecode = label;
+        const Found found = part(index, "00:00:20:00", "00:00:22:00");
+        ASSERT_FALSE(found.failed) << found.failed->text;
+        EXPECT_TRUE(found.part.counted);
+        EXPECT_EQ(found.part.begin, atSecond(16));
+        EXPECT_EQ(found.part.firstLabel, "00:00:16:02");
+        EXPECT_EQ(found.part.end, atSecond(26));
+    }
+}
+
+// A single timecode tells nothing of that.
+TEST(MarkedPart, TakesTheTimecodeOfAnOnlyGop) {
+    SourceIndex index = regular();
+    index.points.resize(1);
+    const Found found = part(index, "10:00:20:00", "10:00:22:00");
+    ASSERT_FALSE(found.failed) << found.failed->text;
+    EXPECT_FALSE(found.part.counted);
+}
+
+// The same that a re-encode names as the source's first.
+TEST(MarkedPart, DoesNotHaveFramesThatCannotBeShown) {
+    SourceIndex index = regular();
+    index.points.front().skipped = 2;
+    EXPECT_EQ(
+        part(index, "10:00:00:01", "10:00:10:00").failed->text,
+        "Error: Start timecode 10:00:00:01 cannot be found. (the source has 10:00:00:02 to 10:00:39:24)");
+    EXPECT_FALSE(part(index, "10:00:00:02", "10:00:10:00").failed);
+    EXPECT_EQ(labelledFrames(index).first, "10:00:00:02");
 }
 
 TEST(MarkedPart, RefusesMarksThatTheFileDoesNotHave) {

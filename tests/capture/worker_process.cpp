@@ -1,4 +1,5 @@
 #include "capture/worker_process.h"
+#include "foundation/ProcessTree.h"
 
 #include "foundation/PosixWrappers.h"
 
@@ -143,7 +144,7 @@ Worker::Worker() {
 
 Worker::~Worker() {
     if (m_process > 0) {
-        ::kill(m_process, SIGKILL);
+        kestrel::test::signalTo(m_process, SIGKILL);
         ::waitpid(m_process, nullptr, 0);
     }
 }
@@ -200,7 +201,7 @@ Message Worker::next(AppMsgType type, std::chrono::seconds most) {
 }
 
 void Worker::signal(int number) const {
-    ::kill(m_process, number);
+    kestrel::test::signalTo(m_process, number);
 }
 
 int Worker::wait(std::chrono::seconds most) {

@@ -173,7 +173,8 @@ void EncoderChannel::publish() {
     RecordingStatus status = m_recording.status();
     const auto turned = [&status](const RecordingStatus& before) {
         return status.state != before.state || status.passedMarkIn != before.passedMarkIn ||
-               status.markOutReached != before.markOutReached;
+               status.markOutReached != before.markOutReached || status.pointHeld != before.pointHeld ||
+               status.pictures != before.pictures;
     };
     bool wake = false;
     {

@@ -74,7 +74,8 @@ Options parseOptions(int argc, char** argv) {
 
 std::string usage(const std::string& program) {
     return "Usage: " + program +
-           " [-encoders FILE] [-overwrite] [-nulls keep|drop] -ini FILE [-wq QUEUE] [-rq QUEUE] [-log FILE]\n"
+           " [-encoders FILE] [-overwrite] [-nulls keep|drop] -ini FILE [-wq QUEUE] [-rq QUEUE] [-log FILE]"
+           " | --help\n"
            "Records MPEG transport streams from one or two encoders as a settings file says.\n"
            "\n"
            "  -ini FILE         capture settings (XML, root CaptureSettings)\n"

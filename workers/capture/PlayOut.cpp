@@ -138,8 +138,10 @@ void PlayOut::run() noexcept {
     }
     m_ahead.cancel();
     publish(Clock::now());
-    LogUtil::Info(module, "Played %" PRIu64 " frames, %" PRIu64 " bytes, %" PRIu64 " interruptions%s%s",
-                  m_frames.frames(), m_bytes, m_interruptions, failed ? ": " : "",
+    LogUtil::Info(module,
+                  "Played %" PRIu64 " frames, %" PRIu64 " bytes, %" PRIu64 " interruptions, %" PRIu64
+                  " datagrams not taken%s%s",
+                  m_frames.frames(), m_bytes, m_interruptions, m_refused, failed ? ": " : "",
                   failed ? failed->text.c_str() : "");
     {
         const MutexLock lock(m_mutex);
@@ -273,15 +275,27 @@ MaybeFailure PlayOut::send(Ticks time) {
         ++m_sequence;
     }
     const std::size_t bytes = m_packets * packetSize;
-    ssize_t result = 0;
-    do
-        result = ::send(m_socket.get(), m_datagram.data(), head + bytes, 0);
-    while (result < 0 && errno == EINTR);
-    const int error = result < 0 ? errno : 0;
+    int error = transmit(head + bytes);
+    const int told = error;
+    // A port that is closed is told by the host's answer to a datagram before; this one has not been sent
+    // yet.
+    if (error == ECONNREFUSED) {
+        ++m_refused;
+        error = transmit(head + bytes);
+    }
+    m_refused += error != 0 ? 1 : 0;
     for (std::size_t i = 0; i < m_packets; ++i)
         m_frames.take(m_datagram.data() + head + i * packetSize);
     m_bytes += bytes;
-    return error != 0 ? refused(error) : std::nullopt;
+    return told != 0 ? refused(told) : std::nullopt;
+}
+
+// The error; 0 when it has been sent.
+int PlayOut::transmit(std::size_t bytes) {
+    while (::send(m_socket.get(), m_datagram.data(), bytes, 0) < 0)
+        if (errno != EINTR)
+            return errno;
+    return 0;
 }
 
 // A decoder that starts up may refuse datagrams for a moment, and a cable may be plugged in again.
@@ -304,6 +318,7 @@ void PlayOut::publish(Clock::time_point now) {
     const MutexLock lock(m_mutex);
     m_status.frames = m_frames.frames();
     m_status.bytes = m_bytes;
+    m_status.refused = m_refused;
     m_status.interruptions = m_interruptions;
 }
 

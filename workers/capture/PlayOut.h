@@ -36,6 +36,7 @@ struct PlayOutStatus {
     MaybeFailure failed; // when over
     std::uint64_t frames = 0;
     std::uint64_t bytes = 0;
+    std::uint64_t refused = 0;       // datagrams among them that the decoder has not taken, as far as is told
     std::uint64_t interruptions = 0; // times it was too late to catch up
 };
 
@@ -82,6 +83,7 @@ private:
     [[nodiscard]] bool waitUntil(Clock::time_point due);
     [[nodiscard]] bool waitForPackets();
     [[nodiscard]] MaybeFailure send(Ticks time);
+    [[nodiscard]] int transmit(std::size_t bytes);
     [[nodiscard]] MaybeFailure refused(int error);
     void publish(Clock::time_point now) EXCLUDES(m_mutex);
 
@@ -98,6 +100,7 @@ private:
     std::size_t m_taken = 0; // packets of it
     FrameCount m_frames;
     std::uint64_t m_bytes = 0;
+    std::uint64_t m_refused = 0;
     std::uint64_t m_interruptions = 0;
     Clock::time_point m_published{};
 

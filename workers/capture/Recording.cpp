@@ -18,9 +18,11 @@ constexpr const char* module = "Capture";
 Recording::Recording(RecordingPlan plan, const Timing& timing, Clock::time_point now)
     : m_plan(std::move(plan)), m_timing(timing), m_armed(m_plan.armed), m_file(m_plan.name),
       m_labels(m_plan.useStreamLabels, m_plan.marksCountPairs, m_plan.labelTolerance),
-      m_range(m_plan.markIn, m_plan.markOut, m_plan.marksCountPairs), m_now(now),
-      m_armedAt(std::max(now, m_plan.begin)), m_lastPacket(now) {
+      m_range(m_plan.markIn, m_plan.markOut, m_plan.marksCountPairs), m_sourceLabels(timing.longestReturn),
+      m_now(now), m_armedAt(std::max(now, m_plan.begin)), m_lastPacket(now) {
     m_held.reserve(heldPackets);
+    if (m_plan.played && m_plan.mode == CaptureMode::marks)
+        m_probe.emplace(m_plan.useStreamLabels, m_plan.sourceRateCode, m_timing.longestReturn);
 }
 
 MaybeFailure Recording::prepare() {
@@ -77,7 +79,10 @@ void Recording::take(std::span<const Packet> packets, Clock::time_point now) {
     m_lastPid = ts::pid(packets.back().data());
     m_sentBefore = m_sentBefore || (m_plan.played && m_now < sourceBegin());
     for (const Packet& packet : packets) {
-        takePacket(packet);
+        if (m_probe)
+            probe(packet);
+        else
+            takePacket(packet);
         if (m_state == RecordingState::ended)
             return;
     }
@@ -207,9 +212,7 @@ void Recording::settleMarks(const VideoUnit& unit) {
         if (m_label)
             m_lastLabelled = m_now;
     }
-    // Timecodes that came before the source began are not the source's.
-    const bool before = m_plan.played && m_now < sourceBegin() && m_labels.origin() == LabelOrigin::stream;
-    if (m_label && unit.known && !before) {
+    if (m_label && unit.known && labelCounts()) {
         if (m_plan.played && m_plan.sourceRateCode != 0 && m_now >= sourceBegin() &&
             m_analyzer.frameRateCode() != m_plan.sourceRateCode)
             return fail(

@@ -7,6 +7,8 @@
 #include "RecordingClock.h"
 #include "RecordingFile.h"
 #include "RecordingPlan.h"
+#include "ReturnProbe.h"
+#include "SourceLabels.h"
 #include "StreamAnalyzer.h"
 
 #include <cstdint>
@@ -34,7 +36,9 @@ struct RecordingStatus {
     bool passedMarkIn = false;        // armed, beyond mark-in by more than a GOP, and nothing is recorded
     bool markOutReached = false;      // all frames up to mark-out have come
     // What is played only.
-    bool running = false; // something came before the source began
+    bool running = false;   // something came before the source began
+    bool pictures = false;  // pictures did
+    bool pointHeld = false; // a random access point is kept back with which it can begin
 };
 
 //  state      event                                         next
@@ -93,10 +97,16 @@ public:
     [[nodiscard]] RecordingState state() const noexcept { return m_state; }
     [[nodiscard]] RecordingStatus status() const;
     // Packets are kept back with which the recording may still begin.
-    [[nodiscard]] bool holds() const noexcept { return !m_held.empty(); }
+    [[nodiscard]] bool holds() const noexcept {
+        return !m_held.empty() || (m_probe && !m_probe->held().empty());
+    }
 
 private:
     void takePacket(const Packet& packet);
+    void probe(const Packet& packet);
+    void passHeld(std::size_t packets);
+    void endProbe(ReturnProbe::Verdict verdict);
+    [[nodiscard]] bool labelCounts() const;
     void openUnit();
     void hold(const Packet& packet);
     unsigned count(const VideoUnit& unit);
@@ -184,6 +194,7 @@ private:
         std::size_t at = 0; // in m_held
         VideoUnit unit;
         RecordingClock::Place place;
+        Clock::time_point came;
         std::int64_t shown = 0; // by the stream's clock
     };
     enum class PlayedBy { count, labels, time };
@@ -192,10 +203,9 @@ private:
     bool m_sentBefore = false; // anything
     bool m_ranBefore = false;  // pictures
     std::vector<HeldPoint> m_points;
-    // When the source's first frame is shown, if the labels are the source's: by those before it began, by
-    // the last ones, and once two agree.
-    std::optional<std::int64_t> m_lineBefore;
-    std::optional<std::int64_t> m_line;
+    SourceLabels m_sourceLabels;
+    std::optional<ReturnProbe> m_probe; // marks: what comes goes through it until its verdict
+    Clock::duration m_beganLate{};      // from the begin of the play-out to the first random access point
 
     VideoUnit m_begin; // where the recording begins
     unsigned m_loggedProgram = 0;

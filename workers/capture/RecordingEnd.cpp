@@ -75,6 +75,8 @@ Clock::time_point Recording::deadline() const {
     if (m_state == RecordingState::ended || (m_state == RecordingState::waiting && !m_armed))
         return Clock::time_point::max();
     if (m_state == RecordingState::waiting) {
+        if (const auto verdict = m_probe ? m_probe->deadline() : std::nullopt)
+            return *verdict;
         if (!m_analyzer.programKnown())
             return m_armedAt + m_timing.noStream;
         const auto found = std::max({m_programSeen, m_armedAt, m_lastLabelled}) + m_timing.noRandomAccess;
@@ -106,6 +108,8 @@ void Recording::tick(Clock::time_point now) {
 }
 
 void Recording::tickWaiting() {
+    if (m_probe && m_probe->pointHeld())
+        return endProbe(m_probe->verdict(m_now, m_sourceLabels));
     if (!m_points.empty() && m_source)
         return beginByTime();
     if (!m_analyzer.programKnown())
@@ -148,6 +152,9 @@ void Recording::stop(Clock::time_point now) {
 // With what has come until now. Only what was asked for is called cancelled.
 void Recording::endEarly(Clock::time_point now, bool asked) {
     m_now = now;
+    // What is held back until its labels are known has come all the same.
+    if (m_state == RecordingState::waiting && m_probe && m_source && m_now >= m_source->at)
+        endProbe(ReturnProbe::Verdict::others);
     if (m_state == RecordingState::ended)
         return;
     if (m_state == RecordingState::waiting && !asked)
@@ -194,6 +201,11 @@ void Recording::finish(bool succeeded, std::string text) {
 // All that was asked for has come, as far as it was not lost on the way.
 void Recording::finishComplete() {
     m_complete = true;
+    if (m_beganLate > Clock::duration::zero())
+        return finish(false, format("Error: the stream had no random access point until %.1f s after the "
+                                    "play-out began, frames of the source may be missing. ",
+                                    std::chrono::duration<double>(m_beganLate).count()) +
+                                 recorded());
     if (m_plan.mode == CaptureMode::timed && playedFrames() < expectedFrames())
         return finish(false, format("Error: %" PRIu64 " of %" PRIu64 " frames came back. ", playedFrames(),
                                     expectedFrames()) +
@@ -254,6 +266,8 @@ RecordingStatus Recording::status() const {
     if (m_label)
         status.label = m_labels.rule().text(*m_label);
     status.running = m_sentBefore;
+    status.pictures = m_ranBefore;
+    status.pointHeld = m_probe ? m_probe->pointHeld() : !m_points.empty();
     status.passedMarkIn = m_passed && m_state == RecordingState::waiting;
     status.markOutReached = m_plan.mode == CaptureMode::marks &&
                             (m_complete || (m_state == RecordingState::recording && m_range.complete()));

@@ -36,6 +36,8 @@ void Recording::sourceBegins(const LabelReference& begin) {
     if (m_state != RecordingState::waiting)
         return;
     m_source = begin;
+    if (m_probe)
+        m_probe->sourceBegins(begin);
     tellFirstPlayed();
 }
 
@@ -78,47 +80,81 @@ void Recording::settlePlayed(const VideoUnit& unit) {
 }
 
 void Recording::holdPoint(const VideoUnit& unit) {
-    m_points.push_back({m_unitAt, unit, m_clock.place(), m_labels.shown()});
+    m_points.push_back({m_unitAt, unit, m_clock.place(), m_now, m_labels.shown()});
     m_groupHeld = true;
 }
 
-// Whether the stream's timecodes have become the source's. Those of an encoder that counts by itself go on as
-// before, those of one that has none stand still, and no frame comes back before it is played.
+// Whether the stream's timecodes have become the source's.
 bool Recording::firstPlayedCame(const VideoUnit& unit) {
     const LabelRule& rule = m_labels.rule();
     if (m_plan.labelledFrames == 0 || !m_label || !unit.gopTimecode || m_clock.period() == 0 ||
         rule.rateCode != m_plan.sourceRateCode || m_range.settle(rule))
         return false;
     const std::int64_t position = m_range.position(*m_label);
-    const std::int64_t line = m_labels.shown() - position * m_clock.period();
-    const auto near = [&](const std::optional<std::int64_t>& other, std::int64_t frames) {
-        return other && std::llabs(*other - line) <= frames * m_clock.period() / 2;
-    };
-    if (m_now < sourceBegin()) {
-        m_lineBefore = line;
+    if (m_now >= sourceBegin() && position >= m_range.length()) {
+        m_sourceLabels.refuse();
         return false;
     }
-    const double most =
-        (std::chrono::duration<double>(m_now - sourceBegin()).count() + lostSeconds) * rule.framesPerSecond();
-    if (position < 0 || position >= m_range.length() || static_cast<double>(position) > most ||
-        near(m_lineBefore, 2)) {
-        m_line.reset();
-        return false;
+    return m_sourceLabels.confirms({position, m_labels.shown(), m_clock.period(), m_now - sourceBegin()});
+}
+
+// Whether the label of the current frame may tell where the marks are. Of what is played timecodes count only
+// where they can be the source's, of which those of a decoder that stops for a while come later and later.
+bool Recording::labelCounts() const {
+    if (!m_plan.played || m_labels.origin() != LabelOrigin::stream)
+        return true;
+    const LabelRule& rule = m_labels.rule();
+    const auto begin = m_source ? rule.number(m_source->text) : std::nullopt;
+    return begin && m_sourceLabels.possible({rule.distance(*begin, *m_label), m_labels.shown(),
+                                             m_clock.period(), m_now - m_source->at});
+}
+
+// Looks at a packet before it is taken, and takes those that need not be held back any more.
+void Recording::probe(const Packet& packet) {
+    passHeld(m_probe->take(packet, m_now, m_sourceLabels));
+    if (m_state == RecordingState::waiting)
+        endProbe(m_probe->verdict(m_now, m_sourceLabels));
+}
+
+// Each as at the time when it came.
+void Recording::passHeld(std::size_t packets) {
+    const Clock::time_point now = m_now;
+    for (std::size_t i = 0; i < packets && m_state != RecordingState::ended; ++i) {
+        m_now = m_probe->held()[i].came;
+        takePacket(m_probe->held()[i].packet);
     }
-    const bool confirmed = near(m_line, 1);
-    m_line = line;
-    return confirmed;
+    m_now = now;
+    m_probe->drop(packets);
+}
+
+void Recording::endProbe(ReturnProbe::Verdict verdict) {
+    if (verdict == ReturnProbe::Verdict::open)
+        return;
+    if (verdict == ReturnProbe::Verdict::others) {
+        if (m_plan.useStreamLabels)
+            LogUtil::Warning(module,
+                             "%s: no timecodes of the source are recognised in the stream: frames are "
+                             "counted from the begin of the play-out",
+                             m_plan.name.c_str());
+        m_labels = FrameLabels(false, m_plan.marksCountPairs, m_plan.labelTolerance);
+        m_label.reset();
+        m_groupLabel.reset();
+        tellFirstPlayed();
+    }
+    passHeld(m_probe->held().size());
+    m_probe.reset();
 }
 
 // With the random access point from which the source's first frame can be shown.
 void Recording::beginByLabels() {
     const std::int64_t period = m_clock.period();
+    const std::int64_t line = m_sourceLabels.line().value_or(m_points.front().shown);
     const HeldPoint* begin = &m_points.front();
     for (const HeldPoint& point : m_points)
-        if (point.shown <= *m_line + period / 2)
+        if (point.shown <= line + period / 2)
             begin = &point;
     m_playedBy = PlayedBy::labels;
-    m_leadIn = std::max<std::int64_t>((*m_line - begin->shown + period / 2) / period, 0);
+    m_leadIn = std::max<std::int64_t>((line - begin->shown + period / 2) / period, 0);
     const std::int64_t first = m_range.out() - m_range.length() + 1;
     m_range.begin(first - m_leadIn, 0);
     m_range.note(first - m_leadIn, *m_label);
@@ -135,9 +171,10 @@ void Recording::beginByTime() {
     }
     m_playedBy = PlayedBy::time;
     LogUtil::Warning(module,
-                     "%s: pictures came before the source was played, and no timecodes of the source come: "
-                     "recording from when the play-out began",
+                     "%s: pictures came before the source was played, and no timecodes of the source are "
+                     "recognised: recording from when the play-out began",
                      m_plan.name.c_str());
+    m_beganLate = std::max(m_points.front().came - sourceBegin(), Clock::duration::zero());
     beginWith(HeldPoint(m_points.front()));
 }
 
@@ -182,10 +219,10 @@ bool Recording::labelledEndCame() const {
     return m_wanted > 0 && m_clock.elapsed() + m_clock.period() / 2 >= m_wanted + margin;
 }
 
-// Frames of the source that can come back.
+// Frames of the source that can come back. A decoder that is played those before the first that can be shown
+// leaves them out, an encoder that passes on what it is sent does not.
 std::uint64_t Recording::playedTotal() const {
-    const bool hidden = m_playedBy == PlayedBy::labels;
-    return m_plan.wantedFrames - (hidden ? m_plan.hiddenFrames : 0);
+    return m_plan.wantedFrames - std::min(m_plan.wantedFrames, m_plan.hiddenFrames);
 }
 
 std::uint64_t Recording::playedFrames() const {
@@ -216,8 +253,8 @@ std::string Recording::describePlayed() const {
     if (rate != 0 && m_plan.sourceRateCode != 0 && rate != m_plan.sourceRateCode)
         text += format(", at frame rate code %d, the source has %d", rate, m_plan.sourceRateCode);
     if (m_playedBy == PlayedBy::time)
-        text += format(", the stream ran before the play-out and shows no timecode of the source: up to %d s "
-                       "of other pictures at either end",
+        text += format(", the stream ran before the play-out and no timecodes of the source were recognised "
+                       "in it: up to %d s of other pictures at either end",
                        static_cast<int>(m_timing.longestReturn.count() / 1000));
     if (m_playedBy == PlayedBy::labels) {
         const LabelRule& rule = m_labels.rule();

@@ -5,6 +5,7 @@
 #include "foundation/ErrorCodes.h"
 #include "foundation/Logger.h"
 
+#include <algorithm>
 #include <cinttypes>
 #include <exception>
 #include <system_error>
@@ -16,10 +17,12 @@ constexpr const char* module = "Capture";
 
 // How long the encoders are listened to before the source is played.
 constexpr milliseconds listenTime{100};
-// From saying when that will be to the first datagram; of encoders that send already a random access point is
-// to lie within.
+// From saying when that will be to the first datagram.
 constexpr milliseconds leadTime{100};
-constexpr milliseconds runningLeadTime{2000};
+// How long it waits for a random access point of an encoder that sends already, and of one that has shown no
+// picture: there may be none before something is played.
+constexpr milliseconds pointTime{10000};
+constexpr milliseconds pictureTime{2000};
 
 // How much is played around the marks, in seconds.
 void logAppends(const CSettings::DecoderOptions& decoder) {
@@ -120,9 +123,12 @@ MaybeFailure ReencodeSession::planRecording(RecordingPlan& plan, PlayOutPlan& pl
         return failed;
     play.begin = m_part.begin;
     play.end = m_part.end;
-    LogUtil::Info(module, "Playing from %s, bytes %" PRIu64 " to %" PRIu64 "%s", m_part.firstLabel.c_str(),
-                  m_part.begin, m_part.end,
-                  m_part.counted ? ", counted from the first frame of the source: it has no timecodes" : "");
+    // What comes back cannot have the timecodes of a source that has none.
+    plan.useStreamLabels = plan.useStreamLabels && !m_part.counted;
+    LogUtil::Info(
+        module, "Playing from %s, bytes %" PRIu64 " to %" PRIu64 "%s", m_part.firstLabel.c_str(),
+        m_part.begin, m_part.end,
+        m_part.counted ? ", counted from the first frame of the source: it has no timecodes that run" : "");
     return std::nullopt;
 }
 
@@ -130,12 +136,15 @@ MaybeFailure ReencodeSession::planRecording(RecordingPlan& plan, PlayOutPlan& pl
 void ReencodeSession::planWhole(RecordingPlan& plan) const {
     plan.wantedFrames = m_index.frames - (m_index.points.empty() ? 0 : m_index.points.front().frame);
     const LabelledFrames labelled = labelledFrames(m_index);
+    plan.hiddenFrames = labelled.hidden;
+    if (labelled.hidden > 0)
+        LogUtil::Info(module, "The first %" PRIu64 " of them cannot be shown: their GOP refers to one before",
+                      labelled.hidden);
     if (labelled.count == 0 || !plan.useStreamLabels)
         return;
     plan.markIn = labelled.first;
     plan.markOut = labelled.last;
     plan.labelledFrames = labelled.count;
-    plan.hiddenFrames = labelled.hidden;
     LogUtil::Info(module, "The source has timecodes from %s to %s", labelled.first.c_str(),
                   labelled.last.c_str());
 }
@@ -168,8 +177,10 @@ void ReencodeSession::woken() {
     if (!m_begun)
         return;
     m_encoders.joinEnded();
-    if (m_play)
+    if (m_play) {
         followPlayOut();
+        goWhenReady(Clock::now());
+    }
 }
 
 void ReencodeSession::followPlayOut() {
@@ -199,17 +210,25 @@ bool ReencodeSession::anyRecorded() const {
 void ReencodeSession::arm() {
     m_armed = true;
     m_encoders.arm();
-    m_goAt = Clock::now() + listenTime;
+    m_goAt = m_listened = Clock::now() + listenTime;
 }
 
-void ReencodeSession::tick(Clock::time_point now) {
+// An encoder that sends already is recorded from a random access point before the first frame that is played;
+// with a long GOP that takes a while to come.
+void ReencodeSession::goWhenReady(Clock::time_point now) {
+    if (m_goAt == Clock::time_point::max() || now < m_listened)
+        return;
+    milliseconds most{0};
+    for (std::size_t i = 0; i < m_encoders.size(); ++i) {
+        const RecordingStatus status = m_encoders.status(i);
+        if (status.running && !status.pointHeld && status.state == RecordingState::waiting)
+            most = std::max(most, status.pictures ? pointTime : pictureTime);
+    }
+    m_goAt = m_listened + most;
     if (now < m_goAt)
         return;
     m_goAt = Clock::time_point::max();
-    bool running = false;
-    for (std::size_t i = 0; i < m_encoders.size(); ++i)
-        running = running || m_encoders.status(i).running;
-    const Clock::time_point begin = now + (running ? runningLeadTime : leadTime);
+    const Clock::time_point begin = now + leadTime;
     for (std::size_t i = 0; i < m_encoders.size(); ++i)
         m_encoders.channel(i).sourceBegins(
             {m_part.firstLabel, begin, true, m_encoders.reception(i).frameOffsetNoVitc});
@@ -265,6 +284,9 @@ Outcome ReencodeSession::end() {
             parts.push_back(std::move(part));
     if (const std::uint64_t times = m_play ? m_play->status().interruptions : 0; times > 0)
         parts.push_back({format(", the play-out was interrupted %" PRIu64 " times", times)});
+    if (const std::uint64_t lost = m_play && !m_failure ? m_play->status().refused : 0; lost > 0)
+        parts.push_back({format(", %" PRIu64 " datagram%s not taken by the decoder", lost,
+                                lost == 1 ? " was" : "s were")});
     return {!m_failure && m_encoders.outcome().succeeded, resultsText(parts)};
 }
 

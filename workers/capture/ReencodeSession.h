@@ -25,7 +25,7 @@ public:
     void sendStatus() override;
     [[nodiscard]] Outcome end() override;
     [[nodiscard]] Clock::time_point deadline() const override { return m_goAt; }
-    void tick(Clock::time_point now) override;
+    void tick(Clock::time_point now) override { goWhenReady(now); }
 
 private:
     void index() noexcept;
@@ -36,6 +36,7 @@ private:
     void followPlayOut();
     [[nodiscard]] bool anyRecorded() const;
     void arm();
+    void goWhenReady(Clock::time_point now);
     void giveUp(const Failure& why);
     [[nodiscard]] bool mezzanine() const noexcept;
 
@@ -53,6 +54,7 @@ private:
     std::optional<PlayOut> m_play;
     bool m_begun = false; // the encoders are taken in and the play-out has been started
     bool m_armed = false;
+    Clock::time_point m_listened{};                      // the encoders have been listened to until then
     Clock::time_point m_goAt = Clock::time_point::max(); // when the play-out is to be told its time
     bool m_told = false;                                 // the recordings know that the play-out is over
     MaybeFailure m_failure;

@@ -52,7 +52,7 @@ class Labels {
 public:
     explicit Labels(const SourceIndex& index) : m_index(index) {
         const AccessPoint& first = index.points.front();
-        m_counted = !first.timecode;
+        m_counted = !first.timecode || standsStill(index);
         const bool drop = m_counted ? mpeg_timecode::frameRateCodeToDropFrame(index.frameRateCode)
                                     : (*first.timecode & dropFlag) != 0;
         m_rule = {index.frameRateCode, drop};
@@ -69,6 +69,14 @@ public:
     }
 
 private:
+    // An encoder that is given no timecode repeats the same one.
+    static bool standsStill(const SourceIndex& index) {
+        const auto& points = index.points;
+        return points.size() > 1 && std::all_of(points.begin(), points.end(), [&](const AccessPoint& point) {
+                   return point.timecode == points.front().timecode;
+               });
+    }
+
     const SourceIndex& m_index;
     bool m_counted = false;
     LabelRule m_rule;
@@ -160,9 +168,10 @@ MaybeFailure findPart(const SourceIndex& index, const std::string& markIn, const
     const auto length = static_cast<std::int64_t>(index.frames - index.points.front().frame);
     const std::int64_t first = labels.position(*in);
     const std::int64_t last = labels.position(*out);
-    const std::string reach = "the source has " + rule.text(labels.of(index.points.front())) + " to " +
-                              rule.text(labels.of(index.points.front()) + length - 1);
-    if (first < 0 || first >= length)
+    const std::int64_t hidden = index.points.front().skipped;
+    const std::string reach = "the source has " + rule.text(labels.of(index.points.front()) + hidden) +
+                              " to " + rule.text(labels.of(index.points.front()) + length - 1);
+    if (first < hidden || first >= length)
         return detailed(failure(error::startTimecodeNotFound, markIn.c_str()), reach);
     if (last >= length)
         return detailed(failure(error::invalidMarkOut), markOut + ": " + reach);
