@@ -55,6 +55,14 @@ TEST_F(SelfTest, WithoutANameListsThem) {
         EXPECT_THAT(outcome.output, HasSubstr(name));
 }
 
+TEST_F(SelfTest, TheListSaysThatTheRebaseLeavesOutTheTail) {
+    EXPECT_THAT(run("").output, HasSubstr("the tail\n      of the file that fills no block of 65,536 bytes"));
+    // A short file.
+    const std::string out = directory.path("out.ts");
+    EXPECT_EQ(run("gop_rebase " + stream() + " " + out).code, 0);
+    EXPECT_EQ(std::filesystem::file_size(out), 0U);
+}
+
 TEST_F(SelfTest, AnUnknownNameIsNamed) {
     const Outcome outcome = run("nothing");
     EXPECT_EQ(outcome.code, 2);
