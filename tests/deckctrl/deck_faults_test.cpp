@@ -174,10 +174,13 @@ TEST_F(IllDeck, ATooLateReplyIsNotTakenForThatOfTheNextCommand) {
 TEST_F(IllDeck, OneThatIsInLocalSaysSo) {
     connect();
     tape.simulator->order("local");
-    for (const _VTRCmdData& record : {request(kestrel::vtrTransport, "COM7", kestrel::vtrPlayCode),
-                                      shuttle("COM7", 5), goTo("COM7", "10:00:10:00")})
-        EXPECT_THAT(textOf(carryOut(record)),
-                    HasSubstr("(the deck is set to LOCAL, its own panel has control)"));
+    const std::string reason = "the deck is set to LOCAL, its own panel has control)";
+    EXPECT_THAT(textOf(play()), HasSubstr("(Play: " + reason));
+    EXPECT_THAT(textOf(carryOut(request(kestrel::vtrTransport, "COM7", kestrel::vtrRewindCode))),
+                HasSubstr("(Rewind: " + reason));
+    EXPECT_THAT(textOf(carryOut(shuttle("COM7", 5))), HasSubstr("(Shuttle at 5: " + reason));
+    EXPECT_THAT(textOf(carryOut(goTo("COM7", "10:00:10:00"))),
+                HasSubstr("Preroll to 10:00:10:00 for VTR at COM7 failed. (" + reason));
     EXPECT_EQ(time().errorCode, 0) << "its time can be read";
     tape.simulator->order("remote");
     EXPECT_EQ(play().errorCode, 0);
@@ -186,7 +189,7 @@ TEST_F(IllDeck, OneThatIsInLocalSaysSo) {
 TEST_F(IllDeck, OneWithoutACassetteSaysSo) {
     connect();
     tape.simulator->order("eject");
-    EXPECT_THAT(textOf(play()), HasSubstr("VTR at COM7 failed. (there is no cassette in the deck)"));
+    EXPECT_THAT(textOf(play()), HasSubstr("VTR at COM7 failed. (Play: there is no cassette in the deck)"));
     tape.simulator->order("insert");
     EXPECT_EQ(play().errorCode, 0);
 }

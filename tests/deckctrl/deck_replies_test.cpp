@@ -172,6 +172,37 @@ TEST_F(Replies, ADeckThatDoesNotTellItsTypeIsConnectedTo) {
     EXPECT_EQ(count(Code::deviceType), 1);
 }
 
+// The deck in the rack is exchanged for one that knows the time of a standing tape, too.
+TEST_F(Replies, ADeckThatComesInPlaceOfAnOldOneIsAskedForWhatItReads) {
+    enum class Connected { old, none, another };
+    std::atomic<Connected> connected{Connected::old};
+    std::vector<std::uint8_t> asked; // in the deck's thread, until that has ended
+    begin([&](const Block& block) {
+        if (connected == Connected::none)
+            return ScriptedAnswer{};
+        if (block.code() != Code::timeSense)
+            return ScriptedAnswer{wellReply(block).bytes()};
+        asked.push_back(block.data()[0]);
+        if (connected == Connected::old && block.data()[0] == 0x03)
+            return ScriptedAnswer{Block(Code::nak, {0x01}).bytes()};
+        return ScriptedAnswer{wellReply(block).bytes()};
+    });
+    Timing quick;
+    quick.reply = 300ms;
+    deck.emplace(tape->device(), quick, -1);
+    EXPECT_EQ(time().errorCode, 0);
+    EXPECT_EQ(time().errorCode, 0);
+    connected = Connected::none;
+    EXPECT_NE(time().errorCode, 0);
+    connected = Connected::another;
+    EXPECT_EQ(time().errorCode, 0);
+    EXPECT_EQ(time().errorCode, 0);
+    deck.reset();
+    tape.reset();
+    EXPECT_THAT(asked, testing::ElementsAre(0x03, 0x01, 0x01, 0x01, 0x03, 0x03))
+        << "asked first as the old one was, which is not the answer that counts";
+}
+
 TEST_F(Replies, CommandsDoWithAsManyStatusBytesAsTheDeckTells) {
     for (const std::size_t told : {0u, 1u, 2u, 3u, 9u}) {
         beginWith(Code::statusSense,

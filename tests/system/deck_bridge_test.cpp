@@ -60,6 +60,13 @@ private:
     mqd_t m_queue;
 };
 
+int timesIn(const std::string& text, const std::string& words) {
+    int count = 0;
+    for (std::size_t at = text.find(words); at != std::string::npos; at = text.find(words, at + 1))
+        ++count;
+    return count;
+}
+
 class DeckBridge : public testing::Test {
 protected:
     // options go to the deck-control process.
@@ -328,19 +335,13 @@ TEST_F(DeckBridge, EachOutageIsToldAlsoWhereNobodyAskedBetweenTwo) {
     _VTRCmdData request{};
     request.commandKind = 6;
     std::strcpy(request.serialPort, "COM7");
-    const auto linesOf = [](const std::string& log, const std::string& words) {
-        int count = 0;
-        for (std::size_t at = log.find(words); at != std::string::npos; at = log.find(words, at + 1))
-            ++count;
-        return count;
-    };
     for (int outage = 1; outage <= 2; ++outage) {
         ASSERT_EQ(kestrel::test::signalTo(process, SIGKILL), 0);
         ASSERT_TRUE(
-            eventually([&] { return linesOf(service.log(), "VTR process ended by signal 9.") == outage; }));
+            eventually([&] { return timesIn(service.log(), "VTR process ended by signal 9.") == outage; }));
         fromWorker.send(VTR_CMD_REQUEST_MSG, request);
         EXPECT_EQ(toWorker.receive(VTR_CMD_RESPONSE_MSG).errorCode, 20061);
-        EXPECT_EQ(linesOf(service.log(), "Failed to send message on queue /to_vtr_proc_q."), outage);
+        EXPECT_EQ(timesIn(service.log(), "Failed to send message on queue /to_vtr_proc_q."), outage);
         const auto next = [&] {
             for (const pid_t child : service.children())
                 if (child != process &&
@@ -353,6 +354,33 @@ TEST_F(DeckBridge, EachOutageIsToldAlsoWhereNobodyAskedBetweenTwo) {
     }
     std::ofstream(go) << "go";
     EXPECT_EQ(service.waitForState("1", "COMPLETE"), "TRUE - COMPLETE");
+}
+
+TEST_F(DeckBridge, AFullQueueRefusesWorkersAndIsToldEachTime) {
+    constexpr int ROOM = 10;
+    constexpr int TOO_MANY = 2;
+    const std::string go = service.root() / "go";
+    service.setWorker("--wait-file " + go);
+    start("--deaf");
+    ASSERT_EQ(service.ask("CAPTURE,JOB_BEGIN,1,CAPTURE_VTR_JOB,Filename=/media/tape.ts,EncoderIp=127.0.0.1,"
+                          "MarkInTime=01:00:00:00,MarkOutTime=01:00:10:00,VTR_Com_Port=COM7"),
+              "TRUE");
+    const JoinedQueue fromWorker("/job_update_q_0");
+    const JoinedQueue toWorker("/mgr_msg_q_0");
+    const JoinedQueue toDeck("/to_vtr_proc_q");
+    _VTRCmdData request{};
+    request.commandKind = 6;
+    std::strcpy(request.serialPort, "COM7");
+    for (int i = 0; i < ROOM + TOO_MANY; ++i)
+        fromWorker.send(VTR_CMD_REQUEST_MSG, request);
+    for (int i = 0; i < TOO_MANY; ++i)
+        EXPECT_EQ(toWorker.receive(VTR_CMD_RESPONSE_MSG).errorCode, 20061);
+    EXPECT_EQ(toDeck.waiting(), ROOM);
+    EXPECT_EQ(toWorker.waiting(), 0) << "those that wait are not answered";
+    EXPECT_EQ(timesIn(service.log(), "Failed to send message on queue /to_vtr_proc_q."), TOO_MANY);
+    std::ofstream(go) << "go";
+    EXPECT_EQ(service.waitForState("1", "COMPLETE"), "TRUE - COMPLETE");
+    EXPECT_EQ(service.stop().code, 0) << "though its exit message finds no room";
 }
 
 TEST_F(DeckBridge, ThePausesGrow) {

@@ -151,7 +151,7 @@ TEST_F(Decks, ARefusalIsToldWithItsReason) {
               "answered NAK 01, unknown command)");
     one->order("local");
     EXPECT_EQ(service.ask("VTR_CMD,COM1,0,Shuttle,5"),
-              "FALSE - Error: Command 10 to VTR at COM1 failed. (the deck is "
+              "FALSE - Error: Command 10 to VTR at COM1 failed. (Shuttle at 5: the deck is "
               "set to LOCAL, its own panel has control)");
 }
 

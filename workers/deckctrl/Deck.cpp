@@ -3,6 +3,8 @@
 #include "foundation/FixedText.h"
 #include "foundation/Logger.h"
 
+#include <utility>
+
 namespace kestrel::deck {
 namespace {
 
@@ -128,8 +130,11 @@ MaybeFailure Deck::perform(_VTRCmdData& record) {
 }
 
 Deck::MaybeProblem Deck::transport(const Block& block, const std::string& name) {
-    if (auto problem = ready())
+    if (auto problem = ready()) {
+        if (!problem->noDeck)
+            problem->detail = name + ": " + problem->detail;
         return problem;
+    }
     // Whatever the tape does now, it is on its way to the target no longer.
     m_seek.reset();
     const Reply reply = m_line.ask(block);
@@ -166,16 +171,20 @@ Deck::MaybeProblem Deck::currentTime(_VTRCmdData& record) {
 }
 
 Deck::Time Deck::readTime() {
-    if (m_connection != m_line.connections())
-        m_source = TimeSource::asDeckReads;
-    Reply reply = m_line.ask(Block(Code::timeSense, {static_cast<std::uint8_t>(m_source)}));
+    const auto ask = [this] {
+        return m_line.ask(Block(Code::timeSense, {static_cast<std::uint8_t>(m_source)}));
+    };
+    Reply reply = ask();
+    if (std::exchange(m_connection, m_line.connections()) != m_line.connections() &&
+        std::exchange(m_source, TimeSource::asDeckReads) != TimeSource::asDeckReads)
+        // The question has connected anew, and another deck may be there than the one that knew LTC only.
+        reply = ask();
     // Old decks want to be told which of the two they are to read.
     if (const auto* block = std::get_if<Block>(&reply);
         block && refusesCommand(*block) && m_source == TimeSource::asDeckReads) {
         m_source = TimeSource::ltc;
-        reply = m_line.ask(Block(Code::timeSense, {static_cast<std::uint8_t>(m_source)}));
+        reply = ask();
     }
-    m_connection = m_line.connections();
     if (const auto* problem = std::get_if<Problem>(&reply))
         return *problem;
     const Block& block = std::get<Block>(reply);
