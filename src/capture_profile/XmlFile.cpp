@@ -1,5 +1,6 @@
 #include "capture_profile/XmlFile.h"
 
+#include "foundation/ErrnoText.h"
 #include "foundation/UniqueFd.h"
 
 #include <algorithm>
@@ -26,10 +27,6 @@ constexpr std::ptrdiff_t maxTags = 4096;
 constexpr std::ptrdiff_t maxAttributes = 16384;
 
 constexpr const char* noSuchFile = "it is no file of at most 16 MiB";
-
-std::string errnoText(int error) {
-    return std::system_category().message(error) + " (errno " + std::to_string(error) + ")";
-}
 
 // Reads a regular file of at most maxFileBytes; what stands against it, or nothing.
 std::optional<std::string> readRegularFile(const char* path, std::string& bytes) {
@@ -105,7 +102,12 @@ std::optional<std::string> xmlFileProblem(const char* path, TiXmlDocument& docum
     text.append("\n\n\n");
     // A file name may be of any bytes, and a field is cut between two of them: read as UTF-8, the beginning
     // of a character would swallow the quote behind it.
-    document.Parse(text.c_str(), nullptr, isUtf8(text) ? TIXML_ENCODING_UNKNOWN : TIXML_ENCODING_LEGACY);
+    constexpr std::string_view byteOrderMark = "\xEF\xBB\xBF";
+    if (isUtf8(text))
+        document.Parse(text.c_str());
+    else
+        document.Parse(text.c_str() + (text.starts_with(byteOrderMark) ? byteOrderMark.size() : 0), nullptr,
+                       TIXML_ENCODING_LEGACY);
     if (!document.Error())
         return std::nullopt;
     return "line " + std::to_string(document.ErrorRow()) + ": " + document.ErrorDesc();

@@ -70,6 +70,18 @@ TEST_F(HostileFile, BytesThatAreNoTextAreRefused) {
 }
 
 // Also every place where a declaration, a name, a quote or a reference breaks off.
+// An editor of another system puts the mark in front, and a comment has a name in another encoding.
+TEST_F(HostileFile, AByteOrderMarkBeforeBytesThatAreNoUtf8IsNoText) {
+    const std::string mark = "\xEF\xBB\xBF";
+    for (const char* each : {"caf\xE9", "caf\xC3\xA9", "cafe"}) {
+        CSettings settings;
+        const std::string text = mark + "<?xml version=\"1.0\" encoding=\"UTF-8\"?><!-- " + each +
+                                 " --><S><CMD_PARAMS OUTPUT_FILE=\"/" + each + "\"/></S>";
+        EXPECT_TRUE(settings.LoadProfile(write(text).c_str())) << each;
+        EXPECT_EQ(settings.cmd.outputFile, std::string("/") + each);
+    }
+}
+
 TEST_F(HostileFile, AProfileCutAtAnyLengthIsRefused) {
     const std::string whole =
         "\xef\xbb\xbf<?xml version=\"1.0\" encoding=\"UTF-8\" ?><!-- profile --><CaptureSettings>"
