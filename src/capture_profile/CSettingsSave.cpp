@@ -3,6 +3,7 @@
 #include "capture_profile/ProfileFormat.h"
 #include "foundation/FixedText.h"
 #include "foundation/UniqueFd.h"
+#include "foundation/file_io.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -12,6 +13,7 @@
 #include <cstdio>
 #include <fcntl.h>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 #include <sys/random.h>
@@ -139,18 +141,6 @@ kestrel::UniqueFd createBeside(const char* path, std::string& temporary) {
     return {};
 }
 
-bool writeAll(int fd, std::string_view text) {
-    while (!text.empty()) {
-        const ssize_t written = ::write(fd, text.data(), text.size());
-        if (written < 0 && errno == EINTR)
-            continue;
-        if (written < 0)
-            return false;
-        text.remove_prefix(static_cast<std::size_t>(written));
-    }
-    return true;
-}
-
 } // namespace
 
 bool CSettings::SaveProfile(const char* path) const {
@@ -165,7 +155,9 @@ bool CSettings::SaveProfile(const char* path) const {
         return false;
 
     // Some file systems report a full disk only when the file is closed.
-    if (writeAll(fd.get(), text) && ::close(fd.release()) == 0 && ::rename(temporary.c_str(), path) == 0)
+    const std::span bytes(reinterpret_cast<const unsigned char*>(text.data()), text.size());
+    if (kestrel::writeAll(fd.get(), bytes) && ::close(fd.release()) == 0 &&
+        ::rename(temporary.c_str(), path) == 0)
         return true;
     const int error = errno;
     fd.reset();

@@ -39,18 +39,6 @@ bool readAll(int fd, std::span<unsigned char> bytes) noexcept {
     return true;
 }
 
-bool writeAll(int fd, std::span<const unsigned char> bytes) noexcept {
-    while (!bytes.empty()) {
-        const ssize_t put = ::write(fd, bytes.data(), bytes.size());
-        if (put < 0 && errno == EINTR)
-            continue;
-        if (put <= 0)
-            return false;
-        bytes = bytes.subspan(static_cast<std::size_t>(put));
-    }
-    return true;
-}
-
 // Opening the copy truncates it, so a file must not be copied onto itself.
 bool sameFile(int fd, const char* path) noexcept {
     struct stat a {};
@@ -74,7 +62,7 @@ int copyRange(int from, int to, std::int64_t amount) noexcept {
         const std::span chunk(buffer.get(), std::min(copyBufferSize, static_cast<std::size_t>(amount)));
         if (!readAll(from, chunk))
             return -50;
-        if (!writeAll(to, chunk))
+        if (!kestrel::writeAll(to, chunk))
             return -60;
         amount -= static_cast<std::int64_t>(chunk.size());
     }
@@ -82,6 +70,18 @@ int copyRange(int from, int to, std::int64_t amount) noexcept {
 }
 
 } // namespace
+
+bool kestrel::writeAll(int fd, std::span<const unsigned char> bytes) noexcept {
+    while (!bytes.empty()) {
+        const ssize_t put = ::write(fd, bytes.data(), bytes.size());
+        if (put < 0 && errno == EINTR)
+            continue;
+        if (put <= 0)
+            return false;
+        bytes = bytes.subspan(static_cast<std::size_t>(put));
+    }
+    return true;
+}
 
 std::ofstream* FileIO::OpenFile(const char* path) {
     // A stream cannot be told to open its file close-on-exec, so it takes over the buffer of one that is.

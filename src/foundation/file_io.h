@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <fstream>
+#include <span>
 
 class FileIO {
 public:
@@ -37,3 +38,10 @@ public:
     // write.
     static int PartialFileCopy(const char* src, const char* dst, long offset, long length) noexcept;
 };
+
+namespace kestrel {
+
+// Writes all of the bytes, going on after signals and short writes; false, with errno, when that fails.
+bool writeAll(int fd, std::span<const unsigned char> bytes) noexcept;
+
+} // namespace kestrel

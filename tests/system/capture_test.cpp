@@ -19,17 +19,6 @@ using testing::StartsWith;
 
 namespace {
 
-int freeUdpPort() {
-    const kestrel::UniqueFd socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    EXPECT_EQ(bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    EXPECT_EQ(getsockname(socket.get(), reinterpret_cast<sockaddr*>(&address), &length), 0);
-    return ntohs(address.sin_port);
-}
-
 class RealCapture : public testing::Test {
 protected:
     void SetUp() override {

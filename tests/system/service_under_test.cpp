@@ -151,8 +151,10 @@ std::string Connection::receiveAll(std::chrono::milliseconds limit) const {
     }
 }
 
-int freePort() {
-    const UniqueFd socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+namespace {
+
+int freePortOf(int type) {
+    const UniqueFd socket(::socket(AF_INET, type | SOCK_CLOEXEC, 0));
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_ANY);
@@ -161,6 +163,16 @@ int freePort() {
         getsockname(socket.get(), reinterpret_cast<sockaddr*>(&address), &length) != 0)
         throw std::runtime_error("no free port");
     return ntohs(address.sin_port);
+}
+
+} // namespace
+
+int freePort() {
+    return freePortOf(SOCK_STREAM);
+}
+
+int freeUdpPort() {
+    return freePortOf(SOCK_DGRAM);
 }
 
 ServiceUnderTest::ServiceUnderTest() : m_root(makeTempDirectory()), m_port(freePort()) {

@@ -63,6 +63,8 @@ private:
 
 // A TCP port on loopback that nothing listens on at the moment.
 int freePort();
+// A UDP port that nothing receives on at the moment.
+int freeUdpPort();
 
 // Waits until condition() holds, looking every few milliseconds; false when it does not within the limit.
 // For what no descriptor tells: a state behind the protocol, a line in a log.

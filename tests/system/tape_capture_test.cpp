@@ -34,17 +34,6 @@ namespace {
 
 constexpr int videoPid = 0x100;
 
-int freeUdpPort() {
-    const kestrel::UniqueFd socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    EXPECT_EQ(bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), length), 0);
-    EXPECT_EQ(getsockname(socket.get(), reinterpret_cast<sockaddr*>(&address), &length), 0);
-    return ntohs(address.sin_port);
-}
-
 struct TapeCase {
     const char* name;
     const char* rate;      // the simulator's

@@ -16,7 +16,7 @@ std::string PseudoTerminal::open(const std::string& link) {
     std::array<char, 64> name{};
     if (!m_master.valid() || ::grantpt(m_master.get()) != 0 || ::unlockpt(m_master.get()) != 0 ||
         ::ptsname_r(m_master.get(), name.data(), name.size()) != 0)
-        return "no pseudo-terminal: " + deck::errnoText(errno);
+        return "no pseudo-terminal: " + kestrel::errnoText(errno);
     m_slave = name.data();
     termios line{};
     if (::tcgetattr(m_master.get(), &line) == 0) {
@@ -29,7 +29,7 @@ std::string PseudoTerminal::open(const std::string& link) {
     const std::string fresh = link + ".new";
     ::unlink(fresh.c_str());
     if (::symlink(m_slave.c_str(), fresh.c_str()) != 0 || ::rename(fresh.c_str(), link.c_str()) != 0)
-        return link + ": " + deck::errnoText(errno);
+        return link + ": " + kestrel::errnoText(errno);
     m_link = link;
     return {};
 }

@@ -53,7 +53,7 @@ std::string TapeSender::open(const std::string& file, const std::string& target,
     m_socket.reset(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (!m_socket.valid() ||
         ::connect(m_socket.get(), reinterpret_cast<const sockaddr*>(&*address), sizeof *address) != 0)
-        return target + ": " + deck::errnoText(errno);
+        return target + ": " + kestrel::errnoText(errno);
     m_thread = std::thread([this] { run(); });
     return {};
 }

@@ -5,7 +5,6 @@
 #include <array>
 #include <cstdarg>
 #include <cstdio>
-#include <system_error>
 
 namespace kestrel::capture {
 namespace {
@@ -29,10 +28,6 @@ Failure failure(long code, ...) noexcept {
 Failure detailed(Failure base, const std::string& detail) {
     base.text += " (" + detail + ")";
     return base;
-}
-
-std::string errnoText(int error) {
-    return std::system_category().message(error) + " (errno " + std::to_string(error) + ")";
 }
 
 std::string format(const char* pattern, ...) {

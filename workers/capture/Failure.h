@@ -1,6 +1,8 @@
 // Why something failed: a code of the capture messages and the finished text.
 #pragma once
 
+#include "foundation/ErrnoText.h"
+
 #include <optional>
 #include <string>
 
@@ -18,9 +20,6 @@ using MaybeFailure = std::optional<Failure>;
 
 // The same, followed by a blank and a detail in parentheses.
 [[nodiscard]] Failure detailed(Failure base, const std::string& detail);
-
-// "Input/output error (errno 5)"
-[[nodiscard]] std::string errnoText(int error);
 
 // printf into a string.
 [[nodiscard]] std::string format(const char* pattern, ...) __attribute__((format(printf, 1, 2)));

@@ -24,7 +24,7 @@ void openLog(const std::string& path, std::ofstream& file) {
             LogUtil::GetInstance()->addStreamLogger(&file);
             return;
         }
-        std::cerr << "kestrelCapture: cannot open log " << path << ": " << errnoText(errno) << '\n';
+        std::cerr << "kestrelCapture: cannot open log " << path << ": " << kestrel::errnoText(errno) << '\n';
     }
     LogUtil::GetInstance()->addStreamLogger(&std::cerr);
 }

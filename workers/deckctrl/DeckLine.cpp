@@ -32,16 +32,6 @@ bool isReplyTo(Code asked, Code reply) noexcept {
 
 } // namespace
 
-std::string hexText(std::span<const std::uint8_t> bytes) {
-    std::string text;
-    for (const std::uint8_t byte : bytes) {
-        std::array<char, 4> digits{};
-        formatText(digits, "%02X", byte);
-        text += text.empty() ? digits.data() : std::string(" ") + digits.data();
-    }
-    return text;
-}
-
 std::string nakText(const Block& nak) {
     const std::uint8_t bits = nak.data().empty() ? std::uint8_t{0} : nak.data()[0];
     return "the deck answered NAK " + hexText({&bits, 1}) + ", " + nakWords(bits);

@@ -58,8 +58,6 @@ private:
     std::optional<Clock::time_point> m_inUseUntil;
 };
 
-// "E7 3C 00"
-[[nodiscard]] std::string hexText(std::span<const std::uint8_t> bytes);
 // "the deck answered NAK 04, checksum error"
 [[nodiscard]] std::string nakText(const Block& nak);
 

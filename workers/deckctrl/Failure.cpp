@@ -5,7 +5,6 @@
 #include <array>
 #include <cstdarg>
 #include <cstdio>
-#include <system_error>
 
 namespace kestrel::deck {
 namespace {
@@ -39,10 +38,6 @@ Failure unknownRequest(int number, const std::string& detail) {
 
 Failure tooLate(const std::string& detail) {
     return make(detail, error::vtrResponseTimeout);
-}
-
-std::string errnoText(int error) {
-    return std::system_category().message(error) + " (errno " + std::to_string(error) + ")";
 }
 
 } // namespace kestrel::deck

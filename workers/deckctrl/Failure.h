@@ -1,6 +1,8 @@
 // Why something failed: a code of the system's messages and the finished text.
 #pragma once
 
+#include "foundation/ErrnoText.h"
+
 #include <optional>
 #include <string>
 
@@ -24,8 +26,5 @@ using MaybeFailure = std::optional<Failure>;
 [[nodiscard]] Failure unknownRequest(int number, const std::string& detail);
 // "Error: Timeout waiting for response from VTR. (detail)"
 [[nodiscard]] Failure tooLate(const std::string& detail);
-
-// "Input/output error (errno 5)"
-[[nodiscard]] std::string errnoText(int error);
 
 } // namespace kestrel::deck

@@ -1,5 +1,7 @@
 #include "NinePin.h"
 
+#include "foundation/FixedText.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -107,6 +109,16 @@ bool inRange(const TapeTime& time) noexcept {
 }
 
 } // namespace
+
+std::string hexText(std::span<const std::uint8_t> bytes) {
+    std::string text;
+    for (const std::uint8_t byte : bytes) {
+        std::array<char, 4> digits{};
+        formatText(digits, "%02X", byte);
+        text += text.empty() ? digits.data() : std::string(" ") + digits.data();
+    }
+    return text;
+}
 
 std::string codeName(Code code) {
     if (const std::string_view name = find(names, code); !name.empty())

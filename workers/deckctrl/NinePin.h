@@ -50,6 +50,8 @@ enum class TimeSource : std::uint8_t { ltc = 0x01, vitc = 0x02, asDeckReads = 0x
 
 // How the log calls a block: "Play", "Current time sense"; the code in hexadecimal when it has no name.
 [[nodiscard]] std::string codeName(Code code);
+// Bytes for the log: "E7 3C 00".
+[[nodiscard]] std::string hexText(std::span<const std::uint8_t> bytes);
 // "LTC", "VITC", "timer 1", ... of a time reply; empty for any other block.
 [[nodiscard]] std::string_view sourceName(Code reply) noexcept;
 

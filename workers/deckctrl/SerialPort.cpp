@@ -1,12 +1,14 @@
 #include "SerialPort.h"
 
 #include "Failure.h"
+#include "NinePin.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
 #include <poll.h>
+#include <span>
 #include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -33,14 +35,9 @@ OpenProblem inUse() {
     return {"in use by another program", true};
 }
 
-std::string hexText(const std::vector<std::uint8_t>& bytes) {
-    std::string text;
-    for (std::size_t i = 0; i < std::min(bytes.size(), shownBytes); ++i) {
-        char digits[4];
-        std::snprintf(digits, sizeof digits, "%02X", bytes[i]);
-        text += (i > 0 ? " " : "") + std::string(digits);
-    }
-    return text + (bytes.size() > shownBytes ? " ..." : "");
+std::string shownText(const std::vector<std::uint8_t>& bytes) {
+    return hexText(std::span(bytes).first(std::min(bytes.size(), shownBytes))) +
+           (bytes.size() > shownBytes ? " ..." : "");
 }
 
 // Decks answer with blocks of two groups only.
@@ -198,7 +195,7 @@ Exchange SerialPort::receive(const Timing& timing, int stopFd) {
             if (seen.empty())
                 return failed(Exchange::Result::silent, "");
             return failed(Exchange::Result::garbled,
-                          (trouble ? trouble : "broken off reply ") + hexText(seen));
+                          (trouble ? trouble : "broken off reply ") + shownText(seen));
         }
         std::uint8_t bytes[Block::maxBytes];
         const ssize_t count = ::read(m_fd.get(), bytes, sizeof bytes);
