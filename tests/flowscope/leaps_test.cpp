@@ -1,10 +1,7 @@
 // Times that leap by more than a second: one that is damaged spoils nothing, one that the next bears out is a
 // discontinuity. Streams of five seconds, made packet by packet.
-#include "analysed.h"
-#include "flowscope/Analysis.h"
-#include "multiplex.h"
+#include "five_seconds.h"
 
-#include <functional>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -12,95 +9,6 @@ using namespace kestrel::flowscope;
 using testing::HasSubstr;
 
 namespace {
-
-constexpr int VIDEO_PID = 0x101;
-constexpr int AUDIO_PID = 0x102;
-constexpr int MPEG2 = 0x02;
-constexpr int AC3 = 0x81;
-constexpr int LATM = 0x11; // which is not looked into
-constexpr int FRAME = 3600;
-constexpr int PICTURES = 125;
-constexpr int SOUND = 4 * 2880; // of a PES packet of sound: four frames
-constexpr int SOUNDS = 39;
-constexpr std::int64_t SECOND = 90'000;
-constexpr std::int64_t TURN = std::int64_t{1} << 33;
-constexpr std::int64_t BEGIN = 100 * SECOND;
-
-struct Times {
-    std::int64_t pts;
-    std::int64_t dts;
-};
-// Changes the times of the PES packet with that number, as they stand there.
-using Change = std::function<void(int, Times&)>;
-
-void none(int, Times&) {}
-
-std::int64_t coded(std::int64_t ticks) {
-    return ((ticks % TURN) + TURN) % TURN;
-}
-
-Bytes soundFrames() {
-    Bytes frame{0x0B, 0x77, 0, 0, 0x14, 0x40, 0x40, 0}; // AC-3, 48 kHz, 192 kb/s, stereo
-    frame.resize(768, 0x55);
-    return frame + frame + frame + frame;
-}
-
-// IBBP of 25 a second with sound; each PES packet has times.
-Bytes stream(const Change& video, const Change& audio = none, int soundType = AC3, int pictures = PICTURES) {
-    Multiplex made;
-    made.association({{1, 0x100}}).map(0x100, 1, VIDEO_PID, {{MPEG2, VIDEO_PID}, {soundType, AUDIO_PID}});
-    const Bytes frames = soundFrames();
-    int sounds = 0;
-    for (int i = 0; i < pictures; ++i) {
-        const std::int64_t dts = BEGIN + std::int64_t{i} * FRAME;
-        for (; sounds < SOUNDS && BEGIN + sounds * SOUND <= dts; ++sounds) {
-            Times times{BEGIN + sounds * SOUND, -1};
-            audio(sounds, times);
-            made.pes(AUDIO_PID, pesHeader(coded(times.pts), -1, 0xBD), frames);
-        }
-        const int place = i % 3; // of a P picture and the two B pictures behind it
-        Times times{dts + (place == 0 ? 3 : 0) * FRAME + (i == 0 ? -2 * FRAME : 0), dts};
-        video(i, times);
-        made.clock(VIDEO_PID, (dts - 9000) * 300);
-        made.pes(VIDEO_PID, pesHeader(coded(times.pts), coded(times.dts)),
-                 mpeg2Picture(i % 12 == 0  ? 1
-                              : place == 0 ? 2
-                                           : 3));
-    }
-    return made.bytes;
-}
-
-const Analysis& undamaged() {
-    static const Analysis analysis = analysed(stream(none));
-    return analysis;
-}
-
-std::string texts(const Analysis& analysis) {
-    std::string all;
-    for (const Finding& finding : analysis.findings().first())
-        all += finding.kind + ": " + finding.text + "\n";
-    return all;
-}
-
-// One finding of that kind, and all values as if there were none.
-void expectHarmless(const Analysis& analysis, const std::string& kind) {
-    EXPECT_GE(analysis.findings().count(kind), 1U) << texts(analysis);
-    EXPECT_LE(analysis.findings().count(kind), 2U) << texts(analysis);
-    EXPECT_EQ(analysis.findings().count(kind), analysis.findings().total()) << texts(analysis);
-    EXPECT_EQ(analysis.videoFrames(), PICTURES);
-    EXPECT_NEAR(analysis.videoSeconds(), undamaged().videoSeconds(), 0.001);
-    EXPECT_NEAR(analysis.seconds(), undamaged().seconds(), 0.041);
-    EXPECT_NEAR(analysis.videoBitsPerSecond() / undamaged().videoBitsPerSecond(), 1, 0.001);
-    EXPECT_NEAR(analysis.muxBitsPerSecond() / undamaged().muxBitsPerSecond(), 1, 0.01);
-    EXPECT_EQ(analysis.constantBitRate(), undamaged().constantBitRate());
-    EXPECT_NEAR(analysis.audios()[0].seconds(), undamaged().audios()[0].seconds(), 0.001);
-    EXPECT_NEAR(analysis.audioOffsetMs().value_or(9e9), *undamaged().audioOffsetMs(), 81);
-    EXPECT_EQ(analysis.rates().bitsPerSecond().size(), undamaged().rates().bitsPerSecond().size());
-}
-
-const std::int64_t LEAPS[] = {60 * SECOND,          -60 * SECOND,       5 * SECOND / 4,
-                              -5 * SECOND / 2,      10 * 3600 * SECOND, std::int64_t{1} << 31,
-                              std::int64_t{1} << 32};
 
 TEST(ADamagedTime, NeedsAStreamThatIsInOrderWithoutIt) {
     expectClean(undamaged());
@@ -130,8 +38,8 @@ TEST(ADamagedTime, OfTheSoundSpoilsNothing) {
         for (const int damaged : {0, 1, 20, SOUNDS - 2, SOUNDS - 1}) {
             SCOPED_TRACE(testing::Message() << "leap " << leap << ", PES packet " << damaged);
             const Change change = [&](int i, Times& times) { times.pts += i == damaged ? leap : 0; };
-            expectHarmless(analysed(stream(none, change)), "audio timestamps");
-            const Analysis latm = analysed(stream(none, change, LATM));
+            expectHarmless(analysed(stream(unchanged, change)), "audio timestamps");
+            const Analysis latm = analysed(stream(unchanged, change, LATM));
             EXPECT_EQ(latm.findings().count("audio timestamps"), 1U) << texts(latm);
             EXPECT_EQ(latm.findings().total(), 1U) << texts(latm);
             EXPECT_NEAR(latm.seconds(), 5, 0.1);
@@ -146,7 +54,8 @@ TEST(ADamagedTime, IsToldOnceWithWhereItLies) {
         }));
     };
     const auto sound = [](int damaged, std::int64_t leap) {
-        return analysed(stream(none, [=](int i, Times& times) { times.pts += i == damaged ? leap : 0; }));
+        return analysed(
+            stream(unchanged, [=](int i, Times& times) { times.pts += i == damaged ? leap : 0; }));
     };
     EXPECT_THAT(texts(at(50, 60 * SECOND)),
                 testing::MatchesRegex("timestamps: packet [0-9]+, PID 257: DTS 14580000 lies 60.0 s ahead of "
@@ -226,7 +135,7 @@ TEST(ALeapThatTheNextTimeBearsOut, IsADiscontinuity) {
         EXPECT_NEAR(back.videoSeconds(), 5, 0.001);
     }
     const auto sound = [](std::int64_t leap) {
-        return analysed(stream(none, [=](int i, Times& times) { times.pts += i >= 20 ? leap : 0; }));
+        return analysed(stream(unchanged, [=](int i, Times& times) { times.pts += i >= 20 ? leap : 0; }));
     };
     const Analysis ahead = sound(60 * SECOND);
     EXPECT_EQ(ahead.findings().count("audio timestamps"), 1U);

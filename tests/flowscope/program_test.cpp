@@ -283,6 +283,19 @@ TEST_F(FlowScope, DamageAtTheBeginningIsAFindingAndNoRefusal) {
                   "packets\""));
 }
 
+TEST_F(FlowScope, TheFirstPacketMayBeginAnywhereInTheFirstEightKibibytes) {
+    const std::vector<unsigned char> good = readFile(streamFile("m2_sd_25"));
+    const auto after = [&](std::size_t bytes) {
+        return directory.file("in.ts", std::string(bytes, '\x11') + std::string(good.begin(), good.end()));
+    };
+    for (const std::size_t bytes : {1U, 7500U, 8000U, 8191U}) {
+        ASSERT_EQ(run(after(bytes), {"-report_name", "r.xml"}), 0) << errors();
+        EXPECT_THAT(report("r.xml"), HasSubstr("packet 0: " + std::to_string(bytes) + " bytes before it"));
+    }
+    EXPECT_EQ(run(after(8192), {"-report_name", "r.xml"}), 1);
+    EXPECT_THAT(errors(), HasSubstr("is not an MPEG transport stream: no sync bytes 188 bytes apart"));
+}
+
 TEST_F(FlowScope, BytesThatShiftThePacketsCostNoMoreThanThemselves) {
     const std::vector<unsigned char> good = readFile(streamFile("m2_sd_25"));
     const auto summary = [&](std::vector<unsigned char> bytes) {

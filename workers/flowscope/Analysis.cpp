@@ -146,6 +146,8 @@ void Analysis::adopt(const Program& program, const StreamEntry& video) {
     m_lastVideoPacket = 0;
     m_timecodeJumps = 0;
     m_positionAtTime = {0, 0};
+    m_fieldsBeforeTimes = 0;
+    m_atLeaps.clear();
     m_audios.clear();
     m_clock = {};
     m_leastDelay.reset();
@@ -167,14 +169,14 @@ void Analysis::takeClock(const unsigned char* packet, int pid) {
         std::int64_t{field[1]} << 25 | field[2] << 17 | field[3] << 9 | field[4] << 1 | field[5] >> 7;
     const std::int64_t extension = (field[5] & 1) << 8 | field[6];
     const std::int64_t pcr = base * 300 + extension;
+    const bool announced = (field[0] & DISCONTINUITY) != 0;
     if (m_limit.asked()) {
-        m_limit.reference(pid, pcr);
+        m_limit.reference(pid, pcr, announced);
         m_full = m_full || m_limit.passed();
     }
     if (pid != m_pcrPid)
         return;
     const auto number = static_cast<unsigned long long>(m_packets - 1);
-    const bool announced = (field[0] & DISCONTINUITY) != 0;
     const std::uint64_t tooLong = m_clock.tooLong();
     const std::uint64_t jumps = m_clock.jumps();
     m_clock.reference(pcr, static_cast<std::int64_t>(number), announced);

@@ -63,10 +63,13 @@ public:
         double secondsAtLast = 0;  // that the frames before the last time took
         std::uint64_t changes = 0; // that have been told, as the next
         std::uint64_t breaks = 0;
-        std::optional<Time> held{}; // leaps; the next one tells what it is worth
-        std::uint64_t times = 0;    // that count
+        std::vector<Time> held{}; // leap; others tell what they are worth
+        std::int64_t dropped = 0; // damaged times since the last one that counts
+        std::uint64_t times = 0;  // that count
         unsigned long long firstTimePacket = 0;
-        std::int64_t lastStep = 0; // from one time to the next
+        bool beganBase = false;     // the last time is the first one of a time base that was announced
+        std::int64_t lastStep = 0;  // from one time to the next
+        std::int64_t usualStep = 0; // the shorter one of the last two
 
         // From the first time to the end of the last frame.
         [[nodiscard]] double seconds() const { return elapsed + track.seconds() - secondsAtLast; }
@@ -118,8 +121,11 @@ private:
     void takeVideoTimes();
     void takeAudioTimes(Audio& audio);
     void keepAudioTime(Audio& audio, const Audio::Time& time);
-    void settleAudioTime(Audio& audio, const Audio::Time& next);
-    void tellDamaged(const Audio& audio, const char* around);
+    // The next time of a PES packet tells what those that are held are worth.
+    void settleAudioTimes(Audio& audio, const Audio::Time& next);
+    void tellWrongFirst(const Audio& audio, const Audio::Time& second);
+    void dropHeld(Audio& audio, const char* around);
+    void endAudioTimes(Audio& audio);
     void tellTimecodes();
     void tellFormat(Audio& audio);
     // How far the decoding times lie ahead of the clock.
@@ -130,6 +136,8 @@ private:
     void judgeEnds();
     [[nodiscard]] Audio* audio(int pid);
     [[nodiscard]] PTS firstSound(const Audio& audio) const;
+    // Seconds of the stream's clock at which the first picture is shown, which need not have a time.
+    [[nodiscard]] double firstShown() const;
 
     PassLimit m_limit;
     std::uint64_t m_packets = 0;
@@ -144,11 +152,17 @@ private:
     int m_pcrPid = -1;
     std::unique_ptr<VideoTrack> m_video;
     std::vector<Audio> m_audios;
-    std::unique_ptr<VideoTrack> m_videoAtLeap; // in a bounded pass: what it was before a time that is held
+    // In a bounded pass: what there was before each time of the video that is held.
+    struct AtLeap {
+        VideoTrack video;
+        VideoTrack::Position position;
+    };
+    std::vector<AtLeap> m_atLeaps;
     PesReader m_videoReader;
     unsigned long long m_lastVideoPacket = 0;
     std::uint64_t m_timecodeJumps = 0;           // that have been told
     VideoTrack::Position m_positionAtTime{0, 0}; // when the latest time came
+    std::uint64_t m_fieldsBeforeTimes = 0;       // of the pictures before the first time
     // What is on each PID, so that a packet's way is one look.
     enum class Role : unsigned char { none, table, video, audio };
     std::array<Role, ts::pid_count> m_roles{Role::table};

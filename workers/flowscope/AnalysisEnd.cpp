@@ -43,9 +43,7 @@ void Analysis::end() {
     for (Audio& each : m_audios) {
         each.track.end();
         tellFormat(each);
-        if (each.held)
-            tellDamaged(each, "before it");
-        each.held.reset();
+        endAudioTimes(each);
     }
     judgeClock();
     // Of a stream that is read in part nothing is told of its end.
@@ -101,8 +99,7 @@ void Analysis::judgeEnds() {
     };
     std::vector<End> ends;
     if (!m_times.lowestPts().is_absent() && m_video->frames() != 0)
-        ends.push_back({m_videoPid, m_lastVideoPacket,
-                        kestrel::flowscope::seconds(m_times.lowestPts()) + videoSeconds()});
+        ends.push_back({m_videoPid, m_lastVideoPacket, firstShown() + videoSeconds()});
     for (const Audio& each : m_audios)
         if (!each.track.firstPts().is_absent())
             ends.push_back(

@@ -23,13 +23,17 @@ double Analysis::videoSeconds() const {
     if (m_times.lowestPts().is_absent())
         return counted;
     // Behind the last time come its picture and those that have none; which is shown last is not told of
-    // several.
+    // several. Nor is it of those before the first time.
     const double untimed =
         static_cast<double>(m_video->fields() - m_positionAtTime.shown) / 2 + m_times.framesHeld();
     const double behind = std::max(1.0, untimed);
-    const double shown = m_times.shownSeconds() + behind / rate;
+    const double before = static_cast<double>(m_fieldsBeforeTimes) / 2;
+    // A bounded pass ends in the order of decoding: pictures are missing that are shown before its last ones.
+    const bool cut = m_full && m_limit.asked();
+    const double timed = cut ? m_times.decodingSeconds(m_times.lastDts()) : m_times.shownSeconds();
+    const double shown = timed + (before + behind) / rate;
     constexpr double REORDERED = 3;
-    const double tolerance = 1.5 + (behind >= 2 ? REORDERED : 0);
+    const double tolerance = 1.5 + (behind >= 2 || before > 0 ? REORDERED : 0);
     // Where time went back, it may have gone over the same seconds twice.
     const bool agreed = std::abs(shown - counted) * rate < tolerance;
     return agreed || (m_times.wentBack() && shown < counted) ? counted : shown;
@@ -47,10 +51,16 @@ PTS Analysis::firstSound(const Audio& audio) const {
     return unwrapped(audio.track.firstPts(), m_times.firstDts());
 }
 
+double Analysis::firstShown() const {
+    const double rate = m_video->format().rate();
+    const double before = rate <= 0 ? 0 : static_cast<double>(m_fieldsBeforeTimes) / 2 / rate;
+    return kestrel::flowscope::seconds(m_times.lowestPts()) - before;
+}
+
 double Analysis::seconds() const {
     if (m_video == nullptr || m_times.lowestPts().is_absent())
         return videoSeconds();
-    double begin = kestrel::flowscope::seconds(m_times.lowestPts());
+    double begin = firstShown();
     double end = begin + videoSeconds();
     for (const Audio& each : m_audios) {
         if (each.track.firstPts().is_absent())

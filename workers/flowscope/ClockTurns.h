@@ -19,7 +19,12 @@ inline PTS unwrapped(PTS raw, PTS near) {
     return PTS(raw + turns * clockTurn);
 }
 
-// The same of a time that is no PTS: a difference in seconds.
+// A time that lies so far behind another; absent where that is.
+inline PTS shifted(PTS raw, std::int64_t shift) {
+    return raw.is_absent() ? raw : PTS(raw + shift);
+}
+
+// A difference between times in seconds.
 inline double seconds(std::int64_t units) {
     return static_cast<double>(units) / static_cast<double>(PTS::units_per_second);
 }

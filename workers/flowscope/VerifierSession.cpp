@@ -5,6 +5,7 @@
 #include "ReportValues.h"
 #include "Reports.h"
 #include "capture/Failure.h"
+#include "foundation/ErrnoText.h"
 #include "foundation/UniqueFd.h"
 #include "mpeg/packet_view.h"
 #include "mpeg/regular_file.h"
@@ -22,7 +23,6 @@
 namespace kestrel::flowscope {
 namespace {
 
-using capture::errnoText;
 using capture::format;
 
 constexpr int exitSuccess = 0;
@@ -102,7 +102,8 @@ std::string VerifierSession::examineBeginning() const {
     const RegularFile file(m_options.file.c_str());
     if (!file)
         return "cannot be read: " + errnoText(errno);
-    std::array<unsigned char, 8192> bytes{};
+    constexpr std::size_t BEGINNING = 8192; // in which the first packet is to begin
+    std::array<unsigned char, BEGINNING + PacketReader::run * 204> bytes{};
     const std::size_t count = std::fread(bytes.data(), 1, bytes.size(), file.get());
     if (count == 0)
         return "is empty";
@@ -110,7 +111,8 @@ std::string VerifierSession::examineBeginning() const {
         return "is shorter than one transport packet of 188 bytes";
     constexpr std::size_t SHORT = PacketReader::run * 204; // too short to tell much by
     const auto packetsOf = [&](std::size_t size) {
-        return findPackets(bytes.data(), count, size).has_value();
+        const auto first = findPackets(bytes.data(), count, size);
+        return first && *first < BEGINNING;
     };
     if (packetsOf(ts::packet_size) || (count < SHORT && bytes[0] == ts::sync_byte))
         return "";

@@ -22,13 +22,9 @@ constexpr double GAP = 0.5;
 constexpr std::int64_t ROUNDED = 8 * PTS::units_per_second / 90'000;
 // Headers and counts may be hostile.
 constexpr double MOST_FRAMES = 100'000;
-constexpr double LONGEST_FRAME = 100.0 * PTS::units_per_second;
+constexpr auto LONGEST_FRAME = static_cast<double>(longestFrame);
 // Frames that a decoder holds back at most (H.264, A.3.1).
 constexpr double REORDERED = 16;
-
-PTS shifted(PTS raw, std::int64_t shift) {
-    return raw.is_absent() ? raw : PTS(raw + shift);
-}
 
 } // namespace
 
@@ -46,14 +42,18 @@ std::int64_t VideoTimes::expected(const Place& place, double frames) const noexc
 }
 
 VideoTimes::Times VideoTimes::continued(PTS rawPts, PTS rawDts, const Place& place) {
-    return follow(rawPts, rawDts, place, false);
+    double frames = m_framesHeld + place.frames;
+    for (const Held& held : m_held)
+        frames += held.place.frames;
+    return follow(rawPts, rawDts, place, frames, false);
 }
 
-VideoTimes::Times VideoTimes::follow(PTS rawPts, PTS rawDts, const Place& place, bool confirmed) {
+VideoTimes::Times VideoTimes::follow(PTS rawPts, PTS rawDts, const Place& place, double frames,
+                                     bool confirmed) {
     Times times{{}, unwrapped(shifted(rawDts, m_shift), m_lastDts), rawPts, rawDts};
     if (!m_lastDts.is_absent()) {
+        frames = std::min(frames, MOST_FRAMES);
         const double frame = frameUnits(place.frameRate);
-        const double frames = std::min(m_framesHeld + place.frames, MOST_FRAMES);
         const auto next = static_cast<std::int64_t>(std::llround(frame * frames));
         const std::int64_t step = times.dts - m_lastDts;
         const auto most = static_cast<std::int64_t>(frame * (frames + GAP)) + ROUNDED;
@@ -65,6 +65,7 @@ VideoTimes::Times VideoTimes::follow(PTS rawPts, PTS rawDts, const Place& place,
         if (newTimeBase) {
             m_shift += next - step;
             times.dts = PTS(m_lastDts + next);
+            times.newBase = true;
         } else if (again - m_lastDts > 0 && again - m_lastDts <= most) {
             m_shift = *m_shiftBefore;
             times.dts = again;
@@ -82,106 +83,15 @@ VideoTimes::Times VideoTimes::follow(PTS rawPts, PTS rawDts, const Place& place,
     return times;
 }
 
-bool VideoTimes::settle(PTS rawDts, const Place& place, std::optional<int> seconds, Findings& findings) {
-    if (!m_held)
-        return true;
-    const Held held = *std::exchange(m_held, std::nullopt);
-    const PTS time = unwrapped(shifted(held.times.rawDts, m_shift), m_lastDts);
-    const PTS next = unwrapped(shifted(rawDts, m_shift), time);
-    const double frames = m_framesHeld + held.place.frames;
-    const Leap leap{time - m_lastDts, unwrapped(shifted(rawDts, m_shift), m_lastDts) - m_lastDts,
-                    expected(place, frames + place.frames), next - time, expected(place, place.frames)};
-    if (!leap.confirmed()) {
-        tellDamaged(held, "before and behind it", findings);
-        m_framesHeld = frames;
-        return true;
-    }
-    // A time base that was announced since begins behind it.
-    const bool newTimeBase = std::exchange(m_newTimeBase, false);
-    if (m_taken == 1 && leap.fromWrongFirst())
-        beginBefore(time, held, findings);
-    const Times times = follow(held.times.rawPts, held.times.rawDts, held.place, true);
-    m_newTimeBase = newTimeBase;
-    if (seconds && decodingSeconds(times.dts) >= *seconds) {
-        m_framesHeld = frames;
-        return false;
-    }
-    keep(times, held.place, findings);
-    return true;
-}
-
-// Of three times the second and the third agree: the first one is wrong.
-void VideoTimes::beginBefore(PTS dts, const Held& second, Findings& findings) {
-    const Times first = m_first.times;
-    if (dts > m_lastDts)
-        findings.add("timestamps",
-                     format("packet %llu, PID %d: DTS %lld lies %.1f s before the times behind it",
-                            m_first.place.packet, m_first.place.pid,
-                            static_cast<long long>(first.rawDts.ticks()), seconds(dts - m_lastDts)));
-    else
-        findings.add("timestamps",
-                     format("packet %llu, PID %d: DTS %lld does not follow %lld", second.place.packet,
-                            second.place.pid, static_cast<long long>(second.times.rawDts.ticks()),
-                            static_cast<long long>(first.rawDts.ticks())));
-    m_firstDts = m_lastDts = PTS(dts - expected(second.place, m_framesHeld + second.place.frames));
-    m_lowestPts = m_highestPts = PTS();
-    m_heldPts.reset();
-    // Both of its times may be wrong, or one.
-    const std::int64_t own = unwrapped(first.rawPts, m_firstDts) - m_firstDts;
-    const std::int64_t both = unwrapped(first.rawPts, first.rawDts) - first.rawDts;
-    for (const std::int64_t offset : {own, both})
-        if (outside(offset, second.place) == 0) {
-            widen(PTS(m_firstDts + offset));
-            break;
-        }
-}
-
-void VideoTimes::tellDamaged(const Held& held, const char* around, Findings& findings) const {
-    const auto dts = static_cast<long long>(held.times.rawDts.ticks());
-    const std::string where =
-        format("packet %llu, PID %d: DTS %lld ", held.place.packet, held.place.pid, dts);
-    const std::int64_t step = unwrapped(shifted(held.times.rawDts, m_shift), m_lastDts) - m_lastDts;
-    findings.add("timestamps",
-                 where + (step < 0
-                              ? format("does not follow %lld", static_cast<long long>(m_lastRawDts.ticks()))
-                              : format("lies %.1f s ahead of the times %s", seconds(step), around)));
-}
-
-void VideoTimes::tellPts(const Held& held, Findings& findings) const {
-    // Where it lies before its DTS, that has been told.
-    if (held.times.pts > held.times.dts)
-        findings.add("timestamps",
-                     format("packet %llu, PID %d: PTS %lld lies %.1f s behind DTS %lld", held.place.packet,
-                            held.place.pid, static_cast<long long>(held.times.rawPts.ticks()),
-                            seconds(held.times.pts - held.times.dts),
-                            static_cast<long long>(held.times.rawDts.ticks())));
-}
-
-void VideoTimes::end(Findings& findings) {
-    if (m_held) {
-        const Held held = *std::exchange(m_held, std::nullopt);
-        const bool ahead = unwrapped(shifted(held.times.rawDts, m_shift), m_lastDts) > m_lastDts;
-        if (m_taken == 1 && ahead && expected(held.place, 1) == 0) {
-            // Of two times without a rate neither is wrong.
-            keep(follow(held.times.rawPts, held.times.rawDts, held.place, true), held.place, findings);
-        } else {
-            tellDamaged(held, "before it", findings);
-            m_framesHeld += held.place.frames;
-        }
-    }
-    if (m_heldPts && m_lowestPts.is_absent())
-        widen(m_heldPts->times.pts);
-    else if (m_heldPts)
-        tellPts(*m_heldPts, findings);
-    m_heldPts.reset();
-}
-
 void VideoTimes::take(const Times& times, const Place& place, Findings& findings) {
     m_latestDts = times.dts;
-    if (times.leaps)
-        m_held = Held{times, place};
-    else
-        keep(times, place, findings);
+    if (times.leaps) {
+        m_held.push_back({times, place});
+        return;
+    }
+    while (!m_held.empty())
+        dropHeld("before and behind it", findings);
+    keep(times, place, findings);
 }
 
 void VideoTimes::keep(const Times& times, const Place& place, Findings& findings) {
@@ -191,10 +101,11 @@ void VideoTimes::keep(const Times& times, const Place& place, Findings& findings
         findings.add("timestamps", where + format("PTS %lld lies before DTS %lld", ticks(times.rawPts),
                                                   ticks(times.rawDts)));
     ++m_taken;
-    if (m_firstDts.is_absent()) {
+    if (m_firstDts.is_absent())
         m_firstDts = times.dts;
+    m_beganBase = times.newBase;
+    if (m_taken == 1 || m_beganBase)
         m_first = {times, place};
-    }
     if (!m_lastDts.is_absent()) {
         const double frames = std::exchange(m_framesHeld, 0) + place.frames;
         const std::int64_t step = times.dts - m_lastDts;
@@ -240,13 +151,16 @@ void VideoTimes::keepPts(const Times& times, const Place& place, Findings& findi
     const std::int64_t offset = times.pts - times.dts;
     const int side = outside(offset, place);
     const std::optional<Held> held = std::exchange(m_heldPts, std::nullopt);
+    // Of the first one it may be told only now that it lies no further than pictures are held back.
+    const std::int64_t before = held ? held->times.pts - held->times.dts : 0;
     if (side == 0) {
-        if (held)
+        if (held && outside(before, place) == 0)
+            widen(held->times.pts);
+        else if (held)
             tellPts(*held, findings);
         widen(times.pts);
         return;
     }
-    const std::int64_t before = held ? held->times.pts - held->times.dts : 0;
     if (held && outside(before, place) == side) {
         m_leastOffset = std::min({m_leastOffset, offset, before});
         m_mostOffset = std::max({m_mostOffset, offset, before});

@@ -3,18 +3,21 @@
 
 #include "Findings.h"
 #include "FrameRates.h"
+#include "Leaps.h"
 #include "mpeg/pts.h"
 
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <vector>
 
 namespace kestrel::flowscope {
 
 // Takes the times of PES packets in their order. The turns of the 33-bit clock are taken out; after an
 // announced change of the time base (ISO/IEC 13818-1, 2.4.3.5), and where time goes back by more than a
 // second without one, the times go on as if there had been none. A time that leaps by more than a second is
-// held until the next one tells whether it is damaged; a damaged one counts as if it had not been sent.
+// held until others tell whether it is damaged (see Leaps.h); a damaged one counts as if it had not been
+// sent.
 class VideoTimes {
 public:
     // What one PES packet says, with the turns taken out, and as it stands there.
@@ -23,8 +26,9 @@ public:
         PTS dts; // of one that leaps: where it is expected
         PTS rawPts;
         PTS rawDts;
-        bool back = false;  // time went back
-        bool leaps = false; // to be held
+        bool back = false;    // time went back
+        bool newBase = false; // it begins one that was announced
+        bool leaps = false;   // to be held
     };
     // Where a PES packet is, and what to expect of it.
     struct Place {
@@ -34,9 +38,13 @@ public:
         double frames; // that were sent since the last PES packet with a time (2.7.4), as long as they last
     };
 
-    // The next PES packet tells what a time that is held is worth; to be called before the next two. False
-    // where it was true and lies so many seconds behind the first one: the pass was to end there.
-    bool settle(PTS rawDts, const Place& place, std::optional<int> seconds, Findings& findings);
+    // The next PES packet tells what the times that are held are worth; to be called before the next two.
+    // Where one of them was true and lies so many seconds behind the first time, the pass was to end there:
+    // which one of them.
+    std::optional<std::size_t> settle(PTS rawDts, const Place& place, std::optional<int> seconds,
+                                      Findings& findings);
+    // Times that are held now, at most two.
+    [[nodiscard]] std::size_t held() const noexcept { return m_held.size(); }
     // The times of the next PES packet as they would go on; nothing is kept of them yet.
     [[nodiscard]] Times continued(PTS rawPts, PTS rawDts, const Place& place);
     // They count, or are held. What departs from order is told to findings.
@@ -71,13 +79,20 @@ private:
     [[nodiscard]] double frameUnits(double frameRate) const noexcept;
     // Of so many frames, by their rate or by the latest steps, whichever is longer.
     [[nodiscard]] std::int64_t expected(const Place& place, double frames) const noexcept;
-    [[nodiscard]] Times follow(PTS rawPts, PTS rawDts, const Place& place, bool confirmed);
+    // frames: since the last time that counts.
+    [[nodiscard]] Times follow(PTS rawPts, PTS rawDts, const Place& place, double frames, bool confirmed);
+    // From the time that is held in that place to the next.
+    [[nodiscard]] Leap leapOf(std::size_t index, PTS rawDts, const Place& next) const;
+    void dropHeld(const char* around, Findings& findings);
+    Held takeHeld();
+    [[nodiscard]] bool endsInOrder() const;
     void keep(const Times& times, const Place& place, Findings& findings);
     void keepPts(const Times& times, const Place& place, Findings& findings);
     // On which side of its DTS a PTS lies too far off; 0: on none.
     [[nodiscard]] int outside(std::int64_t offset, const Place& place) const noexcept;
     void widen(PTS pts) noexcept;
-    void beginBefore(PTS dts, const Held& second, Findings& findings);
+    void tellWrongFirst(PTS dts, const Held& second, Findings& findings) const;
+    void beginBefore(PTS dts, const Held& second);
     void tellDamaged(const Held& held, const char* around, Findings& findings) const;
     void tellPts(const Held& held, Findings& findings) const;
 
@@ -87,13 +102,14 @@ private:
     PTS m_highestPts{-1};
     PTS m_lastRawDts{-1};
     PTS m_latestDts{-1};
-    std::optional<Held> m_held;    // its DTS leaps
+    std::vector<Held> m_held;      // their DTS leap
     std::optional<Held> m_heldPts; // its PTS lies far from its DTS
     double m_framesHeld = 0;
     std::int64_t m_leastOffset = 0; // of PTS from DTS that was borne out
     std::int64_t m_mostOffset = 0;
-    Held m_first{};
-    double m_usualStep = 0; // the shorter one of the last two, for one frame
+    Held m_first{};           // of the first time base, or of the latest that was announced
+    bool m_beganBase = false; // the last time is that
+    double m_usualStep = 0;   // the shorter one of the last two, for one frame
     std::int64_t m_lastStep = 0;
     double m_framesOfLastStep = 1;
     std::int64_t m_shift = 0;                  // of the time base since the first one
