@@ -271,6 +271,12 @@ TEST(Html, TellsEveryProperty) {
     EXPECT_THAT(html, testing::HasSubstr("svg,tr{break-inside:avoid}"));
 }
 
+TEST(Html, OneOfAThingIsToldAsOne) {
+    EXPECT_EQ(kestrel::flowscope::counted(0, "jump"), "0 jumps");
+    EXPECT_EQ(kestrel::flowscope::counted(1, "jump"), "1 jump");
+    EXPECT_EQ(kestrel::flowscope::counted(2, "jump"), "2 jumps");
+}
+
 TEST(Html, PlotsTheBitRateAndTheClock) {
     const auto analysis = analysed(readFile(streamFile("m2_sd_25")));
     const std::string html = kestrel::flowscope::htmlReport(analysis, "f");

@@ -152,7 +152,7 @@ void addAudio(std::string& page, const Analysis& analysis, const Analysis::Audio
     }
     text += ", " + sound.mode;
     if (sound.allChannels() != 0)
-        text += format(", %d channels", sound.allChannels());
+        text += ", " + counted(static_cast<unsigned long long>(sound.allChannels()), "channel");
     row(page, "Audio",
         text + format(", %d Hz, %.0f kb/s", sound.samplingRate, audio.track.bitsPerSecond() / 1000));
 }
@@ -165,11 +165,10 @@ void addTransport(std::string& page, const Analysis& analysis) {
     row(page, "PCR",
         analysis.clock().count() == 0
             ? "none"
-            : format("at most every %.1f ms, %llu over 100 ms, %llu jumps, %llu new time bases",
-                     analysis.clock().longestIntervalMs(),
-                     static_cast<unsigned long long>(analysis.clock().tooLong()),
-                     static_cast<unsigned long long>(analysis.clock().jumps()),
-                     static_cast<unsigned long long>(analysis.clock().newTimeBases())));
+            : format("at most every %.1f ms, %llu over 100 ms, ", analysis.clock().longestIntervalMs(),
+                     static_cast<unsigned long long>(analysis.clock().tooLong())) +
+                  counted(static_cast<unsigned long long>(analysis.clock().jumps()), "jump") + ", " +
+                  counted(static_cast<unsigned long long>(analysis.clock().newTimeBases()), "new time base"));
     if (const auto jitter = analysis.pcrJitterUs())
         row(page, "PCR jitter", format("%.3f \xC2\xB5s from a constant rate", *jitter));
     if (const auto offset = analysis.audioOffsetMs())
@@ -177,8 +176,9 @@ void addTransport(std::string& page, const Analysis& analysis) {
     for (const Program& program : analysis.programs())
         if (&program != analysis.asset())
             row(page, "Also in the file",
-                program.mapped ? format("program %d, %zu streams", program.number, program.streams.size())
-                               : format("program %d, without a map", program.number));
+                program.mapped
+                    ? format("program %d, ", program.number) + counted(program.streams.size(), "stream")
+                    : format("program %d, without a map", program.number));
 }
 
 } // namespace

@@ -88,7 +88,11 @@ bool clean(const Analysis& analysis) {
 
 std::string findingsText(const Analysis& analysis) {
     const auto total = static_cast<unsigned long long>(analysis.findings().total());
-    return total == 0 ? "no findings" : total == 1 ? "1 finding" : format("%llu findings", total);
+    return total == 0 ? "no findings" : counted(total, "finding");
+}
+
+std::string counted(unsigned long long number, const char* thing) {
+    return format("%llu %s%s", number, thing, number == 1 ? "" : "s");
 }
 
 std::string summary(const Analysis& analysis) {

@@ -24,6 +24,8 @@ std::string audioTypeText(const Analysis& analysis, const Analysis::Audio& audio
 bool clean(const Analysis& analysis);
 // "no findings", or how many there were, with those whose texts are not kept.
 std::string findingsText(const Analysis& analysis);
+// "1 jump", "2 jumps".
+std::string counted(unsigned long long number, const char* thing);
 // One line: "75 frames, 00:00:03:00, 720x576 at 25, 2 findings".
 std::string summary(const Analysis& analysis);
 
