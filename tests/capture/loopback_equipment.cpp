@@ -1,5 +1,7 @@
 #include "capture/loopback_equipment.h"
 
+#include "capture/normalize_streams.h"
+
 #include <algorithm>
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
@@ -108,7 +110,7 @@ LabelledShape idleShape(LabelledShape shape, int gop) {
 
 RunningEncoder::RunningEncoder(int encoderPort, LabelledShape shape, Source source)
     : m_stream(idleShape(std::move(shape), source.gop)), m_source(std::move(source)),
-      m_stop(::eventfd(0, EFD_CLOEXEC)), m_out(outgoing()) {
+      m_stop(::eventfd(0, EFD_CLOEXEC)), m_out(outgoing()), m_otherOut(outgoing()) {
     m_socket = boundSocket("127.0.0.1", m_port);
     const sockaddr_in to = socketAddress("127.0.0.1", encoderPort);
     EXPECT_EQ(::connect(m_out.get(), reinterpret_cast<const sockaddr*>(&to), sizeof to), 0);
@@ -120,10 +122,35 @@ RunningEncoder::~RunningEncoder() {
     m_thread.join();
 }
 
+void RunningEncoder::takeSource(int frame) {
+    std::vector<unsigned char> bytes(65536);
+    const ssize_t got = ::recv(m_socket.get(), bytes.data(), bytes.size(), MSG_DONTWAIT);
+    if (got <= 0)
+        return;
+    if (m_framesBefore < 0)
+        m_framesBefore = frame;
+    bytes.resize(static_cast<std::size_t>(got));
+    if (m_source.otherEncoder != 0)
+        m_played.push_back({std::chrono::steady_clock::now() + m_source.otherDelay, std::move(bytes)});
+}
+
+void RunningEncoder::returnSource() {
+    const auto now = std::chrono::steady_clock::now();
+    const auto due = [now](const Played& played) { return played.due <= now; };
+    const auto end = std::find_if_not(m_played.begin(), m_played.end(), due);
+    for (auto played = m_played.begin(); played != end; ++played)
+        sendTo(m_otherOut, m_source.otherEncoder, played->bytes.data(), played->bytes.size());
+    m_played.erase(m_played.begin(), end);
+}
+
 void RunningEncoder::run() {
-    std::vector<unsigned char> buffer(65536);
+    using Behind = Source::Behind;
+    LabelledShape other;
+    other.rateCode = 5;
+    other.timecode = "00:00:00:00";
+    LabelledStream otherRate(other);
     auto next = std::chrono::steady_clock::now();
-    int since = -1; // frames since the first datagram of the source
+    int since = 0; // frames since the first datagram of the source
     int shown = 0;
     for (int frame = 0;; ++frame) {
         for (;;) { // whatever is played is taken while the frame is waited for
@@ -134,19 +161,24 @@ void RunningEncoder::run() {
                 break;
             if (waits[0].revents)
                 return;
-            if (::recv(m_socket.get(), buffer.data(), buffer.size(), MSG_DONTWAIT) > 0 && since < 0) {
-                since = 0;
-                m_framesBefore = frame;
-            }
+            takeSource(frame);
         }
-        if (since >= 0 && ++since == m_source.delay && !m_source.firstLabel.empty())
+        returnSource();
+        next += std::chrono::milliseconds(40);
+        const bool labelled = !m_source.firstLabel.empty();
+        if (m_framesBefore >= 0 && ++since == m_source.delay && labelled)
             m_stream.jumpTo(m_source.firstLabel);
+        const bool over = labelled ? shown >= m_source.frames : since > m_source.delay + m_source.frames;
+        if (over && m_source.behind != Behind::pictures) {
+            send(m_source.behind == Behind::nulls ? Packets(20, nullPacket())
+                                                  : otherRate.frames(1).front().packets);
+            continue;
+        }
         const std::vector<CodedFrame> coded = m_stream.frames(1);
-        if (!m_source.firstLabel.empty() && (shown > 0 || coded.front().label == m_source.firstLabel) &&
+        if (labelled && (shown > 0 || coded.front().label == m_source.firstLabel) &&
             ++shown == m_source.frames)
             m_stream.jumpTo("20:00:00:00");
         send(coded.front().packets);
-        next += std::chrono::milliseconds(40);
     }
 }
 

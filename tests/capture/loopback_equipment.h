@@ -5,6 +5,7 @@
 #include "foundation/UniqueFd.h"
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <string>
@@ -60,6 +61,11 @@ public:
         int frames = 0;
         int delay = 10; // frames from the decoder's input to the encoder's output
         int gop = 5;
+        // What it sends behind the last frame of the source, or instead of it where the timecodes go on.
+        enum class Behind { pictures, nulls, otherRate } behind = Behind::pictures;
+        // Another encoder of that port returns what is played as it comes, so much later.
+        int otherEncoder = 0;
+        std::chrono::milliseconds otherDelay{0};
     };
     RunningEncoder(int encoderPort, LabelledShape shape, Source source);
     ~RunningEncoder();
@@ -73,13 +79,21 @@ public:
 private:
     void run();
     void send(const Packets& packets);
+    void takeSource(int frame);
+    void returnSource();
 
+    struct Played {
+        std::chrono::steady_clock::time_point due;
+        std::vector<unsigned char> bytes;
+    };
     LabelledStream m_stream;
     Source m_source;
     std::atomic<int> m_framesBefore{-1};
     kestrel::UniqueFd m_stop;
     kestrel::UniqueFd m_socket;
     kestrel::UniqueFd m_out;
+    kestrel::UniqueFd m_otherOut;
+    std::vector<Played> m_played; // on its way to the other encoder
     int m_port = 0;
     std::thread m_thread;
 };

@@ -5,6 +5,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <span>
 
 using namespace kestrel::capture;
 using namespace capture_test;
@@ -524,6 +525,55 @@ TEST_F(MarksRecording, CancelSaysHowFarItCame) {
     EXPECT_THAT(r.status().text, StartsWith("Cancelled after 00:00:01:05 (30 frames"));
     EXPECT_THAT(r.status().text, HasSubstr("from 10:00:00:00 to 10:00:01:04"));
     EXPECT_FALSE(r.status().markOutReached);
+}
+
+// The tape is paused at mark-out, and then the encoder sends null packets, tables or sound only.
+TEST_F(MarksRecording, IsCompleteWhenNoVideoComesBehindMarkOut) {
+    for (const int pid : {0x1FFF, 0x0011, audioPid}) {
+        m_file = m_directory.path(std::to_string(pid) + ".ts");
+        Recording r = recording(plan("10:00:01:00", "10:00:01:24"));
+        LabelledStream tape;
+        feed(r, tape.frames(50));
+        EXPECT_TRUE(r.status().markOutReached);
+        EXPECT_EQ(r.state(), RecordingState::recording);
+        const auto last = m_now;
+        Packet packet;
+        packet.fill(0xFF);
+        packet[0] = 0x47;
+        packet[1] = static_cast<unsigned char>(pid >> 8);
+        packet[2] = static_cast<unsigned char>(pid);
+        packet[3] = 0x10;
+        for (; r.state() == RecordingState::recording && m_now < last + 20s; m_now += 40ms) {
+            r.take(std::span(&packet, 1), m_now);
+            if (m_now >= r.deadline())
+                r.tick(m_now);
+        }
+        ASSERT_EQ(r.state(), RecordingState::ended);
+        EXPECT_TRUE(r.status().succeeded) << r.status().text;
+        EXPECT_LE(m_now, last + 2200ms);
+        EXPECT_EQ(recordedLabels(3).back(), "10:00:01:24");
+    }
+}
+
+// A tape may have another frame rate, or another way to count, right behind mark-out.
+TEST_F(MarksRecording, IsCompleteWhenOtherLabelsComeBehindMarkOut) {
+    for (const int rate : {2, 3, 4, 6}) {
+        m_file = m_directory.path(std::to_string(rate) + ".ts");
+        LabelledShape shape;
+        shape.rateCode = rate == 3 ? 4 : 3;
+        Recording r = recording(plan("10:00:01:00", "10:00:01:24"));
+        LabelledStream tape(shape);
+        feed(r, tape.frames(shape.rateCode == 3 ? 50 : 55));
+        LabelledShape other;
+        other.rateCode = rate == 3 ? 4 : rate;
+        other.timecode = rate == 3 ? "10:00:02;00" : "20:00:00:00";
+        feed(r, LabelledStream(other).frames(50));
+        ASSERT_EQ(r.state(), RecordingState::ended);
+        EXPECT_TRUE(r.status().succeeded) << r.status().text;
+        EXPECT_THAT(r.status().text, HasSubstr(" to 10:00:01:24"));
+        EXPECT_THAT(r.status().text, Not(HasSubstr("beyond")));
+        EXPECT_EQ(recordedLabels(shape.rateCode).back(), "10:00:01:24");
+    }
 }
 
 } // namespace

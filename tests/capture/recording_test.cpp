@@ -6,6 +6,7 @@
 #include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <span>
 
 using namespace kestrel::capture;
 using namespace capture_test;
@@ -38,6 +39,27 @@ TEST_F(RecordingTest, ATimedCaptureHoldsExactlyTheFramesAskedForAndNothingOfTheN
     EXPECT_EQ(continuityErrors(file), 0);
     EXPECT_EQ(positionOf(body(file), sent), 2);
     EXPECT_EQ(sent[2 + body(file).size()][1] & 0x40, 0x40) << "cut where a PES packet or a section begins";
+}
+
+// The encoder goes on without video.
+TEST_F(RecordingTest, ATimedCaptureIsCompleteWhenNoFrameComesBehindTheLast) {
+    Recording r = recording(plan(CaptureMode::timed, "00:00:02:00"));
+    r.take(StreamBuilder().frames(50), m_now);
+    const auto last = m_now;
+    Packet null{};
+    null[0] = 0x47;
+    null[1] = 0x1F;
+    null[2] = 0xFF;
+    null[3] = 0x10;
+    for (; r.state() == RecordingState::recording && m_now < last + 30s; m_now += 40ms) {
+        r.take(std::span(&null, 1), m_now);
+        if (m_now >= r.deadline())
+            r.tick(m_now);
+    }
+    ASSERT_EQ(r.state(), RecordingState::ended);
+    EXPECT_TRUE(r.status().succeeded) << r.status().text;
+    EXPECT_EQ(pictures(readPackets(m_file)), 50);
+    EXPECT_LE(m_now, last + 2200ms);
 }
 
 TEST_F(RecordingTest, ARecordingBeginsAtTheFirstRandomAccessPoint) {

@@ -106,7 +106,7 @@ void Recording::takePacket(const Packet& packet) {
         return;
     const unsigned begun = count(m_analyzer.unit());
     if (m_state == RecordingState::recording)
-        m_file.countFrames(begun);
+        noteRecorded(begun);
 }
 
 // A PES packet of the video begins: settles what the one before still left open.
@@ -116,7 +116,7 @@ void Recording::openUnit() {
     } else {
         const unsigned begun = count(m_analyzer.closedUnit());
         if (m_state == RecordingState::recording)
-            m_file.countFrames(begun);
+            noteRecorded(begun);
     }
     if (m_state == RecordingState::ended)
         return;
@@ -124,8 +124,7 @@ void Recording::openUnit() {
     m_clock.openUnit();
     m_unitNoted = false;
     m_unitAt = m_held.size();
-    const bool cuts = m_plan.mode == CaptureMode::rolling || m_plan.mode == CaptureMode::marks ||
-                      m_playedBy != PlayedBy::count;
+    const bool cuts = m_plan.mode == CaptureMode::rolling || m_plan.mode == CaptureMode::marks || playsBack();
     m_undecided = m_state == RecordingState::waiting ? m_armed : cuts || durationReached();
 }
 
@@ -149,7 +148,9 @@ unsigned Recording::count(const VideoUnit& unit) {
     const bool before = m_plan.played && m_state == RecordingState::waiting && m_now < sourceBegin();
     if (before && !m_ranBefore)
         noteBefore();
-    if (first && (m_plan.mode == CaptureMode::marks || m_plan.labelledFrames != 0))
+    if (m_plan.mode == CaptureMode::marks && m_state == RecordingState::waiting && unlikeSource())
+        m_label.reset();
+    else if (first && (m_plan.mode == CaptureMode::marks || m_plan.labelledFrames != 0))
         m_label = m_labels.label(unit, m_analyzer.clock().elapsed(), m_analyzer.frameRateCode(),
                                  m_analyzer.codec(), m_now);
     return begun;
@@ -161,11 +162,38 @@ void Recording::noteLabels(const VideoUnit& unit) {
     if (!m_label || !unit.newFrame || (m_state != RecordingState::recording && !m_groupHeld))
         return;
     // Of what is played only the source's labels count.
-    if (playsBack() && (m_playedBy != PlayedBy::labels || !isPlayed(*m_label)))
+    if (playsBack() && (m_playedBy != PlayedBy::labels || unlikeSource() || !isPlayed(*m_label)))
         return;
     const std::int64_t first = m_unitNoted ? *m_label + 1 : *m_label;
     m_range.note(first, m_labels.highest(unit));
     m_unitNoted = true;
+}
+
+// Frames that were written. Once the source's rate was there, those of another are no frames of the source.
+void Recording::noteRecorded(unsigned frames) {
+    m_file.countFrames(frames);
+    if (frames == 0)
+        return;
+    const bool others = playsBack() && m_rate == m_plan.sourceRateCode && unlikeSource();
+    const bool beyond = m_playedBy == PlayedBy::labels && m_wanted > 0 &&
+                        m_clock.elapsed() + m_clock.period() / 2 >= m_wanted + m_leading * m_clock.period();
+    if (others || beyond)
+        m_others += frames;
+    if (others)
+        return;
+    m_rate = m_analyzer.frameRateCode();
+    m_rule = m_labels.rule();
+}
+
+// Of what is recorded, not of what comes behind it.
+int Recording::recordedRate() const noexcept {
+    return m_rate != 0 ? m_rate : m_analyzer.frameRateCode();
+}
+
+// Whether what comes now has another frame rate than what was recorded last.
+bool Recording::rateChanges() const noexcept {
+    const int rate = m_analyzer.frameRateCode();
+    return m_rate != 0 && rate != 0 && rate != m_rate;
 }
 
 // Decides on the packets held back, now that the picture they begin is known (or will not be).
@@ -188,7 +216,7 @@ void Recording::settleUnit(const VideoUnit& unit) {
         startSegment();
     writeHeld();
     if (m_state == RecordingState::recording)
-        m_file.countFrames(begun);
+        noteRecorded(begun);
 }
 
 void Recording::settleWaiting(const VideoUnit& unit) {
@@ -212,11 +240,14 @@ void Recording::settleMarks(const VideoUnit& unit) {
         if (m_label)
             m_lastLabelled = m_now;
     }
+    if (unit.known && unlikeSource()) {
+        m_groupHeld = false;
+        m_held.clear();
+        if (m_source && m_now >= m_source->at + m_timing.longestReturn)
+            fail(failure(error::sourceFrameRateMismatch, m_analyzer.frameRateCode(), m_plan.sourceRateCode));
+        return;
+    }
     if (m_label && unit.known && labelCounts()) {
-        if (m_plan.played && m_plan.sourceRateCode != 0 && m_now >= sourceBegin() &&
-            m_analyzer.frameRateCode() != m_plan.sourceRateCode)
-            return fail(
-                failure(error::sourceFrameRateMismatch, m_analyzer.frameRateCode(), m_plan.sourceRateCode));
         if (auto failed = m_range.settle(m_labels.rule()))
             return fail(*failed);
         if (unit.randomAccess)
@@ -262,6 +293,8 @@ bool Recording::endsBefore(const VideoUnit& unit) {
         return false;
     if (!unit.newFrame)
         return false;
+    if (m_rule.known() && m_labels.rule() != m_rule && endsWithRule())
+        return true;
     if (m_label) {
         if (auto failed = m_range.settle(m_labels.rule())) {
             fail(*failed);
@@ -278,6 +311,18 @@ bool Recording::endsBefore(const VideoUnit& unit) {
     fail(detailed(failure(error::captureDiscontinuity),
                   "mark-out " + m_plan.markOut + " does not come, the timecode " +
                       (m_label ? "is at " + m_labels.rule().text(*m_label) : std::string("is lost"))));
+    return true;
+}
+
+// Labels of another rule, or pictures of another rate, cannot tell where mark-out is.
+bool Recording::endsWithRule() {
+    if (m_range.complete())
+        return true;
+    if (!m_plan.played || !rateChanges())
+        return false;
+    const std::int64_t missing = m_range.length() - 1 - m_range.highest();
+    if (static_cast<double>(missing) > lostSeconds * m_rule.framesPerSecond())
+        fail(failure(error::sourceFrameRateMismatch, m_analyzer.frameRateCode(), m_rate));
     return true;
 }
 
@@ -308,7 +353,8 @@ void Recording::startRecording() {
     m_points.clear();
     m_labels.keep();
     m_started = m_lastFrame = m_now;
-    const int rate = m_analyzer.frameRateCode();
+    const int rate = m_rate = m_analyzer.frameRateCode();
+    m_rule = m_labels.rule();
     std::string gop;
     if (m_plan.mode == CaptureMode::marks)
         gop = ", for mark-in " + m_plan.markIn;

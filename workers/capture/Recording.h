@@ -106,11 +106,17 @@ private:
     void probe(const Packet& packet);
     void passHeld(std::size_t packets);
     void endProbe(ReturnProbe::Verdict verdict);
+    void countFromBegin();
     [[nodiscard]] bool labelCounts() const;
+    [[nodiscard]] bool unlikeSource() const noexcept;
     void openUnit();
     void hold(const Packet& packet);
     unsigned count(const VideoUnit& unit);
     void noteLabels(const VideoUnit& unit);
+    void noteRecorded(unsigned frames);
+    [[nodiscard]] int recordedRate() const noexcept;
+    [[nodiscard]] bool rateChanges() const noexcept;
+    [[nodiscard]] bool endsWithRule();
     void settleUnit(const VideoUnit& unit);
     void settleWaiting(const VideoUnit& unit);
     void settleMarks(const VideoUnit& unit);
@@ -128,6 +134,7 @@ private:
     [[nodiscard]] bool isPlayed(std::int64_t label) const;
     [[nodiscard]] bool endsPlayedBefore();
     [[nodiscard]] bool playedDurationReached() const;
+    [[nodiscard]] bool playedFor(std::int64_t units) const;
     [[nodiscard]] bool labelledEndCame() const;
     [[nodiscard]] std::uint64_t playedTotal() const;
     [[nodiscard]] std::uint64_t playedFrames() const;
@@ -146,12 +153,15 @@ private:
     [[nodiscard]] std::chrono::seconds nominalDuration() const;
     [[nodiscard]] bool bounded() const noexcept;
     [[nodiscard]] Clock::time_point givenUp() const;
+    [[nodiscard]] Clock::time_point framesOver() const;
+    [[nodiscard]] Clock::time_point waitsFrom() const;
     [[nodiscard]] std::string openFrame() const;
     void tickWaiting();
     void tickStall();
     void endEarly(Clock::time_point now, bool asked);
     void finish(bool succeeded, std::string text);
     void finishComplete();
+    void finishLastFrame();
     void finishSourceEnded();
     [[nodiscard]] std::string recorded() const;
     [[nodiscard]] std::string amount() const;
@@ -206,6 +216,16 @@ private:
     SourceLabels m_sourceLabels;
     std::optional<ReturnProbe> m_probe; // marks: what comes goes through it until its verdict
     Clock::duration m_beganLate{};      // from the begin of the play-out to the first random access point
+    bool m_probeCut = false;            // it ended while its verdict was open
+    // Of the frames recorded by the source's timecodes: those shown before the first of the source, and those
+    // that certainly come behind its last.
+    std::int64_t m_before = 0;
+    std::int64_t m_leading = 0; // at most so many are coded behind the first but shown before it
+    std::uint64_t m_others = 0;
+
+    // Of the last frame recorded; what comes behind it may have others.
+    int m_rate = 0;
+    LabelRule m_rule;
 
     VideoUnit m_begin; // where the recording begins
     unsigned m_loggedProgram = 0;

@@ -26,9 +26,9 @@ void Recording::measureDuration() {
         return fail(*failed);
     const int measure = m_plan.sourceRateCode != 0 ? m_plan.sourceRateCode : rate;
     m_wanted = static_cast<std::int64_t>(frames) * MPEG::SH::decode_PCRs_per_frame(measure);
+    // Frames that cannot be shown are counted too: an encoder that passes on what it is sent returns them.
     if (m_playedBy == PlayedBy::labels)
-        m_wanted += (m_leadIn - static_cast<std::int64_t>(m_plan.hiddenFrames)) *
-                    MPEG::SH::decode_PCRs_per_frame(rate);
+        m_wanted += m_leadIn * MPEG::SH::decode_PCRs_per_frame(rate);
     if (measure != rate)
         LogUtil::Warning(module, "%s: %s Measured in time.", m_plan.name.c_str(),
                          failure(error::sourceFrameRateMismatch, rate, measure).text.c_str());
@@ -71,15 +71,33 @@ Clock::time_point Recording::givenUp() const {
     return std::max(m_started + nominalDuration(), m_lastFrame) + m_timing.givenUp;
 }
 
+// When a recording gets no frames any more, but may get other packets, and has its last one, or all that the
+// source had must have come back.
+Clock::time_point Recording::framesOver() const {
+    if (bounded() && lastFrameCame())
+        return m_lastFrame + m_timing.stall;
+    if (m_plan.played && m_sourceEnded)
+        return std::max(m_lastFrame + m_timing.stall, *m_sourceEnded + m_timing.longestReturn);
+    return Clock::time_point::max();
+}
+
+// Nothing comes back before the source is played, which may begin long after the recording was armed.
+Clock::time_point Recording::waitsFrom() const {
+    return m_plan.played ? std::max(m_armedAt, sourceBegin()) : m_armedAt;
+}
+
 Clock::time_point Recording::deadline() const {
     if (m_state == RecordingState::ended || (m_state == RecordingState::waiting && !m_armed))
         return Clock::time_point::max();
     if (m_state == RecordingState::waiting) {
         if (const auto verdict = m_probe ? m_probe->deadline() : std::nullopt)
             return *verdict;
+        const Clock::time_point from = waitsFrom();
+        if (from == Clock::time_point::max())
+            return from;
         if (!m_analyzer.programKnown())
-            return m_armedAt + m_timing.noStream;
-        const auto found = std::max({m_programSeen, m_armedAt, m_lastLabelled}) + m_timing.noRandomAccess;
+            return from + m_timing.noStream;
+        const auto found = std::max({m_programSeen, from, m_lastLabelled}) + m_timing.noRandomAccess;
         if (!m_points.empty() && m_source)
             return std::max(m_source->at, m_armedAt) + m_timing.longestReturn;
         // Of a source that has ended no mark-in comes any more, however long its encoder goes on.
@@ -91,7 +109,7 @@ Clock::time_point Recording::deadline() const {
         next = std::min(next, m_lastPacket + m_timing.stall);
     if (m_sourceEnded)
         next = std::min(next, std::max(m_lastPacket, *m_sourceEnded) + m_timing.stall);
-    return bounded() ? std::min(next, givenUp()) : next;
+    return bounded() ? std::min({next, framesOver(), givenUp()}) : next;
 }
 
 void Recording::tick(Clock::time_point now) {
@@ -103,6 +121,8 @@ void Recording::tick(Clock::time_point now) {
     if (auto failed = m_file.tick(now))
         return fail(*failed);
     tickStall();
+    if (m_state == RecordingState::recording && now >= framesOver())
+        return lastFrameCame() ? finishLastFrame() : finishSourceEnded();
     if (m_state == RecordingState::recording && bounded() && now >= givenUp())
         fail(failure(error::captureDiscontinuity));
 }
@@ -132,9 +152,8 @@ void Recording::tickStall() {
                          m_plan.name.c_str(), m_file.packets(), m_lastPid);
         // The last frame asked for has come; the one beyond, which would show it, may never.
         if (lastFrameCame()) {
-            m_held.clear();
             --m_stops;
-            return finishComplete();
+            return finishLastFrame();
         }
     }
     if (m_sourceEnded && m_now - std::max(m_lastPacket, *m_sourceEnded) >= m_timing.stall)
@@ -153,8 +172,10 @@ void Recording::stop(Clock::time_point now) {
 void Recording::endEarly(Clock::time_point now, bool asked) {
     m_now = now;
     // What is held back until its labels are known has come all the same.
-    if (m_state == RecordingState::waiting && m_probe && m_source && m_now >= m_source->at)
+    if (m_state == RecordingState::waiting && m_probe && m_source && m_now >= m_source->at) {
+        m_probeCut = m_plan.useStreamLabels;
         endProbe(ReturnProbe::Verdict::others);
+    }
     if (m_state == RecordingState::ended)
         return;
     if (m_state == RecordingState::waiting && !asked)
@@ -211,7 +232,7 @@ void Recording::finishComplete() {
                                     expectedFrames()) +
                                  recorded());
     if (m_plan.mode == CaptureMode::marks) {
-        const LabelRule& rule = m_labels.rule();
+        const LabelRule& rule = m_rule;
         const std::int64_t missing = m_range.length() - 1 - m_range.highest();
         if (static_cast<double>(missing) > lostSeconds * rule.framesPerSecond())
             return fail(detailed(failure(error::captureDiscontinuity),
@@ -219,6 +240,12 @@ void Recording::finishComplete() {
                                      rule.text(m_label.value_or(m_range.out()))));
     }
     finish(true, recorded());
+}
+
+// What is held begins the frame after the last.
+void Recording::finishLastFrame() {
+    m_held.clear();
+    finishComplete();
 }
 
 void Recording::finishSourceEnded() {
@@ -237,7 +264,7 @@ std::string Recording::recorded() const {
 }
 
 std::string Recording::amount() const {
-    const int rate = m_analyzer.frameRateCode();
+    const int rate = recordedRate();
     const std::uint64_t frames = m_file.frames();
     std::string text = lengthText(frames, rate) + format(" (%" PRIu64 " frames, %.1f MB", frames,
                                                          static_cast<double>(m_file.bytes()) / 1e6);
@@ -247,8 +274,9 @@ std::string Recording::amount() const {
     if (m_stops != 0)
         text += format(", stream stopped %u times", m_stops);
     if (m_plan.mode == CaptureMode::marks)
-        text += m_range.describe(m_plan.played && m_labels.origin() == LabelOrigin::deck ? LabelOrigin::none
-                                                                                         : m_labels.origin(),
+        text += m_range.describe(m_probeCut || (m_plan.played && m_labels.origin() == LabelOrigin::deck)
+                                     ? LabelOrigin::none
+                                     : m_labels.origin(),
                                  m_complete);
     return text + describePlayed();
 }
@@ -257,7 +285,7 @@ RecordingStatus Recording::status() const {
     RecordingStatus status;
     status.state = m_state;
     status.frames = m_file.frames();
-    status.frameRateCode = m_analyzer.frameRateCode();
+    status.frameRateCode = recordedRate();
     status.bytes = m_file.bytesWritten();
     status.continuityErrors = m_file.continuityErrors();
     status.stops = m_stops;

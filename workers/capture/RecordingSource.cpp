@@ -17,6 +17,9 @@ constexpr const char* module = "Capture";
 // Frames by which what is coded may lag behind what is shown.
 constexpr std::int64_t mostReordered = 4;
 
+// Pictures of H.264 that can be kept back until they are shown (ITU-T H.264, A.3.1: MaxDpbFrames).
+constexpr std::int64_t mostDelayed = 16;
+
 Clock::duration timeOf(std::int64_t units) {
     return std::chrono::microseconds(units * 1'000'000 / PTS::units_per_second);
 }
@@ -130,19 +133,31 @@ void Recording::passHeld(std::size_t packets) {
 void Recording::endProbe(ReturnProbe::Verdict verdict) {
     if (verdict == ReturnProbe::Verdict::open)
         return;
+    if (verdict == ReturnProbe::Verdict::otherRate)
+        return fail(failure(error::sourceFrameRateMismatch, m_probe->frameRateCode(), m_plan.sourceRateCode));
     if (verdict == ReturnProbe::Verdict::others) {
-        if (m_plan.useStreamLabels)
+        if (m_plan.useStreamLabels && !m_probeCut)
             LogUtil::Warning(module,
                              "%s: no timecodes of the source are recognised in the stream: frames are "
                              "counted from the begin of the play-out",
                              m_plan.name.c_str());
-        m_labels = FrameLabels(false, m_plan.marksCountPairs, m_plan.labelTolerance);
-        m_label.reset();
-        m_groupLabel.reset();
-        tellFirstPlayed();
+        countFromBegin();
     }
     passHeld(m_probe->held().size());
     m_probe.reset();
+}
+
+void Recording::countFromBegin() {
+    m_labels = FrameLabels(false, m_plan.marksCountPairs, m_plan.labelTolerance);
+    m_label.reset();
+    m_groupLabel.reset();
+    tellFirstPlayed();
+}
+
+// Whether what comes now has another frame rate than the source.
+bool Recording::unlikeSource() const noexcept {
+    const int rate = m_analyzer.frameRateCode();
+    return m_plan.played && m_plan.sourceRateCode != 0 && rate != 0 && rate != m_plan.sourceRateCode;
 }
 
 // With the random access point from which the source's first frame can be shown.
@@ -154,7 +169,16 @@ void Recording::beginByLabels() {
         if (point.shown <= line + period / 2)
             begin = &point;
     m_playedBy = PlayedBy::labels;
-    m_leadIn = std::max<std::int64_t>((line - begin->shown + period / 2) / period, 0);
+    const std::int64_t ahead = (line - begin->shown + (line < begin->shown ? -period : period) / 2) / period;
+    m_leadIn = std::max<std::int64_t>(ahead, 0);
+    const VideoUnit& unit = begin->unit;
+    if (unit.gopTimecode && unit.temporalReference >= 0) {
+        m_leading = unit.temporalReference;
+        m_before = std::max<std::int64_t>(m_leading + ahead, 0);
+    } else {
+        m_leading = std::clamp<std::int64_t>((begin->shown - begin->place.start) / period, 0, mostDelayed);
+        m_before = m_leadIn; // how many of those there are is not known
+    }
     const std::int64_t first = m_range.out() - m_range.length() + 1;
     m_range.begin(first - m_leadIn, 0);
     m_range.note(first - m_leadIn, *m_label);
@@ -194,6 +218,10 @@ bool Recording::isPlayed(std::int64_t label) const {
 
 // Whether the recording ends before the frame that begins here.
 bool Recording::endsPlayedBefore() {
+    // Behind the last frame the encoder falls back to a rate of its own.
+    if (rateChanges() && m_playedBy != PlayedBy::time && playedFrames() >= expectedFrames() &&
+        (m_playedBy == PlayedBy::labels || playedFor(m_wanted)))
+        return true;
     const bool late = m_sourceEnded && m_now >= *m_sourceEnded + m_timing.longestReturn;
     if (m_playedBy == PlayedBy::count)
         return playedDurationReached();
@@ -202,20 +230,24 @@ bool Recording::endsPlayedBefore() {
 
 // Nothing that was recorded while the source still had frames to come was its last frame.
 bool Recording::playedDurationReached() const {
-    return durationReached() &&
-           (m_sourceEnded || (m_wanted > 0 && m_now >= sourceBegin() + timeOf(m_wanted)));
+    return durationReached() && playedFor(m_wanted);
+}
+
+bool Recording::playedFor(std::int64_t units) const {
+    return m_sourceEnded || (units > 0 && m_now >= sourceBegin() + timeOf(units));
 }
 
 bool Recording::labelledEndCame() const {
     const bool through = m_plan.labelledFrames == playedTotal();
     if (through && m_range.complete())
         return true;
-    if (through && m_label && m_labels.origin() == LabelOrigin::stream) {
+    if (through && m_label && m_labels.origin() == LabelOrigin::stream && !unlikeSource()) {
         const std::int64_t position = m_range.position(*m_label);
         if (position >= 0 && position < m_range.length())
             return false;
     }
-    const std::int64_t margin = through ? mostReordered * m_clock.period() : 0;
+    // Rather some frames too many than one too few.
+    const std::int64_t margin = (m_leading + mostReordered) * m_clock.period();
     return m_wanted > 0 && m_clock.elapsed() + m_clock.period() / 2 >= m_wanted + margin;
 }
 
@@ -226,14 +258,14 @@ std::uint64_t Recording::playedTotal() const {
 }
 
 std::uint64_t Recording::playedFrames() const {
-    const auto before = m_playedBy == PlayedBy::labels ? static_cast<std::uint64_t>(m_leadIn) : 0;
-    return m_file.frames() - std::min(m_file.frames(), before);
+    const std::uint64_t no = static_cast<std::uint64_t>(m_before) + m_others;
+    return m_file.frames() - std::min(m_file.frames(), no);
 }
 
 // The same at the rate at which they come.
 std::uint64_t Recording::expectedFrames() const {
     const std::uint64_t total = playedTotal();
-    const int rate = m_analyzer.frameRateCode();
+    const int rate = recordedRate();
     if (rate == 0 || m_plan.sourceRateCode == 0 || rate == m_plan.sourceRateCode)
         return total;
     const auto period = [](int code) {
@@ -246,10 +278,12 @@ std::uint64_t Recording::expectedFrames() const {
 std::string Recording::describePlayed() const {
     if (!m_plan.played)
         return "";
+    if (m_probeCut)
+        return ", ended before it was known whether its timecodes are the source's";
     if (m_plan.mode == CaptureMode::marks)
         return m_labels.origin() == LabelOrigin::deck ? ", counted from when the play-out began" : "";
     std::string text;
-    const int rate = m_analyzer.frameRateCode();
+    const int rate = recordedRate();
     if (rate != 0 && m_plan.sourceRateCode != 0 && rate != m_plan.sourceRateCode)
         text += format(", at frame rate code %d, the source has %d", rate, m_plan.sourceRateCode);
     if (m_playedBy == PlayedBy::time)
@@ -257,7 +291,7 @@ std::string Recording::describePlayed() const {
                        "in it: up to %d s of other pictures at either end",
                        static_cast<int>(m_timing.longestReturn.count() / 1000));
     if (m_playedBy == PlayedBy::labels) {
-        const LabelRule& rule = m_labels.rule();
+        const LabelRule& rule = m_rule;
         text += ", by the source's timecodes from " + m_plan.markIn + " to " +
                 rule.text(m_range.out() - m_range.length() + 1 + m_range.highest());
         if (m_leadIn > 0)

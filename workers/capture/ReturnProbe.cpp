@@ -19,8 +19,9 @@ std::size_t ReturnProbe::take(const Packet& packet, Clock::time_point now, Sourc
         released = std::max(released, settle(now));
     if (!m_pointHeld && (!m_unitOpen || m_held.size() - m_unitAt >= heldPackets))
         released = m_held.size();
-    // So much that no recording could begin with it any more once the play-out begins.
-    if (m_held.size() >= heldGroupPackets && !begun(now)) {
+    // So much that no recording could begin with it any more once the play-out begins, or once its rate
+    // comes.
+    if (m_held.size() >= heldGroupPackets && (!begun(now) || otherRate())) {
         released = m_held.size();
         m_pointHeld = false;
     }
@@ -34,15 +35,22 @@ std::size_t ReturnProbe::releasable() noexcept {
 
 std::size_t ReturnProbe::settle(Clock::time_point now) {
     m_unitOpen = false;
-    if (!m_analyzer.unit().randomAccess || !m_analyzer.programKnown() || (m_pointHeld && begun(now)))
+    if (!m_analyzer.unit().randomAccess || !m_analyzer.programKnown() ||
+        (m_pointHeld && begun(now) && !m_pointOfOthers))
         return 0;
     m_pointHeld = true;
+    m_pointOfOthers = otherRate();
     return m_unitAt;
+}
+
+bool ReturnProbe::otherRate() const noexcept {
+    const int rate = m_analyzer.frameRateCode();
+    return rate != 0 && m_sourceRateCode != 0 && rate != m_sourceRateCode;
 }
 
 void ReturnProbe::count(const VideoUnit& unit, Clock::time_point now, SourceLabels& labels) {
     const bool first = m_clock.unitFrames() == 0;
-    if (m_clock.count(unit, m_analyzer.clock(), m_analyzer.frameRateCode()) == 0 || !first)
+    if (m_clock.count(unit, m_analyzer.clock(), m_analyzer.frameRateCode()) == 0 || !first || otherRate())
         return;
     const auto label = m_labels.label(unit, m_analyzer.clock().elapsed(), m_analyzer.frameRateCode(),
                                       m_analyzer.codec(), now);
@@ -68,8 +76,10 @@ void ReturnProbe::count(const VideoUnit& unit, Clock::time_point now, SourceLabe
 ReturnProbe::Verdict ReturnProbe::verdict(Clock::time_point now, const SourceLabels& labels) const {
     if (!m_pointHeld || !begun(now))
         return Verdict::open;
-    const int rate = m_analyzer.frameRateCode();
-    if (!m_useLabels || (rate != 0 && rate != m_sourceRateCode && m_sourceRateCode != 0))
+    // What an encoder sends until the source is there may have a rate of its own.
+    if (otherRate())
+        return now < m_begin->at + m_longestReturn ? Verdict::open : Verdict::otherRate;
+    if (!m_useLabels)
         return Verdict::others;
     if (m_confirmed)
         return Verdict::theSources;

@@ -15,7 +15,8 @@ namespace kestrel::capture {
 
 class ReturnProbe {
 public:
-    enum class Verdict { open, theSources, others };
+    // otherRate: what comes back is of another frame rate than the source.
+    enum class Verdict { open, theSources, others, otherRate };
     struct Held {
         Packet packet;
         Clock::time_point came;
@@ -36,6 +37,7 @@ public:
     [[nodiscard]] bool pointHeld() const noexcept { return m_pointHeld; }
     [[nodiscard]] const std::vector<Held>& held() const noexcept { return m_held; }
     void drop(std::size_t packets);
+    [[nodiscard]] int frameRateCode() const noexcept { return m_analyzer.frameRateCode(); }
     // When the verdict falls even if nothing comes any more.
     [[nodiscard]] std::optional<Clock::time_point> deadline() const;
 
@@ -44,6 +46,7 @@ private:
     void count(const VideoUnit& unit, Clock::time_point now, SourceLabels& labels);
     [[nodiscard]] std::size_t settle(Clock::time_point now);
     [[nodiscard]] std::size_t releasable() noexcept;
+    [[nodiscard]] bool otherRate() const noexcept;
 
     bool m_useLabels;
     int m_sourceRateCode;
@@ -57,6 +60,7 @@ private:
     std::size_t m_unitAt = 0; // where in them the current PES packet of the video begins
     bool m_unitOpen = false;  // it is not known yet what it begins
     bool m_pointHeld = false;
+    bool m_pointOfOthers = false; // it is of another frame rate
     bool m_confirmed = false;
     std::optional<ReturnedLabel> m_before; // the last one from before the begin; its frame is the label
 };
