@@ -46,6 +46,34 @@ TEST(ADamagedTime, OfTheSoundSpoilsNothing) {
         }
 }
 
+// Below a second it is not held; the one behind it brings the sound back to where its frames are.
+TEST(ADamagedTime, OfTheSoundThatIsOffByLessSpoilsNothingEither) {
+    for (const std::int64_t off : {3 * SECOND / 10, -3 * SECOND / 10, 9 * SECOND / 10, -9 * SECOND / 10})
+        for (const int damaged : {1, 20, SOUNDS - 2}) {
+            SCOPED_TRACE(testing::Message() << "off by " << off << ", PES packet " << damaged);
+            const Analysis analysis = analysed(
+                stream(unchanged, [&](int i, Times& times) { times.pts += i == damaged ? off : 0; }));
+            EXPECT_GE(analysis.findings().count("audio timestamps"), 1U);
+            EXPECT_EQ(analysis.findings().count("audio timestamps"), analysis.findings().total())
+                << texts(analysis);
+            EXPECT_NEAR(analysis.audios()[0].seconds(), undamaged().audios()[0].seconds(), 0.001);
+            EXPECT_NEAR(analysis.muxBitsPerSecond() / undamaged().muxBitsPerSecond(), 1, 0.001);
+        }
+}
+
+TEST(AGap, BehindTheFirstPictureIsTold) {
+    for (const std::int64_t gap : {SECOND / 5, SECOND / 2, 9 * SECOND / 10}) {
+        const Analysis analysis = analysed(stream(
+            [&](int i, Times& times) {
+                times.dts += i > 0 ? gap : 0;
+                times.pts += i > 0 ? gap : 0;
+            },
+            [&](int, Times& times) { times.pts += gap; }));
+        EXPECT_EQ(analysis.findings().count("timestamps"), 1U) << texts(analysis);
+        EXPECT_THAT(texts(analysis), HasSubstr("a gap of " + std::to_string(1 + gap / FRAME) + "."));
+    }
+}
+
 TEST(ADamagedTime, IsToldOnceWithWhereItLies) {
     const auto at = [](int damaged, std::int64_t leap) {
         return analysed(stream([=](int i, Times& times) {

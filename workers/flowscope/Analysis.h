@@ -60,6 +60,8 @@ public:
         bool newTimeBase = false; // its next time need not follow from the last
         unsigned long long lastPacket = 0;
         double elapsed = 0;        // seconds from the first time to the last, in one time base
+        double departed = 0;       // of that: by the last step, from what the frames in it last
+        double addedTooMuch = 0;   // and what it counts for beyond them
         double secondsAtLast = 0;  // that the frames before the last time took
         std::uint64_t changes = 0; // that have been told, as the next
         std::uint64_t breaks = 0;
@@ -74,6 +76,8 @@ public:
         // From the first time to the end of the last frame.
         [[nodiscard]] double seconds() const { return elapsed + track.seconds() - secondsAtLast; }
     };
+    // Whether the pass has ended before the file.
+    [[nodiscard]] bool full() const noexcept { return m_full; }
     [[nodiscard]] const std::vector<Audio>& audios() const noexcept { return m_audios; }
     [[nodiscard]] const Findings& findings() const noexcept { return m_findings; }
     // The asset's clock references.

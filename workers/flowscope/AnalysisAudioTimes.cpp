@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <optional>
 #include <utility>
 
 namespace kestrel::flowscope {
@@ -47,6 +48,20 @@ Audio::Time takeHeld(Audio& audio) {
     held.pts = heldPts(audio, 0);
     audio.held.erase(audio.held.begin());
     return held;
+}
+
+// From time to time: step by the times, nothing where a new time base begins; counted by the frames. A time
+// that departs from the frames is followed by one that departs as far the other way where it was wrong.
+void addElapsed(Audio& audio, std::optional<double> step, double counted) {
+    constexpr double AGREES = 0.02;
+    const double departs = step && counted > 0 ? *step - counted : 0;
+    const bool returns = std::abs(departs) > AGREES && std::abs(departs + audio.departed) <= AGREES;
+    double added = step && *step >= 0 ? *step : counted;
+    if (returns)
+        added = counted - audio.addedTooMuch;
+    audio.elapsed += added;
+    audio.departed = departs;
+    audio.addedTooMuch = added - counted;
 }
 
 } // namespace
@@ -163,7 +178,8 @@ void Analysis::keepAudioTime(Audio& audio, const Audio::Time& time) {
         audio.firstTimePacket = time.packet;
     if (last.is_absent())
         return;
-    audio.elapsed += newTimeBase || pts < last ? counted : kestrel::flowscope::seconds(pts - last);
+    addElapsed(audio, newTimeBase ? std::nullopt : std::optional(kestrel::flowscope::seconds(pts - last)),
+               counted);
     if (newTimeBase)
         return;
     const std::int64_t step = std::clamp<std::int64_t>((pts - last) / packets, 0, longestFrame);

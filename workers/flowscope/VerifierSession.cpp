@@ -87,7 +87,8 @@ std::string VerifierSession::missing(const Analysis& analysis) {
     if (analysis.video() == nullptr)
         return "no MPEG-2 or H.264 video in any program";
     if (analysis.video()->frames() == 0)
-        return format("no picture in the video of program %d, PID %d", analysis.asset()->number,
+        return format("no picture in %sthe video of program %d, PID %d",
+                      analysis.full() ? "the part that was read of " : "", analysis.asset()->number,
                       analysis.videoPid());
     return {};
 }

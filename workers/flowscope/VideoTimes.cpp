@@ -116,10 +116,20 @@ void VideoTimes::keep(const Times& times, const Place& place, Findings& findings
         if (times.back || step <= 0)
             findings.add("timestamps", where + format("DTS %lld does not follow %lld", ticks(times.rawDts),
                                                       ticks(m_lastRawDts)));
-        else if (frame > 0 && m_lastStep > 0 && static_cast<double>(step) > std::max(most, usual))
-            findings.add("timestamps",
-                         where + format("a gap of %.1f frames before DTS %lld",
-                                        static_cast<double>(step) / frame, ticks(times.rawDts)));
+        else if (frame > 0 && static_cast<double>(step) > std::max(most, usual)) {
+            std::string gap = where + format("a gap of %.1f frames before DTS %lld",
+                                             static_cast<double>(step) / frame, ticks(times.rawDts));
+            if (m_lastStep > 0)
+                findings.add("timestamps", gap);
+            else
+                m_gapToTell = std::move(gap);
+        }
+        // Without a step before it, the one behind it shows whether all are that long.
+        if (m_lastStep > 0) {
+            if (!m_gapToTell.empty() && step > 0 && static_cast<double>(step) <= most)
+                findings.add("timestamps", m_gapToTell);
+            m_gapToTell.clear();
+        }
         if (step > 0) {
             if (m_steps.size() < MOST_STEPS || m_steps.contains(step))
                 ++m_steps[step];

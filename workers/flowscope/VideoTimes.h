@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <string>
 #include <vector>
 
 namespace kestrel::flowscope {
@@ -112,6 +113,7 @@ private:
     double m_usualStep = 0;   // the shorter one of the last two, for one frame
     std::int64_t m_lastStep = 0;
     double m_framesOfLastStep = 1;
+    std::string m_gapToTell;                   // before the last time, if the next one bears it out
     std::int64_t m_shift = 0;                  // of the time base since the first one
     std::optional<std::int64_t> m_shiftBefore; // time went back, the latest time
     bool m_newTimeBase = false;
