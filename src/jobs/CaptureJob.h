@@ -233,6 +233,7 @@ protected:
 
 private:
     void setInternalCue(InputField& field);
+    static void warnOfLongPort(const InputField& field);
 
     char m_thirdMark[12] = {};         // tested with the marks, never filled
     std::optional<bool> m_internalCue; // what this request said

@@ -147,6 +147,7 @@ int CaptureVTRJob::validate() {
 }
 
 int CaptureVTRJob::setFields(std::vector<InputField>& fields) {
+    bool portGiven = false;
     for (InputField& field : fields) {
         switch (field.getFieldName()) {
         case InputField::MARK_IN_TIME:
@@ -158,6 +159,8 @@ int CaptureVTRJob::setFields(std::vector<InputField>& fields) {
             warnUnlessTimecode(field);
             break;
         case InputField::VTR_COM_PORT:
+            portGiven = true;
+            warnOfLongPort(field);
             if (*valueText(field) == '\0') {
                 LogUtil::Warning("JobMgmt", "%s names no port: the job has no deck.", field.name);
             } else {
@@ -177,7 +180,21 @@ int CaptureVTRJob::setFields(std::vector<InputField>& fields) {
             break;
         }
     }
+    if (!portGiven)
+        LogUtil::Warning("JobMgmt", "%s: none is given: the job has no deck, and its worker will fail.",
+                         InputField::FieldName[InputField::VTR_COM_PORT]);
     return validate();
+}
+
+// No rule forbids it here; the deck control knows no such deck.
+void CaptureVTRJob::warnOfLongPort(const InputField& field) {
+    constexpr std::size_t LONGEST = sizeof(_VTRCmdData::serialPort) - 1;
+    if (std::strlen(valueText(field)) > LONGEST)
+        LogUtil::Warning(
+            "JobMgmt",
+            "%s: \"%s\" has more than %zu characters: no deck can be reached by it, and the job's "
+            "worker will fail.",
+            field.name, valueText(field), LONGEST);
 }
 
 void CaptureVTRJob::setInternalCue(InputField& field) {

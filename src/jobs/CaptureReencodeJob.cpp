@@ -92,10 +92,13 @@ int CaptureReencodeJob::validateMezzanine() {
     if (markIn[0] == '\0' || markOut[0] == '\0')
         return refuse(error::marksRequired, LOG_MSG(error::marksRequired));
     const double framesPerSecond = MpegWrapper::GetFrameRateFromFile(sourceFile);
-    // Without a rate no marks are good, and the refusal is about them: the log tells that it is the file.
+    const int code = validateMarks(framesPerSecond);
+    // Without a rate no marks are good, and the refusal is about them: the log tells, last, that it is the
+    // file.
     if (framesPerSecond <= 0)
-        LogUtil::Warning("JobMgmt", "%s", unreadable(sourceFile).c_str());
-    return validateMarks(framesPerSecond);
+        LogUtil::Warning("JobMgmt", "%s The source is the reason of the refusal, not the marks.",
+                         unreadable(sourceFile).c_str());
+    return code;
 }
 
 int CaptureReencodeJob::validateMarks(double framesPerSecond) {

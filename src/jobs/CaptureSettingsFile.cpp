@@ -3,9 +3,12 @@
 #include "foundation/FixedText.h"
 #include "foundation/Logger.h"
 #include "jobs/CaptureJob.h"
+#include "jobs/InputField.h"
+#include "jobs/RequestValues.h"
 #include "resources/ResourceMgr.h"
 
 #include <algorithm>
+#include <arpa/inet.h>
 #include <cerrno>
 #include <cstring>
 #include <string>
@@ -34,6 +37,21 @@ void describeEncoder(CSettings::EncoderReception& reception, const Encoder& enco
     reception.lockRollingCaptureDirectory = encoder.lockRollingCaptureDirectory;
     reception.lockMezzanineCaptureDirectory = encoder.lockMezzanineCaptureDirectory;
     copyText(reception.profile, encoder.profile);
+}
+
+std::string dotted(unsigned long address) {
+    const in_addr value{htonl(ipv4(address))};
+    char text[INET_ADDRSTRLEN] = "";
+    inet_ntop(AF_INET, &value, text, sizeof text);
+    return text;
+}
+
+// An option stays with its device. A request that does not name it gets what an earlier one left there, which
+// may have been no more than a check.
+void tellOfEarlier(const Job& job, InputField::Number option, const std::string& value,
+                   const std::string& device) {
+    LogUtil::Info("JobMgmt", "Job %d: %s %s of an earlier request for %s is used.", static_cast<int>(job.id),
+                  InputField::FieldName[option], value.c_str(), device.c_str());
 }
 
 } // namespace
@@ -77,6 +95,12 @@ void CaptureJob::describeEncoders(CSettings& settings) const {
         if (options.profile && !copyText(settings.encoders[i].profile, *options.profile))
             LogUtil::Warning("JobMgmt", "Job %d: the profile of encoder %zu is too long and was cut: %s",
                              static_cast<int>(id), i + 1, settings.encoders[i].profile);
+        if (!options.profile && encoder.profile != nullptr && *encoder.profile != '\0')
+            tellOfEarlier(*this, InputField::ENCODER_PROFILE, encoder.profile,
+                          "encoder " + dotted(encoder.address));
+        if (!options.vitcInput && !encoder.vitcInput)
+            tellOfEarlier(*this, InputField::ENCODER_VITC_INPUT, boolText(encoder.vitcInput),
+                          "encoder " + dotted(encoder.address));
         // There is one such setting for all encoders: the last one's.
         settings.vtr.vitcSupport = options.vitcInput.value_or(encoder.vitcInput);
     }
@@ -115,6 +139,9 @@ void CaptureVTRJob::describe(CSettings& settings) const {
     if (vtr == nullptr)
         return;
     copyText(settings.vtr.port, vtr->comPort);
+    if (!m_internalCue && vtr->useInternalCue)
+        tellOfEarlier(*this, InputField::VTR_USE_INTERNAL_CUE, boolText(true),
+                      std::string("deck ") + (vtr->comPort ? vtr->comPort : ""));
     settings.vtr.useInternalCue = m_internalCue.value_or(vtr->useInternalCue);
 }
 
@@ -133,6 +160,9 @@ void CaptureReencodeJob::describe(CSettings& settings) const {
 void CaptureReencodeJob::describeDecoder(CSettings& settings) const {
     if (decoder == nullptr)
         return;
+    if (!m_interfaceAddress && decoder->interfaceAddress != 0)
+        tellOfEarlier(*this, InputField::DECODER_INTF_IP, dotted(decoder->interfaceAddress),
+                      "decoder " + dotted(decoder->address));
     settings.decoder.controlAddress = ipv4(decoder->address);
     settings.decoder.interfaceAddress = ipv4(m_interfaceAddress.value_or(decoder->interfaceAddress));
     settings.decoder.ipAddress = ipv4(decoder->streamAddress);

@@ -120,6 +120,10 @@ public:
     // for.
     void setLogDir(std::string_view directory);
 
+    // The process of the worker while it is watched, 0 without one. Not copied with the job.
+    [[nodiscard]] int workerPid() const noexcept { return m_workerPid; }
+    void setWorkerPid(int pid) noexcept { m_workerPid = pid; }
+
     // Who hears of a new GUID or id; null for a job outside a queue. Not copied with the job.
     void setListener(kestrel::JobListener* listener) noexcept { m_listener = listener; }
     // Writes guid and guidStr without telling the listener.
@@ -146,4 +150,5 @@ protected:
 
 private:
     kestrel::JobListener* m_listener = nullptr;
+    std::atomic<int> m_workerPid{0};
 };

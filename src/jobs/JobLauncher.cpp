@@ -73,6 +73,7 @@ void reportExecFailure(Job& job, const char* program, int reason) {
 // Steps of the watching once the worker runs, and after it.
 void watch(const JobLauncher::ThreadData& data, pid_t pid, const WatchRegistry::Membership& membership) {
     bool remains = true;
+    data.job->setWorkerPid(pid);
     try {
         WorkerWatch worker(data, pid, membership);
         worker.run();
@@ -81,6 +82,7 @@ void watch(const JobLauncher::ThreadData& data, pid_t pid, const WatchRegistry::
         LogUtil::Error(category, "Watching of process %d has failed: %s", static_cast<int>(pid),
                        failure.what());
     }
+    data.job->setWorkerPid(0);
     if (remains)
         reapInBackground(pid);
     JobLauncher::flushAndDestroyQueue(data.job->mgrQueueName, data.mgrQueue);
@@ -162,6 +164,9 @@ void* JobLauncher::doWork(void* threadData) {
     }
     if (execFailure != 0)
         reportExecFailure(*owned->job, cStringUtil::cValue(arguments.file()), execFailure);
+    else
+        LogUtil::Info(category, "Job %d %s: its worker is process %d.", static_cast<int>(owned->job->id),
+                      owned->job->guidStr, pid);
     report.tell(true);
     watch(*owned, pid, membership);
     return nullptr;

@@ -49,6 +49,18 @@ void logCannotCancel(const Job& job) {
     LogUtil::Error(MODULE, "Error: Could not cancel job %d.", static_cast<int>(job.id));
 }
 
+// The job's state is all that such a cancel changes, deliberately; whoever wants the worker to end must know
+// how.
+void logWorkerRunsOn(const Job& job, Job::JobState found) {
+    const int pid = job.workerPid();
+    if (pid > 0 && found != Job::COMPLETE && found != Job::ERROR)
+        LogUtil::Warning(
+            MODULE,
+            "Job %d %s was %s: its worker is not told of the abort, process %d runs on. To end it: "
+            "kill -TERM %d",
+            static_cast<int>(job.id), job.guidStr, Job::JobStateStr[found], pid, pid);
+}
+
 } // namespace
 
 const mpeg_timecode JobQueue::JOB_START_BUFFER(0, 3, 0, 0, false, 3);
@@ -164,8 +176,10 @@ CaptureScheduledJob* JobQueue::AddCaptureScheduledJob(const CaptureScheduledJob&
 int JobQueue::CancelJob(Job* job, Job::JobState newState) {
     // A worker may end at any moment: only the state that is found is replaced.
     for (Job::JobState found = job->state(); found != Job::IN_PROGRESS; found = job->state())
-        if (job->changeState(found, newState))
+        if (job->changeState(found, newState)) {
+            logWorkerRunsOn(*job, found);
             return 0;
+        }
 
     const WorkerQueue queue(job->mgrQueueName);
     if (!queue.open()) {

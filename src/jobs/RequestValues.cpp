@@ -2,6 +2,7 @@
 
 #include "foundation/Logger.h"
 #include "jobs/InputField.h"
+#include "jobs/Job.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -12,6 +13,12 @@
 #include <string_view>
 
 namespace kestrel {
+
+namespace {
+
+constexpr std::size_t GUID_BYTES = sizeof Job::guid;
+
+} // namespace
 
 const char* valueText(const InputField& field) noexcept {
     return field.currValue ? field.currValue : "";
@@ -100,6 +107,40 @@ void warnUnlessDuration(const char* name, const char* kept) {
         "%s: %s hh:mm:ss:ff, two digits each (of the hours two or three), with minutes, seconds and "
         "frames up to 59. The worker is given it as it is.",
         name, what.c_str());
+}
+
+// A name instead of a GUID is taken as the digits that happen to stand in it, and so may another job's.
+void warnUnlessGuid(const char* guid) {
+    constexpr std::string_view DIGITS = "0123456789ABCDEFabcdef";
+    constexpr std::string_view SEPARATORS = "-{} ";
+    const std::string_view text(guid == nullptr ? "" : guid);
+    std::string left;
+    std::size_t digits = 0;
+    for (const char c : text) {
+        if (DIGITS.find(c) != std::string_view::npos)
+            ++digits;
+        else if (SEPARATORS.find(c) == std::string_view::npos && left.find(c) == std::string::npos)
+            left += c;
+    }
+    std::string why;
+    if (digits == 0)
+        why = "it has no hex digit";
+    else if (!left.empty())
+        why = "what is no hex digit is left out (" + left + ")";
+    else if (digits > 2 * GUID_BYTES)
+        why = "it has more than 32 hex digits";
+    else
+        return;
+    std::array<unsigned char, GUID_BYTES> bytes{};
+    Job::getGuid(guid, bytes.data());
+    std::string taken;
+    for (const unsigned char byte : bytes) {
+        taken += DIGITS[byte >> 4];
+        taken += DIGITS[byte & 15];
+    }
+    LogUtil::Warning("JobMgmt",
+                     "GUID \"%.*s\": %s. It is taken as %s, and so is any other text of the same digits.",
+                     static_cast<int>(text.size()), text.data(), why.c_str(), taken.c_str());
 }
 
 std::optional<bool> saidBool(const InputField& field) noexcept {

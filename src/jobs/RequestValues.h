@@ -31,6 +31,10 @@ void warnUnlessTimecode(const InputField& field);
 // take.
 void warnUnlessDuration(const char* name, const char* kept);
 
+// Logs which digits a job's GUID is taken as where it has characters that are left out, more digits than one
+// has, or none.
+void warnUnlessGuid(const char* guid);
+
 // What is expected of a value, in words for the log.
 inline constexpr const char* ADDRESS = "an IPv4 address";
 inline constexpr const char* DEVICE_ADDRESS = "the IPv4 address of a device";

@@ -11,8 +11,10 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
+#include <cstring>
 #include <fcntl.h>
 #include <poll.h>
+#include <string>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -117,7 +119,8 @@ bool WorkerWatch::workerChanged() {
         return false;
     // Somebody else has reaped it, and its exit code is lost.
     constexpr int unknownEnd = SIGKILL;
-    if (changed < 0)
+    m_endUnseen = changed < 0;
+    if (m_endUnseen)
         status = unknownEnd;
     m_remains = changed > 0 && WIFSTOPPED(status);
     // What the worker sent last may have come after the queue was read; results must not be lost.
@@ -132,6 +135,7 @@ void WorkerWatch::takeEnd(int status) {
         LogUtil::Error(category,
                        "Child process %s exited, but could not retrieve exit code.  Was exit() used?",
                        m_data.cmdLine);
+        reportSignal(status);
         m_job.setState(Job::ERROR); // a cancelled job too: its worker did not end in order
         return;
     }
@@ -145,10 +149,34 @@ void WorkerWatch::takeEnd(int status) {
     m_job.finish(Job::ERROR);
 }
 
+void WorkerWatch::reportSignal(int status) const {
+    const int job = static_cast<int>(m_job.id);
+    const int pid = static_cast<int>(m_pid);
+    if (m_endUnseen) {
+        LogUtil::Warning(category, "Job %d %s: how process %d ended is not known.", job, m_job.guidStr, pid);
+        return;
+    }
+    const int number = WIFSTOPPED(status) ? WSTOPSIG(status) : WTERMSIG(status);
+    const char* const known = sigabbrev_np(number);
+    const std::string signal = std::to_string(number) + (known ? std::string(" (SIG") + known + ")" : "");
+    if (WIFSTOPPED(status))
+        LogUtil::Warning(
+            category,
+            "Job %d %s: process %d was stopped by signal %s and is no longer watched. To let it go "
+            "on: kill -CONT %d",
+            job, m_job.guidStr, pid, signal.c_str(), pid);
+    else
+        LogUtil::Warning(category, "Job %d %s: process %d was ended by signal %s.", job, m_job.guidStr, pid,
+                         signal.c_str());
+}
+
 // The worker is only probed, deliberately: a recording whose reports got lost is still a recording.
 void WorkerWatch::reportSilence() {
     LogUtil::Error(category, "No status message in last %d seconds, terminating job %d %s.",
                    m_data.statusTimeout, static_cast<int>(m_job.id), m_job.guidStr);
+    LogUtil::Warning(
+        category, "Job %d %s: its worker, process %d, is no longer watched. To end it: kill -TERM %d",
+        static_cast<int>(m_job.id), m_job.guidStr, static_cast<int>(m_pid), static_cast<int>(m_pid));
     kill(m_pid, 0);
 }
 

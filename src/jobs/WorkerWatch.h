@@ -31,6 +31,7 @@ private:
     void drain();
     bool workerChanged();
     void takeEnd(int status);
+    void reportSignal(int status) const;
     void reportSilence();
     void reportUnwatched() const;
 
@@ -43,6 +44,7 @@ private:
     bool m_queueUsable = true;
     bool m_exitAnnounced = false;
     bool m_remains = true;
+    bool m_endUnseen = false; // somebody else has reaped it
 };
 
 // Waits for the end of a child in the background, so that it leaves no zombie.

@@ -40,6 +40,7 @@ int DeckProcess::start(std::vector<std::string> arguments) {
     if (execFailure != 0)
         LogUtil::Error("Manager", "Error: Could not run %s: errno %d (%s).", cStringUtil::cValue(list.file()),
                        execFailure, std::strerror(execFailure));
+    m_executed = execFailure == 0;
     m_pid = pid;
     m_handle.reset(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
     return 0;

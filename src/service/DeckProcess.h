@@ -17,6 +17,8 @@ public:
     // is logged, and is a process that ends with 255.
     int start(std::vector<std::string> arguments);
     [[nodiscard]] bool running() const noexcept { return m_pid > 0; }
+    // Whether the program of the last start could be executed.
+    [[nodiscard]] bool executed() const noexcept { return m_executed; }
     [[nodiscard]] pid_t pid() const noexcept { return m_pid; }
     // Readable once the process has ended; -1 when there is none.
     [[nodiscard]] int descriptor() const noexcept { return m_handle.get(); }
@@ -32,6 +34,7 @@ private:
     std::optional<std::string> waitAtMost(int milliseconds);
 
     pid_t m_pid = -1;
+    bool m_executed = false;
     UniqueFd m_handle; // pidfd
 };
 

@@ -5,6 +5,7 @@
 #include "foundation/file_io.h"
 #include "jobs/CaptureJob.h"
 #include "jobs/JobLauncher.h"
+#include "jobs/RequestValues.h"
 #include "service/ManagerLib.h"
 #include "service/RequestMessages.h"
 
@@ -99,6 +100,7 @@ int CManagerLib::AddCaptureJob(CaptureRequest* request, bool add) {
     }
     if (!add)
         return 0;
+    kestrel::warnUnlessGuid(request->guid);
     warnOfKnownGuid(request->guid);
     // Before it is queued, so that nobody sees a job of a half-known name or a log in the wrong directory.
     job->setGuid(request->guid);

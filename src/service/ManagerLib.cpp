@@ -18,6 +18,7 @@
 #include <optional>
 #include <string>
 #include <sys/eventfd.h>
+#include <unistd.h>
 
 namespace {
 
@@ -42,6 +43,12 @@ Mutex& lifeMutex() {
     return *mutex;
 }
 int lastShutdownResult = 0; // guarded by it
+
+// By it, too.
+std::string& lastStartFailure() {
+    static std::string* const text = new std::string;
+    return *text;
+}
 
 // Whether a thread waits inside the instance, which must outlive the wait.
 std::atomic<bool> mainWaits{false};
@@ -119,8 +126,11 @@ int CManagerLib::startWork() {
     m_callbackLib->registerCallback(DATA_CALLBACK_VTR_CMD_REQUEST, VTRCmdRequestCallbackFn,
                                     &m_vtrCallbackBuffer, CALLBACK_NAME, -1, this);
     if (m_settings.deckCtrlExe[0] != '\0') {
-        if (const int code = LaunchVTRProcess(); code != 0)
+        if (const int code = LaunchVTRProcess(); code != 0) {
+            m_startFailure = "The deck control cannot be started. Where another service of this host has it, "
+                             "that one keeps running.";
             return code;
+        }
         pthread_t responses{};
         if (createPosixThread(&responses, vtrResponseThread, this) != 0)
             return -1;
@@ -130,8 +140,11 @@ int CManagerLib::startWork() {
     CSocketManager* const server =
         CSocketManager::SetupSocketServer(static_cast<unsigned short>(m_settings.portNumber),
                                           m_settings.numSimultaneousHandles, m_settings.listenBacklog);
-    if (server == nullptr)
+    if (server == nullptr) {
+        m_startFailure = "Could not use port " + std::to_string(m_settings.portNumber) +
+                         ". Where another service of this host has it, that one keeps running.";
         return -1;
+    }
     pthread_t thread{};
     if (createPosixThread(&thread, incomingMessageThread, server) != 0)
         return -1;
@@ -160,6 +173,8 @@ int CManagerLib::Run() {
 
 int CManagerLib::RunCmdLine() {
     CManagerLib* const instance = GetInstance();
+    // Two services that are started with one profile write into one log.
+    LogUtil::Info(MODULE, "Process %d", static_cast<int>(getpid()));
     LogUtil::Info(MODULE, "RunCmdLine");
     if (instance == nullptr)
         return -1;
@@ -168,19 +183,36 @@ int CManagerLib::RunCmdLine() {
     int result = -1;
     {
         MutexLock oneAtATime(lifeMutex());
+        lastStartFailure().clear();
         try {
             signals.emplace(std::initializer_list<int>{SIGINT, SIGHUP, SIGTERM}, cmdLineExitHandler);
             result = instance->runCmdLine();
         } catch (const std::exception& failure) {
             LogUtil::Error(MODULE, "The service cannot start: %s", failure.what());
+            instance->m_startFailure = failure.what();
         }
         mainWaits = result == 0;
+        // Now, while no signal can take the instance away.
+        if (result != 0)
+            lastStartFailure() = instance->logStartFailure();
     }
     if (result != 0) {
         Shutdown();
         return result;
     }
     return instance->waitForEnd();
+}
+
+std::string CManagerLib::logStartFailure() const {
+    const std::string reason = m_startFailure.empty() ? "the service's log says why." : m_startFailure;
+    LogUtil::Error(MODULE, "Process %d ends, it could not start: %s", static_cast<int>(getpid()),
+                   reason.c_str());
+    return reason;
+}
+
+std::string CManagerLib::StartFailure() {
+    MutexLock oneAtATime(lifeMutex());
+    return lastStartFailure();
 }
 
 int CManagerLib::waitForEnd() {

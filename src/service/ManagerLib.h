@@ -74,6 +74,8 @@ public:
     // Starts the service and returns when it has ended: 1 after a signal, else Shutdown's or the start's
     // result; -1 when it could not start.
     static int RunCmdLine();
+    // Why the last RunCmdLine could not start the service, in words; empty when it could.
+    static std::string StartFailure();
     // Ends the service for a signal. Runs on the thread that waits for signals, never in a handler.
     static void cmdLineExitHandler(int signal);
     // Ends the service and destroys the instance; -1 when there is none. Of several calls at once one does
@@ -154,6 +156,7 @@ private:
     void warnOfKnownGuid(const char* guid);
     int runVerification(VerifierRequest& request, VerifierJob& job);
     CaptureJob* findCaptureJob(const char* guid);
+    [[nodiscard]] std::string logStartFailure() const;
     int waitForEnd();
     void stopThreads();
     bool startDeckProcess();
@@ -179,6 +182,7 @@ private:
     int m_toVtrQueue = -1;
     int m_fromVtrQueue = -1;
     KestrelManagerSettings m_settings{};
+    std::string m_startFailure; // why the service could not start, in words; empty where nobody knows more
     std::atomic<bool> m_shutdown{false};
     sem_t* m_shutdownRequestEvent = nullptr;
     sem_t* m_shutdownCompleteEvent = nullptr;

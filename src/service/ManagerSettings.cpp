@@ -5,6 +5,10 @@
 #include "foundation/StringUtil.h"
 #include "service/ManagerLib.h"
 
+#include <algorithm>
+#include <array>
+#include <limits>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -19,6 +23,21 @@ constexpr int MAX_PORT = 65535;
 constexpr int MAX_HANDLES = MAX_PORT;
 
 using Settings = CManagerLib::KestrelManagerSettings;
+
+// Everything that is read, for the warnings of what is not.
+struct Section {
+    const char* name;
+    std::array<const char*, 4> keys; // null behind the last
+};
+constexpr std::array<Section, 7> SECTIONS{{
+    {"Logging", {"LOG_FILENAME", "LOG_LEVEL", "LOG_IP", "LOG_PORT"}},
+    {"WebServicesComm", {"PORT_NUMBER", "NUMBER_OF_SIMULTANEOUS_HANDLES", "LISTEN_BACKLOG"}},
+    {"Capture", {"EXE", "LOG_DIR"}},
+    {"Verifier", {"EXE", "REPORT_DIR", "QUICK_PROPERTIES_DURATION_SECS"}},
+    {"MPEGProperties", {"NUM_AUDIOS", "AUDIO_PLACEHOLDER_VALUE"}},
+    {"DeckCtrl", {"EXE", "LOG_FILE", "LOG_LEVEL"}},
+    {"Job", {"HEARTBEAT_TIMEOUT_SECS"}},
+}};
 
 // Reads attributes, and remembers what was wrong with them until there is a log to write it to.
 class ProfileReader {
@@ -35,29 +54,41 @@ public:
 
     const char* text(const char* key) const { return m_section->Attribute(key); }
 
-    // The integer of that key. Every integer that is read stays in the scratch integer.
-    bool integer(const char* key, int& value) {
+    // The integer of that key, where it is least at least. Every integer that is read stays in the scratch
+    // integer.
+    bool integer(const char* key, int& value, int least = std::numeric_limits<int>::min()) {
         const char* const given = text(key);
         if (given == nullptr)
             return false;
-        const std::optional<int> number = kestrel::parseInteger(given);
-        if (!number) {
-            complain(key, given, "is not an integer");
+        const std::optional<int> number = readInteger(key, given, holds(value));
+        if (!number)
+            return false;
+        if (*number < least) {
+            complain(key, given, "is less than " + std::to_string(least), holds(value));
             return false;
         }
-        value = m_scratch = *number;
+        value = *number;
         return true;
+    }
+
+    // The same where there is no value that would hold in place of a bad one.
+    std::optional<int> integerIfAny(const char* key, const char* otherwise) {
+        const char* const given = text(key);
+        return given == nullptr ? std::nullopt : readInteger(key, given, otherwise);
     }
 
     // The two keys whose presence is not tested: a missing one takes the scratch integer's last value, and
     // only a positive value counts. Kept: profiles that name one of the two have always worked so.
     void integerOrLast(const char* key, int& value, int largest) {
         const char* const given = text(key);
-        int number = m_scratch;
-        if (given != nullptr && !integer(key, number))
+        const std::optional<int> read = given == nullptr ? m_scratch : readInteger(key, given, holds(value));
+        if (!read)
             return;
+        const int number = *read;
         if (number > largest)
-            complain(key, std::to_string(number).c_str(), "is too large");
+            complain(key, std::to_string(number), "is too large", holds(value));
+        else if (number < 1 && given != nullptr)
+            complain(key, given, "is less than 1", holds(value));
         else if (number > 0) {
             if (given == nullptr)
                 m_complaints.push_back(
@@ -83,15 +114,75 @@ public:
             complain(key, given, "is too long and was cut");
     }
 
+    // A directory that is taken as it stands, where names are put behind it as it stands.
+    void warnUnlessClosed(const char* key) {
+        const char* const given = text(key);
+        if (given != nullptr && *given != '\0' && !std::string_view(given).ends_with('/'))
+            m_complaints.push_back(std::string("Profile section ") + m_name + ", key " + key + ": \"" +
+                                   given +
+                                   "\" has no closing slash, and names of reports are put right behind it: "
+                                   "reports will not be found. Expected is \"" +
+                                   given + "/\"");
+    }
+
+    // A misspelt name would be left out without a trace.
+    void warnOfUnknown() {
+        for (TiXmlElement* element = m_root.FirstChildElement(); element != nullptr;
+             element = element->NextSiblingElement()) {
+            const auto known = std::find_if(SECTIONS.begin(), SECTIONS.end(), [&](const Section& section) {
+                return element->ValueStr() == section.name;
+            });
+            if (known == SECTIONS.end()) {
+                std::string names;
+                for (const Section& section : SECTIONS)
+                    names += (names.empty() ? "" : ", ") + std::string(section.name);
+                m_complaints.push_back("Profile section " + std::string(element->Value()) +
+                                       " is not known and is ignored; the sections are " + names);
+            } else {
+                warnOfUnknownKeys(*element, *known);
+            }
+        }
+    }
+
     void logComplaints() const {
         for (const std::string& complaint : m_complaints)
             LogUtil::Warning(MODULE, "%s", complaint.c_str());
     }
 
 private:
-    void complain(const char* key, const char* value, const char* what) {
+    static std::string holds(int value) { return std::to_string(value) + " holds"; }
+
+    std::optional<int> readInteger(const char* key, const char* given, const std::string& otherwise) {
+        const std::optional<int> number = kestrel::parseInteger(given);
+        if (number)
+            m_scratch = *number;
+        else
+            complain(key, given, "is not an integer", otherwise);
+        return number;
+    }
+
+    void complain(const char* key, const std::string& value, const std::string& what,
+                  const std::string& otherwise = {}) {
         m_complaints.push_back(std::string("Profile section ") + m_name + ", key " + key + ": \"" + value +
-                               "\" " + what);
+                               "\" " + what + (otherwise.empty() ? "" : ", " + otherwise));
+    }
+
+    void warnOfUnknownKeys(TiXmlElement& element, const Section& section) {
+        for (const TiXmlAttribute* attribute = element.FirstAttribute(); attribute != nullptr;
+             attribute = attribute->Next()) {
+            std::string keys;
+            bool known = false;
+            for (const char* const key : section.keys) {
+                if (key == nullptr)
+                    continue;
+                known = known || attribute->NameTStr() == key;
+                keys += (keys.empty() ? "" : ", ") + std::string(key);
+            }
+            if (!known)
+                m_complaints.push_back(std::string("Profile section ") + section.name + ", key " +
+                                       attribute->Name() + " is not known and is ignored; the keys are " +
+                                       keys);
+        }
     }
 
     TiXmlElement& m_root;
@@ -128,18 +219,17 @@ void readLogging(ProfileReader& profile, const char* defaultLogFile, BaseLogger:
     profile.integer("LOG_LEVEL", level);
     log->setDefaultLogLevel(level);
     const char* const ip = profile.text("LOG_IP");
-    int port = 0;
-    if (ip != nullptr && *ip != '\0' && profile.integer("LOG_PORT", port))
-        log->addNetLogger(ip, port);
+    if (ip == nullptr || *ip == '\0')
+        return;
+    if (const auto port = profile.integerIfAny("LOG_PORT", "no lines are sent"))
+        log->addNetLogger(ip, *port);
 }
 
 void readSections(ProfileReader& profile, Settings& settings) {
     if (profile.enter("WebServicesComm")) {
         profile.integerOrLast("PORT_NUMBER", settings.portNumber, MAX_PORT);
         profile.integerOrLast("NUMBER_OF_SIMULTANEOUS_HANDLES", settings.numSimultaneousHandles, MAX_HANDLES);
-        int backlog = 0;
-        if (profile.integer("LISTEN_BACKLOG", backlog) && backlog > 0)
-            settings.listenBacklog = backlog;
+        profile.integer("LISTEN_BACKLOG", settings.listenBacklog, 1);
     }
     if (profile.enter("Capture")) {
         profile.copy("EXE", settings.captureExe);
@@ -148,6 +238,7 @@ void readSections(ProfileReader& profile, Settings& settings) {
     if (profile.enter("Verifier")) {
         profile.copy("EXE", settings.verifierExe);
         profile.copy("REPORT_DIR", settings.reportDir);
+        profile.warnUnlessClosed("REPORT_DIR");
         profile.integer("QUICK_PROPERTIES_DURATION_SECS", settings.quickPropertiesDurationSecs);
     }
     if (profile.enter("MPEGProperties")) {
@@ -159,9 +250,8 @@ void readSections(ProfileReader& profile, Settings& settings) {
         profile.copy("LOG_FILE", settings.deckCtrlLogFile);
         profile.integer("LOG_LEVEL", settings.deckCtrlLogLevel);
     }
-    int timeout = 0;
-    if (profile.enter("Job") && profile.integer("HEARTBEAT_TIMEOUT_SECS", timeout) && timeout >= 0)
-        settings.heartbeatTimeoutSecs = timeout;
+    if (profile.enter("Job"))
+        profile.integer("HEARTBEAT_TIMEOUT_SECS", settings.heartbeatTimeoutSecs, 0);
 }
 
 // The profile's path; derived from the directory where no manager has set it.
@@ -187,6 +277,7 @@ int CManagerLib::GetSettings(KestrelManagerSettings& settings, bool loadLogging,
     if (loadLogging)
         readLogging(profile, defaultLogFile, defaultLevel);
     readSections(profile, settings);
+    profile.warnOfUnknown();
     if (loadLogging)
         profile.logComplaints();
     return 0;
@@ -216,4 +307,10 @@ void CManagerLib::loadSettings() {
     kestrel::formatText(text, LOG_MSG(result), m_kestrelMgrSettingsFname);
 #pragma GCC diagnostic pop
     LogUtil::Error(MODULE, "%s", text);
+    // The text does not say what is wrong with it.
+    TiXmlDocument document;
+    const auto problem = kestrel::xmlFileProblem(m_kestrelMgrSettingsFname, document);
+    LogUtil::Warning(
+        MODULE, "%s: %s. No setting of it is taken, the defaults hold: port %d, no deck control.",
+        m_kestrelMgrSettingsFname, problem ? problem->c_str() : "it has no element", m_settings.portNumber);
 }

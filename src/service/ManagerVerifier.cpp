@@ -3,6 +3,7 @@
 #include "foundation/FixedText.h"
 #include "foundation/Logger.h"
 #include "jobs/JobLauncher.h"
+#include "jobs/RequestValues.h"
 #include "service/ManagerLib.h"
 #include "service/RequestMessages.h"
 #include "verifier/VerifierJob.h"
@@ -20,6 +21,7 @@ int CManagerLib::AddVerifierJob(VerifierRequest* request) {
     if (job.property < VerifierJob::SHORT_PROPERTIES || request->blocking)
         return runVerification(*request, job);
     job.removeOldReport();
+    kestrel::warnUnlessGuid(request->guid);
     warnOfKnownGuid(request->guid);
     VerifierJob* const queued = m_jobQueue.AddVerifierJob(job);
     queued->setGuid(request->guid);

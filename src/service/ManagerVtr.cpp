@@ -98,7 +98,7 @@ bool CManagerLib::startDeckProcess() {
     m_deckRunning = failure == 0;
     if (failure != 0)
         LogUtil::Error(MODULE, LOG_MSG(kestrel::error::processNotLaunched), m_settings.deckCtrlExe);
-    else
+    else if (m_deckProcess.executed())
         LogUtil::Info(MODULE, "VTR process %d started: %s", static_cast<int>(m_deckProcess.pid()),
                       m_settings.deckCtrlExe);
     return failure == 0;

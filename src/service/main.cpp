@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <string>
 #include <string_view>
 #include <unistd.h>
 
@@ -21,6 +22,14 @@ int runThenDetach() {
     return error;
 }
 
+// The exit status does not tell of a failed start, deliberately; whoever watches must not have to look for
+// the log first.
+void runInForeground() {
+    CManagerLib::RunCmdLine();
+    if (const std::string failure = CManagerLib::StartFailure(); !failure.empty())
+        std::fprintf(stderr, "KestrelManager could not start: %s\n", failure.c_str());
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -28,7 +37,7 @@ int main(int argc, char** argv) {
         return runThenDetach();
     const std::string_view word = argv[1];
     if (word == "debug")
-        CManagerLib::RunCmdLine();
+        runInForeground();
     else if (word == "start")
         kestrel::runDetached();
     else if (word == "stop")

@@ -1,5 +1,6 @@
 #include "verifier/VerifierJob.h"
 
+#include "capture_profile/XmlFile.h"
 #include "foundation/ErrorCodes.h"
 #include "foundation/FileUtil.h"
 #include "foundation/FixedText.h"
@@ -224,6 +225,11 @@ int VerifierJob::getJobResults(char* out, int capacity) {
         return 0;
     const std::string text = failureText();
     LogUtil::Error(MODULE, "%s", text.c_str());
+    // The text does not say which report, and a directory without its closing slash makes another of it.
+    TiXmlDocument document;
+    const auto problem = kestrel::xmlFileProblem(reportFilename, document);
+    LogUtil::Warning(MODULE, "Job %d %s: the report sought is %s: %s", static_cast<int>(id), guidStr,
+                     reportFilename, problem ? problem->c_str() : "it lacks the property");
     kestrel::copyText(answer, text);
     return code;
 }

@@ -251,3 +251,29 @@ TEST_F(CaptureRequestTest, AnUnreadableInterfaceAddressChangesNothing) {
     setFields(job, {"DecoderIp=10.9.9.9", "DecoderIntfIp=eth0"});
     EXPECT_EQ(job.decoder->interfaceAddress, 5u);
 }
+
+TEST_F(CaptureRequestTest, AGuidThatIsNoneIsToldWithTheDigitsThatItIsTakenAs) {
+    for (const char* guid :
+         {"0123456789abcdef0123456789ABCDEF", "{01234567-89AB-CDEF-0123-456789ABCDEF}", "cafe", "CA FE", "1"})
+        kestrel::warnUnlessGuid(guid);
+    EXPECT_EQ(log.text(), "");
+    const struct {
+        const char* guid;
+        const char* told;
+    } rows[] = {
+        {"news-1", "\"news-1\": what is no hex digit is left out (nws). It is taken as "
+                   "0E010000000000000000000000000000,"},
+        {"evening_news", "\"evening_news\": what is no hex digit is left out (vnig_ws). It is taken as "
+                         "0E0E0E00000000000000000000000000,"},
+        {"--", "\"--\": it has no hex digit. It is taken as 00000000000000000000000000000000,"},
+        {"xyz", "\"xyz\": it has no hex digit. It is taken as 00000000000000000000000000000000,"},
+        {nullptr, "\"\": it has no hex digit. "},
+        {"0123456789abcdef0123456789ABCDEF0",
+         "\"0123456789abcdef0123456789ABCDEF0\": it has more than 32 hex digits. It is taken as "
+         "0123456789ABCDEF0123456789ABCDEF,"},
+    };
+    for (const auto& row : rows) {
+        kestrel::warnUnlessGuid(row.guid);
+        EXPECT_THAT(log.text(), HasSubstr(std::string("[JobMgmt:Warning] GUID ") + row.told));
+    }
+}

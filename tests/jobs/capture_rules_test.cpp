@@ -15,6 +15,8 @@ using ::testing::Not;
 namespace {
 
 constexpr const char* enc1 = "EncoderIp0=10.1.2.3";
+// What the log says of a mezzanine whose source is the trouble, behind the reason.
+const std::string notTheMarks = "The source is the reason of the refusal, not the marks.";
 
 std::unique_ptr<CaptureJob> makeJob(Job::JobType type) {
     switch (type) {
@@ -249,12 +251,13 @@ TEST_F(CaptureRulesTest, AValueThatCannotBeTakenIsNamedInTheLog) {
          {out, enc1, "SrcFilename=/nonexistent/a.ts", dec, one, two},
          10021,
          badMarks,
-         "SrcFilename: \"/nonexistent/a.ts\" cannot be opened: errno 2 (No such file or directory)."},
+         "SrcFilename: \"/nonexistent/a.ts\" cannot be opened: errno 2 (No such file or directory). " +
+             notTheMarks},
         {Job::CAPTURE_MEZZANINE_JOB,
          {out, enc1, empty.c_str(), dec, one, two},
          10021,
          badMarks,
-         "SrcFilename: \"" + emptyName + "\" has no video whose frame rate can be read."},
+         "SrcFilename: \"" + emptyName + "\" has no video whose frame rate can be read. " + notTheMarks},
     };
     for (const Row& row : rows) {
         const std::unique_ptr<CaptureJob> job = makeJob(row.type);
@@ -265,6 +268,27 @@ TEST_F(CaptureRulesTest, AValueThatCannotBeTakenIsNamedInTheLog) {
         EXPECT_STREQ(job->results, row.refusal.c_str()) << row.told;
         EXPECT_THAT(log.text(), HasSubstr("[JobMgmt:Warning] " + row.told + "\r\n"));
     }
+    EXPECT_THAT(log.text(), testing::EndsWith(notTheMarks + "\r\n")) << "behind the refusal's own text";
+}
+
+TEST_F(CaptureRulesTest, ATapeJobWithoutADeckThatCanBeReachedIsTakenWithAWarning) {
+    constexpr const char* out = "Filename=/tmp/out.ts";
+    constexpr const char* one = "MarkInTime=01:00:00:00";
+    constexpr const char* two = "MarkOutTime=02:00:00:00";
+    CaptureVTRJob none(1);
+    EXPECT_EQ(setFields(none, {out, enc1, one, two}), 0);
+    EXPECT_THAT(log.text(),
+                HasSubstr("[JobMgmt:Warning] VTR_Com_Port: none is given: the job has no deck, and "
+                          "its worker will fail.\r\n"));
+    CaptureVTRJob eleven(1);
+    const std::size_t before = log.text().size();
+    EXPECT_EQ(setFields(eleven, {out, enc1, one, two, "VTR_Com_Port=/dev/ttyS10"}), 0);
+    EXPECT_EQ(log.text().substr(before), "");
+    CaptureVTRJob twelve(1);
+    EXPECT_EQ(setFields(twelve, {out, enc1, one, two, "VTR_Com_Port=/dev/ttyUSB0"}), 0);
+    EXPECT_EQ(log.text().substr(before),
+              "[JobMgmt:Warning] VTR_Com_Port: \"/dev/ttyUSB0\" has more than 11 characters: no deck can be "
+              "reached by it, and the job's worker will fail.\r\n");
 }
 
 // Values of the right form that no rule forbids are the client's own business.

@@ -137,6 +137,36 @@ TEST_F(CaptureSettingsFileTest, WhatThisRequestSaidOutlivesALaterRequest) {
     EXPECT_STREQ(written(silent).encoders[0].profile, "theirs") << "without a word of its own: the record's";
 }
 
+// A check of a request leaves its options at the devices, too.
+TEST_F(CaptureSettingsFileTest, OptionsOfAnEarlierRequestAreTold) {
+    constexpr const char* marks[] = {"MarkInTime=01:00:00:00", "MarkOutTime=02:00:00:00"};
+    CaptureVTRJob checked(0);
+    EXPECT_EQ(setFields(checked, {out, enc1, "EncoderProfile0=theirs", "EncoderVitcInput0=FALSE", marks[0],
+                                  marks[1], "VTR_Com_Port=COM3", "VTR_UseInternalCue=TRUE"}),
+              0);
+    CaptureReencodeJob played(0);
+    EXPECT_EQ(
+        setFields(played, {out, enc1, "SrcFilename=/in.ts", "DecoderIp=10.9.9.9", "DecoderIntfIp=10.0.0.7"}),
+        0);
+    EXPECT_EQ(log.text(), "");
+
+    CaptureVTRJob silent(jobId);
+    EXPECT_EQ(setFields(silent, {out, enc1, marks[0], marks[1], "VTR_Com_Port=COM3"}), 0);
+    EXPECT_STREQ(written(silent).encoders[0].profile, "theirs");
+    const std::string told = "[JobMgmt:Info] Job 903001: ";
+    EXPECT_EQ(log.text(),
+              told + "EncoderProfile theirs of an earlier request for encoder 10.1.2.3 is used.\r\n" + told +
+                  "EncoderVitcInput FALSE of an earlier request for encoder 10.1.2.3 is used.\r\n" + told +
+                  "VTR_UseInternalCue TRUE of an earlier request for deck COM3 is used.\r\n");
+
+    CaptureReencodeJob again(jobId);
+    EXPECT_EQ(setFields(again, {out, "EncoderIp0=10.1.2.4", "SrcFilename=/in.ts", "DecoderIp=10.9.9.9"}), 0);
+    const std::size_t before = log.text().size();
+    EXPECT_EQ(written(again).decoder.interfaceAddress, 0x0a000007u);
+    EXPECT_EQ(log.text().substr(before),
+              told + "DecoderIntfIp 10.0.0.7 of an earlier request for decoder 10.9.9.9 is used.\r\n");
+}
+
 TEST_F(CaptureSettingsFileTest, Vtr) {
     CaptureVTRJob job(jobId);
     EXPECT_EQ(

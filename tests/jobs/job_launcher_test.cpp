@@ -16,6 +16,7 @@
 using kestrel::test::childrenOf;
 using kestrel::test::threadsOf;
 using ::testing::AnyOf;
+using ::testing::ContainsRegex;
 using ::testing::HasSubstr;
 using ::testing::Not;
 
@@ -70,6 +71,8 @@ TEST_F(JobLauncherTest, FinalStates) {
                 HasSubstr("[JobLauncher:Info] Info: Launching Job command \"" KESTREL_TEST_WORKER));
     EXPECT_THAT(log.text(), HasSubstr("[JobLauncher:Error] Error: Process \"" KESTREL_TEST_WORKER));
     EXPECT_THAT(log.text(), HasSubstr("[JobLauncher:Error] Child process \"" KESTREL_TEST_WORKER));
+    EXPECT_THAT(log.text(), ContainsRegex("Warning\\] Job 901007 : process [0-9]+ was ended by signal 9 "
+                                          "\\(SIGKILL\\)\\."));
 }
 
 TEST_F(JobLauncherTest, QuotedStretchesAreOneArgument) {
@@ -88,10 +91,15 @@ TEST_F(JobLauncherTest, LaunchReturnsWhileTheWorkerRuns) {
     ASSERT_EQ(launch(job, "hold:" + held), 0);
     EXPECT_EQ(JobLauncher::WatchingCount(), 1);
     EXPECT_EQ(job.state(), Job::IN_PROGRESS);
-    EXPECT_NE(firstChild(), 0) << "the process exists when Launch has returned";
+    const pid_t worker = firstChild();
+    EXPECT_NE(worker, 0) << "the process exists when Launch has returned";
+    EXPECT_TRUE(eventually([&] { return job.workerPid() == worker; }));
     std::ofstream(held).flush();
     EXPECT_TRUE(allEnded());
     EXPECT_EQ(job.state(), Job::COMPLETE);
+    EXPECT_EQ(job.workerPid(), 0);
+    EXPECT_THAT(log.text(), HasSubstr("[JobLauncher:Info] Job 901023 : its worker is process " +
+                                      std::to_string(worker) + ".\r\n"));
 }
 
 TEST_F(JobLauncherTest, TheManagersQueueReachesTheWorker) {
@@ -183,6 +191,11 @@ TEST_F(JobLauncherTest, AStoppedWorkerIsAnErrorAndIsReapedWhenItEnds) {
     EXPECT_TRUE(allEnded());
     EXPECT_EQ(job.state(), Job::ERROR);
     EXPECT_THAT(log.text(), HasSubstr("could not retrieve exit code.  Was exit() used?"));
+    EXPECT_THAT(log.text(),
+                HasSubstr("[JobLauncher:Warning] Job 901036 : process " + std::to_string(worker) +
+                          " was stopped by signal 19 (SIGSTOP) and is no longer watched. To let it "
+                          "go on: kill -CONT " +
+                          std::to_string(worker) + "\r\n"));
     EXPECT_EQ(processState(worker), 'T');
     kestrel::test::signalTo(worker, SIGKILL);
     EXPECT_TRUE(eventually([&] { return processState(worker) == '\0'; }));

@@ -172,6 +172,18 @@ TEST_F(JobQueueTest, CancellingAJobThatIsNotInProgressOnlyChangesItsState) {
     EXPECT_EQ(log.str(), "") << "no queue was touched";
 }
 
+TEST_F(JobQueueTest, ACancelThatARunningWorkerIsNotToldOfNamesItsProcess) {
+    CaptureManualJob job(ownId());
+    job.setGuid("cafe");
+    job.setState(Job::QUEUED);
+    job.setWorkerPid(4711);
+    EXPECT_EQ(queue.CancelJob(&job, Job::CANCELLED), 0);
+    EXPECT_THAT(log.str(),
+                HasSubstr("[ResourceMgmt:Warning] Job " + std::to_string(job.id) +
+                          " cafe was QUEUED: its worker is not told of the abort, process 4711 runs "
+                          "on. To end it: kill -TERM 4711"));
+}
+
 class WorkerSide {
 public:
     explicit WorkerSide(const Job& job) : m_name(job.mgrQueueName) {

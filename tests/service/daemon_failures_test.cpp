@@ -71,12 +71,17 @@ class WithoutAWord : public ServiceDirectories {
 protected:
     // Runs the program without a word, with a service that cannot start.
     static void run(RefusedCall& call, int error, int times) {
+        const Refusal refusal(call, error, times);
+        runWith(nullptr);
+    }
+    // Runs it with that word, with such a service.
+    static void runWith(const char* word) {
         showOutput();
         const Refusal noSockets(systemRefusals().socket, EMFILE);
-        const Refusal refusal(call, error, times);
         char program[] = "KestrelManager";
-        char* argv[] = {program, nullptr};
-        std::exit(kestrelManagerMain(1, argv));
+        std::string second = word ? word : "";
+        char* argv[] = {program, word ? second.data() : nullptr, nullptr};
+        std::exit(kestrelManagerMain(word ? 2 : 1, argv));
     }
 };
 
@@ -92,6 +97,17 @@ TEST_F(WithoutAWord, AServiceThatCannotStartIsNoFailureOfTheProcess) {
     writeProfile("<P><Logging/></P>");
     EXPECT_EXIT(run(systemRefusals().daemon, 0, 0), ExitedWithCode(0), "^$");
     EXPECT_THAT(log(), testing::HasSubstr("[SocketManager:Fatal] Could not use port 5112.\r\n"));
+}
+
+TEST_F(WithoutAWord, WithTheWordDebugTheReasonIsSaid) {
+    writeProfile("<P><Logging/></P>");
+    EXPECT_EXIT(
+        runWith("debug"), ExitedWithCode(0),
+        "^KestrelManager could not start: Could not use port 5112\\. Where another service of this host "
+        "has it, that one keeps running\\.\n$");
+    EXPECT_THAT(log(), testing::ContainsRegex("\\[Manager:Info\\] Process [0-9]+\r\n"));
+    EXPECT_THAT(log(), testing::ContainsRegex("\\[Manager:Error\\] Process [0-9]+ ends, it could not start: "
+                                              "Could not use port 5112\\."));
 }
 
 class StopClientFailures : public ServiceDirectories {

@@ -3,6 +3,7 @@
 #include "service/StopClient.h"
 #include "service_directories.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstring>
 #include <gmock/gmock.h>
@@ -372,6 +373,47 @@ TEST_F(SettingsTest, ABadIntegerKeepsTheDefaultAndIsLoggedWithSectionKeyAndValue
     }
 }
 
+TEST_F(SettingsTest, TheWarningOfABadIntegerSaysWhatHoldsInstead) {
+    for (const IntegerKey& key : INTEGER_KEYS)
+        EXPECT_THAT(logOf(section(key.section, key.key, "many")),
+                    HasSubstr(std::string(key.key) + ": \"many\" is not an integer, " +
+                              std::to_string(key.byDefault) + " holds\r\n"));
+    EXPECT_THAT(logOf("<Job HEARTBEAT_TIMEOUT_SECS='-1'/>"),
+                HasSubstr("key HEARTBEAT_TIMEOUT_SECS: \"-1\" is less than 0, 120 holds\r\n"));
+    const std::string text =
+        logOf("<WebServicesComm PORT_NUMBER='0' NUMBER_OF_SIMULTANEOUS_HANDLES='-4' LISTEN_BACKLOG='0'/>");
+    EXPECT_THAT(text, HasSubstr("key PORT_NUMBER: \"0\" is less than 1, 5112 holds\r\n"));
+    EXPECT_THAT(text, HasSubstr("key NUMBER_OF_SIMULTANEOUS_HANDLES: \"-4\" is less than 1, 5 holds\r\n"));
+    EXPECT_THAT(text, HasSubstr("key LISTEN_BACKLOG: \"0\" is less than 1, 1 holds\r\n"));
+}
+
+TEST_F(SettingsTest, WhatIsNotKnownIsNamedWithWhatIs) {
+    const std::string text =
+        logOf("<Recorder EXE='/c'/><Job HEARTBEAT='3' heartbeat_timeout_secs='4'/>"
+              "<Capture EXE='/c' LOG_DIR='/l'/><DeckCtrl EXE='' LOG_FILE='' LOG_LEVEL='1'/>");
+    EXPECT_THAT(text, HasSubstr("[Manager:Warning] Profile section Recorder is not known and is ignored; the "
+                                "sections are Logging, WebServicesComm, Capture, Verifier, MPEGProperties, "
+                                "DeckCtrl, Job\r\n"));
+    for (const char* key : {"HEARTBEAT", "heartbeat_timeout_secs"})
+        EXPECT_THAT(text, HasSubstr(std::string("[Manager:Warning] Profile section Job, key ") + key +
+                                    " is not known and is ignored; the keys are HEARTBEAT_TIMEOUT_SECS\r\n"));
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 3) << text;
+    for (const IntegerKey& key : INTEGER_KEYS)
+        EXPECT_THAT(logOf(section(key.section, key.key, "1")), Not(HasSubstr("not known"))) << key.key;
+    for (const TextKey& key : TEXT_KEYS)
+        EXPECT_THAT(logOf(section(key.section, key.key, "/")), Not(HasSubstr("not known"))) << key.key;
+}
+
+TEST_F(SettingsTest, AReportDirectoryWithoutItsClosingSlashIsWarnedOf) {
+    EXPECT_THAT(
+        logOf(section("Verifier", "REPORT_DIR", "/tmp/rep")),
+        HasSubstr("[Manager:Warning] Profile section Verifier, key REPORT_DIR: \"/tmp/rep\" has no closing "
+                  "slash, and names of reports are put right behind it: reports will not be found. "
+                  "Expected is \"/tmp/rep/\"\r\n"));
+    EXPECT_STREQ(settings.reportDir, "/tmp/rep") << "taken as it stands";
+    EXPECT_EQ(logOf(section("Verifier", "REPORT_DIR", "/tmp/rep/")), "");
+}
+
 TEST_F(SettingsTest, NumbersOfTheLoggingSectionAreCheckedToo) {
     writeProfile("<R><Logging LOG_LEVEL='loud' LOG_IP='127.0.0.1' LOG_PORT='here'/></R>");
     EXPECT_EQ(CManagerLib::GetSettings(settings, true, (root + "d.log").c_str(), BaseLogger::Warning), 0);
@@ -478,6 +520,9 @@ TEST_F(SettingsTest, AManagerWithoutAProfileLogsSoIntoTheDefaultFileAtLevelOne) 
     LogUtil::Info("Manager", "shown");
     EXPECT_THAT(log(), HasSubstr("[Manager:Error] Could not load KestrelManager settings file " +
                                  profilePath() + "."));
+    EXPECT_THAT(log(), HasSubstr("[Manager:Warning] " + profilePath() +
+                                 ": No such file or directory (errno 2). No setting of it is taken, the "
+                                 "defaults hold: port 5112, no deck control.\r\n"));
     EXPECT_THAT(log(), HasSubstr("[Manager:Info] shown"));
     EXPECT_THAT(log(), Not(HasSubstr("hidden")));
     EXPECT_TRUE(std::filesystem::is_regular_file([&] {
@@ -495,6 +540,13 @@ TEST_F(SettingsTest, AManagerNamesAProfileThatHasNoElement) {
     CManagerLib::GetInstance();
     EXPECT_THAT(log(), HasSubstr("[Manager:Error] KestrelManager settings file " + profilePath() +
                                  " does not appear to be a valid xml file."));
+}
+
+TEST_F(SettingsTest, AManagerNamesTheLineWhereAProfileIsNoXml) {
+    writeProfile("<R>\n<Job HEARTBEAT_TIMEOUT_SECS='3'/>\n<Capture EXE='/c'</R>\n");
+    CManagerLib::GetInstance();
+    EXPECT_THAT(log(), HasSubstr("[Manager:Warning] " + profilePath() + ": line 3: "));
+    EXPECT_EQ(CManagerLib::GetInstance()->settings().heartbeatTimeoutSecs, 120);
 }
 
 TEST_F(SettingsTest, AManagersLogLevelAndFileComeFromTheProfile) {

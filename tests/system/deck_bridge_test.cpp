@@ -390,6 +390,7 @@ TEST_F(DeckBridge, ThePausesGrow) {
     EXPECT_TRUE(service.waitForLog("It is started again in 2 seconds.", 20s));
     EXPECT_TRUE(service.waitForLog("It is started again in 4 seconds.", 20s));
     EXPECT_THAT(service.log(), HasSubstr("VTR process ended with exit status 255."));
+    EXPECT_THAT(service.log(), Not(HasSubstr(" started: /no/such/deck"))) << "nothing was";
     EXPECT_THAT(service.log(),
                 HasSubstr("[Manager:Error] Error: Could not run /no/such/deck: errno 2 (No such "
                           "file or directory)."));

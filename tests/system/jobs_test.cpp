@@ -241,6 +241,19 @@ TEST(Jobs, ASecondJobOfAGuidRunsAndTheFirstOneAnswersForIt) {
     EXPECT_TRUE(service.waitForLog("capture_1.log"));
 }
 
+TEST(Jobs, ANameInPlaceOfAGuidIsWarnedOf) {
+    ServiceUnderTest service;
+    service.setWorker("--exit 0");
+    service.start();
+    ASSERT_EQ(service.ask(manual("news-1")), "TRUE");
+    EXPECT_TRUE(
+        service.waitForLog("[JobMgmt:Warning] GUID \"news-1\": what is no hex digit is left out (nws). It "
+                           "is taken as 0E010000000000000000000000000000,"));
+    EXPECT_EQ(service.ask("JOB_STATUS,e1"), "FALSE - Error: Invalid job GUID e1.")
+        << "two digits in a row are one byte";
+    EXPECT_EQ(service.waitForState("e-1", "COMPLETE"), "TRUE - COMPLETE");
+}
+
 TEST(Jobs, AnArgumentThatIsNoFieldIsIgnoredWithAWarning) {
     ServiceUnderTest service;
     service.start();

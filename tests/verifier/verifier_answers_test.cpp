@@ -1,10 +1,12 @@
 // What a verification answers from its report.
+#include "foundation/Logger.h"
 #include "reports.h"
 #include "verifier/VerifierJob.h"
 #include "verifier/VerifierXml.h"
 
 #include <gmock/gmock.h>
 
+#include <sstream>
 #include <vector>
 
 namespace {
@@ -63,6 +65,25 @@ TEST_F(VerifierAnswers, ASinglePropertyIsItsBareValue) {
         EXPECT_EQ(answer(property), expected) << property;
         EXPECT_EQ(code, 0);
     }
+}
+
+TEST_F(VerifierAnswers, TheLogNamesTheReportThatWasSought) {
+    std::ostringstream lines;
+    LogUtil::Cleanup();
+    LogUtil::GetInstance()->setShowTimestamp(false);
+    LogUtil::GetInstance()->addStreamLogger(&lines);
+    // A directory without its closing slash.
+    VerifierJob open("/in/a.ts", directory.path("reports").c_str(), "G", "VIDEO_PID", 20, false, false, "", 1,
+                     "");
+    EXPECT_EQ(answerOf(open), FAILED);
+    EXPECT_THAT(lines.str(),
+                testing::HasSubstr("the report sought is " + directory.path("reportsG-a.ts.report.xml") +
+                                   ": No such file or directory (errno 2)\r\n"));
+    write("<R/>");
+    EXPECT_EQ(answer("VIDEO_PID"), FAILED);
+    EXPECT_THAT(lines.str(),
+                testing::HasSubstr(directory.path("G-a.ts.report.xml") + ": it lacks the property\r\n"));
+    LogUtil::Cleanup();
 }
 
 TEST_F(VerifierAnswers, AnHdFileIsHd) {
