@@ -15,31 +15,15 @@ namespace {
 // records are looked at. The first is smaller, since many questions are answered by the first records.
 constexpr std::size_t blockSize = std::size_t{1} << 17;
 constexpr std::size_t firstBlockSize = std::size_t{1} << 16;
-// How long the writer of a pipe may be silent before that counts as the end.
-constexpr int silenceMs = 5000;
-
-// Reads what is there, waiting for a pipe's writer. 0 at the end, -1 on an error.
-ssize_t readSome(int fd, unsigned char* to, std::size_t capacity) noexcept {
-    while (true) {
-        const ssize_t got = ::read(fd, to, capacity);
-        if (got >= 0)
-            return got;
-        if (errno == EAGAIN) {
-            pollfd wait{fd, POLLIN, 0};
-            if (::poll(&wait, 1, silenceMs) == 0)
-                return 0;
-        } else if (errno != EINTR) {
-            return -1;
-        }
-    }
-}
 
 } // namespace
 
 file_node::file_node(const char* path, int recordSize) : size(recordSize) {
     // Without O_NONBLOCK the open itself would wait for a writer when path names a pipe that has none.
+    // Without O_NOCTTY a terminal would become that of a daemon, which leads a session without one, and a
+    // Ctrl-C on it would end the daemon.
     if (path != nullptr)
-        m_fd.reset(::open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+        m_fd.reset(::open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     if (m_fd.valid())
         ::posix_fadvise(m_fd.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
     if (size > 0) {
@@ -86,12 +70,41 @@ bool file_node::refill() noexcept {
     const std::size_t block =
         std::exchange(m_first, false) ? std::max(firstBlockSize, static_cast<std::size_t>(size)) : m_capacity;
     while (m_end < static_cast<std::size_t>(size)) {
-        const ssize_t got = readSome(m_fd.get(), m_buffer.get() + m_end, std::min(block, m_capacity - m_end));
+        const ssize_t got = readSome(m_buffer.get() + m_end, std::min(block, m_capacity - m_end));
         if (got <= 0)
             return false;
         m_end += static_cast<std::size_t>(got);
     }
     return true;
+}
+
+// Reads what is there, waiting for a pipe's writer. 0 at the end, -1 on an error.
+ssize_t file_node::readSome(unsigned char* to, std::size_t room) noexcept {
+    while (true) {
+        const ssize_t got = ::read(m_fd.get(), to, room);
+        if (got >= 0)
+            return got;
+        if (errno == EAGAIN) {
+            if (!waitForMore())
+                return 0;
+        } else if (errno != EINTR) {
+            return -1;
+        }
+    }
+}
+
+// False when the patience is spent. It is one for the whole input: a writer that sends a byte now and then
+// would otherwise hold whoever asks for as long as it likes.
+bool file_node::waitForMore() noexcept {
+    using namespace std::chrono;
+    if (m_patience <= m_patience.zero())
+        return false;
+    const auto begin = steady_clock::now();
+    pollfd wait{m_fd.get(), POLLIN, 0};
+    const int ready = ::poll(&wait, 1, static_cast<int>(ceil<milliseconds>(m_patience).count()));
+    const bool interrupted = ready < 0 && errno == EINTR;
+    m_patience -= steady_clock::now() - begin;
+    return ready > 0 || interrupted;
 }
 
 // The caller's stream may be set to throw; its state says the same.

@@ -3,16 +3,19 @@
 
 #include "foundation/UniqueFd.h"
 
+#include <chrono>
 #include <cstddef>
 #include <istream>
 #include <memory>
+#include <sys/types.h>
 
 // Hands out the records of an input one after the other. A file by path is read in large blocks, and records
-// are handed out from inside the block. A pipe whose writer says nothing for five seconds counts as ended.
+// are handed out from inside the block. A pipe is waited for five seconds in all, however its writer spreads
+// them, and then counts as ended.
 class file_node {
 public:
     // Opens path for reading records of recordSize bytes. A path that cannot be opened or read, or a size
-    // below 1, gives a node without records.
+    // below 1, gives a node without records. A terminal does not become that of the process.
     file_node(const char* path, int recordSize);
 
     // Reads from a stream of the caller, which must outlive the node.
@@ -34,7 +37,8 @@ public:
         return result;
     }
 
-    // Goes back to offset 0 and clears an end-of-input or error state.
+    // Goes back to offset 0 and clears an end-of-input or error state. Of the five seconds what is left is
+    // left.
     void resetToBegining() noexcept;
 
     // Bytes of a record.
@@ -43,6 +47,8 @@ public:
 private:
     void allocate(std::size_t capacity) noexcept;
     bool refill() noexcept;
+    ssize_t readSome(unsigned char* to, std::size_t room) noexcept;
+    bool waitForMore() noexcept;
     unsigned char* nextRecord() noexcept;
     unsigned char* nextFromStream() noexcept;
 
@@ -52,6 +58,7 @@ private:
     std::size_t m_capacity = 0;
     std::size_t m_begin = 0;
     std::size_t m_end = 0;
-    bool m_first = true; // nothing has been read yet
+    std::chrono::nanoseconds m_patience = std::chrono::seconds(5); // for a pipe's writer, in all
+    bool m_first = true;                                           // nothing has been read yet
     bool m_failed = false;
 };

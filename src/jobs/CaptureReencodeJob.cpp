@@ -13,17 +13,21 @@
 #include <cstring>
 #include <fcntl.h>
 #include <string>
+#include <sys/stat.h>
 
 using namespace kestrel;
 
 namespace {
 
-// Why no frame rate can be read from a file.
+// Why a file is not to be asked for its frame rate; empty when it is. What is no regular file is not even
+// opened: a pipe would hold the request, and lose what is read of it; a serial port may be a deck's.
 std::string unreadable(const char* file) {
-    const std::string text = std::string("SrcFilename: \"") + file + "\" ";
-    if (const UniqueFd opened(open(file, O_RDONLY | O_CLOEXEC | O_NONBLOCK)); !opened.valid())
-        return text + "cannot be opened: errno " + std::to_string(errno) + " (" + std::strerror(errno) + ").";
-    return text + "has no video whose frame rate can be read.";
+    struct stat status {};
+    if (stat(file, &status) == 0 && !S_ISREG(status.st_mode))
+        return "is not a regular file.";
+    if (const UniqueFd opened(open(file, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK)); !opened.valid())
+        return "cannot be opened: errno " + std::to_string(errno) + " (" + std::strerror(errno) + ").";
+    return "";
 }
 
 } // namespace
@@ -91,13 +95,18 @@ int CaptureReencodeJob::validate() {
 int CaptureReencodeJob::validateMezzanine() {
     if (markIn[0] == '\0' || markOut[0] == '\0')
         return refuse(error::marksRequired, LOG_MSG(error::marksRequired));
-    const double framesPerSecond = MpegWrapper::GetFrameRateFromFile(sourceFile);
+    std::string reason = unreadable(sourceFile);
+    const double framesPerSecond = reason.empty() ? MpegWrapper::GetFrameRateFromFile(sourceFile) : 0.0;
     const int code = validateMarks(framesPerSecond);
     // Without a rate no marks are good, and the refusal is about them: the log tells, last, that it is the
     // file.
-    if (framesPerSecond <= 0)
-        LogUtil::Warning("JobMgmt", "%s The source is the reason of the refusal, not the marks.",
-                         unreadable(sourceFile).c_str());
+    if (framesPerSecond <= 0) {
+        if (reason.empty())
+            reason = "has no video whose frame rate can be read.";
+        LogUtil::Warning("JobMgmt",
+                         "SrcFilename: \"%s\" %s The source is the reason of the refusal, not the marks.",
+                         sourceFile, reason.c_str());
+    }
     return code;
 }
 

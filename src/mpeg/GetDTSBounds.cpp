@@ -152,12 +152,13 @@ int GetDTSBounds::testHarness(int argc, char** argv) {
         const char* format;
         PTS found;
         long expected;
-    } bounds[] = {{"First DTS = %d, expected = %d", first, std::strtol(argv[2], nullptr, 10)},
-                  {"Last DTS = %d, expected = %d", last, std::strtol(argv[3], nullptr, 10)}};
+    } bounds[] = {{"First DTS = %lld, expected = %lld", first, std::strtol(argv[2], nullptr, 10)},
+                  {"Last DTS = %lld, expected = %lld", last, std::strtol(argv[3], nullptr, 10)}};
     for (const auto& bound : bounds)
         if (bound.found.ticks() != bound.expected) {
-            LogUtil::Error(MODULE, bound.format, static_cast<int>(bound.found.ticks()),
-                           static_cast<int>(bound.expected));
+            // 33 bits of ticks are more than an int holds.
+            LogUtil::Error(MODULE, bound.format, static_cast<long long>(bound.found.ticks()),
+                           static_cast<long long>(bound.expected));
             return 1;
         }
     return 0;

@@ -39,8 +39,8 @@ class BlockRebase {
 public:
     // An output that cannot be opened is not reported: the writes go nowhere.
     BlockRebase(const char* in, const char* out, int video_pid, const kestrel::RebasePlan& plan)
-        : m_in(in), m_out(open(out, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666)), m_pid(video_pid),
-          m_stage(video_pid, nullptr, plan.mode, plan.offset, plan.level) {
+        : m_in(in), m_out(open(out, O_WRONLY | O_CREAT | O_TRUNC | O_NOCTTY | O_CLOEXEC, 0666)),
+          m_pid(video_pid), m_stage(video_pid, nullptr, plan.mode, plan.offset, plan.level) {
         // All that is ever held, so that growing does not need it twice. Only what is used takes memory.
         m_bytes.reserve(LONGEST_WAIT + 2 * READ_BLOCK);
     }

@@ -133,8 +133,10 @@ public:
 
     // 7.4.3.
     int first_mb_in_slice = 0;
-    int slice_type = 0;         // table 7-6
-    int field_pic_flag = 0;     // 0 when not coded
+    int slice_type = 0; // table 7-6
+    // 0 when not coded; of a stream whose pic_order_cnt_type is not 0, so that frame_mbs_only_flag keeps its
+    // default, whatever bit stands in its place.
+    int field_pic_flag = 0;
     int pic_order_cnt_lsb = -1; // -1 when not coded
 
 private:

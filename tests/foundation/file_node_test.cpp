@@ -1,14 +1,19 @@
 // Reading an input in records.
+#include "foundation/ControllingTerminal.h"
 #include "foundation/ScratchDir.h"
 #include "foundation/file_node.h"
 
 #include <algorithm>
+#include <chrono>
 #include <climits>
+#include <condition_variable>
 #include <fcntl.h>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <iostream>
+#include <mutex>
 #include <sstream>
+#include <stop_token>
 #include <string>
 #include <sys/stat.h>
 #include <thread>
@@ -171,6 +176,50 @@ TEST(FileNode, RecordOfAPipeComesAsSoonAsItIsWhole) {
     ::close(ends[1]);
     EXPECT_EQ(node.get_buff(), nullptr);
     ::close(ends[0]);
+}
+
+// Ten bytes a second, which would be a record after nineteen.
+TEST(FileNode, APipeThatTricklesIsGivenUpAfterFiveSecondsOfWaiting) {
+    int ends[2];
+    ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+    file_node node(("/dev/fd/" + std::to_string(ends[0])).c_str(), packet);
+    std::jthread writer([&](const std::stop_token& stop) {
+        std::mutex mutex;
+        std::condition_variable_any stopped;
+        std::unique_lock lock(mutex);
+        while (!stop.stop_requested()) {
+            EXPECT_EQ(::write(ends[1], "G", 1), 1);
+            stopped.wait_for(lock, stop, std::chrono::milliseconds(100), [] { return false; });
+        }
+    });
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(node.get_buff(), nullptr);
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::seconds(4));
+    writer.request_stop();
+    writer.join();
+    // What is there is still read, but nothing is waited for a second time.
+    const std::string bytes = records(2, packet);
+    ASSERT_EQ(::write(ends[1], bytes.data(), bytes.size()), 2 * packet);
+    node.resetToBegining();
+    EXPECT_NE(node.get_buff(), nullptr);
+    EXPECT_NE(node.get_buff(), nullptr);
+    const auto again = std::chrono::steady_clock::now();
+    EXPECT_EQ(node.get_buff(), nullptr);
+    EXPECT_LT(std::chrono::steady_clock::now() - again, std::chrono::seconds(4));
+    ::close(ends[1]);
+    ::close(ends[0]);
+}
+
+TEST(FileNode, ATerminalThatIsReadDoesNotBecomeThatOfTheProcess) {
+    const PseudoTerminal terminal;
+    ASSERT_TRUE(terminal.type("\x04")) << "the end of its input";
+    EXPECT_EQ(terminalAfter([&] {
+                  file_node node(terminal.name().c_str(), packet);
+                  node.get_buff();
+              }),
+              0);
+    EXPECT_GT(terminalAfter([&] { ::open(terminal.name().c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC); }), 0)
+        << "a plain open would have done it";
 }
 
 TEST(FileNode, DescriptorIsCloseOnExecAndClosedAtTheEnd) {

@@ -1,4 +1,5 @@
 // First and last decoding time of files, and their duration.
+#include "foundation/CapturedLog.h"
 #include "mpeg/GetDTSBounds.h"
 #include "mpeg/MpegWrapper.h"
 #include "query_files.h"
@@ -216,6 +217,26 @@ TEST_F(DtsBounds, HarnessComparesTicks) {
         HasSubstr("[captureEngLib:Error] Function testHarness requires args in.mpeg firstDTS lastDTS"));
     EXPECT_EQ(harness({"GetDTSBounds", directory.path("missing"), "1", "2"}), 1);
     EXPECT_THAT(log.str(), HasSubstr("Unable to open input file " + directory.path("missing")));
+}
+
+// A clock of 33 bits has run for a while when it reaches 2^31 ticks: after six hours and a half.
+TEST_F(DtsBounds, HarnessTellsTicksOfAllBits) {
+    maker.tables({{0x02, VIDEO}});
+    picture(0x1'0000'0000, 0x8000'0000);
+    picture(-1, -1);
+    picture(0x1'FFFF'FFFF, 0x1'FFFF'FFFE);
+    std::string words[] = {"GetDTSBounds", write(), "", ""};
+    const auto complaint = [&](const char* first, const char* last) {
+        words[2] = first;
+        words[3] = last;
+        char* argv[] = {words[0].data(), words[1].data(), words[2].data(), words[3].data()};
+        const CapturedLog told;
+        EXPECT_EQ(GetDTSBounds::testHarness(4, argv), 1);
+        return told.text();
+    };
+    EXPECT_THAT(complaint("4294967296", "1"), HasSubstr("First DTS = 2147483648, expected = 4294967296\r\n"));
+    EXPECT_THAT(complaint("2147483648", "-2147483649"),
+                HasSubstr("Last DTS = 8589934590, expected = -2147483649\r\n"));
 }
 
 // --- duration

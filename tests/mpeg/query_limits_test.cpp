@@ -1,11 +1,16 @@
 // How far the questions about files read, and that they end on whatever they are given.
+#include "foundation/CapturedLog.h"
+#include "foundation/UniqueFd.h"
 #include "mpeg/GetDTSBounds.h"
 #include "mpeg/MpegWrapper.h"
 #include "mpeg/gop_rebase.h"
 #include "mpeg/grab_video_header.h"
 #include "query_files.h"
 
+#include <chrono>
 #include <fcntl.h>
+#include <future>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -220,6 +225,25 @@ TEST_F(QueryLimits, APacketReaderGivesASilentPipeUpAfterFiveSeconds) {
     EXPECT_EQ(source.get_ts(), nullptr) << "nothing more comes, though a writer is there";
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
     close(keeper);
+}
+
+// The query's whole patience, not one for each packet.
+TEST_F(QueryLimits, AQueryOfAPipeWithAPacketNowAndThenIsAnswered) {
+    const std::string path = directory.path("fifo");
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    const kestrel::UniqueFd keeper(open(path.c_str(), O_RDWR | O_CLOEXEC));
+    std::promise<void> answered;
+    std::thread writer([&, is_answered = answered.get_future()] {
+        const Bytes null_packet = Bytes{0x47, 0x1F, 0xFF, 0x10} + Bytes(184);
+        for (int i = 0; i < 20 && is_answered.wait_for(std::chrono::seconds(1)) != std::future_status::ready;
+             ++i)
+            EXPECT_EQ(::write(keeper.get(), null_packet.data(), null_packet.size()), 188);
+    });
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(MpegWrapper::GetFrameRateFromFile(path.c_str()), 0.0);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(15));
+    answered.set_value();
+    writer.join();
 }
 
 // --- continuity failures on the way

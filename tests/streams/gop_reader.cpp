@@ -1,4 +1,5 @@
 #include "streams/gop_reader.h"
+#include "foundation/Bytes.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -55,14 +56,6 @@ std::string GopHeader::text() const {
     return label;
 }
 
-std::vector<unsigned char> readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary | std::ios::ate);
-    std::vector<unsigned char> bytes(in ? static_cast<std::size_t>(in.tellg()) : 0);
-    in.seekg(0);
-    in.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-    return bytes;
-}
-
 std::vector<GopHeader> gopsOf(const std::vector<unsigned char>& file, int pid) {
     const auto [bytes, positions] = elementaryStream(file, pid);
     std::vector<GopHeader> gops;
@@ -88,7 +81,11 @@ std::vector<GopHeader> gopsOf(const std::vector<unsigned char>& file, int pid) {
 }
 
 std::vector<GopHeader> readGops(const std::string& path, int pid) {
-    return gopsOf(readFile(path), pid);
+    return gopsOf(bytesOfFile(path), pid);
+}
+
+std::vector<unsigned char> elementaryStreamOf(const std::string& path, int pid) {
+    return elementaryStream(bytesOfFile(path), pid).bytes;
 }
 
 } // namespace kestrel::test

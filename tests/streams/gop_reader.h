@@ -27,6 +27,7 @@ std::vector<GopHeader> readGops(const std::string& path, int pid);
 // The same of a file in memory.
 std::vector<GopHeader> gopsOf(const std::vector<unsigned char>& file, int pid);
 
-std::vector<unsigned char> readFile(const std::string& path);
+// The payloads of the PES packets of the PID, joined.
+std::vector<unsigned char> elementaryStreamOf(const std::string& path, int pid);
 
 } // namespace kestrel::test

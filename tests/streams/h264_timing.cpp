@@ -1,4 +1,5 @@
 #include "streams/h264_timing.h"
+#include "foundation/Bytes.h"
 
 #include "streams/gop_reader.h"
 
@@ -172,7 +173,7 @@ int dropTimingIn(std::span<unsigned char> packet) {
 } // namespace
 
 void dropH264Timing(const std::string& in, const std::string& out, int pid) {
-    std::vector<unsigned char> bytes = readFile(in);
+    std::vector<unsigned char> bytes = bytesOfFile(in);
     int sets = 0;
     for (std::size_t at = 0; at + 188 <= bytes.size(); at += 188)
         if (((bytes[at + 1] & 0x1F) << 8 | bytes[at + 2]) == pid)

@@ -1,4 +1,5 @@
 // Each fixture is what its row says, by ffprobe.
+#include "foundation/ScratchDir.h"
 #include "streams/stream_fixtures.h"
 
 #include "streams/ffprobe.h"
@@ -264,13 +265,11 @@ TEST(Ffprobe, AnswersAboutAKeptStreamAreKeptBesideIt) {
     EXPECT_EQ(kept.size(), asked.size());
     EXPECT_EQ(kept.back().dts, asked.back().dts);
 
-    char directory[] = "/tmp/ffprobe_test_XXXXXX";
-    ASSERT_NE(::mkdtemp(directory), nullptr);
-    const std::string copy = std::string(directory) + "/copy.ts";
+    const ScratchDir directory;
+    const std::string copy = directory.path("copy.ts");
     std::filesystem::copy(path, copy);
     EXPECT_EQ(Ffprobe(copy).packets("v:0").size(), 75U);
     EXPECT_EQ(answersBeside(copy), 0) << "another file may change";
-    std::filesystem::remove_all(directory);
 }
 
 TEST(Ffprobe, SaysSoWhenItFails) {
