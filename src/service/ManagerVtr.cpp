@@ -207,9 +207,17 @@ bool CManagerLib::forgetRelayed(const _VTRCmdData& answer) {
     return true;
 }
 
-// A worker need not wait for an answer that nobody will give.
+// A worker need not wait for an answer that nobody will give. A deck process that has ended is started again;
+// where none is configured, the worker need not ask a second time either.
 void CManagerLib::refuseWorkersRequest(_VTRCmdData& record) {
-    setError(record, kestrel::error::vtrSendQueueMissing, LOG_MSG(kestrel::error::vtrSendQueueMissing));
+    if (m_settings.deckCtrlExe[0] == '\0') {
+        const std::string port(kestrel::fieldText(record.serialPort));
+        record.errorCode = asCode(kestrel::error::vtrNotConnected);
+        kestrel::formatText(record.errorText, LOG_MSG(kestrel::error::vtrNotConnected), port.c_str());
+        kestrel::appendText(record.errorText,
+                            " (no deck control is configured: DeckCtrl EXE of the profile)");
+    } else
+        setError(record, kestrel::error::vtrSendQueueMissing, LOG_MSG(kestrel::error::vtrSendQueueMissing));
     SendQueueMessage(record.replyQueueName, VTR_CMD_RESPONSE_MSG, &record, sizeof record);
 }
 

@@ -2,6 +2,7 @@
 #include "capture/DeckCue.h"
 #include "capture/captured_log.h"
 #include "capture/simulated_deck.h"
+#include "deckctrl/Limits.h"
 #include "foundation/ErrorCodes.h"
 
 #include <cmath>
@@ -239,6 +240,27 @@ TEST(DeckCue, ALastPauseThatIsNotAnsweredOrRefusedDoesNotHoldTheEnd) {
     EXPECT_EQ(refused.cue.leftRunning(), "no");
 }
 
+// The query before it is answered when the recording has just ended.
+TEST(DeckCue, AnAnswerThatComesLateIsNotTakenForThatToTheLastPause) {
+    for (const MaybeFailure& late : {MaybeFailure(), refusal(20081, "Error: no timecode can be read")}) {
+        Bench bench(internal());
+        bench.until(Phase::rolling);
+        bench.cue.recordingBegan(bench.now);
+        std::optional<DeckRequest> query;
+        for (; !query; query = bench.cue.next(bench.now))
+            bench.now = std::max(bench.now, bench.cue.deadline());
+        ASSERT_EQ(query->kind, kestrel::vtrCurrentTime);
+        DeckAnswer answer = bench.deck.answer(*query, bench.now);
+        answer.failed = late;
+        bench.cue.finish(bench.now);
+        bench.cue.answered(answer, bench.now);
+        EXPECT_FALSE(bench.cue.finished());
+        bench.until(Phase::finished);
+        EXPECT_TRUE(bench.paused());
+        EXPECT_EQ(bench.cue.leftRunning(), "");
+    }
+}
+
 TEST(DeckCue, ADeckThatWasPausedIsNotSaidToRun) {
     Bench bench(internal());
     bench.until(Phase::rolling);
@@ -329,6 +351,17 @@ TEST(DeckCue, ACueThatEndsElsewhereOrNeverFailsThePreroll) {
     never.deck.seekSeconds = 7200;
     EXPECT_THAT(never.failure(),
                 AllOf(StartsWith("Error: Preroll to 09:59:52:00"), HasSubstr("seeking for too long")));
+}
+
+// Its words tell more than that it took too long.
+TEST(DeckCue, TheDeckProcessGivesACueUpFirst) {
+    const kestrel::deck::Timing process;
+    EXPECT_GT(CueTiming().cue, process.seek + process.settle);
+    EXPECT_GT(process.begin, process.settle);
+    Bench bench(internal());
+    bench.deck.seekSeconds = 605;
+    bench.until(Phase::rolling);
+    EXPECT_EQ(bench.cue.attempts(), 1);
 }
 
 TEST(DeckCue, ADeckThatDoesNotPlayIsTriedAgainAndNamedAfterwards) {
@@ -597,6 +630,15 @@ TEST(DeckCue, ADeckThatWasNeverMovedIsNotSaidToRun) {
     Bench bench(internal());
     bench.deck.refuse = [&](const _VTRCmdData&) { return refusal(20061, "down"); };
     EXPECT_EQ(bench.failure(), "down (COM1: the deck-control process has ended) (3 attempts)");
+    EXPECT_EQ(bench.cue.leftRunning(), "");
+}
+
+TEST(DeckCue, AServiceWithoutDeckControlEndsItAtOnce) {
+    Bench bench(internal());
+    bench.deck.refuse = [&](const _VTRCmdData&) { return refusal(20080, "no deck control"); };
+    EXPECT_EQ(bench.failure(), "no deck control");
+    EXPECT_EQ(bench.deck.heard().size(), 1u);
+    EXPECT_EQ(bench.cue.attempts(), 1);
     EXPECT_EQ(bench.cue.leftRunning(), "");
 }
 

@@ -15,6 +15,7 @@ using namespace kestrel::capture;
 using namespace capture_test;
 using namespace std::chrono_literals;
 using testing::HasSubstr;
+using testing::Not;
 using testing::StartsWith;
 
 namespace {
@@ -105,6 +106,47 @@ TEST_F(VtrSessionTest, ARecordingThatHasBegunIsNotUndoneByATroubleThatIsFoundLat
     EXPECT_EQ(m_deck.count("play"), 1);
     EXPECT_EQ(m_deck.heard().back(), "pause");
 }
+
+// The deck's answer is read before anybody has looked at the recording, which has ended meanwhile.
+class AnswerAtTheEnd : public VtrSessionTest, public testing::WithParamInterface<bool> {};
+
+TEST_P(AnswerAtTheEnd, DoesNotKeepTheDeckFromBeingPaused) {
+    ASSERT_FALSE(m_session->start());
+    serveUntil([&] { return m_deck.count("play") == 1; });
+    serveUntil([&, armed = Clock::now() + 2200ms] { return Clock::now() >= armed; });
+    LabelledStream stream({.timecode = "10:00:06:00"});
+    m_deck.place("10:00:06:00", Clock::now());
+    m_sender->send(join(stream.frames(75)));
+    ASSERT_TRUE(recordingsTurn());
+    m_wake.clear();
+    m_session->woken();
+    std::optional<_VTRCmdData> query;
+    while (!query)
+        query = command();
+    ASSERT_EQ(query->commandKind, kestrel::vtrCurrentTime);
+    m_deck.place("10:00:09:00", Clock::now());
+    m_sender->send(join(stream.frames(75)));
+    ASSERT_TRUE(recordingsTurn()) << "it has ended";
+    m_deck.handle(*query, Clock::now());
+    if (GetParam()) {
+        query->errorCode = 20081;
+        copy(query->errorText, "Error: no timecode can be read");
+    }
+    m_session->deckAnswer(*query);
+    EXPECT_FALSE(m_session->over()) << "the deck plays";
+    serveUntil([&] {
+        m_session->woken();
+        return m_session->over();
+    });
+    EXPECT_EQ(m_deck.heard().back(), "pause");
+    EXPECT_FALSE(m_deck.playing());
+    const Outcome outcome = m_session->end();
+    EXPECT_TRUE(outcome.succeeded) << outcome.text;
+    EXPECT_THAT(outcome.text, Not(HasSubstr("not stopped")));
+}
+
+INSTANTIATE_TEST_SUITE_P(VtrSession, AnswerAtTheEnd, testing::Bool(),
+                         [](const auto& failed) { return failed.param ? "AnError" : "ATime"; });
 
 TEST_F(VtrSessionTest, AnEndThatNobodyAskedForIsNotCalledCancelled) {
     ASSERT_FALSE(m_session->start());

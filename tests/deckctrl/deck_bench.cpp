@@ -19,17 +19,6 @@
 
 namespace deck_test {
 
-TemporaryDirectory::TemporaryDirectory() {
-    char name[] = "/tmp/deck_test_XXXXXX";
-    EXPECT_NE(::mkdtemp(name), nullptr);
-    m_path = name;
-}
-
-TemporaryDirectory::~TemporaryDirectory() {
-    std::error_code ignored;
-    std::filesystem::remove_all(m_path, ignored);
-}
-
 void Lines::add(const std::string& line) {
     MutexLock lock(m_mutex);
     m_lines.push_back(line);
@@ -201,7 +190,7 @@ int DeckProcess::wait(std::chrono::milliseconds most) {
 std::string DeckProcess::log() const {
     // The log is of one day, or of two when the test runs at midnight.
     std::stringstream text;
-    const std::string directory = std::filesystem::path(m_directory.path("x")).parent_path();
+    const std::string directory = m_directory.path();
     for (const auto& entry : std::filesystem::directory_iterator(directory))
         if (entry.path().filename().string().starts_with("deck"))
             text << std::ifstream(entry.path()).rdbuf();

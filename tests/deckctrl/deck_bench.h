@@ -4,10 +4,11 @@
 
 #include "deck_simulator/DeckSimulator.h"
 #include "deckctrl/Deck.h"
+#include "foundation/Eventually.h"
 #include "foundation/QueueMessages.h"
+#include "foundation/ScratchDir.h"
 
 #include <chrono>
-#include <ctime>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -25,19 +26,7 @@ using kestrel::deck::Timing;
 using kestrel::deck_simulator::DeckSimulator;
 using kestrel::deck_simulator::SimulatorOptions;
 using kestrel::deck_simulator::Transport;
-
-// A directory under /tmp, removed with all that is in it.
-class TemporaryDirectory {
-public:
-    TemporaryDirectory();
-    ~TemporaryDirectory();
-    TemporaryDirectory(const TemporaryDirectory&) = delete;
-    TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
-    [[nodiscard]] std::string path(const std::string& name) const { return m_path + "/" + name; }
-
-private:
-    std::string m_path;
-};
+using kestrel::test::eventually;
 
 // Lines that a simulator reports, or anything else that threads collect.
 class Lines {
@@ -51,19 +40,6 @@ private:
     std::vector<std::string> m_lines GUARDED_BY(m_mutex);
 };
 
-// Looks every few milliseconds: for what no descriptor tells.
-template <typename Condition>
-bool eventually(Condition&& condition, std::chrono::milliseconds limit = 10s) {
-    const auto deadline = Clock::now() + limit;
-    while (!condition()) {
-        if (Clock::now() >= deadline)
-            return condition();
-        const timespec pause{0, 2'000'000};
-        nanosleep(&pause, nullptr);
-    }
-    return true;
-}
-
 // A simulated deck with a link of its own, quick in its movements.
 struct SimulatedDeck {
     explicit SimulatedDeck(SimulatorOptions options = {});
@@ -73,7 +49,7 @@ struct SimulatedDeck {
     // The bytes of the last block.
     [[nodiscard]] std::vector<std::uint8_t> lastBytes() const;
 
-    TemporaryDirectory directory;
+    ScratchDir directory;
     Lines lines;
     std::optional<DeckSimulator> simulator;
 };
@@ -112,7 +88,7 @@ public:
     std::optional<unsigned> mostFiles; // descriptors that it may have, those of a terminal among them
 
 private:
-    TemporaryDirectory m_directory;
+    ScratchDir m_directory;
     std::string m_map;
     std::string m_inName;
     std::string m_outName;

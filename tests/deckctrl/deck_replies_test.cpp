@@ -27,6 +27,7 @@ protected:
         timing.reply = 2s;
         timing.byteGap = byteGap;
         timing.settle = 50ms;
+        timing.begin = mostToBegin;
         deck.emplace(tape->device(), timing, -1);
     }
     // Other answers to one kind of block; the deck is well otherwise.
@@ -45,6 +46,7 @@ protected:
     long count(Code code) const { return std::ranges::count(tape->received(), code); }
 
     std::chrono::milliseconds byteGap{300}; // the machine may be busy
+    std::chrono::milliseconds mostToBegin{200};
     std::optional<ScriptedDeck> tape;
     std::optional<Deck> deck;
 };
@@ -259,6 +261,36 @@ TEST_F(Replies, ADeckThatStandsAtItsTargetIsThereThoughItDoesNotSaySo) {
     EXPECT_EQ(answer.errorCode, 0) << textOf(answer);
     EXPECT_THAT(log.str(), HasSubstr("COM7: Cue up to 10:20:30:12 complete"));
     EXPECT_EQ(isSeeking().errorCode, 0);
+}
+
+// It stops a frame beside the target, so that only what it tells can end the seek.
+TEST_F(Replies, ACueUpThatIsToldCompleteIsOneOfThisGoTo) {
+    constexpr std::uint8_t complete = 0x01, still = 0x02, shuttle = 0x20;
+    const auto state = std::make_shared<std::atomic<std::uint8_t>>();
+    mostToBegin = 60s;
+    const auto goToFrom = [&](int before) {
+        deck.reset();
+        *state = static_cast<std::uint8_t>(before);
+        beginWith(Code::statusSense, [state] {
+            return ScriptedAnswer{Block(Code::status, {0x00, 0x00, *state}).bytes()};
+        });
+        EXPECT_EQ(carryOut(goTo("COM7", "10:20:30:13")).errorCode, 0);
+    };
+    const auto seeksIn = [&](int now) {
+        *state = static_cast<std::uint8_t>(now);
+        const _VTRCmdData answer = isSeeking();
+        EXPECT_EQ(answer.errorCode, 0) << textOf(answer);
+        return answer.seeking != 0;
+    };
+    goToFrom(complete | still);
+    EXPECT_TRUE(seeksIn(complete | still)) << "that of the cue-up before";
+    EXPECT_TRUE(seeksIn(complete | shuttle)) << "the tape moves";
+    EXPECT_FALSE(seeksIn(complete | still)) << "it has moved";
+    goToFrom(complete | still);
+    EXPECT_TRUE(seeksIn(still)) << "not told any more";
+    EXPECT_FALSE(seeksIn(complete | still)) << "told anew";
+    goToFrom(still);
+    EXPECT_FALSE(seeksIn(complete | still)) << "there was none before";
 }
 
 TEST_F(Replies, ADeckThatStandsOneFrameBesideItsTargetIsNotThere) {

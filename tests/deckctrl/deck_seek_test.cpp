@@ -68,7 +68,7 @@ TEST_F(Seeking, AnOldCueUpIsNotTakenForTheNewOne) {
 }
 
 TEST_F(Seeking, AnOldCueUpCountsForNothingWhileTheDeckHasNotYetBegun) {
-    timing.settle = 20s;
+    timing.settle = 100ms;
     begin();
     carryOut(goTo("COM1", "10:00:01:00"));
     EXPECT_EQ(end().errorCode, 0);
@@ -78,21 +78,50 @@ TEST_F(Seeking, AnOldCueUpCountsForNothingWhileTheDeckHasNotYetBegun) {
     EXPECT_EQ(isSeeking().seeking, 1);
     const auto statusNow = tape->simulator->status();
     EXPECT_TRUE(statusNow.cueUpComplete || Clock::now() - started >= 1500ms) << "the deck still tells it";
-    EXPECT_EQ(end().errorCode, 0);
+    const _VTRCmdData last = end();
+    EXPECT_EQ(last.errorCode, 0) << textOf(last);
     EXPECT_GE(Clock::now() - started, 1500ms);
+    EXPECT_EQ(timeNow(), "10:00:09:00");
+}
+
+TEST_F(Seeking, ADeckMayTakeLongerToBeginThanToStandStillAtTheEnd) {
+    begin();
+    tape->simulator->order("lag 3000");
+    ASSERT_LT(timing.settle, 3000ms);
+    const auto started = Clock::now();
+    carryOut(goTo("COM1", "10:00:09:00"));
+    const _VTRCmdData last = end();
+    EXPECT_EQ(last.errorCode, 0) << textOf(last);
+    EXPECT_GE(Clock::now() - started, 3000ms);
     EXPECT_EQ(timeNow(), "10:00:09:00");
 }
 
 TEST_F(Seeking, ADeckThatNeitherMovesNorTellsATimeIsGivenUp) {
     timing.settle = 100ms;
+    timing.begin = 500ms;
     begin();
     tape->simulator->order("lag 60000");
     tape->simulator->order("notimecode");
+    const auto started = Clock::now();
     EXPECT_EQ(carryOut(goTo("COM1", "10:20:30:12")).errorCode, 0);
     const _VTRCmdData answer = end();
+    EXPECT_GE(Clock::now() - started, timing.begin);
     EXPECT_EQ(answer.errorCode, 20082);
     EXPECT_EQ(textOf(answer),
               "Error: Preroll to 10:20:30:12 for VTR at COM1 failed. (the deck does not move)");
+}
+
+TEST_F(Seeking, ADeckThatNeverBeginsIsGivenUpWithAnOldCueUpToo) {
+    timing.settle = 100ms;
+    timing.begin = 500ms;
+    begin();
+    carryOut(goTo("COM1", "10:00:01:00"));
+    EXPECT_EQ(end().errorCode, 0);
+    tape->simulator->order("lag 60000");
+    carryOut(goTo("COM1", "10:00:09:00"));
+    const _VTRCmdData answer = end();
+    EXPECT_EQ(answer.errorCode, 20082);
+    EXPECT_THAT(textOf(answer), HasSubstr("(the deck stands at 10:00:01:00)"));
 }
 
 TEST_F(Seeking, ADeckThatIsThereAlreadyArrives) {

@@ -23,7 +23,7 @@ protected:
         return loaded;
     }
 
-    deck_test::TemporaryDirectory directory;
+    ScratchDir directory;
     PortNames names;
     std::stringstream log;
 };

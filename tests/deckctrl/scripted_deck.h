@@ -36,7 +36,7 @@ private:
     void run();
 
     const Script m_script;
-    TemporaryDirectory m_directory;
+    ScratchDir m_directory;
     kestrel::deck_simulator::PseudoTerminal m_terminal;
     kestrel::UniqueFd m_held; // so that the terminal never hangs up
     kestrel::capture::WakeEvent m_end;

@@ -59,7 +59,7 @@ protected:
         return exclusive != 0;
     }
 
-    TemporaryDirectory directory;
+    ScratchDir directory;
     PseudoTerminal terminal;
     SerialPort port;
     Timing timing;
@@ -211,7 +211,7 @@ TEST(SerialPort, WhatIsNoSerialPortIsRefused) {
 
 // What a program before has left behind, and a driver keeps.
 TEST(SerialPort, NothingOfTheSettingsBeforeIsLeft) {
-    const TemporaryDirectory directory;
+    const ScratchDir directory;
     PseudoTerminal terminal;
     ASSERT_EQ(terminal.open(directory.path("deck")), "");
     const kestrel::UniqueFd before(::open(terminal.path().c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));

@@ -348,7 +348,7 @@ TEST_F(Session, AnswersThatNobodyReadsDoNotKeepItFromEnding) {
 }
 
 TEST_F(Session, APortMapOfAnyDepthIsLeftOut) {
-    const TemporaryDirectory directory;
+    const ScratchDir directory;
     {
         std::ofstream map(directory.path("deep.xml"));
         for (int i = 0; i < 300'000; ++i)

@@ -99,7 +99,7 @@ private:
 };
 
 TEST(Simulator, PrintsALineForEachChangeOfState) {
-    const TemporaryDirectory directory;
+    const ScratchDir directory;
     const std::string link = directory.path("deck");
     Program program(
         {"--link", link, "--rate", "29.97df", "--start", "01:00:00;00", "--length", "60", "--spin-up", "0"});

@@ -134,7 +134,7 @@ TEST_F(TapeSending, DropFrameTapesAreFoundByTheirLabels) {
 }
 
 TEST(TapeFile, ThatCannotBePlayedIsToldAtTheStart) {
-    const TemporaryDirectory directory;
+    const ScratchDir directory;
     std::ofstream(directory.path("empty.ts")) << "nothing";
     SimulatorOptions options;
     options.target = "127.0.0.1:5000";

@@ -109,6 +109,10 @@ public:
                   (number(out) - number(m_tape.in) + 1) * perLabel);
         EXPECT_EQ(deck->state(), Transport::State::still) << "paused at mark-out";
     }
+    // The deck plays, and the worker knows: it asks for the time.
+    [[nodiscard]] bool watched() const {
+        return deck->state() == Transport::State::play && deck->received().back().code() == Code::timeSense;
+    }
     // Waits until something is recorded.
     [[nodiscard]] bool recording() {
         return eventually(
@@ -176,7 +180,7 @@ TEST(TapeCaptureTrouble, ADeckProcessKilledDuringTheCueCostsAnAttempt) {
 TEST(TapeCaptureTrouble, ADeckProcessKilledBetweenPlayAndMarkInCostsNothing) {
     TapeSuite suite(cuedTape);
     suite.begin(cuedTape.out);
-    ASSERT_TRUE(eventually([&] { return suite.deck->state() == Transport::State::play; }, 20s));
+    ASSERT_TRUE(eventually([&] { return suite.watched(); }, 20s));
     suite.killDeckProcess();
     suite.expectMarks(cuedTape.out);
     EXPECT_EQ(suite.count(Block(Code::play)), 1);
@@ -205,6 +209,33 @@ TEST(TapeCaptureTrouble, ADeckProcessThatIsGoneForGoodWhileTheTapeIsRecordedIsTo
                       HasSubstr("; the deck was not stopped: Error: Cannot send VTR command.  Send queue not "
                                 "available.")));
     EXPECT_EQ(suite.deck->state(), Transport::State::play);
+}
+
+// A deck takes its time before it winds: it is not told to stop, and cued once.
+TEST(TapeCaptureTrouble, ADeckThatBeginsItsCueUpLateIsWaitedFor) {
+    TapeSuite suite(cuedTape);
+    suite.deck->order("lag 3000");
+    suite.begin(cuedTape.out);
+    suite.expectMarks(cuedTape.out);
+    const std::vector<Block> received = suite.deck->received();
+    EXPECT_EQ(std::count_if(received.begin(), received.end(),
+                            [](const Block& block) { return block.code() == Code::cueUp; }),
+              1);
+}
+
+TEST(TapeCaptureTrouble, AServiceWithoutDeckControlSaysSoAtOnce) {
+    ServiceUnderTest service;
+    service.set("Capture", "EXE", KESTREL_CAPTURE_PROGRAM);
+    service.start();
+    ASSERT_EQ(service.ask("CAPTURE,JOB_BEGIN,1,CAPTURE_VTR_JOB,Filename=" + std::string(service.root()) +
+                          "/tape.ts,EncoderIp=127.0.0.1,VTR_Com_Port=COM1,MarkInTime=10:00:12:00,"
+                          "MarkOutTime=10:00:14:00"),
+              "TRUE");
+    EXPECT_EQ(service.waitForState("1", "ERROR", 20s), "TRUE - ERROR");
+    EXPECT_EQ(service.ask("JOB_RESULTS,1"),
+              "TRUE - Error: Could not connect to VTR at COM1. (no deck control is configured: DeckCtrl EXE "
+              "of the profile)");
+    EXPECT_THAT(service.log(), HasSubstr("Failed to send message on queue /to_vtr_proc_q."));
 }
 
 TEST(TapeCaptureTrouble, ADeckProcessThatIsGoneForGoodBeforeMarkInIsAClearFailure) {

@@ -84,6 +84,10 @@ void DeckCue::begin(Clock::time_point now) {
 }
 
 void DeckCue::answered(const DeckAnswer& answer, Clock::time_point now) {
+    // Asked before the recording was over, or before a trouble was found: it is no answer to what is to be
+    // asked for that.
+    if (m_next)
+        return;
     if (answer.failed)
         return refused(*answer.failed, answer.answered, now);
     const auto before = m_position;

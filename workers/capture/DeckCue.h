@@ -28,8 +28,10 @@ struct CueTiming {
     milliseconds shuttlePoll{100};
     milliseconds stillPoll{120}; // two equal times so far apart: the tape stands
     milliseconds stepPoll{40};
-    milliseconds rollPoll{200};    // while it plays
-    milliseconds cue{600000};      // longest way over a tape
+    milliseconds rollPoll{200}; // while it plays
+    // Longest way over a tape. The deck process gives a cue-up ten minutes, and what it says is more than
+    // that it took too long.
+    milliseconds cue{610000};
     milliseconds spinUp{10000};    // until a deck that was started moves
     milliseconds standStill{3000}; // of a tape that should be playing
     milliseconds stopping{5000};   // until a paused deck stands
@@ -95,7 +97,7 @@ public:
     [[nodiscard]] bool urgent() const noexcept {
         return m_phase == Phase::recueing || m_phase == Phase::pausing;
     }
-    // The answer to the request that next() gave last.
+    // The answer to the request that next() gave last. It counts for nothing where another one is due by now.
     void answered(const DeckAnswer& answer, Clock::time_point now);
     // To be called at deadline().
     void tick(Clock::time_point now);

@@ -148,7 +148,8 @@ Deck::MaybeProblem Deck::goTo(const std::string& target) {
     const auto time = TapeTime::parse(target);
     if (!time)
         return Problem{false, "\"" + target + "\" is no timecode hh:mm:ss:ff that exists"};
-    if (auto problem = ready())
+    const MaybeStatus before = status();
+    if (auto problem = ready(before))
         return problem;
     m_seek.reset();
     // The flag belongs to times that are read; some decks refuse it here.
@@ -158,7 +159,8 @@ Deck::MaybeProblem Deck::goTo(const std::string& target) {
     if (const auto* problem = std::get_if<Problem>(&reply))
         return *problem;
     LogUtil::Info(module, "%s: Cue up to %s", m_port.c_str(), target.c_str());
-    m_seek = Seek{target, *time, Clock::now(), std::nullopt};
+    const auto& known = std::get<std::optional<Status>>(before);
+    m_seek = Seek{target, *time, Clock::now(), known && !known->cueUpComplete};
     return std::nullopt;
 }
 
@@ -212,8 +214,7 @@ Deck::MaybeStatus Deck::status() {
     return Status::parse(block.data());
 }
 
-Deck::MaybeProblem Deck::ready() {
-    const MaybeStatus state = status();
+Deck::MaybeProblem Deck::ready(const MaybeStatus& state) {
     if (const auto* problem = std::get_if<Problem>(&state))
         return *problem;
     const auto& known = std::get<std::optional<Status>>(state);
@@ -247,23 +248,31 @@ void Deck::arrived() {
     m_seek.reset();
 }
 
-// Decks leave "cue up complete" of the cue-up before standing until the tape moves, so that at first it
-// counts only with the time that goes with it.
+// Decks leave "cue up complete" of the cue-up before standing until the tape moves. Until it was seen to
+// move, or the deck to tell no such thing, it counts only with the time that goes with it.
 Deck::MaybeProblem Deck::followSeek(const Status& status, bool& seeking) {
     const Clock::time_point now = Clock::now();
-    const bool settled = now - m_seek->begun >= m_timing.settle;
-    if (status.cueUpComplete) {
-        const Time time = settled ? Time(m_seek->time) : readTime();
-        if (const auto* at = std::get_if<TapeTime>(&time); at && sameLabel(*at, m_seek->time)) {
-            arrived();
-            seeking = false;
-            return std::nullopt;
-        }
-    }
-    if (status.moving() || status.preroll)
+    const bool moving = status.moving() || status.preroll;
+    m_seek->moved = m_seek->moved || moving;
+    m_seek->fresh = m_seek->fresh || moving || !status.cueUpComplete;
+    if (moving)
         m_seek->standing.reset();
     else if (!m_seek->standing)
         m_seek->standing = now;
+    // Decks without "cue up complete" tell only by their time that they are there.
+    const bool stands = m_seek->standing && now - *m_seek->standing >= m_timing.settle;
+    bool there = status.cueUpComplete && m_seek->fresh && !moving;
+    Time time = Problem{};
+    if (!there && (status.cueUpComplete || stands)) {
+        time = readTime();
+        const auto* at = std::get_if<TapeTime>(&time);
+        there = at && sameLabel(*at, m_seek->time);
+    }
+    if (there) {
+        arrived();
+        seeking = false;
+        return std::nullopt;
+    }
     std::string given;
     if (status.cassetteOut)
         given = "there is no cassette in the deck";
@@ -271,15 +280,8 @@ Deck::MaybeProblem Deck::followSeek(const Status& status, bool& seeking) {
         given = "the deck is not there after " +
                 std::to_string(std::chrono::duration_cast<std::chrono::seconds>(m_timing.seek).count()) +
                 " s";
-    else if (settled && m_seek->standing && now - *m_seek->standing >= m_timing.settle) {
-        const Time time = readTime();
+    else if (stands && (m_seek->moved || now - m_seek->begun >= m_timing.begin)) {
         const auto* at = std::get_if<TapeTime>(&time);
-        // Decks without "cue up complete" tell only by their time that they are there.
-        if (at && sameLabel(*at, m_seek->time)) {
-            arrived();
-            seeking = false;
-            return std::nullopt;
-        }
         given = at ? "the deck stands at " + at->text() : "the deck does not move";
         if (status.endOfTape)
             given += ", the end of the tape";

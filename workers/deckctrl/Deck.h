@@ -38,7 +38,9 @@ private:
         std::string target; // as the request named it
         TapeTime time;
         Clock::time_point begun;
-        std::optional<Clock::time_point> standing; // since then the tape has not moved
+        bool fresh; // what the deck tells of "cue up complete" is of this cue-up
+        bool moved = false;
+        std::optional<Clock::time_point> standing = {}; // since then the tape has not moved
     };
 
     [[nodiscard]] MaybeFailure perform(_VTRCmdData& record);
@@ -51,7 +53,8 @@ private:
     void arrived();
 
     // Whether the deck takes commands over the line and has a tape.
-    [[nodiscard]] MaybeProblem ready();
+    [[nodiscard]] static MaybeProblem ready(const MaybeStatus& state);
+    [[nodiscard]] MaybeProblem ready() { return ready(status()); }
     // Nothing where a deck has no status sense.
     [[nodiscard]] MaybeStatus status();
     [[nodiscard]] Time readTime();

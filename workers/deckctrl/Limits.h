@@ -19,7 +19,9 @@ struct Timing {
     // to end.
     milliseconds inUse{1500};
     int tries = 3; // of a command whose reply was lost
-    // A deck that was told to cue up has begun by then.
+    // A deck that was told to cue up moves its tape by then: many unthread, wind off or spin up first.
+    milliseconds begin{10'000};
+    // A tape that has stood for so long during a cue-up is where the deck wants it.
     milliseconds settle{2000};
     // From one end of the longest tape to the other.
     milliseconds seek{10 * 60 * 1000};

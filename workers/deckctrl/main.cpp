@@ -7,6 +7,7 @@
 #include <csignal>
 #include <exception>
 #include <iostream>
+#include <sys/stat.h>
 
 using namespace kestrel::deck;
 
@@ -25,6 +26,7 @@ void openLog(const Options& options) {
 } // namespace
 
 int main(int argc, char** argv) {
+    umask(umask(0) | 022); // a detached service has none: what is written here is for others to read only
     const Options options = parseOptions(argc, argv);
     if (options.help) {
         std::cout << usage(argv[0]);
