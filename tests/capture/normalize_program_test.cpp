@@ -1,6 +1,7 @@
 // The real worker on real files: a normalise job from its settings to its exit code.
 #include "capture/normalize_streams.h"
 #include "capture/worker_process.h"
+#include "foundation/Bytes.h"
 #include "foundation/ErrorCodes.h"
 #include "streams/ffprobe.h"
 #include "streams/gop_reader.h"
@@ -20,7 +21,6 @@
 
 using namespace capture_test;
 using kestrel::test::Ffprobe;
-using kestrel::test::readFile;
 using kestrel::test::readGops;
 using kestrel::test::streamFile;
 using kestrel::test::StreamFixture;
@@ -183,6 +183,38 @@ TEST(NormalizeProgram, DropsTheNullPacketsOfAConstantRateUnlessToldToKeepThem) {
     EXPECT_THAT(keeps.results(), HasSubstr(" 0 null packets dropped"));
 }
 
+// As from an encoder whose stream was switched to, or a file that was cut without care.
+TEST(NormalizeProgram, BeginsWithTheTablesThatTheSourceWasCutBehind) {
+    const std::string whole = kestrel::test::makeStream(
+        "sparse_tables", "-f lavfi -i testsrc2=size=352x288:rate=25 -f lavfi -i "
+                         "sine=frequency=440:sample_rate=48000 -t 3 -c:v mpeg2video -b:v 1500k -maxrate "
+                         "1500k -bufsize 1000k -g 12 -c:a ac3 -b:a 192k -muxrate 4000000 -pat_period 0.5");
+    Packets cut = readPackets(whole);
+    const auto isTable = [](const Packet& packet) { return pid(packet) == 0 || pid(packet) == 0x1000; };
+    const auto tables = std::find_if(cut.begin(), cut.end(), isTable);
+    ASSERT_TRUE(tables != cut.end());
+    const auto picture = std::find_if(
+        tables, cut.end(), [](const Packet& packet) { return pid(packet) == 0x100 && (packet[1] & 0x40); });
+    cut.erase(cut.begin(), picture);
+    for (const bool keepNulls : {false, true}) {
+        SCOPED_TRACE(keepNulls);
+        Job job("");
+        const std::string source = job.path("cut.ts");
+        write(source, joined(cut));
+        std::snprintf(job.settings.cmd.sourceFile, 260, "%s", source.c_str());
+        if (keepNulls)
+            job.extraOptions = {"-nulls", "keep"};
+        ASSERT_EQ(job.run(), 0) << job.log();
+        const Packets packets = readPackets(job.output());
+        EXPECT_EQ(pid(packets.at(0)), 0);
+        EXPECT_EQ(pid(packets.at(1)), 0x1000);
+        EXPECT_EQ(brokenCounters(packets), 0);
+        EXPECT_LE(longestTableGap(packets, 0, 0x100), 100);
+        EXPECT_EQ(frames(job.output()), frames(source));
+        EXPECT_EQ(pcrs(packets, 0x100), pcrs(cut, 0x100));
+    }
+}
+
 TEST(NormalizeProgram, TellsWhatWasWrongWithTheSource) {
     Packets packets = readPackets(streamFile("m2_sd_25"));
     packets[200][1] |= 0x80;
@@ -196,7 +228,7 @@ TEST(NormalizeProgram, TellsWhatWasWrongWithTheSource) {
     ASSERT_EQ(job.run(), 0) << job.log();
     EXPECT_EQ(brokenCounters(readPackets(job.output())), 0);
     EXPECT_THAT(job.results(),
-                HasSubstr(", 2 continuity errors in the source, 1 packets with transport errors "
+                HasSubstr(", 2 continuity errors in the source, 1 packet with transport errors "
                           "dropped, 33 bytes between packets dropped"));
     EXPECT_THAT(job.log(), HasSubstr("packet 200 dropped: transport error, PID "));
     EXPECT_THAT(job.log(), HasSubstr("continuity error of the source at packet 300: expected "));
@@ -227,7 +259,7 @@ TEST(NormalizeProgram, TellsTheServiceHowFarItIs) {
 // A file that takes long: hours of a stream, of which only the beginning takes room on the disk.
 std::string longSource(const Job& job, std::uint64_t bytes = 40'000'000'000) {
     const std::string source = job.path("long.ts");
-    write(source, readFile(streamFile("m2_sd_25")));
+    write(source, bytesOfFile(streamFile("m2_sd_25")));
     const Bytes nothing = joined(Packets(5000, nullPacket()));
     std::ofstream file(source, std::ios::binary | std::ios::app);
     for (int i = 0; i < 100; ++i)
@@ -268,7 +300,7 @@ TEST(NormalizeProgram, RunByHandItEndsWithSigterm) {
 // Killed in the middle, the file is a transport stream as far as it goes.
 TEST(NormalizeProgram, KilledItLeavesWholePackets) {
     Job job("");
-    Bytes clip = readFile(streamFile("m2_hd_25"));
+    Bytes clip = bytesOfFile(streamFile("m2_hd_25"));
     const std::string source = job.path("source.ts");
     std::ofstream file(source, std::ios::binary);
     for (int i = 0; i < 60; ++i)
@@ -366,7 +398,7 @@ TEST(NormalizeProgram, NeverWritesOntoItsSource) {
     for (const char* way : {"same", "symbolic", "hard"}) {
         Job job("");
         const std::string source = job.path("source.ts");
-        const Bytes bytes = readFile(streamFile("m2_sd_25"));
+        const Bytes bytes = bytesOfFile(streamFile("m2_sd_25"));
         write(source, bytes);
         std::snprintf(job.settings.cmd.sourceFile, 260, "%s", source.c_str());
         const std::string other = job.path("other.ts");
@@ -382,7 +414,7 @@ TEST(NormalizeProgram, NeverWritesOntoItsSource) {
         EXPECT_EQ(job.run(), 1) << way;
         EXPECT_EQ(job.results(),
                   "Error: Invalid path and file combination. (the output file is the source file)");
-        EXPECT_EQ(readFile(source), bytes) << way;
+        EXPECT_EQ(bytesOfFile(source), bytes) << way;
     }
 }
 
@@ -409,7 +441,7 @@ TEST(NormalizeProgram, TakesARelativeNameInTheCaptureDirectory) {
 TEST(NormalizeProgram, EndsAtTheSizeThatTheSourceHadWhenItWasOpened) {
     Job job("");
     const std::string source = job.path("growing.ts");
-    const Bytes clip = readFile(streamFile("m2_hd_25"));
+    const Bytes clip = bytesOfFile(streamFile("m2_hd_25"));
     Bytes bytes;
     for (int i = 0; i < 20; ++i)
         bytes.insert(bytes.end(), clip.begin(), clip.end());

@@ -116,10 +116,6 @@ Packet makePacket(const PacketShape& shape, const Bytes& payload) {
     return packet;
 }
 
-Packet nullPacket() {
-    return makePacket({.pid = 0x1FFF});
-}
-
 Bytes pesWithGop(int hours, int minutes, int seconds, int frames, std::size_t stuffing) {
     Bytes pes{0, 0, 1, 0xE0, 0, 0, 0x80, 0x80, 5, 0x21, 0, 1, 0, 1};
     append(pes, {0, 0, 1, 0xB3, 0x28, 0x01, 0x68, 0x33, 0xFF, 0xFF, 0xE0, 0x18});

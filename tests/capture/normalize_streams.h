@@ -39,7 +39,6 @@ struct PacketShape {
     bool discontinuity = false;
 };
 Packet makePacket(const PacketShape& shape, const Bytes& payload = {});
-Packet nullPacket();
 // A PES packet's beginning: header with a PTS, sequence header and GOP header with this timecode at 25 frames
 // a second, an I picture.
 Bytes pesWithGop(int hours, int minutes, int seconds, int frames, std::size_t stuffing = 0);

@@ -1,6 +1,10 @@
 // PAT and PMT in a normalized stream: never further apart than 100 ms of its own time.
 #include "capture/normalize_streams.h"
 
+#include "capture/PacketSync.h"
+
+#include <algorithm>
+#include <functional>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -117,9 +121,11 @@ TEST(NormalizedTables, OfProgramsOnOnePidAreAllRepeated) {
 }
 
 TEST(NormalizedTables, AreNotAddedWhereTheSourceHasEnough) {
-    Clocked shape{.step = 5 * millisecond, .tablesAgain = true};
-    const Normalized result = normalize(stream(shape));
+    Packets source = stream({.step = 5 * millisecond, .tablesAgain = true});
+    source.erase(source.begin()); // a PCR in front of the tables
+    const Normalized result = normalize(source);
     EXPECT_EQ(result.counts.tables, 0U);
+    EXPECT_EQ(result.packets, source);
 }
 
 TEST(NormalizedTables, AreCopiesOfTheLatest) {
@@ -144,6 +150,122 @@ TEST(NormalizedTables, AreCopiesOfTheLatest) {
     EXPECT_GT(old, 20);
     EXPECT_GT(fresh, 20);
     EXPECT_LT(change, result.packets.size());
+}
+
+Packets without(Packets packets, const std::function<bool(const Packet&)>& unwanted) {
+    std::erase_if(packets, unwanted);
+    return packets;
+}
+bool isTable(const Packet& packet) {
+    return pid(packet) == 0 || pid(packet) == 0x1000;
+}
+// A stream whose first tables are missing: the next ones come 360 ms behind its beginning.
+Packets cutStream(Clocked shape = {}) {
+    shape.tablesAgain = true;
+    Packets packets = stream(shape);
+    const auto first = std::find_if(packets.begin(), packets.end(), isTable);
+    packets.erase(first, first + 2);
+    return packets;
+}
+
+// All but the tables, which may get other counters.
+void expectTheRestUnchanged(const Packets& result, const Packets& source) {
+    EXPECT_EQ(without(result, isTable), without(source, isTable));
+}
+
+TEST(NormalizedTables, StandInFrontWhereTheSourceWasCutBehindThem) {
+    for (const bool keepNulls : {false, true}) {
+        SCOPED_TRACE(keepNulls);
+        Packets source = cutStream({.nullsEach = 20});
+        source.insert(source.begin(), nullPacket());
+        const Normalized result = normalize(source, keepNulls);
+        ASSERT_GT(result.packets.size(), 2U);
+        EXPECT_EQ(pid(result.packets[0]), 0);
+        EXPECT_EQ(pid(result.packets[1]), 0x1000);
+        EXPECT_EQ(brokenCounters(result.packets), 0);
+        EXPECT_LE(longestTableGap(result.packets, 0, 0x100), most);
+        EXPECT_LE(longestTableGap(result.packets, 0x1000, 0x100), most);
+        EXPECT_EQ(result.counts.written, result.packets.size());
+        const Packets wanted =
+            keepNulls ? source : without(source, [](const Packet& packet) { return pid(packet) == 0x1FFF; });
+        EXPECT_EQ(result.counts.tables, result.packets.size() - wanted.size());
+        expectTheRestUnchanged(result.packets, wanted);
+    }
+}
+
+TEST(NormalizedTables, StandInFrontWithoutAChangeToThoseOfTheSource) {
+    const Packets source = cutStream({.step = 5 * millisecond});
+    const Normalized result = normalize(source);
+    EXPECT_EQ(result.counts.tables, 2U);
+    EXPECT_EQ(result.counts.renumbered, 0U);
+    ASSERT_EQ(result.packets.size(), source.size() + 2);
+    EXPECT_EQ(Packets(result.packets.begin() + 2, result.packets.end()), source);
+    EXPECT_EQ(brokenCounters(result.packets), 0);
+}
+
+TEST(NormalizedTables, StandInFrontInAllTheirPacketsAndOfAllPrograms) {
+    const std::vector<Program> programs{{.descriptorBytes = 700},
+                                        {.number = 2, .pmtPid = 0x1001, .pcrPid = 0x200, .videoPid = 0x200}};
+    Packets source = stream({.programs = programs});
+    source.insert(source.begin(), makePacket({.pid = 0x100, .counter = 15}));
+    const Normalized result = normalize(source);
+    std::vector<int> first;
+    for (std::size_t i = 0; i < 6; ++i)
+        first.push_back(pid(result.packets.at(i)));
+    EXPECT_EQ(first, (std::vector{0, 0x1000, 0x1000, 0x1000, 0x1000, 0x1001}));
+    EXPECT_EQ(brokenCounters(result.packets), 0);
+}
+
+TEST(NormalizedTables, StandInFrontWhereThereIsNoClock) {
+    Packets source = StreamBuilder({.avc = true}).frames(200);
+    const auto picture =
+        std::find_if(source.begin(), source.end(), [](const Packet& packet) { return !isTable(packet); });
+    ASSERT_NE(picture, source.begin());
+    source.erase(source.begin(), picture);
+    const Normalized result = normalize(source);
+    ASSERT_EQ(result.packets.size(), source.size() + 2);
+    EXPECT_EQ(pid(result.packets[0]), 0);
+    EXPECT_EQ(pid(result.packets[1]), 0x1000);
+    EXPECT_EQ(Packets(result.packets.begin() + 2, result.packets.end()), source);
+}
+
+TEST(NormalizedTables, StandInFrontWhereTheFirstOnesAreFarBehind) {
+    Packets source = stream({.pcrCount = 200});
+    const auto begin = std::find_if(source.begin(), source.end(), isTable);
+    const Packets tables(begin, begin + 2);
+    source.erase(begin, begin + 2);
+    source.insert(source.begin() + 8000, tables.begin(), tables.end());
+    ASSERT_GT(8000 * sizeof(Packet), kestrel::capture::shapeSearchBytes);
+    for (const std::size_t chunk : {std::size_t{100'000}, SIZE_MAX}) {
+        const Normalized result = normalize(joined(source), false, chunk);
+        EXPECT_EQ(pid(result.packets.at(0)), 0);
+        EXPECT_EQ(pid(result.packets.at(1)), 0x1000);
+        EXPECT_EQ(brokenCounters(result.packets), 0);
+        EXPECT_LE(longestTableGap(result.packets, 0, 0x100), most);
+        expectTheRestUnchanged(result.packets, source);
+    }
+}
+
+TEST(NormalizedTables, AreNotAddedBehindPacketsOfOtherTables) {
+    Packets source = StreamBuilder({.avc = true}).frames(20);
+    ASSERT_TRUE(isTable(source.front()));
+    source.insert(source.begin(), {nullPacket(), makePacket({.pid = 0x11}), makePacket({.pid = 0x12})});
+    EXPECT_EQ(normalize(source, true).packets, source);
+}
+
+TEST(NormalizedTables, ThatNeverComeAreNotMadeUp) {
+    const Packets source = without(stream({.pcrCount = 1000}), isTable);
+    ASSERT_GT(source.size() * sizeof(Packet), 8'000'000U);
+    for (const bool keepNulls : {false, true}) {
+        const Normalized result = normalize(source, keepNulls);
+        EXPECT_TRUE(result.finished);
+        EXPECT_EQ(result.counts.tables, 0U);
+        EXPECT_EQ(result.packets, source);
+    }
+    // Of a PAT whose PMT never comes at least the PAT is known.
+    const Packets half = without(cutStream(), [](const Packet& packet) { return pid(packet) == 0x1000; });
+    EXPECT_EQ(pid(normalize(half).packets.at(0)), 0);
+    EXPECT_NE(pid(normalize(half).packets.at(1)), 0);
 }
 
 // A copy in the middle of a section that the source spreads over several packets would destroy it.

@@ -1,12 +1,13 @@
 #include "FileNormalizer.h"
 
 #include "CaptureDuration.h"
+#include "CountedNoun.h"
+#include "OutputNames.h"
 #include "RecordingPlan.h"
 #include "foundation/ErrorCodes.h"
 #include "foundation/Logger.h"
 
 #include <algorithm>
-#include <cinttypes>
 #include <exception>
 #include <system_error>
 
@@ -41,8 +42,8 @@ MaybeFailure FileNormalizer::start() {
     output.lockDirectory = m_plan.lockDirectory;
     if (auto failed = checkOutput(output))
         return failed;
-    LogUtil::Info(module, "Normalizing %s (%" PRIu64 " bytes) into %s, null packets %s",
-                  m_plan.source.c_str(), m_source.bytes(), m_plan.output.c_str(),
+    LogUtil::Info(module, "Normalizing %s (%s) into %s, null packets %s", absolutePath(m_plan.source).c_str(),
+                  counted(m_source.bytes(), "byte").c_str(), absolutePath(m_plan.output).c_str(),
                   m_plan.keepNulls ? "kept" : "dropped");
     try {
         m_thread = std::thread([this] { run(); });
@@ -118,7 +119,8 @@ void FileNormalizer::finish(bool whole) {
         if (m_output.isOpen()) {
             if (auto failed = m_output.close(); failed && !m_failure)
                 m_failure = failed;
-            LogUtil::Info(module, "%s closed, %" PRIu64 " bytes", m_plan.output.c_str(), m_output.bytes());
+            LogUtil::Info(module, "%s closed, %s", m_plan.output.c_str(),
+                          counted(m_output.bytes(), "byte").c_str());
         }
         publish();
         const bool some = m_output.bytes() > 0;
@@ -142,18 +144,19 @@ void FileNormalizer::finish(bool whole) {
 std::string FileNormalizer::amount() const {
     const NormalizerCounts& counts = m_normalizer.counts();
     std::string text =
-        format("%s (%" PRIu64 " frames, %.1f MB), %" PRIu64 " continuity counters renumbered, %" PRIu64
-               " null packets dropped, %" PRIu64 " packets of PAT and PMT added",
-               lengthText(m_normalizer.frames(), m_normalizer.frameRateCode()).c_str(), m_normalizer.frames(),
-               static_cast<double>(m_output.bytes()) / 1e6, counts.renumbered, counts.nulls, counts.tables);
-    const auto also = [&text](std::uint64_t count, const char* what) {
+        format("%s (%s, %.1f MB), ", lengthText(m_normalizer.frames(), m_normalizer.frameRateCode()).c_str(),
+               counted(m_normalizer.frames(), "frame").c_str(), static_cast<double>(m_output.bytes()) / 1e6) +
+        counted(counts.renumbered, "continuity counter") + " renumbered, " +
+        counted(counts.nulls, "null packet") + " dropped, " + counted(counts.tables, "packet") +
+        " of PAT and PMT added";
+    const auto also = [&text](std::uint64_t count, const char* noun, const char* what) {
         if (count != 0)
-            text += format(", %" PRIu64 " %s", count, what);
+            text.append(", ").append(counted(count, noun)).append(what);
     };
-    also(counts.continuityErrors, "continuity errors in the source");
-    also(counts.transportErrors, "packets with transport errors dropped");
-    also(counts.reserved, "packets without content dropped");
-    also(counts.strayBytes, "bytes between packets dropped");
+    also(counts.continuityErrors, "continuity error", " in the source");
+    also(counts.transportErrors, "packet", " with transport errors dropped");
+    also(counts.reserved, "packet", " without content dropped");
+    also(counts.strayBytes, "byte", " between packets dropped");
     return text;
 }
 

@@ -18,4 +18,12 @@ std::string addressText(std::uint32_t address) {
     return text;
 }
 
+sockaddr_in socketAddress(std::uint32_t address, int port) noexcept {
+    sockaddr_in result{};
+    result.sin_family = AF_INET;
+    result.sin_addr.s_addr = htonl(address);
+    result.sin_port = htons(static_cast<std::uint16_t>(port));
+    return result;
+}
+
 } // namespace kestrel::capture

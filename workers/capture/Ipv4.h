@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <netinet/in.h>
 #include <optional>
 #include <string>
 
@@ -14,5 +15,7 @@ namespace kestrel::capture {
 [[nodiscard]] constexpr bool isMulticast(std::uint32_t address) noexcept {
     return (address >> 28) == 0xE;
 }
+// As the system's calls take it.
+[[nodiscard]] sockaddr_in socketAddress(std::uint32_t address, int port) noexcept;
 
 } // namespace kestrel::capture

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cinttypes>
 #include <cstring>
+#include <utility>
 
 namespace kestrel::capture {
 namespace {
@@ -87,30 +88,47 @@ bool Normalizer::begin(bool whole) {
     m_shape = shapeOf(m_window.bytes(), whole);
     if (m_shape != SourceShape::transport)
         return false;
+    const auto more = [&](std::size_t wanted) { return !whole && m_window.bytes().size() < wanted; };
     // The programs should be known before their first packet goes on.
-    if (!whole && m_window.bytes().size() < shapeSearchBytes) {
+    if (!more(shapeSearchBytes))
+        readAhead(whole);
+    if (more(shapeSearchBytes) || (!m_read.complete() && more(mostAhead))) {
         m_shape = SourceShape::unknown;
         return false;
     }
     m_inSync = m_window.bytes().front() == ts::sync_byte;
-    readAhead();
+    followPrograms();
     return true;
 }
 
-void Normalizer::readAhead() {
+// From where it ended before.
+void Normalizer::readAhead(bool last) {
     const auto bytes = m_window.bytes();
-    bool inSync = m_inSync;
-    for (std::size_t at = 0; !m_read.complete();) {
-        const SyncStep step = nextPacket(bytes, at, inSync, true);
+    while (!m_read.complete()) {
+        const bool inSync = m_ahead == 0 ? bytes.front() == ts::sync_byte : m_inSync;
+        const SyncStep step = nextPacket(bytes, m_ahead, inSync, last);
         if (step.what == SyncStep::What::more)
             break;
-        inSync = step.what == SyncStep::What::packet;
-        const unsigned char* packet = bytes.data() + at;
-        if (inSync && m_read.carries(ts::pid(packet)) && !(packet[1] & 0x80) && !isScrambled(packet))
-            m_read.take(packet, 0);
-        at = step.next;
+        m_inSync = step.what == SyncStep::What::packet;
+        if (m_inSync)
+            lookAt(bytes.data() + m_ahead);
+        m_ahead = step.next;
     }
-    followPrograms();
+}
+
+void Normalizer::lookAt(const unsigned char* packet) {
+    const bool empty = !ts::has_payload(packet) && !ts::has_adaptation(packet);
+    if ((packet[1] & 0x80) || empty)
+        return;
+    const int number = ts::pid(packet);
+    if (!m_read.carries(number)) {
+        m_tablesLate = m_tablesLate || (number >= firstProgramPid && number != ts::null_pid);
+        return;
+    }
+    if (Pid& pid = pidOf(packet); pid.first < 0 && ts::has_payload(packet))
+        pid.first = ts::continuity_counter(packet);
+    if (!isScrambled(packet))
+        m_read.take(packet, 0);
 }
 
 void Normalizer::takePacket() {
@@ -245,6 +263,8 @@ bool Normalizer::emit(std::size_t end) {
         run = m_emitted;
         return packets.empty() || m_sink(packets);
     };
+    if (m_emitted < end && std::exchange(m_tablesLate, false) && !beginWithTables())
+        return false;
     for (; m_emitted < end; ++m_emitted) {
         const PacketWindow::Note& note = m_window.note(m_emitted);
         const Ticks period = note.time - m_emittedTime > sparse ? sparseTablePeriod : tablePeriod;
@@ -260,6 +280,23 @@ bool Normalizer::emit(std::size_t end) {
             m_written.take(packet, note.time);
     }
     return flush();
+}
+
+// All that are known, as if the source began with them: its own counters stay.
+bool Normalizer::beginWithTables() {
+    m_copies.clear();
+    m_read.copyAll(m_copies);
+    for (std::size_t i = m_copies.size(); i-- > 0;) {
+        Pid& pid = pidOf(m_copies[i].data());
+        pid.first = (pid.first - 1) & 0x0F;
+        m_copies[i][3] = static_cast<unsigned char>(0x10 | pid.first);
+        if (pid.counter < 0)
+            pid.counter = pid.first;
+        pid.inserted = true;
+    }
+    for (const Packet& copy : m_copies)
+        m_written.take(copy.data(), m_window.note(m_emitted).time);
+    return writeCopies();
 }
 
 // Those that are due at that time or were before it, in the order of time.
@@ -287,6 +324,10 @@ bool Normalizer::insertTables(Ticks now, Ticks period) {
         pid.inserted = true;
         copy[3] = static_cast<unsigned char>(0x10 | pid.counter);
     }
+    return writeCopies();
+}
+
+bool Normalizer::writeCopies() {
     m_counts.tables += m_copies.size();
     m_counts.written += m_copies.size();
     return m_copies.empty() || m_sink({m_copies.front().data(), m_copies.size() * packetSize});

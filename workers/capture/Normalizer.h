@@ -5,9 +5,9 @@
 //   are found again after bytes that are none of them;
 //   are dropped when they are null packets (unless these are to be kept), bear the transport_error_indicator
 //   or the reserved adaptation_field_control; get the timecodes of their GOP headers rebased, so that the
-//   first of a video PID is 00:00:00:00; are joined by copies of PAT and PMT where these are missing for
-//   tablePeriod of the stream's time; get continuity counters that go on without a gap (ISO/IEC
-//   13818-1, 2.4.3.3).
+//   first of a video PID is 00:00:00:00; are joined by copies of PAT and PMT in front of the first, where one
+//   of a program comes before these, and where they are missing for tablePeriod of the stream's time; get
+//   continuity counters that go on without a gap (ISO/IEC 13818-1, 2.4.3.3).
 // All else, timestamps and PCRs among it, stays as it is.
 #pragma once
 
@@ -78,6 +78,10 @@ private:
     static constexpr Ticks longestStep = 1000 * ticksPerMillisecond;
     // As many packets wait at most for the next PCR, or for the next packet of a video PID.
     static constexpr std::size_t mostHeld = 49'152;
+    // Bytes of the source's beginning that are searched for its tables.
+    static constexpr std::size_t mostAhead = 8 * 1024 * 1024;
+    // PIDs below are those of tables in all multiplexes.
+    static constexpr int firstProgramPid = 0x20;
     // Packets of tables put in, beside twice the others: no stream needs more.
     static constexpr std::uint64_t tableAllowance = 4096;
     // Video PIDs whose timecodes are rebased.
@@ -99,13 +103,15 @@ private:
         bool seen = false;
         bool wasDuplicate = false;
         int counter = -1;      // last written
+        int first = -1;        // of the source's that are to come, on a PID of tables
         bool inserted = false; // what was written last was put in
         Rebase* rebase = nullptr;
     };
 
     [[nodiscard]] bool work(bool last);
     [[nodiscard]] bool begin(bool whole);
-    void readAhead();
+    void readAhead(bool last);
+    void lookAt(const unsigned char* packet);
     void takePacket();
     [[nodiscard]] bool dropped(const unsigned char* packet);
     [[nodiscard]] bool isDuplicate(const unsigned char* packet, const Pid& pid) const noexcept;
@@ -115,7 +121,9 @@ private:
     void rewrite(Rebase& rebase, std::size_t next);
     [[nodiscard]] std::size_t settled() const noexcept;
     [[nodiscard]] bool emit(std::size_t end);
+    [[nodiscard]] bool beginWithTables();
     [[nodiscard]] bool insertTables(Ticks now, Ticks period);
+    [[nodiscard]] bool writeCopies();
     void number(unsigned char* packet, Pid& pid, const PacketWindow::Note& note);
     void releaseEmitted() noexcept;
     [[nodiscard]] Pid& pidOf(const unsigned char* packet);
@@ -128,6 +136,8 @@ private:
 
     SourceShape m_shape = SourceShape::unknown;
     bool m_inSync = false;
+    std::size_t m_ahead = 0;   // bytes that were searched for tables before the first packet was taken
+    bool m_tablesLate = false; // a packet of a program comes before them, and nothing is written yet
     PacketWindow m_window;
     std::vector<Pid> m_pids;
     std::vector<std::unique_ptr<Rebase>> m_rebases;

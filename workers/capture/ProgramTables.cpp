@@ -155,6 +155,13 @@ bool ProgramTables::isPcr(int pid) const noexcept {
     return std::find(m_pcrs.begin(), m_pcrs.end(), pid) != m_pcrs.end();
 }
 
+void ProgramTables::copyAll(std::vector<Packet>& copies) const {
+    for (const bool pat : {true, false})
+        for (const Section& section : m_sections)
+            if (carriesPat(section) == pat)
+                packetize(section, copies);
+}
+
 void ProgramTables::repeat(Ticks until, Ticks now, std::vector<Packet>& copies) {
     for (Section& section : m_sections) {
         const auto collector = m_collectors.find(section.pid);

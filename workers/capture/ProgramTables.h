@@ -45,6 +45,9 @@ public:
     [[nodiscard]] const std::vector<int>& mpeg2Videos() const noexcept { return m_videos; }
     [[nodiscard]] const std::vector<int>& pcrPids() const noexcept { return m_pcrs; }
 
+    // All sections as packets of their own, those of the PAT first (the continuity counters are 0).
+    void copyAll(std::vector<Packet>& copies) const;
+
     // The earliest time at which a section was sent last; never without any.
     [[nodiscard]] Ticks oldest() const noexcept { return m_oldest; }
     // The sections sent at `until` or before, as packets of their own (the continuity counters are 0); they
