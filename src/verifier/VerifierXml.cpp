@@ -61,8 +61,8 @@ VerifierXml::~VerifierXml() = default;
 int VerifierXml::init(const char* reportPath) {
     m_document = std::make_unique<TiXmlDocument>();
     root = TiXmlHandle(nullptr);
-    loaded = reportPath != nullptr && kestrel::parseXmlFile(reportPath, *m_document) &&
-             m_document->RootElement() != nullptr;
+    m_problem = kestrel::xmlFileProblem(reportPath == nullptr ? "" : reportPath, *m_document).value_or("");
+    loaded = m_problem.empty() && m_document->RootElement() != nullptr;
     if (!loaded)
         return 1;
     root = TiXmlHandle(m_document->RootElement());

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <memory>
+#include <string>
 #include <tinyxml.h>
 
 // A report about one transport-stream file. Texts are the report's own and live as long as the reader; what
@@ -15,6 +16,8 @@ public:
 
     // Reads the report: 0, or 1 when it cannot be read or has no root element.
     int init(const char* reportPath);
+    // Why it cannot be read, with the line where it is no XML; empty where it can.
+    [[nodiscard]] const std::string& problem() const noexcept { return m_problem; }
 
     // Whether the report was read.
     bool loaded = false;
@@ -84,4 +87,5 @@ private:
     const char* streamTypeDesc(int pid) const;
 
     std::unique_ptr<TiXmlDocument> m_document;
+    std::string m_problem;
 };

@@ -1,12 +1,12 @@
 // Which program is analysed, how far, and what is repeated without harm: on streams made packet by packet.
 #include "flowscope/Analysis.h"
+#include "foundation/Bytes.h"
 
 #include "analysed.h"
 #include "flowscope/ReportValues.h"
 #include "flowscope/Reports.h"
 #include "foundation/ScratchDir.h"
 #include "multiplex.h"
-#include "streams/gop_reader.h"
 #include "streams/stream_fixtures.h"
 #include "verifier/VerifierXml.h"
 
@@ -15,7 +15,6 @@
 
 using namespace kestrel::flowscope;
 using kestrel::test::makeStream;
-using kestrel::test::readFile;
 using kestrel::test::streamFile;
 using testing::HasSubstr;
 
@@ -207,7 +206,7 @@ TEST(Pass, WithoutADurationReadsEverything) {
 // --- packets sent twice
 
 TEST(Duplicates, AreNeitherErrorsNorLoss) {
-    const auto bytes = readFile(streamFile("m2_sd_25"));
+    const auto bytes = bytesOfFile(streamFile("m2_sd_25"));
     Bytes twice;
     for (std::size_t at = 0; at + 188 <= bytes.size(); at += 188) {
         const Bytes packet(bytes.begin() + static_cast<long>(at),
@@ -259,12 +258,12 @@ TEST(Times, OfSoundBeforeTheVideoAndBeforeTheTurnOfTheClock) {
     const char* const INPUTS = "-itsoffset 0.3 -f lavfi -i testsrc2=size=352x288:rate=25 "
                                "-f lavfi -i sine=frequency=440:sample_rate=48000 "
                                "-t 3 -threads 1 -c:v mpeg2video -c:a ac3 -b:a 192k ";
-    const Analysis plain = analysed(readFile(makeStream("audio_first", INPUTS)));
+    const Analysis plain = analysed(bytesOfFile(makeStream("audio_first", INPUTS)));
     // The clock turns at 95443.717 s: between the first sound and the first picture.
     const Analysis turned = analysed(
-        readFile(makeStream("audio_before_turn", std::string(INPUTS) + "-output_ts_offset 95442.1 ")));
-    const Analysis between =
-        analysed(readFile(makeStream("turn_between", std::string(INPUTS) + "-output_ts_offset 95442.15 ")));
+        bytesOfFile(makeStream("audio_before_turn", std::string(INPUTS) + "-output_ts_offset 95442.1 ")));
+    const Analysis between = analysed(
+        bytesOfFile(makeStream("turn_between", std::string(INPUTS) + "-output_ts_offset 95442.15 ")));
     ASSERT_TRUE(plain.audioOffsetMs());
     EXPECT_LT(*plain.audioOffsetMs(), -250);
     for (const Analysis* each : {&turned, &between}) {
@@ -310,7 +309,7 @@ TEST(Times, AnAnnouncedTimeBaseIsNoFinding) {
 TEST(Durations, AreCountedAtEveryRate) {
     for (const auto& [rate, expected] :
          {std::pair{"15", "00:00:02:06"}, {"120", "00:00:02:48"}, {"12.5", "00:00:02:04"}}) {
-        const Analysis analysis = analysed(readFile(makeStream(
+        const Analysis analysis = analysed(bytesOfFile(makeStream(
             std::string("h264_at_") + rate, std::string("-f lavfi -i testsrc2=size=352x288:rate=") + rate +
                                                 " -t 2.4 -threads 1 -c:v libx264 -preset ultrafast")));
         EXPECT_EQ(rateText(analysis.video()->format().rate()), rate);
@@ -332,7 +331,7 @@ TEST(Durations, OfAnUnknownRateAreNone) {
 
 TEST(VideoRate, IsNotThatOfTheMultiplex) {
     // Quiet pictures, then noise, in a multiplex that null packets make constant.
-    const Analysis analysis = analysed(readFile(
+    const Analysis analysis = analysed(bytesOfFile(
         makeStream("h264_vbr_in_cbr",
                    "-f lavfi -i \"testsrc2=size=352x288:rate=25,noise=alls=40:allf=t:enable='gt(t,2)'\" "
                    "-t 4 -threads 1 -c:v libx264 -preset ultrafast -crf 28 -muxrate 12M")));

@@ -3,8 +3,9 @@
 #include "flowscope/Analysis.h"
 #include "flowscope/ReportValues.h"
 #include "flowscope/Reports.h"
+#include "foundation/Bytes.h"
 #include "mpeg/ts_maker.h"
-#include "streams/gop_reader.h"
+#include "multiplex.h"
 #include "streams/stream_fixtures.h"
 
 #include <algorithm>
@@ -23,7 +24,7 @@ int pidOf(const std::vector<unsigned char>& bytes, std::size_t packet) {
 }
 
 TEST(FindingsOnStreams, AGapIsFoundWhereFramesAreMissing) {
-    const auto bytes = readFile(streamFile("m2_sd_25"));
+    const auto bytes = bytesOfFile(streamFile("m2_sd_25"));
     // All of the video between two PES packets a second apart, counters going on.
     std::vector<unsigned char> cut;
     int starts = 0;
@@ -57,7 +58,7 @@ TEST(FindingsOnStreams, AGapIsFoundWhereFramesAreMissing) {
 }
 
 TEST(FindingsOnStreams, TimeThatRunsBackwardsIsFound) {
-    const auto bytes = readFile(streamFile("m2_sd_25"));
+    const auto bytes = bytesOfFile(streamFile("m2_sd_25"));
     std::vector<unsigned char> twice = bytes;
     twice.insert(twice.end(), bytes.begin(), bytes.end());
     const auto analysis = analysed(twice);
@@ -73,7 +74,7 @@ TEST(FindingsOnStreams, OfSeveralProgramsTheFirstWithVideoIsTheAsset) {
                    "-f lavfi -i sine=frequency=300 -f lavfi -i testsrc2=size=352x288:rate=25 " TONE
                    "-t 2 -threads 1 -map 0 -map 1 -map 2 -c:v mpeg2video -c:a mp2 -program title=radio:st=0 "
                    "-program title=tv:st=1:st=2");
-    const auto analysis = analysed(readFile(file));
+    const auto analysis = analysed(bytesOfFile(file));
     ASSERT_EQ(analysis.programs().size(), 2U);
     ASSERT_NE(analysis.asset(), nullptr);
     EXPECT_EQ(analysis.asset()->number, 2);
@@ -87,7 +88,7 @@ TEST(FindingsOnStreams, NullPacketsOfAConstantMultiplexAreSharedOut) {
     const std::string file =
         makeStream("padded", "-f lavfi -i testsrc2=size=352x288:rate=25 " TONE
                              "-t 3 -threads 1 -c:v mpeg2video -b:v 1500k -c:a ac3 -b:a 192k -muxrate 4M");
-    const auto analysis = analysed(readFile(file));
+    const auto analysis = analysed(bytesOfFile(file));
     EXPECT_GT(analysis.nullPackets(), analysis.packets() / 5);
     EXPECT_LT(analysis.pcrJitterUs().value_or(1e9), 50) << "ffmpeg's own rounding of packets to the rate";
     EXPECT_NEAR(analysis.muxBitsPerSecond() / 4e6, 1, 0.02);
@@ -100,7 +101,7 @@ TEST(FindingsOnStreams, JitterOverTheLimitIsOne) {
     const std::string file =
         makeStream("padded", "-f lavfi -i testsrc2=size=352x288:rate=25 " TONE
                              "-t 3 -threads 1 -c:v mpeg2video -b:v 1500k -c:a ac3 -b:a 192k -muxrate 4M");
-    auto bytes = readFile(file);
+    auto bytes = bytesOfFile(file);
     const auto before = analysed(bytes);
     ASSERT_TRUE(before.pcrJitterUs());
     EXPECT_LE(*before.pcrJitterUs(), 0.5);
@@ -127,7 +128,7 @@ TEST(FindingsOnStreams, JitterOverTheLimitIsOne) {
 }
 
 TEST(FindingsOnStreams, AFewNullPacketsDoNotMakeAConstantMultiplex) {
-    auto bytes = readFile(streamFile("m2_sd_25"));
+    auto bytes = bytesOfFile(streamFile("m2_sd_25"));
     std::vector<unsigned char> null(188, 0xFF);
     null[0] = 0x47;
     null[1] = 0x1F;
@@ -164,7 +165,7 @@ std::vector<unsigned char> without(const std::vector<unsigned char>& bytes, int 
 }
 
 TEST(FindingsOnStreams, AGapInTheSoundIsFoundWithItsLength) {
-    const auto bytes = readFile(streamFile("m2_sd_25"));
+    const auto bytes = bytesOfFile(streamFile("m2_sd_25"));
     const auto analysis = analysed(without(bytes, 0x101, 5, 6));
     ASSERT_EQ(analysis.findings().total(), 1U);
     EXPECT_EQ(analysis.findings().count("audio timestamps"), 1U);
@@ -173,7 +174,7 @@ TEST(FindingsOnStreams, AGapInTheSoundIsFoundWithItsLength) {
 }
 
 TEST(FindingsOnStreams, SoundThatRunsBackwardsIsFound) {
-    const auto bytes = readFile(streamFile("m2_sd_25"));
+    const auto bytes = bytesOfFile(streamFile("m2_sd_25"));
     std::vector<unsigned char> twice = bytes;
     twice.insert(twice.end(), bytes.begin(), bytes.end());
     const auto analysis = analysed(twice);
@@ -186,7 +187,7 @@ TEST(FindingsOnStreams, SoundThatRunsBackwardsIsFound) {
 }
 
 TEST(FindingsOnStreams, BytesThatAreNoFrameAreFoundInTheSound) {
-    auto bytes = readFile(streamFile("m2_sd_25"));
+    auto bytes = bytesOfFile(streamFile("m2_sd_25"));
     int starts = 0;
     for (std::size_t at = 0; at < bytes.size(); at += 188)
         if (pidOf(bytes, at / 188) == 0x101 && (bytes[at + 1] & 0x40) != 0 && ++starts == 4) {
@@ -205,7 +206,7 @@ TEST(FindingsOnStreams, BytesThatAreNoFrameAreFoundInTheSound) {
 
 TEST(FindingsOnStreams, EachIsToldWithPacketAndPid) {
     // A file twice, with damage in it.
-    auto bytes = readFile(streamFile("m2_sd_25"));
+    auto bytes = bytesOfFile(streamFile("m2_sd_25"));
     bytes[188 * 700] = 0x46;
     bytes[188 * 500 + 1] |= 0x80;
     const std::vector<unsigned char> once = bytes;
@@ -219,7 +220,7 @@ TEST(FindingsOnStreams, EachIsToldWithPacketAndPid) {
 }
 
 TEST(FindingsOnStreams, PacketsWithoutSyncByteAreFound) {
-    auto bytes = readFile(streamFile("m2_sd_25"));
+    auto bytes = bytesOfFile(streamFile("m2_sd_25"));
     bytes[188 * 700] = 0x46;
     const auto analysis = analysed(bytes);
     ASSERT_EQ(analysis.findings().count("sync"), 1U);
@@ -228,7 +229,7 @@ TEST(FindingsOnStreams, PacketsWithoutSyncByteAreFound) {
 }
 
 TEST(FindingsOnStreams, AreAllCountedWhereNotAllAreTold) {
-    auto bytes = readFile(streamFile("m2_sd_25"));
+    auto bytes = bytesOfFile(streamFile("m2_sd_25"));
     for (std::size_t packet = 0; packet < 400; ++packet)
         bytes[packet * 188 + 1] |= 0x80;
     const auto analysis = analysed(bytes);
@@ -246,7 +247,7 @@ TEST(FindingsOnStreams, AreAllCountedWhereNotAllAreTold) {
 // --- reports
 
 TEST(Html, TellsEveryProperty) {
-    const auto analysis = analysed(readFile(streamFile("m2_delivery_pids")));
+    const auto analysis = analysed(bytesOfFile(streamFile("m2_delivery_pids")));
     const std::string html = kestrel::flowscope::htmlReport(analysis, "f");
     const auto has = [&](const std::string& name, const std::string& text) {
         EXPECT_THAT(html, testing::HasSubstr("<tr><th scope=\"row\">" + name + "</th><td>" + text));
@@ -278,7 +279,7 @@ TEST(Html, OneOfAThingIsToldAsOne) {
 }
 
 TEST(Html, PlotsTheBitRateAndTheClock) {
-    const auto analysis = analysed(readFile(streamFile("m2_sd_25")));
+    const auto analysis = analysed(bytesOfFile(streamFile("m2_sd_25")));
     const std::string html = kestrel::flowscope::htmlReport(analysis, "f");
     std::size_t plots = 0;
     for (std::size_t at = 0; (at = html.find("<polyline ", at)) != std::string::npos; ++at)
@@ -289,8 +290,78 @@ TEST(Html, PlotsTheBitRateAndTheClock) {
     EXPECT_THAT(html, testing::HasSubstr("<line class=\"limit\"")) << "the 100 ms";
 }
 
+// The right end of each plot's axis, and the first and the last time that each line shows.
+struct Axis {
+    std::string end;
+    double from;
+    double to;
+};
+
+std::vector<Axis> axes(const std::string& html) {
+    std::vector<Axis> all;
+    const std::string points = "points=\"";
+    const std::string end = "text-anchor=\"end\">";
+    for (std::size_t at = 0; (at = html.find(points, at)) != std::string::npos;) {
+        at += points.size();
+        const std::string line = html.substr(at, html.find('"', at) - at);
+        const std::size_t last = line.rfind(' ', line.size() - 2);
+        const std::size_t label = html.find(end, at) + end.size();
+        all.push_back({html.substr(label, html.find('<', label) - label), std::stod(line),
+                       std::stod(line.substr(last == std::string::npos ? 0 : last + 1))});
+    }
+    return all;
+}
+
+TEST(Html, PlotsAllOverTheSameSeconds) {
+    // The clock comes 5 s before the pictures, and two announced bases and a jump are in it.
+    Multiplex made;
+    made.association({{1, 0x100}}).map(0x100, 1, 0x101, {{0x02, 0x101}});
+    for (int i = 0; i < 50; ++i)
+        made.clock(0x101, std::int64_t{8'550'000 + i * 9000} * 300);
+    for (int i = 0; i < 500; ++i) {
+        const std::int64_t dts = 9'000'000 + i * 3600 + i / 100 * 9'000'000;
+        made.clock(0x101, (dts - 9000) * 300, i % 100 == 0 && i != 200);
+        made.pes(0x101, pesHeader(dts, dts), mpeg2Picture(i % 12 == 0 ? 1 : 2));
+        if (i % 4 == 0)
+            made.null();
+    }
+    const auto analysis = analysed(made.bytes);
+    const auto shown = axes(kestrel::flowscope::htmlReport(analysis, "f"));
+    ASSERT_GE(shown.size(), 2U);
+    const double second = (900.0 - 70) / std::stod(shown[0].end);
+    for (const Axis& axis : shown) {
+        EXPECT_EQ(axis.end, shown[0].end);
+        EXPECT_LE(axis.to, 900);
+        EXPECT_GE(axis.to, 900 - 2 * second);
+    }
+    EXPECT_NEAR(shown[0].from, 70, 0.1) << "both begin with the first picture";
+    EXPECT_NEAR(shown[1].from, 70, 0.1);
+    EXPECT_NEAR(analysis.seconds(), std::stod(shown[0].end), 1.1);
+}
+
+TEST(Html, PlotsTheJitterWhereItsStretchIs) {
+    // A constant rate of which the clock jumps in its sixth second.
+    Multiplex made;
+    made.association({{1, 0x100}}).map(0x100, 1, 0x101, {{0x02, 0x101}});
+    for (int i = 0; i < 250; ++i) {
+        const std::int64_t dts = 9'000'000 + i * 3600;
+        made.clock(0x101, (dts - 9000 + (i >= 137 ? 9'000'000 : 0)) * 300);
+        const std::size_t before = made.packets();
+        made.pes(0x101, pesHeader(dts, dts), mpeg2Picture(i % 12 == 0 ? 1 : 2, 100));
+        while (made.packets() < before + 4 + (i == 200 ? 1 : 0))
+            made.null();
+    }
+    const auto analysis = analysed(made.bytes);
+    ASSERT_TRUE(analysis.pcrJitterUs().has_value());
+    const auto shown = axes(kestrel::flowscope::htmlReport(analysis, "f"));
+    ASSERT_EQ(shown.size(), 3U);
+    const double second = (900.0 - 70) / std::stod(shown[2].end);
+    EXPECT_NEAR(shown[2].from, 70 + 5 * second, 0.1);
+    EXPECT_EQ(shown[2].end, shown[0].end);
+}
+
 TEST(Xml, TellsMoreThanTheServiceReads) {
-    const auto analysis = analysed(readFile(streamFile("m2_delivery_pids")));
+    const auto analysis = analysed(bytesOfFile(streamFile("m2_delivery_pids")));
     const std::string xml = kestrel::flowscope::xmlReport(analysis, "f");
     for (const char* each :
          {"<AudioType value=\"AC3 Audio (ATSC A/52)\" />", "<NullPacketPercent value=\"0.00\" />",

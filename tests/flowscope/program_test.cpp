@@ -1,8 +1,9 @@
 // The verifier as a process: reports, failures, messages to the service, hostile files.
 #include "capture/worker_process.h"
+#include "foundation/Bytes.h"
 #include "foundation/ProcessTree.h"
 #include "foundation/ScratchDir.h"
-#include "streams/gop_reader.h"
+#include "multiplex.h"
 #include "streams/stream_fixtures.h"
 #include "verifier/VerifierXml.h"
 
@@ -20,7 +21,6 @@
 #include <unistd.h>
 
 using capture_test::ServiceQueues;
-using kestrel::test::readFile;
 using kestrel::test::streamFile;
 using testing::HasSubstr;
 using testing::Not;
@@ -55,11 +55,11 @@ protected:
         return finish();
     }
     [[nodiscard]] std::string errors() const {
-        const auto bytes = readFile(directory.path("stderr"));
+        const auto bytes = bytesOfFile(directory.path("stderr"));
         return {bytes.begin(), bytes.end()};
     }
     [[nodiscard]] std::string report(const std::string& name) const {
-        const auto bytes = readFile(directory.path(name));
+        const auto bytes = bytesOfFile(directory.path(name));
         return {bytes.begin(), bytes.end()};
     }
     [[nodiscard]] std::size_t filesBeside() const {
@@ -69,8 +69,8 @@ protected:
         return count;
     }
     // A failure leaves no report, exits with 1, and names file and reason.
-    void fails(const std::string& file, const std::string& reason) {
-        EXPECT_EQ(run(file), 1) << file;
+    void fails(const std::string& file, const std::string& reason, std::vector<std::string> options = {}) {
+        EXPECT_EQ(run(file, std::move(options)), 1) << file;
         EXPECT_EQ(errors(), "flowScope: " + file + ": " + reason + "\n");
         EXPECT_EQ(filesBeside(), 0U) << "no report, not even a part of one";
     }
@@ -155,7 +155,7 @@ TEST_F(FlowScope, ADurationBoundsTheAnalysisInStreamTime) {
 }
 
 TEST_F(FlowScope, LostPacketsAreFoundWithNumberAndPid) {
-    std::vector<unsigned char> bytes = readFile(streamFile("m2_sd_25"));
+    std::vector<unsigned char> bytes = bytesOfFile(streamFile("m2_sd_25"));
     bytes.erase(bytes.begin() + 188 * 2000, bytes.begin() + 188 * 2001);
     const std::string file = directory.file("lost.ts", std::string(bytes.begin(), bytes.end()));
     ASSERT_EQ(run(file, {"-report_name", "r.xml"}), 0);
@@ -165,7 +165,7 @@ TEST_F(FlowScope, LostPacketsAreFoundWithNumberAndPid) {
 }
 
 TEST_F(FlowScope, TransportErrorsAndNullPacketsAreCounted) {
-    std::vector<unsigned char> bytes = readFile(streamFile("m2_sd_25"));
+    std::vector<unsigned char> bytes = bytesOfFile(streamFile("m2_sd_25"));
     bytes[188 * 500 + 1] |= 0x80;
     std::vector<unsigned char> null(188, 0xFF);
     null[0] = 0x47;
@@ -193,7 +193,7 @@ TEST_F(FlowScope, FilesThatAreNoneAreNamedWithTheirReason) {
 }
 
 TEST_F(FlowScope, PacketsOfAnotherSizeAreRecognised) {
-    const std::vector<unsigned char> bytes = readFile(streamFile("m2_sd_25"));
+    const std::vector<unsigned char> bytes = bytesOfFile(streamFile("m2_sd_25"));
     std::string stamped;
     std::string protectedPackets;
     for (std::size_t at = 0; at + 188 <= bytes.size(); at += 188) {
@@ -223,7 +223,7 @@ TEST_F(FlowScope, StreamsWithoutAProgramOrVideoFail) {
 
 TEST_F(FlowScope, AVideoWithoutPicturesFails) {
     // All packets of the video become those of another PID.
-    std::vector<unsigned char> bytes = readFile(streamFile("m2_sd_25"));
+    std::vector<unsigned char> bytes = bytesOfFile(streamFile("m2_sd_25"));
     for (std::size_t at = 0; at + 188 <= bytes.size(); at += 188)
         if ((bytes[at + 1] & 0x1F) == 0x01 && bytes[at + 2] == 0x00)
             bytes[at + 1] |= 0x02;
@@ -231,11 +231,30 @@ TEST_F(FlowScope, AVideoWithoutPicturesFails) {
           "no picture in the video of program 1, PID 256");
 }
 
+TEST_F(FlowScope, ADurationThatEndsBeforeTheFirstPictureFails) {
+    // The bytes of its first three pictures are none, so that -duration ends before the first one that is.
+    Multiplex made;
+    made.association({{1, 0x100}}).map(0x100, 1, 0x101, {{0x02, 0x101}});
+    for (int i = 0; i < 6; ++i) {
+        const std::int64_t dts = 9'000'000 + i * 45'000;
+        made.clock(0x101, (dts - 9000) * 300);
+        made.pes(0x101, pesHeader(dts, dts), i < 3 ? filler(40) : mpeg2Picture());
+    }
+    const std::string file = directory.file("late.ts", std::string(made.bytes.begin(), made.bytes.end()));
+    fails(file, "no picture in the part that was read of the video of program 1, PID 257",
+          {"-duration", "1"});
+    EXPECT_EQ(run(file, {"-duration", "2", "-report_name", "r.xml"}), 0);
+    // Nor do any come behind it: the whole file says so.
+    const std::string none =
+        directory.file("none.ts", std::string(made.bytes.begin(), made.bytes.begin() + 188 * 8));
+    std::filesystem::remove(directory.path("r.xml"));
+    fails(none, "no picture in the video of program 1, PID 257", {"-duration", "60"});
+}
+
 TEST_F(FlowScope, AReportThatCannotBeWrittenIsAFailure) {
     EXPECT_EQ(
         run(streamFile("m2_sd_25"), {"-report_dst", directory.path("no/such"), "-report_name", "r.xml"}), 1);
-    EXPECT_THAT(errors(),
-                HasSubstr("the report cannot be written to " + directory.path("no/such") + "/r.xml."));
+    EXPECT_THAT(errors(), HasSubstr("the report cannot be written to " + directory.path("no/such") + "/"));
     EXPECT_THAT(errors(), HasSubstr("No such file or directory (errno 2)"));
 }
 
@@ -261,7 +280,7 @@ TEST_F(FlowScope, TellsTheServiceThatItsCommandLineIsWrong) {
 }
 
 TEST_F(FlowScope, DamageAtTheBeginningIsAFindingAndNoRefusal) {
-    const std::vector<unsigned char> good = readFile(streamFile("m2_sd_25"));
+    const std::vector<unsigned char> good = bytesOfFile(streamFile("m2_sd_25"));
     const auto reported = [&](const std::vector<unsigned char>& bytes) {
         EXPECT_EQ(
             run(directory.file("in.ts", std::string(bytes.begin(), bytes.end())), {"-report_name", "r.xml"}),
@@ -284,7 +303,7 @@ TEST_F(FlowScope, DamageAtTheBeginningIsAFindingAndNoRefusal) {
 }
 
 TEST_F(FlowScope, TheFirstPacketMayBeginAnywhereInTheFirstEightKibibytes) {
-    const std::vector<unsigned char> good = readFile(streamFile("m2_sd_25"));
+    const std::vector<unsigned char> good = bytesOfFile(streamFile("m2_sd_25"));
     const auto after = [&](std::size_t bytes) {
         return directory.file("in.ts", std::string(bytes, '\x11') + std::string(good.begin(), good.end()));
     };
@@ -297,7 +316,7 @@ TEST_F(FlowScope, TheFirstPacketMayBeginAnywhereInTheFirstEightKibibytes) {
 }
 
 TEST_F(FlowScope, BytesThatShiftThePacketsCostNoMoreThanThemselves) {
-    const std::vector<unsigned char> good = readFile(streamFile("m2_sd_25"));
+    const std::vector<unsigned char> good = bytesOfFile(streamFile("m2_sd_25"));
     const auto summary = [&](std::vector<unsigned char> bytes) {
         EXPECT_EQ(
             run(directory.file("in.ts", std::string(bytes.begin(), bytes.end())), {"-report_name", "r.xml"}),
@@ -322,7 +341,7 @@ TEST_F(FlowScope, BytesThatShiftThePacketsCostNoMoreThanThemselves) {
 }
 
 TEST_F(FlowScope, AFileThatEndsWithinAPacketIsFound) {
-    const std::vector<unsigned char> good = readFile(streamFile("m2_sd_25"));
+    const std::vector<unsigned char> good = bytesOfFile(streamFile("m2_sd_25"));
     const std::size_t packets = good.size() / 188;
     for (const std::size_t missing : {1U, 88U, 186U, 187U}) {
         const std::string file =
@@ -351,7 +370,7 @@ TEST_F(FlowScope, AFileThatEndsWithinAPacketIsFound) {
 }
 
 TEST_F(FlowScope, HostileStreamsEnd) {
-    const std::vector<unsigned char> good = readFile(streamFile("m2_four_audios"));
+    const std::vector<unsigned char> good = bytesOfFile(streamFile("m2_four_audios"));
     std::mt19937 random(42);
     for (int round = 0; round < 15; ++round) {
         std::string bytes(good.begin(), good.end());
@@ -371,7 +390,7 @@ TEST_F(FlowScope, HostileStreamsEnd) {
 }
 
 TEST_F(FlowScope, ACutFileIsReadAsFarAsItGoes) {
-    const std::vector<unsigned char> good = readFile(streamFile("m2_sd_25"));
+    const std::vector<unsigned char> good = bytesOfFile(streamFile("m2_sd_25"));
     for (std::size_t length = 188 * 4; length < good.size(); length += good.size() / 9) {
         const int code =
             run(directory.file("cut.ts", std::string(good.begin(), good.begin() + static_cast<long>(length))),
@@ -419,7 +438,7 @@ TEST_F(FlowScope, ACancelMessageEndsItWithoutAReport) {
 // A file of many gigabytes that takes no room: a real beginning, and packets of zeros behind it, of which
 // none is a packet. It is read for as long as a test wants to watch.
 std::string endless(const ScratchDir& directory) {
-    const std::vector<unsigned char> good = readFile(streamFile("m2_sd_25"));
+    const std::vector<unsigned char> good = bytesOfFile(streamFile("m2_sd_25"));
     std::string path = directory.file("endless.ts", std::string(good.begin(), good.end()));
     EXPECT_EQ(truncate(path.c_str(), off_t{1} << 38), 0);
     return path;

@@ -1,10 +1,10 @@
 // Each delivery rule on real streams: one that passes it, one that fails it, from the file to the message.
 #include "flowscope/Analysis.h"
 #include "flowscope/Reports.h"
+#include "foundation/Bytes.h"
 #include "foundation/ScratchDir.h"
 #include "mpeg/ts_file.h"
 #include "mpeg/ts_maker.h"
-#include "streams/gop_reader.h"
 #include "streams/stream_fixtures.h"
 #include "verifier/VerifierJob.h"
 
@@ -81,7 +81,7 @@ std::string aligned(const ScratchDir& directory) {
                               .c_str()),
               0);
     Bytes padded;
-    const auto bytes = readFile(plain);
+    const auto bytes = bytesOfFile(plain);
     for (std::size_t i = 0; i < bytes.size(); ++i) {
         if (i + 3 < bytes.size() && bytes[i] == 0 && bytes[i + 1] == 0 && bytes[i + 2] == 1)
             while (padded.size() % 4 != 0)

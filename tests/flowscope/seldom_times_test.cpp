@@ -1,21 +1,20 @@
 // Streams that say little of when they are shown: few pictures a second, pictures before the first time,
 // sound in PES packets of seconds.
 #include "five_seconds.h"
-#include "streams/gop_reader.h"
+#include "foundation/Bytes.h"
 #include "streams/stream_fixtures.h"
 
 #include <gtest/gtest.h>
 
 using namespace kestrel::flowscope;
 using kestrel::test::makeStream;
-using kestrel::test::readFile;
 
 namespace {
 
 TEST(AFirstPicture, MayBeShownSecondsBehindItsDecoding) {
     for (const char* const rate : {"1", "1/2", "2"}) {
         const std::string name = std::string("slow_") + rate[0] + (rate[1] == 0 ? "" : "_half");
-        const Analysis analysis = analysed(readFile(
+        const Analysis analysis = analysed(bytesOfFile(
             makeStream(name, std::string("-f lavfi -i testsrc2=size=352x288:rate=") + rate +
                                  " -f lavfi -i sine=frequency=440:sample_rate=48000 -t 16 -threads 1 -c:v "
                                  "libx264 -x264-params b-adapt=0:bframes=2 -c:a ac3 -b:a 192k")));

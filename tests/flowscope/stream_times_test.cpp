@@ -4,8 +4,8 @@
 #include "flowscope/Analysis.h"
 #include "flowscope/ReportValues.h"
 #include "flowscope/Reports.h"
+#include "foundation/Bytes.h"
 #include "multiplex.h"
-#include "streams/gop_reader.h"
 #include "streams/stream_fixtures.h"
 
 #include <gmock/gmock.h>
@@ -13,7 +13,6 @@
 
 using namespace kestrel::flowscope;
 using kestrel::test::makeStream;
-using kestrel::test::readFile;
 using kestrel::test::streamFile;
 using testing::HasSubstr;
 
@@ -156,7 +155,7 @@ TEST(Times, ThatDoNotStandInEveryPacketHaveGapsAllTheSame) {
 // --- two files, one behind the other
 
 TEST(TimeThatGoesBack, GoesOnBehindItsFinding) {
-    const auto once = readFile(streamFile("m2_sd_25"));
+    const auto once = bytesOfFile(streamFile("m2_sd_25"));
     Bytes twice = once;
     twice.insert(twice.end(), once.begin(), once.end());
     const Analysis one = analysed(once);
@@ -195,7 +194,7 @@ Bytes withoutClock(const Bytes& bytes, std::size_t first) {
 }
 
 TEST(ProgramClock, ThatDoesNotComeIsFound) {
-    const Analysis analysis = analysed(withoutClock(readFile(streamFile("m2_sd_25")), 0));
+    const Analysis analysis = analysed(withoutClock(bytesOfFile(streamFile("m2_sd_25")), 0));
     expectOne(analysis, "PCR interval", "PID 256: no PCR comes");
     const std::string html = htmlReport(analysis, "f");
     EXPECT_THAT(html, HasSubstr("<th scope=\"row\">PCR</th><td>none</td>"));
@@ -205,7 +204,7 @@ TEST(ProgramClock, ThatDoesNotComeIsFound) {
 }
 
 TEST(ProgramClock, ThatStopsIsFound) {
-    const Bytes bytes = readFile(streamFile("m2_sd_25"));
+    const Bytes bytes = bytesOfFile(streamFile("m2_sd_25"));
     const Analysis analysis = analysed(withoutClock(bytes, bytes.size() / 188 * 2 / 3));
     ASSERT_EQ(analysis.findings().total(), 1U);
     EXPECT_EQ(analysis.findings().first()[0].kind, "PCR interval");
@@ -274,7 +273,7 @@ TEST(AnnouncedStreams, WithoutAFrameAreFound) {
 }
 
 TEST(AnnouncedStreams, ThatEndBeforeTheOthersAreFound) {
-    const Bytes bytes = readFile(streamFile("m2_sd_25"));
+    const Bytes bytes = bytesOfFile(streamFile("m2_sd_25"));
     const std::size_t half = bytes.size() / 188 / 2;
     const auto early = [](const Analysis& analysis, int pid) {
         EXPECT_EQ(analysis.findings().count("missing stream"), 1U);
@@ -309,7 +308,7 @@ TEST(Sound, ThatIsNotLookedIntoIsReportedByPidAndKind) {
          {std::tuple{"sound_latm", "-c:a aac -mpegts_flags +latm", "AAC Audio, LATM (ISO/IEC 14496-3)"},
           {"sound_opus", "-c:a libopus", "Opus Audio (private PES)"},
           {"sound_pcm", "-c:a s302m -strict -2", "PCM Audio (SMPTE 302M)"}}) {
-        const Analysis analysis = analysed(readFile(makeStream(name, std::string(PICTURES) + options)));
+        const Analysis analysis = analysed(bytesOfFile(makeStream(name, std::string(PICTURES) + options)));
         expectClean(analysis);
         ASSERT_EQ(analysis.audios().size(), 1U) << name;
         EXPECT_EQ(analysis.audios()[0].pid, 257);

@@ -72,6 +72,17 @@ TEST_F(VerifierXmlTest, AFileThatCannotBeReadIsNotLoaded) {
     EXPECT_EQ(reader->getNumAudios(), 0);
 }
 
+TEST_F(VerifierXmlTest, SaysWhyAReportCannotBeRead) {
+    EXPECT_EQ(read({}).problem(), "");
+    EXPECT_EQ(readText("<a>\n</b>").problem().substr(0, 5), "line ");
+    EXPECT_NE(VerifierXml(directory.path("no.xml").c_str()).problem(), "");
+    EXPECT_NE(VerifierXml(nullptr).problem(), "");
+    // XML without an element is no fault of its text.
+    const VerifierXml& empty = readText("<!-- -->");
+    EXPECT_FALSE(empty.loaded);
+    EXPECT_EQ(empty.problem(), "");
+}
+
 TEST_F(VerifierXmlTest, InitTellsAndCanReadAnother) {
     VerifierXml& report = readText("nothing");
     EXPECT_EQ(report.init(directory.path("missing.xml").c_str()), 1);

@@ -150,6 +150,8 @@ void Analysis::adopt(const Program& program, const StreamEntry& video) {
     m_atLeaps.clear();
     m_audios.clear();
     m_clock = {};
+    m_lastClock = -1;
+    m_clockAtTime = 0;
     m_leastDelay.reset();
     m_times = {};
     m_rates = {};
@@ -179,9 +181,10 @@ void Analysis::takeClock(const unsigned char* packet, int pid) {
     const auto number = static_cast<unsigned long long>(m_packets - 1);
     const std::uint64_t tooLong = m_clock.tooLong();
     const std::uint64_t jumps = m_clock.jumps();
-    m_clock.reference(pcr, static_cast<std::int64_t>(number), announced);
+    m_clock.reference(pcr, static_cast<std::int64_t>(number), announced, now());
     m_lastClockPacket = number;
     m_lastClockPid = pid;
+    m_lastClock = pcr;
     noteDelay();
     if (m_clock.tooLong() != tooLong)
         m_findings.add("PCR interval",

@@ -123,6 +123,11 @@ private:
     // audio is null for the video.
     void takeElementary(const unsigned char* packet, Audio* audio, bool lost);
     void takeVideoTimes();
+    void endVideoTimes();
+    // How far that DTS lies ahead of the latest clock reference.
+    [[nodiscard]] std::optional<std::int64_t> aheadOfClock(PTS rawDts) const;
+    // Seconds from the first decoding time to now, as far as decoding times tell, and the clock since.
+    [[nodiscard]] double now() const;
     void takeAudioTimes(Audio& audio);
     void keepAudioTime(Audio& audio, const Audio::Time& time);
     // The next time of a PES packet tells what those that are held are worth.
@@ -173,6 +178,8 @@ private:
     ClockCheck m_clock;
     unsigned long long m_lastClockPacket = 0;
     int m_lastClockPid = -1;
+    std::int64_t m_lastClock = -1; // that reference
+    double m_clockAtTime = 0;      // its seconds when the latest decoding time came
     std::optional<double> m_leastDelay;
     double m_mostDelay = 0;
     VideoTimes m_times;

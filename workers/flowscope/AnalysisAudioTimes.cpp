@@ -51,12 +51,15 @@ Audio::Time takeHeld(Audio& audio) {
 }
 
 // From time to time: step by the times, nothing where a new time base begins; counted by the frames. A time
-// that departs from the frames is followed by one that departs as far the other way where it was wrong.
+// that departs from the frames is followed by one that departs as far the other way where it was wrong; where
+// no frames are counted, the next step makes up for one that goes back by less than a leap.
 void addElapsed(Audio& audio, std::optional<double> step, double counted) {
     constexpr double AGREES = 0.02;
     const double departs = step && counted > 0 ? *step - counted : 0;
     const bool returns = std::abs(departs) > AGREES && std::abs(departs + audio.departed) <= AGREES;
-    double added = step && *step >= 0 ? *step : counted;
+    constexpr double LEAP = static_cast<double>(longLeap) / PTS::units_per_second;
+    const bool goesBack = step && *step < 0 && (counted > 0 || *step < -LEAP);
+    double added = step && !goesBack ? *step : counted;
     if (returns)
         added = counted - audio.addedTooMuch;
     audio.elapsed += added;

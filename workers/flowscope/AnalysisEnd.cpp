@@ -36,8 +36,8 @@ void Analysis::end() {
                                              program.pmtPid));
     if (m_video == nullptr)
         return;
+    endVideoTimes();
     m_video->end();
-    m_times.end(m_findings);
     m_video->assumeFrameRate(m_times.frameRate(m_video->frames()));
     tellTimecodes();
     for (Audio& each : m_audios) {

@@ -1,9 +1,24 @@
 // What the times of the video's PES packets tell: order, gaps, durations.
 #include "Analysis.h"
+#include "ClockTurns.h"
 
 #include <algorithm>
 
 namespace kestrel::flowscope {
+
+std::optional<std::int64_t> Analysis::aheadOfClock(PTS rawDts) const {
+    constexpr std::int64_t TICKS = 27'000'000 / PTS::units_per_second;
+    if (m_lastClock < 0)
+        return std::nullopt;
+    const PTS clock(m_lastClock / TICKS);
+    return unwrapped(rawDts, clock) - clock;
+}
+
+double Analysis::now() const {
+    if (m_times.firstDts().is_absent())
+        return 0;
+    return m_times.decodingSeconds(m_times.latestDts()) + m_clock.elapsedSeconds() - m_clockAtTime;
+}
 
 void Analysis::takeVideoTimes() {
     const PTS rawPts = m_videoReader.pts();
@@ -12,11 +27,15 @@ void Analysis::takeVideoTimes() {
         return;
     // By either way of counting; where a frame is repeated they differ by a field.
     const VideoTrack::Position position = m_video->position();
-    const std::uint64_t fields =
-        std::max(position.shown - m_positionAtTime.shown, position.decoded - m_positionAtTime.decoded);
+    const auto [least, fields] =
+        std::minmax({position.shown - m_positionAtTime.shown, position.decoded - m_positionAtTime.decoded});
     constexpr std::uint64_t FRAME = 2; // where no picture was found since
-    const VideoTimes::Place place{m_packets - 1, m_videoPid, m_video->format().rate(),
-                                  static_cast<double>(fields == 0 ? FRAME : fields) / 2};
+    const VideoTimes::Place place{m_packets - 1,
+                                  m_videoPid,
+                                  m_video->format().rate(),
+                                  static_cast<double>(fields == 0 ? FRAME : fields) / 2,
+                                  static_cast<double>(least) / 2,
+                                  aheadOfClock(rawDts)};
     const auto end = m_times.settle(rawDts, place, m_limit.asked(), m_findings);
     const VideoTimes::Times times = m_times.continued(rawPts, rawDts, place);
     if (end && *end < m_atLeaps.size()) {
@@ -50,6 +69,16 @@ void Analysis::takeVideoTimes() {
     }
     m_rates.add(m_times.decodingSeconds(times.dts), (m_packets - m_ratedPackets) * ts::packet_size);
     m_ratedPackets = m_packets;
+    m_clockAtTime = m_clock.elapsedSeconds();
+}
+
+void Analysis::endVideoTimes() {
+    const auto end = m_times.end(m_limit.asked(), m_findings);
+    if (!end || *end >= m_atLeaps.size())
+        return;
+    *m_video = m_atLeaps[*end].video; // the picture that leapt is one too many
+    m_positionAtTime = m_atLeaps[*end].position;
+    m_full = true;
 }
 
 } // namespace kestrel::flowscope

@@ -14,7 +14,7 @@ constexpr double TICKS_PER_US = 27;
 
 } // namespace
 
-void ClockCheck::reference(std::int64_t pcr, std::int64_t packet, bool announced) {
+void ClockCheck::reference(std::int64_t pcr, std::int64_t packet, bool announced, std::optional<double> at) {
     if (m_last >= 0) {
         const std::int64_t step = (pcr - m_last + TURN) % TURN;
         if (announced || step > SECOND) {
@@ -25,13 +25,13 @@ void ClockCheck::reference(std::int64_t pcr, std::int64_t packet, bool announced
             m_elapsed += step;
             m_longest = std::max(m_longest, step);
             m_tooLong += step > LONGEST_INTERVAL ? 1 : 0;
-            m_intervals.add(static_cast<double>(m_elapsed) / SECOND, static_cast<double>(step) / 27'000);
+            m_intervals.add(at.value_or(elapsedSeconds()), static_cast<double>(step) / 27'000);
         }
     }
     m_last = pcr;
     if (m_count++ % m_every != 0)
         return;
-    m_samples.push_back({m_elapsed, packet});
+    m_samples.push_back({m_elapsed, packet, at.value_or(elapsedSeconds())});
     if (m_samples.size() < MOST_SAMPLES)
         return;
     // Every second one is dropped, so that a recording of days takes no more room.
@@ -99,7 +99,7 @@ PeakProfile ClockCheck::jitterOverTime() const {
     PeakProfile profile;
     if (constantRate())
         for (const Sample& sample : m_samples)
-            profile.add(static_cast<double>(sample.pcr - m_samples.front().pcr) / SECOND, distanceUs(sample));
+            profile.add(sample.at, distanceUs(sample));
     return profile;
 }
 

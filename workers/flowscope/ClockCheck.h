@@ -13,8 +13,9 @@ namespace kestrel::flowscope {
 class ClockCheck {
 public:
     // A reference in ticks of 27 MHz, in that packet. announced: the packet says that a new time base begins
-    // with it (2.4.3.5).
-    void reference(std::int64_t pcr, std::int64_t packet, bool announced = false);
+    // with it (2.4.3.5). at: seconds at which the plots show it, else by the references themselves.
+    void reference(std::int64_t pcr, std::int64_t packet, bool announced = false,
+                   std::optional<double> at = std::nullopt);
 
     // References so far.
     [[nodiscard]] std::uint64_t count() const noexcept { return m_count; }
@@ -49,6 +50,7 @@ private:
     struct Sample {
         std::int64_t pcr;
         std::int64_t packet;
+        double at; // in the plots
     };
     [[nodiscard]] bool constantRate() const;
     [[nodiscard]] double distanceUs(const Sample& sample) const;

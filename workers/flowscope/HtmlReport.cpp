@@ -57,13 +57,18 @@ struct Plot {
     const char* unit;
     std::vector<double> values; // one of each step
     int stepSeconds;
-    double limit = 0; // a line that the values should stay below; 0: none
+    double limit = 0;     // a line that the values should stay below; 0: none
+    std::size_t from = 0; // the first step that has a value
     // In the plot's place where there is no value.
     const char* without = "The stream is too short for a plot.";
+
+    [[nodiscard]] std::size_t seconds() const {
+        return values.size() * static_cast<std::size_t>(stepSeconds);
+    }
 };
 
-// Steps from left to right, from zero up to the largest.
-std::string drawn(const Plot& plot) {
+// Steps from left to right, from zero up to the largest; all plots of a page show the same seconds.
+std::string drawn(const Plot& plot, std::size_t seconds) {
     constexpr double WIDTH = 900;
     constexpr double HEIGHT = 220;
     constexpr double LEFT = 70;
@@ -76,10 +81,11 @@ std::string drawn(const Plot& plot) {
         std::max({*std::max_element(plot.values.begin(), plot.values.end()), plot.limit, 1e-9});
     const auto y = [&](double value) { return HEIGHT - value / most * (HEIGHT - TOP); };
     const auto x = [&](std::size_t step) {
-        return LEFT + (WIDTH - LEFT) * static_cast<double>(step) / static_cast<double>(plot.values.size());
+        const std::size_t time = step * static_cast<std::size_t>(plot.stepSeconds);
+        return LEFT + (WIDTH - LEFT) * static_cast<double>(time) / static_cast<double>(seconds);
     };
     std::string points;
-    for (std::size_t i = 0; i < plot.values.size(); ++i)
+    for (std::size_t i = plot.from; i < plot.values.size(); ++i)
         points += format("%.1f,%.1f %.1f,%.1f ", x(i), y(plot.values[i]), x(i + 1), y(plot.values[i]));
     svg += format("<svg viewBox=\"0 0 %.0f %.0f\" role=\"img\" aria-label=\"%s\">\n", WIDTH, HEIGHT + BOTTOM,
                   plot.title);
@@ -97,9 +103,14 @@ std::string drawn(const Plot& plot) {
     text(0, 16, "start", format("%.4g", most));
     text(0, HEIGHT, "start", plot.unit);
     text(LEFT, HEIGHT + 20, "start", "0 s");
-    text(WIDTH, HEIGHT + 20, "end",
-         format("%zu s", plot.values.size() * static_cast<std::size_t>(plot.stepSeconds)));
+    text(WIDTH, HEIGHT + 20, "end", format("%zu s", seconds));
     return svg + "</svg>\n";
+}
+
+// Behind those of a clock that comes late, or whose rate is constant only since it has jumped.
+std::size_t firstValue(const std::vector<double>& peaks) {
+    const auto found = std::find_if(peaks.begin(), peaks.end(), [](double each) { return each > 0; });
+    return found == peaks.end() ? 0 : static_cast<std::size_t>(found - peaks.begin());
 }
 
 std::string plots(const Analysis& analysis) {
@@ -107,15 +118,24 @@ std::string plots(const Analysis& analysis) {
     for (double& rate : megabits)
         rate /= 1e6;
     const PeakProfile& intervals = analysis.clock().intervals();
-    std::string result =
-        drawn({"Bit rate over time", "Mb/s", std::move(megabits), analysis.rates().stepSeconds()}) +
-        drawn({"Longest PCR interval over time", "ms", intervals.peaks(), intervals.stepSeconds(), 100,
-               analysis.clock().count() == 0 ? "There is no PCR." : "The stream is too short for a plot."});
-    if (!analysis.pcrJitterUs())
-        return result;
-    const PeakProfile jitter = analysis.clock().jitterOverTime();
-    return result + drawn({"PCR jitter over time", "\xC2\xB5s", jitter.peaks(), jitter.stepSeconds(),
-                           ClockCheck::jitterLimitUs});
+    std::vector<Plot> all;
+    all.push_back({"Bit rate over time", "Mb/s", std::move(megabits), analysis.rates().stepSeconds()});
+    all.push_back({"Longest PCR interval over time", "ms", intervals.peaks(), intervals.stepSeconds(), 100,
+                   firstValue(intervals.peaks())});
+    if (analysis.clock().count() == 0)
+        all.back().without = "There is no PCR.";
+    if (analysis.pcrJitterUs()) {
+        const PeakProfile jitter = analysis.clock().jitterOverTime();
+        all.push_back({"PCR jitter over time", "\xC2\xB5s", jitter.peaks(), jitter.stepSeconds(),
+                       ClockCheck::jitterLimitUs, firstValue(jitter.peaks())});
+    }
+    std::size_t seconds = 1;
+    for (const Plot& plot : all)
+        seconds = std::max(seconds, plot.seconds());
+    std::string result;
+    for (const Plot& plot : all)
+        result += drawn(plot, seconds);
+    return result;
 }
 
 void addVideo(std::string& page, const Analysis& analysis) {
@@ -128,8 +148,7 @@ void addVideo(std::string& page, const Analysis& analysis) {
         format("%dx%d, %s, %s", picture.width, picture.height, picture.aspect.c_str(),
                picture.interlaced ? "interlaced" : "progressive"));
     row(page, "Frame rate", rateText(picture.rate()));
-    row(page, "Duration",
-        durationText(analysis) + format(" (%lld frames)", static_cast<long long>(analysis.videoFrames())));
+    row(page, "Duration", durationText(analysis) + " (" + framesText(analysis) + ")");
     row(page, "Video bit rate",
         megabits(analysis.videoBitsPerSecond()) + (analysis.constantBitRate() ? ", constant" : ", variable"));
     row(page, "GOP",

@@ -3,8 +3,9 @@
 // The rule for video and sound: a time that leaps is held until others tell what it is worth. Where the next
 // one goes on from the times before, it is damaged; where the next one goes on from it, the stream has leapt.
 // Where the next agrees with neither it is held, too, and the one behind it tells: of the two the one counts
-// from which time goes on, and none where it goes on from the times before. Where it goes on from nothing but
-// all of them follow each other, pictures are shown for seconds each; else the first of the two is damaged.
+// from which time goes on, and none where it goes on from the times before. Where all of them follow each
+// other, pictures are shown for seconds each, now and then or all the time; else the first of the two is
+// damaged.
 // Of times in a new time base that is announced behind a held one nothing follows for that: it is the last of
 // its own, and like the last of a file it is damaged.
 #pragma once
@@ -71,9 +72,14 @@ inline Verdict judged(const Leap& first, const Leap* second, bool newTimeBase) n
     const bool slow = second->onWant == 0 || second->onWant >= longLeap;
     if (slow && follows(first.step) && (secondFollows || follows(first.on)))
         return Verdict::real;
+    // Pauses one behind the other: a damaged time that lies between two true ones as if it were one of them
+    // lengthens nothing.
+    const bool inOrder = secondFollows && follows(second->on);
+    if (inOrder && follows(first.step))
+        return Verdict::real;
     if (second->goesOn())
         return Verdict::damaged;
-    const bool inOneDirection = secondFollows && follows(second->on) && (first.step > 0 || second->past < 0);
+    const bool inOneDirection = inOrder && (first.step > 0 || second->past < 0);
     return first.goesOn() || inOneDirection ? Verdict::real : Verdict::damaged;
 }
 

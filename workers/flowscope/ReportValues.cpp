@@ -95,9 +95,16 @@ std::string counted(unsigned long long number, const char* thing) {
     return format("%llu %s%s", number, thing, number == 1 ? "" : "s");
 }
 
+std::string framesText(const Analysis& analysis) {
+    const auto sent = static_cast<unsigned long long>(analysis.video()->frames());
+    const auto shown = static_cast<unsigned long long>(analysis.videoFrames());
+    return sent == shown ? counted(sent, "frame")
+                         : counted(sent, "frame") + format(" that last as long as %llu", shown);
+}
+
 std::string summary(const Analysis& analysis) {
     const VideoFormat& video = analysis.video()->format();
-    return format("%lld frames, %s, %dx%d at %s, %zu audio, ", static_cast<long long>(analysis.videoFrames()),
+    return format("%s, %s, %dx%d at %s, %zu audio, ", framesText(analysis).c_str(),
                   durationText(analysis).c_str(), video.width, video.height, rateText(video.rate()).c_str(),
                   analysis.audios().size()) +
            findingsText(analysis);

@@ -26,6 +26,9 @@ bool clean(const Analysis& analysis);
 std::string findingsText(const Analysis& analysis);
 // "1 jump", "2 jumps".
 std::string counted(unsigned long long number, const char* thing);
+// "75 frames", those in the stream; "223 frames that last as long as 225" where the duration is not theirs:
+// some are missing, or shown for longer.
+std::string framesText(const Analysis& analysis);
 // One line: "75 frames, 00:00:03:00, 720x576 at 25, 2 findings".
 std::string summary(const Analysis& analysis);
 

@@ -173,7 +173,9 @@ std::string VerifierSession::writeReport(const Analysis& analysis) const {
     const std::string text = m_options.format == "html" ? htmlReport(analysis, m_options.file)
                                                         : xmlReport(analysis, m_options.file);
     const std::string path = m_options.reportPath();
-    const std::string part = path + "." + std::to_string(getpid()) + ".part";
+    // Short, so that a report may have as long a name as a file can have.
+    const std::string part =
+        path.substr(0, path.rfind('/') + 1) + ".flowscope-" + std::to_string(getpid()) + ".part";
     const UniqueFd out(open(part.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
     if (!out.valid())
         return "the report cannot be written to " + part + ": " + errnoText(errno);

@@ -24,7 +24,7 @@ constexpr std::int64_t ROUNDED = 8 * PTS::units_per_second / 90'000;
 constexpr double MOST_FRAMES = 100'000;
 constexpr auto LONGEST_FRAME = static_cast<double>(longestFrame);
 // Frames that a decoder holds back at most (H.264, A.3.1).
-constexpr double REORDERED = 16;
+constexpr int REORDERED = 16;
 
 } // namespace
 
@@ -96,10 +96,9 @@ void VideoTimes::take(const Times& times, const Place& place, Findings& findings
 
 void VideoTimes::keep(const Times& times, const Place& place, Findings& findings) {
     const auto ticks = [](PTS time) { return static_cast<long long>(time.ticks()); };
-    const std::string where = format("packet %llu, PID %d: ", place.packet, place.pid);
     if (times.pts < times.dts)
-        findings.add("timestamps", where + format("PTS %lld lies before DTS %lld", ticks(times.rawPts),
-                                                  ticks(times.rawDts)));
+        findings.add("timestamps", format("packet %llu, PID %d: PTS %lld lies before DTS %lld", place.packet,
+                                          place.pid, ticks(times.rawPts), ticks(times.rawDts)));
     ++m_taken;
     if (m_firstDts.is_absent())
         m_firstDts = times.dts;
@@ -107,29 +106,10 @@ void VideoTimes::keep(const Times& times, const Place& place, Findings& findings
     if (m_taken == 1 || m_beganBase)
         m_first = {times, place};
     if (!m_lastDts.is_absent()) {
-        const double frames = std::exchange(m_framesHeld, 0) + place.frames;
+        const double frames = m_framesHeld + place.frames;
         const std::int64_t step = times.dts - m_lastDts;
-        const double frame = frameUnits(place.frameRate);
-        const double most = frame * (frames + GAP) + ROUNDED;
-        // Where the rate of the headers is wrong, the steps are longer all the time.
-        const double usual = static_cast<double>(m_lastStep) / m_framesOfLastStep * (frames + GAP) + ROUNDED;
-        if (times.back || step <= 0)
-            findings.add("timestamps", where + format("DTS %lld does not follow %lld", ticks(times.rawDts),
-                                                      ticks(m_lastRawDts)));
-        else if (frame > 0 && static_cast<double>(step) > std::max(most, usual)) {
-            std::string gap = where + format("a gap of %.1f frames before DTS %lld",
-                                             static_cast<double>(step) / frame, ticks(times.rawDts));
-            if (m_lastStep > 0)
-                findings.add("timestamps", gap);
-            else
-                m_gapToTell = std::move(gap);
-        }
-        // Without a step before it, the one behind it shows whether all are that long.
-        if (m_lastStep > 0) {
-            if (!m_gapToTell.empty() && step > 0 && static_cast<double>(step) <= most)
-                findings.add("timestamps", m_gapToTell);
-            m_gapToTell.clear();
-        }
+        judgeStep(times, place, frames, findings);
+        m_framesHeld = 0;
         if (step > 0) {
             if (m_steps.size() < MOST_STEPS || m_steps.contains(step))
                 ++m_steps[step];
@@ -142,7 +122,57 @@ void VideoTimes::keep(const Times& times, const Place& place, Findings& findings
     }
     m_lastDts = m_latestDts = times.dts;
     m_lastRawDts = times.rawDts;
+    m_lastPlace = place;
     keepPts(times, place, findings);
+}
+
+// From the last time to this one, behind so many frames.
+void VideoTimes::judgeStep(const Times& times, const Place& place, double frames, Findings& findings) {
+    const auto ticks = [](PTS time) { return static_cast<long long>(time.ticks()); };
+    const auto where = [&] { return format("packet %llu, PID %d: ", place.packet, place.pid); };
+    const std::int64_t step = times.dts - m_lastDts;
+    const bool behindShort = std::exchange(m_lastShort, false);
+    if (times.back || step <= 0) {
+        findings.add("timestamps", where() + format("DTS %lld does not follow %lld", ticks(times.rawDts),
+                                                    ticks(m_lastRawDts)));
+        if (m_lastStep > 0)
+            m_stepToTell.clear();
+        m_lastShort = !times.back;
+        return;
+    }
+    const auto length = static_cast<double>(step);
+    const double frame = frameUnits(place.frameRate);
+    // Where the rate of the headers is wrong, the steps are longer, or shorter, all the time.
+    const double longer = std::max(frame, m_usualStep);
+    const double shorter = m_lastStep > 0 ? std::min(frame, m_usualStep) : frame;
+    const auto atMost = [&](double each, double count) { return each * (count + GAP) + ROUNDED; };
+    // Behind a frame that is repeated a step may be a field shorter; where times were left out more than one.
+    const double least = m_framesHeld > 0 ? 0 : place.leastFrames;
+    const auto atLeast = [&](double each) { return each * (least - GAP) - ROUNDED; };
+    const bool ofHeaders = place.frameRate > 0;
+    // One time that is early is told once.
+    const bool madeUp =
+        behindShort && length > atMost(frame, frames) &&
+        length + static_cast<double>(m_lastStep) <= atMost(longer, frames + m_framesOfLastStep);
+    std::string text;
+    if (frame > 0 && length > atMost(longer, frames) && !madeUp) {
+        text = where() + format("a gap of %.1f frames before DTS %lld", length / frame, ticks(times.rawDts));
+    } else if (ofHeaders && length < atLeast(shorter)) {
+        m_lastShort = true;
+        text = where() + format("a step of %.2f frames to DTS %lld, where %.1f are sent", length / frame,
+                                ticks(times.rawDts), least);
+    }
+    if (m_lastStep > 0) {
+        // Without a step before it, the one behind it shows whether all are that long.
+        const bool usual = length <= atMost(frame, frames) && (!ofHeaders || length >= atLeast(frame));
+        if (!m_stepToTell.empty() && (usual || madeUp))
+            findings.add("timestamps", m_stepToTell);
+        m_stepToTell.clear();
+        if (!text.empty())
+            findings.add("timestamps", text);
+    } else if (!text.empty()) {
+        m_stepToTell = std::move(text);
+    }
 }
 
 int VideoTimes::outside(std::int64_t offset, const Place& place) const noexcept {
@@ -156,31 +186,36 @@ void VideoTimes::widen(PTS pts) noexcept {
     m_highestPts = m_highestPts.is_absent() ? pts : PTS(std::max<std::int64_t>(m_highestPts, pts));
 }
 
-// A damaged PTS is to be as harmless as a damaged DTS: one far from its DTS waits for another that is.
+// A damaged PTS is to be as harmless as a damaged DTS: one far from its DTS waits for another that is, or for
+// the decoding to come to it, as it does behind a pause across which pictures are reordered.
 void VideoTimes::keepPts(const Times& times, const Place& place, Findings& findings) {
     const std::int64_t offset = times.pts - times.dts;
     const int side = outside(offset, place);
-    const std::optional<Held> held = std::exchange(m_heldPts, std::nullopt);
-    // Of the first one it may be told only now that it lies no further than pictures are held back.
-    const std::int64_t before = held ? held->times.pts - held->times.dts : 0;
-    if (side == 0) {
-        if (held && outside(before, place) == 0)
+    bool borneOut = side == 0;
+    for (auto held = m_heldPts.begin(); held != m_heldPts.end();) {
+        const std::int64_t before = held->times.pts - held->times.dts;
+        const int sideBefore = outside(before, place);
+        const bool agree = held->since == 0 && side != 0 && sideBefore == side;
+        if (agree) {
+            m_leastOffset = std::min({m_leastOffset, offset, before});
+            m_mostOffset = std::max({m_mostOffset, offset, before});
+            borneOut = true;
+        }
+        // Of the first one it may be told only now that it lies no further than pictures are held back.
+        if (agree || sideBefore == 0 || (sideBefore > 0 && times.dts >= held->times.pts)) {
             widen(held->times.pts);
-        else if (held)
+        } else if (sideBefore > 0 && ++held->since < REORDERED) {
+            ++held;
+            continue;
+        } else {
             tellPts(*held, findings);
-        widen(times.pts);
-        return;
+        }
+        held = m_heldPts.erase(held);
     }
-    if (held && outside(before, place) == side) {
-        m_leastOffset = std::min({m_leastOffset, offset, before});
-        m_mostOffset = std::max({m_mostOffset, offset, before});
-        widen(held->times.pts);
+    if (borneOut)
         widen(times.pts);
-        return;
-    }
-    if (held)
-        tellPts(*held, findings);
-    m_heldPts = Held{times, place};
+    else
+        m_heldPts.push_back({{times, place}});
 }
 
 double VideoTimes::shownSeconds() const noexcept {

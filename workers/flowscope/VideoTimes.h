@@ -37,6 +37,10 @@ public:
         int pid;
         double frameRate; // 0: not known
         double frames; // that were sent since the last PES packet with a time (2.7.4), as long as they last
+        // At least so many, where that depends on the way they are counted.
+        double leastFrames = 0;
+        // How far its DTS lies ahead of the latest clock reference; nothing without one.
+        std::optional<std::int64_t> ahead = std::nullopt;
     };
 
     // The next PES packet tells what the times that are held are worth; to be called before the next two.
@@ -50,8 +54,8 @@ public:
     [[nodiscard]] Times continued(PTS rawPts, PTS rawDts, const Place& place);
     // They count, or are held. What departs from order is told to findings.
     void take(const Times& times, const Place& place, Findings& findings);
-    // No more times come.
-    void end(Findings& findings);
+    // No more times come. Where one that was held was true, and the pass was to end there: which one.
+    std::optional<std::size_t> end(std::optional<int> seconds, Findings& findings);
     // A new time base begins.
     void expectNewTimeBase() noexcept { m_newTimeBase = true; }
 
@@ -77,6 +81,9 @@ private:
         Times times;
         Place place;
     };
+    struct HeldPts : Held {
+        int since = 0; // times that have come
+    };
     [[nodiscard]] double frameUnits(double frameRate) const noexcept;
     // Of so many frames, by their rate or by the latest steps, whichever is longer.
     [[nodiscard]] std::int64_t expected(const Place& place, double frames) const noexcept;
@@ -86,8 +93,13 @@ private:
     [[nodiscard]] Leap leapOf(std::size_t index, PTS rawDts, const Place& next) const;
     void dropHeld(const char* around, Findings& findings);
     Held takeHeld();
+    // A time that was held is true; false where the pass was to end there.
+    bool keepHeld(const Held& held, std::optional<int> seconds, Findings& findings);
     [[nodiscard]] bool endsInOrder() const;
+    // Whether the clock has gone as far as the times from the one to the other; nothing without a clock.
+    [[nodiscard]] static std::optional<bool> clockAgrees(const Place& from, const Place& to) noexcept;
     void keep(const Times& times, const Place& place, Findings& findings);
+    void judgeStep(const Times& times, const Place& place, double frames, Findings& findings);
     void keepPts(const Times& times, const Place& place, Findings& findings);
     // On which side of its DTS a PTS lies too far off; 0: on none.
     [[nodiscard]] int outside(std::int64_t offset, const Place& place) const noexcept;
@@ -103,8 +115,9 @@ private:
     PTS m_highestPts{-1};
     PTS m_lastRawDts{-1};
     PTS m_latestDts{-1};
-    std::vector<Held> m_held;      // their DTS leap
-    std::optional<Held> m_heldPts; // its PTS lies far from its DTS
+    std::vector<Held> m_held;       // their DTS leap
+    std::vector<HeldPts> m_heldPts; // their PTS lie far from their DTS
+    Place m_lastPlace{};            // of the last time
     double m_framesHeld = 0;
     std::int64_t m_leastOffset = 0; // of PTS from DTS that was borne out
     std::int64_t m_mostOffset = 0;
@@ -113,7 +126,8 @@ private:
     double m_usualStep = 0;   // the shorter one of the last two, for one frame
     std::int64_t m_lastStep = 0;
     double m_framesOfLastStep = 1;
-    std::string m_gapToTell;                   // before the last time, if the next one bears it out
+    bool m_lastShort = false;                  // the last step was far shorter than its frames
+    std::string m_stepToTell;                  // to the last time, if the next one bears it out
     std::int64_t m_shift = 0;                  // of the time base since the first one
     std::optional<std::int64_t> m_shiftBefore; // time went back, the latest time
     bool m_newTimeBase = false;

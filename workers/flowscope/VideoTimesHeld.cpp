@@ -11,6 +11,13 @@ namespace kestrel::flowscope {
 
 using capture::format;
 
+namespace {
+
+// Pictures are sent as far ahead of their decoding as those before them, more or less.
+constexpr std::int64_t CLOCK_AGREES = PTS::units_per_second / 2;
+
+} // namespace
+
 Leap VideoTimes::leapOf(std::size_t index, PTS rawDts, const Place& next) const {
     double framesTo = m_framesHeld;
     double framesOn = next.frames;
@@ -43,7 +50,10 @@ std::optional<std::size_t> VideoTimes::settle(PTS rawDts, const Place& place, st
     for (std::size_t index = 0; !m_held.empty(); ++index) {
         const Leap first = leapOf(0, rawDts, place);
         const auto second = m_held.size() < mostHeld ? std::nullopt : std::optional(leapOf(1, rawDts, place));
-        const Verdict verdict = judged(first, second ? &*second : nullptr, m_newTimeBase);
+        const bool borneOut =
+            !m_newTimeBase && clockAgrees(m_lastPlace, m_held.front().place).value_or(false);
+        const Verdict verdict =
+            borneOut ? Verdict::real : judged(first, second ? &*second : nullptr, m_newTimeBase);
         if (verdict == Verdict::unclear)
             break;
         if (verdict == Verdict::damaged) {
@@ -54,22 +64,19 @@ std::optional<std::size_t> VideoTimes::settle(PTS rawDts, const Place& place, st
         // A time base that was announced since begins behind it.
         const bool announced = std::exchange(m_newTimeBase, false);
         const PTS time(m_lastDts + first.step);
-        if (m_taken == 1 && first.fromWrongFirst()) {
+        const bool wrongFirst =
+            first.fromWrongFirst() && !clockAgrees(m_first.place, held.place).value_or(false);
+        if (m_taken == 1 && wrongFirst) {
             tellWrongFirst(time, held, findings);
             beginBefore(time, held);
-        } else if (m_beganBase && first.fromWrongFirst()) {
+        } else if (m_beganBase && wrongFirst) {
             tellWrongFirst(time, held, findings);
             m_newTimeBase = true; // it begins here
         }
-        const double frames = m_framesHeld + held.place.frames;
-        const Times times = follow(held.times.rawPts, held.times.rawDts, held.place, frames, true);
+        const bool within = keepHeld(held, seconds, findings);
         m_newTimeBase = announced;
-        if (seconds && decodingSeconds(times.dts) >= *seconds) {
-            m_framesHeld = frames;
-            m_held.clear();
+        if (!within)
             return index;
-        }
-        keep(times, held.place, findings);
     }
     return std::nullopt;
 }
@@ -93,7 +100,7 @@ void VideoTimes::beginBefore(PTS dts, const Held& second) {
     const Times first = m_first.times;
     m_firstDts = m_lastDts = PTS(dts - expected(second.place, m_framesHeld + second.place.frames));
     m_lowestPts = m_highestPts = PTS();
-    m_heldPts.reset();
+    m_heldPts.clear();
     // Both of its times may be wrong, or one.
     const std::int64_t own = unwrapped(first.rawPts, m_firstDts) - m_firstDts;
     const std::int64_t both = unwrapped(first.rawPts, first.rawDts) - first.rawDts;
@@ -125,38 +132,60 @@ void VideoTimes::tellPts(const Held& held, Findings& findings) const {
                             static_cast<long long>(held.times.rawDts.ticks())));
 }
 
+std::optional<bool> VideoTimes::clockAgrees(const Place& from, const Place& to) noexcept {
+    if (!from.ahead || !to.ahead)
+        return std::nullopt;
+    return std::abs(*to.ahead - *from.ahead) <= CLOCK_AGREES;
+}
+
 // Where no rate tells how far the last times are apart, or pictures are shown for seconds, none of them is
-// wrong.
+// wrong; nor are two that follow each other where no clock speaks against it.
 bool VideoTimes::endsInOrder() const {
     if (m_held.empty())
-        return false;
-    const std::int64_t usual = expected(m_held.front().place, 1);
-    if (m_taken != 1 && (usual < longLeap || m_held.size() < mostHeld))
         return false;
     const auto timeOf = [this](const Held& held) {
         return unwrapped(shifted(held.times.rawDts, m_shift), m_lastDts);
     };
-    const PTS first = timeOf(m_held.front());
-    if (first < m_lastDts)
-        return false;
-    return m_held.size() < mostHeld ? usual == 0 : follows(timeOf(m_held.back()) - first);
+    const Held& held = m_held.front();
+    const std::int64_t usual = expected(held.place, 1);
+    const std::int64_t step = timeOf(held) - m_lastDts;
+    if (m_held.size() < mostHeld)
+        return m_taken == 1 && usual == 0 && step >= 0;
+    const bool two = step >= 0 && follows(timeOf(m_held.back()) - timeOf(held));
+    const bool slow = m_taken == 1 || usual >= longLeap;
+    return two && (slow || (follows(step) && !clockAgrees(m_lastPlace, held.place)));
 }
 
-void VideoTimes::end(Findings& findings) {
-    if (endsInOrder())
-        while (!m_held.empty()) {
-            const Held held = takeHeld();
-            keep(follow(held.times.rawPts, held.times.rawDts, held.place, m_framesHeld + held.place.frames,
-                        true),
-                 held.place, findings);
-        }
-    while (!m_held.empty())
-        dropHeld("before it", findings);
-    if (m_heldPts && m_lowestPts.is_absent())
-        widen(m_heldPts->times.pts);
-    else if (m_heldPts)
-        tellPts(*m_heldPts, findings);
-    m_heldPts.reset();
+bool VideoTimes::keepHeld(const Held& held, std::optional<int> seconds, Findings& findings) {
+    const double frames = m_framesHeld + held.place.frames;
+    const Times times = follow(held.times.rawPts, held.times.rawDts, held.place, frames, true);
+    if (seconds && decodingSeconds(times.dts) >= *seconds) {
+        m_framesHeld = frames;
+        m_held.clear();
+        return false;
+    }
+    keep(times, held.place, findings);
+    return true;
+}
+
+std::optional<std::size_t> VideoTimes::end(std::optional<int> seconds, Findings& findings) {
+    // Of the last time nothing behind it tells what it is worth, but the clock does.
+    const bool inOrder = endsInOrder();
+    std::optional<std::size_t> end;
+    for (std::size_t index = 0; !m_held.empty(); ++index) {
+        const bool real = inOrder || clockAgrees(m_lastPlace, m_held.front().place).value_or(false);
+        if (!real)
+            dropHeld("before it", findings);
+        else if (!keepHeld(takeHeld(), seconds, findings))
+            end = index;
+    }
+    for (const HeldPts& held : m_heldPts)
+        if (m_lowestPts.is_absent())
+            widen(held.times.pts);
+        else
+            tellPts(held, findings);
+    m_heldPts.clear();
+    return end;
 }
 
 } // namespace kestrel::flowscope

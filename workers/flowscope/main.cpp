@@ -7,8 +7,10 @@
 #include <cstdio>
 #include <exception>
 #include <iostream>
+#include <sys/stat.h>
 
 int main(int argc, char** argv) {
+    umask(umask(0) | 022); // a detached service has none: what is written here is for others to read only
     constexpr int usageError = 2;
     constexpr int failure = 1;
     const kestrel::flowscope::Options options = kestrel::flowscope::parseOptions(argc, argv);
