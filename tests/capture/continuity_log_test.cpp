@@ -59,7 +59,7 @@ TEST_F(ContinuityLogTest, TheNextSecondHasLinesOfItsOwn) {
     errors(continuityLinesPerSecond + 1);
     m_now += 1s;
     errors(2);
-    EXPECT_EQ(m_log.count("Encoder 1: 1 more continuity errors within that second"), 1);
+    EXPECT_EQ(m_log.count("Encoder 1: 1 more continuity error within that second"), 1);
     EXPECT_EQ(m_log.count("continuity error at packet"), continuityLinesPerSecond + 2);
     EXPECT_FALSE(m_continuity.pending());
 }

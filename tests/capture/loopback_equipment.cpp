@@ -86,7 +86,8 @@ void Equipment::run() {
             continue;
         const auto size = static_cast<std::size_t>(got);
         m_received += size;
-        if (returned + size > m_behaviour.mostBytes)
+        const bool lost = m_received > m_behaviour.lostFrom && m_received <= m_behaviour.lostTo;
+        if (lost || returned + size > m_behaviour.mostBytes)
             continue;
         returned += size;
         if (m_pipe) {
@@ -178,8 +179,14 @@ void RunningEncoder::run() {
         if (labelled && (shown > 0 || coded.front().label == m_source.firstLabel) &&
             ++shown == m_source.frames)
             m_stream.jumpTo("20:00:00:00");
-        send(coded.front().packets);
+        sendBurst(frame, coded.front().packets);
     }
+}
+
+void RunningEncoder::sendBurst(int frame, const Packets& packets) {
+    m_gathered.insert(m_gathered.end(), packets.begin(), packets.end());
+    if ((frame + 1) % m_source.burst == 0)
+        send(std::exchange(m_gathered, {}));
 }
 
 void RunningEncoder::send(const Packets& packets) {

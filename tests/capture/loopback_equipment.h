@@ -21,8 +21,10 @@ kestrel::UniqueFd boundSocket(const std::string& address, int& port);
 class Equipment {
 public:
     struct Behaviour {
-        std::string encode = {};             // ffmpeg's options; empty: returns every packet as it came
-        std::size_t mostBytes = SIZE_MAX;    // returns no more
+        std::string encode = {};          // ffmpeg's options; empty: returns every packet as it came
+        std::size_t mostBytes = SIZE_MAX; // returns no more
+        std::size_t lostFrom = SIZE_MAX;  // loses what lies between these bytes
+        std::size_t lostTo = SIZE_MAX;
         std::string address = "127.0.0.1";   // where the stream for the decoder is taken
         int port = 0;                        // likewise; 0: a free one
         std::vector<int> otherEncoders = {}; // their ports; these return it as it came
@@ -61,6 +63,7 @@ public:
         int frames = 0;
         int delay = 10; // frames from the decoder's input to the encoder's output
         int gop = 5;
+        int burst = 1; // frames that it sends at once
         // What it sends behind the last frame of the source, or instead of it where the timecodes go on.
         enum class Behind { pictures, nulls, otherRate } behind = Behind::pictures;
         // Another encoder of that port returns what is played as it comes, so much later.
@@ -79,6 +82,7 @@ public:
 private:
     void run();
     void send(const Packets& packets);
+    void sendBurst(int frame, const Packets& packets);
     void takeSource(int frame);
     void returnSource();
 
@@ -93,6 +97,7 @@ private:
     kestrel::UniqueFd m_socket;
     kestrel::UniqueFd m_out;
     kestrel::UniqueFd m_otherOut;
+    Packets m_gathered;           // frames to be sent with others
     std::vector<Played> m_played; // on its way to the other encoder
     int m_port = 0;
     std::thread m_thread;

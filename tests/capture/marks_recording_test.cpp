@@ -5,7 +5,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <span>
 
 using namespace kestrel::capture;
 using namespace capture_test;
@@ -26,6 +25,7 @@ protected:
         result.markOut = out;
         return result;
     }
+    using RecordingFixture::feed;
     void feed(Recording& r, const std::vector<CodedFrame>& frames) {
         for (const CodedFrame& frame : frames) {
             r.take(frame.packets, m_now);
@@ -537,17 +537,7 @@ TEST_F(MarksRecording, IsCompleteWhenNoVideoComesBehindMarkOut) {
         EXPECT_TRUE(r.status().markOutReached);
         EXPECT_EQ(r.state(), RecordingState::recording);
         const auto last = m_now;
-        Packet packet;
-        packet.fill(0xFF);
-        packet[0] = 0x47;
-        packet[1] = static_cast<unsigned char>(pid >> 8);
-        packet[2] = static_cast<unsigned char>(pid);
-        packet[3] = 0x10;
-        for (; r.state() == RecordingState::recording && m_now < last + 20s; m_now += 40ms) {
-            r.take(std::span(&packet, 1), m_now);
-            if (m_now >= r.deadline())
-                r.tick(m_now);
-        }
+        feed(r, packetOf(pid), 20s);
         ASSERT_EQ(r.state(), RecordingState::ended);
         EXPECT_TRUE(r.status().succeeded) << r.status().text;
         EXPECT_LE(m_now, last + 2200ms);

@@ -34,8 +34,7 @@ TEST_F(MezzanineRecording, CountsFromTheFirstFrameThatComesOfAnEncoderThatWaited
     m_now += 700ms; // on the way
     LabelledStream stream(idle());
     feed(r, stream, 80);
-    ASSERT_EQ(r.state(), RecordingState::ended);
-    EXPECT_TRUE(r.status().succeeded) << r.status().text;
+    expectRecorded(r);
     // Frames 20 (a random access point) to 49.
     EXPECT_THAT(labelsOf(readPackets(m_file), 3).front(), "00:00:00:20");
     EXPECT_THAT(labelsOf(readPackets(m_file), 3).back(), "00:00:01:24");
@@ -47,8 +46,7 @@ TEST_F(MezzanineRecording, CountsFromTheBeginOfThePlayOutWhenTheEncoderSentBefor
     LabelledStream stream(idle());
     beginRunning(r, stream, "10:00:00:00");
     feed(r, stream, 120);
-    ASSERT_EQ(r.state(), RecordingState::ended);
-    EXPECT_TRUE(r.status().succeeded) << r.status().text;
+    expectRecorded(r);
     EXPECT_THAT(r.status().text, HasSubstr(", counted from when the play-out began"));
     // 75 frames came before the begin; mark-in is the 25th since.
     EXPECT_THAT(labelsOf(readPackets(m_file), 3).front(), "00:00:04:00");
@@ -64,8 +62,7 @@ TEST_F(MezzanineRecording, FindsAMarkInAtTheVeryBeginOfThePlayOut) {
     LabelledStream stream(idle());
     beginRunning(r, stream, "10:00:00:00");
     feed(r, stream, 60);
-    ASSERT_EQ(r.state(), RecordingState::ended);
-    EXPECT_TRUE(r.status().succeeded) << r.status().text;
+    expectRecorded(r);
     EXPECT_THAT(r.status().text, HasSubstr("from 09:59:59:20 to 10:00:00:24, 5 frames before mark-in"));
 }
 
@@ -80,8 +77,7 @@ TEST_F(MezzanineRecording, DoesNotTakeTimecodesFromBeforeForTheSources) {
     beginRunning(r, stream, "10:00:00:00");
     stream.jumpTo("10:00:00:00");
     feed(r, stream, 100);
-    ASSERT_EQ(r.state(), RecordingState::ended);
-    EXPECT_TRUE(r.status().succeeded) << r.status().text;
+    expectRecorded(r);
     EXPECT_THAT(labelsOf(readPackets(m_file), 3).back(), "10:00:01:24");
 }
 
@@ -96,8 +92,7 @@ protected:
     }
     // Of the first and the last frame recorded, counted from the encoder's first.
     void expectFrames(Recording& r, int first, int last) {
-        ASSERT_EQ(r.state(), RecordingState::ended);
-        EXPECT_TRUE(r.status().succeeded) << r.status().text;
+        expectRecorded(r);
         const std::vector<std::string> own = labelsFrom(GetParam(), last + 1);
         const std::vector<std::string> labels = labelsOf(readPackets(m_file), 3);
         ASSERT_FALSE(labels.empty());
@@ -182,8 +177,7 @@ TEST_F(MezzanineRecording, FindsTheMarksByTheSourcesTimecodesThoughTheFirstFrame
             m_now += 600ms;
         stream.jumpTo("10:00:00:10");
         feed(r, stream, 80);
-        ASSERT_EQ(r.state(), RecordingState::ended);
-        EXPECT_TRUE(r.status().succeeded) << r.status().text;
+        expectRecorded(r);
         EXPECT_THAT(r.status().text, Not(HasSubstr("counted")));
         EXPECT_EQ(labelsOf(readPackets(m_file), 3).front(), "10:00:00:20");
         EXPECT_EQ(labelsOf(readPackets(m_file), 3).back(), "10:00:01:24");
@@ -206,8 +200,7 @@ TEST_F(MezzanineRecording, TakesTheTimecodeOfALongGopForTheSourcesWhenItCanBe) {
     feed(r, stream, 40);
     stream.jumpTo("10:00:00:20");
     feed(r, stream, 200);
-    ASSERT_EQ(r.state(), RecordingState::ended);
-    EXPECT_TRUE(r.status().succeeded) << r.status().text;
+    expectRecorded(r);
     EXPECT_THAT(r.status().text, Not(HasSubstr("counted")));
     EXPECT_EQ(labelsOf(readPackets(m_file), 3).front(), "10:00:00:20");
     EXPECT_EQ(labelsOf(readPackets(m_file), 3).back(), "10:00:01:24");

@@ -1,6 +1,7 @@
 #include "capture/Options.h"
 #include "capture/OutputNames.h"
 
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <vector>
 
@@ -67,6 +68,12 @@ TEST(OutputNames, RelativeNamesStandInTheDirectory) {
     EXPECT_EQ(outputPath("x/a.ts", "/media/"), "/media/x/a.ts");
     EXPECT_EQ(outputPath("/b/a.ts", "/media"), "/b/a.ts");
     EXPECT_EQ(outputPath("a.ts", ""), "a.ts");
+}
+
+TEST(OutputNames, AreToldFromTheRootOn) {
+    EXPECT_EQ(absolutePath("/b/a.ts"), "/b/a.ts");
+    EXPECT_EQ(absolutePath("x/a.ts"), (std::filesystem::current_path() / "x/a.ts").string());
+    EXPECT_EQ(absolutePath(""), "");
 }
 
 TEST(OutputNames, FurtherEncodersAndSegments) {

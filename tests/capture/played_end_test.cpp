@@ -14,16 +14,6 @@ using testing::StartsWith;
 
 namespace {
 
-Packet packetOf(int pid) {
-    Packet packet;
-    packet.fill(0xFF);
-    packet[0] = 0x47;
-    packet[1] = static_cast<unsigned char>(pid >> 8);
-    packet[2] = static_cast<unsigned char>(pid);
-    packet[3] = 0x10;
-    return packet;
-}
-
 class PlayedEnd : public PlayedRecording {
 protected:
     RecordingPlan marks(const std::string& in, const std::string& out) {
@@ -62,8 +52,7 @@ TEST_P(JumpingTimecodes, EndBehindTheLastFrameAndNotBefore) {
         feed(r, stream, 125);
         r.sourceEnded(m_now);
         feed(r, stream, 60);
-        ASSERT_EQ(r.state(), RecordingState::ended);
-        EXPECT_TRUE(r.status().succeeded) << r.status().text;
+        expectRecorded(r);
         EXPECT_THAT(labels(), Contains("10:00:04:17")) << inside;
         EXPECT_LE(fileFrames(), 118U + 10 + 8);
     }
@@ -81,9 +70,7 @@ TEST_P(JumpingTimecodes, DoNotHideThatAFrameIsMissing) {
     feed(r, stream, 40);
     r.sourceEnded(m_now);
     feed(r, stream, 60);
-    ASSERT_EQ(r.state(), RecordingState::ended);
-    EXPECT_FALSE(r.status().succeeded);
-    EXPECT_THAT(r.status().text, StartsWith("Error: 115 of 118 frames came back. Recorded "));
+    expectFailed(r, "Error: 115 of 118 frames came back. Recorded ");
 }
 
 INSTANTIATE_TEST_SUITE_P(Encoders, JumpingTimecodes,
@@ -113,8 +100,7 @@ TEST_F(PlayedEnd, OfASourceThatIsReturnedAsItIsHasTheLastFrameToo) {
     r.sourceEnded(m_now);
     stream.jumpTo("05:00:00:00");
     feed(r, stream, 60);
-    ASSERT_EQ(r.state(), RecordingState::ended);
-    EXPECT_TRUE(r.status().succeeded) << r.status().text;
+    expectRecorded(r);
     EXPECT_THAT(labels(), Contains("11:00:01:14"));
     EXPECT_LT(fileFrames(), 110U);
 }
@@ -124,9 +110,7 @@ class NoVideoBehind : public PlayedEnd, public testing::WithParamInterface<int> 
 protected:
     void expectComplete(Recording& r) {
         feed(r, packetOf(GetParam()), 30s);
-        ASSERT_EQ(r.state(), RecordingState::ended);
-        EXPECT_TRUE(r.status().succeeded) << r.status().text;
-        EXPECT_THAT(r.status().text, StartsWith("Recorded "));
+        expectRecorded(r);
     }
 };
 
@@ -208,9 +192,7 @@ TEST_P(NoVideoBehind, SaysThatFramesAreMissing) {
         feed(r, stream, byLabels ? 95 : 90);
         r.sourceEnded(m_now);
         feed(r, packetOf(GetParam()), 30s);
-        ASSERT_EQ(r.state(), RecordingState::ended);
-        EXPECT_FALSE(r.status().succeeded);
-        EXPECT_THAT(r.status().text, StartsWith("Error: 90 of 100 frames came back. Recorded "));
+        expectFailed(r, "Error: 90 of 100 frames came back. Recorded ");
     }
 }
 
@@ -230,8 +212,7 @@ protected:
         feed(r, stream, 600);
     }
     void expectComplete(Recording& r, std::size_t frames) {
-        ASSERT_EQ(r.state(), RecordingState::ended);
-        EXPECT_TRUE(r.status().succeeded) << r.status().text;
+        expectRecorded(r);
         EXPECT_EQ(fileFrames(), frames);
         EXPECT_THAT(r.status().text, Not(HasSubstr("frame rate code")));
         EXPECT_THAT(r.status().text, Not(HasSubstr("beyond")));
@@ -282,9 +263,7 @@ TEST_P(OtherRateBehind, DoesNotStandForFramesThatAreMissing) {
     feed(r, stream, 90);
     r.sourceEnded(m_now);
     goOn(r);
-    ASSERT_EQ(r.state(), RecordingState::ended);
-    EXPECT_FALSE(r.status().succeeded);
-    EXPECT_THAT(r.status().text, StartsWith("Error: 90 of 100 frames came back. Recorded "));
+    expectFailed(r, "Error: 90 of 100 frames came back. Recorded ");
 }
 
 TEST_P(OtherRateBehind, IsNotPartOfAMezzanine) {
@@ -315,10 +294,8 @@ TEST_P(OtherRateBehind, EndsAMezzanineWhoseMarkOutHasNotCome) {
     LabelledStream stream(shape);
     feed(r, stream, 50);
     goOn(r);
-    ASSERT_EQ(r.state(), RecordingState::ended);
-    EXPECT_FALSE(r.status().succeeded);
-    EXPECT_THAT(r.status().text, StartsWith("Error: Encoder profile frc " + std::to_string(GetParam()) +
-                                            " does not match source file frc 3. Recorded 00:00:01:05 (30"));
+    expectFailed(r, "Error: Encoder profile frc " + std::to_string(GetParam()) +
+                        " does not match source file frc 3. Recorded 00:00:01:05 (30");
 }
 
 INSTANTIATE_TEST_SUITE_P(Rates, OtherRateBehind, testing::Values(2, 4, 6),
@@ -341,8 +318,7 @@ TEST_F(PlayedEnd, OfAnEncoderThatIsSlowIsNotGivenUpBeforeItsTimeSinceThePlayOutB
         feed(r, stream, sourceFrames);
         r.sourceEnded(m_now);
         pass(r, 5s);
-        ASSERT_EQ(r.state(), RecordingState::ended);
-        EXPECT_TRUE(r.status().succeeded) << r.status().text;
+        expectRecorded(r);
     }
 }
 
@@ -370,8 +346,7 @@ TEST_F(PlayedEnd, AMezzanineIsBegunThoughTheEncodersIdleFormatHasAnotherRate) {
                 EXPECT_EQ(r.state(), RecordingState::waiting) << r.status().text;
                 LabelledStream stream;
                 feed(r, stream, 110);
-                ASSERT_EQ(r.state(), RecordingState::ended);
-                EXPECT_TRUE(r.status().succeeded) << r.status().text;
+                expectRecorded(r);
                 // Where frames are counted from the begin of the play-out, one second on the way counts too.
                 const bool late = !useLabels && runs;
                 EXPECT_THAT(labels(), Contains(late ? "10:00:00:24" : "10:00:01:24"));
@@ -411,8 +386,7 @@ TEST_F(PlayedEnd, AMezzanineHoldsNoMoreOfAnotherRateThanItMay) {
     EXPECT_EQ(r.state(), RecordingState::waiting);
     LabelledStream stream;
     feed(r, stream, 60);
-    ASSERT_EQ(r.state(), RecordingState::ended);
-    EXPECT_TRUE(r.status().succeeded) << r.status().text;
+    expectRecorded(r);
     EXPECT_EQ(lastLabel(), "10:00:01:24");
 }
 

@@ -6,7 +6,6 @@
 #include "capture/recording_fixture.h"
 
 #include <gtest/gtest.h>
-#include <span>
 #include <string>
 #include <vector>
 
@@ -33,6 +32,7 @@ protected:
     }
     kestrel::capture::RecordingPlan labelledPlan() { return plan("10:00:00:00", "10:00:03:24"); }
 
+    using RecordingFixture::feed;
     void feed(kestrel::capture::Recording& r, const std::vector<CodedFrame>& frames) {
         for (const CodedFrame& frame : frames) {
             r.take(frame.packets, m_now);
@@ -43,16 +43,6 @@ protected:
     }
     void feed(kestrel::capture::Recording& r, LabelledStream& stream, int count) {
         feed(r, stream.frames(count));
-    }
-    // Only this packet comes, again and again.
-    void feed(kestrel::capture::Recording& r, const Packet& packet, kestrel::capture::Clock::duration time) {
-        for (const auto end = m_now + time;
-             m_now < end && r.state() != kestrel::capture::RecordingState::ended;
-             m_now += std::chrono::milliseconds(40)) {
-            r.take(std::span(&packet, 1), m_now);
-            if (m_now >= r.deadline())
-                r.tick(m_now);
-        }
     }
     // Nothing comes.
     void pass(kestrel::capture::Recording& r, kestrel::capture::Clock::duration time) {
@@ -71,6 +61,12 @@ protected:
         feed(r, stream, 50);
         EXPECT_EQ(r.state(), kestrel::capture::RecordingState::waiting);
     }
+    // The same; then the source's first frame, of that label, is the stream's next.
+    void beginReturn(kestrel::capture::Recording& r, LabelledStream& stream, const std::string& label) {
+        beginRunning(r, stream, label);
+        stream.jumpTo(label);
+        feed(r, stream, 5); // until the GOP ends
+    }
     // Nothing comes before the source begins.
     void beginSilent(kestrel::capture::Recording& r, const std::string& label = "") {
         r.arm(m_now);
@@ -78,6 +74,16 @@ protected:
         m_begin = m_now + std::chrono::milliseconds(100);
         r.sourceBegins({label, m_begin, true, 0});
         m_now = m_begin + std::chrono::milliseconds(10);
+    }
+    // It has ended and succeeded, or failed with a text that begins so.
+    static void expectRecorded(const kestrel::capture::Recording& r) {
+        ASSERT_EQ(r.state(), kestrel::capture::RecordingState::ended);
+        EXPECT_TRUE(r.status().succeeded) << r.status().text;
+    }
+    static void expectFailed(const kestrel::capture::Recording& r, const std::string& begin) {
+        ASSERT_EQ(r.state(), kestrel::capture::RecordingState::ended);
+        EXPECT_FALSE(r.status().succeeded);
+        EXPECT_TRUE(r.status().text.starts_with(begin)) << r.status().text;
     }
     std::size_t fileFrames() { return static_cast<std::size_t>(pictures(readPackets(m_file))); }
 

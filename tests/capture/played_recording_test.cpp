@@ -42,8 +42,7 @@ TEST_P(RunningEncoder, IsRecordedFromTheFirstFramePlayedToTheLastByTheirTimecode
     feed(r, stream, 25);
     stream.jumpTo("05:00:00:00");
     feed(r, stream, 200);
-    ASSERT_EQ(r.state(), RecordingState::ended);
-    EXPECT_TRUE(r.status().succeeded);
+    expectRecorded(r);
     EXPECT_THAT(r.status().text, HasSubstr("by the source's timecodes from 10:00:00:00 to 10:00:03:24"));
     EXPECT_THAT(r.status().text, Not(HasSubstr("missing")));
     const std::size_t all = sourceFrames + encoder.before + encoder.behind;
@@ -76,8 +75,7 @@ TEST_F(PlayedRecording, BeginsWithTheGopInWhichTheFirstFrameIs) {
     feed(r, stream, 60);
     r.sourceEnded(m_now);
     feed(r, stream, 20);
-    ASSERT_EQ(r.state(), RecordingState::ended);
-    EXPECT_TRUE(r.status().succeeded);
+    expectRecorded(r);
     // Four of the ten are the source's.
     EXPECT_THAT(r.status().text, HasSubstr("from 10:00:00:00 to 10:00:03:24, 6 frames before"));
     EXPECT_EQ(fileFrames(), 106U);
@@ -91,8 +89,7 @@ TEST_F(PlayedRecording, GoesOnWhileTheDecoderIsLateByItsTimecodes) {
     feed(r, stream, 50);
     stream.jumpTo("10:00:01:20"); // five frames once more
     feed(r, stream, 120);
-    ASSERT_EQ(r.state(), RecordingState::ended);
-    EXPECT_TRUE(r.status().succeeded) << r.status().text;
+    expectRecorded(r);
     EXPECT_THAT(labelsOf(readPackets(m_file), 3).back(), "10:00:03:24");
 }
 
@@ -118,9 +115,7 @@ TEST_F(PlayedRecording, SaysThatTheLastFramesDidNotComeBack) {
     feed(r, stream, 80); // five until the GOP ends
     r.sourceEnded(m_now);
     pass(r, 10s);
-    ASSERT_EQ(r.state(), RecordingState::ended);
-    EXPECT_FALSE(r.status().succeeded);
-    EXPECT_THAT(r.status().text, StartsWith("Error: 75 of 100 frames came back. Recorded "));
+    expectFailed(r, "Error: 75 of 100 frames came back. Recorded ");
     EXPECT_THAT(r.status().text, HasSubstr("the last frame is missing"));
 }
 
@@ -135,8 +130,7 @@ protected:
         const auto ended = m_now;
         for (int i = 0; i < 1000 && r.state() != RecordingState::ended; ++i)
             feed(r, stream, 1);
-        ASSERT_EQ(r.state(), RecordingState::ended);
-        EXPECT_TRUE(r.status().succeeded) << r.status().text;
+        expectRecorded(r);
         EXPECT_GE(m_now, ended + 5s);
         EXPECT_LT(m_now, ended + 5s + 200ms);
         EXPECT_THAT(
@@ -198,8 +192,7 @@ TEST_F(PlayedRecording, OfAnEncoderThatWaitsForItHasTheSourcesFramesAndNoOther) 
             feed(r, stream, 50);
         else
             pass(r, 5s);
-        ASSERT_EQ(r.state(), RecordingState::ended);
-        EXPECT_TRUE(r.status().succeeded) << r.status().text;
+        expectRecorded(r);
         EXPECT_EQ(fileFrames(), 100U);
         EXPECT_THAT(r.status().text, Not(HasSubstr("ran before")));
     }
@@ -227,8 +220,7 @@ TEST_F(PlayedRecording, IsMeasuredInTimeAtAnotherFrameRate) {
     EXPECT_EQ(r.state(), RecordingState::recording);
     r.sourceEnded(m_now);
     feed(r, stream, 20);
-    ASSERT_EQ(r.state(), RecordingState::ended);
-    EXPECT_TRUE(r.status().succeeded) << r.status().text;
+    expectRecorded(r);
     EXPECT_EQ(fileFrames(), 200U);
     EXPECT_THAT(r.status().text, StartsWith("Recorded 00:00:04:00 (200 frames, "));
     EXPECT_THAT(r.status().text, HasSubstr(", at frame rate code 6, the source has 3"));
@@ -242,9 +234,7 @@ TEST_F(PlayedRecording, AtAnotherFrameRateIsNotCompleteWithHalfOfItsTime) {
     feed(r, stream, 110);
     r.sourceEnded(m_now);
     pass(r, 5s);
-    ASSERT_EQ(r.state(), RecordingState::ended);
-    EXPECT_FALSE(r.status().succeeded);
-    EXPECT_THAT(r.status().text, StartsWith("Error: 110 of 199 frames came back. Recorded "));
+    expectFailed(r, "Error: 110 of 199 frames came back. Recorded ");
 }
 
 // The two frames before its first that can be shown are played, but no decoder shows them.
@@ -279,11 +269,8 @@ TEST_F(PlayedRecording, FailsWhenItCannotBeginBeforeTheFirstFramePlayed) {
     r.sourceEnded(m_now);
     for (int i = 0; i < 1000 && r.state() != RecordingState::ended; ++i)
         feed(r, stream, 1);
-    ASSERT_EQ(r.state(), RecordingState::ended);
-    EXPECT_FALSE(r.status().succeeded);
-    EXPECT_THAT(r.status().text,
-                StartsWith("Error: the stream had no random access point until 4.2 s after the play-out "
-                           "began, frames of the source may be missing. Recorded "));
+    expectFailed(r, "Error: the stream had no random access point until 4.2 s after the play-out "
+                    "began, frames of the source may be missing. Recorded ");
 }
 
 TEST_F(PlayedRecording, TellsWhenItHoldsAPointWithWhichItCanBegin) {
@@ -319,8 +306,7 @@ TEST_F(PlayedRecording, RecordsWhatItHeldWhenTheStreamStops) {
     EXPECT_EQ(r.state(), RecordingState::waiting);
     r.sourceEnded(m_now);
     pass(r, 10s);
-    ASSERT_EQ(r.state(), RecordingState::ended);
-    EXPECT_TRUE(r.status().succeeded) << r.status().text;
+    expectRecorded(r);
     EXPECT_GE(fileFrames(), 110U);
 }
 

@@ -4,7 +4,9 @@
 #include "capture/Recording.h"
 #include "capture/stream_builder.h"
 
+#include <chrono>
 #include <gtest/gtest.h>
+#include <span>
 #include <string>
 
 namespace capture_test {
@@ -31,6 +33,16 @@ protected:
         kestrel::capture::Recording made(asked, kestrel::capture::Timing{}, m_now);
         EXPECT_FALSE(made.prepare());
         return made;
+    }
+    // Only this packet comes, again and again.
+    void feed(kestrel::capture::Recording& r, const Packet& packet, kestrel::capture::Clock::duration time) {
+        for (const auto end = m_now + time;
+             m_now < end && r.state() != kestrel::capture::RecordingState::ended;
+             m_now += std::chrono::milliseconds(40)) {
+            r.take(std::span(&packet, 1), m_now);
+            if (m_now >= r.deadline())
+                r.tick(m_now);
+        }
     }
 };
 

@@ -170,7 +170,7 @@ TEST_F(RecordingTest, ContinuityErrorsAreCountedAndNotFatal) {
     r.take(sent, m_now);
     r.cancel(m_now);
     EXPECT_TRUE(r.status().succeeded);
-    EXPECT_THAT(r.status().text, HasSubstr(", 1 continuity errors"));
+    EXPECT_THAT(r.status().text, HasSubstr(", 1 continuity error"));
 }
 
 TEST_F(RecordingTest, AStreamThatStopsAndComesBackGoesOnInTheSameFile) {
@@ -184,7 +184,7 @@ TEST_F(RecordingTest, AStreamThatStopsAndComesBackGoesOnInTheSameFile) {
     r.take(builder.frames(40), m_now);
     EXPECT_TRUE(r.status().succeeded);
     EXPECT_EQ(pictures(readPackets(m_file)), 50);
-    EXPECT_THAT(r.status().text, HasSubstr("stream stopped 1 times"));
+    EXPECT_THAT(r.status().text, HasSubstr("stream stopped 1 time"));
 }
 
 TEST_F(RecordingTest, ATimedCaptureWhoseStreamIsGoneEndsAfterItsDurationAndTenSeconds) {

@@ -3,7 +3,6 @@
 #include "capture/reencode_job.h"
 
 #include <algorithm>
-#include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -29,9 +28,7 @@ std::string withJump(const std::string& path, int group, const std::string& to) 
         at[4] = static_cast<unsigned char>(at[4] ^ 0x04); // one hour of the five bits behind the drop flag
     }
     EXPECT_GT(groups, group);
-    std::ofstream out(to, std::ios::binary);
-    for (const Packet& packet : packets)
-        out.write(reinterpret_cast<const char*>(packet.data()), packet.size());
+    writePackets(packets, to);
     return to;
 }
 
@@ -72,6 +69,31 @@ TEST(ReencodeEnd, IsCompleteWhenTheEncoderFallsBackToAnotherRateBehindTheLastFra
         EXPECT_THAT(job.results(), Not(HasSubstr("frame rate code")));
         EXPECT_EQ(lastLabel(job), "10:00:02:24");
     }
+}
+
+// Of the source 60 frames come back; those that follow are the encoder's own.
+TEST(ReencodeEnd, TellsFramesThatAreMissingWhenTheEncoderGoesOnInTheSameFormat) {
+    for (const bool mezzanine : {false, true}) {
+        ReencodeJob job(streamFile("m2_sd_25"),
+                        mezzanine ? CSettings::JOB_MEZZANINE : CSettings::JOB_TIMED_REENCODE);
+        job.marks("10:00:01:00", "10:00:02:24");
+        job.running({}, {.firstLabel = "10:00:00:00", .frames = 60});
+        EXPECT_EQ(job.run(), 1) << job.log();
+        EXPECT_THAT(job.results(), StartsWith(mezzanine ? "Error: Capture discontinuity."
+                                                        : "Error: 60 of 75 frames came back. Recorded "));
+        EXPECT_THAT(job.results(), HasSubstr(" to 10:00:02:09"));
+        EXPECT_THAT(labelsOf(readPackets(job.output()), 3), Contains("10:00:02:09"));
+    }
+}
+
+TEST(ReencodeEnd, IsNotCompleteWhenItIsCancelledAfterFramesWereLost) {
+    ReencodeJob job(streamFile("m2_sd_25"));
+    job.equipment({.lostFrom = 200'000, .lostTo = 260'000});
+    job.start();
+    job.waitForLog("Played 75 frames");
+    job.queues.send(CANCEL_MSG);
+    EXPECT_EQ(job.wait(std::chrono::seconds(20)), 1) << job.log();
+    EXPECT_THAT(job.results(), testing::ContainsRegex("^Error: [0-9]+ of 75 frames came back\\. Recorded "));
 }
 
 // The play-out waits nine seconds for the first one's random access point; the other is silent meanwhile.

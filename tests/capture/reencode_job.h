@@ -48,6 +48,13 @@ public:
         start();
         return wait(std::chrono::seconds(60));
     }
+    // The same with equipment that is stopped once the log has that, so that what is inside comes out.
+    int runUntil(const std::string& logged) {
+        start();
+        waitForLog(logged);
+        m_equipment->stop();
+        return wait(std::chrono::seconds(60));
+    }
     std::string output() const { return path("out/news.ts"); }
     int encoderPort = 0;
 

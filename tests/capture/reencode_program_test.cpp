@@ -43,12 +43,8 @@ TEST(Reencode, WantsNoFramesFromBeforeTheFirstRandomAccessPointOfItsSource) {
         pictureStarts += pid(packet) == 0x100 && (packet[1] & 0x40) ? 1 : 0;
         return pid(packet) == 0x100 && pictureStarts <= 4;
     });
-    const std::string source = job.path("source.ts");
-    std::ofstream out(source, std::ios::binary);
-    for (const Packet& packet : packets)
-        out.write(reinterpret_cast<const char*>(packet.data()), packet.size());
-    out.close();
-    std::snprintf(job.settings.cmd.sourceFile, sizeof job.settings.cmd.sourceFile, "%s", source.c_str());
+    writePackets(packets, job.path("source.ts"));
+    job.source(job.path("source.ts"));
     job.equipment();
     EXPECT_EQ(job.run(), 0) << job.log() << job.results();
     EXPECT_THAT(job.log(), HasSubstr("The source has 71 frames"));
@@ -70,18 +66,11 @@ TEST(Reencode, OfASourceThatBeginsWithAnOpenGopWantsTheFramesThatCanBeShown) {
         std::copy_if(packets.begin(), packets.begin() + first, std::back_inserter(cut),
                      [](const Packet& packet) { return pid(packet) == 0 || pid(packet) == 0x1000; });
         cut.insert(cut.end(), packets.begin() + first, packets.end());
-        std::ofstream out(job.path("source.ts"), std::ios::binary);
-        for (const Packet& packet : cut)
-            out.write(reinterpret_cast<const char*>(packet.data()), packet.size());
-        out.close();
+        writePackets(cut, job.path("source.ts"));
         job.source(job.path("source.ts"));
         job.settings.vtr.vitcSupport = timecodes;
-        Equipment& equipment =
-            job.equipment({.encode = "-an -c:v libx264 -preset ultrafast -g 12 -vsync passthrough"});
-        job.start();
-        job.waitForLog("Played 65 frames");
-        equipment.stop();
-        EXPECT_EQ(job.wait(std::chrono::seconds(60)), 0) << job.log() << job.results();
+        job.equipment({.encode = "-an -c:v libx264 -preset ultrafast -g 12 -vsync passthrough"});
+        EXPECT_EQ(job.runUntil("Played 65 frames"), 0) << job.log() << job.results();
         EXPECT_THAT(job.log(), HasSubstr("The first 2 of them cannot be shown"));
         EXPECT_THAT(job.results(), HasSubstr("(63 frames, "));
     }
@@ -95,7 +84,7 @@ TEST(Reencode, NeverRecordsOntoItsSource) {
         const std::string source = way == std::string("same") ? job.output() : job.path("source.ts");
         std::filesystem::copy(streamFile("m2_sd_25"), source);
         const Packets before = readPackets(source);
-        std::snprintf(job.settings.cmd.sourceFile, sizeof job.settings.cmd.sourceFile, "%s", source.c_str());
+        job.source(source);
         if (way == std::string("symbolic"))
             std::filesystem::create_symlink(source, job.output());
         if (way == std::string("hard"))
@@ -110,12 +99,8 @@ TEST(Reencode, NeverRecordsOntoItsSource) {
 
 TEST(Reencode, RecordsWhatARealEncoderMakesOfIt) {
     Job job(streamFile("m2_sd_25"));
-    Equipment& equipment =
-        job.equipment({.encode = "-an -c:v libx264 -preset ultrafast -g 12 -vsync passthrough"});
-    job.start();
-    job.waitForLog("Played 75 frames");
-    equipment.stop();
-    EXPECT_EQ(job.wait(std::chrono::seconds(60)), 0) << job.log();
+    job.equipment({.encode = "-an -c:v libx264 -preset ultrafast -g 12 -vsync passthrough"});
+    EXPECT_EQ(job.runUntil("Played 75 frames"), 0) << job.log() << job.results();
     EXPECT_THAT(job.results(), StartsWith("Recorded 00:00:03:00 (75 frames, "));
     EXPECT_EQ(kestrel::test::Ffprobe(job.output()).stream("v:0", "codec_name"), "h264");
 }
@@ -123,12 +108,8 @@ TEST(Reencode, RecordsWhatARealEncoderMakesOfIt) {
 // The source has 25 frames a second, what comes back has 50.
 TEST(Reencode, IsMeasuredInTimeWhenTheEncoderHasAnotherFrameRate) {
     Job job(streamFile("m2_sd_25"));
-    Equipment& equipment =
-        job.equipment({.encode = "-an -c:v mpeg2video -b:v 2000k -g 12 -bf 0 -s 1280x720 -r 50 -vsync cfr"});
-    job.start();
-    job.waitForLog("Played 75 frames");
-    equipment.stop();
-    EXPECT_EQ(job.wait(std::chrono::seconds(60)), 0) << job.log() << job.results();
+    job.equipment({.encode = "-an -c:v mpeg2video -b:v 2000k -g 12 -bf 0 -s 1280x720 -r 50 -vsync cfr"});
+    EXPECT_EQ(job.runUntil("Played 75 frames"), 0) << job.log() << job.results();
     EXPECT_THAT(job.results(), HasSubstr(", at frame rate code 6, the source has 3"));
     EXPECT_THAT(job.log(),
                 HasSubstr("Encoder profile frc 6 does not match source file frc 3. Measured in time."));
@@ -209,6 +190,15 @@ TEST(Reencode, PlaysToAnEncoderThatShowsNoPicturesBefore) {
     EXPECT_THAT(job.results(), StartsWith("Recorded 00:00:03:00 (75 frames, "));
 }
 
+// Its datagrams are far apart, as those of a still picture are; they are found none the less.
+TEST(Reencode, KnowsAnEncoderThatRarelySendsForOneThatSendsAllTheTime) {
+    Job job(streamFile("m2_sd_25"));
+    job.running({.gopHeaders = false}, {.frames = 75, .burst = 12});
+    EXPECT_EQ(job.run(), 0) << job.log();
+    EXPECT_THAT(job.results(), HasSubstr(", the stream ran before the play-out"));
+    EXPECT_THAT(job.results(), HasSubstr(", not known whether it is complete"));
+}
+
 // It starts up: nothing listens at its port yet.
 TEST(Reencode, SaysHowManyDatagramsTheDecoderDidNotTake) {
     Job job(streamFile("m2_sd_25"));
@@ -272,8 +262,10 @@ TEST(Reencode, SaysThatNothingComesBackAndWhereItListened) {
     Job job(streamFile("m2_sd_25"));
     job.equipment({.encode = "", .mostBytes = 0});
     EXPECT_EQ(job.run(), 1) << job.log();
-    EXPECT_EQ(job.results(), "Error: Do not see MPEG transport stream for capture at IP address 127.0.0.1:" +
-                                 std::to_string(job.encoderPort) + ".");
+    // On a busy host the play-out may have been interrupted, which is told behind it.
+    EXPECT_THAT(job.results(),
+                StartsWith("Error: Do not see MPEG transport stream for capture at IP address 127.0.0.1:" +
+                           std::to_string(job.encoderPort) + "."));
     EXPECT_FALSE(std::filesystem::exists(job.output()));
 }
 
@@ -309,6 +301,7 @@ TEST(Reencode, OfAMezzanineRecordsFromMarkInToMarkOut) {
     EXPECT_EQ(job.run(), 0) << job.log();
     EXPECT_THAT(job.results(), HasSubstr(", from 10:00:00:22 to 10:00:02:01, 3 frames before mark-in, "));
     EXPECT_THAT(job.log(), HasSubstr("Using DECODER_START_APPEND_v3.1.0.4 setting from capture.ini = 1"));
+    EXPECT_THAT(job.log(), testing::ContainsRegex("Playing from 10:00:00:00, bytes [0-9]+ to the end"));
     const auto frames = kestrel::test::Ffprobe(job.output()).packets("v:0").size();
     EXPECT_GE(frames, 25U);
     EXPECT_LT(frames, 25U + 12 + 3);
@@ -319,12 +312,8 @@ TEST(Reencode, OfAMezzanineCountsFromTheFirstFramePlayedWhenTheEncoderHasNoTimec
     Job job(streamFile("m2_sd_25"), CSettings::JOB_MEZZANINE);
     job.marks("10:00:01:00", "10:00:01:24");
     job.settings.vtr.vitcSupport = false;
-    Equipment& equipment =
-        job.equipment({.encode = "-an -c:v mpeg2video -b:v 2000k -g 12 -bf 0 -vsync passthrough"});
-    job.start();
-    job.waitForLog("Played ");
-    equipment.stop();
-    EXPECT_EQ(job.wait(std::chrono::seconds(60)), 0) << job.log();
+    job.equipment({.encode = "-an -c:v mpeg2video -b:v 2000k -g 12 -bf 0 -vsync passthrough"});
+    EXPECT_EQ(job.runUntil("Played "), 0) << job.log() << job.results();
     EXPECT_THAT(job.results(), HasSubstr(", counted from the first frame"));
     const auto frames = kestrel::test::Ffprobe(job.output()).packets("v:0").size();
     EXPECT_GE(frames, 25U);
@@ -347,12 +336,8 @@ TEST(Reencode, OfAMezzanineDoesNotTakeTheCountOfARealEncoderForTheSourcesTimecod
     job.marks("00:00:03:00", "00:00:03:24");
     job.settings.decoder.startAppend = 1;
     job.settings.decoder.endAppend = 4;
-    Equipment& equipment =
-        job.equipment({.encode = "-an -c:v mpeg2video -q:v 4 -g 12 -bf 0 -vsync passthrough"});
-    job.start();
-    job.waitForLog("Played ");
-    equipment.stop();
-    EXPECT_EQ(job.wait(std::chrono::seconds(60)), 0) << job.log() << job.results();
+    job.equipment({.encode = "-an -c:v mpeg2video -q:v 4 -g 12 -bf 0 -vsync passthrough"});
+    EXPECT_EQ(job.runUntil("Played "), 0) << job.log() << job.results();
     EXPECT_THAT(job.results(), HasSubstr(", counted from the first frame"));
     // Played from 00:00:01:23 on, the random access point before 00:00:02:00; so mark-in is its frame 27.
     const auto first = readGops(job.output(), 0x100).front();

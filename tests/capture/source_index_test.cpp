@@ -1,5 +1,6 @@
 // What a file consists of, and the part of it that marks ask for.
 #include "capture/SourceIndex.h"
+#include "capture/labelled_stream.h"
 #include "capture/normalize_streams.h"
 #include "foundation/ErrorCodes.h"
 #include "streams/ffprobe.h"
@@ -63,6 +64,40 @@ TEST(SourceIndex, KeepsOffsetsRightBehindForeignBytes) {
     }
 }
 
+TEST(SourceIndex, TellsHowLongItIsAndWhetherItIsOfOneKind) {
+    TemporaryDirectory directory;
+    const Packets slow = join(LabelledStream({.gop = 10}).frames(50));
+    const Packets fast = join(LabelledStream({.rateCode = 6, .gop = 10}).frames(50));
+    const Packets avc = join(LabelledStream({.gop = 10, .avc = true}).frames(50));
+    const auto written = [&](const Packets& first, const Packets& second) {
+        Packets all = first;
+        all.insert(all.end(), second.begin(), second.end());
+        capture_test::writePackets(all, directory.path("source.ts"));
+        return indexOf(directory.path("source.ts"));
+    };
+    const SourceIndex one = written(slow, {});
+    EXPECT_TRUE(one.uniform);
+    EXPECT_EQ(one.time, 2 * PTS::units_per_second);
+    const SourceIndex rates = written(slow, fast);
+    EXPECT_FALSE(rates.uniform);
+    EXPECT_NEAR(static_cast<double>(rates.time), 3.0 * PTS::units_per_second, 0.05 * PTS::units_per_second);
+    EXPECT_FALSE(written(slow, avc).uniform);
+}
+
+TEST(LabelledFrames, OfH264GoFromTheAccessPointItself) {
+    TemporaryDirectory directory;
+    for (const bool open : {false, true}) {
+        capture_test::writePackets(
+            join(LabelledStream({.gop = 10, .bFrames = 2, .open = open, .avc = true}).frames(50)),
+            directory.path("source.ts"));
+        const LabelledFrames found = labelledFrames(indexOf(directory.path("source.ts")));
+        EXPECT_EQ(found.hidden, open ? 2U : 0U);
+        EXPECT_EQ(found.first, open ? "10:00:00:02" : "10:00:00:00");
+        EXPECT_EQ(found.last, "10:00:01:24");
+        EXPECT_EQ(found.count, open ? 48U : 50U);
+    }
+}
+
 TEST(SourceIndex, TellsWhyAFileCannotBeRead) {
     SourceIndex index;
     const std::atomic<bool> never{false};
@@ -114,6 +149,24 @@ TEST(LabelledFrames, EndWhereTheTimecodesDoNotGoOn) {
         EXPECT_EQ(found.count, 500U);
         EXPECT_EQ(found.last, "10:00:19:24");
     }
+}
+
+// Two labels are missing, as where a file was cut: what follows counts no more from its first.
+TEST(LabelledFrames, EndWhereLabelsAreMissing) {
+    SourceIndex index = regular();
+    for (std::size_t second = 20; second < index.points.size(); ++second)
+        *index.points[second].timecode += 2;
+    EXPECT_EQ(labelledFrames(index).count, 500U);
+    // Those of H.264 are of the access point itself, before which others of its GOP may be shown.
+    for (AccessPoint& point : index.points)
+        point.exact = false;
+    EXPECT_EQ(labelledFrames(index).count, 1000U);
+}
+
+TEST(LabelledFrames, AreNoneOfASourceThatChangesItsFrameRate) {
+    SourceIndex index = regular();
+    index.uniform = false;
+    EXPECT_EQ(labelledFrames(index).count, 0U);
 }
 
 TEST(LabelledFrames, AreNoneWithoutTimecodesOrVideo) {
@@ -217,6 +270,38 @@ TEST(MarkedPart, TakesTheTimecodeOfAnOnlyGop) {
 }
 
 // The same that a re-encode names as the source's first.
+TEST(MarkedPart, HasEveryLabelWhereTheTimecodesCountFrames) {
+    SourceIndex index = regular();
+    const auto every = [&index] {
+        MarkedPart part;
+        EXPECT_FALSE(findPart(index, "10:00:10:00", "10:00:19:24", 1, 1, part));
+        return part.everyLabel;
+    };
+    EXPECT_TRUE(every());
+    index.points[30].timecode = 11 << 19 | 1 << 12; // behind the part
+    EXPECT_TRUE(every());
+    for (std::size_t second = 15; second < 30; ++second)
+        *index.points[second].timecode += 2;
+    EXPECT_FALSE(every());
+    index = regular();
+    index.points[15].timecode.reset();
+    EXPECT_FALSE(every());
+}
+
+TEST(MarkedPart, HasEveryLabelThatIsCountedWhereFramesTakeTheirTime) {
+    SourceIndex index = regular(false);
+    const auto every = [&index] {
+        MarkedPart part;
+        EXPECT_FALSE(findPart(index, "00:00:10:00", "00:00:19:24", 1, 1, part));
+        EXPECT_TRUE(part.counted);
+        return part.everyLabel;
+    };
+    index.time = 40 * PTS::units_per_second;
+    EXPECT_TRUE(every());
+    index.time = 50 * PTS::units_per_second; // as of frames of which some are shown for three fields
+    EXPECT_FALSE(every());
+}
+
 TEST(MarkedPart, DoesNotHaveFramesThatCannotBeShown) {
     SourceIndex index = regular();
     index.points.front().skipped = 2;

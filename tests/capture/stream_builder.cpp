@@ -223,6 +223,16 @@ Packets StreamBuilder::frames(int count) {
     return out;
 }
 
+Packet packetOf(int pid) {
+    Packet packet;
+    packet.fill(0xFF);
+    packet[0] = 0x47;
+    packet[1] = static_cast<unsigned char>(pid >> 8);
+    packet[2] = static_cast<unsigned char>(pid);
+    packet[3] = 0x10;
+    return packet;
+}
+
 TemporaryDirectory::TemporaryDirectory() {
     char name[] = "/tmp/capture_test_XXXXXX";
     m_path = mkdtemp(name) ? name : "";
@@ -231,6 +241,13 @@ TemporaryDirectory::TemporaryDirectory() {
 TemporaryDirectory::~TemporaryDirectory() {
     std::error_code ignored;
     std::filesystem::remove_all(m_path, ignored);
+}
+
+void writePackets(const Packets& packets, const std::string& file) {
+    std::ofstream out(file, std::ios::binary);
+    for (const Packet& packet : packets)
+        out.write(reinterpret_cast<const char*>(packet.data()), packet.size());
+    EXPECT_TRUE(out.flush()) << file;
 }
 
 std::string readText(const std::string& file) {

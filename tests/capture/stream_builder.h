@@ -50,6 +50,12 @@ private:
     std::array<int, 8192> m_counters{};
 };
 
+// A packet of that PID whose payload says nothing (0xFF throughout); a null packet.
+Packet packetOf(int pid);
+inline Packet nullPacket() {
+    return packetOf(0x1FFF);
+}
+
 // A temporary directory, removed with all that is in it.
 class TemporaryDirectory {
 public:
@@ -62,6 +68,7 @@ private:
 };
 
 Packets readPackets(const std::string& file); // fails the test when it holds anything but whole packets
+void writePackets(const Packets& packets, const std::string& file);
 std::string readText(const std::string& file);
 std::vector<std::string> filesIn(const std::string& directory); // sorted paths
 int pid(const Packet& packet);

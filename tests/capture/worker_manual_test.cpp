@@ -90,7 +90,9 @@ TEST(ManualCapture, LostPacketsAreReportedWithPacketAndPid) {
     worker.waitForLog("continuity error at packet 40: expected");
     worker.queues.send(CANCEL_MSG);
     EXPECT_EQ(worker.wait(), 0);
-    EXPECT_THAT(worker.results(), HasSubstr(", 1 continuity errors"));
+    EXPECT_THAT(worker.results(), HasSubstr(", 1 continuity error"));
+    EXPECT_THAT(worker.log(), testing::ContainsRegex("receive buffer [0-9]+ of 33554432 bytes asked for"));
+    EXPECT_THAT(worker.log(), testing::ContainsRegex("Output /"));
 }
 
 TEST(ManualCapture, ASettingsFileWithoutAJobIsRefusedClearly) {

@@ -1,5 +1,7 @@
 #include "ContinuityLog.h"
 
+#include "CountedNoun.h"
+
 #include "foundation/Logger.h"
 
 #include <cinttypes>
@@ -26,8 +28,8 @@ void ContinuityLog::tick(Clock::time_point now) {
     if (m_lines == 0 || now - m_second < std::chrono::seconds(1))
         return;
     if (m_unlogged != 0)
-        LogUtil::Error("Capture", "%s: %" PRIu64 " more continuity errors within that second", m_name.c_str(),
-                       m_unlogged);
+        LogUtil::Error("Capture", "%s: %s within that second", m_name.c_str(),
+                       counted(m_unlogged, "more continuity error").c_str());
     m_lines = 0;
     m_unlogged = 0;
 }

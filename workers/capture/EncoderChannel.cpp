@@ -1,12 +1,12 @@
 #include "EncoderChannel.h"
 
+#include "CountedNoun.h"
 #include "Ipv4.h"
 #include "WaitTime.h"
 #include "foundation/ErrorCodes.h"
 #include "foundation/Logger.h"
 
 #include <algorithm>
-#include <cinttypes>
 #include <exception>
 #include <poll.h>
 #include <system_error>
@@ -33,8 +33,8 @@ MaybeFailure EncoderChannel::open() {
         return failed;
     if (auto failed = m_receiver.open())
         return failed;
-    LogUtil::Info(module, "%s: receive buffer %d bytes, ring %zu packets", m_name.c_str(),
-                  m_receiver.bufferBytes(), m_ring.capacity());
+    LogUtil::Info(module, "%s: receive buffer %d of %d bytes asked for, ring %zu packets", m_name.c_str(),
+                  m_receiver.bufferBytes(), socketBufferBytes, m_ring.capacity());
     return std::nullopt;
 }
 
@@ -215,28 +215,29 @@ std::string EncoderChannel::losses() const {
     }
     std::string text;
     if (now.kernel > before.kernel)
-        text += format(", %" PRIu64 " datagrams lost in the receive buffer", now.kernel - before.kernel);
+        text += ", " + counted(now.kernel - before.kernel, "datagram") + " lost in the receive buffer";
     if (now.ring > before.ring)
-        text += format(", %" PRIu64 " packets lost in the ring", now.ring - before.ring);
+        text += ", " + counted(now.ring - before.ring, "packet") + " lost in the ring";
     if (now.rtp > before.rtp)
-        text += format(", %" PRIu64 " RTP datagrams missing", now.rtp - before.rtp);
+        text += ", " + counted(now.rtp - before.rtp, "RTP datagram") + " missing";
     return text;
 }
 
 void EncoderChannel::logLosses() {
     const Losses now = currentLosses();
-    const auto report = [this](std::uint64_t count, std::uint64_t before, const char* what) {
+    const auto report = [this](std::uint64_t count, std::uint64_t before, const char* noun,
+                               const char* what) {
         if (count > before)
-            LogUtil::Error(module, "%s: %" PRIu64 " %s", m_name.c_str(), count - before, what);
+            LogUtil::Error(module, "%s: %s %s", m_name.c_str(), counted(count - before, noun).c_str(), what);
     };
-    report(now.kernel, m_logged.kernel, "datagrams lost in the receive buffer");
-    report(now.ring, m_logged.ring, "packets lost: the ring was full");
-    report(now.rtp, m_logged.rtp, "RTP datagrams missing by their sequence numbers");
-    report(now.late, m_logged.late, "RTP datagrams late by their sequence numbers");
-    report(now.bad, m_logged.bad, "datagrams or packets that are no transport stream");
+    report(now.kernel, m_logged.kernel, "datagram", "lost in the receive buffer");
+    report(now.ring, m_logged.ring, "packet", "lost: the ring was full");
+    report(now.rtp, m_logged.rtp, "RTP datagram", "missing by their sequence numbers");
+    report(now.late, m_logged.late, "RTP datagram", "late by their sequence numbers");
+    report(now.bad, m_logged.bad, "datagram or packet", "that is no transport stream");
     if (now.restarts > m_logged.restarts)
-        LogUtil::Warning(module, "%s: the RTP sequence began anew, %" PRIu64 " times", m_name.c_str(),
-                         now.restarts - m_logged.restarts);
+        LogUtil::Warning(module, "%s: the RTP sequence began anew, %s", m_name.c_str(),
+                         counted(now.restarts - m_logged.restarts, "time").c_str());
     m_logged = now;
 }
 

@@ -30,6 +30,8 @@ MaybeFailure EncoderGroup::open(const CSettings& settings, const EncoderMap& map
     const int begin = firstReception(settings);
     const auto& main = settings.encoders[static_cast<std::size_t>(begin)];
     const std::string output = outputPath(settings.cmd.outputFile, main.mainCaptureDirectory);
+    if (!output.empty())
+        LogUtil::Info(module, "Output %s", absolutePath(output).c_str());
     plan.mainDirectory = main.mainCaptureDirectory;
     plan.lockDirectory = main.lockMainCaptureDirectory;
     for (int i = 0; i < settings.numEncoders && begin + i < CSettings::MAX_ENCODERS; ++i) {

@@ -26,6 +26,14 @@ public:
     [[nodiscard]] std::uint64_t frames() const noexcept { return m_clock.frames() + unit().frames; }
     // That had begun before the current PES packet.
     [[nodiscard]] std::uint64_t framesBefore() const noexcept { return m_clock.frames(); }
+    // By the stream's clock, in PTS units: where the PES packet before the current one begins, and where the
+    // last frame ends.
+    [[nodiscard]] std::int64_t unitTime() const noexcept { return m_clock.place().start; }
+    [[nodiscard]] std::int64_t time() noexcept {
+        m_clock.count(unit(), m_analyzer.clock(), m_analyzer.frameRateCode());
+        return m_clock.end();
+    }
+    [[nodiscard]] VideoCodec codec() const noexcept { return m_analyzer.codec(); }
     // 0 while unknown.
     [[nodiscard]] int frameRateCode() const noexcept { return m_analyzer.frameRateCode(); }
 

@@ -38,6 +38,10 @@ bool parseTimecode(const std::string& text, int (&fields)[4]) {
     return true;
 }
 
+bool tellsDropFrame(const std::string& text) {
+    return text.find_first_of(";.,") != std::string::npos;
+}
+
 int LabelRule::countingCode() const noexcept {
     if (drop || !known() || mpeg_timecode::IsFrameRateIntegral(rateCode))
         return rateCode;
@@ -96,6 +100,12 @@ void FrameLabels::forget() {
     m_stillPacked = -1;
     if (m_reference && (!m_reference->first || m_referenceTaken))
         m_reference.reset();
+}
+
+void FrameLabels::breakOff() {
+    m_started = false;
+    m_origin = m_kept ? m_origin : LabelOrigin::none;
+    m_referenceTaken = m_referenceTaken && m_kept;
 }
 
 void FrameLabels::refer(const LabelReference& reference) {
@@ -180,8 +190,7 @@ std::optional<std::int64_t> FrameLabels::referred(Clock::time_point now) const {
 bool FrameLabels::takeReference(const VideoUnit& unit, int rateCode, Clock::time_point now) {
     if (!m_reference || m_referenceTaken)
         return false;
-    const bool drop = m_reference->text.find_first_of(";.,") != std::string::npos &&
-                      mpeg_timecode::frameRateCodeToDropFrame(rateCode);
+    const bool drop = tellsDropFrame(m_reference->text) && mpeg_timecode::frameRateCodeToDropFrame(rateCode);
     const LabelRule before = m_rule;
     m_rule = {rateCode, drop};
     const auto told = referred(now);

@@ -14,6 +14,9 @@ namespace kestrel::capture {
 // hh:mm:ss:ff, two digits each and nothing behind, with ';', '.' or ',' for a ':' too.
 [[nodiscard]] bool parseTimecode(const std::string& text, int (&fields)[4]);
 
+// Whether a label, by what is written before its frames, is one of a drop-frame count.
+[[nodiscard]] bool tellsDropFrame(const std::string& text);
+
 // How labels are counted: by a frame rate, dropping labels or not.
 struct LabelRule {
     int rateCode = 0; // frame_rate_code; 0: not known yet
@@ -62,6 +65,8 @@ public:
     // What the labels come from now stays, until forget(): nothing told, and no timecode that begins or
     // stands still, moves them any more.
     void keep() { m_kept = true; }
+    // Other video begins: no label counts on into it.
+    void breakOff();
     // Told anew from time to time.
     void refer(const LabelReference& reference);
 

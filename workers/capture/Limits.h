@@ -20,7 +20,7 @@ inline constexpr std::size_t ringPackets = std::size_t{1} << 18;
 
 // Bytes asked for the socket's receive buffer, and below which the receiver does not let datagrams gather.
 inline constexpr int socketBufferBytes = 32 * 1024 * 1024;
-inline constexpr int smallSocketBufferBytes = 1024 * 1024;
+inline constexpr int smallSocketBufferBytes = 512 * 1024;
 
 // Datagrams taken with one system call, and bytes of the largest.
 inline constexpr std::size_t receiveBatch = 32;

@@ -1,5 +1,6 @@
 #include "MarkedRange.h"
 
+#include "CountedNoun.h"
 #include "foundation/ErrorCodes.h"
 
 #include <algorithm>
@@ -14,7 +15,7 @@ bool isTimeOfDay(const int (&fields)[4]) {
 }
 
 std::string frameCount(std::int64_t frames) {
-    return format("%lld frame%s", static_cast<long long>(frames), frames == 1 ? "" : "s");
+    return counted(static_cast<std::uint64_t>(frames), "frame");
 }
 
 } // namespace
@@ -74,11 +75,15 @@ void MarkedRange::begin(std::int64_t group, std::int64_t leading) {
     m_beyond = 0;
     m_inSeen = false;
     m_seen.reset();
+    m_taken.clear();
 }
 
 void MarkedRange::note(std::int64_t first, std::int64_t last) {
+    m_taken.resize(static_cast<std::size_t>(std::max<std::int64_t>(m_length, 0)));
     for (std::int64_t label = first; label <= last; ++label) {
         const std::int64_t at = position(label);
+        if (at >= 0 && at < m_length)
+            m_taken[static_cast<std::size_t>(at)] = true;
         const std::int64_t left = m_length - 1 - at;
         if (left < 0)
             ++m_beyond;
@@ -103,6 +108,10 @@ std::int64_t MarkedRange::missing() const {
     while (left < lastLabels && !m_seen[static_cast<std::size_t>(left)])
         ++left;
     return left;
+}
+
+std::int64_t MarkedRange::absent() const {
+    return m_length - std::count(m_taken.begin(), m_taken.end(), true);
 }
 
 std::string MarkedRange::describe(LabelOrigin origin, bool ended) const {

@@ -7,6 +7,7 @@
 #include <bitset>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace kestrel::capture {
 
@@ -47,6 +48,10 @@ public:
     [[nodiscard]] bool complete() const;
     // Frames that are missing just before mark-out; 0 when its own has come.
     [[nodiscard]] std::int64_t missing() const;
+    // Frames from mark-in to mark-out that are missing, wherever.
+    [[nodiscard]] std::int64_t absent() const;
+    // The label at a position.
+    [[nodiscard]] std::string text(std::int64_t position) const { return m_rule.text(m_in + position); }
 
     // ", from 10:00:00:00 to 10:00:10:00" and what else is to be said of what was taken. ended: nothing more
     // is to come before mark-out.
@@ -65,6 +70,7 @@ private:
     std::int64_t m_leading = 0, m_beyond = 0;
     bool m_inSeen = false;
     std::bitset<lastLabels> m_seen; // by the distance to mark-out
+    std::vector<bool> m_taken;      // by position
 };
 
 } // namespace kestrel::capture

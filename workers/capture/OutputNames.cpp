@@ -1,6 +1,8 @@
 #include "OutputNames.h"
 
 #include <array>
+#include <filesystem>
+#include <system_error>
 
 namespace kestrel::capture {
 namespace {
@@ -23,6 +25,12 @@ std::string outputPath(const std::string& outputFile, const std::string& directo
     if (path.back() != '/')
         path += '/';
     return path.append(outputFile);
+}
+
+std::string absolutePath(const std::string& path) {
+    std::error_code failed;
+    const std::filesystem::path whole = std::filesystem::absolute(path, failed);
+    return failed || path.empty() ? path : whole.string();
 }
 
 std::string encoderPath(const std::string& output, int encoder) {

@@ -1,5 +1,6 @@
 #include "PlayOut.h"
 
+#include "CountedNoun.h"
 #include "Ipv4.h"
 #include "foundation/ErrorCodes.h"
 #include "foundation/Logger.h"
@@ -7,7 +8,6 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
-#include <cinttypes>
 #include <cstring>
 #include <exception>
 #include <netinet/in.h>
@@ -26,14 +26,6 @@ constexpr const char* module = "Capture";
 // Networks between this host and the decoder that a multicast stream crosses.
 constexpr int multicastHops = 16;
 constexpr int rtpPayloadType = 33; // MP2T (RFC 3551)
-
-sockaddr_in socketAddress(std::uint32_t address, int port) {
-    sockaddr_in result{};
-    result.sin_family = AF_INET;
-    result.sin_port = htons(static_cast<std::uint16_t>(port));
-    result.sin_addr.s_addr = htonl(address);
-    return result;
-}
 
 Clock::duration timeOf(std::int64_t ticks) {
     return std::chrono::nanoseconds(ticks * 1000 / 27);
@@ -138,10 +130,9 @@ void PlayOut::run() noexcept {
     }
     m_ahead.cancel();
     publish(Clock::now());
-    LogUtil::Info(module,
-                  "Played %" PRIu64 " frames, %" PRIu64 " bytes, %" PRIu64 " interruptions, %" PRIu64
-                  " datagrams not taken%s%s",
-                  m_frames.frames(), m_bytes, m_interruptions, m_refused, failed ? ": " : "",
+    LogUtil::Info(module, "Played %s, %s, %s, %s not taken%s%s", counted(m_frames.frames(), "frame").c_str(),
+                  counted(m_bytes, "byte").c_str(), counted(m_interruptions, "interruption").c_str(),
+                  counted(m_refused, "datagram").c_str(), failed ? ": " : "",
                   failed ? failed->text.c_str() : "");
     {
         const MutexLock lock(m_mutex);

@@ -18,8 +18,8 @@ constexpr const char* module = "Capture";
 Recording::Recording(RecordingPlan plan, const Timing& timing, Clock::time_point now)
     : m_plan(std::move(plan)), m_timing(timing), m_armed(m_plan.armed), m_file(m_plan.name),
       m_labels(m_plan.useStreamLabels, m_plan.marksCountPairs, m_plan.labelTolerance),
-      m_range(m_plan.markIn, m_plan.markOut, m_plan.marksCountPairs), m_sourceLabels(timing.longestReturn),
-      m_now(now), m_armedAt(std::max(now, m_plan.begin)), m_lastPacket(now) {
+      m_range(m_plan.markIn, m_plan.markOut, m_plan.marksCountPairs), m_played(m_plan, timing), m_now(now),
+      m_armedAt(std::max(now, m_plan.begin)), m_lastPacket(now) {
     m_held.reserve(heldPackets);
     if (m_plan.played && m_plan.mode == CaptureMode::marks)
         m_probe.emplace(m_plan.useStreamLabels, m_plan.sourceRateCode, m_timing.longestReturn);
@@ -63,6 +63,7 @@ void Recording::refer(const LabelReference& reference) {
 void Recording::sourceEnded(Clock::time_point now) {
     m_now = now;
     m_sourceEnded = now;
+    m_played.sourceEnded(now);
 }
 
 void Recording::take(std::span<const Packet> packets, Clock::time_point now) {
@@ -77,7 +78,7 @@ void Recording::take(std::span<const Packet> packets, Clock::time_point now) {
     }
     m_lastPacket = now;
     m_lastPid = ts::pid(packets.back().data());
-    m_sentBefore = m_sentBefore || (m_plan.played && m_now < sourceBegin());
+    m_played.came(now);
     for (const Packet& packet : packets) {
         if (m_probe)
             probe(packet);
@@ -92,8 +93,10 @@ void Recording::take(std::span<const Packet> packets, Clock::time_point now) {
 
 void Recording::takePacket(const Packet& packet) {
     const bool opens = m_analyzer.take(packet.data());
-    if (m_analyzer.programVersion() != m_loggedProgram)
+    if (m_analyzer.programVersion() != m_loggedProgram) {
         logProgram();
+        followVideo();
+    }
     if (opens)
         openUnit();
     if (m_state == RecordingState::ended)
@@ -124,7 +127,8 @@ void Recording::openUnit() {
     m_clock.openUnit();
     m_unitNoted = false;
     m_unitAt = m_held.size();
-    const bool cuts = m_plan.mode == CaptureMode::rolling || m_plan.mode == CaptureMode::marks || playsBack();
+    const bool cuts =
+        m_plan.mode == CaptureMode::rolling || m_plan.mode == CaptureMode::marks || m_played.whole();
     m_undecided = m_state == RecordingState::waiting ? m_armed : cuts || durationReached();
 }
 
@@ -132,7 +136,7 @@ void Recording::hold(const Packet& packet) {
     m_held.push_back(packet);
     if (m_undecided && (m_analyzer.unit().known || m_held.size() - m_unitAt >= heldPackets))
         settleUnit(m_analyzer.unit());
-    else if (m_groupHeld && m_held.size() >= heldGroupPackets && playsBack())
+    else if (m_groupHeld && m_held.size() >= heldGroupPackets && m_played.whole())
         beginByTime();
     else if (m_groupHeld && m_held.size() >= heldGroupPackets)
         startRecording(); // a group so long that it cannot be kept back: early, rather than too late
@@ -145,14 +149,15 @@ unsigned Recording::count(const VideoUnit& unit) {
     if (begun == 0)
         return 0;
     m_lastFrame = m_now;
-    const bool before = m_plan.played && m_state == RecordingState::waiting && m_now < sourceBegin();
-    if (before && !m_ranBefore)
+    if (m_state == RecordingState::waiting && m_played.ranBefore(m_now))
         noteBefore();
     if (m_plan.mode == CaptureMode::marks && m_state == RecordingState::waiting && unlikeSource())
         m_label.reset();
     else if (first && (m_plan.mode == CaptureMode::marks || m_plan.labelledFrames != 0))
         m_label = m_labels.label(unit, m_analyzer.clock().elapsed(), m_analyzer.frameRateCode(),
                                  m_analyzer.codec(), m_now);
+    if (first && m_played.played())
+        m_played.picture(unit, frame());
     return begun;
 }
 
@@ -161,25 +166,20 @@ unsigned Recording::count(const VideoUnit& unit) {
 void Recording::noteLabels(const VideoUnit& unit) {
     if (!m_label || !unit.newFrame || (m_state != RecordingState::recording && !m_groupHeld))
         return;
-    // Of what is played only the source's labels count.
-    if (playsBack() && (m_playedBy != PlayedBy::labels || unlikeSource() || !isPlayed(*m_label)))
-        return;
     const std::int64_t first = m_unitNoted ? *m_label + 1 : *m_label;
-    m_range.note(first, m_labels.highest(unit));
+    if (m_played.whole() || byStreamLabels()) {
+        for (const auto& [from, to] : m_played.note(first, m_labels.highest(unit)))
+            m_range.note(from, to);
+    } else {
+        m_range.note(first, m_labels.highest(unit));
+    }
     m_unitNoted = true;
 }
 
-// Frames that were written. Once the source's rate was there, those of another are no frames of the source.
+// Frames that were written.
 void Recording::noteRecorded(unsigned frames) {
     m_file.countFrames(frames);
-    if (frames == 0)
-        return;
-    const bool others = playsBack() && m_rate == m_plan.sourceRateCode && unlikeSource();
-    const bool beyond = m_playedBy == PlayedBy::labels && m_wanted > 0 &&
-                        m_clock.elapsed() + m_clock.period() / 2 >= m_wanted + m_leading * m_clock.period();
-    if (others || beyond)
-        m_others += frames;
-    if (others)
+    if (frames == 0 || !m_played.recorded(frames, m_rate, frame()))
         return;
     m_rate = m_analyzer.frameRateCode();
     m_rule = m_labels.rule();
@@ -202,7 +202,7 @@ void Recording::settleUnit(const VideoUnit& unit) {
     if (m_state == RecordingState::waiting)
         return settleWaiting(unit);
     // The label of the frame that begins decides; a duration is decided on before it is counted.
-    const bool labelled = m_plan.mode == CaptureMode::marks || m_playedBy != PlayedBy::count;
+    const bool labelled = m_plan.mode == CaptureMode::marks || m_played.by() != PlayedReturn::By::count;
     unsigned begun = labelled ? count(unit) : 0;
     if (endsBefore(unit)) {
         m_held.clear();
@@ -223,7 +223,7 @@ void Recording::settleWaiting(const VideoUnit& unit) {
     count(unit);
     if (m_plan.mode == CaptureMode::marks)
         return settleMarks(unit);
-    if (playsBack())
+    if (m_played.whole())
         return settlePlayed(unit);
     if (unit.known && unit.randomAccess && m_analyzer.programKnown() && m_now >= m_plan.begin) {
         m_clock.begin();
@@ -243,7 +243,7 @@ void Recording::settleMarks(const VideoUnit& unit) {
     if (unit.known && unlikeSource()) {
         m_groupHeld = false;
         m_held.clear();
-        if (m_source && m_now >= m_source->at + m_timing.longestReturn)
+        if (m_played.began() && m_now >= m_played.begin() + m_timing.longestReturn)
             fail(failure(error::sourceFrameRateMismatch, m_analyzer.frameRateCode(), m_plan.sourceRateCode));
         return;
     }
@@ -270,6 +270,7 @@ void Recording::openGroup(const VideoUnit& unit) {
     const auto aSecond = static_cast<std::int64_t>(m_labels.rule().framesPerSecond()) + 1;
     const std::int64_t length = m_groupLabel ? m_labels.rule().distance(*m_groupLabel, group) : 0;
     m_groupLabel = group;
+    m_played.dropLabels();
     m_held.erase(m_held.begin(), m_held.begin() + static_cast<std::ptrdiff_t>(m_unitAt));
     m_unitAt = 0;
     m_groupHeld = m_analyzer.programKnown() && m_range.mayBeginAt(group);
@@ -285,8 +286,8 @@ void Recording::openGroup(const VideoUnit& unit) {
 // Whether the recording ends before the frame that begins here.
 bool Recording::endsBefore(const VideoUnit& unit) {
     const bool begins = unit.newFrame || m_held.size() >= heldPackets;
-    if (playsBack())
-        return begins && endsPlayedBefore();
+    if (m_played.whole())
+        return begins && m_played.endsBefore(frame(), recordedRate(), m_file.frames());
     if (m_plan.mode == CaptureMode::timed)
         return begins && durationReached();
     if (m_plan.mode != CaptureMode::marks)
@@ -295,7 +296,10 @@ bool Recording::endsBefore(const VideoUnit& unit) {
         return false;
     if (m_rule.known() && m_labels.rule() != m_rule && endsWithRule())
         return true;
-    if (m_label) {
+    if (m_plan.played && !m_played.owns(frame())) {
+        if (endsWithOthers())
+            return true;
+    } else if (m_label) {
         if (auto failed = m_range.settle(m_labels.rule())) {
             fail(*failed);
             return true;
@@ -326,6 +330,11 @@ bool Recording::endsWithRule() {
     return true;
 }
 
+// Pictures that are known not to be the source's, or may not be, tell nothing of mark-out.
+bool Recording::endsWithOthers() const {
+    return m_range.complete() || m_played.late(m_now);
+}
+
 // Measured where the picture begins, so a segment is never shorter than asked for.
 void Recording::startSegment() {
     const std::int64_t wanted = std::int64_t{m_plan.rollingMinutes} * 60 * PTS::units_per_second;
@@ -350,7 +359,8 @@ void Recording::startRecording() {
         return fail(*failed);
     m_state = RecordingState::recording;
     m_groupHeld = m_passed = false;
-    m_points.clear();
+    m_played.dropPoints();
+    m_played.recordingBegins(frame());
     m_labels.keep();
     m_started = m_lastFrame = m_now;
     const int rate = m_rate = m_analyzer.frameRateCode();

@@ -4,11 +4,11 @@
 #include "CaptureDuration.h"
 #include "FrameLabels.h"
 #include "MarkedRange.h"
+#include "PlayedReturn.h"
 #include "RecordingClock.h"
 #include "RecordingFile.h"
 #include "RecordingPlan.h"
 #include "ReturnProbe.h"
-#include "SourceLabels.h"
 #include "StreamAnalyzer.h"
 
 #include <cstdint>
@@ -108,7 +108,6 @@ private:
     void endProbe(ReturnProbe::Verdict verdict);
     void countFromBegin();
     [[nodiscard]] bool labelCounts() const;
-    [[nodiscard]] bool unlikeSource() const noexcept;
     void openUnit();
     void hold(const Packet& packet);
     unsigned count(const VideoUnit& unit);
@@ -120,25 +119,17 @@ private:
     void settleUnit(const VideoUnit& unit);
     void settleWaiting(const VideoUnit& unit);
     void settleMarks(const VideoUnit& unit);
-    struct HeldPoint;
-    [[nodiscard]] bool playsBack() const noexcept;
-    [[nodiscard]] Clock::time_point sourceBegin() const;
     void noteBefore();
     void tellFirstPlayed();
     void settlePlayed(const VideoUnit& unit);
     void holdPoint(const VideoUnit& unit);
-    [[nodiscard]] bool firstPlayedCame(const VideoUnit& unit);
-    void beginByLabels();
     void beginByTime();
-    void beginWith(const HeldPoint& point);
-    [[nodiscard]] bool isPlayed(std::int64_t label) const;
-    [[nodiscard]] bool endsPlayedBefore();
-    [[nodiscard]] bool playedDurationReached() const;
-    [[nodiscard]] bool playedFor(std::int64_t units) const;
-    [[nodiscard]] bool labelledEndCame() const;
-    [[nodiscard]] std::uint64_t playedTotal() const;
-    [[nodiscard]] std::uint64_t playedFrames() const;
-    [[nodiscard]] std::uint64_t expectedFrames() const;
+    void beginWith(const PlayedReturn::Point& point);
+    [[nodiscard]] PlayedReturn::Frame frame() const;
+    void followVideo();
+    [[nodiscard]] bool byStreamLabels() const noexcept;
+    [[nodiscard]] bool endsWithOthers() const;
+    [[nodiscard]] bool unlikeSource() const noexcept;
     [[nodiscard]] std::string describePlayed() const;
     void openGroup(const VideoUnit& unit);
     [[nodiscard]] bool endsBefore(const VideoUnit& unit);
@@ -150,6 +141,7 @@ private:
     void measureDuration();
     [[nodiscard]] bool durationReached() const;
     [[nodiscard]] bool lastFrameCame() const;
+    [[nodiscard]] bool lastFramePassed() const;
     [[nodiscard]] std::chrono::seconds nominalDuration() const;
     [[nodiscard]] bool bounded() const noexcept;
     [[nodiscard]] Clock::time_point givenUp() const;
@@ -160,7 +152,7 @@ private:
     void tickStall();
     void endEarly(Clock::time_point now, bool asked);
     void finish(bool succeeded, std::string text);
-    void finishComplete();
+    void finishComplete(const std::string& besides = "");
     void finishLastFrame();
     void finishSourceEnded();
     [[nodiscard]] std::string recorded() const;
@@ -198,30 +190,11 @@ private:
     std::int64_t m_leadIn = 0;                // frames from the beginning to mark-in
     bool m_passed = false;
 
-    // What comes back of a source. A stream that was there before it began tells by its timecodes where the
-    // source's first frame is; until then all is held from the last random access point before on.
-    struct HeldPoint {
-        std::size_t at = 0; // in m_held
-        VideoUnit unit;
-        RecordingClock::Place place;
-        Clock::time_point came;
-        std::int64_t shown = 0; // by the stream's clock
-    };
-    enum class PlayedBy { count, labels, time };
-    PlayedBy m_playedBy = PlayedBy::count; // how the beginning was found
-    std::optional<LabelReference> m_source;
-    bool m_sentBefore = false; // anything
-    bool m_ranBefore = false;  // pictures
-    std::vector<HeldPoint> m_points;
-    SourceLabels m_sourceLabels;
+    // What comes back of a source. Until its first frame is found all is held from the last random access
+    // point before it began on.
+    PlayedReturn m_played;
     std::optional<ReturnProbe> m_probe; // marks: what comes goes through it until its verdict
-    Clock::duration m_beganLate{};      // from the begin of the play-out to the first random access point
     bool m_probeCut = false;            // it ended while its verdict was open
-    // Of the frames recorded by the source's timecodes: those shown before the first of the source, and those
-    // that certainly come behind its last.
-    std::int64_t m_before = 0;
-    std::int64_t m_leading = 0; // at most so many are coded behind the first but shown before it
-    std::uint64_t m_others = 0;
 
     // Of the last frame recorded; what comes behind it may have others.
     int m_rate = 0;
@@ -230,6 +203,7 @@ private:
     VideoUnit m_begin; // where the recording begins
     unsigned m_loggedProgram = 0;
     int m_lastPid = 0;
+    int m_video = 0; // codec and PID of the video; 0: none yet
 
     Clock::time_point m_now;
     Clock::time_point m_armedAt; // the waits for the stream count from here

@@ -1,6 +1,7 @@
 // How a recording ends: what it waits for, how long, and what it says then.
 #include "Recording.h"
 
+#include "CountedNoun.h"
 #include "foundation/ErrorCodes.h"
 #include "foundation/Logger.h"
 #include "mpeg/mpeg2.h"
@@ -26,9 +27,7 @@ void Recording::measureDuration() {
         return fail(*failed);
     const int measure = m_plan.sourceRateCode != 0 ? m_plan.sourceRateCode : rate;
     m_wanted = static_cast<std::int64_t>(frames) * MPEG::SH::decode_PCRs_per_frame(measure);
-    // Frames that cannot be shown are counted too: an encoder that passes on what it is sent returns them.
-    if (m_playedBy == PlayedBy::labels)
-        m_wanted += m_leadIn * MPEG::SH::decode_PCRs_per_frame(rate);
+    m_played.measure(frames, rate);
     if (measure != rate)
         LogUtil::Warning(module, "%s: %s Measured in time.", m_plan.name.c_str(),
                          failure(error::sourceFrameRateMismatch, rate, measure).text.c_str());
@@ -50,11 +49,19 @@ bool Recording::durationReached() const {
 bool Recording::lastFrameCame() const {
     if (m_plan.mode == CaptureMode::marks)
         return m_state == RecordingState::recording && m_range.complete();
-    if (playsBack() && m_playedBy == PlayedBy::count)
-        return playedDurationReached();
-    if (playsBack())
-        return m_playedBy == PlayedBy::labels && labelledEndCame();
+    if (m_played.whole())
+        return m_state == RecordingState::recording && m_played.lastCame(frame(), m_file.frames());
     return durationReached();
+}
+
+// Of what is played: whether no frame that was asked for can come any more, be they all there or not.
+bool Recording::lastFramePassed() const {
+    if (!m_plan.played || m_state != RecordingState::recording)
+        return false;
+    if (m_played.whole())
+        return m_played.lastPassed(frame());
+    return m_range.highest() >= m_range.length() - 1 ||
+           m_clock.elapsed() > (m_leadIn + m_range.length()) * m_clock.period();
 }
 
 std::chrono::seconds Recording::nominalDuration() const {
@@ -83,7 +90,7 @@ Clock::time_point Recording::framesOver() const {
 
 // Nothing comes back before the source is played, which may begin long after the recording was armed.
 Clock::time_point Recording::waitsFrom() const {
-    return m_plan.played ? std::max(m_armedAt, sourceBegin()) : m_armedAt;
+    return m_plan.played ? std::max(m_armedAt, m_played.begin()) : m_armedAt;
 }
 
 Clock::time_point Recording::deadline() const {
@@ -98,8 +105,8 @@ Clock::time_point Recording::deadline() const {
         if (!m_analyzer.programKnown())
             return from + m_timing.noStream;
         const auto found = std::max({m_programSeen, from, m_lastLabelled}) + m_timing.noRandomAccess;
-        if (!m_points.empty() && m_source)
-            return std::max(m_source->at, m_armedAt) + m_timing.longestReturn;
+        if (m_played.holdsPoint() && m_played.began())
+            return std::max(m_played.begin(), m_armedAt) + m_timing.longestReturn;
         // Of a source that has ended no mark-in comes any more, however long its encoder goes on.
         return m_sourceEnded ? std::min(found, std::max(*m_sourceEnded, m_armedAt) + m_timing.noStream)
                              : found;
@@ -129,8 +136,8 @@ void Recording::tick(Clock::time_point now) {
 
 void Recording::tickWaiting() {
     if (m_probe && m_probe->pointHeld())
-        return endProbe(m_probe->verdict(m_now, m_sourceLabels));
-    if (!m_points.empty() && m_source)
+        return endProbe(m_probe->verdict(m_now, m_played.sourceLabels()));
+    if (m_played.holdsPoint() && m_played.began())
         return beginByTime();
     if (!m_analyzer.programKnown())
         return fail(failure(error::noTransportStream, m_plan.shownAddress.c_str(), m_plan.shownPort));
@@ -172,7 +179,7 @@ void Recording::stop(Clock::time_point now) {
 void Recording::endEarly(Clock::time_point now, bool asked) {
     m_now = now;
     // What is held back until its labels are known has come all the same.
-    if (m_state == RecordingState::waiting && m_probe && m_source && m_now >= m_source->at) {
+    if (m_state == RecordingState::waiting && m_probe && m_now >= m_played.begin()) {
         m_probeCut = m_plan.useStreamLabels;
         endProbe(ReturnProbe::Verdict::others);
     }
@@ -183,7 +190,7 @@ void Recording::endEarly(Clock::time_point now, bool asked) {
     if (m_state == RecordingState::waiting)
         return finish(m_plan.mode == CaptureMode::timed,
                       "Cancelled before the recording began: nothing recorded");
-    const bool came = lastFrameCame();
+    const bool came = lastFrameCame() || lastFramePassed();
     const bool beyond = came && m_undecided && !m_held.empty();
     if (beyond)
         m_held.clear(); // they begin the frame after the last
@@ -191,8 +198,10 @@ void Recording::endEarly(Clock::time_point now, bool asked) {
     if (m_state == RecordingState::ended)
         return;
     const std::string open = beyond ? "" : openFrame();
-    if (came || !bounded())
+    if (!bounded())
         return finish(true, recorded() + open);
+    if (came)
+        return finishComplete(open);
     finish(asked, (asked ? "Cancelled after " + amount() : recorded()) + open);
 }
 
@@ -220,26 +229,33 @@ void Recording::finish(bool succeeded, std::string text) {
 }
 
 // All that was asked for has come, as far as it was not lost on the way.
-void Recording::finishComplete() {
+void Recording::finishComplete(const std::string& besides) {
     m_complete = true;
-    if (m_beganLate > Clock::duration::zero())
+    if (m_played.beganLate() > Clock::duration::zero())
         return finish(false, format("Error: the stream had no random access point until %.1f s after the "
                                     "play-out began, frames of the source may be missing. ",
-                                    std::chrono::duration<double>(m_beganLate).count()) +
-                                 recorded());
-    if (m_plan.mode == CaptureMode::timed && playedFrames() < expectedFrames())
-        return finish(false, format("Error: %" PRIu64 " of %" PRIu64 " frames came back. ", playedFrames(),
-                                    expectedFrames()) +
-                                 recorded());
+                                    std::chrono::duration<double>(m_played.beganLate()).count()) +
+                                 recorded() + besides);
+    const std::uint64_t returned = m_played.returned(m_file.frames());
+    const std::uint64_t expected = m_played.expected(recordedRate());
+    if (m_plan.mode == CaptureMode::timed && returned < expected)
+        return finish(false,
+                      format("Error: %" PRIu64 " of %" PRIu64 " frames came back. ", returned, expected) +
+                          recorded() + besides);
     if (m_plan.mode == CaptureMode::marks) {
         const LabelRule& rule = m_rule;
+        const std::int64_t absent = m_plan.everyLabel ? m_range.absent() : m_range.missing();
+        if (m_plan.played && absent > 0)
+            return fail(detailed(failure(error::captureDiscontinuity),
+                                 counted(static_cast<std::uint64_t>(absent), "frame") +
+                                     " between the marks did not come back"));
         const std::int64_t missing = m_range.length() - 1 - m_range.highest();
         if (static_cast<double>(missing) > lostSeconds * rule.framesPerSecond())
             return fail(detailed(failure(error::captureDiscontinuity),
                                  "the timecode goes past mark-out, to " +
                                      rule.text(m_label.value_or(m_range.out()))));
     }
-    finish(true, recorded());
+    finish(true, recorded() + besides);
 }
 
 // What is held begins the frame after the last.
@@ -254,7 +270,7 @@ void Recording::finishSourceEnded() {
         return;
     if (m_stopped)
         --m_stops;
-    if (bounded() && m_plan.wantedFrames == 0 && !lastFrameCame())
+    if (bounded() && m_plan.wantedFrames == 0 && !m_plan.played && !lastFrameCame())
         return fail(detailed(failure(error::captureDiscontinuity), "the source ended before the last frame"));
     finishComplete();
 }
@@ -266,13 +282,13 @@ std::string Recording::recorded() const {
 std::string Recording::amount() const {
     const int rate = recordedRate();
     const std::uint64_t frames = m_file.frames();
-    std::string text = lengthText(frames, rate) + format(" (%" PRIu64 " frames, %.1f MB", frames,
-                                                         static_cast<double>(m_file.bytes()) / 1e6);
+    std::string text = lengthText(frames, rate) + " (" + counted(frames, "frame") +
+                       format(", %.1f MB", static_cast<double>(m_file.bytes()) / 1e6);
     if (m_file.segments() > 1)
-        text += format(", %u segments", m_file.segments());
-    text += format("), %" PRIu64 " continuity errors", m_file.continuityErrors());
+        text += ", " + counted(m_file.segments(), "segment");
+    text += "), " + counted(m_file.continuityErrors(), "continuity error");
     if (m_stops != 0)
-        text += format(", stream stopped %u times", m_stops);
+        text += ", stream stopped " + counted(m_stops, "time");
     if (m_plan.mode == CaptureMode::marks)
         text += m_range.describe(m_probeCut || (m_plan.played && m_labels.origin() == LabelOrigin::deck)
                                      ? LabelOrigin::none
@@ -293,9 +309,9 @@ RecordingStatus Recording::status() const {
     status.text = m_text;
     if (m_label)
         status.label = m_labels.rule().text(*m_label);
-    status.running = m_sentBefore;
-    status.pictures = m_ranBefore;
-    status.pointHeld = m_probe ? m_probe->pointHeld() : !m_points.empty();
+    status.running = m_played.sentBefore();
+    status.pictures = m_played.ranBefore();
+    status.pointHeld = m_probe ? m_probe->pointHeld() : m_played.holdsPoint();
     status.passedMarkIn = m_passed && m_state == RecordingState::waiting;
     status.markOutReached = m_plan.mode == CaptureMode::marks &&
                             (m_complete || (m_state == RecordingState::recording && m_range.complete()));

@@ -1,12 +1,12 @@
 #include "RecordingFile.h"
 
+#include "CountedNoun.h"
 #include "OutputNames.h"
 #include "foundation/ErrorCodes.h"
 #include "foundation/Logger.h"
 #include "mpeg/packet_view.h"
 
 #include <algorithm>
-#include <cinttypes>
 
 namespace kestrel::capture {
 namespace {
@@ -50,7 +50,7 @@ MaybeFailure RecordingFile::open(const RecordingPlan& plan) {
     if (failed)
         return failed;
     ++m_segments;
-    LogUtil::Info(module, "%s: recording into %s", m_name.c_str(), m_file.path().c_str());
+    LogUtil::Info(module, "%s: recording into %s", m_name.c_str(), absolutePath(m_file.path()).c_str());
     return std::nullopt;
 }
 
@@ -138,8 +138,8 @@ MaybeFailure RecordingFile::close(bool last) {
         return std::nullopt;
     MaybeFailure failed = settle(m_file.close(last));
     if (last)
-        LogUtil::Info(module, "%s: %s closed, %" PRIu64 " bytes", m_name.c_str(), m_file.path().c_str(),
-                      m_file.bytes());
+        LogUtil::Info(module, "%s: %s closed, %s", m_name.c_str(), m_file.path().c_str(),
+                      counted(m_file.bytes(), "byte").c_str());
     else
         m_closedBytes += m_file.bytes();
     m_unwritten.clear();

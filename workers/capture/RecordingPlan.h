@@ -23,6 +23,11 @@ struct RecordingPlan {
     // on, markIn and markOut are the first and the last of labelledFrames of them.
     bool played = false;
     int sourceRateCode = 0; // frame_rate_code of those frames; 0: unknown
+    // All of the source has that rate and one codec; else its frames take sourceTime, in PTS units.
+    bool sourceUniform = true;
+    std::int64_t sourceTime = 0;
+    // Marks: each label from mark-in to mark-out is that of a frame of the source.
+    bool everyLabel = true;
     std::uint64_t labelledFrames = 0;
     std::uint64_t hiddenFrames = 0; // of those wanted, before the first that has such a label
     int rollingMinutes = 0;         // rolling: length of a segment

@@ -1,6 +1,8 @@
 #include "ReencodeSession.h"
 
+#include "CountedNoun.h"
 #include "Ipv4.h"
+#include "OutputNames.h"
 #include "ResultsText.h"
 #include "foundation/ErrorCodes.h"
 #include "foundation/Logger.h"
@@ -8,6 +10,7 @@
 #include <algorithm>
 #include <cinttypes>
 #include <exception>
+#include <limits>
 #include <system_error>
 
 namespace kestrel::capture {
@@ -15,8 +18,9 @@ namespace {
 
 constexpr const char* module = "Capture";
 
-// How long the encoders are listened to before the source is played.
-constexpr milliseconds listenTime{100};
+// How long the encoders are listened to before the source is played: datagrams of little more than pauses
+// come rarely.
+constexpr milliseconds listenTime{1000};
 // From saying when that will be to the first datagram.
 constexpr milliseconds leadTime{100};
 // How long it waits for a random access point of an encoder that sends already, and of one that has shown no
@@ -64,7 +68,8 @@ MaybeFailure ReencodeSession::start() {
         return failure(error::noEncoder);
     if (mezzanine())
         logAppends(settings.decoder);
-    LogUtil::Info(module, "Reading %s (%" PRIu64 " bytes)", settings.cmd.sourceFile, source.bytes());
+    LogUtil::Info(module, "Reading %s (%s)", absolutePath(settings.cmd.sourceFile).c_str(),
+                  counted(source.bytes(), "byte").c_str());
     try {
         m_indexing = std::thread([this] { index(); });
     } catch (const std::system_error&) {
@@ -102,11 +107,14 @@ MaybeFailure ReencodeSession::planRecording(RecordingPlan& plan, PlayOutPlan& pl
     plan.played = true;
     plan.marksCountPairs = false;
     plan.sourceRateCode = m_index.frameRateCode;
+    plan.sourceUniform = m_index.uniform;
+    plan.sourceTime = m_index.time;
     // An encoder that is not given the source's timecode puts one of its own into the stream.
     plan.useStreamLabels = settings.vtr.vitcSupport;
     plan.source = settings.cmd.sourceFile;
-    LogUtil::Info(module, "The source has %" PRIu64 " frames, %zu random access points, frame rate code %d",
-                  m_index.frames, m_index.points.size(), m_index.frameRateCode);
+    LogUtil::Info(module, "The source has %s, %s, frame rate code %d",
+                  counted(m_index.frames, "frame").c_str(),
+                  counted(m_index.points.size(), "random access point").c_str(), m_index.frameRateCode);
     if (m_index.frames == 0)
         return detailed(failure(error::startReencodeFailed, 1),
                         std::string(settings.cmd.sourceFile) + " has no video");
@@ -123,11 +131,13 @@ MaybeFailure ReencodeSession::planRecording(RecordingPlan& plan, PlayOutPlan& pl
         return failed;
     play.begin = m_part.begin;
     play.end = m_part.end;
+    plan.everyLabel = m_part.everyLabel;
     // What comes back cannot have the timecodes of a source that has none.
     plan.useStreamLabels = plan.useStreamLabels && !m_part.counted;
+    const bool toEnd = m_part.end == std::numeric_limits<std::uint64_t>::max();
     LogUtil::Info(
-        module, "Playing from %s, bytes %" PRIu64 " to %" PRIu64 "%s", m_part.firstLabel.c_str(),
-        m_part.begin, m_part.end,
+        module, "Playing from %s, bytes %" PRIu64 " to %s%s", m_part.firstLabel.c_str(), m_part.begin,
+        toEnd ? "the end" : std::to_string(m_part.end).c_str(),
         m_part.counted ? ", counted from the first frame of the source: it has no timecodes that run" : "");
     return std::nullopt;
 }
@@ -283,10 +293,10 @@ Outcome ReencodeSession::end() {
         for (ResultsPart& part : m_encoders.results())
             parts.push_back(std::move(part));
     if (const std::uint64_t times = m_play ? m_play->status().interruptions : 0; times > 0)
-        parts.push_back({format(", the play-out was interrupted %" PRIu64 " times", times)});
+        parts.push_back({", the play-out was interrupted " + counted(times, "time")});
     if (const std::uint64_t lost = m_play && !m_failure ? m_play->status().refused : 0; lost > 0)
-        parts.push_back({format(", %" PRIu64 " datagram%s not taken by the decoder", lost,
-                                lost == 1 ? " was" : "s were")});
+        parts.push_back({", " + counted(lost, "datagram") + (lost == 1 ? " was" : " were") +
+                         " not taken by the decoder"});
     return {!m_failure && m_encoders.outcome().succeeded, resultsText(parts)};
 }
 

@@ -56,6 +56,9 @@ void ReturnProbe::count(const VideoUnit& unit, Clock::time_point now, SourceLabe
                                       m_analyzer.codec(), now);
     if (!label || !unit.gopTimecode || m_confirmed)
         return;
+    // The same frame has another label where frames are counted otherwise.
+    if (m_begin && m_labels.rule().drop != tellsDropFrame(m_begin->text))
+        return;
     const ReturnedLabel seen{*label, m_labels.shown(), m_clock.period(), {}};
     if (!begun(now)) {
         m_before = seen;

@@ -4,6 +4,7 @@
 #include "PacketWindow.h"
 #include "SourceFile.h"
 #include "foundation/ErrorCodes.h"
+#include "mpeg/mpeg2.h"
 #include "timecode/mpeg_timecode.h"
 
 #include <algorithm>
@@ -33,18 +34,46 @@ public:
         settle(m_frames.unit(), m_frames.framesBefore());
         m_index.frames = m_frames.frames();
         m_index.frameRateCode = m_frames.frameRateCode();
+        m_index.time = m_frames.time() - m_firstTime;
     }
 
 private:
     void settle(const VideoUnit& unit, std::uint64_t before) {
-        if (unit.randomAccess && m_index.points.size() < mostPoints)
-            m_index.points.push_back({m_unitAt, before, unit.gopTimecode,
-                                      unit.closedGop ? 0 : std::max(unit.temporalReference, 0)});
+        if (unit.frames > 0)
+            compare();
+        if (unit.frames > 0 && !unit.randomAccess && !m_index.points.empty() &&
+            isBefore(unit.pts, m_pointShown))
+            ++m_index.points.back().leading;
+        if (!unit.randomAccess || m_index.points.size() >= mostPoints)
+            return;
+        if (m_index.points.empty())
+            m_firstTime = m_frames.unitTime();
+        m_pointShown = unit.temporalReference < 0 ? unit.pts : PTS();
+        m_index.points.push_back({m_unitAt, before, unit.gopTimecode,
+                                  unit.closedGop ? 0 : std::max(unit.temporalReference, 0),
+                                  unit.temporalReference >= 0});
+    }
+    static bool isBefore(PTS stamp, PTS other) {
+        constexpr std::int64_t wrap = std::int64_t{4} << 33; // the 33-bit clock in PTS units
+        return !stamp.is_absent() && !other.is_absent() && ((stamp - other) % wrap + wrap) % wrap > wrap / 2;
+    }
+    // With the frames before.
+    void compare() {
+        const int rate = m_frames.frameRateCode();
+        const VideoCodec codec = m_frames.codec();
+        if ((m_rate != 0 && rate != m_rate) || (m_codec != VideoCodec::none && codec != m_codec))
+            m_index.uniform = false;
+        m_rate = rate;
+        m_codec = codec;
     }
 
     SourceIndex& m_index;
     FrameCount m_frames;
     std::uint64_t m_unitAt = 0;
+    PTS m_pointShown;             // of the last random access point, of H.264
+    std::int64_t m_firstTime = 0; // of the first random access point
+    int m_rate = 0;
+    VideoCodec m_codec = VideoCodec::none;
 };
 
 // The labels of a file: of its own timecodes, or counted from its first frame.
@@ -66,6 +95,34 @@ public:
     // Frames from the file's first random access point to that label.
     [[nodiscard]] std::int64_t position(std::int64_t label) const {
         return m_rule.distance(of(m_index.points.front()), label);
+    }
+
+    // Whether the timecodes count the frames one by one from before one label to behind another.
+    [[nodiscard]] bool countOn(std::int64_t from, std::int64_t to) const {
+        const AccessPoint* before = nullptr;
+        for (const AccessPoint& point : m_index.points) {
+            if (!point.timecode || !point.exact)
+                return false;
+            const std::int64_t at = of(point);
+            if (m_rule.distance(from, at) <= 0) {
+                before = &point;
+                continue;
+            }
+            if (!before ||
+                m_rule.distance(of(*before), at) != static_cast<std::int64_t>(point.frame - before->frame))
+                return false;
+            if (m_rule.distance(to, at) > 0)
+                return true;
+            before = &point;
+        }
+        return before != nullptr; // up to the end of the file
+    }
+
+    // Whether frames take the time that their number gives, as none does that is shown for longer.
+    [[nodiscard]] bool countTime() const {
+        const std::int64_t period = MPEG::SH::decode_PCRs_per_frame(m_index.frameRateCode);
+        const auto frames = static_cast<std::int64_t>(m_index.frames - m_index.points.front().frame);
+        return m_index.uniform && std::llabs(m_index.time - frames * period) <= 2 * period;
     }
 
 private:
@@ -129,21 +186,23 @@ LabelledFrames labelledFrames(const SourceIndex& index) {
     if (index.points.empty() || index.frameRateCode == 0)
         return found;
     const AccessPoint& first = index.points.front();
-    found.hidden = static_cast<std::uint64_t>(first.skipped);
+    found.hidden = static_cast<std::uint64_t>(first.exact ? first.skipped : first.leading);
     const Labels labels(index);
     std::uint64_t end = index.frames;
     // The label of H.264 is that of the access point itself, before which others of its GOP may be shown.
     constexpr std::int64_t reordered = 4;
     for (const AccessPoint& point : index.points) {
         const auto expected = static_cast<std::int64_t>(point.frame - first.frame);
-        if (!point.timecode || std::llabs(labels.position(labels.of(point)) - expected) > reordered) {
+        const std::int64_t off = std::llabs(labels.position(labels.of(point)) - expected);
+        if (!point.timecode || off > (point.exact ? 0 : reordered)) {
             end = point.frame;
             break;
         }
     }
     // Labels that come again after a day tell nothing.
     const auto day = static_cast<std::uint64_t>(labels.rule().perDay());
-    if (labels.counted() || end <= first.frame + found.hidden || end - first.frame >= day / 2)
+    if (labels.counted() || !index.uniform || end <= first.frame + found.hidden ||
+        end - first.frame >= day / 2)
         return found;
     found.count = end - first.frame - found.hidden;
     const std::int64_t number = labels.of(first) + first.skipped;
@@ -182,6 +241,7 @@ MaybeFailure findPart(const SourceIndex& index, const std::string& markIn, const
     const AccessPoint* begin = &index.points.front();
     part.end = std::numeric_limits<std::uint64_t>::max();
     bool beginPassed = false;
+    part.everyLabel = labels.counted() ? labels.countTime() : labels.countOn(*in, *out);
     for (const AccessPoint& point : index.points) {
         // It may lie anywhere between its neighbours.
         if (!point.timecode && !labels.counted())

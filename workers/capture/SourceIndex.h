@@ -18,12 +18,16 @@ struct AccessPoint {
     std::uint64_t frame = 0;     // frames of the file before it
     std::optional<int> timecode; // of its GOP header, 25 bits
     int skipped = 0;             // frames of its GOP that cannot be shown when playing begins here
+    bool exact = true;           // the timecode is that of the GOP's first frame; else, of H.264, its own
+    int leading = 0;             // H.264: frames that are coded behind it and shown before it
 };
 
 struct SourceIndex {
     std::uint64_t frames = 0;
     int frameRateCode = 0;
     std::vector<AccessPoint> points; // in the order of the file
+    bool uniform = true;             // one frame rate and one codec throughout
+    std::int64_t time = 0; // from the first random access point to the end, by the stream's clock (PTS units)
 };
 
 // Reads the whole file. Ends early, with what was found until then, when cancel is set.
@@ -46,6 +50,7 @@ struct MarkedPart {
     std::string firstLabel; // of the first frame that is shown when it is played
     bool counted =
         false; // the file has no timecodes: labels count from its first frame, which is 00:00:00:00
+    bool everyLabel = false; // each label from mark-in to mark-out is that of a frame
 };
 
 // Finds the part from a random access point so many seconds before mark-in to so many behind mark-out, cut at

@@ -17,14 +17,6 @@
 namespace kestrel::capture {
 namespace {
 
-sockaddr_in socketAddress(std::uint32_t address, int port) noexcept {
-    sockaddr_in result{};
-    result.sin_family = AF_INET;
-    result.sin_addr.s_addr = htonl(address);
-    result.sin_port = htons(static_cast<std::uint16_t>(port));
-    return result;
-}
-
 bool bindTo(int fd, std::uint32_t address, int port) noexcept {
     const sockaddr_in name = socketAddress(address, port);
     return ::bind(fd, reinterpret_cast<const sockaddr*>(&name), sizeof name) == 0;
@@ -91,12 +83,12 @@ void UdpReceiver::growBuffer() {
         setFlag(m_socket.get(), SOL_SOCKET, SO_RCVBUF, socketBufferBytes);
     socklen_t size = sizeof m_bufferBytes;
     ::getsockopt(m_socket.get(), SOL_SOCKET, SO_RCVBUF, &m_bufferBytes, &size);
-    // The kernel doubles what it is asked for, to have room for its own records.
-    if (m_bufferBytes / 2 < socketBufferBytes)
+    m_bufferBytes /= 2; // the kernel doubles what it is asked for, to have room for its own records
+    if (m_bufferBytes < socketBufferBytes)
         LogUtil::Warning("Capture",
                          "UDP port %d: the receive buffer has %d of the %d bytes wanted, so a busy host may "
                          "lose datagrams: raise net.core.rmem_max",
-                         m_source.port, m_bufferBytes / 2, socketBufferBytes);
+                         m_source.port, m_bufferBytes, socketBufferBytes);
 }
 
 MaybeFailure UdpReceiver::bindSocket() {

@@ -54,7 +54,7 @@ public:
     // Takes what has arrived until now, ends the thread and closes the socket. Further calls do nothing.
     void stop();
 
-    // Bytes of the socket's receive buffer.
+    // Bytes of the socket's receive buffer, in the measure in which it is asked for (socketBufferBytes).
     [[nodiscard]] int bufferBytes() const noexcept { return m_bufferBytes; }
     [[nodiscard]] const ReceiverCounts& counts() const noexcept { return m_counts; }
 

@@ -9,6 +9,7 @@
 #include <csignal>
 #include <fstream>
 #include <iostream>
+#include <sys/stat.h>
 
 using namespace kestrel::capture;
 
@@ -32,6 +33,7 @@ void openLog(const std::string& path, std::ofstream& file) {
 } // namespace
 
 int main(int argc, char** argv) {
+    umask(umask(0) | 022); // a detached service has none: what is written here is for others to read only
     const Options options = parseOptions(argc, argv);
     if (options.help) {
         std::cout << usage(argv[0]);

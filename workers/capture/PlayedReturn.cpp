@@ -1,0 +1,330 @@
+#include "PlayedReturn.h"
+
+#include "CountedNoun.h"
+#include "mpeg/mpeg2.h"
+
+#include <algorithm>
+
+namespace kestrel::capture {
+namespace {
+
+// Frames by which what is coded may lag behind what is shown.
+constexpr std::int64_t mostReordered = 4;
+
+// Pictures of H.264 that can be kept back until they are shown (ITU-T H.264, A.3.1: MaxDpbFrames).
+constexpr std::int64_t mostDelayed = 16;
+
+Clock::duration timeOf(std::int64_t units) {
+    return std::chrono::microseconds(units * 1'000'000 / PTS::units_per_second);
+}
+
+} // namespace
+
+PlayedReturn::PlayedReturn(const RecordingPlan& plan, const Timing& timing)
+    : m_played(plan.played), m_whole(plan.played && plan.mode == CaptureMode::timed),
+      m_sourceRateCode(plan.sourceRateCode), m_uniform(plan.sourceUniform), m_sourceTime(plan.sourceTime),
+      m_wantedFrames(plan.wantedFrames), m_labelledFrames(plan.labelledFrames),
+      m_hiddenFrames(plan.hiddenFrames), m_firstLabel(plan.markIn), m_longestReturn(timing.longestReturn),
+      m_sourceLabels(timing.longestReturn), m_range(plan.markIn, plan.markOut, plan.marksCountPairs) {}
+
+Clock::time_point PlayedReturn::begin() const {
+    return m_source ? m_source->at : Clock::time_point::max();
+}
+
+std::optional<LabelReference> PlayedReturn::reference() const {
+    std::optional<LabelReference> told = m_source;
+    if (told)
+        told->first = !m_ranBefore;
+    return told;
+}
+
+void PlayedReturn::came(Clock::time_point now) {
+    m_sentBefore = m_sentBefore || (m_played && now < begin());
+}
+
+bool PlayedReturn::ranBefore(Clock::time_point now) {
+    if (!m_played || m_ranBefore || now >= begin())
+        return false;
+    m_ranBefore = true;
+    return true;
+}
+
+bool PlayedReturn::unlikeSource(int rateCode) const noexcept {
+    return m_played && m_uniform && m_sourceRateCode != 0 && rateCode != 0 && rateCode != m_sourceRateCode;
+}
+
+// Whether labels of the source are those of a drop-frame count.
+bool PlayedReturn::dropsFrames() const {
+    return tellsDropFrame(m_whole || !m_source ? m_firstLabel : m_source->text);
+}
+
+// Frames from the source's first to the current label; none where that is no timecode or is counted otherwise
+// than the source's.
+std::optional<std::int64_t> PlayedReturn::position(const Frame& frame) {
+    const LabelRule& rule = frame.labels.rule();
+    if (!frame.label || frame.labels.origin() != LabelOrigin::stream || rule.rateCode != m_sourceRateCode ||
+        rule.drop != dropsFrames())
+        return std::nullopt;
+    if (!m_whole) {
+        const auto begin = m_source ? rule.number(m_source->text) : std::nullopt;
+        return begin ? std::optional(rule.distance(*begin, *frame.label)) : std::nullopt;
+    }
+    if (m_labelledFrames == 0 || m_range.settle(rule))
+        return std::nullopt;
+    return m_range.position(*frame.label);
+}
+
+void PlayedReturn::picture(const VideoUnit& unit, const Frame& frame) {
+    const auto at = position(frame);
+    const std::int64_t period = frame.clock.period();
+    if (!at || period == 0)
+        return m_own.breakOff();
+    const ReturnedLabel label{*at, frame.labels.shown(), period, frame.now - begin()};
+    // Those of an encoder may be some frames behind.
+    ReturnedLabel due = label;
+    if (due.frame < 0 && due.frame >= -mostReordered) {
+        due.shown -= due.frame * period;
+        due.frame = 0;
+    }
+    m_own.begin(label, unit.gopTimecode.has_value(), unit.randomAccess, m_sourceLabels.possible(due));
+}
+
+std::vector<OwnLabels::Range> PlayedReturn::note(std::int64_t first, std::int64_t last) {
+    m_own.add(first, last);
+    if (m_whole && !m_recording)
+        return {};
+    auto ranges = m_own.take();
+    if (m_whole)
+        takeOwn(ranges);
+    return ranges;
+}
+
+// Of an encoder that was silent the labels tell as long as they go on from the first frame.
+void PlayedReturn::takeOwn(const std::vector<OwnLabels::Range>& ranges) {
+    if (ranges.empty() || m_by == By::time || (m_by == By::count && !agree(ranges)))
+        return;
+    for (const auto& [first, last] : ranges)
+        m_range.note(first - m_offset, last - m_offset);
+}
+
+bool PlayedReturn::agree(const std::vector<OwnLabels::Range>& ranges) {
+    if (m_agreed || m_refuted)
+        return m_agreed;
+    m_agreed = std::any_of(ranges.begin(), ranges.end(), [this](const OwnLabels::Range& range) {
+        return m_firstTaken && range.first <= *m_firstTaken && *m_firstTaken <= range.second;
+    });
+    m_refuted = !m_agreed;
+    if (m_refuted)
+        return false;
+    const std::int64_t lowest = m_range.position(std::min_element(ranges.begin(), ranges.end())->first);
+    // Frames that cannot be shown may have come too.
+    const bool hidden = lowest <= 0 && lowest >= -static_cast<std::int64_t>(m_hiddenFrames);
+    m_offset = hidden ? 0 : lowest;
+    m_range.begin(m_range.out() - m_range.length() + 1, 0);
+    return true;
+}
+
+void PlayedReturn::trustLabels() {
+    if (const auto line = m_sourceLabels.line())
+        m_own.trust(*line, 1);
+}
+
+bool PlayedReturn::owns(const Frame& frame) const {
+    return frame.label && (frame.labels.origin() != LabelOrigin::stream || m_own.own());
+}
+
+bool PlayedReturn::mayBeSources(const Frame& frame) const {
+    const LabelRule& rule = frame.labels.rule();
+    const auto begin = m_source ? rule.number(m_source->text) : std::nullopt;
+    return begin && rule.drop == dropsFrames() &&
+           m_sourceLabels.possible({rule.distance(*begin, *frame.label), frame.labels.shown(),
+                                    frame.clock.period(), frame.now - m_source->at});
+}
+
+bool PlayedReturn::firstCame(const VideoUnit& unit, const Frame& frame) {
+    const LabelRule& rule = frame.labels.rule();
+    if (m_labelledFrames == 0 || !frame.label || !unit.gopTimecode || frame.clock.period() == 0 ||
+        rule.rateCode != m_sourceRateCode || rule.drop != dropsFrames() || m_range.settle(rule))
+        return false;
+    const std::int64_t position = m_range.position(*frame.label);
+    if (frame.now >= begin() && position >= m_range.length()) {
+        m_sourceLabels.refuse();
+        return false;
+    }
+    return m_sourceLabels.confirms(
+        {position, frame.labels.shown(), frame.clock.period(), frame.now - begin()});
+}
+
+PlayedReturn::Point PlayedReturn::beginByLabels(const Frame& frame) {
+    const std::int64_t period = frame.clock.period();
+    const std::int64_t line = m_sourceLabels.line().value_or(m_points.front().shown);
+    const Point* begin = &m_points.front();
+    for (const Point& point : m_points)
+        if (point.shown <= line + period / 2)
+            begin = &point;
+    m_by = By::labels;
+    const std::int64_t ahead = (line - begin->shown + (line < begin->shown ? -period : period) / 2) / period;
+    m_leadIn = std::max<std::int64_t>(ahead, 0);
+    const VideoUnit& unit = begin->unit;
+    if (unit.gopTimecode && unit.temporalReference >= 0) {
+        m_leading = unit.temporalReference;
+        m_before = std::max<std::int64_t>(m_leading + ahead, 0);
+    } else {
+        m_leading = std::clamp<std::int64_t>((begin->shown - begin->place.start) / period, 0, mostDelayed);
+        m_before = m_leadIn; // how many of those there are is not known
+    }
+    const std::int64_t first = m_range.out() - m_range.length() + 1;
+    m_range.begin(first - m_leadIn, 0);
+    // The GOP in which the first frame is may still have another timecode.
+    m_own.trust(line, period);
+    const auto ranges = m_own.take();
+    const std::int64_t lowest =
+        ranges.empty() ? *frame.label : std::min_element(ranges.begin(), ranges.end())->first;
+    m_range.note(first - m_leadIn, lowest - 1);
+    takeOwn(ranges);
+    return *begin;
+}
+
+PlayedReturn::Point PlayedReturn::beginByTime() {
+    m_by = By::time;
+    m_beganLate = std::max(m_points.front().came - begin(), Clock::duration::zero());
+    return m_points.front();
+}
+
+void PlayedReturn::measure(std::uint64_t frames, int rateCode) {
+    const int measure = m_sourceRateCode != 0 ? m_sourceRateCode : rateCode;
+    m_wanted = m_uniform ? static_cast<std::int64_t>(frames) * MPEG::SH::decode_PCRs_per_frame(measure)
+                         : m_sourceTime;
+    // Frames that cannot be shown are counted too: an encoder that passes on what it is sent returns them.
+    if (m_by == By::labels)
+        m_wanted += m_leadIn * MPEG::SH::decode_PCRs_per_frame(rateCode);
+}
+
+void PlayedReturn::recordingBegins(const Frame& frame) {
+    m_recording = true;
+    m_firstTaken = frame.label;
+    m_video = frame.video;
+}
+
+// Whether it is not of the kind that is recorded, which the source has throughout.
+bool PlayedReturn::otherVideo(int recordedRate, const Frame& frame) const noexcept {
+    const bool otherRate = recordedRate != 0 && frame.rateCode != 0 && frame.rateCode != recordedRate;
+    return m_uniform && (otherRate || frame.video != m_video);
+}
+
+bool PlayedReturn::recorded(unsigned frames, int recordedRate, const Frame& frame) {
+    if (!m_whole)
+        return !m_played || owns(frame);
+    m_rateVaried = m_rateVaried || (recordedRate != 0 && frame.rateCode != recordedRate);
+    // By time other pictures come first, of whatever codec.
+    const bool otherCodec = m_uniform && m_by != By::time && frame.video != m_video;
+    const bool others = otherCodec || (recordedRate == m_sourceRateCode && unlikeSource(frame.rateCode));
+    const bool beyond =
+        m_by == By::labels && m_wanted > 0 &&
+        frame.clock.elapsed() + frame.clock.period() / 2 >= m_wanted + m_leading * frame.clock.period();
+    if (others || beyond)
+        m_others += frames;
+    return !others;
+}
+
+bool PlayedReturn::late(Clock::time_point now) const {
+    return m_sourceEnded && now >= *m_sourceEnded + m_longestReturn;
+}
+
+bool PlayedReturn::endsBefore(const Frame& frame, int recordedRate, std::uint64_t frames) const {
+    // Behind the last frame the encoder falls back to a format of its own.
+    if (otherVideo(recordedRate, frame) && m_by != By::time && returned(frames) >= expected(recordedRate) &&
+        (m_by == By::labels || playedFor(frame.now)))
+        return true;
+    return lastCame(frame, frames) || ((m_by != By::count || told()) && late(frame.now));
+}
+
+// Whether the source's labels count its frames one by one up to its last.
+bool PlayedReturn::through() const noexcept {
+    return m_labelledFrames != 0 && m_labelledFrames == total();
+}
+
+// Whether labels tell which frames are the source's.
+bool PlayedReturn::told() const noexcept {
+    return through() && (m_by == By::labels || m_agreed);
+}
+
+bool PlayedReturn::lastCame(const Frame& frame, std::uint64_t frames) const {
+    if (told())
+        return m_range.complete();
+    // Nothing that was recorded while the source still had frames to come was its last frame.
+    if (m_by == By::count)
+        return durationReached(frame, frames) && playedFor(frame.now);
+    return m_by == By::labels && labelledEndCame(frame);
+}
+
+bool PlayedReturn::lastPassed(const Frame& frame) const {
+    return told() && (m_range.highest() >= m_range.length() - 1 || labelledEndCame(frame));
+}
+
+bool PlayedReturn::durationReached(const Frame& frame, std::uint64_t frames) const {
+    const bool all = frames >= m_wantedFrames;
+    if (m_wanted == 0)
+        return all;
+    const bool time = frame.clock.end() + frame.clock.period() / 2 >= m_wanted;
+    return time && (m_uniform || !m_rateVaried || all);
+}
+
+bool PlayedReturn::playedFor(Clock::time_point now) const {
+    return m_sourceEnded || (m_wanted > 0 && now >= begin() + timeOf(m_wanted));
+}
+
+// Labels that jump do not tell which is the last frame.
+bool PlayedReturn::labelledEndCame(const Frame& frame) const {
+    // Rather some frames too many than one too few.
+    const std::int64_t margin = (m_leading + mostReordered) * frame.clock.period();
+    return m_wanted > 0 && frame.clock.elapsed() + frame.clock.period() / 2 >= m_wanted + margin;
+}
+
+// Frames of the source that can come back. A decoder that is played those before the first that can be shown
+// leaves them out, an encoder that passes on what it is sent does not.
+std::uint64_t PlayedReturn::total() const noexcept {
+    return m_wantedFrames - std::min(m_wantedFrames, m_hiddenFrames);
+}
+
+std::uint64_t PlayedReturn::returned(std::uint64_t frames) const {
+    if (told())
+        return static_cast<std::uint64_t>(m_range.length() - m_range.absent());
+    const std::uint64_t no = static_cast<std::uint64_t>(m_before) + m_others;
+    return frames - std::min(frames, no);
+}
+
+std::uint64_t PlayedReturn::expected(int recordedRate) const {
+    // One that has other rates in its middle comes back with them, or as long at a single one.
+    const bool asItIs = m_uniform ? recordedRate == m_sourceRateCode : m_rateVaried || m_sourceTime == 0;
+    if (recordedRate == 0 || m_sourceRateCode == 0 || asItIs)
+        return total();
+    const auto period = [](int code) {
+        return std::max<std::uint64_t>(static_cast<std::uint64_t>(MPEG::SH::decode_PCRs_per_frame(code)), 1);
+    };
+    // The last may be shown for less than its time.
+    const std::uint64_t time =
+        m_uniform ? total() * period(m_sourceRateCode) : static_cast<std::uint64_t>(m_sourceTime);
+    return std::max<std::uint64_t>(time / period(recordedRate), 2) - 1;
+}
+
+std::string PlayedReturn::describe(int recordedRate, bool ended) const {
+    std::string text;
+    if (unlikeSource(recordedRate))
+        text += format(", at frame rate code %d, the source has %d", recordedRate, m_sourceRateCode);
+    if (m_by == By::time)
+        text += format(", the stream ran before the play-out and no timecodes of the source were recognised "
+                       "in it: up to %d s of other pictures at either end, not known whether it is complete",
+                       static_cast<int>(m_longestReturn.count() / 1000));
+    if (m_by == By::labels || (told() && ended && m_range.absent() > 0)) {
+        text += ", by the source's timecodes from " + m_range.text(m_offset) + " to " +
+                m_range.text(m_offset + std::min(m_range.highest(), m_range.length() - 1));
+        if (m_leadIn > 0)
+            text += ", " + counted(static_cast<std::uint64_t>(m_leadIn), "frame") + " before";
+        if (ended && told() && m_range.missing() > 0)
+            text += ", the last frame is missing";
+    }
+    return text;
+}
+
+} // namespace kestrel::capture

@@ -1,0 +1,189 @@
+// Which of the frames that come back while a source is played are the source's.
+#pragma once
+
+#include "FrameLabels.h"
+#include "MarkedRange.h"
+#include "OwnLabels.h"
+#include "RecordingClock.h"
+#include "RecordingPlan.h"
+#include "SourceLabels.h"
+#include "StreamAnalyzer.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kestrel::capture {
+
+// An encoder that is silent until the source is played returns its first frame as its first. What was there
+// before the source began is told from it by the source's timecodes, or, without these, only by the time.
+//
+// Complete is only what the evidence shows to be complete:
+// - by labels, where those of the source count its frames one by one and come back: each of them has been
+//   seen as one of the source's own (see OwnLabels). This holds for an encoder that was silent, too, when the
+//   first frame that came has such a label;
+// - else by count: as many frames as the source has. Frames of another rate or codec than the source's, once
+//   that was there, do not count, and neither do those that are shown before its first or certainly come
+//   behind its last;
+// - by time it is never known, and the results say so.
+// Rather some frames too many are taken than one too few.
+//
+// It is told of the frames of one recording and asked by it; the recording itself has the file.
+class PlayedReturn {
+public:
+    // How the beginning was found.
+    enum class By { count, labels, time };
+    // A random access point with which the recording may begin.
+    struct Point {
+        std::size_t at = 0; // in the packets that are held
+        VideoUnit unit;
+        RecordingClock::Place place;
+        Clock::time_point came;
+        std::int64_t shown = 0; // by the stream's clock
+    };
+    // The frame that begins, or began last.
+    struct Frame {
+        Clock::time_point now;
+        int rateCode = 0; // of the stream; 0: unknown
+        const RecordingClock& clock;
+        const FrameLabels& labels;
+        std::optional<std::int64_t> label;
+        int video = 0; // tells one codec and PID from another
+    };
+
+    PlayedReturn(const RecordingPlan& plan, const Timing& timing);
+
+    // Something is played.
+    [[nodiscard]] bool played() const noexcept { return m_played; }
+    // All frames of a source are recorded, rather than those between two marks.
+    [[nodiscard]] bool whole() const noexcept { return m_whole; }
+
+    [[nodiscard]] By by() const noexcept { return m_by; }
+
+    // The source is played from then on, with the frame of that label.
+    void sourceBegins(const LabelReference& begin) { m_source = begin; }
+    void sourceEnded(Clock::time_point now) { m_sourceEnded = now; }
+    [[nodiscard]] bool began() const noexcept { return m_source.has_value(); }
+    // The far future while that is not known.
+    [[nodiscard]] Clock::time_point begin() const;
+    // Marks: the reference by which frames are counted. An encoder that waits for its decoder returns the
+    // first frame as its first; of one that goes on all the time only when it was played is known.
+    [[nodiscard]] std::optional<LabelReference> reference() const;
+
+    // Packets came.
+    void came(Clock::time_point now);
+    // A picture came, and nothing is recorded yet. True for the first that came before the source.
+    [[nodiscard]] bool ranBefore(Clock::time_point now);
+    [[nodiscard]] bool sentBefore() const noexcept { return m_sentBefore; }
+    [[nodiscard]] bool ranBefore() const noexcept { return m_ranBefore; }
+
+    // The first picture of a PES packet has that label, or none.
+    void picture(const VideoUnit& unit, const Frame& frame);
+    // Frames with these labels are taken. Those that have become the source's by them.
+    [[nodiscard]] std::vector<OwnLabels::Range> note(std::int64_t first, std::int64_t last);
+    // Those that came until now are not asked for.
+    void dropLabels() noexcept { m_own.drop(); }
+    // The stream's timecodes have been recognised as the source's.
+    void trustLabels();
+    // Other video begins.
+    void breakOff() noexcept { m_own.breakOff(); }
+    // Whether the current label is the source's; of labels that were told, always.
+    [[nodiscard]] bool owns(const Frame& frame) const;
+
+    // Whether that is another frame rate than the source's.
+    [[nodiscard]] bool unlikeSource(int rateCode) const noexcept;
+    // Whether a timecode can be the source's, of which those of a decoder that stops for a while come later
+    // and later.
+    [[nodiscard]] bool mayBeSources(const Frame& frame) const;
+    [[nodiscard]] SourceLabels& sourceLabels() noexcept { return m_sourceLabels; }
+    [[nodiscard]] const SourceLabels& sourceLabels() const noexcept { return m_sourceLabels; }
+
+    // Points that are held until it is known which is the one.
+    void hold(const Point& point) { m_points.push_back(point); }
+    void dropPoints() { m_points.clear(); }
+    [[nodiscard]] bool holdsPoint() const noexcept { return !m_points.empty(); }
+    // Whether the stream's timecodes have become the source's.
+    [[nodiscard]] bool firstCame(const VideoUnit& unit, const Frame& frame);
+    // The point from which the source's first frame can be shown.
+    [[nodiscard]] Point beginByLabels(const Frame& frame);
+    // The point that came last before the source began.
+    [[nodiscard]] Point beginByTime();
+    // From the begin of the play-out to that point.
+    [[nodiscard]] Clock::duration beganLate() const noexcept { return m_beganLate; }
+
+    // The recording begins with frames of this rate, so many of which are wanted.
+    void measure(std::uint64_t frames, int rateCode);
+    // It begins with that frame.
+    void recordingBegins(const Frame& frame);
+    // So many frames were written. False when they are known not to be the source's.
+    [[nodiscard]] bool recorded(unsigned frames, int recordedRate, const Frame& frame);
+
+    // Whether the recording ends before the frame that begins.
+    [[nodiscard]] bool endsBefore(const Frame& frame, int recordedRate, std::uint64_t frames) const;
+    // Whether all frames that were played have begun.
+    [[nodiscard]] bool lastCame(const Frame& frame, std::uint64_t frames) const;
+    // By labels: whether the time of the last one has passed, be they all there or not.
+    [[nodiscard]] bool lastPassed(const Frame& frame) const;
+    // Of the frames recorded, those that can be the source's.
+    [[nodiscard]] std::uint64_t returned(std::uint64_t frames) const;
+    // The source's frames that can come back, at the rate at which they come.
+    [[nodiscard]] std::uint64_t expected(int recordedRate) const;
+    // It is over, whatever still comes: all that was played must have come back.
+    [[nodiscard]] bool late(Clock::time_point now) const;
+    // What is to be said of a whole source: by what it was found, what is missing. ended: nothing more comes.
+    [[nodiscard]] std::string describe(int recordedRate, bool ended) const;
+
+private:
+    [[nodiscard]] std::optional<std::int64_t> position(const Frame& frame);
+    [[nodiscard]] bool dropsFrames() const;
+    void takeOwn(const std::vector<OwnLabels::Range>& ranges);
+    [[nodiscard]] bool agree(const std::vector<OwnLabels::Range>& ranges);
+    [[nodiscard]] bool through() const noexcept;
+    [[nodiscard]] bool told() const noexcept;
+    [[nodiscard]] bool otherVideo(int recordedRate, const Frame& frame) const noexcept;
+    [[nodiscard]] bool durationReached(const Frame& frame, std::uint64_t frames) const;
+    [[nodiscard]] bool playedFor(Clock::time_point now) const;
+    [[nodiscard]] bool labelledEndCame(const Frame& frame) const;
+    [[nodiscard]] std::uint64_t total() const noexcept;
+
+    // What is asked for, see RecordingPlan.
+    bool m_played;
+    bool m_whole;
+    int m_sourceRateCode;
+    bool m_uniform;
+    std::int64_t m_sourceTime;
+    std::uint64_t m_wantedFrames;
+    std::uint64_t m_labelledFrames;
+    std::uint64_t m_hiddenFrames;
+    std::string m_firstLabel;
+    milliseconds m_longestReturn;
+
+    std::optional<LabelReference> m_source;
+    std::optional<Clock::time_point> m_sourceEnded;
+    bool m_sentBefore = false; // anything
+    bool m_ranBefore = false;  // pictures
+    SourceLabels m_sourceLabels;
+
+    By m_by = By::count;
+    std::vector<Point> m_points;
+    Clock::duration m_beganLate{};
+    MarkedRange m_range; // of the source's labels
+    OwnLabels m_own;
+    bool m_recording = false;
+    int m_video = 0;                          // of what is recorded
+    bool m_rateVaried = false;                // its frame rate has changed
+    std::optional<std::int64_t> m_firstTaken; // label of its first frame
+    bool m_agreed = false;                    // by count: the source's labels have come back with it
+    bool m_refuted = false;    // by count: labels have come back, but not from the first frame on
+    std::int64_t m_offset = 0; // by which these are ahead of the source's
+    std::int64_t m_wanted = 0; // by the stream's clock; 0 while the frame rate is unknown
+    std::int64_t m_leadIn = 0; // frames from the beginning to the source's first
+    // Of the frames recorded by the source's timecodes: those shown before the first of the source, and those
+    // that certainly come behind its last.
+    std::int64_t m_before = 0;
+    std::int64_t m_leading = 0; // at most so many are coded behind the first but shown before it
+    std::uint64_t m_others = 0;
+};
+
+} // namespace kestrel::capture
