@@ -21,6 +21,11 @@
 
 namespace kestrel {
 
+std::string commandLineWord(std::string_view text) {
+    const std::string word(text);
+    return word.find(' ') == std::string::npos ? word : '"' + word + '"';
+}
+
 ArgumentVector::ArgumentVector(std::string_view commandLine) {
     ArgumentSplit split = splitArguments(commandLine, " ");
     m_complete = split.withinBounds();

@@ -8,6 +8,10 @@
 
 namespace kestrel {
 
+// The text as one word of a command line: in double quotes where it has a blank, at which the line would be
+// split. A text without one stays as it is.
+[[nodiscard]] std::string commandLineWord(std::string_view text);
+
 // The owned, null-terminated argument vector of one program.
 class ArgumentVector {
 public:

@@ -6,9 +6,11 @@
 
 #include <arpa/inet.h>
 #include <cstring>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <ostream>
 #include <sys/socket.h>
+#include <sys/stat.h>
 
 namespace {
 
@@ -72,9 +74,14 @@ void FileLogger::init(const char* path) {
     if (!path)
         return;
     cFileUtil::CreateDir(path);
-    // "e": workers must not inherit the descriptor.
-    m_file = fopen64(path, "a+e");
+    // Whatever the umask of a detached service: nobody else writes into its log. Workers must not inherit the
+    // descriptor.
+    constexpr mode_t readableByAll = 0644;
+    kestrel::UniqueFd file(::open64(path, O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, readableByAll));
+    m_file = file.valid() ? fdopen(file.get(), "a+") : nullptr;
     m_active = m_file != nullptr;
+    if (m_active)
+        (void)file.release();
 }
 
 void FileLogger::close() {

@@ -1,6 +1,7 @@
 #include "jobs/CaptureJob.h"
 
 #include "capture_profile/CSettings.h"
+#include "foundation/AppLaunchUtil.h"
 #include "foundation/ErrorCodes.h"
 #include "foundation/FixedText.h"
 #include "foundation/Logger.h"
@@ -8,6 +9,7 @@
 #include "jobs/RequestValues.h"
 #include "resources/ResourceMgr.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -91,10 +93,7 @@ void CaptureJob::setField(InputField& field) {
         SetOutputFile(field.currValue);
         break;
     case InputField::ENCODER_IP:
-        if (const auto address = deviceAddress(field))
-            AddEncoder(ResourceMgr::GetResourceMgrInst()->GetEncoder(*address));
-        else
-            warnOfValue(field, DEVICE_ADDRESS);
+        setEncoder(field);
         break;
     case InputField::ENCODER_PROFILE:
     case InputField::ENCODER_VITC_INPUT:
@@ -108,6 +107,24 @@ void CaptureJob::setField(InputField& field) {
                              valueText(field));
         break;
     }
+}
+
+void CaptureJob::setEncoder(const InputField& field) {
+    const auto address = deviceAddress(field);
+    if (!address) {
+        warnOfValue(field, DEVICE_ADDRESS);
+        return;
+    }
+    Encoder* const encoder = ResourceMgr::GetResourceMgrInst()->GetEncoder(*address);
+    // No rule forbids it here. What an encoder sends to one receiver can be recorded once only; what it sends
+    // to a group is recorded twice.
+    if (jobType != CAPTURE_MPEG_NORMALIZE_JOB &&
+        std::find(encoders.begin(), encoders.end(), encoder) != encoders.end())
+        LogUtil::Warning("JobMgmt",
+                         "%s=%s: the request has this encoder already. It is taken twice: the job's worker "
+                         "fails, or records the same twice.",
+                         field.name, valueText(field));
+    AddEncoder(encoder);
 }
 
 void CaptureJob::setEncoderField(InputField& field, int number) {
@@ -168,7 +185,7 @@ const char* CaptureJob::getCmdLine(const char* program) {
     const char* log = getLogFilename();
     MutexLock lock(m_statusMutex);
     if (!formatText(cmdLine, "%s -ini \"%s\" -wq %s -rq %s -log %s", program ? program : "", iniFilename,
-                    jobUpdateQueueName, mgrQueueName, log) &&
+                    jobUpdateQueueName, mgrQueueName, commandLineWord(log).c_str()) &&
         error == 0) {
         LogUtil::Error("JobMgmt", "Job %d: the command line is too long and is cut: %s", static_cast<int>(id),
                        cmdLine);

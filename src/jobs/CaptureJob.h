@@ -86,6 +86,7 @@ private:
         std::optional<bool> vitcInput;
     };
 
+    void setEncoder(const InputField& field);
     void setEncoderField(InputField& field, int number);
     void describeEncoders(CSettings& settings) const;
     void copyCaptureFields(const CaptureJob& other);

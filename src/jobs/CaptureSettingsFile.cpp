@@ -8,10 +8,11 @@
 #include "resources/ResourceMgr.h"
 
 #include <algorithm>
-#include <arpa/inet.h>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <string>
+#include <system_error>
 
 using namespace kestrel;
 
@@ -39,19 +40,28 @@ void describeEncoder(CSettings::EncoderReception& reception, const Encoder& enco
     copyText(reception.profile, encoder.profile);
 }
 
-std::string dotted(unsigned long address) {
-    const in_addr value{htonl(ipv4(address))};
-    char text[INET_ADDRSTRLEN] = "";
-    inet_ntop(AF_INET, &value, text, sizeof text);
-    return text;
-}
-
 // An option stays with its device. A request that does not name it gets what an earlier one left there, which
 // may have been no more than a check.
 void tellOfEarlier(const Job& job, InputField::Number option, const std::string& value,
                    const std::string& device) {
     LogUtil::Info("JobMgmt", "Job %d: %s %s of an earlier request for %s is used.", static_cast<int>(job.id),
                   InputField::FieldName[option], value.c_str(), device.c_str());
+}
+
+// The worker has the service's working directory, which a client need not know. directory: what the name is
+// taken against before that, "" for nothing else.
+void tellOfRelative(const Job& job, InputField::Number field, const std::filesystem::path& name,
+                    const std::filesystem::path& directory) {
+    if (name.empty() || name.is_absolute())
+        return;
+    std::error_code failed;
+    std::filesystem::path base = std::filesystem::current_path(failed);
+    if (!directory.empty())
+        base /= directory;
+    if (!failed)
+        LogUtil::Info("JobMgmt", "Job %d: %s \"%s\" is relative and is taken against %s: %s",
+                      static_cast<int>(job.id), InputField::FieldName[field], name.c_str(), base.c_str(),
+                      (base / name).c_str());
 }
 
 } // namespace
@@ -72,6 +82,9 @@ int CaptureJob::CreateIniFile() {
             describeEncoders(settings);
             describe(settings);
         });
+        tellOfRelative(*this, InputField::FILENAME, settings.cmd.outputFile,
+                       settings.encoders[0].mainCaptureDirectory);
+        tellOfRelative(*this, InputField::SRC_FILENAME, settings.cmd.sourceFile, {});
         settings.cmd.serviceMgrInvoked = true;
         setRemoteEncodeSettings(settings);
         if (!settings.SaveProfile(path.c_str()))
@@ -97,10 +110,10 @@ void CaptureJob::describeEncoders(CSettings& settings) const {
                              static_cast<int>(id), i + 1, settings.encoders[i].profile);
         if (!options.profile && encoder.profile != nullptr && *encoder.profile != '\0')
             tellOfEarlier(*this, InputField::ENCODER_PROFILE, encoder.profile,
-                          "encoder " + dotted(encoder.address));
+                          "encoder " + addressText(encoder.address));
         if (!options.vitcInput && !encoder.vitcInput)
             tellOfEarlier(*this, InputField::ENCODER_VITC_INPUT, boolText(encoder.vitcInput),
-                          "encoder " + dotted(encoder.address));
+                          "encoder " + addressText(encoder.address));
         // There is one such setting for all encoders: the last one's.
         settings.vtr.vitcSupport = options.vitcInput.value_or(encoder.vitcInput);
     }
@@ -161,8 +174,8 @@ void CaptureReencodeJob::describeDecoder(CSettings& settings) const {
     if (decoder == nullptr)
         return;
     if (!m_interfaceAddress && decoder->interfaceAddress != 0)
-        tellOfEarlier(*this, InputField::DECODER_INTF_IP, dotted(decoder->interfaceAddress),
-                      "decoder " + dotted(decoder->address));
+        tellOfEarlier(*this, InputField::DECODER_INTF_IP, addressText(decoder->interfaceAddress),
+                      "decoder " + addressText(decoder->address));
     settings.decoder.controlAddress = ipv4(decoder->address);
     settings.decoder.interfaceAddress = ipv4(m_interfaceAddress.value_or(decoder->interfaceAddress));
     settings.decoder.ipAddress = ipv4(decoder->streamAddress);

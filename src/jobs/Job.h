@@ -124,6 +124,10 @@ public:
     [[nodiscard]] int workerPid() const noexcept { return m_workerPid; }
     void setWorkerPid(int pid) noexcept { m_workerPid = pid; }
 
+    // Whether a cancel message has been put into the worker's queue. Not copied with the job.
+    [[nodiscard]] bool workerTold() const noexcept { return m_workerTold; }
+    void setWorkerTold() noexcept { m_workerTold = true; }
+
     // Who hears of a new GUID or id; null for a job outside a queue. Not copied with the job.
     void setListener(kestrel::JobListener* listener) noexcept { m_listener = listener; }
     // Writes guid and guidStr without telling the listener.
@@ -151,4 +155,5 @@ protected:
 private:
     kestrel::JobListener* m_listener = nullptr;
     std::atomic<int> m_workerPid{0};
+    std::atomic<bool> m_workerTold{false};
 };

@@ -10,6 +10,7 @@
 #include "verifier/VerifierJob.h"
 
 #include <algorithm>
+#include <cstring>
 #include <fcntl.h>
 
 namespace {
@@ -50,15 +51,24 @@ void logCannotCancel(const Job& job) {
 }
 
 // The job's state is all that such a cancel changes, deliberately; whoever wants the worker to end must know
-// how.
+// how. One that a cancel before this one has reached is on its way to its end.
 void logWorkerRunsOn(const Job& job, Job::JobState found) {
     const int pid = job.workerPid();
-    if (pid > 0 && found != Job::COMPLETE && found != Job::ERROR)
+    if (pid <= 0 || found == Job::COMPLETE || found == Job::ERROR)
+        return;
+    const int number = static_cast<int>(job.id);
+    if (job.workerTold())
+        LogUtil::Info(
+            MODULE,
+            "Job %d %s was %s: its worker has been told of an abort before, process %d has not ended "
+            "yet.",
+            number, job.guidStr, Job::JobStateStr[found], pid);
+    else
         LogUtil::Warning(
             MODULE,
             "Job %d %s was %s: its worker is not told of the abort, process %d runs on. To end it: "
             "kill -TERM %d",
-            static_cast<int>(job.id), job.guidStr, Job::JobStateStr[found], pid, pid);
+            number, job.guidStr, Job::JobStateStr[found], pid, pid);
 }
 
 } // namespace
@@ -198,6 +208,7 @@ int JobQueue::CancelJob(Job* job, Job::JobState newState) {
         logCannotCancel(*job);
         return static_cast<int>(kestrel::error::cancelMessageFailed);
     }
+    job->setWorkerTold();
     job->setState(newState);
     return 0;
 }
@@ -228,6 +239,21 @@ Job* JobQueue::getJobByGivenGuid(const char* guidText) {
     kestrel::JobIndex::Guid guid{};
     Job::getGuid(guidText, guid.data());
     return m_index.findEntered(guid);
+}
+
+VerifierJob* JobQueue::getVerification(const char* reportFilename) {
+    MutexLock lock(m_mutex);
+    VerifierJob* latest = nullptr;
+    for (Job* const job : jobs) {
+        if (job->jobType != Job::VERIFIER_JOB)
+            continue;
+        auto* const verification = static_cast<VerifierJob*>(job);
+        if (std::strcmp(verification->reportFilename, reportFilename) != 0)
+            continue;
+        if (latest == nullptr || !latest->mayWriteReport())
+            latest = verification;
+    }
+    return latest;
 }
 
 const char* JobQueue::GetJobStatus(const char* guidText) {

@@ -69,6 +69,9 @@ public:
     // soon found among many jobs as among few, also where there is none. Bytes written into guid itself do
     // not count.
     Job* getJobByGivenGuid(const char* guidText);
+    // The verification whose report that is, or null; of several the one whose worker may still run, else the
+    // latest.
+    VerifierJob* getVerification(const char* reportFilename);
     // State name of the job with that GUID; an empty text when there is none.
     const char* GetJobStatus(const char* guidText);
     // First job with that id, or null (10003 logged).

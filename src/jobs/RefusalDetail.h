@@ -4,10 +4,12 @@
 #include <string>
 #include <string_view>
 
+class CaptureJob;
+
 namespace kestrel {
 
 // The reason behind a job's results where they name an invalid duration or an invalid file name; an empty
-// text for any other. outputFile is the job's, or null; it is looked at, or the file that the results name.
-std::string refusalDetail(std::string_view results, const char* outputFile);
+// text for any other. The job's output file is looked at, or the one that the results name.
+std::string refusalDetail(std::string_view results, const CaptureJob& job);
 
 } // namespace kestrel

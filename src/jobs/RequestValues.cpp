@@ -36,6 +36,13 @@ std::optional<unsigned long> deviceAddress(const InputField& field) noexcept {
     return address && *address != 0 ? address : std::nullopt;
 }
 
+std::string addressText(unsigned long address) {
+    const in_addr value{htonl(static_cast<std::uint32_t>(address))};
+    char text[INET_ADDRSTRLEN] = "";
+    inet_ntop(AF_INET, &value, text, sizeof text);
+    return text;
+}
+
 void warnOfValue(const InputField& field, const char* expected) {
     LogUtil::Warning("JobMgmt", "%s: \"%s\" is not %s.", field.name ? field.name : "", valueText(field),
                      expected);

@@ -20,6 +20,9 @@ std::optional<unsigned long> addressValue(const InputField& field) noexcept;
 // The same for the address of a device, which 0.0.0.0 is not.
 std::optional<unsigned long> deviceAddress(const InputField& field) noexcept;
 
+// The dotted form of an address in host order.
+std::string addressText(unsigned long address);
+
 // Logs that a field's value is not what was expected, both named. The refusal that may follow has a text of
 // its own, which clients know.
 void warnOfValue(const InputField& field, const char* expected);

@@ -57,7 +57,7 @@ void takeResults(Job& job, const GenericFlatMsg& message) {
     const std::string_view results = fieldText(std::span(text, size)).substr(0, sizeof job.results - 1);
     job.setResults(results);
     if (const auto* const capture = dynamic_cast<const CaptureJob*>(&job); capture != nullptr)
-        if (const std::string detail = refusalDetail(results, capture->outputFile); !detail.empty())
+        if (const std::string detail = refusalDetail(results, *capture); !detail.empty())
             LogUtil::Warning(category, "Job %d %s: %s", number(job), job.guidStr, detail.c_str());
 }
 

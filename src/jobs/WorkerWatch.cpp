@@ -140,6 +140,9 @@ void WorkerWatch::takeEnd(int status) {
         return;
     }
     const int exitCode = WEXITSTATUS(status);
+    // The lines that follow do not say whose process it was.
+    LogUtil::Info(category, "Job %d %s: process %d ended with exit code %d.", static_cast<int>(m_job.id),
+                  m_job.guidStr, static_cast<int>(m_pid), exitCode);
     if (exitCode == 0) {
         LogUtil::Info(category, "%s", LOG_MSG(error::jobProcessSucceeded));
         m_job.finish(Job::COMPLETE);

@@ -40,6 +40,13 @@ std::unique_ptr<Message> createRequest(const char* line) {
     return std::unique_ptr<Message>(Message::createRequestMessage(arguments, count));
 }
 
+// One request gets one line: what it is answered with may come from the request itself, or from a worker.
+void keepToOneLine(std::span<char> response) {
+    for (char& c : response.first(kestrel::fieldText(response).size()))
+        if ((static_cast<unsigned char>(c) < ' ' && c != '\t') || c == 0x7f)
+            c = ' ';
+}
+
 void answer(std::span<char> response, Message* message) {
     if (message == nullptr) {
         kestrel::copyText(response, "FALSE - Request could not be created.");
@@ -69,6 +76,7 @@ bool CMessageProcessor::process(char* request, char* response, int responseSize)
         {
             const std::unique_ptr<Message> message = createRequest(request == nullptr ? "" : request);
             answer(out, message.get());
+            keepToOneLine(out);
         }
         LogUtil::Info(MODULE, "CMessageProcessor::process done with response: %s",
                       out.empty() ? "" : response);

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <exception>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -19,6 +20,22 @@ namespace {
 constexpr const char* MODULE = "SocketManager";
 // How long the accept loop leaves a listener alone that cannot be accepted from (no descriptor left).
 constexpr int ACCEPT_PAUSE_MS = 100;
+
+// A client whose host has vanished sends nothing more, not even an end. Its slot is free again after
+// 60 + 6 * 10 seconds.
+constexpr int KEEP_ALIVE_IDLE_SECONDS = 60;
+constexpr int KEEP_ALIVE_INTERVAL_SECONDS = 10;
+constexpr int KEEP_ALIVE_PROBES = 6;
+
+void watchPeer(int socket) {
+    const auto set = [socket](int level, int option, int value) {
+        return setsockopt(socket, level, option, &value, sizeof value) == 0;
+    };
+    if (!set(SOL_SOCKET, SO_KEEPALIVE, 1) || !set(IPPROTO_TCP, TCP_KEEPIDLE, KEEP_ALIVE_IDLE_SECONDS) ||
+        !set(IPPROTO_TCP, TCP_KEEPINTVL, KEEP_ALIVE_INTERVAL_SECONDS) ||
+        !set(IPPROTO_TCP, TCP_KEEPCNT, KEEP_ALIVE_PROBES))
+        LogUtil::Warning(MODULE, "A connection cannot be watched for the end of its host: errno %d", errno);
+}
 
 } // namespace
 
@@ -184,6 +201,7 @@ void CSocketManager::acceptOne() {
         return;
     }
     m_acceptFailing = false;
+    watchPeer(socket);
     LogUtil::Debug(MODULE, "CSocketManager.startSocketServer - got a valid connection");
     int slot = -1;
     createSocketHelper(slot, socket);

@@ -8,6 +8,7 @@
 #include "jobs/RequestValues.h"
 #include "service/ManagerLib.h"
 #include "service/RequestMessages.h"
+#include "verifier/VerifierJob.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -177,6 +178,8 @@ int CManagerLib::GetJobResults(const char* guid, char* out, int size) {
     Job* const job = GetJob(guid);
     if (job == nullptr)
         return invalidGuid(guid, out, size);
+    if (job->jobType == Job::VERIFIER_JOB)
+        return verificationResults(static_cast<VerifierJob&>(*job), buffer(out, size));
     return job->getJobResults(out, size);
 }
 

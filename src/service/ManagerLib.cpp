@@ -120,6 +120,7 @@ int CManagerLib::startWork() {
     EventWrapper::ResetEvent(m_shutdownCompleteEvent);
     m_shutdown = false;
     JobLauncher::ResumeWatching();
+    m_reportLocks.reopen();
     kestrel::raiseServiceLimits();
 
     m_callbackLib = CallbackLib::initCallBackLib();
@@ -285,6 +286,7 @@ void CManagerLib::stopThreads() {
     }
     // Connections that wait for a deck or for a verification must not hold the end.
     failPendingVtrRequest("Error: The service is shutting down.");
+    m_reportLocks.close();
     JobLauncher::StopWatching(true);
 }
 

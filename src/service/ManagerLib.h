@@ -8,6 +8,7 @@
 #include "foundation/UniqueFd.h"
 #include "jobs/JobQueue.h"
 #include "service/DeckProcess.h"
+#include "service/ReportLocks.h"
 
 #include <atomic>
 #include <cstdint>
@@ -16,6 +17,7 @@
 #include <optional>
 #include <pthread.h>
 #include <semaphore.h>
+#include <span>
 #include <string>
 
 class CaptureJob;
@@ -58,6 +60,9 @@ public:
     // read, 10041 when it has no root element. Works without a manager.
     static int GetSettings(KestrelManagerSettings& settings, bool loadLogging, const char* defaultLogFile,
                            BaseLogger::_LogLevel defaultLevel);
+    // The port that a service with this profile listens on; 5112 when the profile cannot be read. Sets up no
+    // log.
+    static int ServicePort();
     // Reads the profile into this manager's record and sets up logging. A profile that cannot be read leaves
     // the defaults, with an error in the default log file.
     void loadSettings();
@@ -155,6 +160,10 @@ private:
     int launchJob(Job& job, const char* program, const char* commandLine, bool wait, char (&errorText)[300]);
     void warnOfKnownGuid(const char* guid);
     int runVerification(VerifierRequest& request, VerifierJob& job);
+    int queueVerification(VerifierRequest& request, VerifierJob& job);
+    int launchVerification(VerifierRequest& request, VerifierJob& job, bool wait);
+    int answerVerification(VerifierRequest& request, VerifierJob& job);
+    int verificationResults(VerifierJob& job, std::span<char> out);
     CaptureJob* findCaptureJob(const char* guid);
     [[nodiscard]] std::string logStartFailure() const;
     int waitForEnd();
@@ -187,6 +196,7 @@ private:
     sem_t* m_shutdownRequestEvent = nullptr;
     sem_t* m_shutdownCompleteEvent = nullptr;
     JobQueue m_jobQueue;
+    kestrel::ReportLocks m_reportLocks;
     ResourceMgr* m_resourceMgr;
     CallbackLib* m_callbackLib = nullptr;
     kestrel::DeckProcess m_deckProcess; // the response thread's while that runs

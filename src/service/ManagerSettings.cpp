@@ -6,6 +6,7 @@
 #include "service/ManagerLib.h"
 
 #include <algorithm>
+#include <arpa/inet.h>
 #include <array>
 #include <limits>
 #include <optional>
@@ -54,9 +55,10 @@ public:
 
     const char* text(const char* key) const { return m_section->Attribute(key); }
 
-    // The integer of that key, where it is least at least. Every integer that is read stays in the scratch
-    // integer.
-    bool integer(const char* key, int& value, int least = std::numeric_limits<int>::min()) {
+    // The integer of that key, where it is least at least and largest at most. Every integer that is read
+    // stays in the scratch integer.
+    bool integer(const char* key, int& value, int least = std::numeric_limits<int>::min(),
+                 int largest = std::numeric_limits<int>::max()) {
         const char* const given = text(key);
         if (given == nullptr)
             return false;
@@ -67,14 +69,30 @@ public:
             complain(key, given, "is less than " + std::to_string(least), holds(value));
             return false;
         }
+        if (*number > largest) {
+            complain(key, given, "is more than " + std::to_string(largest), holds(value));
+            return false;
+        }
         value = *number;
         return true;
     }
 
     // The same where there is no value that would hold in place of a bad one.
-    std::optional<int> integerIfAny(const char* key, const char* otherwise) {
+    std::optional<int> integerIfAny(const char* key, int least, int largest, const char* otherwise) {
         const char* const given = text(key);
-        return given == nullptr ? std::nullopt : readInteger(key, given, otherwise);
+        const auto number = given == nullptr ? std::nullopt : readInteger(key, given, otherwise);
+        if (!number || (*number >= least && *number <= largest))
+            return number;
+        complain(key, given, "is not from " + std::to_string(least) + " to " + std::to_string(largest),
+                 otherwise);
+        return std::nullopt;
+    }
+
+    // Remembers that a value cannot be taken, and what holds instead.
+    void complain(const char* key, const std::string& value, const std::string& what,
+                  const std::string& otherwise = {}) {
+        m_complaints.push_back(std::string("Profile section ") + m_name + ", key " + key + ": \"" + value +
+                               "\" " + what + (otherwise.empty() ? "" : ", " + otherwise));
     }
 
     // The two keys whose presence is not tested: a missing one takes the scratch integer's last value, and
@@ -161,12 +179,6 @@ private:
         return number;
     }
 
-    void complain(const char* key, const std::string& value, const std::string& what,
-                  const std::string& otherwise = {}) {
-        m_complaints.push_back(std::string("Profile section ") + m_name + ", key " + key + ": \"" + value +
-                               "\" " + what + (otherwise.empty() ? "" : ", " + otherwise));
-    }
-
     void warnOfUnknownKeys(TiXmlElement& element, const Section& section) {
         for (const TiXmlAttribute* attribute = element.FirstAttribute(); attribute != nullptr;
              attribute = attribute->Next()) {
@@ -209,20 +221,41 @@ void setDefaults(Settings& settings) {
     settings.heartbeatTimeoutSecs = 120;
 }
 
-void readLogging(ProfileReader& profile, const char* defaultLogFile, BaseLogger::_LogLevel defaultLevel) {
-    LogUtil* const log = LogUtil::GetInstance();
-    if (log == nullptr || !profile.enter("Logging"))
-        return;
-    const char* const file = profile.text("LOG_FILENAME");
-    log->addFileLogger(file != nullptr ? file : cStringUtil::cValue(defaultLogFile));
-    int level = defaultLevel;
-    profile.integer("LOG_LEVEL", level);
-    log->setDefaultLogLevel(level);
+// What the section says of the loggers.
+struct LoggingSection {
+    const char* file = nullptr; // null: not given
+    int level = 0;
+    const char* ip = nullptr; // null: no lines are sent
+    int port = 0;
+};
+
+std::optional<LoggingSection> readLogging(ProfileReader& profile, BaseLogger::_LogLevel defaultLevel) {
+    if (!profile.enter("Logging"))
+        return std::nullopt;
+    LoggingSection section{profile.text("LOG_FILENAME"), defaultLevel};
+    profile.integer("LOG_LEVEL", section.level, std::numeric_limits<int>::min(), BaseLogger::Fatal);
     const char* const ip = profile.text("LOG_IP");
     if (ip == nullptr || *ip == '\0')
+        return section;
+    const auto port = profile.integerIfAny("LOG_PORT", 1, MAX_PORT, "no lines are sent");
+    in_addr address{};
+    if (inet_pton(AF_INET, ip, &address) != 1)
+        profile.complain("LOG_IP", ip, "is not an IPv4 address", "no lines are sent");
+    else if (port) {
+        section.ip = ip;
+        section.port = *port;
+    }
+    return section;
+}
+
+void setUpLogging(const LoggingSection& section, const char* defaultLogFile) {
+    LogUtil* const log = LogUtil::GetInstance();
+    if (log == nullptr)
         return;
-    if (const auto port = profile.integerIfAny("LOG_PORT", "no lines are sent"))
-        log->addNetLogger(ip, *port);
+    log->addFileLogger(section.file != nullptr ? section.file : cStringUtil::cValue(defaultLogFile));
+    log->setDefaultLogLevel(section.level);
+    if (section.ip != nullptr)
+        log->addNetLogger(section.ip, section.port);
 }
 
 void readSections(ProfileReader& profile, Settings& settings) {
@@ -261,32 +294,56 @@ std::string profilePath() {
     return std::string(KESTREL_CONFIG_PARENT_DIR) + "KestrelManagerProfile.xml";
 }
 
+// What is done with the section of the loggers. Passed over, its integers are not left as the last ones read.
+enum class Logging { passedOver, read, setUp };
+
+// As GetSettings; problem: what is wrong with the profile, where that fails.
+int readProfile(CManagerLib::KestrelManagerSettings& settings, Logging logging, const char* defaultLogFile,
+                BaseLogger::_LogLevel defaultLevel, std::string& problem) {
+    setDefaults(settings);
+    TiXmlDocument document;
+    if (const auto unread = kestrel::xmlFileProblem(profilePath().c_str(), document)) {
+        problem = *unread;
+        return static_cast<int>(kestrel::error::settingsNotLoaded);
+    }
+    TiXmlElement* const root = document.FirstChildElement();
+    if (root == nullptr) {
+        problem = "it has no element";
+        return static_cast<int>(kestrel::error::settingsNotXml);
+    }
+
+    ProfileReader profile(*root);
+    if (logging != Logging::passedOver)
+        if (const auto section = readLogging(profile, defaultLevel); section && logging == Logging::setUp)
+            setUpLogging(*section, defaultLogFile);
+    readSections(profile, settings);
+    profile.warnOfUnknown();
+    if (logging == Logging::setUp)
+        profile.logComplaints();
+    return 0;
+}
+
 } // namespace
 
 int CManagerLib::GetSettings(KestrelManagerSettings& settings, bool loadLogging, const char* defaultLogFile,
                              BaseLogger::_LogLevel defaultLevel) {
-    setDefaults(settings);
-    TiXmlDocument document;
-    if (!kestrel::parseXmlFile(profilePath().c_str(), document))
-        return static_cast<int>(kestrel::error::settingsNotLoaded);
-    TiXmlElement* const root = document.FirstChildElement();
-    if (root == nullptr)
-        return static_cast<int>(kestrel::error::settingsNotXml);
+    std::string problem;
+    return readProfile(settings, loadLogging ? Logging::setUp : Logging::passedOver, defaultLogFile,
+                       defaultLevel, problem);
+}
 
-    ProfileReader profile(*root);
-    if (loadLogging)
-        readLogging(profile, defaultLogFile, defaultLevel);
-    readSections(profile, settings);
-    profile.warnOfUnknown();
-    if (loadLogging)
-        profile.logComplaints();
-    return 0;
+int CManagerLib::ServicePort() {
+    KestrelManagerSettings settings{};
+    std::string problem;
+    readProfile(settings, Logging::read, nullptr, BaseLogger::Info, problem);
+    return settings.portNumber;
 }
 
 void CManagerLib::loadSettings() {
     char defaultLogFile[300];
     kestrel::formatText(defaultLogFile, "%sKestrelManager.log", KESTREL_LOG_PARENT_DIR);
-    const int result = GetSettings(m_settings, true, defaultLogFile, BaseLogger::Info);
+    std::string problem;
+    const int result = readProfile(m_settings, Logging::setUp, defaultLogFile, BaseLogger::Info, problem);
     // Taken as it stands, for a verifier that has a use for it; ours refuses it.
     if (const int seconds = m_settings.quickPropertiesDurationSecs; result == 0 && seconds < 1)
         LogUtil::Warning(
@@ -308,9 +365,7 @@ void CManagerLib::loadSettings() {
 #pragma GCC diagnostic pop
     LogUtil::Error(MODULE, "%s", text);
     // The text does not say what is wrong with it.
-    TiXmlDocument document;
-    const auto problem = kestrel::xmlFileProblem(m_kestrelMgrSettingsFname, document);
-    LogUtil::Warning(
-        MODULE, "%s: %s. No setting of it is taken, the defaults hold: port %d, no deck control.",
-        m_kestrelMgrSettingsFname, problem ? problem->c_str() : "it has no element", m_settings.portNumber);
+    LogUtil::Warning(MODULE,
+                     "%s: %s. No setting of it is taken, the defaults hold: port %d, no deck control.",
+                     m_kestrelMgrSettingsFname, problem.c_str(), m_settings.portNumber);
 }

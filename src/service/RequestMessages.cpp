@@ -114,7 +114,9 @@ VerifierRequest::VerifierRequest(char args[][300], int count) : Message(VERIFIER
     }
     requestType = getRequestType(args[1]);
     setGuidStr(args[2]);
-    kestrel::copyText(fileName, args[3]);
+    if (!kestrel::copyText(fileName, args[3]))
+        LogUtil::Warning(MODULE, "GET_MPEG_PROPERTIES: \"%s\" is too long and is cut to \"%s\".", args[3],
+                         fileName);
     kestrel::copyText(propertyName, count == 4 ? "ALL" : args[4]);
     if (count > 5) {
         xmlOutput = std::string_view(args[5]) == "XML";

@@ -19,13 +19,6 @@ namespace {
 constexpr timeval ANSWER_TIMEOUT{30, 0};
 constexpr std::size_t ANSWER_SIZE = 100;
 
-int profilePort() {
-    CManagerLib::KestrelManagerSettings settings{};
-    // A missing or bad profile leaves the default port.
-    CManagerLib::GetSettings(settings, false, nullptr, static_cast<BaseLogger::_LogLevel>(-1));
-    return settings.portNumber;
-}
-
 } // namespace
 
 int stopService() {
@@ -38,7 +31,7 @@ int stopService() {
         std::printf("Could not set socket timeout: setsockopt errno=%d\n", errno);
         return -1;
     }
-    const int port = profilePort();
+    const int port = CManagerLib::ServicePort();
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<unsigned short>(port));

@@ -1,6 +1,7 @@
 // KestrelManager: runs the service, in the foreground or detached, or tells a running one to stop.
 #include "service/Daemon.h"
 #include "service/ManagerLib.h"
+#include "service/ProcessStart.h"
 #include "service/StopClient.h"
 
 #include <cerrno>
@@ -33,6 +34,7 @@ void runInForeground() {
 } // namespace
 
 int main(int argc, char** argv) {
+    kestrel::prepareProcess();
     if (argc < 2)
         return runThenDetach();
     const std::string_view word = argv[1];

@@ -1,6 +1,6 @@
 #include "verifier/VerifierJob.h"
 
-#include "capture_profile/XmlFile.h"
+#include "foundation/AppLaunchUtil.h"
 #include "foundation/ErrorCodes.h"
 #include "foundation/FileUtil.h"
 #include "foundation/FixedText.h"
@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <iterator>
 #include <span>
@@ -90,12 +91,6 @@ std::string listed(const char* const (&names)[Count]) {
     for (const char* const name : names)
         list += (list.empty() ? "" : ", ") + std::string(name);
     return list;
-}
-
-// The launcher splits the command line at blanks: a text with one needs quotes.
-std::string argument(const char* text) {
-    const std::string plain(text);
-    return plain.find(' ') == std::string::npos ? plain : '"' + plain + '"';
 }
 
 } // namespace
@@ -206,31 +201,54 @@ int VerifierJob::validate() {
 const char* VerifierJob::getCmdLine(const char* exe) {
     // The profile may give options behind the program.
     std::string line = cStringUtil::cValue(exe);
-    line += " -r xml -report_dst " + argument(reportDir);
-    line += " -report_name " + argument(cStringUtil::getStrippedFilename(reportFilename));
+    line += " -r xml -report_dst " + kestrel::commandLineWord(reportDir);
+    line += " -report_name " + kestrel::commandLineWord(cStringUtil::getStrippedFilename(reportFilename));
     if (property < SHORT_PROPERTIES)
         line += " -duration " + std::to_string(duration);
     line += std::string(" -out_queue_name ") + jobUpdateQueueName + " -in_queue_name " + mgrQueueName;
-    line += " -f " + argument(fileName);
+    line += " -f " + kestrel::commandLineWord(fileName);
+    if (const std::size_t length = std::strlen(cStringUtil::getStrippedFilename(reportFilename));
+        length > NAME_MAX)
+        LogUtil::Warning(
+            MODULE,
+            "Job %d %s: the name of the report has %zu bytes, a file's has at most %d: the verifier "
+            "will not be able to write %s",
+            static_cast<int>(id), guidStr, length, NAME_MAX, reportFilename);
     MutexLock lock(m_statusMutex);
-    kestrel::copyText(cmdLine, line);
+    m_commandLineErrno = kestrel::copyText(cmdLine, line) ? 0 : ENAMETOOLONG;
+    if (m_commandLineErrno != 0)
+        LogUtil::Error(MODULE, "Job %d %s: the command line is too long and is cut: %s", static_cast<int>(id),
+                       guidStr, cmdLine);
     return cmdLine;
 }
 
+int VerifierJob::commandLineErrno() const {
+    MutexLock lock(m_statusMutex);
+    return m_commandLineErrno;
+}
+
+bool VerifierJob::mayWriteReport() const {
+    return state() == QUEUED || workerPid() > 0;
+}
+
 int VerifierJob::getJobResults(char* out, int capacity) {
-    const std::span<char> answer = buffer(out, capacity);
-    kestrel::copyText(answer, "");
-    const int code = readAnswer(out, capacity);
+    const std::span<char> text = buffer(out, capacity);
+    kestrel::copyText(text, "");
+    if (returnReportXml) {
+        kestrel::copyText(text, reportFilename);
+        return 0;
+    }
+    VerifierXml report(reportFilename);
+    const int code = answer(report, out, capacity);
     if (code == 0)
         return 0;
-    const std::string text = failureText();
-    LogUtil::Error(MODULE, "%s", text.c_str());
+    const std::string failure = failureText();
+    LogUtil::Error(MODULE, "%s", failure.c_str());
     // The text does not say which report, and a directory without its closing slash makes another of it.
-    TiXmlDocument document;
-    const auto problem = kestrel::xmlFileProblem(reportFilename, document);
+    const char* const problem = report.problem().empty() ? "it lacks the property" : report.problem().c_str();
     LogUtil::Warning(MODULE, "Job %d %s: the report sought is %s: %s", static_cast<int>(id), guidStr,
-                     reportFilename, problem ? problem->c_str() : "it lacks the property");
-    kestrel::copyText(answer, text);
+                     reportFilename, problem);
+    kestrel::copyText(text, failure);
     return code;
 }
 
@@ -247,21 +265,17 @@ void VerifierJob::removeOldReport() const {
         LogUtil::Warning(MODULE, "The old report %s cannot be removed: errno %d", reportFilename, errno);
 }
 
-int VerifierJob::readAnswer(char* out, int capacity) {
-    if (returnReportXml) {
-        kestrel::copyText(buffer(out, capacity), reportFilename);
-        return 0;
-    }
+int VerifierJob::answer(VerifierXml& report, char* out, int capacity) {
     switch (property) {
     case 0:
-        return getMpegPropertiesQuick(out, capacity);
+        return quickProperties(report, out, capacity);
     case 19:
-        return getAudioModes(out, capacity);
+        return audioModes(report, out, capacity);
     case 20:
-        return getMpegProperties(out, capacity);
+        return allProperties(report, out, capacity);
     case 24:
-        return getValidationErrors(out, capacity);
+        return validationErrors(report, out, capacity);
     default:
-        return singleAnswer(out, capacity);
+        return singleAnswer(report, out, capacity);
     }
 }

@@ -42,6 +42,10 @@ public:
     // The worker's command line, exe first; kept in cmdLine. Names with blanks are quoted, since the launcher
     // splits the line at blanks.
     const char* getCmdLine(const char* exe) override;
+    // 0, or ENAMETOOLONG: the last command line did not fit, and must not be run.
+    [[nodiscard]] int commandLineErrno() const;
+    // Whether its worker has not ended yet, and the report is still to come or to change.
+    [[nodiscard]] bool mayWriteReport() const;
     // The answer from the report: a value, a list of name=value pairs that each end in a tab, the
     // validation errors (empty: the file passed), or the report's path. 0, or 10026 with its text in out and
     // in the log; behind it stands what a worker that failed said.
@@ -83,7 +87,14 @@ public:
     char audioPlaceholder[260] = {};         // the value of groups that the file lacks
 
 private:
-    int readAnswer(char* out, int capacity);
-    int singleAnswer(char* out, int capacity);
+    // Of a report that may not have been read. 0, or 10026.
+    int answer(VerifierXml& report, char* out, int capacity);
+    int singleAnswer(const VerifierXml& report, char* out, int capacity);
+    int quickProperties(VerifierXml& report, char* out, int capacity);
+    int allProperties(VerifierXml& report, char* out, int capacity);
+    int audioModes(VerifierXml& report, char* out, int capacity);
+    int validationErrors(const VerifierXml& report, char* out, int capacity);
     void copyFields(const VerifierJob& other);
+
+    int m_commandLineErrno = 0; // of the last getCmdLine; under m_statusMutex
 };

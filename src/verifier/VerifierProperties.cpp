@@ -99,8 +99,7 @@ void pushListed(const VerifierXml& report, bool quick, char* out, int capacity, 
 
 } // namespace
 
-int VerifierJob::singleAnswer(char* out, int capacity) {
-    const VerifierXml report(reportFilename);
+int VerifierJob::singleAnswer(const VerifierXml& report, char* out, int capacity) {
     if (report.loaded)
         for (const SingleAnswer& answer : SINGLE_ANSWERS)
             if (answer.property == property)
@@ -113,6 +112,10 @@ int VerifierJob::singleAnswer(char* out, int capacity) {
 
 int VerifierJob::getMpegPropertiesQuick(char* out, int capacity) {
     VerifierXml report(reportFilename);
+    return quickProperties(report, out, capacity);
+}
+
+int VerifierJob::quickProperties(VerifierXml& report, char* out, int capacity) {
     if (!report.loaded)
         return static_cast<int>(kestrel::error::mpegPropertyFailed);
     int length = 0;
@@ -123,6 +126,10 @@ int VerifierJob::getMpegPropertiesQuick(char* out, int capacity) {
 
 int VerifierJob::getMpegProperties(char* out, int capacity) {
     VerifierXml report(reportFilename);
+    return allProperties(report, out, capacity);
+}
+
+int VerifierJob::allProperties(VerifierXml& report, char* out, int capacity) {
     if (!report.loaded)
         return static_cast<int>(kestrel::error::mpegPropertyFailed);
     int length = 0;
@@ -133,6 +140,10 @@ int VerifierJob::getMpegProperties(char* out, int capacity) {
 
 int VerifierJob::getAudioModes(char* out, int capacity) {
     VerifierXml report(reportFilename);
+    return audioModes(report, out, capacity);
+}
+
+int VerifierJob::audioModes(VerifierXml& report, char* out, int capacity) {
     if (!report.loaded)
         return static_cast<int>(kestrel::error::mpegPropertyFailed);
     int length = 0;

@@ -179,6 +179,10 @@ private:
 
 int VerifierJob::getValidationErrors(char* out, int capacity) {
     const VerifierXml report(reportFilename);
+    return validationErrors(report, out, capacity);
+}
+
+int VerifierJob::validationErrors(const VerifierXml& report, char* out, int capacity) {
     if (!report.loaded)
         return static_cast<int>(kestrel::error::mpegPropertyFailed);
     const std::span<char> messages(out,

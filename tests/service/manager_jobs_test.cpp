@@ -434,6 +434,7 @@ TEST_F(ManagerJobs, AWorkersDeckCommandIsRefusedOnItsOwnQueue) {
     OwnQueue queue;
     _VTRCmdData record{};
     record.commandKind = kestrel::vtrIsSeeking;
+    kestrel::copyText(record.serialPort, "Studio B2/1"); // as long as a name can be
     kestrel::copyText(record.replyQueueName, queue.name());
     CallbackLib::_Data data{DATA_CALLBACK_VTR_CMD_REQUEST, &record, &manager()};
     CManagerLib::VTRCmdRequestCallbackFn(&data);
@@ -444,8 +445,9 @@ TEST_F(ManagerJobs, AWorkersDeckCommandIsRefusedOnItsOwnQueue) {
     _VTRCmdData answer{};
     std::memcpy(&answer, message.data() + 4, sizeof answer);
     EXPECT_EQ(answer.commandKind, kestrel::vtrIsSeeking);
-    EXPECT_NE(answer.errorCode, 0);
-    EXPECT_STREQ(answer.errorText, "Error: Cannot send VTR command.  Send queue not available.");
+    EXPECT_EQ(answer.errorCode, 20080);
+    EXPECT_STREQ(answer.errorText, "Error: Could not connect to VTR at Studio B2/1. (no deck control is "
+                                   "configured: DeckCtrl EXE of the profile)");
     record.replyQueueName[0] = '\0';
     CManagerLib::VTRCmdRequestCallbackFn(&data);
     EXPECT_EQ(queue.waiting(), 0) << "nobody to answer";

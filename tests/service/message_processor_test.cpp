@@ -65,7 +65,7 @@ TEST_F(MessageProcessorTest, AnswersAreCutAtTheBuffersSize) {
 }
 
 TEST_F(MessageProcessorTest, ABufferWithoutRoomIsNotTouched) {
-    const LogLines lines;
+    const CapturedLog lines;
     EXPECT_EQ(answer("PING_SERVICE", 0), "");
     EXPECT_THAT(lines.text(), HasSubstr("CMessageProcessor::process done with response: \r\n")) << "nor read";
     std::string line = "PING_SERVICE";
@@ -129,6 +129,18 @@ TEST_F(MessageProcessorTest, TheFirstLongArgumentIsNamed) {
                 StartsWith("FALSE - Argument 3 is too long: 310 bytes"));
 }
 
+TEST_F(MessageProcessorTest, ControlCharactersOfARequestAreBlanksInTheAnswer) {
+    EXPECT_EQ(answer("FOO\r\nTRUE - ALIVE"), "FALSE - Unknown message type FOO  TRUE - ALIVE");
+    EXPECT_EQ(answer("JOB_STATUS,be\x1b[2J\x7f\xc3\xa4\tef"),
+              "FALSE - Error: Invalid job GUID be [2J \xc3\xa4\tef.")
+        << "a tab stays, and so do bytes of other alphabets";
+}
+
+TEST_F(MessageProcessorTest, WhatAWorkerSaidIsOneLine) {
+    queuedJob()->setResults("first\nsecond\r\n");
+    EXPECT_EQ(answer("JOB_RESULTS,cafe"), "TRUE - first second  ");
+}
+
 TEST_F(MessageProcessorTest, AFormatInARequestIsAText) {
     EXPECT_EQ(answer("%s%n%d"), "FALSE - Unknown message type %s%n%d");
     EXPECT_EQ(answer("JOB_STATUS,%s%n"), "FALSE - Error: Invalid job GUID %s%n.");
@@ -190,7 +202,7 @@ TEST_F(MessageProcessorTest, AQueuedJobAnswersItsStateAndResults) {
 }
 
 TEST_F(MessageProcessorTest, EachLineIsLogged) {
-    const LogLines lines;
+    const CapturedLog lines;
     answer("PING_SERVICE");
     answer("WHAT");
     EXPECT_EQ(lines.text(),

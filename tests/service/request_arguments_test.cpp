@@ -63,7 +63,7 @@ TEST(CaptureArguments, ALongJobTypeIsCutInTheText) {
 }
 
 TEST(CaptureArguments, RefusalsAreLoggedAsErrors) {
-    const LogLines log;
+    const CapturedLog log;
     refusal({"CAPTURE"});
     refusal({"CAPTURE", "JOB_BEGIN", "1"});
     refusal({"CAPTURE", "JOB_BEGIN", "1", "X"});
@@ -75,7 +75,7 @@ TEST(CaptureArguments, RefusalsAreLoggedAsErrors) {
 }
 
 TEST(CaptureArguments, OfTheOtherRequestsAreNotLogged) {
-    const LogLines log;
+    const CapturedLog log;
     for (const char* word :
          {"VTR_CMD", "VTR_SEEKING", "GET_MPEG_PROPERTIES", "JOB_STATUS", "JOB_RESULTS", "WHAT"})
         refusal({word});
@@ -98,7 +98,7 @@ TEST(CaptureArguments, OfQueriesEndWithTheGuid) {
 }
 
 TEST(CaptureArguments, AnUnknownCommandPassesTheCheckThatNamesIt) {
-    const LogLines log;
+    const CapturedLog log;
     const auto unknown = request({"CAPTURE", "JOB_PAUSE", "cafe", "CAPTURE_MANUAL_JOB"});
     EXPECT_TRUE(unknown->isValid());
     EXPECT_EQ(unknown->requestType, -1);
@@ -112,7 +112,7 @@ TEST(CaptureArguments, AnUnknownCommandPassesTheCheckThatNamesIt) {
 }
 
 TEST(CaptureArguments, AQueryThatHasARequestOfItsOwnIsLogged) {
-    const LogLines log;
+    const CapturedLog log;
     for (const char* word : {"JOB_ABORT", "JOB_LOGFILENAME", "JOB_LAST_LOG_ENTRIES"})
         request({"CAPTURE", word, "cafe"});
     EXPECT_EQ(log.text(), "");
@@ -168,7 +168,7 @@ TEST(VerifierArguments, TakePropertyModeAndOptions) {
 }
 
 TEST(VerifierArguments, AMisspeltModeIsTakenAsNoneWithAWarning) {
-    const LogLines log;
+    const CapturedLog log;
     for (const char* mode : {"BLOCK", "XML", ""})
         request({"GET_MPEG_PROPERTIES", "JOB_BEGIN", "1", "/f.ts", "ALL", mode});
     EXPECT_EQ(log.text(), "") << "an empty one is how rules are given without a mode";
@@ -222,7 +222,7 @@ TEST(VtrArguments, NumbersAreDecimalAndStayWithinThirtyTwoBits) {
 }
 
 TEST(VtrArguments, ASpeedThatIsNoNumberIsLoggedWithWhatItIsTakenAs) {
-    const LogLines log;
+    const CapturedLog log;
     for (const char* speed : {"0", "-5", "+5", "007", "2147483647", "-2147483648"})
         request({"VTR_CMD", "COM1", "0", "Shuttle", speed});
     EXPECT_EQ(log.text(), "");

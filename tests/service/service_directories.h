@@ -1,54 +1,27 @@
-// A directory for the profile and the logs of one test, and a log that a test can read.
+// A directory for the profile and the logs of one test.
 #pragma once
 
+#include "foundation/CapturedLog.h"
 #include "foundation/FixedText.h"
-#include "foundation/Logger.h"
+#include "foundation/ScratchDir.h"
 #include "service/ManagerLib.h"
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <sstream>
 #include <string>
 
-// Collects what is logged while it lives, one "[module:level] text" a line. Read it only while no other
-// thread logs.
-class LogLines {
-public:
-    LogLines() { listen(); }
-    ~LogLines() { LogUtil::Cleanup(); }
-    LogLines(const LogLines&) = delete;
-    LogLines& operator=(const LogLines&) = delete;
-
-    [[nodiscard]] std::string text() const { return m_stream.str(); }
-
-private:
-    void listen() {
-        LogUtil::Cleanup();
-        LogUtil* const log = LogUtil::GetInstance();
-        log->setDefaultLogLevel(BaseLogger::Debug);
-        log->setShowTimestamp(false);
-        log->addStreamLogger(&m_stream);
-    }
-
-    std::ostringstream m_stream;
-};
-
 // Points the two globals at a fresh directory, and takes manager and loggers away afterwards.
 class ServiceDirectories : public testing::Test {
 protected:
     ServiceDirectories() {
-        char name[] = "/tmp/kestrel-service-XXXXXX";
-        root = mkdtemp(name);
-        root += "/";
         kestrel::copyText(KESTREL_CONFIG_PARENT_DIR, root);
         kestrel::copyText(KESTREL_LOG_PARENT_DIR, root);
     }
     ~ServiceDirectories() override {
         CManagerLib::Cleanup();
         LogUtil::Cleanup();
-        std::filesystem::remove_all(root);
     }
 
     [[nodiscard]] std::string profilePath() const { return root + "KestrelManagerProfile.xml"; }
@@ -63,5 +36,9 @@ protected:
         return text.str();
     }
 
-    std::string root;
+private:
+    ScratchDir m_directory;
+
+protected:
+    const std::string root = m_directory.path("");
 };

@@ -38,7 +38,7 @@ protected:
             Outcome outcome{};
             bool good = prepare() && getrlimit(resource, &outcome.before) == 0;
             if (good) {
-                const LogLines lines;
+                const CapturedLog lines;
                 kestrel::raiseServiceLimits();
                 getrlimit(resource, &outcome.after);
                 const std::string text = lines.text();

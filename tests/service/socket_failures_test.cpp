@@ -19,7 +19,7 @@ namespace {
 
 // What is logged while a server tries to listen; the listener, if any, is closed again.
 std::string logOfListening(bool& listens) {
-    const LogLines lines;
+    const CapturedLog lines;
     CSocketManager server(1);
     const UniqueFd listener(server.establish(freePort()));
     listens = listener.valid();
@@ -28,7 +28,7 @@ std::string logOfListening(bool& listens) {
 
 TEST(SocketFailures, WithoutASocketThereIsNoServer) {
     const unsigned short port = freePort();
-    const LogLines lines;
+    const CapturedLog lines;
     const Refusal refusal(systemRefusals().socket, EMFILE);
     EXPECT_EQ(CSocketManager::SetupSocketServer(port, 1), nullptr);
     EXPECT_EQ(CSocketManager::getInstance(), nullptr);
@@ -62,7 +62,7 @@ TEST(SocketFailures, TheAcceptLoopGoesOnAfterDescriptorsRanOut) {
     const unsigned short port = freePort();
     std::string logged;
     {
-        const LogLines lines;
+        const CapturedLog lines;
         CSocketManager* const server = CSocketManager::SetupSocketServer(port, 1, 5);
         ASSERT_NE(server, nullptr);
         const Refusal refusal(systemRefusals().accept, EMFILE, 3);
@@ -86,7 +86,7 @@ TEST(SocketFailures, TheAcceptLoopGoesOnAfterDescriptorsRanOut) {
 class HarmlessAcceptErrors : public testing::TestWithParam<int> {};
 
 TEST_P(HarmlessAcceptErrors, AreNotLogged) {
-    const LogLines lines;
+    const CapturedLog lines;
     const unsigned short port = freePort();
     CSocketManager* const server = CSocketManager::SetupSocketServer(port, 1, 5);
     ASSERT_NE(server, nullptr);
@@ -104,7 +104,7 @@ TEST_P(HarmlessAcceptErrors, AreNotLogged) {
 INSTANTIATE_TEST_SUITE_P(Each, HarmlessAcceptErrors, testing::Values(EAGAIN, EINTR, ECONNABORTED));
 
 TEST(SocketFailures, AConnectionWithoutAThreadIsClosedAndItsSlotIsFreeAgain) {
-    const LogLines lines;
+    const CapturedLog lines;
     CSocketManager manager(1);
     int slot = -1;
     int pair[2];
@@ -125,7 +125,7 @@ TEST(SocketFailures, AConnectionWithoutAThreadIsClosedAndItsSlotIsFreeAgain) {
 }
 
 TEST(SocketFailures, AnExceptionEndsTheAcceptLoopWithALine) {
-    const LogLines lines;
+    const CapturedLog lines;
     const unsigned short port = freePort();
     CSocketManager* const server = CSocketManager::SetupSocketServer(port, 1, 5);
     ASSERT_NE(server, nullptr);
@@ -143,7 +143,7 @@ TEST(SocketFailures, TheEndJoinsItsConnectionsWithoutFurtherMemory) {
     int pair[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
     const UniqueFd client(pair[0]);
-    const LogLines lines;
+    const CapturedLog lines;
     {
         CSocketManager manager(1);
         int slot = -1;
@@ -158,7 +158,7 @@ TEST(SocketFailures, TheEndJoinsItsConnectionsWithoutFurtherMemory) {
 
 TEST(SocketFailures, WithoutADescriptorToWakeTheLoopThereIsNoServer) {
     const unsigned short port = freePort();
-    const LogLines lines;
+    const CapturedLog lines;
     const Refusal refusal(systemRefusals().eventfd, EMFILE);
     EXPECT_EQ(CSocketManager::SetupSocketServer(port, 1), nullptr);
     EXPECT_THAT(lines.text(),
@@ -168,7 +168,7 @@ TEST(SocketFailures, WithoutADescriptorToWakeTheLoopThereIsNoServer) {
 }
 
 TEST(ProcessorFailures, AnExceptionIsAnAnswerAndALine) {
-    const LogLines lines;
+    const CapturedLog lines;
     CMessageProcessor processor;
     char request[] = "PING_SERVICE";
     char response[2000] = "";
@@ -182,7 +182,7 @@ TEST(ProcessorFailures, AnExceptionIsAnAnswerAndALine) {
 }
 
 TEST(ProcessorFailures, AnAnswerThatCannotBeSentIsLogged) {
-    const LogLines lines;
+    const CapturedLog lines;
     int pair[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
     const UniqueFd client(pair[0]);

@@ -180,7 +180,7 @@ TEST_F(SocketHelper, ASocketThatIsNoneFails) {
 }
 
 TEST_F(SocketHelper, AnExceptionOfTheProcessorEndsTheConnection) {
-    const LogLines log;
+    const CapturedLog log;
     ASSERT_TRUE(sendText(client, "x"));
     helper([](const std::string&, char*) -> bool { throw std::runtime_error("broken"); })->readFromSocket();
     EXPECT_EQ(receive(client), "");
@@ -208,7 +208,7 @@ TEST_F(SocketHelper, AnotherThreadCanEndAWaitingReceive) {
 }
 
 TEST_F(SocketHelper, EachStepIsLogged) {
-    const LogLines log;
+    const CapturedLog log;
     ASSERT_TRUE(sendText(client, " PING\r\n"));
     answering()->readFromSocket();
     connect(SOCK_STREAM);

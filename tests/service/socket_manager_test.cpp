@@ -1,4 +1,5 @@
 // The socket server: slots, threads and their end.
+#include "foundation/Eventually.h"
 #include "foundation/ProcessTree.h"
 #include "loopback.h"
 #include "service/CSocketManager.h"
@@ -9,6 +10,7 @@
 #include <filesystem>
 #include <gmock/gmock.h>
 #include <iterator>
+#include <netinet/tcp.h>
 #include <optional>
 #include <string>
 #include <thread>
@@ -87,13 +89,54 @@ protected:
     unsigned short port = 0;
     CSocketManager* server = nullptr;
     std::thread acceptor;
-    std::optional<LogLines> lines;
+    std::optional<CapturedLog> lines;
 };
 
 TEST_F(SocketServer, AnswersAndClosesTheConnection) {
     start(2);
     EXPECT_EQ(CSocketManager::getInstance(), server);
     EXPECT_EQ(ping(connectTo(port)), "TRUE - ALIVE\n");
+}
+
+// The other end of a connection of this process, as a number that stays the server's.
+int serversEnd(const UniqueFd& client) {
+    sockaddr_in own{};
+    socklen_t length = sizeof own;
+    EXPECT_EQ(getsockname(client.get(), reinterpret_cast<sockaddr*>(&own), &length), 0);
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        const int candidate = std::stoi(entry.path().filename());
+        sockaddr_in peer{};
+        length = sizeof peer;
+        if (candidate != client.get() &&
+            getpeername(candidate, reinterpret_cast<sockaddr*>(&peer), &length) == 0 &&
+            peer.sin_family == AF_INET && peer.sin_port == own.sin_port)
+            return candidate;
+    }
+    return -1;
+}
+
+TEST_F(SocketServer, AClientWhoseHostVanishesGivesItsSlotBackWithinTwoMinutes) {
+    lines.emplace();
+    start(1);
+    const UniqueFd client = connectTo(port);
+    int accepted = -1;
+    ASSERT_TRUE(kestrel::test::eventually([&] {
+        accepted = serversEnd(client);
+        return accepted >= 0;
+    }));
+    const auto option = [accepted](int level, int name) {
+        int value = -1;
+        socklen_t length = sizeof value;
+        EXPECT_EQ(getsockopt(accepted, level, name, &value, &length), 0);
+        return value;
+    };
+    EXPECT_TRUE(kestrel::test::eventually([&] { return option(IPPROTO_TCP, TCP_KEEPCNT) == 6; }));
+    EXPECT_EQ(option(SOL_SOCKET, SO_KEEPALIVE), 1);
+    EXPECT_EQ(option(IPPROTO_TCP, TCP_KEEPIDLE), 60);
+    EXPECT_EQ(option(IPPROTO_TCP, TCP_KEEPINTVL), 10);
+    EXPECT_EQ(ping(client), "TRUE - ALIVE\n");
+    stop();
+    EXPECT_THAT(lines->text(), Not(HasSubstr("cannot be watched")));
 }
 
 TEST_F(SocketServer, AnOverLongRequestIsAnsweredWithoutAReset) {

@@ -128,6 +128,17 @@ TEST_F(RealCapture, WithoutAStreamTheJobFailsWithAddressAndPort) {
                           std::to_string(port) + "."));
 }
 
+TEST_F(RealCapture, AnEncoderGivenTwiceIsTakenWithAWarningAndTheWorkerFails) {
+    ASSERT_EQ(service.ask("CAPTURE,JOB_BEGIN,cafe,CAPTURE_MANUAL_JOB,Filename=" + recording +
+                          ",EncoderIp1=127.0.0.1,EncoderIp2=127.0.0.1"),
+              "TRUE");
+    EXPECT_TRUE(service.waitForLog(
+        "[JobMgmt:Warning] EncoderIp2=127.0.0.1: the request has this encoder "
+        "already. It is taken twice: the job's worker fails, or records the same twice.\r\n"));
+    EXPECT_EQ(service.waitForState("cafe", "ERROR"), "TRUE - ERROR");
+    EXPECT_THAT(service.ask("JOB_RESULTS,cafe"), StartsWith("TRUE - Error: Start Capture failed."));
+}
+
 TEST_F(RealCapture, ARecordingGoesOnWhenTheServiceIsStopped) {
     startEncoder();
     ASSERT_EQ(service.ask("CAPTURE,JOB_BEGIN,cafe,CAPTURE_TIMED_JOB,Filename=" + recording +

@@ -3,6 +3,7 @@
 #include "foundation/QueueMessages.h"
 #include "system/service_under_test.h"
 
+#include <algorithm>
 #include <csignal>
 #include <cstring>
 #include <fstream>
@@ -10,7 +11,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <mqueue.h>
-#include <sstream>
+#include <optional>
 
 using namespace kestrel::test;
 using testing::HasSubstr;
@@ -71,27 +72,64 @@ class DeckBridge : public testing::Test {
 protected:
     // options go to the deck-control process.
     void start(const std::string& options = "") {
-        service.set("DeckCtrl", "EXE", KESTREL_TEST_DECK " --record " + record() + " " + options);
+        service.set("DeckCtrl", "EXE", deckProgram + " --record " + record() + " " + options);
         service.set("DeckCtrl", "LOG_FILE", (service.root() / "deck.log").string());
         service.set("Logging", "LOG_LEVEL", "0");
         service.start();
     }
     [[nodiscard]] std::string record() const { return service.root() / "record"; }
-    [[nodiscard]] std::string recorded() const {
-        std::ifstream in(record());
-        std::stringstream text;
-        text << in.rdbuf();
-        return text.str();
-    }
-    // The deck-control process that runs now.
-    // The deck process: the one child of a service without jobs.
+    [[nodiscard]] std::string recorded() const { return contentOf(record()); }
+    // The deck-control process that runs now: the one child of a service without jobs.
     [[nodiscard]] pid_t deck() const {
         const std::vector<pid_t> children = service.children();
         return children.size() == 1 ? children[0] : -1;
     }
+    [[nodiscard]] std::string commandLine() const {
+        return contentOf("/proc/" + std::to_string(deck()) + "/cmdline");
+    }
 
     ServiceUnderTest service;
+    std::string deckProgram = KESTREL_TEST_DECK;
 };
+
+// A tape job whose worker does nothing but wait, so that the test speaks on its queues in its place.
+class DeckBridgeOfAWorker : public DeckBridge {
+protected:
+    // Options of the deck-control process, as for start().
+    void startWithWorker(const std::string& options = "") {
+        service.setWorker("--wait-file " + m_go);
+        start(options);
+    }
+    void beginTapeJob() {
+        ASSERT_EQ(
+            service.ask("CAPTURE,JOB_BEGIN,1,CAPTURE_VTR_JOB,Filename=/media/tape.ts,EncoderIp=127.0.0.1,"
+                        "MarkInTime=01:00:00:00,MarkOutTime=01:00:10:00,VTR_Com_Port=COM7"),
+            "TRUE");
+        m_fromWorker.emplace("/job_update_q_0");
+        m_toWorker.emplace("/mgr_msg_q_0");
+    }
+    void letTheJobComplete() {
+        std::ofstream(m_go) << "go";
+        EXPECT_EQ(service.waitForState("1", "COMPLETE"), "TRUE - COMPLETE");
+    }
+
+    // What the worker asks of its deck: its time (6) or whether it seeks (7).
+    void request(int kind = 6) {
+        _VTRCmdData record{};
+        record.commandKind = kind;
+        std::strcpy(record.serialPort, "COM7");
+        m_fromWorker->send(VTR_CMD_REQUEST_MSG, record);
+    }
+    [[nodiscard]] _VTRCmdData answer() { return m_toWorker->receive(VTR_CMD_RESPONSE_MSG); }
+    [[nodiscard]] long answersWaiting() const { return m_toWorker->waiting(); }
+
+private:
+    const std::string m_go = service.root() / "go";
+    std::optional<JoinedQueue> m_fromWorker;
+    std::optional<JoinedQueue> m_toWorker;
+};
+
+constexpr int CANNOT_SEND = 20061;
 
 TEST_F(DeckBridge, QueriesAreAnsweredWithWhatTheDeckSays) {
     start();
@@ -119,8 +157,7 @@ TEST_F(DeckBridge, CommandsReachTheDeckWithTheirCodes) {
 
 TEST_F(DeckBridge, TheProcessIsToldItsQueuesAndItsLog) {
     start();
-    std::ifstream in("/proc/" + std::to_string(deck()) + "/cmdline");
-    std::string words((std::istreambuf_iterator<char>(in)), {});
+    std::string words = commandLine();
     for (char& c : words)
         c = c == '\0' ? ' ' : c;
     EXPECT_THAT(words, testing::EndsWith("-log " + (service.root() / "deck.log").string() +
@@ -196,151 +233,98 @@ TEST_F(DeckBridge, AProcessThatIsKilledWhileAClientWaitsIsNamedWithItsSignal) {
     const JoinedQueue toDeck("/to_vtr_proc_q");
     auto waiting = std::async(std::launch::async, [&] { return service.ask("VTR_CURRENT_TIME,COM1"); });
     ASSERT_TRUE(eventually([&] { return toDeck.waiting() == 1; }));
-    ASSERT_EQ(kestrel::test::signalTo(process, SIGKILL), 0);
+    ASSERT_EQ(signalTo(process, SIGKILL), 0);
     EXPECT_EQ(waiting.get(), "FALSE - Error: The VTR process ended by signal 9 before it answered.");
     EXPECT_TRUE(eventually([&] { return toDeck.waiting() == 0; })) << "the next one does not carry it out";
     EXPECT_THAT(service.log(), HasSubstr("VTR process ended by signal 9. It is started again in 1 seconds."));
 }
 
-TEST_F(DeckBridge, AWorkersRequestThatTheProcessHadNotReadIsAnsweredOnTheWorkersQueue) {
-    const std::string go = service.root() / "go";
-    service.setWorker("--wait-file " + go);
-    start("--deaf");
+TEST_F(DeckBridgeOfAWorker, ARequestThatTheProcessHadNotReadIsAnsweredOnTheWorkersQueue) {
+    startWithWorker("--deaf");
     const pid_t process = deck();
     ASSERT_GT(process, 0);
-    ASSERT_EQ(service.ask("CAPTURE,JOB_BEGIN,1,CAPTURE_VTR_JOB,Filename=/media/tape.ts,EncoderIp=127.0.0.1,"
-                          "MarkInTime=01:00:00:00,MarkOutTime=01:00:10:00,VTR_Com_Port=COM7"),
-              "TRUE");
-    // The worker waits for its file, and the test speaks on its queues.
-    const JoinedQueue fromWorker("/job_update_q_0");
-    const JoinedQueue toWorker("/mgr_msg_q_0");
+    ASSERT_NO_FATAL_FAILURE(beginTapeJob());
     const JoinedQueue toDeck("/to_vtr_proc_q");
-    _VTRCmdData request{};
-    request.commandKind = 6;
-    std::strcpy(request.serialPort, "COM7");
-    fromWorker.send(VTR_CMD_REQUEST_MSG, request);
-    request.commandKind = 7;
-    fromWorker.send(VTR_CMD_REQUEST_MSG, request);
+    for (const int kind : {6, 7})
+        request(kind);
     ASSERT_TRUE(eventually([&] { return toDeck.waiting() == 2; }));
-    EXPECT_EQ(toWorker.waiting(), 0) << "not answered before";
-    ASSERT_EQ(kestrel::test::signalTo(process, SIGKILL), 0);
+    EXPECT_EQ(answersWaiting(), 0) << "not answered before";
+    ASSERT_EQ(signalTo(process, SIGKILL), 0);
 
     for (const int kind : {6, 7}) {
-        const _VTRCmdData answer = toWorker.receive(VTR_CMD_RESPONSE_MSG);
-        EXPECT_EQ(answer.commandKind, kind) << "in their order";
-        EXPECT_STREQ(answer.serialPort, "COM7");
-        EXPECT_STREQ(answer.replyQueueName, "/mgr_msg_q_0");
-        EXPECT_EQ(answer.errorCode, 20061);
-        EXPECT_STREQ(answer.errorText, "Error: Cannot send VTR command.  Send queue not available.");
+        const _VTRCmdData refusal = answer();
+        EXPECT_EQ(refusal.commandKind, kind) << "in their order";
+        EXPECT_STREQ(refusal.serialPort, "COM7");
+        EXPECT_STREQ(refusal.replyQueueName, "/mgr_msg_q_0");
+        EXPECT_EQ(refusal.errorCode, CANNOT_SEND);
+        EXPECT_STREQ(refusal.errorText, "Error: Cannot send VTR command.  Send queue not available.");
     }
     EXPECT_EQ(toDeck.waiting(), 0) << "the next one does not carry them out";
-    EXPECT_EQ(toWorker.waiting(), 0) << "each is answered once";
-    std::ofstream(go) << "go";
-    EXPECT_EQ(service.waitForState("1", "COMPLETE"), "TRUE - COMPLETE");
+    EXPECT_EQ(answersWaiting(), 0) << "each is answered once";
+    letTheJobComplete();
 }
 
-TEST_F(DeckBridge, AWorkersRequestThatTheProcessTookWithItIsAnsweredToo) {
-    const std::string go = service.root() / "go";
-    service.setWorker("--wait-file " + go);
-    start("--exit-on 1:3 --count " + (service.root() / "count").string());
-    ASSERT_EQ(service.ask("CAPTURE,JOB_BEGIN,1,CAPTURE_VTR_JOB,Filename=/media/tape.ts,EncoderIp=127.0.0.1,"
-                          "MarkInTime=01:00:00:00,MarkOutTime=01:00:10:00,VTR_Com_Port=COM7"),
-              "TRUE");
-    const JoinedQueue fromWorker("/job_update_q_0");
-    const JoinedQueue toWorker("/mgr_msg_q_0");
-    _VTRCmdData request{};
-    request.commandKind = 6;
-    std::strcpy(request.serialPort, "COM7");
-    fromWorker.send(VTR_CMD_REQUEST_MSG, request);
-    EXPECT_EQ(toWorker.receive(VTR_CMD_RESPONSE_MSG).errorCode, 20061);
+TEST_F(DeckBridgeOfAWorker, ARequestThatTheProcessTookWithItIsAnsweredToo) {
+    startWithWorker("--exit-on 1:3 --count " + (service.root() / "count").string());
+    ASSERT_NO_FATAL_FAILURE(beginTapeJob());
+    request();
+    EXPECT_EQ(answer().errorCode, CANNOT_SEND);
     ASSERT_TRUE(service.waitForLog("VTR process ended with exit status 3"));
 
     // The next process answers, and nobody is answered twice.
-    fromWorker.send(VTR_CMD_REQUEST_MSG, request);
-    for (_VTRCmdData answer = toWorker.receive(VTR_CMD_RESPONSE_MSG); answer.errorCode != 0;
-         answer = toWorker.receive(VTR_CMD_RESPONSE_MSG)) {
-        EXPECT_EQ(answer.errorCode, 20061) << "while it is down";
-        fromWorker.send(VTR_CMD_REQUEST_MSG, request);
+    request();
+    for (_VTRCmdData last = answer(); last.errorCode != 0; last = answer()) {
+        EXPECT_EQ(last.errorCode, CANNOT_SEND) << "while it is down";
+        request();
     }
-    EXPECT_EQ(toWorker.waiting(), 0);
-    std::ofstream(go) << "go";
-    EXPECT_EQ(service.waitForState("1", "COMPLETE"), "TRUE - COMPLETE");
+    EXPECT_EQ(answersWaiting(), 0);
+    letTheJobComplete();
 }
 
-TEST_F(DeckBridge, AWorkersRequestWhileTheProcessIsDownIsAnsweredAtOnce) {
-    const std::string go = service.root() / "go";
-    service.setWorker("--wait-file " + go);
-    service.set("DeckCtrl", "EXE", "/no/such/deck");
-    service.start();
-    ASSERT_EQ(service.ask("CAPTURE,JOB_BEGIN,1,CAPTURE_VTR_JOB,Filename=/media/tape.ts,EncoderIp=127.0.0.1,"
-                          "MarkInTime=01:00:00:00,MarkOutTime=01:00:10:00,VTR_Com_Port=COM7"),
-              "TRUE");
+TEST_F(DeckBridgeOfAWorker, ARequestWhileTheProcessIsDownIsAnsweredAtOnce) {
+    deckProgram = "/no/such/deck";
+    startWithWorker();
+    ASSERT_NO_FATAL_FAILURE(beginTapeJob());
     // The second pause is two seconds long.
     ASSERT_TRUE(service.waitForLog("It is started again in 2 seconds.", 20s));
-    const JoinedQueue toWorker("/mgr_msg_q_0");
-    _VTRCmdData request{};
-    request.commandKind = 6;
-    JoinedQueue("/job_update_q_0").send(VTR_CMD_REQUEST_MSG, request);
-    EXPECT_EQ(toWorker.receive(VTR_CMD_RESPONSE_MSG).errorCode, 20061);
+    request();
+    EXPECT_EQ(answer().errorCode, CANNOT_SEND);
     EXPECT_TRUE(service.waitForLog("[Manager:Error] Error: Failed to send message on queue /to_vtr_proc_q."));
-    std::ofstream(go) << "go";
-    EXPECT_EQ(service.waitForState("1", "COMPLETE"), "TRUE - COMPLETE");
+    letTheJobComplete();
 }
 
-TEST_F(DeckBridge, AnOutageIsLoggedOnceHoweverManyRequestsOfWorkersItRefuses) {
-    const std::string go = service.root() / "go";
-    service.setWorker("--wait-file " + go);
-    start("--exit-on 1:0 --count " + (service.root() / "count").string());
-    ASSERT_EQ(service.ask("CAPTURE,JOB_BEGIN,1,CAPTURE_VTR_JOB,Filename=/media/tape.ts,EncoderIp=127.0.0.1,"
-                          "MarkInTime=01:00:00:00,MarkOutTime=01:00:10:00,VTR_Com_Port=COM7"),
-              "TRUE");
+TEST_F(DeckBridgeOfAWorker, AnOutageIsLoggedOnceHoweverManyRequestsItRefuses) {
+    startWithWorker("--exit-on 1:0 --count " + (service.root() / "count").string());
+    ASSERT_NO_FATAL_FAILURE(beginTapeJob());
     service.ask("VTR_CMD,COM1,0,Play");
     ASSERT_TRUE(
         service.waitForLog("VTR process ended with exit status 0. It is started again in 1 seconds."));
-    const JoinedQueue fromWorker("/job_update_q_0");
-    const JoinedQueue toWorker("/mgr_msg_q_0");
-    _VTRCmdData request{};
-    request.commandKind = 6;
-    std::strcpy(request.serialPort, "COM7");
     constexpr int requests = 5;
     for (int i = 0; i < requests; ++i) {
-        fromWorker.send(VTR_CMD_REQUEST_MSG, request);
-        EXPECT_EQ(toWorker.receive(VTR_CMD_RESPONSE_MSG).errorCode, 20061);
+        request();
+        EXPECT_EQ(answer().errorCode, CANNOT_SEND);
     }
     ASSERT_TRUE(
         eventually([&] { return service.ask("VTR_CURRENT_TIME,COM1") == "TRUE - 01:02:03:04"; }, 20s));
     EXPECT_TRUE(
         service.waitForLog("[Manager:Info] The VTR process answers again. Requests of workers refused while "
                            "it was down: 5."));
-    const std::string log = service.log();
-    const std::string refused = "Failed to send message on queue /to_vtr_proc_q.";
-    EXPECT_EQ(log.find(refused), log.rfind(refused));
-    EXPECT_NE(log.find(refused), std::string::npos);
-    std::ofstream(go) << "go";
-    EXPECT_EQ(service.waitForState("1", "COMPLETE"), "TRUE - COMPLETE");
+    EXPECT_EQ(timesIn(service.log(), "Failed to send message on queue /to_vtr_proc_q."), 1);
+    letTheJobComplete();
 }
 
-TEST_F(DeckBridge, EachOutageIsToldAlsoWhereNobodyAskedBetweenTwo) {
-    const std::string go = service.root() / "go";
-    service.setWorker("--wait-file " + go);
-    start();
+TEST_F(DeckBridgeOfAWorker, EachOutageIsToldAlsoWhereNobodyAskedBetweenTwo) {
+    startWithWorker();
     pid_t process = deck();
     ASSERT_GT(process, 0);
-    ASSERT_EQ(service.ask("CAPTURE,JOB_BEGIN,1,CAPTURE_VTR_JOB,Filename=/media/tape.ts,EncoderIp=127.0.0.1,"
-                          "MarkInTime=01:00:00:00,MarkOutTime=01:00:10:00,VTR_Com_Port=COM7"),
-              "TRUE");
+    ASSERT_NO_FATAL_FAILURE(beginTapeJob());
     const std::vector<pid_t> withWorker = service.children();
-    const JoinedQueue fromWorker("/job_update_q_0");
-    const JoinedQueue toWorker("/mgr_msg_q_0");
-    _VTRCmdData request{};
-    request.commandKind = 6;
-    std::strcpy(request.serialPort, "COM7");
     for (int outage = 1; outage <= 2; ++outage) {
-        ASSERT_EQ(kestrel::test::signalTo(process, SIGKILL), 0);
+        ASSERT_EQ(signalTo(process, SIGKILL), 0);
         ASSERT_TRUE(
             eventually([&] { return timesIn(service.log(), "VTR process ended by signal 9.") == outage; }));
-        fromWorker.send(VTR_CMD_REQUEST_MSG, request);
-        EXPECT_EQ(toWorker.receive(VTR_CMD_RESPONSE_MSG).errorCode, 20061);
+        request();
+        EXPECT_EQ(answer().errorCode, CANNOT_SEND);
         EXPECT_EQ(timesIn(service.log(), "Failed to send message on queue /to_vtr_proc_q."), outage);
         const auto next = [&] {
             for (const pid_t child : service.children())
@@ -352,34 +336,23 @@ TEST_F(DeckBridge, EachOutageIsToldAlsoWhereNobodyAskedBetweenTwo) {
         ASSERT_TRUE(eventually([&] { return next() > 0; }, 20s));
         process = next();
     }
-    std::ofstream(go) << "go";
-    EXPECT_EQ(service.waitForState("1", "COMPLETE"), "TRUE - COMPLETE");
+    letTheJobComplete();
 }
 
-TEST_F(DeckBridge, AFullQueueRefusesWorkersAndIsToldEachTime) {
+TEST_F(DeckBridgeOfAWorker, AFullQueueRefusesRequestsAndIsToldEachTime) {
     constexpr int ROOM = 10;
     constexpr int TOO_MANY = 2;
-    const std::string go = service.root() / "go";
-    service.setWorker("--wait-file " + go);
-    start("--deaf");
-    ASSERT_EQ(service.ask("CAPTURE,JOB_BEGIN,1,CAPTURE_VTR_JOB,Filename=/media/tape.ts,EncoderIp=127.0.0.1,"
-                          "MarkInTime=01:00:00:00,MarkOutTime=01:00:10:00,VTR_Com_Port=COM7"),
-              "TRUE");
-    const JoinedQueue fromWorker("/job_update_q_0");
-    const JoinedQueue toWorker("/mgr_msg_q_0");
+    startWithWorker("--deaf");
+    ASSERT_NO_FATAL_FAILURE(beginTapeJob());
     const JoinedQueue toDeck("/to_vtr_proc_q");
-    _VTRCmdData request{};
-    request.commandKind = 6;
-    std::strcpy(request.serialPort, "COM7");
     for (int i = 0; i < ROOM + TOO_MANY; ++i)
-        fromWorker.send(VTR_CMD_REQUEST_MSG, request);
+        request();
     for (int i = 0; i < TOO_MANY; ++i)
-        EXPECT_EQ(toWorker.receive(VTR_CMD_RESPONSE_MSG).errorCode, 20061);
+        EXPECT_EQ(answer().errorCode, CANNOT_SEND);
     EXPECT_EQ(toDeck.waiting(), ROOM);
-    EXPECT_EQ(toWorker.waiting(), 0) << "those that wait are not answered";
+    EXPECT_EQ(answersWaiting(), 0) << "those that wait are not answered";
     EXPECT_EQ(timesIn(service.log(), "Failed to send message on queue /to_vtr_proc_q."), TOO_MANY);
-    std::ofstream(go) << "go";
-    EXPECT_EQ(service.waitForState("1", "COMPLETE"), "TRUE - COMPLETE");
+    letTheJobComplete();
     EXPECT_EQ(service.stop().code, 0) << "though its exit message finds no room";
 }
 
@@ -418,7 +391,7 @@ TEST_F(DeckBridge, TheQueuesOfAServiceThatWasKilledAreTakenOver) {
     ASSERT_TRUE(service.process().wait(20s).has_value());
     service.start();
     EXPECT_EQ(service.ask("VTR_CURRENT_TIME,COM1"), "TRUE - 01:02:03:04");
-    EXPECT_EQ(kestrel::test::signalTo(left, SIGKILL), 0) << "the first one's, which nothing else ends";
+    EXPECT_EQ(signalTo(left, SIGKILL), 0) << "the first one's, which nothing else ends";
 }
 
 TEST_F(DeckBridge, TheServicesEndEndsTheProcessAndItsQueues) {
@@ -429,7 +402,7 @@ TEST_F(DeckBridge, TheServicesEndEndsTheProcessAndItsQueues) {
     EXPECT_THAT(service.log(), HasSubstr("[Manager:Info] Ending VTR Process\r\n"));
     EXPECT_THAT(service.log(), HasSubstr("[Manager:Info] VTR process ended with exit status 0\r\n"));
     EXPECT_THAT(service.log(), HasSubstr("[Manager:Debug] Thread 1 complete.\r\n"));
-    EXPECT_EQ(kestrel::test::signalTo(process, 0), -1);
+    EXPECT_EQ(signalTo(process, 0), -1);
     EXPECT_EQ(mq_open("/to_vtr_proc_q", O_RDONLY), -1);
     EXPECT_EQ(mq_open("/from_vtr_proc_q", O_RDONLY), -1);
 }
@@ -467,9 +440,7 @@ TEST_F(DeckBridge, LongProfilePathsReachTheProcessWhole) {
     service.set("DeckCtrl", "EXE", KESTREL_TEST_DECK);
     service.set("DeckCtrl", "LOG_FILE", log);
     service.start();
-    std::ifstream in("/proc/" + std::to_string(deck()) + "/cmdline");
-    const std::string words((std::istreambuf_iterator<char>(in)), {});
-    EXPECT_THAT(words, HasSubstr(log));
+    EXPECT_THAT(commandLine(), HasSubstr(log));
 }
 
 TEST_F(DeckBridge, AWaitingBridgeMakesNoWakeUps) {

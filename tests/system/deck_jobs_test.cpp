@@ -21,8 +21,7 @@ std::string deckJob(const std::string& guid, const std::string& deckFields) {
 
 // The attributes of that element in a worker's settings file.
 std::string element(const std::string& path, const std::string& name) {
-    std::ifstream in(path);
-    const std::string text{std::istreambuf_iterator<char>(in), {}};
+    const std::string text = contentOf(path);
     const std::size_t begin = text.find("<" + name);
     return begin == std::string::npos ? "" : text.substr(begin, text.find('>', begin) - begin);
 }

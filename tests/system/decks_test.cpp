@@ -9,6 +9,7 @@
 #include <future>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 using namespace kestrel::test;
 using kestrel::deck::Block;
@@ -59,6 +60,18 @@ protected:
     std::optional<DeckSimulator> one;
     std::optional<DeckSimulator> two;
 };
+
+TEST_F(Decks, WhatTheDeckProcessWritesIsForOthersToReadOnly) {
+    const mode_t before = umask(0);
+    start();
+    umask(before);
+    // Of a service without a umask, as after "start". The digits are octal ones.
+    EXPECT_TRUE(eventually([&] {
+        const std::vector<pid_t> children = service.children();
+        return children.size() == 1 &&
+               statusNumber("/proc/" + std::to_string(children[0]) + "/status", "Umask") == 22;
+    }));
+}
 
 TEST_F(Decks, EveryCommandWordMovesTheTape) {
     struct Row {

@@ -32,13 +32,6 @@ std::string queued(const std::string& guid) {
     return begin(guid, "CAPTURE_MPEG_NORMALIZE_JOB", "Filename=/tmp/out.ts,SrcFilename=/tmp/in.ts");
 }
 
-std::string readFile(const std::filesystem::path& path) {
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
 struct KindCase {
     const char* type;
     const char* fields;
@@ -292,7 +285,7 @@ TEST(Jobs, AbortOfAJobInProgressReachesTheWorkerAndTheStateStaysCancelled) {
     EXPECT_EQ(service.ask("CAPTURE,JOB_ABORT,1"), "TRUE");
     EXPECT_EQ(service.ask("JOB_STATUS,1"), "TRUE - CANCELLED");
     EXPECT_TRUE(service.waitForLog("Info: Job process returned SUCCESS."));
-    EXPECT_EQ(readFile(note), "5\n");
+    EXPECT_EQ(contentOf(note), "5\n");
     EXPECT_EQ(service.ask("JOB_STATUS,1"), "TRUE - CANCELLED");
     EXPECT_EQ(service.ask("JOB_RESULTS,1"), "TRUE - Ended_early");
 }
@@ -308,7 +301,7 @@ TEST(Jobs, AbortOfAQueuedJobOnlyChangesItsState) {
     EXPECT_EQ(service.ask("JOB_STATUS,1"), "TRUE - CANCELLED");
     std::ofstream(go) << "go";
     EXPECT_TRUE(service.waitForLog("Info: Job process returned SUCCESS."));
-    EXPECT_EQ(readFile(note), "on\n") << "the worker of a queued job is left to run to its end";
+    EXPECT_EQ(contentOf(note), "on\n") << "the worker of a queued job is left to run to its end";
     EXPECT_EQ(service.ask("JOB_STATUS,1"), "TRUE - CANCELLED");
 }
 
@@ -417,7 +410,7 @@ TEST(Jobs, TheSettingsFileTellsTheWorkerItsJob) {
                                 "Filename=/media/a.ts,EncoderIp=127.0.0.9,EncoderProfile=HD8,"
                                 "EncoderVitcInput=FALSE,Duration=00:01:00:12")),
               "TRUE");
-    const std::string settings = readFile("/tmp/capture_0.xml");
+    const std::string settings = contentOf("/tmp/capture_0.xml");
     EXPECT_THAT(settings, HasSubstr("JOB_TYPE=\"TIMED\""));
     EXPECT_THAT(settings, HasSubstr("DURATION=\"00:01:00:12\""));
     EXPECT_THAT(settings, HasSubstr("OUTPUT_FILE=\"/media/a.ts\""));
@@ -447,7 +440,7 @@ TEST(Jobs, APlantedLinkIsReplacedAndNeverFollowed) {
     std::ofstream(victim) << "untouched";
     std::filesystem::create_symlink(victim, "/tmp/capture_0.xml");
     ASSERT_EQ(service.ask(manual("1")), "TRUE");
-    EXPECT_EQ(readFile(victim), "untouched");
+    EXPECT_EQ(contentOf(victim), "untouched");
     EXPECT_FALSE(std::filesystem::is_symlink("/tmp/capture_0.xml"));
 }
 
@@ -492,7 +485,7 @@ TEST(Jobs, AServiceStoppedWithJobsRunningLeavesTheWorkersAndNoQueue) {
             EXPECT_THAT(service.log(), HasSubstr(std::to_string(worker)));
         }
         std::ofstream(go) << "go";
-        EXPECT_TRUE(eventually([&] { return readFile(note) == "on\n"; }));
+        EXPECT_TRUE(eventually([&] { return contentOf(note) == "on\n"; }));
     }
 }
 

@@ -113,7 +113,14 @@ TEST_F(Protocol, ARequestInTwoSegmentsIsTwoRequests) {
 
 TEST_F(Protocol, TwoLinesInOneSegmentAreOneRequest) {
     EXPECT_EQ(service.ask("PING_SERVICE\nPING_SERVICE\n"),
-              "FALSE - Unknown message type PING_SERVICE\nPING_SERVICE");
+              "FALSE - Unknown message type PING_SERVICE PING_SERVICE");
+}
+
+TEST_F(Protocol, ALineEndInsideARequestForgesNoSecondAnswer) {
+    EXPECT_EQ(service.ask("JOB_STATUS,beef\r\nTRUE - COMPLETE\r\n"),
+              "FALSE - Error: Invalid job GUID beef  TRUE - COMPLETE.");
+    EXPECT_THAT(service.log(), HasSubstr("Received from socket: JOB_STATUS,beef\r\nTRUE - COMPLETE\r\n"))
+        << "the log has what came, as it came";
 }
 
 TEST_F(Protocol, TheConnectionIsClosedAfterTheAnswer) {

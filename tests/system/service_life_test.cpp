@@ -77,6 +77,18 @@ TEST(ServiceLife, TheStopClientPrintsTheAnswerAndTheServiceEnds) {
     EXPECT_EQ(endOf(service.process()).code, 0);
 }
 
+TEST(ServiceLife, TheStopClientFindsAServiceWhosePortComesFromTheIntegerReadBefore) {
+    ServiceUnderTest service;
+    service.setProfileText("<Profile><Logging LOG_FILENAME='" + (service.root() / "logs").string() +
+                           "/KestrelManager.log' LOG_IP='127.0.0.1' LOG_PORT='" +
+                           std::to_string(service.port()) +
+                           "'/><WebServicesComm NUMBER_OF_SIMULTANEOUS_HANDLES='5'/></Profile>");
+    service.start();
+    const Ended ended = endOf(*service.run("stop"));
+    EXPECT_THAT(ended.output, HasSubstr("TRUE - Shutdown Signalled to Kestrel Manager Service\n"));
+    EXPECT_EQ(endOf(service.process()).code, 0);
+}
+
 TEST(ServiceLife, TheStopClientSaysWhereItCouldNotConnect) {
     ServiceUnderTest service;
     const Ended ended = endOf(*service.run("stop"));

@@ -30,20 +30,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::string readFile(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-fs::path makeTempDirectory() {
-    char name[] = "/tmp/kestrel-system-XXXXXX";
-    if (mkdtemp(name) == nullptr)
-        throw std::runtime_error("mkdtemp failed");
-    return name;
-}
-
 std::vector<char*> pointers(std::vector<std::string>& texts) {
     std::vector<char*> result;
     for (std::string& text : texts)
@@ -111,7 +97,7 @@ std::optional<Ended> Child::wait(std::chrono::milliseconds limit) {
     if (waitpid(m_pid, &status, 0) != m_pid)
         return std::nullopt;
     m_ended = Ended{WIFEXITED(status), WIFEXITED(status) ? WEXITSTATUS(status) : WTERMSIG(status),
-                    readFile(m_outputFile)};
+                    contentOf(m_outputFile)};
     return m_ended;
 }
 
@@ -175,7 +161,7 @@ int freeUdpPort() {
     return freePortOf(SOCK_DGRAM);
 }
 
-ServiceUnderTest::ServiceUnderTest() : m_root(makeTempDirectory()), m_port(freePort()) {
+ServiceUnderTest::ServiceUnderTest() : m_port(freePort()) {
     fs::create_directories(m_root / "conf");
     fs::create_directories(m_root / "logs");
     set("Logging", "LOG_FILENAME", m_root / "logs" / "KestrelManager.log");
@@ -194,8 +180,6 @@ ServiceUnderTest::~ServiceUnderTest() {
             kestrel::test::signalTo(worker, SIGKILL);
     m_process.reset();
     clearPrivateNames();
-    std::error_code ignored;
-    fs::remove_all(m_root, ignored);
 }
 
 void ServiceUnderTest::set(const std::string& section, const std::string& key, const std::string& value) {
@@ -245,15 +229,22 @@ void ServiceUnderTest::writeProfile() const {
 }
 
 std::unique_ptr<Child> ServiceUnderTest::run(const std::string& word) const {
-    writeProfile();
     std::vector<std::string> argv{KESTREL_MANAGER_UNDER_TEST};
     if (!word.empty())
         argv.push_back(word);
+    return run(argv);
+}
+
+std::unique_ptr<Child> ServiceUnderTest::run(const std::vector<std::string>& argv) const {
+    writeProfile();
     return std::make_unique<Child>(argv, std::vector<std::string>{"KESTREL_TEST_ROOT=" + m_root.string()});
 }
 
-void ServiceUnderTest::start() {
-    m_process = run("debug");
+void ServiceUnderTest::start(const std::string& preparation) {
+    if (preparation.empty())
+        m_process = run("debug");
+    else
+        m_process = run({"/bin/sh", "-c", preparation + "; exec \"$0\" debug", KESTREL_MANAGER_UNDER_TEST});
     const bool up =
         eventually([&] { return !m_process->running() || ask("PING_SERVICE") == "TRUE - ALIVE"; }, 30s);
     if (!up || !m_process->running())
@@ -299,7 +290,7 @@ std::string ServiceUnderTest::log() const {
             files.push_back(entry.path());
     std::sort(files.begin(), files.end());
     for (const fs::path& file : files)
-        text += readFile(file);
+        text += contentOf(file);
     return text;
 }
 

@@ -2,10 +2,11 @@
 // speaks its protocol.
 #pragma once
 
+#include "foundation/Eventually.h"
+#include "foundation/ScratchDir.h"
 #include "foundation/UniqueFd.h"
 
 #include <chrono>
-#include <ctime>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -66,11 +67,6 @@ int freePort();
 // A UDP port that nothing receives on at the moment.
 int freeUdpPort();
 
-// Waits until condition() holds, looking every few milliseconds; false when it does not within the limit.
-// For what no descriptor tells: a state behind the protocol, a line in a log.
-template <typename Condition>
-bool eventually(Condition&& condition, std::chrono::milliseconds limit = 10s);
-
 // The service with a directory of its own under /tmp. Construct, change profile attributes, start.
 class ServiceUnderTest {
 public:
@@ -88,8 +84,9 @@ public:
     // The same for the verifier, which writes its reports into the service's own directory.
     void setVerifier(const std::string& options);
 
-    // Starts "KestrelManager debug" and waits until it answers.
-    void start();
+    // Starts "KestrelManager debug" and waits until it answers. preparation: shell commands whose effects on
+    // their process the service inherits, e.g. "umask 0".
+    void start(const std::string& preparation = {});
     // Starts the program with that word and does not wait for anything.
     std::unique_ptr<Child> run(const std::string& word) const;
 
@@ -114,8 +111,10 @@ public:
 
 private:
     void writeProfile() const;
+    std::unique_ptr<Child> run(const std::vector<std::string>& argv) const;
 
-    std::filesystem::path m_root;
+    const ScratchDir m_directory;
+    const std::filesystem::path m_root = m_directory.path();
     int m_port;
     bool m_profilePresent = true;
     std::optional<std::string> m_profileText;
@@ -125,18 +124,5 @@ private:
 
 // Names of the message queues that exist (of this IPC namespace).
 std::vector<std::string> messageQueues();
-
-template <typename Condition>
-bool eventually(Condition&& condition, std::chrono::milliseconds limit) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() >= deadline)
-            return condition();
-        // A probe interval, not a wait for something that a descriptor would tell.
-        timespec pause{0, 5'000'000};
-        nanosleep(&pause, nullptr);
-    }
-    return true;
-}
 
 } // namespace kestrel::test

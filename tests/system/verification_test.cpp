@@ -91,6 +91,18 @@ TEST_F(Verification, AllIsQueuedOrBlocks) {
     EXPECT_TRUE(std::filesystem::exists(path));
 }
 
+TEST_F(Verification, AFileOfTheLongestNameThatAReportCanHaveIsVerified) {
+    constexpr std::size_t longest = 255 - 32 - 1 - 11; // less GUID, "-" and ".report.xml"
+    const std::string file = service.root().string() + "/" + std::string(longest - 3, 'n') + ".ts";
+    std::filesystem::copy_file(delivery, file);
+    EXPECT_EQ(verify(file, ",VIDEO_PID"), "TRUE - 481");
+    const std::string longer = service.root().string() + "/" + std::string(longest - 2, 'n') + ".ts";
+    std::filesystem::copy_file(delivery, longer);
+    EXPECT_THAT(verify(longer, ",VIDEO_PID"),
+                StartsWith("FALSE - Error: Failed to get requested Mpeg Property."));
+    EXPECT_THAT(service.log(), HasSubstr("the name of the report has 256 bytes, a file's has at most 255"));
+}
+
 TEST_F(Verification, RulesAreJudgedOnRealFiles) {
     const std::string errors = verify(delivery, ",VALIDATION_ERRORS,BLOCK");
     EXPECT_EQ(errors,

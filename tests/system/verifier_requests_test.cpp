@@ -1,5 +1,5 @@
 // Verifications over the protocol, with a verifier that does what the test says.
-#include "system/service_under_test.h"
+#include "system/verifier_requests.h"
 
 #include <chrono>
 #include <fstream>
@@ -13,41 +13,6 @@ using testing::Not;
 using testing::StartsWith;
 
 namespace {
-
-constexpr const char* GUID = "0123456789abcdef0123456789abcdef";
-constexpr const char* REPORT =
-    "<Report><Media><SystemInformation><PMTTable><Pid value='480'/><PcrPid value='481'/></PMTTable>"
-    "</SystemInformation><VideoStream><Pid value='481'/><VideoResolution "
-    "value='1920x1080'/></VideoStream></Media>"
-    "<MediaSummary><AssetDuration value='00:00:10:00'/></MediaSummary></Report>";
-
-class VerifierRequests : public testing::Test {
-protected:
-    VerifierRequests() {
-        file = (service.root() / "asset.ts").string();
-        std::ofstream(file) << "packets";
-        prepared = (service.root() / "prepared.xml").string();
-        std::ofstream(prepared) << REPORT;
-        service.set("MPEGProperties", "NUM_AUDIOS", "0");
-    }
-
-    void start(const std::string& verifierOptions) {
-        service.setVerifier(verifierOptions);
-        service.start();
-    }
-    std::string verify(const std::string& rest) const {
-        return service.ask(std::string("GET_MPEG_PROPERTIES,JOB_BEGIN,") + GUID + "," + file + rest);
-    }
-    [[nodiscard]] std::string reportPath() const {
-        return service.root().string() + "/" + GUID + "-asset.ts.report.xml";
-    }
-
-    ServiceUnderTest service;
-    std::string file;
-    std::string prepared;
-};
-
-constexpr const char* NO_PROPERTY = "FALSE - Error: Failed to get requested Mpeg Property.";
 
 TEST_F(VerifierRequests, ASinglePropertyIsAnsweredAtOnceAndQueuesNothing) {
     start("--verify " + prepared);
@@ -141,6 +106,16 @@ TEST_F(VerifierRequests, AWorkerThatFailedIsNeverAnsweredTrue) {
     EXPECT_EQ(verify(",VIDEO_PID"), "FALSE - 481");
     EXPECT_EQ(verify(",ALL"), "TRUE") << "begun";
     EXPECT_EQ(service.waitForState(GUID, "ERROR"), "TRUE - ERROR");
+    EXPECT_THAT(results(), StartsWith("FALSE - ENCODING=MPEG2\tRESOLUTION=1920x1080\t"));
+}
+
+TEST_F(VerifierRequests, AQueuedVerificationThatFailedHasNotPassed) {
+    start("--say 7:worn --verify " + prepared + " --exit 3");
+    EXPECT_EQ(verify(",VALIDATION_ERRORS,NONE,GOPLength_FPS24_12;GOPStructure_IBBP"), "TRUE") << "begun";
+    EXPECT_EQ(service.waitForState(GUID, "ERROR"), "TRUE - ERROR");
+    EXPECT_EQ(results(), std::string(NO_PROPERTY) + " worn") << "there are no errors in its report";
+    EXPECT_THAT(service.log(),
+                HasSubstr("[Manager:Error] Error: Failed to get requested Mpeg Property. worn\r\n"));
 }
 
 TEST_F(VerifierRequests, AReportOfAnEarlierJobIsNotTakenForTheAnswer) {

@@ -1,4 +1,5 @@
 // What a verification answers from its report.
+#include "foundation/CapturedLog.h"
 #include "foundation/Logger.h"
 #include "reports.h"
 #include "verifier/VerifierJob.h"
@@ -68,22 +69,18 @@ TEST_F(VerifierAnswers, ASinglePropertyIsItsBareValue) {
 }
 
 TEST_F(VerifierAnswers, TheLogNamesTheReportThatWasSought) {
-    std::ostringstream lines;
-    LogUtil::Cleanup();
-    LogUtil::GetInstance()->setShowTimestamp(false);
-    LogUtil::GetInstance()->addStreamLogger(&lines);
+    const CapturedLog log;
     // A directory without its closing slash.
     VerifierJob open("/in/a.ts", directory.path("reports").c_str(), "G", "VIDEO_PID", 20, false, false, "", 1,
                      "");
     EXPECT_EQ(answerOf(open), FAILED);
-    EXPECT_THAT(lines.str(),
+    EXPECT_THAT(log.text(),
                 testing::HasSubstr("the report sought is " + directory.path("reportsG-a.ts.report.xml") +
                                    ": No such file or directory (errno 2)\r\n"));
     write("<R/>");
     EXPECT_EQ(answer("VIDEO_PID"), FAILED);
-    EXPECT_THAT(lines.str(),
+    EXPECT_THAT(log.text(),
                 testing::HasSubstr(directory.path("G-a.ts.report.xml") + ": it lacks the property\r\n"));
-    LogUtil::Cleanup();
 }
 
 TEST_F(VerifierAnswers, AnHdFileIsHd) {

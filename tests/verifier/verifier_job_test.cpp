@@ -1,4 +1,5 @@
 // The verifier job: what it is told, what it starts, and how it names things.
+#include "foundation/CapturedLog.h"
 #include "verifier/VerifierJob.h"
 
 #include "foundation/Logger.h"
@@ -194,21 +195,8 @@ TEST_F(VerifierJobTest, TheFirstFailingCheckIsNamed) {
     EXPECT_EQ(check(file.c_str(), "/tmp/", "ALL"), Result(0, ""));
 }
 
-// What the log was told meanwhile.
-class LoggedText {
-public:
-    LoggedText() { LogUtil::GetInstance()->addStreamLogger(&m_log); }
-    ~LoggedText() { LogUtil::Cleanup(); }
-    LoggedText(const LoggedText&) = delete;
-    LoggedText& operator=(const LoggedText&) = delete;
-    [[nodiscard]] std::string text() const { return m_log.str(); }
-
-private:
-    std::ostringstream m_log;
-};
-
 TEST_F(VerifierJobTest, FailuresAreLogged) {
-    const LoggedText log;
+    const CapturedLog log;
     VerifierJob bad("", "", GUID, "no", 20, false, false, "", 0, "");
     EXPECT_EQ(bad.validate(), 10013);
     EXPECT_THAT(log.text(), testing::HasSubstr("Error: Cannot add job - No source filename specified."));
@@ -219,7 +207,7 @@ TEST_F(VerifierJobTest, FailuresAreLogged) {
 }
 
 TEST_F(VerifierJobTest, NamesThatAreNotKnownAreLoggedWithThoseThatAre) {
-    const LoggedText log;
+    const CapturedLog log;
     static_cast<void>(job("ALL", ";PMTPid_480;;Audio_isAC3;"));
     EXPECT_EQ(log.text(), "");
     static_cast<void>(job("ALL", "PMTPID_480;Audio_isAC3;Nonsense;"));
@@ -243,7 +231,7 @@ TEST_F(VerifierJobTest, AnOldReportOfItsNameIsRemoved) {
     ASSERT_EQ(access(made.reportFilename, F_OK), 0);
     made.removeOldReport();
     EXPECT_NE(access(made.reportFilename, F_OK), 0);
-    const LoggedText log;
+    const CapturedLog log;
     made.removeOldReport();
     EXPECT_EQ(log.text(), "") << "that there is none is no failure";
 }
@@ -273,6 +261,41 @@ TEST_F(VerifierJobTest, NamesWithBlanksStayOneArgument) {
     VerifierJob made("/in/my file.ts", "/r/", "G", "ALL", 20, false, false, "", 0, "");
     EXPECT_THAT(made.getCmdLine("v"), testing::EndsWith(" -f \"/in/my file.ts\""));
     EXPECT_THAT(made.getCmdLine("v"), testing::HasSubstr(" -report_name \"G-my file.ts.report.xml\" "));
+}
+
+TEST_F(VerifierJobTest, ACommandLineThatIsCutIsNotToBeRun) {
+    const CapturedLog log;
+    VerifierJob fits = job();
+    fits.getCmdLine("/bin/flowScope");
+    EXPECT_EQ(fits.commandLineErrno(), 0);
+    EXPECT_EQ(log.text(), "");
+    VerifierJob cut = job();
+    EXPECT_EQ(std::strlen(cut.getCmdLine(("/bin/" + std::string(1'000, 'v')).c_str())),
+              sizeof cut.cmdLine - 1);
+    EXPECT_EQ(cut.commandLineErrno(), ENAMETOOLONG);
+    EXPECT_THAT(
+        log.text(),
+        testing::HasSubstr("[JobMgmt:Error] Job -1 0123456789abcdef0123456789abcdef: the command line is "
+                           "too long and is cut: /bin/vvv"));
+    cut.getCmdLine("/bin/flowScope");
+    EXPECT_EQ(cut.commandLineErrno(), 0);
+}
+
+TEST_F(VerifierJobTest, AReportWhoseNameNoFileCanHaveIsWarnedOf) {
+    const CapturedLog log;
+    const auto commandLineOf = [this](std::size_t length) {
+        VerifierJob named((directory.path("") + std::string(length, 'n')).c_str(), directory.path("").c_str(),
+                          GUID, "ALL", 20, false, false, "", 0, "");
+        named.getCmdLine("/bin/flowScope");
+    };
+    constexpr std::size_t longest = 255 - 32 - 1 - 11; // less GUID, "-" and ".report.xml"
+    commandLineOf(longest);
+    EXPECT_EQ(log.text(), "");
+    commandLineOf(longest + 1);
+    EXPECT_THAT(log.text(),
+                testing::HasSubstr("[JobMgmt:Warning] Job -1 0123456789abcdef0123456789abcdef: the "
+                                   "name of the report has 256 bytes, a file's has at most 255: the "
+                                   "verifier will not be able to write "));
 }
 
 TEST_F(VerifierJobTest, TheQueueKeepsAVerificationAsQueued) {

@@ -1,0 +1,164 @@
+// The loggers of a profile, and how a manager finds and uses the file.
+#include "loopback.h"
+#include "service/StopClient.h"
+#include "settings_fixture.h"
+
+#include <cstddef>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <thread>
+
+using testing::HasSubstr;
+using testing::Not;
+
+namespace {
+
+using ManagerProfile = SettingsTest;
+
+TEST_F(ManagerProfile, WithoutTheLoggersNothingIsLoggedAndNoFileMade) {
+    const CapturedLog lines;
+    writeProfile("<R><Logging LOG_FILENAME='" + root +
+                 "m.log' LOG_LEVEL='4'/><Job HEARTBEAT_TIMEOUT_SECS='x'/></R>");
+    EXPECT_EQ(CManagerLib::GetSettings(settings, false, (root + "d.log").c_str(), BaseLogger::Fatal), 0);
+    LogUtil::Debug("Manager", "still at the level from before");
+    EXPECT_EQ(lines.text(), "[Manager:Debug] still at the level from before\r\n");
+    EXPECT_EQ(log(), "");
+}
+
+TEST_F(ManagerProfile, TheLoggerFallsBackToTheDefaultFileAndLevel) {
+    writeProfile("<R><Logging/></R>");
+    EXPECT_EQ(CManagerLib::GetSettings(settings, true, (root + "d.log").c_str(), BaseLogger::Warning), 0);
+    LogUtil::Info("Manager", "hidden");
+    LogUtil::Warning("Manager", "shown");
+    EXPECT_THAT(log(), Not(HasSubstr("hidden")));
+    EXPECT_THAT(log(), HasSubstr("[Manager:Warning] shown"));
+}
+
+TEST_F(ManagerProfile, ALogReceiverNeedsAddressAndPort) {
+    unsigned short port = 0;
+    const kestrel::UniqueFd receiver = boundSocket(SOCK_DGRAM, port);
+    const std::string number = std::to_string(port);
+    const auto load = [&](const std::string& attributes) {
+        LogUtil::Cleanup();
+        writeProfile("<R><Logging LOG_LEVEL='1' " + attributes + "/><WebServicesComm/></R>");
+        EXPECT_EQ(CManagerLib::GetSettings(settings, true, (root + "d.log").c_str(), BaseLogger::Info), 0);
+        LogUtil::Info("Manager", "%s", attributes.c_str());
+    };
+    load("LOG_IP='' LOG_PORT='" + number + "'");
+    EXPECT_EQ(settings.portNumber, 1) << "the port is not read for an empty address";
+    load("LOG_PORT='" + number + "'");
+    load("LOG_IP='127.0.0.1'");
+    const std::string both = "LOG_IP='127.0.0.1' LOG_PORT='" + number + "'";
+    load(both);
+    EXPECT_EQ(settings.portNumber, port) << "the last integer that was read";
+    ASSERT_TRUE(readable(receiver, ANSWER_TIMEOUT_MS));
+    char datagram[500] = {};
+    ASSERT_GT(recv(receiver.get(), datagram, sizeof datagram - 1, 0), 0);
+    EXPECT_THAT(datagram,
+                HasSubstr("[Manager:Warning] Profile section WebServicesComm, key PORT_NUMBER: absent, "
+                          "the integer read before it is taken: " +
+                          number))
+        << "the first that arrives";
+}
+
+TEST_F(ManagerProfile, WithoutAManagerTheProfileIsFoundByItsDirectory) {
+    EXPECT_STREQ(CManagerLib::m_kestrelMgrSettingsFname, "");
+    EXPECT_EQ(read("<Job HEARTBEAT_TIMEOUT_SECS='3'/>"), 0);
+    EXPECT_EQ(settings.heartbeatTimeoutSecs, 3);
+    EXPECT_EQ(CManagerLib::m_instance, nullptr);
+}
+
+TEST_F(ManagerProfile, AManagerFixesThePathOfTheProfile) {
+    writeProfile("<R><Job HEARTBEAT_TIMEOUT_SECS='3'/></R>");
+    CManagerLib::GetInstance();
+    EXPECT_STREQ(CManagerLib::m_kestrelMgrSettingsFname, profilePath().c_str());
+    kestrel::copyText(KESTREL_CONFIG_PARENT_DIR, "/nowhere/");
+    EXPECT_EQ(readFile(), 0);
+    EXPECT_EQ(settings.heartbeatTimeoutSecs, 3);
+}
+
+TEST_F(ManagerProfile, TheStopClientReadsThePortWithoutAManager) {
+    unsigned short port = 0;
+    const kestrel::UniqueFd listener = boundSocket(SOCK_STREAM, port);
+    ASSERT_EQ(listen(listener.get(), 1), 0);
+    writeProfile("<R>" + section("WebServicesComm", "PORT_NUMBER", std::to_string(port)) + "</R>");
+    std::string request;
+    std::thread server([&] {
+        const kestrel::UniqueFd peer(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        char buffer[100];
+        const ssize_t count = recv(peer.get(), buffer, sizeof buffer, 0);
+        request.assign(buffer, count > 0 ? static_cast<std::size_t>(count) : 0);
+        sendText(peer, "TRUE - a good long answer\n");
+    });
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(kestrel::stopService(), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "TRUE - a good long answer\n\n");
+    server.join();
+    EXPECT_EQ(request, "STOP_SERVICE\r\n");
+    EXPECT_EQ(CManagerLib::m_instance, nullptr);
+    EXPECT_EQ(log(), "") << "the client sets up no logging";
+}
+
+TEST_F(ManagerProfile, AManagerWithoutAProfileLogsSoIntoTheDefaultFileAtLevelOne) {
+    CManagerLib::GetInstance();
+    LogUtil::Debug("Manager", "hidden");
+    LogUtil::Info("Manager", "shown");
+    EXPECT_THAT(log(), HasSubstr("[Manager:Error] Could not load KestrelManager settings file " +
+                                 profilePath() + "."));
+    EXPECT_THAT(log(), HasSubstr("[Manager:Warning] " + profilePath() +
+                                 ": No such file or directory (errno 2). No setting of it is taken, the "
+                                 "defaults hold: port 5112, no deck control.\r\n"));
+    EXPECT_THAT(log(), HasSubstr("[Manager:Info] shown"));
+    EXPECT_THAT(log(), Not(HasSubstr("hidden")));
+    EXPECT_TRUE(std::filesystem::is_regular_file([&] {
+        for (const auto& entry : std::filesystem::directory_iterator(root))
+            if (entry.path().filename().string().starts_with("KestrelManager-"))
+                return entry.path();
+        return std::filesystem::path();
+    }()));
+    settings = CManagerLib::GetInstance()->settings();
+    expectDefaults();
+}
+
+TEST_F(ManagerProfile, AManagerNamesAProfileThatHasNoElement) {
+    writeProfile("<!-- empty -->");
+    CManagerLib::GetInstance();
+    EXPECT_THAT(log(), HasSubstr("[Manager:Error] KestrelManager settings file " + profilePath() +
+                                 " does not appear to be a valid xml file."));
+}
+
+TEST_F(ManagerProfile, AManagerNamesTheLineWhereAProfileIsNoXml) {
+    writeProfile("<R>\n<Job HEARTBEAT_TIMEOUT_SECS='3'/>\n<Capture EXE='/c'</R>\n");
+    CManagerLib::GetInstance();
+    EXPECT_THAT(log(), HasSubstr("[Manager:Warning] " + profilePath() + ": line 3: "));
+    EXPECT_EQ(CManagerLib::GetInstance()->settings().heartbeatTimeoutSecs, 120);
+}
+
+TEST_F(ManagerProfile, AManagersLogLevelAndFileComeFromTheProfile) {
+    writeProfile("<R><Logging LOG_FILENAME='" + root + "other.log' LOG_LEVEL='3'/></R>");
+    CManagerLib::GetInstance();
+    LogUtil::Info("Manager", "hidden");
+    LogUtil::Error("Manager", "shown");
+    EXPECT_THAT(log(), Not(HasSubstr("hidden")));
+    EXPECT_THAT(log(), HasSubstr("shown"));
+}
+
+TEST_F(ManagerProfile, AProfileWithoutALoggingElementLeavesNoLogger) {
+    writeProfile("<R><Job HEARTBEAT_TIMEOUT_SECS='3'/></R>");
+    CManagerLib::GetInstance();
+    LogUtil::Error("Manager", "nowhere");
+    EXPECT_EQ(log(), "");
+}
+
+TEST_F(ManagerProfile, EachManagerReadsTheProfileAnew) {
+    for (int timeout = 1; timeout < 4; ++timeout) {
+        writeProfile("<R>" + section("Job", "HEARTBEAT_TIMEOUT_SECS", std::to_string(timeout)) + "</R>");
+        CManagerLib* const manager = CManagerLib::GetInstance();
+        EXPECT_EQ(CManagerLib::GetInstance(), manager);
+        EXPECT_EQ(manager->settings().heartbeatTimeoutSecs, timeout);
+        CManagerLib::Cleanup();
+        EXPECT_EQ(CManagerLib::m_instance, nullptr);
+    }
+}
+
+} // namespace

@@ -1,0 +1,63 @@
+// Verifications of files whose names are too long for what is made of them.
+#include "service/CMessageProcessor.h"
+#include "service_directories.h"
+
+#include <gmock/gmock.h>
+
+using testing::HasSubstr;
+using testing::StartsWith;
+
+namespace {
+
+class VerificationPaths : public ServiceDirectories {
+protected:
+    static std::string answer(std::string line) {
+        CMessageProcessor processor;
+        char response[2000];
+        EXPECT_TRUE(processor.process(line.data(), response, sizeof response));
+        return response;
+    }
+    // A file with a path of that length.
+    std::string fileOf(std::size_t length) const {
+        std::string path = root;
+        while (path.size() + 100 < length) {
+            path += std::string(60, 'd') + "/";
+            std::filesystem::create_directory(path);
+        }
+        path += std::string(length - path.size(), 'f');
+        std::ofstream(path) << "packets";
+        return path;
+    }
+};
+
+TEST_F(VerificationPaths, ACommandLineThatDoesNotFitIsRefusedAndNothingIsStarted) {
+    const std::string program = "/" + std::string(258, 'v');
+    writeProfile("<P><Verifier EXE='" + program + "' REPORT_DIR='/" + std::string(257, 'r') + "/'/></P>");
+    const std::string deep = fileOf(150);
+    const std::string file = deep.substr(0, deep.rfind('/') + 1) + std::string(170, 'n');
+    std::ofstream(file) << "packets";
+    const CapturedLog lines;
+    for (const char* property : {",VIDEO_PID", ",ALL"}) {
+        EXPECT_THAT(
+            answer("GET_MPEG_PROPERTIES,JOB_BEGIN,0123456789abcdef0123456789abcdef," + file + property),
+            StartsWith("FALSE - Error: Could not launch process /vvv"));
+        EXPECT_THAT(lines.text(), HasSubstr(program.substr(0, 240)));
+    }
+    EXPECT_THAT(lines.text(), HasSubstr("the command line is too long and is cut: /vvv"));
+    EXPECT_THAT(lines.text(), testing::Not(HasSubstr("Launching Job command")));
+    EXPECT_EQ(answer("JOB_STATUS,0123456789abcdef0123456789abcdef"), "TRUE - ERROR") << "the queued one";
+}
+
+TEST_F(VerificationPaths, AFileNameThatIsCutIsWarnedOf) {
+    writeProfile("<P/>");
+    CManagerLib::GetInstance();
+    const CapturedLog lines;
+    const std::string file = fileOf(270);
+    const std::string cut = file.substr(0, 259);
+    EXPECT_EQ(answer("GET_MPEG_PROPERTIES,JOB_BEGIN,1," + file + ",VIDEO_PID"),
+              ("FALSE - Error: file " + cut + " could not be found.").substr(0, 8 + 299));
+    EXPECT_THAT(lines.text(), HasSubstr("[RequestMessages:Warning] GET_MPEG_PROPERTIES: \"" + file +
+                                        "\" is too long and is cut to \"" + cut + "\".\r\n"));
+}
+
+} // namespace
