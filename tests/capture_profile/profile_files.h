@@ -2,6 +2,7 @@
 #pragma once
 
 #include "capture_profile/CSettings.h"
+#include "foundation/ScratchDir.h"
 
 #include <cstdlib>
 #include <filesystem>
@@ -16,28 +17,11 @@
 
 class ProfileFiles : public testing::Test {
 protected:
-    ProfileFiles() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "kestrel_profile_XXXXXX").string();
-        if (::mkdtemp(pattern.data()) != nullptr)
-            m_directory = pattern;
-    }
-    ~ProfileFiles() override {
-        std::error_code ignored;
-        std::filesystem::remove_all(m_directory, ignored);
-    }
-    void SetUp() override { ASSERT_FALSE(m_directory.empty()); }
-
-    std::string path(const std::string& name) const { return m_directory + "/" + name; }
-    const std::string& directory() const { return m_directory; }
+    std::string path(const std::string& name) const { return m_directory.path(name); }
+    const std::string& directory() const { return m_directory.path(); }
 
     std::string write(const std::string& content, const std::string& name = "profile.xml") const {
-        std::ofstream(path(name), std::ios::binary) << content;
-        return path(name);
-    }
-
-    static std::string content(const std::string& file) {
-        std::ifstream in(file, std::ios::binary);
-        return {std::istreambuf_iterator<char>(in), {}};
+        return m_directory.file(name, content);
     }
 
     // Loads a profile with the given elements under its root.
@@ -52,11 +36,12 @@ protected:
     }
 
     std::size_t filesInDirectory() const {
-        return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(m_directory), {}));
+        return static_cast<std::size_t>(
+            std::distance(std::filesystem::directory_iterator(m_directory.path()), {}));
     }
 
 private:
-    std::string m_directory;
+    ScratchDir m_directory;
 };
 
 using Attributes = std::vector<std::pair<std::string, std::string>>;

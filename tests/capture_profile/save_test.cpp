@@ -33,7 +33,7 @@ protected:
 
 TEST_F(Save, WritesDeclarationAndRoot) {
     const std::string file = saved(CSettings());
-    EXPECT_THAT(content(file),
+    EXPECT_THAT(contentOf(file),
                 StartsWith("<?xml version=\"1.0\" encoding=\"UTF-8\" ?>\n<CaptureSettings>\n"));
     TiXmlDocument document;
     ASSERT_TRUE(document.LoadFile(file.c_str()));
@@ -238,7 +238,7 @@ TEST_F(Save, TextsAreEscaped) {
     CSettings again;
     EXPECT_TRUE(again.LoadProfile(saved(settings).c_str()));
     EXPECT_STREQ(again.cmd.outputFile, settings.cmd.outputFile);
-    EXPECT_THAT(content(path("saved.xml")), HasSubstr("/a&amp;b &lt;"));
+    EXPECT_THAT(contentOf(path("saved.xml")), HasSubstr("/a&amp;b &lt;"));
 }
 
 // A file name is made of bytes, and a long one is cut wherever the field ends.
@@ -272,7 +272,7 @@ TEST_F(Save, DoesNotFollowALinkPlantedAtThePath) {
     const std::string victim = write("untouched", "victim");
     ASSERT_EQ(::symlink(victim.c_str(), path("saved.xml").c_str()), 0);
     const std::string file = saved(CSettings());
-    EXPECT_EQ(content(victim), "untouched");
+    EXPECT_EQ(contentOf(victim), "untouched");
     struct stat info {};
     ASSERT_EQ(::lstat(file.c_str(), &info), 0);
     EXPECT_TRUE(S_ISREG(info.st_mode));
@@ -282,7 +282,7 @@ TEST_F(Save, DoesNotWriteIntoAHardLinkedOrOpenEarlierFile) {
     const std::string earlier = write("untouched", "saved.xml");
     ASSERT_EQ(::link(earlier.c_str(), path("other").c_str()), 0);
     saved(CSettings());
-    EXPECT_EQ(content(path("other")), "untouched");
+    EXPECT_EQ(contentOf(path("other")), "untouched");
 }
 
 TEST_F(Save, TheFileIsReadableByAllAsFarAsTheUmaskAllows) {
@@ -336,7 +336,7 @@ TEST_F(Save, AWriteThatBreaksOffKeepsTheEarlierFile) {
     std::signal(SIGXFSZ, oldHandler);
     EXPECT_FALSE(result);
     EXPECT_EQ(error, EFBIG);
-    EXPECT_EQ(content(file), "earlier");
+    EXPECT_EQ(contentOf(file), "earlier");
     EXPECT_EQ(filesInDirectory(), 1U);
 }
 

@@ -1,17 +1,17 @@
-// A directory of its own for each test, and the log lines that a test provokes.
+// A directory of its own for each test, and what is in its files.
 #pragma once
-
-#include "foundation/Logger.h"
 
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <sstream>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <system_error>
+#include <utility>
 
+// Removed at its end, with all that is in it.
 class ScratchDir {
 public:
     ScratchDir() {
@@ -27,6 +27,8 @@ public:
     ScratchDir(const ScratchDir&) = delete;
     ScratchDir& operator=(const ScratchDir&) = delete;
 
+    // The directory itself, without a slash at its end.
+    [[nodiscard]] const std::string& path() const noexcept { return m_path; }
     [[nodiscard]] std::string path(std::string_view name) const { return m_path + "/" + std::string(name); }
 
     // Makes a file and returns its path.
@@ -40,25 +42,9 @@ private:
     std::string m_path;
 };
 
+// All of a file; "" of one that cannot be opened.
 inline std::string contentOf(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
+    std::ostringstream text;
+    text << std::ifstream(path, std::ios::binary).rdbuf();
+    return std::move(text).str();
 }
-
-// Collects what is logged while it lives, as "[module:level] text" lines.
-class CapturedLog {
-public:
-    CapturedLog() {
-        LogUtil* log = LogUtil::GetInstance();
-        log->setShowTimestamp(false);
-        log->addStreamLogger(&m_lines);
-    }
-    ~CapturedLog() { LogUtil::Cleanup(); }
-    CapturedLog(const CapturedLog&) = delete;
-    CapturedLog& operator=(const CapturedLog&) = delete;
-
-    [[nodiscard]] std::string text() const { return m_lines.str(); }
-
-private:
-    std::ostringstream m_lines;
-};

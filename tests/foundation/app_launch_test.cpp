@@ -1,5 +1,6 @@
 // Starting external programs.
 #include "foundation/AppLaunchUtil.h"
+#include "foundation/CapturedLog.h"
 #include "foundation/ProcessTree.h"
 #include "foundation/ScratchDir.h"
 #include "foundation/UniqueFd.h"
@@ -427,6 +428,14 @@ TEST(LaunchApplication, ProgramLeftRunningIsCollectedByALaterLaunchOnceItEnded) 
     EXPECT_EQ(launch("true", 30), 0);
     EXPECT_EQ(::waitpid(pid, nullptr, WNOHANG), -1);
     EXPECT_EQ(errno, ECHILD);
+}
+
+TEST(CommandLineWord, IsQuotedOnlyWhereItHasABlank) {
+    EXPECT_EQ(kestrel::commandLineWord("/logs/capture_1.log"), "/logs/capture_1.log");
+    EXPECT_EQ(kestrel::commandLineWord(""), "");
+    EXPECT_EQ(kestrel::commandLineWord("/my logs/a.log"), "\"/my logs/a.log\"");
+    kestrel::ArgumentVector split("worker -log " + kestrel::commandLineWord("/my logs/a.log"));
+    EXPECT_STREQ(split.argv()[2], "/my logs/a.log");
 }
 
 } // namespace

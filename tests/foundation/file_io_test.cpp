@@ -1,4 +1,5 @@
 // Operations on files.
+#include "foundation/CapturedLog.h"
 #include "foundation/ScratchDir.h"
 #include "foundation/file_io.h"
 

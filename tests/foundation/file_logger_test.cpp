@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <string>
+#include <sys/stat.h>
 #include <vector>
 
 namespace {
@@ -224,6 +225,19 @@ TEST_F(FileLoggerTest, SetFilenameHasNoEffect) {
 TEST_F(FileLoggerTest, NullLineIsAFailure) {
     FileLogger logger(dir.path("x.log").c_str(), fakeClock);
     EXPECT_FALSE(logger.log(static_cast<const char*>(nullptr)));
+}
+
+TEST_F(FileLoggerTest, NobodyElseMayWriteWhateverTheUmask) {
+    const auto rightsUnder = [this](mode_t mask, const char* name) {
+        const mode_t before = umask(mask);
+        const FileLogger logger(dir.path(std::string(name) + ".log").c_str(), fakeClock);
+        umask(before);
+        struct stat status {};
+        EXPECT_EQ(stat(dir.path(std::string(name) + "-20261115.log").c_str(), &status), 0);
+        return status.st_mode & 0777U;
+    };
+    EXPECT_EQ(rightsUnder(0, "open"), 0644U);
+    EXPECT_EQ(rightsUnder(077, "closed"), 0600U);
 }
 
 } // namespace

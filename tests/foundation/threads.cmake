@@ -6,6 +6,8 @@ kestrel_add_test(foundation_thread_tests
     ${CMAKE_CURRENT_LIST_DIR}/event_wrapper_test.cpp
     ${CMAKE_CURRENT_LIST_DIR}/file_logger_test.cpp
     ${CMAKE_CURRENT_LIST_DIR}/fixed_text_test.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/logger_levels_test.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/logger_life_test.cpp
     ${CMAKE_CURRENT_LIST_DIR}/logger_test.cpp
     ${CMAKE_CURRENT_LIST_DIR}/message_queue_test.cpp
     ${CMAKE_CURRENT_LIST_DIR}/net_logger_test.cpp

@@ -1,6 +1,8 @@
 // Calendar times and field-wise spans.
+#include "foundation/CapturedLog.h"
 #include "foundation/ScratchDir.h"
 #include "foundation/TimeUtil.h"
+#include "foundation/TimeZone.h"
 
 #include <climits>
 #include <cstdlib>
@@ -16,30 +18,7 @@ constexpr const char* monthsLine =
 
 // Local time with a summer time, whatever the host's zone is.
 class TimeUtil : public testing::Test {
-protected:
-    TimeUtil() {
-        if (const char* zone = std::getenv("TZ"))
-            m_before = zone;
-        else
-            m_unset = true;
-        useZone("CET-1CEST,M3.5.0,M10.5.0/3");
-    }
-    ~TimeUtil() override {
-        if (m_unset) {
-            ::unsetenv("TZ");
-            ::tzset();
-        } else {
-            useZone(m_before.c_str());
-        }
-    }
-    static void useZone(const char* zone) {
-        ::setenv("TZ", zone, 1);
-        ::tzset();
-    }
-
-private:
-    std::string m_before;
-    bool m_unset = false;
+    const kestrel::test::TimeZone m_zone{kestrel::test::SUMMER_TIME_ZONE};
 };
 
 using TimeSpanUtil = TimeUtil;

@@ -11,6 +11,7 @@ kestrel_add_test(capture_job_tests THREADS SERIAL
     ${CMAKE_CURRENT_LIST_DIR}/capture_request_test.cpp
     ${CMAKE_CURRENT_LIST_DIR}/capture_rules_test.cpp
     ${CMAKE_CURRENT_LIST_DIR}/capture_settings_file_test.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/capture_warnings_test.cpp
     ${CMAKE_CURRENT_LIST_DIR}/job_launcher_failures_test.cpp
     ${CMAKE_CURRENT_LIST_DIR}/job_launcher_test.cpp
     ${CMAKE_CURRENT_LIST_DIR}/job_messages_test.cpp

@@ -2,6 +2,7 @@
 #include "jobs/CaptureJob.h"
 
 #include "capture_requests.h"
+#include "foundation/CapturedLog.h"
 
 #include <cerrno>
 #include <climits>
@@ -30,7 +31,7 @@ class CaptureJobTest : public ::testing::Test {
 protected:
     ~CaptureJobTest() override { ResourceMgr::Cleanup(); }
 
-    JobLog log;
+    CapturedLog log;
 };
 
 template <typename T>

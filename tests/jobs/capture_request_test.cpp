@@ -1,5 +1,6 @@
 // What each capture job takes from the fields of a request, and what it sets on the shared equipment.
 #include "capture_requests.h"
+#include "foundation/CapturedLog.h"
 
 #include "jobs/RequestValues.h"
 
@@ -19,7 +20,7 @@ protected:
         return *ResourceMgr::GetResourceMgrInst()->GetDecoder(address);
     }
 
-    JobLog log;
+    CapturedLog log;
 };
 
 } // namespace
@@ -136,7 +137,7 @@ TEST_F(CaptureRequestTest, ATimedDurationThatNoWorkerTakesIsTold) {
     EXPECT_THAT(log.text(), told("none is given, expected is"));
 }
 
-TEST_F(CaptureRequestTest, RollingDurationsAndStart) {
+TEST_F(CaptureRequestTest, ARollingDurationIsMinutesOrATimeCutToMinutes) {
     struct Row {
         const char* text;
         int minutes;
@@ -180,7 +181,7 @@ TEST_F(CaptureRequestTest, RollingDurationsAndStart) {
     EXPECT_EQ(set.rollingDurationMin, 30) << "a request without a duration leaves what its caller set";
 }
 
-TEST_F(CaptureRequestTest, VtrPortAndInternalCue) {
+TEST_F(CaptureRequestTest, TheInternalCueIsThatOfThePortsDeckAndStaysWithIt) {
     CaptureVTRJob job(1);
     setFields(job, {"VTR_Com_Port=COM3", "VTR_UseInternalCue=true"});
     ASSERT_NE(job.vtr, nullptr);
@@ -219,7 +220,7 @@ TEST_F(CaptureRequestTest, LongTextsAreCutAndTerminated) {
     EXPECT_EQ(std::string(job.markIn).size(), sizeof job.markIn - 1);
 }
 
-TEST_F(CaptureRequestTest, DecoderFirstThenItsOptions) {
+TEST_F(CaptureRequestTest, DecoderOptionsGoToTheDecoderNamedBefore) {
     CaptureReencodeJob job(1);
     setFields(job, {"SrcFilename=/tmp/s", "MarkInTime=a", "MarkOutTime=b", "DecoderIp=10.9.9.9",
                     "DecoderProfile=hd", "DecoderIntfIp=10.0.0.7"});

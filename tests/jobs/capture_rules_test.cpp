@@ -1,64 +1,14 @@
 // Which capture jobs are refused, with which code and in which words.
-#include "capture_requests.h"
-#include "mpeg/ts_maker.h"
+#include "capture_rules.h"
 
-#include <cstdlib>
-#include <ctime>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <memory>
-#include <optional>
+#include <string>
+#include <vector>
 
 using ::testing::HasSubstr;
-using ::testing::Not;
 
 namespace {
-
-constexpr const char* enc1 = "EncoderIp0=10.1.2.3";
-// What the log says of a mezzanine whose source is the trouble, behind the reason.
-const std::string notTheMarks = "The source is the reason of the refusal, not the marks.";
-
-std::unique_ptr<CaptureJob> makeJob(Job::JobType type) {
-    switch (type) {
-    case Job::CAPTURE_VTR_JOB:
-        return std::make_unique<CaptureVTRJob>(1);
-    case Job::CAPTURE_MANUAL_JOB:
-        return std::make_unique<CaptureManualJob>(1);
-    case Job::CAPTURE_TIMED_JOB:
-        return std::make_unique<CaptureTimedJob>(1);
-    case Job::CAPTURE_SCHEDULED_JOB:
-        return std::make_unique<CaptureScheduledJob>(1);
-    case Job::CAPTURE_ROLLING_JOB:
-        return std::make_unique<CaptureRollingJob>(1);
-    case Job::CAPTURE_MPEG_NORMALIZE_JOB:
-        return std::make_unique<MpegNormalizeJob>(1);
-    default:
-        return std::make_unique<CaptureReencodeJob>(1, type);
-    }
-}
-
-// A time zone for one test.
-class TimeZone {
-public:
-    explicit TimeZone(const char* zone) {
-        if (const char* const before = std::getenv("TZ"))
-            m_before = before;
-        setenv("TZ", zone, 1);
-        tzset();
-    }
-    ~TimeZone() {
-        if (m_before)
-            setenv("TZ", m_before->c_str(), 1);
-        else
-            unsetenv("TZ");
-        tzset();
-    }
-    TimeZone(const TimeZone&) = delete;
-    TimeZone& operator=(const TimeZone&) = delete;
-
-private:
-    std::optional<std::string> m_before;
-};
 
 // The lines of that level, each with its end.
 std::string errorLines(const std::string& text) {
@@ -72,25 +22,6 @@ std::string errorLines(const std::string& text) {
     }
     return errors;
 }
-
-class CaptureRulesTest : public ::testing::Test {
-protected:
-    ~CaptureRulesTest() override { ResourceMgr::Cleanup(); }
-
-    // A source file of that frame_rate_code; its path.
-    std::string source(const char* name, int rateCode) {
-        TsMaker stream;
-        stream.tables({{0x02, 0x100}});
-        for (int i = 0; i < 3; ++i)
-            stream.pes(0x100, pesHeader(1),
-                       sequenceHeader(720, 576, rateCode) + sequenceExtension(0x48) + gopHeader(0, 0, i, 0) +
-                           filler(500));
-        return stream.write(directory, name);
-    }
-
-    ScratchDir directory;
-    JobLog log;
-};
 
 } // namespace
 
@@ -178,252 +109,6 @@ TEST_F(CaptureRulesTest, EveryRefusalStandsInTheResultsAndInTheLog) {
     }
 }
 
-// A value that cannot be taken counts as none. The refusal that follows has its own text, which clients know;
-// the log names the value.
-TEST_F(CaptureRulesTest, AValueThatCannotBeTakenIsNamedInTheLog) {
-    const std::string sourceField = "SrcFilename=" + source("pal", 3);
-    const char* const pal = sourceField.c_str();
-    const std::string empty = "SrcFilename=" + directory.file("empty.ts", "");
-    const std::string emptyName = empty.substr(empty.find('=') + 1);
-    constexpr const char* out = "Filename=/tmp/out.ts";
-    constexpr const char* dec = "DecoderIp=10.9.9.9";
-    constexpr const char* one = "MarkInTime=01:00:00:00";
-    constexpr const char* two = "MarkOutTime=02:00:00:00";
-    constexpr const char* ten = "StartTime=11/20/2026 10:00:00";
-    constexpr const char* noEncoder = "Error: Cannot add job - No encoder specified.";
-    constexpr const char* badRolling = "Error: Invalid Rolling Capture duration 0.";
-    constexpr const char* badMarks = "Error: Mark out time must be greater than Mark in time.";
-    struct Row {
-        Job::JobType type;
-        std::vector<const char*> fields;
-        int code;
-        std::string refusal;
-        std::string told;
-    };
-    const Row rows[] = {
-        {Job::CAPTURE_MANUAL_JOB,
-         {out, "EncoderIp0=1.2.3.999"},
-         10015,
-         noEncoder,
-         "EncoderIp0: \"1.2.3.999\" is not the IPv4 address of a device."},
-        {Job::CAPTURE_MANUAL_JOB,
-         {out, "EncoderIp=0.0.0.0"},
-         10015,
-         noEncoder,
-         "EncoderIp: \"0.0.0.0\" is not the IPv4 address of a device."},
-        {Job::CAPTURE_REENCODE_JOB,
-         {out, enc1, pal, "DecoderIp=decoder-1"},
-         10016,
-         "Error: Cannot add job - No decoder specified.",
-         "DecoderIp: \"decoder-1\" is not the IPv4 address of a device."},
-        {Job::CAPTURE_SCHEDULED_JOB,
-         {out, enc1, "StartTime=tomorrow"},
-         10011,
-         "Error: Cannot add job - Start time not specified.",
-         "StartTime: \"tomorrow\" is not a time month/day/year hour:minute:second."},
-        {Job::CAPTURE_SCHEDULED_JOB,
-         {out, enc1, ten, "EndTime=10:30"},
-         10010,
-         "Error: End time is less than start time.",
-         "EndTime: \"10:30\" is not a time month/day/year hour:minute:second."},
-        {Job::CAPTURE_ROLLING_JOB,
-         {out, enc1, "Duration=abc"},
-         20085,
-         badRolling,
-         "Duration: \"abc\" is not a number of minutes or a time hh:mm:ss:ff of one minute at least."},
-        {Job::CAPTURE_ROLLING_JOB,
-         {out, enc1, "Duration=00:00:59:00"},
-         20085,
-         badRolling,
-         "Duration: \"00:00:59:00\" is not a number of minutes or a time hh:mm:ss:ff of one minute at "
-         "least."},
-        {Job::CAPTURE_VTR_JOB,
-         {out, enc1, one, "MarkOutTime=later"},
-         10021,
-         badMarks,
-         "MarkOutTime: \"later\" is not a timecode hh:mm:ss:ff."},
-        {Job::CAPTURE_MEZZANINE_JOB,
-         {out, enc1, pal, dec, one, "MarkOutTime=1 hour"},
-         10021,
-         badMarks,
-         "MarkOutTime: \"1 hour\" is not a timecode hh:mm:ss:ff."},
-        {Job::CAPTURE_MEZZANINE_JOB,
-         {out, enc1, "SrcFilename=/nonexistent/a.ts", dec, one, two},
-         10021,
-         badMarks,
-         "SrcFilename: \"/nonexistent/a.ts\" cannot be opened: errno 2 (No such file or directory). " +
-             notTheMarks},
-        {Job::CAPTURE_MEZZANINE_JOB,
-         {out, enc1, empty.c_str(), dec, one, two},
-         10021,
-         badMarks,
-         "SrcFilename: \"" + emptyName + "\" has no video whose frame rate can be read. " + notTheMarks},
-    };
-    for (const Row& row : rows) {
-        const std::unique_ptr<CaptureJob> job = makeJob(row.type);
-        std::vector<InputField> fields;
-        for (const char* text : row.fields)
-            fields.emplace_back(text);
-        EXPECT_EQ(job->setFields(fields), row.code) << row.told;
-        EXPECT_STREQ(job->results, row.refusal.c_str()) << row.told;
-        EXPECT_THAT(log.text(), HasSubstr("[JobMgmt:Warning] " + row.told + "\r\n"));
-    }
-    EXPECT_THAT(log.text(), testing::EndsWith(notTheMarks + "\r\n")) << "behind the refusal's own text";
-}
-
-TEST_F(CaptureRulesTest, ATapeJobWithoutADeckThatCanBeReachedIsTakenWithAWarning) {
-    constexpr const char* out = "Filename=/tmp/out.ts";
-    constexpr const char* one = "MarkInTime=01:00:00:00";
-    constexpr const char* two = "MarkOutTime=02:00:00:00";
-    CaptureVTRJob none(1);
-    EXPECT_EQ(setFields(none, {out, enc1, one, two}), 0);
-    EXPECT_THAT(log.text(),
-                HasSubstr("[JobMgmt:Warning] VTR_Com_Port: none is given: the job has no deck, and "
-                          "its worker will fail.\r\n"));
-    CaptureVTRJob eleven(1);
-    const std::size_t before = log.text().size();
-    EXPECT_EQ(setFields(eleven, {out, enc1, one, two, "VTR_Com_Port=/dev/ttyS10"}), 0);
-    EXPECT_EQ(log.text().substr(before), "");
-    CaptureVTRJob twelve(1);
-    EXPECT_EQ(setFields(twelve, {out, enc1, one, two, "VTR_Com_Port=/dev/ttyUSB0"}), 0);
-    EXPECT_EQ(log.text().substr(before),
-              "[JobMgmt:Warning] VTR_Com_Port: \"/dev/ttyUSB0\" has more than 11 characters: no deck can be "
-              "reached by it, and the job's worker will fail.\r\n");
-}
-
-// Values of the right form that no rule forbids are the client's own business.
-TEST_F(CaptureRulesTest, WhatNoRuleForbidsIsTaken) {
-    CaptureScheduledJob past(1);
-    EXPECT_EQ(setFields(past, {"Filename=/tmp", enc1, "StartTime=01/01/1999 10:00:00",
-                               "EndTime=01/01/1999 11:00:00"}),
-              0)
-        << "a time in the past, and a directory for a file: the worker tells of it";
-    CaptureVTRJob vtr(1);
-    EXPECT_EQ(setFields(vtr, {"Filename=/tmp/a", enc1, "MarkInTime=abc", "MarkOutTime=01:00:00:00"}), 0);
-    EXPECT_THAT(log.text(),
-                HasSubstr("[JobMgmt:Warning] MarkInTime: \"abc\" is not a timecode hh:mm:ss:ff.\r\n"));
-}
-
-TEST_F(CaptureRulesTest, ATimeThatTheCalendarDoesNotHaveIsTakenWithAWarning) {
-    const struct {
-        const char* given;
-        const char* taken;
-    } rows[] = {
-        {"02/31/2026 10:00:00", "03/03/2026 10:00:00"},
-        {"02/29/2027 10:00:00", "03/01/2027 10:00:00"},
-        {"13/01/2026 10:00:00", "01/01/2027 10:00:00"},
-        {"01/00/2026 10:00:00", "12/31/2025 10:00:00"},
-        {"11/20/2026 25:00:00", "11/21/2026 01:00:00"},
-        {"11/20/2026 10:60:00", "11/20/2026 11:00:00"},
-        {"11/20/2026 10:00:60", "11/20/2026 10:01:00"},
-        {"11/20/2026 10:00:-1", "11/20/2026 09:59:59"},
-        {"11/20/26 10:00:00", "11/20/1926 10:00:00"},
-        {"1/2/2147483647 2147483647:00:00", "01/02/2147483647 2147483647:00:00"},
-    };
-    for (const auto& row : rows) {
-        CaptureScheduledJob job(1);
-        setFields(job, {"Filename=/tmp/a", enc1, (std::string("StartTime=") + row.given).c_str()});
-        EXPECT_FALSE(job.startTime == CTimeUtil()) << row.given;
-        EXPECT_THAT(log.text(),
-                    HasSubstr("[JobMgmt:Warning] StartTime: \"" + std::string(row.given) +
-                              "\" is not a time of the calendar, it is taken as " + row.taken + ".\r\n"));
-    }
-    CaptureScheduledJob job(1);
-    EXPECT_EQ(setFields(job, {"Filename=/tmp/a", enc1, "StartTime=11/20/2026 10:00:00",
-                              "EndTime=11/20/2026 11:00:00 PM"}),
-              0);
-    EXPECT_THAT(log.text(),
-                HasSubstr("[JobMgmt:Warning] EndTime: \"11/20/2026 11:00:00 PM\" is not a time "
-                          "month/day/year hour:minute:second, it is taken as 11/20/2026 11:00:00.\r\n"));
-}
-
-TEST_F(CaptureRulesTest, ATimeOfTheCalendarIsTakenSilently) {
-    for (const char* start :
-         {"11/20/2026 10:00:00", " 1/2/2026  9:05:00 ", "02/29/2028 23:59:59", "+1/+2/2026 1:2:3"}) {
-        CaptureScheduledJob job(1);
-        EXPECT_EQ(setFields(job, {"Filename=/tmp/a", enc1, (std::string("StartTime=") + start).c_str(),
-                                  "EndTime=12/20/2029 10:00:00"}),
-                  0);
-    }
-    EXPECT_THAT(log.text(), Not(HasSubstr("Warning]")));
-}
-
-TEST_F(CaptureRulesTest, WhyAnEndIsBeforeItsStartIsTold) {
-    CaptureScheduledJob without(1);
-    EXPECT_EQ(setFields(without, {"Filename=/tmp/a", enc1, "StartTime=11/20/2026 10:00:00"}), 10010);
-    EXPECT_STREQ(without.results, "Error: End time is less than start time.");
-    EXPECT_THAT(log.text(),
-                HasSubstr("[JobMgmt:Warning] EndTime: none is given, expected is a time month/day/year "
-                          "hour:minute:second. Without it the end is before any start.\r\n"));
-
-    CaptureScheduledJob acrossMonths(1);
-    EXPECT_EQ(setFields(acrossMonths, {"Filename=/tmp/a", enc1, "StartTime=01/31/2027 23:00:00",
-                                       "EndTime=02/01/2027 01:00:00"}),
-              10010);
-    EXPECT_THAT(
-        log.text(),
-        HasSubstr("[JobMgmt:Warning] EndTime: 02/01/2027 01:00:00 is not before the StartTime 01/31/2027 "
-                  "23:00:00, but times are compared as those of the following month, which has not as many "
-                  "days. A capture of the same length on another day is taken.\r\n"));
-    EXPECT_THAT(log.text(), Not(HasSubstr("has no length")));
-}
-
-// The month after the one that is written changes its clocks between the two.
-TEST_F(CaptureRulesTest, AnEndBehindAClockChangeIsRefusedAndToldAsSuch) {
-    const TimeZone newYork("EST5EDT,M3.2.0,M11.1.0");
-    CaptureScheduledJob job(1);
-    EXPECT_EQ(setFields(job, {"Filename=/tmp/a", enc1, "StartTime=02/14/2026 02:30:00",
-                              "EndTime=02/14/2026 03:10:00"}),
-              10010);
-    EXPECT_THAT(log.text(),
-                HasSubstr("[JobMgmt:Warning] EndTime: 02/14/2026 03:10:00 is not before the StartTime "
-                          "02/14/2026 02:30:00, but times are compared as those of the following month, in "
-                          "which the clock is changed then. A capture of the same length on another day is "
-                          "taken.\r\n"));
-}
-
-TEST_F(CaptureRulesTest, ACaptureWithoutLengthIsTakenAndTold) {
-    for (const char* end : {"11/20/2026 10:00:00", "11/20/2026 10:00:01"}) {
-        CaptureScheduledJob job(1);
-        EXPECT_EQ(setFields(job, {"Filename=/tmp/a", enc1, "StartTime=11/20/2026 10:00:00",
-                                  (std::string("EndTime=") + end).c_str()}),
-                  0);
-    }
-    EXPECT_THAT(log.text(),
-                HasSubstr("[JobMgmt:Warning] EndTime: 11/20/2026 10:00:00 is not after the StartTime "
-                          "11/20/2026 10:00:00: the capture has no length.\r\n"));
-    EXPECT_THAT(log.text(), Not(HasSubstr("EndTime: 11/20/2026 10:00:01")));
-}
-
-TEST_F(CaptureRulesTest, AMarkBeyondADayIsTakenAndTold) {
-    CaptureVTRJob job(1);
-    EXPECT_EQ(setFields(job, {"Filename=/tmp/a", enc1, "MarkInTime=23:59:59;29", "MarkOutTime=25:00:00:00"}),
-              0);
-    EXPECT_STREQ(job.markOut, "25:00:00:00");
-    const auto told = [](const std::string& field) {
-        return HasSubstr("[JobMgmt:Warning] " + field +
-                         " is not a timecode of one day, 23:59:59:59 at most.\r\n");
-    };
-    EXPECT_THAT(log.text(), told("MarkOutTime: \"25:00:00:00\""));
-    EXPECT_THAT(log.text(), Not(HasSubstr("MarkInTime")));
-    for (const char* mark : {"24:00:00:00", "10:60:00:00", "10:00:60:00", "10:00:00:60"}) {
-        setFields(job, {(std::string("MarkInTime=") + mark).c_str()});
-        EXPECT_THAT(log.text(), told("MarkInTime: \"" + std::string(mark) + '"'));
-    }
-    setFields(job, {"MarkInTime=100:00:00:00"});
-    EXPECT_THAT(log.text(), HasSubstr("MarkInTime: \"100:00:00:00\" is not a timecode hh:mm:ss:ff.\r\n"));
-}
-
-TEST_F(CaptureRulesTest, AFieldOfAnUnknownNameIsIgnoredWithAWarning) {
-    CaptureManualJob job(1);
-    EXPECT_EQ(setFields(job, {"Filename=/tmp/a", enc1, "FileName=/tmp/b", "NumEncoders=1"}), 0);
-    EXPECT_STREQ(job.outputFile, "/tmp/a");
-    EXPECT_THAT(log.text(),
-                HasSubstr("[JobMgmt:Warning] FileName=/tmp/b: no field of this name is known, it is "
-                          "ignored.\r\n"));
-    EXPECT_THAT(log.text(), Not(HasSubstr("NumEncoders"))) << "known, though of no use here";
-}
-
 TEST_F(CaptureRulesTest, ManualNeedsAnOutputFileThenAnEncoder) {
     CaptureManualJob job(1);
     EXPECT_EQ(setFields(job, {enc1}), 10012);
@@ -499,7 +184,7 @@ TEST_F(CaptureRulesTest, ScheduledDaysThatTheNextMonthLacksCountBeyondIt) {
               10010);
 }
 
-TEST_F(CaptureRulesTest, VtrMarks) {
+TEST_F(CaptureRulesTest, TapeMarksMustBeGivenAndInOrder) {
     struct Row {
         const char* in;
         const char* out;

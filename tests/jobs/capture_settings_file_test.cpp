@@ -1,14 +1,15 @@
 // The settings file, read back the way the capture worker reads it, and as text.
 #include "capture_profile/CSettings.h"
 #include "capture_requests.h"
+#include "foundation/CapturedLog.h"
+#include "foundation/ScratchDir.h"
+#include "foundation/TimeZone.h"
 #include "mpeg/ts_maker.h"
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
-#include <ctime>
+#include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -37,12 +38,9 @@ protected:
         return settings;
     }
 
-    static std::string text() {
-        std::ifstream in(path);
-        return {std::istreambuf_iterator<char>(in), {}};
-    }
+    static std::string text() { return contentOf(path); }
 
-    JobLog log;
+    CapturedLog log;
 };
 
 } // namespace
@@ -167,7 +165,7 @@ TEST_F(CaptureSettingsFileTest, OptionsOfAnEarlierRequestAreTold) {
               told + "DecoderIntfIp 10.0.0.7 of an earlier request for decoder 10.9.9.9 is used.\r\n");
 }
 
-TEST_F(CaptureSettingsFileTest, Vtr) {
+TEST_F(CaptureSettingsFileTest, ATapeJobTellsItsMarksItsDeckAndItsCue) {
     CaptureVTRJob job(jobId);
     EXPECT_EQ(
         setFields(job, {out, enc1, "MarkInTime=01:00:00:00", "MarkOutTime=02:00:00:00", "VTR_Com_Port=COM3"}),
@@ -194,13 +192,13 @@ TEST_F(CaptureSettingsFileTest, ASilentRequestTakesTheDecksOwnInternalCue) {
     EXPECT_THAT(text(), HasSubstr("USE_INTERNAL_CUE=\"FALSE\""));
 }
 
-TEST_F(CaptureSettingsFileTest, VtrWithoutAPort) {
+TEST_F(CaptureSettingsFileTest, ATapeJobWithoutAPortTellsItsTypeAllTheSame) {
     CaptureVTRJob job(jobId);
     EXPECT_EQ(setFields(job, {out, enc1, "MarkInTime=01:00:00:00", "MarkOutTime=02:00:00:00"}), 0);
     EXPECT_EQ(written(job).cmd.jobType, CSettings::JOB_VTR);
 }
 
-TEST_F(CaptureSettingsFileTest, Timed) {
+TEST_F(CaptureSettingsFileTest, ATimedJobTellsItsDuration) {
     CaptureTimedJob job(jobId);
     EXPECT_EQ(setFields(job, {out, enc1, "Duration=00:30:00:12"}), 0);
     EXPECT_STREQ(written(job).cmd.duration, "00:30:00:12");
@@ -209,10 +207,7 @@ TEST_F(CaptureSettingsFileTest, Timed) {
 
 TEST_F(CaptureSettingsFileTest, ScheduledIsTimedWithTheRealTimeFromStartToEnd) {
     // A zone with daylight saving, so that the days on which the clocks change are seen.
-    const char* const former = std::getenv("TZ");
-    const std::string kept = former ? former : "";
-    setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
-    tzset();
+    const kestrel::test::TimeZone zone(kestrel::test::SUMMER_TIME_ZONE);
     struct Row {
         const char* start;
         const char* end;
@@ -242,14 +237,9 @@ TEST_F(CaptureSettingsFileTest, ScheduledIsTimedWithTheRealTimeFromStartToEnd) {
     direct.startTime = CTimeUtil(126, 10, 30, 23, 0, 0);
     direct.endTime = CTimeUtil(126, 11, 1, 1, 0, 0);
     EXPECT_STREQ(written(direct).cmd.duration, "02:00:00:00") << "times set without a request";
-    if (former)
-        setenv("TZ", kept.c_str(), 1);
-    else
-        unsetenv("TZ");
-    tzset();
 }
 
-TEST_F(CaptureSettingsFileTest, Rolling) {
+TEST_F(CaptureSettingsFileTest, ARollingJobTellsItsSegmentsAndWhenItStarts) {
     CaptureRollingJob job(jobId);
     EXPECT_EQ(setFields(job, {out, enc1, "Duration=15"}), 0);
     CSettings s = written(job);
@@ -260,7 +250,7 @@ TEST_F(CaptureSettingsFileTest, Rolling) {
     EXPECT_FALSE(written(job).cmd.rollingStartNow);
 }
 
-TEST_F(CaptureSettingsFileTest, ReencodeAndMezzanine) {
+TEST_F(CaptureSettingsFileTest, JobsThatPlayASourceTellItAndTheirDecoder) {
     // A mezzanine's marks are checked against the source.
     const ScratchDir directory;
     TsMaker stream;
@@ -310,13 +300,40 @@ TEST_F(CaptureSettingsFileTest, TheDecodersStreamNumberIsInTheRecordButNotInTheF
     EXPECT_THAT(text(), Not(HasSubstr("4711")));
 }
 
-TEST_F(CaptureSettingsFileTest, Normalize) {
+TEST_F(CaptureSettingsFileTest, ANormalisationTellsItsSourceAndNoEncoder) {
     MpegNormalizeJob job(jobId);
     EXPECT_EQ(setFields(job, {out, "SrcFilename=/media/in.mpg"}), 0);
     const CSettings s = written(job);
     EXPECT_EQ(s.numEncoders, 0);
     EXPECT_STREQ(s.cmd.sourceFile, "/media/in.mpg");
     EXPECT_THAT(text(), HasSubstr("JOB_TYPE=\"MPEG_NORMALIZE\""));
+}
+
+TEST_F(CaptureSettingsFileTest, RelativeNamesAreTakenAsTheyAreAndToldWithTheirWholePaths) {
+    const std::filesystem::path here = std::filesystem::current_path();
+    const std::string told = "[JobMgmt:Info] Job 903001: ";
+    const auto relative = [&](const std::string& field, const std::string& name, const std::string& base) {
+        return told + field + " \"" + name + "\" is relative and is taken against " + base + ": " + base +
+               "/" + name + "\r\n";
+    };
+    MpegNormalizeJob job(jobId);
+    EXPECT_EQ(setFields(job, {"Filename=day/out.ts", "SrcFilename=../in.ts"}), 0);
+    EXPECT_EQ(log.text(), "");
+    const CSettings s = written(job);
+    EXPECT_STREQ(s.cmd.outputFile, "day/out.ts");
+    EXPECT_STREQ(s.cmd.sourceFile, "../in.ts");
+    EXPECT_EQ(log.text(),
+              relative("Filename", "day/out.ts", here) + relative("SrcFilename", "../in.ts", here));
+
+    // An encoder's own directory comes first, be it a whole path or not.
+    for (const char* directory : {"/media/main", "main"}) {
+        const std::size_t before = log.text().size();
+        CaptureManualJob recorded(jobId);
+        EXPECT_EQ(setFields(recorded, {"Filename=out.ts", enc1}), 0);
+        recorded.encoders[0]->mainCaptureDirectory = directory;
+        written(recorded);
+        EXPECT_EQ(log.text().substr(before), relative("Filename", "out.ts", here / directory));
+    }
 }
 
 TEST_F(CaptureSettingsFileTest, ReplacesAnEarlierFile) {

@@ -38,7 +38,7 @@ TEST_F(JobLauncherTest, ThreadDataCopiesTheCommandLine) {
 }
 
 // How a worker ends, and what becomes of its job in each state.
-TEST_F(JobLauncherTest, FinalStates) {
+TEST_F(JobLauncherTest, HowTheWorkerEndsDecidesTheState) {
     struct Row {
         const char* script;
         Job::JobState before;

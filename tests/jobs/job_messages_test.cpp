@@ -5,6 +5,9 @@
 #include "jobs/WorkerMessages.h"
 
 #include <cstring>
+#include <filesystem>
+#include <initializer_list>
+#include <string>
 
 using ::testing::HasSubstr;
 using ::testing::Not;
@@ -99,16 +102,46 @@ TEST_F(JobMessagesTest, AnInvalidDurationIsExplainedInTheLog) {
                 HasSubstr("[JobLauncher:Warning] Job 902010 g-10: Duration: \"00:00:10:27\" has no such "
                           "frame: the stream has 25 frames a second, so the last part goes from 00 to "
                           "24.\r\n"));
-    take(job, RESULTS_MSG,
-         "Encoder 1: Error: Invalid Duration 00:00:01:30 for rate_code 4 and drop frame 1.");
-    EXPECT_THAT(log.text(),
-                HasSubstr("\"00:00:01:30\" has no such frame: the stream has 29.97 frames a second, so the "
-                          "last part goes from 00 to 29.\r\n"));
     take(job, RESULTS_MSG, "Error: Invalid Duration 10 for rate_code 0 and drop frame 0.");
     EXPECT_THAT(log.text(),
                 HasSubstr("Duration: \"10\" is not of the form hh:mm:ss:ff, two digits each (of the hours "
                           "two or three), with minutes, seconds and frames up to 59; no stream was "
                           "looked at.\r\n"));
+}
+
+TEST_F(JobMessagesTest, AnInvalidDurationIsExplainedWithTheEncoderWhoseStreamItIs) {
+    const std::string refusal = "Error: Invalid Duration 00:00:01:30 for rate_code 4 and drop frame 1.";
+    const auto told = [&](const std::string& results, std::initializer_list<const char*> encoders) {
+        CaptureTimedJob job(902015);
+        setFields(job, encoders);
+        const std::size_t before = log.text().size();
+        take(job, RESULTS_MSG, results);
+        return log.text().substr(before);
+    };
+    const auto explained = [](const std::string& stream) {
+        return HasSubstr("\"00:00:01:30\" has no such frame: " + stream +
+                         " has 29.97 frames a second, so the last part goes from 00 to 29.\r\n");
+    };
+    EXPECT_THAT(told(refusal, {"EncoderIp=10.1.2.3"}), explained("the stream of encoder 10.1.2.3"));
+    EXPECT_THAT(told("Encoder 2: " + refusal, {"EncoderIp1=10.1.2.3", "EncoderIp2=10.1.2.4"}),
+                explained("the stream of encoder 10.1.2.4"));
+    EXPECT_THAT(told("Encoder 1: " + refusal, {"EncoderIp1=10.1.2.3", "EncoderIp2=10.1.2.4"}),
+                explained("the stream of encoder 10.1.2.3"));
+    // What names none of them is not guessed at.
+    EXPECT_THAT(told(refusal, {"EncoderIp1=10.1.2.3", "EncoderIp2=10.1.2.4"}), explained("the stream"));
+    for (const char* name : {"Encoder 0: ", "Encoder 3: ", "Encoder -1: ", "Encoder 99999999999999999999: "})
+        EXPECT_THAT(told(name + refusal, {"EncoderIp1=10.1.2.3", "EncoderIp2=10.1.2.4"}),
+                    explained("the stream"))
+            << name;
+}
+
+TEST_F(JobMessagesTest, ARelativeFilenameIsExplainedWithItsWholePath) {
+    CaptureManualJob job(902016);
+    job.SetOutputFile("no-such-directory/");
+    take(job, RESULTS_MSG, "Error: Invalid filename. (no-such-directory/)");
+    EXPECT_THAT(log.text(), HasSubstr("Filename: \"no-such-directory/\" (" +
+                                      (std::filesystem::current_path() / "no-such-directory/").string() +
+                                      ") ends in a slash: the name of the file is missing.\r\n"));
 }
 
 TEST_F(JobMessagesTest, AnInvalidFilenameIsExplainedInTheLog) {

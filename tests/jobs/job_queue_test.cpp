@@ -3,6 +3,7 @@
 
 #include "foundation/PosixWrappers.h"
 #include "foundation/QueueMessages.h"
+#include "verifier/VerifierJob.h"
 
 #include <cstring>
 #include <fcntl.h>
@@ -225,6 +226,40 @@ TEST_F(JobQueueTest, CancellingAJobInProgressSendsTheWorkerMessageFive) {
     int type = 0;
     std::memcpy(&type, buffer, 4);
     EXPECT_EQ(type, 5);
+}
+
+TEST_F(JobQueueTest, ACancelAfterOneThatReachedTheWorkerDoesNotSayThatItWasNotTold) {
+    CaptureManualJob job(ownId());
+    job.setGuid("cafe");
+    const WorkerSide worker(job);
+    job.setWorkerPid(4711);
+    EXPECT_EQ(queue.CancelJob(&job, Job::CANCELLED), 0);
+    EXPECT_EQ(log.str(), "");
+    EXPECT_EQ(queue.CancelJob(&job, Job::CANCELLED), 0);
+    EXPECT_THAT(log.str(),
+                HasSubstr("[ResourceMgmt:Info] Job " + std::to_string(job.id) +
+                          " cafe was CANCELLED: its worker has been told of an abort before, process "
+                          "4711 has not ended yet.\r\n"));
+    EXPECT_THAT(log.str(), testing::Not(HasSubstr("is not told")));
+}
+
+TEST_F(JobQueueTest, TheVerificationOfAReportIsTheOneThatMayStillWriteIt) {
+    const VerifierJob verification("/in/a.ts", "/r/", "cafe", "ALL", 20, false, false, "", 0, "");
+    const char* const report = verification.reportFilename;
+    EXPECT_EQ(queue.getVerification(report), nullptr);
+    add("cafe");
+    VerifierJob* const first = queue.AddVerifierJob(verification);
+    EXPECT_EQ(queue.getVerification(report), first);
+    EXPECT_EQ(queue.getVerification("/r/other"), nullptr);
+    VerifierJob* const second = queue.AddVerifierJob(verification);
+    EXPECT_EQ(queue.getVerification(report), first);
+    first->setState(Job::COMPLETE);
+    EXPECT_EQ(queue.getVerification(report), second);
+    second->setState(Job::ERROR);
+    EXPECT_EQ(queue.getVerification(report), second) << "the latest, where none is under way";
+    first->setState(Job::CANCELLED);
+    first->setWorkerPid(4711);
+    EXPECT_EQ(queue.getVerification(report), first) << "its worker runs on";
 }
 
 TEST_F(JobQueueTest, ACancelWithoutAQueueSaysSoAndKeepsTheState) {

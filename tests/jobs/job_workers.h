@@ -2,32 +2,21 @@
 #pragma once
 
 #include "capture_requests.h"
+#include "foundation/CapturedLog.h"
+#include "foundation/Eventually.h"
+#include "foundation/ScratchDir.h"
 #include "jobs/JobLauncher.h"
 
 #include <chrono>
-#include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <mqueue.h>
-#include <stdexcept>
 #include <string>
-#include <thread>
 #include <unistd.h>
 
 using namespace std::chrono_literals;
-
-// Waits for something that another thread or process does. Most of these have no event of their own.
-inline bool eventually(const std::function<bool()>& holds, std::chrono::milliseconds limit = 20s) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!holds()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(1ms);
-    }
-    return true;
-}
+using kestrel::test::eventually;
 
 inline bool queueExists(const char* name) {
     const mqd_t queue = mq_open(name, O_RDONLY | O_CLOEXEC);
@@ -54,20 +43,12 @@ inline char processState(pid_t pid) {
 
 class JobLauncherTest : public ::testing::Test {
 protected:
-    JobLauncherTest() {
-        std::string name = (std::filesystem::temp_directory_path() / "kestrel-jobs-XXXXXX").string();
-        if (::mkdtemp(name.data()) == nullptr)
-            throw std::runtime_error("mkdtemp failed");
-        m_directory = name;
-    }
     ~JobLauncherTest() override {
         JobLauncher::StopWatching();
-        std::error_code ignored;
-        std::filesystem::remove_all(m_directory, ignored);
         ResourceMgr::Cleanup();
     }
 
-    [[nodiscard]] std::string file(const std::string& name) const { return m_directory + "/" + name; }
+    [[nodiscard]] std::string file(const std::string& name) const { return m_directory.path(name); }
 
     // The test worker's command line for a job, with what it is to do.
     static std::string line(const Job& job, const std::string& script) {
@@ -89,8 +70,8 @@ protected:
         return eventually([] { return JobLauncher::WatchingCount() == 0; });
     }
 
-    JobLog log;
+    CapturedLog log;
 
 private:
-    std::string m_directory;
+    ScratchDir m_directory;
 };

@@ -1,5 +1,6 @@
 // Views of bytes at their edges: negative positions, views of views, and the self-test shown failing.
 #include "byte_views.h"
+#include "foundation/CapturedLog.h"
 #include "foundation/ScratchDir.h"
 #include "mpeg/byte_sequence_check.h"
 #include "mpeg/unibuffer.h"

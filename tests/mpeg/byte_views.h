@@ -1,14 +1,12 @@
 // Bytes to look at through the library's views.
 #pragma once
 
+#include "foundation/Bytes.h"
 #include "mpeg/mpeg.h"
 
 #include <numeric>
-#include <vector>
 
 namespace mpeg_test {
-
-using Bytes = std::vector<unsigned char>;
 
 // first, first + 1, ...
 inline Bytes counting(int count, int first = 0) {

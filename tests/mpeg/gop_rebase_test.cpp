@@ -1,4 +1,5 @@
 // GOP time codes rewritten in a transport stream.
+#include "foundation/Logger.h"
 #include "mpeg/gop_rebase.h"
 
 #include "mpeg/MpegWrapper.h"
@@ -8,6 +9,7 @@
 #include <cstring>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sstream>
 
 using testing::ElementsAre;
 
@@ -237,10 +239,7 @@ protected:
                 maker.packet(0x300, false, filler(184));
         }
     }
-    Bytes output() const {
-        std::ifstream in(directory.path("out.ts"), std::ios::binary);
-        return {std::istreambuf_iterator<char>(in), {}};
-    }
+    Bytes output() const { return bytesOfFile(directory.path("out.ts")); }
     int rebase(const std::string& in) const {
         return gop_rebase::rebaseFile(in.c_str(), directory.path("out.ts").c_str(), 0);
     }
@@ -347,7 +346,7 @@ TEST_F(RebaseFile, AVideoPidThatFallsSilentDoesNotTakeAllMemory) {
     const std::size_t count = unibuffer::max_intervening / 16 + 100;
     for (std::size_t i = 0; i < count; ++i)
         bytes.insert(bytes.end(), other.bytes.begin(), other.bytes.end());
-    EXPECT_EQ(rebase(directory.file("in.ts", std::string(bytes.begin(), bytes.end()))), 0);
+    EXPECT_EQ(rebase(directory.file("in.ts", asText(bytes))), 0);
     EXPECT_EQ(output().size(), bytes.size() / 65536 * 65536);
 }
 

@@ -1,4 +1,5 @@
 // Parameter sets found in the packets of a transport stream.
+#include "foundation/Logger.h"
 #include "mpeg/grab_h264_header.h"
 
 #include "ts_maker.h"
@@ -6,6 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <random>
+#include <sstream>
 
 namespace {
 
@@ -249,8 +251,7 @@ TEST_F(SequenceParams, TheSearchEndsWithItsLastPacket) {
         second.skipCounter(VIDEO);
         second.pes(VIDEO, pesHeader(2), sps(6));
         bytes.insert(bytes.end(), second.bytes.begin(), second.bytes.end());
-        return params(directory.file("long.ts", std::string(bytes.begin(), bytes.end())))
-            .log2_max_frame_num_minus4;
+        return params(directory.file("long.ts", asText(bytes))).log2_max_frame_num_minus4;
     };
     EXPECT_EQ(withSecondSetAt(LIMIT - 1), 6);
     EXPECT_EQ(withSecondSetAt(LIMIT), -1);

@@ -1,14 +1,12 @@
 // PES headers and their timestamps (ISO/IEC 13818-1, 2.4.3.6).
+#include "foundation/Bytes.h"
 #include "mpeg/mpeg2.h"
 
 #include <algorithm>
 #include <array>
 #include <gtest/gtest.h>
-#include <vector>
 
 namespace {
-
-using Bytes = std::vector<unsigned char>;
 
 // A header with those PTS_DTS_flags and all timestamp bytes at "prefix, zero, markers".
 Bytes header(int flags) {

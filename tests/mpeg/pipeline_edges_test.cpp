@@ -25,14 +25,10 @@ Bytes packet(int pid, bool start = false, unsigned char fill = 0x55) {
     return one;
 }
 
-std::string text(const Bytes& bytes) {
-    return {bytes.begin(), bytes.end()};
-}
-
 // --- source
 
 TEST(TsFileEdges, ThePacketPutBackAfterTheEndIsTheEnd) {
-    std::istringstream in(text(packet(1)));
+    std::istringstream in(asText(packet(1)));
     ts_file source(in);
     EXPECT_EQ(source.get_ts()[2], 1);
     EXPECT_EQ(source.get_ts(), nullptr);
@@ -42,7 +38,7 @@ TEST(TsFileEdges, ThePacketPutBackAfterTheEndIsTheEnd) {
 }
 
 TEST(TsFileEdges, TheLastPacketPutBackComesOnceMoreBeforeTheEnd) {
-    std::istringstream in(text(packet(1) + packet(2)));
+    std::istringstream in(asText(packet(1) + packet(2)));
     ts_file source(in);
     source.get_ts();
     const unsigned char* const last = source.get_ts();
@@ -52,7 +48,7 @@ TEST(TsFileEdges, TheLastPacketPutBackComesOnceMoreBeforeTheEnd) {
 }
 
 TEST(TsFileEdges, PuttingBackTwiceCountsOnce) {
-    std::istringstream in(text(packet(1) + packet(2)));
+    std::istringstream in(asText(packet(1) + packet(2)));
     ts_file source(in);
     source.get_ts();
     source.unget_ts();
@@ -62,7 +58,7 @@ TEST(TsFileEdges, PuttingBackTwiceCountsOnce) {
 }
 
 TEST(TsFileEdges, NothingHasBeenReturnedBeforeTheFirstPacket) {
-    std::istringstream in(text(packet(1)));
+    std::istringstream in(asText(packet(1)));
     ts_file source(in);
     source.unget_ts();
     EXPECT_EQ(source.get_ts(), nullptr);
@@ -75,7 +71,7 @@ TEST(TsFileEdges, NothingHasBeenReturnedBeforeTheFirstPacket) {
 TEST(TsFileEdges, AStreamIsReadFromWhereItStandsWhateverItsBytes) {
     Bytes bad = packet(2);
     bad[0] = 0x00; // sync bytes are for others to check
-    std::istringstream in("head" + text(packet(1) + bad));
+    std::istringstream in("head" + asText(packet(1) + bad));
     in.seekg(4);
     ts_file source(in);
     EXPECT_EQ(source.get_ts()[2], 1);
@@ -109,7 +105,7 @@ TEST(FilePacketSinkEdges, EveryWriteIsABlock) {
             ASSERT_EQ(out.str().size(), expected.size() / 65'536 * 65'536) << i;
         }
     }
-    EXPECT_EQ(out.str(), text(expected)) << "nothing lost, doubled or moved from block to block";
+    EXPECT_EQ(out.str(), asText(expected)) << "nothing lost, doubled or moved from block to block";
 }
 
 TEST(FilePacketSinkEdges, AFullDiskIsTakenInSilence) {
@@ -155,7 +151,7 @@ TEST(FilePacketSinkEdges, AnOwnedStreamOnAFullDiskIsDeletedInItsFailureState) {
         sink.process(each.data(), 0);
     }
     EXPECT_EQ(last, std::ios_base::goodbit);
-    EXPECT_EQ(contentOf(directory.path("out.ts")), text(each));
+    EXPECT_EQ(contentOf(directory.path("out.ts")), asText(each));
 }
 
 TEST(FilePacketSinkEdges, AnOwnedStreamThatIsClosedAlreadyFailsAtItsClose) {
@@ -382,7 +378,7 @@ TEST(BasicPidsEdges, WithoutAProgramTheAssociationTableIsTakenForItsOwnMap) {
     int pcr = 7;
     int pmt = 7;
     int video = 7;
-    EXPECT_EQ(CaptureEngUtils::GetStreamBasicPidInfo(directory.file("in.ts", text(pat)).c_str(), pcr, pmt,
+    EXPECT_EQ(CaptureEngUtils::GetStreamBasicPidInfo(directory.file("in.ts", asText(pat)).c_str(), pcr, pmt,
                                                      video, 500'000),
               -1);
     EXPECT_EQ(pmt, 0);

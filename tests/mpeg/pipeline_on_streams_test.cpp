@@ -1,4 +1,5 @@
 // Continuity and the rebase on real streams, judged by readers that share no code with the library.
+#include "foundation/Bytes.h"
 #include "foundation/ScratchDir.h"
 #include "mpeg/CaptureEngUtils.h"
 #include "mpeg/MpegWrapper.h"
@@ -51,8 +52,8 @@ TEST_P(PacketsOfEveryStream, KeepsEveryOtherBitWhenRebased) {
         return;
     const std::string out = directory.path("out.ts");
     ASSERT_EQ(MpegWrapper::rebaseFile(path.c_str(), out.c_str(), 0, mpeg_timecode()), 0);
-    const std::vector<unsigned char> before = readFile(path);
-    const std::vector<unsigned char> after = readFile(out);
+    const std::vector<unsigned char> before = bytesOfFile(path);
+    const std::vector<unsigned char> after = bytesOfFile(out);
     EXPECT_EQ(after.size(), before.size() / 65536 * 65536) << "the last block is lost";
     std::vector<bool> mayChange(before.size() * 8);
     const int pid = Ffprobe(path).pid("v:0");
@@ -82,7 +83,7 @@ INSTANTIATE_TEST_SUITE_P(Fixtures, PacketsOfEveryStream,
                          [](const auto& each) { return std::string(each.param.name); });
 
 TEST(ContinuityOnStreams, ALostPacketIsNamedWithItsPid) {
-    std::vector<unsigned char> bytes = readFile(streamFile("m2_sd_25"));
+    std::vector<unsigned char> bytes = bytesOfFile(streamFile("m2_sd_25"));
     // A packet of the video from the middle.
     std::size_t lost = bytes.size() / 188 / 2;
     while (((bytes[lost * 188 + 1] & 0x1F) << 8 | bytes[lost * 188 + 2]) != 0x100)
@@ -91,7 +92,7 @@ TEST(ContinuityOnStreams, ALostPacketIsNamedWithItsPid) {
     bytes.erase(bytes.begin() + static_cast<long>(lost * 188),
                 bytes.begin() + static_cast<long>((lost + 1) * 188));
     const ScratchDir directory;
-    ts_file file(directory.file("lost.ts", std::string(bytes.begin(), bytes.end())).c_str());
+    ts_file file(directory.file("lost.ts", asText(bytes)).c_str());
     continuity_nazi checker;
     int errors = 0;
     std::string message;
@@ -125,9 +126,9 @@ protected:
         ASSERT_GT(rebased.size(), 100U);
         for (std::size_t i = 0; i < rebased.size(); ++i)
             ASSERT_EQ(rebased[i].text(), wanted[i].text()) << "GOP " << i;
-        std::vector<unsigned char> bytes = readFile(expected);
-        bytes.resize(readFile(out).size());
-        EXPECT_EQ(readFile(out), bytes) << "byte for byte the other encoding";
+        std::vector<unsigned char> bytes = bytesOfFile(expected);
+        bytes.resize(bytesOfFile(out).size());
+        EXPECT_EQ(bytesOfFile(out), bytes) << "byte for byte the other encoding";
     }
 };
 

@@ -1,12 +1,11 @@
 // Packets with a program association or map section (ISO/IEC 13818-1, 2.4.4), made entry by entry.
 #pragma once
 
+#include "foundation/Bytes.h"
 #include "mpeg/mpeg2.h"
 
 #include <utility>
 #include <vector>
-
-using Bytes = std::vector<unsigned char>;
 
 // A packet that carries this section, with its CRC still to come.
 inline Bytes packetOf(int pid, Bytes section, int pointer = 0) {

@@ -1,4 +1,5 @@
 // Rebasing from file to file, held to the same done stage by stage.
+#include "foundation/CapturedLog.h"
 #include "foundation/UniqueFd.h"
 #include "mpeg/MpegWrapper.h"
 #include "mpeg/gop_rebase.h"
@@ -14,12 +15,6 @@ using testing::HasSubstr;
 namespace {
 
 constexpr std::size_t BLOCK = 65'536;
-
-std::string bytesOf(const std::string& path) {
-    std::string bytes(std::filesystem::file_size(path), '\0');
-    std::ifstream(path, std::ios::binary).read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-    return bytes;
-}
 
 class FileAgainstStages : public Queries {
 protected:
@@ -43,18 +38,18 @@ protected:
             if (!checker.packetIsCool(packet, true)) {
                 sink.reset();
                 out.close();
-                return {-3, bytesOf(path)};
+                return {-3, contentOf(path)};
             }
             stage.process(packet, index++);
         }
         stage.flush(index);
         out.close();
         sink.reset();
-        return {0, bytesOf(path)};
+        return {0, contentOf(path)};
     }
     Outcome file(const std::string& in, const kestrel::RebasePlan& plan) const {
         const int result = kestrel::rebase_packets(in.c_str(), outPath().c_str(), VIDEO, plan, false);
-        return {result, bytesOf(outPath())};
+        return {result, contentOf(outPath())};
     }
     void expectTheSame(const kestrel::RebasePlan& plan = {}) const {
         const std::string in = write();
@@ -149,7 +144,7 @@ TEST_F(FileAgainstStages, OnAVideoPidThatFallsSilent) {
         const bool told = waiting > unibuffer::max_intervening;
         EXPECT_EQ(first != std::string::npos, told);
         EXPECT_EQ(told && lines.find(line, first + 1) != std::string::npos, told) << "by both, or by neither";
-        const std::string out = bytesOf(outPath());
+        const std::string out = contentOf(outPath());
         const bool rewritten =
             !std::equal(out.begin(), out.begin() + 188, reinterpret_cast<const char*>(maker.bytes.data()));
         EXPECT_EQ(rewritten, waiting <= unibuffer::max_intervening);
@@ -163,7 +158,8 @@ TEST_F(FileAgainstStages, OnAContinuityErrorWhileAVideoPacketWaits) {
     maker.skipCounter(0x300);
     others(1);
     expectTheSame();
-    EXPECT_EQ(bytesOf(outPath()).size(), 3 * 188U) << "neither the packet that waits nor what it holds back";
+    EXPECT_EQ(contentOf(outPath()).size(), 3 * 188U)
+        << "neither the packet that waits nor what it holds back";
 }
 
 TEST_F(FileAgainstStages, OnAContinuityErrorBeforeAnyVideo) {
@@ -171,7 +167,7 @@ TEST_F(FileAgainstStages, OnAContinuityErrorBeforeAnyVideo) {
     maker.skipCounter(0x300);
     others(3);
     expectTheSame();
-    EXPECT_EQ(bytesOf(outPath()).size(), 3 * 188U);
+    EXPECT_EQ(contentOf(outPath()).size(), 3 * 188U);
 }
 
 TEST_F(FileAgainstStages, ABlockIsWrittenWhenItsLastPacketIsWhole) {
@@ -193,7 +189,7 @@ TEST_F(FileAgainstStages, AHeaderIsNotJoinedAcrossThePesThatFollows) {
     maker.packet(VIDEO, true, Bytes(header.begin() + 6, header.end()) + filler(30));
     others(400);
     expectTheSame();
-    EXPECT_EQ(bytesOf(outPath()), std::string(maker.bytes.begin(), maker.bytes.begin() + BLOCK));
+    EXPECT_EQ(contentOf(outPath()), std::string(maker.bytes.begin(), maker.bytes.begin() + BLOCK));
 }
 
 // --- the two forms that look for the video PID themselves
@@ -253,7 +249,7 @@ protected:
     }
     // Fields of the first GOP header of what came out.
     std::vector<int> firstTimecode() const {
-        const std::string out = bytesOf(outPath());
+        const std::string out = contentOf(outPath());
         const std::size_t at = out.find(std::string("\0\0\1\xB8", 4));
         if (at == std::string::npos)
             return {};
@@ -316,8 +312,7 @@ TEST_F(RebaseHarness, ADeviceWithoutEndIsRefusedAndNothingIsWritten) {
 
 // The search for the video PID would have read the pipe's beginning, and the output would lack it.
 TEST_F(RebaseHarness, APipeIsRefusedThoughItHasPackets) {
-    std::ifstream file(write(), std::ios::binary);
-    const std::string packets{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    const std::string packets = contentOf(write());
     const std::string pipe = outPath() + ".fifo";
     ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
     const kestrel::UniqueFd keeper(open(pipe.c_str(), O_RDWR | O_CLOEXEC));

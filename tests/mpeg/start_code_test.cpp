@@ -1,4 +1,5 @@
 // Searches for start codes, with their limits.
+#include "foundation/Bytes.h"
 #include "mpeg/mpeg2.h"
 
 #include <algorithm>
@@ -7,8 +8,6 @@
 #include <vector>
 
 namespace {
-
-using Bytes = std::vector<unsigned char>;
 
 int inView(Bytes bytes, unsigned int pos) {
     const array_byte_sequence view(bytes.data(), static_cast<int>(bytes.size()));

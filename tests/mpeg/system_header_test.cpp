@@ -1,4 +1,5 @@
 // System headers of program streams (ISO/IEC 13818-1, 2.5.3.5).
+#include "foundation/Bytes.h"
 #include "mpeg/mpeg2.h"
 
 #include <algorithm>
@@ -7,8 +8,6 @@
 #include <vector>
 
 namespace {
-
-using Bytes = std::vector<unsigned char>;
 
 TEST(SystemHeader, IsMadeFieldByField) {
     std::vector<unsigned char> header(24, 0xEE);

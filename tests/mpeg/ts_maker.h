@@ -1,21 +1,14 @@
 // Transport streams made packet by packet, and bit strings made field by field.
 #pragma once
 
+#include "foundation/Bytes.h"
 #include "foundation/ScratchDir.h"
 
-#include <array>
 #include <cstdint>
 #include <map>
 #include <string>
 #include <utility>
 #include <vector>
-
-using Bytes = std::vector<unsigned char>;
-
-inline Bytes operator+(Bytes a, const Bytes& b) {
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
 
 // Bits, most significant first, as in the syntax tables of ITU-T H.264.
 class BitString {
@@ -113,7 +106,7 @@ public:
     }
 
     [[nodiscard]] std::string write(const ScratchDir& directory, const char* name = "in.ts") const {
-        return directory.file(name, std::string(bytes.begin(), bytes.end()));
+        return directory.file(name, asText(bytes));
     }
     [[nodiscard]] std::size_t packets() const { return bytes.size() / 188; }
 

@@ -1,5 +1,6 @@
 // What the continuity checker finds when packets of real streams are lost, sent twice or exchanged: that, at
 // that packet, and nothing else.
+#include "foundation/Bytes.h"
 #include "mpeg/mpeg.h"
 #include "streams/gop_reader.h"
 #include "streams/stream_fixtures.h"
@@ -23,7 +24,7 @@ using Packet = std::array<unsigned char, 188>;
 using Packets = std::vector<Packet>;
 
 Packets packetsOf(const std::string& path) {
-    const std::vector<unsigned char> bytes = readFile(path);
+    const std::vector<unsigned char> bytes = bytesOfFile(path);
     Packets packets(bytes.size() / 188);
     for (std::size_t i = 0; i < packets.size(); ++i)
         std::copy_n(bytes.data() + i * 188, 188, packets[i].data());

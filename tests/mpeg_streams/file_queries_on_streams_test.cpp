@@ -1,4 +1,5 @@
 // File queries on streams that leave out what is asked for, or that hide it.
+#include "foundation/Bytes.h"
 #include "foundation/ScratchDir.h"
 #include "mpeg/CaptureEngUtils.h"
 #include "mpeg/GetDTSBounds.h"
@@ -106,7 +107,7 @@ protected:
     }
 
     std::string whole = streamFile("m2_sd_25");
-    std::vector<unsigned char> bytes = readFile(whole);
+    std::vector<unsigned char> bytes = bytesOfFile(whole);
     std::vector<GopHeader> gops = gopsOf(bytes, 0x100);
     ScratchDir directory;
 };

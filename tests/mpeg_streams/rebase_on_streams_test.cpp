@@ -1,5 +1,6 @@
 // Rebased files, byte by byte: which GOP header carries which time code, and that nothing else is different.
 // The labels are counted here by stepping through a day, not by the arithmetic that is tested.
+#include "foundation/Bytes.h"
 #include "foundation/ScratchDir.h"
 #include "mpeg/MpegWrapper.h"
 #include "mpeg/gop_rebase.h"
@@ -82,7 +83,7 @@ void write(FileBytes& file, const GopHeader& gop, const Label& label) {
 // What the file must come to: every header rewritten, all else as it was, the last bytes that do not fill a
 // block lost.
 FileBytes expectedOf(const std::string& in, int pid, int rateCode, int mode, const Label& offset) {
-    FileBytes file = readFile(in);
+    FileBytes file = bytesOfFile(in);
     static std::map<int, Day> days;
     const Day& day = days.try_emplace(rateCode, rateCode).first->second;
     const std::vector<GopHeader> gops = gopsOf(file, pid);
@@ -108,7 +109,7 @@ protected:
     FileBytes rebased(const std::string& in, int mode, const mpeg_timecode& offset) {
         const std::string out = directory.path("out.ts");
         EXPECT_EQ(MpegWrapper::rebaseFile(in.c_str(), out.c_str(), mode, offset), 0);
-        return readFile(out);
+        return bytesOfFile(out);
     }
     void expectRebased(const std::string& in, int pid, int rateCode, int mode, const Label& offset) {
         const FileBytes out = rebased(in, mode, timecodeOf(offset, rateCode));
@@ -151,7 +152,7 @@ TEST_P(RebaseOfEveryStream, BeginsAtZero) {
     // The form without a mode does the same.
     const std::string out = directory.path("form.ts");
     ASSERT_EQ(gop_rebase::rebaseFile(path.c_str(), out.c_str(), 0), 0);
-    EXPECT_EQ(readFile(out), rebased(path, 0, mpeg_timecode()));
+    EXPECT_EQ(bytesOfFile(out), rebased(path, 0, mpeg_timecode()));
     const GopHeader first = readGops(out, GetParam().videoPid).at(0);
     EXPECT_EQ(first.text(), first.drop ? "00:00:00;00" : "00:00:00:00");
 }
@@ -184,7 +185,7 @@ class RebaseOfH264 : public RebaseTest, public testing::WithParamInterface<Strea
 
 TEST_P(RebaseOfH264, ChangesNothing) {
     const std::string path = streamFile(GetParam().name);
-    FileBytes expected = readFile(path);
+    FileBytes expected = bytesOfFile(path);
     expected.resize(expected.size() / BLOCK * BLOCK);
     for (const int mode : {0, 1, 2})
         EXPECT_EQ(rebased(path, mode, mpeg_timecode(1, 0, 0, 0, false, GetParam().rateCode)), expected);
@@ -252,7 +253,7 @@ TEST_F(RebaseTest, NonDropLabelsOfANonIntegralRateAreCountedAsDropFrame) {
     // The rate alone decides how labels are counted, not the drop-frame flag. From 10:00:30:00 to 10:01:30:00
     // are 1,800 pictures of this stream, but two labels of that minute do not count.
     const std::string path = makeLongStream(LONG_STREAMS[3]);
-    const FileBytes before = readFile(path);
+    const FileBytes before = bytesOfFile(path);
     const FileBytes zero = rebased(path, gop_rebase::rebase_to_zero, mpeg_timecode());
     EXPECT_EQ(changed(before, zero, "10:00:30:00"), "00:00:00:00");
     EXPECT_EQ(changed(before, zero, "10:00:45:00"), "00:00:15:00");
@@ -276,7 +277,7 @@ TEST_F(RebaseTest, DropFrameLabelsKeepTheTimeOfTheirPictures) {
 
 TEST_F(RebaseTest, ALostPacketEndsItWithWhatWasPassedOn) {
     const std::string path = streamFile("m2_sd_25");
-    FileBytes file = readFile(path);
+    FileBytes file = bytesOfFile(path);
     const auto isVideo = [&file](std::size_t packet) {
         return ((file[packet * 188 + 1] & 0x1F) << 8 | file[packet * 188 + 2]) == 0x100;
     };
@@ -290,10 +291,10 @@ TEST_F(RebaseTest, ALostPacketEndsItWithWhatWasPassedOn) {
     std::size_t held = lost - 1;
     while (!isVideo(held))
         --held;
-    const std::string in = directory.file("lost.ts", std::string(file.begin(), file.end()));
+    const std::string in = directory.file("lost.ts", asText(file));
     const std::string out = directory.path("part.ts");
     EXPECT_EQ(MpegWrapper::rebaseFile(in.c_str(), out.c_str(), 0, mpeg_timecode()), -3);
-    EXPECT_EQ(readFile(out),
+    EXPECT_EQ(bytesOfFile(out),
               FileBytes(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(held * 188)));
 }
 

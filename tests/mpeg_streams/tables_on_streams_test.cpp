@@ -1,4 +1,5 @@
 // Map tables and PES headers of real streams, read field by field and judged by ffprobe.
+#include "foundation/Bytes.h"
 #include "mpeg/mpeg2.h"
 #include "mpeg/packet_view.h"
 #include "streams/ffprobe.h"
@@ -19,7 +20,7 @@ namespace {
 class TablesOfEveryStream : public testing::TestWithParam<StreamFixture> {
 protected:
     TablesOfEveryStream()
-        : path(streamFile(GetParam().name)), probe(path), bytes(readFile(path)), pids(listed("id")),
+        : path(streamFile(GetParam().name)), probe(path), bytes(bytesOfFile(path)), pids(listed("id")),
           codecs(listed("codec_name")) {}
 
     // An entry of every stream in the file's order. ffprobe tells each one in its program and then again.
