@@ -123,7 +123,7 @@ TEST(TwoDamagedNeighbours, ThatAreUnlikeSpoilNothing) {
         };
         for (const int at : {1, 50, PICTURES - 2}) {
             SCOPED_TRACE(testing::Message() << first << " and " << second << ", picture " << at);
-            expectHarmless(analysed(stream(damaged(at))), "timestamps");
+            expectHarmless(analysed(stream(damaged(at))), "timestamps", at == 1 ? 2 : 1);
         }
         for (const int at : {1, 20, SOUNDS - 2}) {
             SCOPED_TRACE(testing::Message() << first << " and " << second << ", PES packet " << at);

@@ -1,5 +1,6 @@
 #include "Analysis.h"
 
+#include "StreamTypes.h"
 #include "capture/Failure.h"
 #include "mpeg/packet_view.h"
 
@@ -69,6 +70,9 @@ bool Analysis::take(const unsigned char* packet) {
         break;
     case Role::audio:
         takeElementary(packet, audio(pid), !cool);
+        break;
+    case Role::undecided:
+        decide(packet, pid, !cool);
         break;
     default:
         break;
@@ -155,14 +159,49 @@ void Analysis::adopt(const Program& program, const StreamEntry& video) {
     m_leastDelay.reset();
     m_times = {};
     m_rates = {};
+    m_packetsBefore = m_ratedPackets = onlyTables() ? 0 : m_packets - 1;
     m_videoRates = {};
     m_ratedVideoBytes = 0;
     m_roles[indexOf(m_videoPid)] = Role::video;
-    for (const StreamEntry& stream : program.streams)
-        if (stream.audio && audio(stream.pid) == nullptr && stream.pid != m_videoPid) {
-            m_audios.push_back(Audio{stream.pid, AudioTrack(*stream.audio), {}});
-            m_roles[indexOf(stream.pid)] = Role::audio;
+    addSounds(program);
+}
+
+// Whether the file begins with tables, and not within its streams.
+bool Analysis::onlyTables() const {
+    constexpr std::size_t RESERVED = 0x20; // up to here PIDs are those of tables (table 2-3)
+    for (std::size_t pid = RESERVED; pid < m_previous.size(); ++pid)
+        if (m_previous[pid] != nullptr && m_roles[pid] != Role::table)
+            return false;
+    return m_nullPackets == 0;
+}
+
+void Analysis::addSounds(const Program& program) {
+    auto place = m_audios.begin();
+    for (const StreamEntry& stream : program.streams) {
+        if (stream.pid == m_videoPid)
+            continue;
+        Role& role = m_roles[indexOf(stream.pid)];
+        if (stream.audio && audio(stream.pid) == nullptr) {
+            place = m_audios.insert(place, Audio{stream.pid, AudioTrack(*stream.audio), {}});
+            role = Role::audio;
+        } else if (undecided(stream) && role == Role::none) {
+            role = Role::undecided;
         }
+        if (place != m_audios.end() && place->pid == stream.pid)
+            ++place;
+    }
+}
+
+void Analysis::decide(const unsigned char* packet, int pid, bool lost) {
+    if (!ts::payload_unit_start(packet) || !ts::has_payload(packet))
+        return;
+    m_roles[indexOf(pid)] = Role::none;
+    m_tables.decide(m_assetNumber, pid, ts::payload(packet));
+    addSounds(*asset());
+    if (Audio* const sound = audio(pid); sound != nullptr)
+        takeElementary(packet, sound, lost);
+    else
+        m_roles[indexOf(pid)] = Role::none; // it is decided, too
 }
 
 void Analysis::takeClock(const unsigned char* packet, int pid) {

@@ -119,6 +119,10 @@ private:
     void takeTables(const unsigned char* packet);
     void chooseAsset();
     void adopt(const Program& program, const StreamEntry& video);
+    // Of a stream whose first payload tells whether it is sound.
+    void decide(const unsigned char* packet, int pid, bool lost);
+    [[nodiscard]] bool onlyTables() const;
+    void addSounds(const Program& program);
     void takeClock(const unsigned char* packet, int pid);
     // audio is null for the video.
     void takeElementary(const unsigned char* packet, Audio* audio, bool lost);
@@ -173,7 +177,7 @@ private:
     VideoTrack::Position m_positionAtTime{0, 0}; // when the latest time came
     std::uint64_t m_fieldsBeforeTimes = 0;       // of the pictures before the first time
     // What is on each PID, so that a packet's way is one look.
-    enum class Role : unsigned char { none, table, video, audio };
+    enum class Role : unsigned char { none, table, video, audio, undecided };
     std::array<Role, ts::pid_count> m_roles{Role::table};
     ClockCheck m_clock;
     unsigned long long m_lastClockPacket = 0;
@@ -184,6 +188,7 @@ private:
     double m_mostDelay = 0;
     VideoTimes m_times;
     RateProfile m_rates;
+    std::uint64_t m_packetsBefore = 0; // the asset's map, of which no time tells
     std::uint64_t m_ratedPackets = 0;
     RateProfile m_videoRates;
     std::uint64_t m_ratedVideoBytes = 0;

@@ -92,6 +92,9 @@ void Analysis::judgePresence() {
 }
 
 void Analysis::judgeEnds() {
+    // What the frames of files that are joined last is told by one rate, the latest.
+    if (m_video->rateChanged())
+        return;
     struct End {
         int pid;
         unsigned long long packet;

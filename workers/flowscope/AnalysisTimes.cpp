@@ -35,6 +35,7 @@ void Analysis::takeVideoTimes() {
                                   m_video->format().rate(),
                                   static_cast<double>(fields == 0 ? FRAME : fields) / 2,
                                   static_cast<double>(least) / 2,
+                                  m_fieldsBeforeTimes == 0 && m_video->beginsDecodable(),
                                   aheadOfClock(rawDts)};
     const auto end = m_times.settle(rawDts, place, m_limit.asked(), m_findings);
     const VideoTimes::Times times = m_times.continued(rawPts, rawDts, place);

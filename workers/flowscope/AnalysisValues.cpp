@@ -79,7 +79,8 @@ double Analysis::videoBitsPerSecond() const {
 
 double Analysis::muxBitsPerSecond() const {
     const double duration = seconds();
-    return duration <= 0 ? 0 : static_cast<double>(m_packets) * ts::packet_size * 8 / duration;
+    return duration <= 0 ? 0
+                         : static_cast<double>(m_packets - m_packetsBefore) * ts::packet_size * 8 / duration;
 }
 
 bool Analysis::constantBitRate() const {

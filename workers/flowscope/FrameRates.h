@@ -15,6 +15,7 @@ struct FrameRate {
     [[nodiscard]] constexpr double value() const noexcept {
         return static_cast<double>(numerator) / static_cast<double>(denominator);
     }
+    [[nodiscard]] constexpr bool operator==(const FrameRate&) const = default;
     // Whether anything could be shown so: headers can also say centuries a frame.
     [[nodiscard]] constexpr bool plausible() const noexcept {
         return denominator > 0 && numerator >= denominator && numerator / denominator <= 1000;

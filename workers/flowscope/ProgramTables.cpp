@@ -166,6 +166,13 @@ const Program* ProgramTables::find(int number) const noexcept {
     return found == m_programs.end() ? nullptr : &*found;
 }
 
+void ProgramTables::decide(int number, int pid, std::span<const unsigned char> payload) {
+    for (Program& program : m_programs)
+        for (StreamEntry& stream : program.streams)
+            if (program.number == number && stream.pid == pid)
+                decideByPayload(payload, stream);
+}
+
 bool ProgramTables::complete() const noexcept {
     return !m_programs.empty() &&
            std::all_of(m_programs.begin(), m_programs.end(), [](const Program& each) { return each.mapped; });

@@ -50,6 +50,9 @@ public:
     [[nodiscard]] const std::vector<Program>& programs() const noexcept { return m_programs; }
     // Null when there is none of that number.
     [[nodiscard]] const Program* find(int number) const noexcept;
+    // What a unit of the payload on that PID tells of the program's stream, of which the map does not tell
+    // it.
+    void decide(int number, int pid, std::span<const unsigned char> payload);
     // There is an association table, and the maps of all of its programs have come.
     [[nodiscard]] bool complete() const noexcept;
 

@@ -1,6 +1,7 @@
 #include "StreamTypes.h"
 
 #include <algorithm>
+#include <array>
 
 namespace kestrel::flowscope {
 namespace {
@@ -26,7 +27,8 @@ const Kind KINDS[] = {
     {0x24, "HEVC Video (ITU-T H.265)", {}, {}},
     {0x2D, "MPEG-H Audio (ISO/IEC 23008-3)", {}, AudioCodec::unknown},
     {0x81, "AC3 Audio (ATSC A/52)", {}, AudioCodec::ac3},
-    {0x82, "Subtitles (SCTE 27)", {}, {}},
+    {0x82, "Subtitles (SCTE 27)", {}, {}}, // or sound: decideByPayload()
+    {0x8A, "DTS Audio", {}, AudioCodec::unknown},
     {0x86, "Splice information (SCTE 35)", {}, {}},
     {0x87, "E-AC-3 Audio (ATSC A/52)", {}, AudioCodec::eac3},
 };
@@ -94,6 +96,20 @@ StreamEntry describeStream(std::span<const unsigned char> entry) {
         at += 2 + length;
     }
     return stream;
+}
+
+bool undecided(const StreamEntry& stream) {
+    constexpr int SUBTITLES_OR_SOUND = 0x82;
+    return stream.type == SUBTITLES_OR_SOUND && !stream.audio;
+}
+
+void decideByPayload(std::span<const unsigned char> payload, StreamEntry& stream) {
+    constexpr std::array<unsigned char, 3> PES_PREFIX{0, 0, 1};
+    if (!undecided(stream) || payload.size() < PES_PREFIX.size() ||
+        !std::equal(PES_PREFIX.begin(), PES_PREFIX.end(), payload.begin()))
+        return;
+    stream.description = "DTS Audio";
+    stream.audio = AudioCodec::unknown;
 }
 
 } // namespace kestrel::flowscope

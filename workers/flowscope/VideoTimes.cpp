@@ -105,11 +105,14 @@ void VideoTimes::keep(const Times& times, const Place& place, Findings& findings
     m_beganBase = times.newBase;
     if (m_taken == 1 || m_beganBase)
         m_first = {times, place};
+    std::optional<std::int64_t> ordinaryStep;
     if (!m_lastDts.is_absent()) {
         const double frames = m_framesHeld + place.frames;
         const std::int64_t step = times.dts - m_lastDts;
-        judgeStep(times, place, frames, findings);
+        const bool ordinary = judgeStep(times, place, frames, findings) && m_framesHeld <= 0;
         m_framesHeld = 0;
+        if (ordinary && !times.newBase)
+            ordinaryStep = step;
         if (step > 0) {
             if (m_steps.size() < MOST_STEPS || m_steps.contains(step))
                 ++m_steps[step];
@@ -124,10 +127,11 @@ void VideoTimes::keep(const Times& times, const Place& place, Findings& findings
     m_lastRawDts = times.rawDts;
     m_lastPlace = place;
     keepPts(times, place, findings);
+    judgeShowing(times, place, ordinaryStep, findings);
 }
 
 // From the last time to this one, behind so many frames.
-void VideoTimes::judgeStep(const Times& times, const Place& place, double frames, Findings& findings) {
+bool VideoTimes::judgeStep(const Times& times, const Place& place, double frames, Findings& findings) {
     const auto ticks = [](PTS time) { return static_cast<long long>(time.ticks()); };
     const auto where = [&] { return format("packet %llu, PID %d: ", place.packet, place.pid); };
     const std::int64_t step = times.dts - m_lastDts;
@@ -138,7 +142,7 @@ void VideoTimes::judgeStep(const Times& times, const Place& place, double frames
         if (m_lastStep > 0)
             m_stepToTell.clear();
         m_lastShort = !times.back;
-        return;
+        return false;
     }
     const auto length = static_cast<double>(step);
     const double frame = frameUnits(place.frameRate);
@@ -155,6 +159,7 @@ void VideoTimes::judgeStep(const Times& times, const Place& place, double frames
         behindShort && length > atMost(frame, frames) &&
         length + static_cast<double>(m_lastStep) <= atMost(longer, frames + m_framesOfLastStep);
     std::string text;
+    bool ordinary = !madeUp;
     if (frame > 0 && length > atMost(longer, frames) && !madeUp) {
         text = where() + format("a gap of %.1f frames before DTS %lld", length / frame, ticks(times.rawDts));
     } else if (ofHeaders && length < atLeast(shorter)) {
@@ -162,6 +167,7 @@ void VideoTimes::judgeStep(const Times& times, const Place& place, double frames
         text = where() + format("a step of %.2f frames to DTS %lld, where %.1f are sent", length / frame,
                                 ticks(times.rawDts), least);
     }
+    ordinary = ordinary && text.empty();
     if (m_lastStep > 0) {
         // Without a step before it, the one behind it shows whether all are that long.
         const bool usual = length <= atMost(frame, frames) && (!ofHeaders || length >= atLeast(frame));
@@ -173,6 +179,31 @@ void VideoTimes::judgeStep(const Times& times, const Place& place, double frames
     } else if (!text.empty()) {
         m_stepToTell = std::move(text);
     }
+    return ordinary;
+}
+
+void VideoTimes::judgeShowing(const Times& times, const Place& place, std::optional<std::int64_t> step,
+                              Findings& findings) {
+    // Of several pictures only the first has a time; where the others are shown is not told.
+    constexpr double SEVERAL = 1.75;
+    if (!step || place.frames > SEVERAL) {
+        m_showing.interrupt(times.dts);
+    } else if (place.frameRate > 0) {
+        // Where the rate of the headers is wrong, the steps between decoding times are as long.
+        const double frame = frameUnits(place.frameRate);
+        const double each = static_cast<double>(*step) / place.frames;
+        if (m_taken == 2 && place.beginsWhole)
+            m_showing.beginsWhole();
+        m_showing.lasts({std::max({frame, each, m_usualStep}) * place.frames,
+                         std::min({frame, each, m_usualStep}) * place.leastFrames, frame});
+    }
+    if (times.pts < times.dts) {
+        m_showing.tolerate(times.dts); // that has been told
+        return;
+    }
+    m_showing.add(times.dts, {times.pts, times.rawPts, place.packet, place.pid}, findings);
+    if (outside(times.pts - times.dts, place) != 0)
+        m_showing.tolerate(times.dts);
 }
 
 int VideoTimes::outside(std::int64_t offset, const Place& place) const noexcept {

@@ -4,6 +4,7 @@
 #include "Findings.h"
 #include "FrameRates.h"
 #include "Leaps.h"
+#include "ShowingOrder.h"
 #include "mpeg/pts.h"
 
 #include <cstdint>
@@ -39,6 +40,7 @@ public:
         double frames; // that were sent since the last PES packet with a time (2.7.4), as long as they last
         // At least so many, where that depends on the way they are counted.
         double leastFrames = 0;
+        bool beginsWhole = false; // the first picture had a time and is an I picture
         // How far its DTS lies ahead of the latest clock reference; nothing without one.
         std::optional<std::int64_t> ahead = std::nullopt;
     };
@@ -99,7 +101,11 @@ private:
     // Whether the clock has gone as far as the times from the one to the other; nothing without a clock.
     [[nodiscard]] static std::optional<bool> clockAgrees(const Place& from, const Place& to) noexcept;
     void keep(const Times& times, const Place& place, Findings& findings);
-    void judgeStep(const Times& times, const Place& place, double frames, Findings& findings);
+    // Whether it is as long as its frames.
+    bool judgeStep(const Times& times, const Place& place, double frames, Findings& findings);
+    // step: from the last time, where it is as long as its frames.
+    void judgeShowing(const Times& times, const Place& place, std::optional<std::int64_t> step,
+                      Findings& findings);
     void keepPts(const Times& times, const Place& place, Findings& findings);
     // On which side of its DTS a PTS lies too far off; 0: on none.
     [[nodiscard]] int outside(std::int64_t offset, const Place& place) const noexcept;
@@ -107,7 +113,7 @@ private:
     void tellWrongFirst(PTS dts, const Held& second, Findings& findings) const;
     void beginBefore(PTS dts, const Held& second);
     void tellDamaged(const Held& held, const char* around, Findings& findings) const;
-    void tellPts(const Held& held, Findings& findings) const;
+    void tellPts(const Held& held, Findings& findings);
 
     PTS m_firstDts{-1};
     PTS m_lastDts{-1};
@@ -131,6 +137,7 @@ private:
     std::int64_t m_shift = 0;                  // of the time base since the first one
     std::optional<std::int64_t> m_shiftBefore; // time went back, the latest time
     bool m_newTimeBase = false;
+    ShowingOrder m_showing;
     std::uint64_t m_taken = 0;
     std::map<std::int64_t, std::uint64_t> m_steps; // how often each
 };

@@ -101,6 +101,7 @@ void VideoTimes::beginBefore(PTS dts, const Held& second) {
     m_firstDts = m_lastDts = PTS(dts - expected(second.place, m_framesHeld + second.place.frames));
     m_lowestPts = m_highestPts = PTS();
     m_heldPts.clear();
+    m_showing = {};
     // Both of its times may be wrong, or one.
     const std::int64_t own = unwrapped(first.rawPts, m_firstDts) - m_firstDts;
     const std::int64_t both = unwrapped(first.rawPts, first.rawDts) - first.rawDts;
@@ -122,7 +123,8 @@ void VideoTimes::tellDamaged(const Held& held, const char* around, Findings& fin
                               : format("lies %.1f s ahead of the times %s", seconds(step), around)));
 }
 
-void VideoTimes::tellPts(const Held& held, Findings& findings) const {
+void VideoTimes::tellPts(const Held& held, Findings& findings) {
+    m_showing.remove(held.place.packet);
     // Where it lies before its DTS, that has been told.
     if (held.times.pts > held.times.dts)
         findings.add("timestamps",
@@ -185,6 +187,7 @@ std::optional<std::size_t> VideoTimes::end(std::optional<int> seconds, Findings&
         else
             tellPts(held, findings);
     m_heldPts.clear();
+    m_showing.end(findings);
     return end;
 }
 

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <bit>
 #include <numeric>
+#include <utility>
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
@@ -128,7 +129,10 @@ void VideoTrack::endHeader() {
 }
 
 void VideoTrack::countFrame(char type, bool beginsGroup, unsigned fields) {
-    ++m_frames;
+    if (m_frames++ == 0)
+        m_firstType = type;
+    const FrameRate rate = std::exchange(m_rateOfPicture, m_format.frameRate);
+    m_rateChanged = m_rateChanged || (rate.numerator != 0 && rate != m_format.frameRate);
     m_gops.frame(type, beginsGroup);
     m_position.shown += fields;
     m_position.decoded += type == 'B' ? fields : m_heldFields;

@@ -75,6 +75,10 @@ public:
     [[nodiscard]] Position position() const;
     // Of the elementary stream.
     [[nodiscard]] std::uint64_t bytes() const noexcept { return m_bytes; }
+    // Whether the first picture is an I picture.
+    [[nodiscard]] bool beginsDecodable() const noexcept { return m_firstType == 'I'; }
+    // Whether pictures of another rate have come behind those of the first one.
+    [[nodiscard]] bool rateChanged() const noexcept { return m_rateChanged; }
     // Every sequence, group and picture header begins at a multiple of four bytes of the elementary stream.
     [[nodiscard]] bool quadByteAligned() const noexcept { return m_headers > 0 && m_unaligned == 0; }
     // Of the time codes: drop_frame_flag of the latest GOP header (13818-2, 6.3.8), or counting_type of the
@@ -124,6 +128,9 @@ private:
     std::uint64_t m_frames = 0;
     Position m_position{0, 0}; // of the pictures whose headers are whole
     unsigned m_heldFields = 2; // of the latest I or P frame
+    char m_firstType = 0;      // of the first picture
+    FrameRate m_rateOfPicture; // the latest
+    bool m_rateChanged = false;
     std::uint64_t m_bytes = 0;
     std::uint64_t m_headers = 0;
     std::uint64_t m_unaligned = 0;
