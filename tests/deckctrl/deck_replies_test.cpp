@@ -293,6 +293,29 @@ TEST_F(Replies, ACueUpThatIsToldCompleteIsOneOfThisGoTo) {
     EXPECT_FALSE(seeksIn(complete | still)) << "there was none before";
 }
 
+// It stops the tape before it begins, and stands longer than at the end of a cue-up.
+TEST_F(Replies, ATapeThatMovedBeforeTheGoToHasNotYetMovedForIt) {
+    constexpr std::uint8_t still = 0x02, shuttle = 0x20;
+    const auto state = std::make_shared<std::atomic<std::uint8_t>>(shuttle);
+    mostToBegin = 60s;
+    beginWith(Code::statusSense, [state] {
+        return ScriptedAnswer{Block(Code::status, {0x00, 0x00, *state}).bytes()};
+    });
+    EXPECT_EQ(carryOut(goTo("COM7", "10:20:30:13")).errorCode, 0);
+    EXPECT_EQ(isSeeking().seeking, 1) << "it moves as before";
+    *state = still;
+    for (const auto stopped = Clock::now(); Clock::now() - stopped < 150ms;) {
+        const _VTRCmdData answer = isSeeking();
+        ASSERT_EQ(answer.seeking, 1) << textOf(answer);
+    }
+    *state = shuttle;
+    EXPECT_EQ(isSeeking().seeking, 1) << "it has begun";
+    *state = still;
+    _VTRCmdData answer{};
+    EXPECT_TRUE(eventually([&] { return (answer = isSeeking()).seeking == 0; }));
+    EXPECT_EQ(answer.errorCode, 20082) << "it stands beside the target";
+}
+
 TEST_F(Replies, ADeckThatStandsOneFrameBesideItsTargetIsNotThere) {
     for (const char* target : {"10:20:30:11", "10:20:30:13"}) {
         begin([](const Block& asked) { return ScriptedAnswer{wellReply(asked).bytes()}; });

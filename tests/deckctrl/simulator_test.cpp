@@ -1,5 +1,6 @@
 // The simulated deck as a program, and its orders.
 #include "deck_simulator/Orders.h"
+#include "deck_simulator/PseudoTerminal.h"
 #include "deckctrl/deck_bench.h"
 #include "foundation/ProcessTree.h"
 
@@ -7,6 +8,7 @@
 #include <csignal>
 #include <fcntl.h>
 #include <filesystem>
+#include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -121,6 +123,24 @@ TEST(Simulator, PrintsALineForEachChangeOfState) {
     EXPECT_TRUE(program.prints("stop 01:00:00;00"));
     EXPECT_EQ(program.end(), 0);
     EXPECT_FALSE(std::filesystem::is_symlink(link)) << "nothing is left behind";
+}
+
+TEST(Simulator, ReplacesALinkButNoFile) {
+    const ScratchDir directory;
+    const std::string tape = directory.path("tape.ts");
+    const std::string link = directory.path("deck");
+    std::ofstream(tape) << "precious";
+    std::ofstream(link + ".new") << "precious";
+    kestrel::deck_simulator::PseudoTerminal line;
+    EXPECT_EQ(line.open(tape), tape + ": is there and no symbolic link");
+    EXPECT_EQ(line.open(link), link + ".new: is there and no symbolic link");
+    line.close();
+    for (const std::string& file : {tape, link + ".new"})
+        EXPECT_EQ(std::filesystem::file_size(file), 8U) << file;
+    std::filesystem::remove(link + ".new");
+    std::filesystem::create_symlink("/nowhere", link);
+    EXPECT_EQ(line.open(link), "") << "one that was left behind";
+    EXPECT_TRUE(std::filesystem::exists(link));
 }
 
 TEST(Simulator, TakesFaultsFromItsCommandLine) {

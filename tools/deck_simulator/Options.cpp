@@ -183,7 +183,7 @@ std::string usage(const std::string& program) {
            "A tape deck at the end of a pseudo-terminal: 9-pin remote protocol, timecode in real time.\n"
            "Prints a line for each change of state, and takes orders from standard input, one a line.\n"
            "\n"
-           "  --link PATH           symbolic link to the terminal, for a stable name\n"
+           "  --link PATH           symbolic link to the terminal, for a stable name; replaces only a link\n"
            "  --rate RATE           " +
            rateNames() +
            "\n"

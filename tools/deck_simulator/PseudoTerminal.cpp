@@ -6,9 +6,23 @@
 #include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace kestrel::deck_simulator {
+
+namespace {
+
+// Why a link cannot take that name; empty when it can. One that a killed simulator left behind is replaced, a
+// file, which may be a tape, is not.
+std::string notReplaceable(const std::string& name) {
+    struct stat status {};
+    if (::lstat(name.c_str(), &status) != 0)
+        return {};
+    return S_ISLNK(status.st_mode) ? std::string() : name + ": is there and no symbolic link";
+}
+
+} // namespace
 
 std::string PseudoTerminal::open(const std::string& link) {
     close();
@@ -27,6 +41,9 @@ std::string PseudoTerminal::open(const std::string& link) {
         return {};
     // Beside it and renamed, so that the name never leads nowhere.
     const std::string fresh = link + ".new";
+    for (const std::string& path : {link, fresh})
+        if (std::string problem = notReplaceable(path); !problem.empty())
+            return problem;
     ::unlink(fresh.c_str());
     if (::symlink(m_slave.c_str(), fresh.c_str()) != 0 || ::rename(fresh.c_str(), link.c_str()) != 0)
         return link + ": " + kestrel::errnoText(errno);

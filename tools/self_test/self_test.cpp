@@ -55,7 +55,7 @@ void list(std::FILE* to) {
 
 // Some self-tests take a file that is not there for one without packets, and say nothing.
 void warnUnlessReadable(const char* path) {
-    if (!kestrel::UniqueFd(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK)).valid())
+    if (!kestrel::UniqueFd(open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK)).valid())
         std::fprintf(stderr, "%s cannot be read: %s\n", path, std::strerror(errno));
 }
 

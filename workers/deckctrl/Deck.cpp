@@ -160,7 +160,7 @@ Deck::MaybeProblem Deck::goTo(const std::string& target) {
         return *problem;
     LogUtil::Info(module, "%s: Cue up to %s", m_port.c_str(), target.c_str());
     const auto& known = std::get<std::optional<Status>>(before);
-    m_seek = Seek{target, *time, Clock::now(), known && !known->cueUpComplete};
+    m_seek = Seek{target, *time, Clock::now(), known && !known->cueUpComplete, known && known->moving()};
     return std::nullopt;
 }
 
@@ -249,12 +249,15 @@ void Deck::arrived() {
 }
 
 // Decks leave "cue up complete" of the cue-up before standing until the tape moves. Until it was seen to
-// move, or the deck to tell no such thing, it counts only with the time that goes with it.
+// move, or the deck to tell no such thing, it counts only with the time that goes with it. A tape that moves
+// on as it did before, until the deck stops it, does not move for the cue-up yet.
 Deck::MaybeProblem Deck::followSeek(const Status& status, bool& seeking) {
     const Clock::time_point now = Clock::now();
     const bool moving = status.moving() || status.preroll;
-    m_seek->moved = m_seek->moved || moving;
-    m_seek->fresh = m_seek->fresh || moving || !status.cueUpComplete;
+    m_seek->before = m_seek->before && moving;
+    const bool moves = status.preroll || (moving && !m_seek->before);
+    m_seek->moved = m_seek->moved || moves;
+    m_seek->fresh = m_seek->fresh || moves || !status.cueUpComplete;
     if (moving)
         m_seek->standing.reset();
     else if (!m_seek->standing)

@@ -38,8 +38,9 @@ private:
         std::string target; // as the request named it
         TapeTime time;
         Clock::time_point begun;
-        bool fresh; // what the deck tells of "cue up complete" is of this cue-up
-        bool moved = false;
+        bool fresh;         // what the deck tells of "cue up complete" is of this cue-up
+        bool before;        // the tape has moved since before the go-to
+        bool moved = false; // for this cue-up
         std::optional<Clock::time_point> standing = {}; // since then the tape has not moved
     };
 
