@@ -253,6 +253,18 @@ TEST(NormalizedTables, AreNotAddedBehindPacketsOfOtherTables) {
     EXPECT_EQ(normalize(source, true).packets, source);
 }
 
+TEST(NormalizedTables, AreNotAddedForAProgramThatIsNotThere) {
+    const std::vector<Program> programs{{},
+                                        {.number = 2, .pmtPid = 0x1001, .pcrPid = 0x200, .videoPid = 0x200}};
+    Packets source = without(stream({.programs = programs, .step = 5 * millisecond, .tablesAgain = true}),
+                             [](const Packet& packet) { return pid(packet) >= 0x200 && !isTable(packet); });
+    while (!isTable(source.front()))
+        source.erase(source.begin());
+    const Normalized result = normalize(source);
+    EXPECT_EQ(result.counts.tables, 0U);
+    EXPECT_EQ(result.packets, source);
+}
+
 TEST(NormalizedTables, ThatNeverComeAreNotMadeUp) {
     const Packets source = without(stream({.pcrCount = 1000}), isTable);
     ASSERT_GT(source.size() * sizeof(Packet), 8'000'000U);

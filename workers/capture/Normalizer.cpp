@@ -92,7 +92,7 @@ bool Normalizer::begin(bool whole) {
     // The programs should be known before their first packet goes on.
     if (!more(shapeSearchBytes))
         readAhead(whole);
-    if (more(shapeSearchBytes) || (!m_read.complete() && more(mostAhead))) {
+    if (more(shapeSearchBytes) || (!m_read.anyProgram() && more(mostAhead))) {
         m_shape = SourceShape::unknown;
         return false;
     }
@@ -122,7 +122,9 @@ void Normalizer::lookAt(const unsigned char* packet) {
         return;
     const int number = ts::pid(packet);
     if (!m_read.carries(number)) {
-        m_tablesLate = m_tablesLate || (number >= firstProgramPid && number != ts::null_pid);
+        // Of a multiplex that is there in part only, some of the programs that its PAT names never come.
+        if (number >= firstProgramPid && number != ts::null_pid && !m_read.anyProgram())
+            m_tablesLate = true;
         return;
     }
     if (Pid& pid = pidOf(packet); pid.first < 0 && ts::has_payload(packet))

@@ -151,6 +151,10 @@ bool ProgramTables::complete() const noexcept {
     return true;
 }
 
+bool ProgramTables::anyProgram() const noexcept {
+    return !std::all_of(m_sections.begin(), m_sections.end(), carriesPat);
+}
+
 bool ProgramTables::isPcr(int pid) const noexcept {
     return std::find(m_pcrs.begin(), m_pcrs.end(), pid) != m_pcrs.end();
 }

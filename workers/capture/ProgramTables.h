@@ -40,6 +40,8 @@ public:
 
     // The PAT and all PMTs that it names are known.
     [[nodiscard]] bool complete() const noexcept;
+    // A PMT is known.
+    [[nodiscard]] bool anyProgram() const noexcept;
     [[nodiscard]] bool isPcr(int pid) const noexcept;
     // PIDs of MPEG-2 video (stream_type 1 and 2).
     [[nodiscard]] const std::vector<int>& mpeg2Videos() const noexcept { return m_videos; }
