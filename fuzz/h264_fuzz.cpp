@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -18,9 +19,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     grab_h264_header grabber(0x100, 0);
     for (std::size_t at = 0; at + 188 <= bytes.size(); at += 188) {
         // Straight to the parsing: every packet begins a PES packet on the PID.
-        bytes[at + 1] = 0x41;
-        bytes[at + 2] = 0x00;
-        grabber.process(bytes.data() + at, static_cast<long>(at / 188));
+        // It lies in a block of its own, so that a step out of it is seen.
+        const auto packet = std::make_unique<unsigned char[]>(188);
+        std::copy_n(bytes.data() + at, 188, packet.get());
+        packet[1] = 0x41;
+        packet[2] = 0x00;
+        grabber.process(packet.get(), static_cast<long>(at / 188));
     }
     return 0;
 }

@@ -98,15 +98,16 @@ int CaptureReencodeJob::validateMezzanine() {
     std::string reason = unreadable(sourceFile);
     const double framesPerSecond = reason.empty() ? MpegWrapper::GetFrameRateFromFile(sourceFile) : 0.0;
     const int code = validateMarks(framesPerSecond);
+    if (framesPerSecond > 0)
+        return code;
     // Without a rate no marks are good, and the refusal is about them: the log tells, last, that it is the
-    // file.
-    if (framesPerSecond <= 0) {
-        if (reason.empty())
-            reason = "has no video whose frame rate can be read.";
-        LogUtil::Warning("JobMgmt",
-                         "SrcFilename: \"%s\" %s The source is the reason of the refusal, not the marks.",
-                         sourceFile, reason.c_str());
-    }
+    // file. A code that stands for no rate has a negative one, by which marks are judged as at the lowest.
+    if (reason.empty())
+        reason = framesPerSecond < 0 ? "names a frame rate that does not exist."
+                                     : "has no video whose frame rate can be read.";
+    LogUtil::Warning("JobMgmt", "SrcFilename: \"%s\" %s %s", sourceFile, reason.c_str(),
+                     code != 0 ? "The source is the reason of the refusal, not the marks."
+                               : "The marks are judged as at 23.976 frames a second.");
     return code;
 }
 

@@ -141,6 +141,22 @@ TEST_F(CaptureWarningsTest, AMezzaninesSourceThatIsNoRegularFileIsRefusedUnopene
     EXPECT_EQ(static_cast<std::size_t>(unread), video.size());
 }
 
+TEST_F(CaptureWarningsTest, AMezzanineOfASourceWithAnUnusedRateIsTakenAndToldOf) {
+    for (const int rateCode : {0, 9, 15}) {
+        CaptureReencodeJob job(1, Job::CAPTURE_MEZZANINE_JOB);
+        const std::string file = source(("rate" + std::to_string(rateCode)).c_str(), rateCode);
+        const std::string field = "SrcFilename=" + file;
+        EXPECT_EQ(setFields(job, {"Filename=/tmp/out.ts", enc1, field.c_str(), "DecoderIp=10.9.9.9",
+                                  "MarkInTime=01:00:00:00", "MarkOutTime=02:00:00:00"}),
+                  0)
+            << job.results;
+        EXPECT_THAT(log.text(),
+                    testing::EndsWith("[JobMgmt:Warning] SrcFilename: \"" + file +
+                                      "\" names a frame rate that does not exist. The marks are judged as at "
+                                      "23.976 frames a second.\r\n"));
+    }
+}
+
 // A Ctrl-C on a terminal that had become the service's would end the service.
 TEST_F(CaptureWarningsTest, ATerminalAsASourceDoesNotBecomeThatOfTheService) {
     const PseudoTerminal terminal;

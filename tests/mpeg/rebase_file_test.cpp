@@ -1,5 +1,6 @@
 // Rebasing from file to file, held to the same done stage by stage.
 #include "foundation/CapturedLog.h"
+#include "foundation/ControllingTerminal.h"
 #include "foundation/UniqueFd.h"
 #include "mpeg/MpegWrapper.h"
 #include "mpeg/gop_rebase.h"
@@ -308,6 +309,21 @@ TEST_F(RebaseHarness, ADeviceWithoutEndIsRefusedAndNothingIsWritten) {
     EXPECT_EQ(harness({"gop_rebase", "/dev/zero", outPath()}), -1);
     EXPECT_FALSE(std::filesystem::exists(outPath()));
     EXPECT_THAT(log.text(), HasSubstr("Cannot rebase /dev/zero: it is not a regular file"));
+}
+
+TEST_F(RebaseHarness, ATerminalDoesNotBecomeThatOfTheProcess) {
+    // So little that it has room in the terminal, which nobody reads.
+    const std::string in = directory.path("few.ts");
+    std::ofstream(in, std::ios::binary) << contentOf(write()).substr(0, std::size_t{8} * 188);
+    for (const bool output : {false, true}) {
+        const PseudoTerminal terminal;
+        EXPECT_EQ(terminalAfter([&] {
+                      (void)harness({"gop_rebase", output ? in : terminal.name(),
+                                     output ? terminal.name() : outPath()});
+                  }),
+                  0)
+            << output;
+    }
 }
 
 // The search for the video PID would have read the pipe's beginning, and the output would lack it.
