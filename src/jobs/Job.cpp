@@ -187,9 +187,15 @@ void Job::setState(JobState newState) {
 
 Job::JobState Job::finish(JobState newState) {
     MutexLock lock(m_statusMutex);
+    m_workerFailed = newState == ERROR;
     if (jobState != CANCELLED)
         jobState = newState;
     return jobState;
+}
+
+bool Job::workerFailed() const {
+    MutexLock lock(m_statusMutex);
+    return m_workerFailed;
 }
 
 bool Job::changeState(JobState expected, JobState newState) {

@@ -110,6 +110,8 @@ public:
     void setState(JobState newState);
     // The worker's end: sets newState unless the job was cancelled. Returns the state that holds now.
     JobState finish(JobState newState);
+    // Whether finish was told ERROR, which a cancelled job's state does not show. Not copied with the job.
+    [[nodiscard]] bool workerFailed() const;
     // Sets newState only where the state is expected; returns whether it did.
     bool changeState(JobState expected, JobState newState);
     // What the worker, or a failing check, last said; cut at 299 bytes.
@@ -156,4 +158,5 @@ private:
     kestrel::JobListener* m_listener = nullptr;
     std::atomic<int> m_workerPid{0};
     std::atomic<bool> m_workerTold{false};
+    bool m_workerFailed = false; // under m_statusMutex
 };

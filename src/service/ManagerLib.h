@@ -161,7 +161,10 @@ private:
     void warnOfKnownGuid(const char* guid);
     int runVerification(VerifierRequest& request, VerifierJob& job);
     int queueVerification(VerifierRequest& request, VerifierJob& job);
+    int answerAtOnce(VerifierRequest& request, VerifierJob& job);
+    int answerFromOwnReport(VerifierRequest& request, VerifierJob& job);
     int launchVerification(VerifierRequest& request, VerifierJob& job, bool wait);
+    int refuseVerification(VerifierRequest& request, VerifierJob& job, int reason);
     int answerVerification(VerifierRequest& request, VerifierJob& job);
     int verificationResults(VerifierJob& job, std::span<char> out);
     CaptureJob* findCaptureJob(const char* guid);

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <array>
+#include <cstring>
 #include <limits>
 #include <optional>
 #include <span>
@@ -130,6 +131,16 @@ public:
         cStringUtil::setDirPath(directory.data(), given);
         if (!kestrel::copyText(field, directory.data()))
             complain(key, given, "is too long and was cut");
+    }
+
+    // A directory that workers are told of in a command line.
+    void warnOfQuote(const char* key) {
+        const char* const given = text(key);
+        if (given != nullptr && std::strchr(given, '"') != nullptr)
+            complain(
+                key, given,
+                "has a double quote, which a worker's command line cannot carry: captures may fail or log "
+                "elsewhere");
     }
 
     // A directory that is taken as it stands, where names are put behind it as it stands.
@@ -267,6 +278,7 @@ void readSections(ProfileReader& profile, Settings& settings) {
     if (profile.enter("Capture")) {
         profile.copy("EXE", settings.captureExe);
         profile.copyDirectory("LOG_DIR", settings.captureLogDir);
+        profile.warnOfQuote("LOG_DIR");
     }
     if (profile.enter("Verifier")) {
         profile.copy("EXE", settings.verifierExe);

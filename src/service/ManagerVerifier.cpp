@@ -6,18 +6,23 @@
 #include "jobs/RequestValues.h"
 #include "service/ManagerLib.h"
 #include "service/RequestMessages.h"
-#include "verifier/KeptReport.h"
+#include "verifier/OwnReportDirectory.h"
 #include "verifier/VerifierJob.h"
 
+#include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <optional>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
 constexpr const char* MODULE = "Manager";
+// How long a client that asks for results waits for a report that is being replaced.
+constexpr std::chrono::seconds RESULTS_WAIT{2};
 
-// Silent for too long, or the service is ending: nobody knows the answer.
+// Silent for too long, or the service is ending, or the report is being replaced: nobody knows the answer.
 int timeout(std::span<char> text) {
     kestrel::copyText(text, LOG_MSG(kestrel::error::jobTimeout));
     LogUtil::Error(MODULE, "%s", LOG_MSG(kestrel::error::jobTimeout));
@@ -28,7 +33,7 @@ int timeout(std::span<char> text) {
 // file. A list of validation errors may be empty, which would tell the client that the file passed.
 int resultsOf(VerifierJob& job, std::span<char> out) {
     const int result = job.getJobResults(out.data(), static_cast<int>(out.size()));
-    if (result != 0 || job.state() != Job::ERROR)
+    if (result != 0 || !job.hasFailed())
         return result;
     // An answer that is no failure text, such as the path of the report, leaves the reason untold.
     const std::string failure = job.failureText();
@@ -39,9 +44,9 @@ int resultsOf(VerifierJob& job, std::span<char> out) {
 }
 
 // Beside the reports, under a name that no report has and no other request.
-std::string asidePath(const VerifierJob& job) {
+std::string ownReportPrefix(const VerifierJob& job) {
     return std::string(job.reportDir) + ".kestrel-" + std::to_string(getpid()) + "-" +
-           std::to_string(job.id) + ".report";
+           std::to_string(job.id) + "-";
 }
 
 } // namespace
@@ -54,15 +59,15 @@ int CManagerLib::AddVerifierJob(VerifierRequest* request) {
         kestrel::copyText(request->errorText, job.resultsText());
         return result;
     }
-    const kestrel::ReportLocks::Hold report(m_reportLocks, job.reportFilename);
-    if (!report.held())
-        return timeout(request->errorText);
     if (job.property < VerifierJob::SHORT_PROPERTIES || request->blocking)
         return runVerification(*request, job);
     return queueVerification(*request, job);
 }
 
 int CManagerLib::queueVerification(VerifierRequest& request, VerifierJob& job) {
+    const kestrel::ReportLocks::Hold report(m_reportLocks, job.reportFilename);
+    if (!report.held())
+        return timeout(request.errorText);
     job.removeOldReport();
     kestrel::warnUnlessGuid(request.guid);
     warnOfKnownGuid(request.guid);
@@ -74,35 +79,50 @@ int CManagerLib::queueVerification(VerifierRequest& request, VerifierJob& job) {
 // Outside the queue, on the connection's thread, until the worker has ended. A queued verification of the
 // same GUID and file keeps its report, but for a client that asks for the new one.
 int CManagerLib::runVerification(VerifierRequest& request, VerifierJob& job) {
+    std::optional<kestrel::ReportLocks::Hold> report(std::in_place, m_reportLocks, job.reportFilename);
+    if (!report->held())
+        return timeout(request.errorText);
     job.setId(m_jobQueue.incNextId());
     job.setGuid(request.guid);
     const VerifierJob* const queued = m_jobQueue.getVerification(job.reportFilename);
-    const bool queuedRuns = queued != nullptr && queued->mayWriteReport();
-    if (queued != nullptr && (queuedRuns || job.returnReportXml))
+    if (queued != nullptr && !job.returnReportXml) {
+        report.reset(); // nobody needs to wait for a report elsewhere
+        return answerFromOwnReport(request, job);
+    }
+    if (queued != nullptr)
         LogUtil::Warning(
             MODULE,
             "Job %d %s is a verification of this file (%s), and its report is that of this request "
             "too: %s. Give each a GUID of its own.",
             static_cast<int>(queued->id), queued->guidStr, Job::JobStateStr[queued->state()],
             job.reportFilename);
-    std::optional<kestrel::KeptReport> kept;
-    if (queued != nullptr && !job.returnReportXml)
-        kept.emplace(job.reportFilename, asidePath(job));
-    else
-        job.removeOldReport();
-    if (const int result = launchVerification(request, job, true); result != 0)
-        return result;
-    const int result = answerVerification(request, job);
-    if (kept && queuedRuns && !queued->mayWriteReport())
-        kept->leaveNew();
-    return result;
+    job.removeOldReport();
+    return answerAtOnce(request, job);
+}
+
+// Whichever of the two verifiers ends first, neither has the other's report.
+int CManagerLib::answerFromOwnReport(VerifierRequest& request, VerifierJob& job) {
+    const kestrel::OwnReportDirectory directory(ownReportPrefix(job));
+    if (directory.failure() != 0)
+        return refuseVerification(request, job, directory.failure());
+    if (!job.setReportDir(directory.path()))
+        return refuseVerification(request, job, ENAMETOOLONG);
+    return answerAtOnce(request, job);
+}
+
+int CManagerLib::answerAtOnce(VerifierRequest& request, VerifierJob& job) {
+    const int result = launchVerification(request, job, true);
+    return result != 0 ? result : answerVerification(request, job);
 }
 
 int CManagerLib::launchVerification(VerifierRequest& request, VerifierJob& job, bool wait) {
     const char* const commandLine = job.getCmdLine(m_settings.verifierExe);
-    const int reason = job.commandLineErrno();
-    if (reason == 0)
-        return launchJob(job, m_settings.verifierExe, commandLine, wait, request.errorText);
+    if (const int reason = job.commandLineErrno(); reason != 0)
+        return refuseVerification(request, job, reason);
+    return launchJob(job, m_settings.verifierExe, commandLine, wait, request.errorText);
+}
+
+int CManagerLib::refuseVerification(VerifierRequest& request, VerifierJob& job, int reason) {
     kestrel::formatText(request.errorText, "Error: Could not launch process %s: errno %d (%s).",
                         m_settings.verifierExe, reason, std::strerror(reason));
     LogUtil::Error(MODULE, "%s", request.errorText);
@@ -123,9 +143,10 @@ int CManagerLib::answerVerification(VerifierRequest& request, VerifierJob& job) 
     return timeout(request.errorText);
 }
 
-// Of a queued verification.
+// Of a queued verification, whose report only a request for XML ever holds. Nothing tells this thread that
+// its client has given up, and connections are few: it does not wait for all of such a request.
 int CManagerLib::verificationResults(VerifierJob& job, std::span<char> out) {
-    const kestrel::ReportLocks::Hold report(m_reportLocks, job.reportFilename);
+    const kestrel::ReportLocks::Hold report(m_reportLocks, job.reportFilename, RESULTS_WAIT);
     if (!report.held())
         return timeout(out);
     return resultsOf(job, out);

@@ -76,6 +76,10 @@ std::span<char> buffer(char* out, int size) {
     return {out, out != nullptr && size > 0 ? static_cast<std::size_t>(size) : 0};
 }
 
+bool hasQuote(const char* name) {
+    return std::strchr(name, '"') != nullptr;
+}
+
 template <std::size_t Count>
 int indexOf(const char* const (&names)[Count], const char* name) {
     if (name == nullptr)
@@ -180,6 +184,16 @@ void VerifierJob::setReportFilename() {
                         cStringUtil::getStrippedFilename(fileName));
 }
 
+bool VerifierJob::setReportDir(const std::string& directory) {
+    const bool whole = kestrel::copyText(reportDir, directory);
+    setReportFilename();
+    return whole;
+}
+
+bool VerifierJob::hasFailed() const {
+    return state() == ERROR || workerFailed();
+}
+
 int VerifierJob::validate() {
     long code = 0;
     char text[sizeof results] = "";
@@ -214,9 +228,16 @@ const char* VerifierJob::getCmdLine(const char* exe) {
             "Job %d %s: the name of the report has %zu bytes, a file's has at most %d: the verifier "
             "will not be able to write %s",
             static_cast<int>(id), guidStr, length, NAME_MAX, reportFilename);
+    const bool quoted = hasQuote(fileName) || hasQuote(reportFilename);
     MutexLock lock(m_statusMutex);
-    m_commandLineErrno = kestrel::copyText(cmdLine, line) ? 0 : ENAMETOOLONG;
-    if (m_commandLineErrno != 0)
+    const bool whole = kestrel::copyText(cmdLine, line);
+    m_commandLineErrno = quoted ? EINVAL : whole ? 0 : ENAMETOOLONG;
+    if (quoted)
+        LogUtil::Error(MODULE,
+                       "Job %d %s: a double quote (\") in the name of the file or of the report's directory "
+                       "cannot be passed to the verifier: %s",
+                       static_cast<int>(id), guidStr, cmdLine);
+    else if (!whole)
         LogUtil::Error(MODULE, "Job %d %s: the command line is too long and is cut: %s", static_cast<int>(id),
                        guidStr, cmdLine);
     return cmdLine;
@@ -255,7 +276,7 @@ int VerifierJob::getJobResults(char* out, int capacity) {
 std::string VerifierJob::failureText() {
     std::string text = LOG_MSG(kestrel::error::mpegPropertyFailed);
     // What a worker said of its failure is the reason why there is no report.
-    if (const std::string reason = resultsText(); state() == ERROR && !reason.empty())
+    if (const std::string reason = resultsText(); hasFailed() && !reason.empty())
         text += " " + reason;
     return text;
 }

@@ -42,7 +42,8 @@ public:
     // The worker's command line, exe first; kept in cmdLine. Names with blanks are quoted, since the launcher
     // splits the line at blanks.
     const char* getCmdLine(const char* exe) override;
-    // 0, or ENAMETOOLONG: the last command line did not fit, and must not be run.
+    // 0, or why the last command line must not be run: ENAMETOOLONG when it did not fit, EINVAL when a name
+    // has a double quote, which no word of such a line can have.
     [[nodiscard]] int commandLineErrno() const;
     // Whether its worker has not ended yet, and the report is still to come or to change.
     [[nodiscard]] bool mayWriteReport() const;
@@ -62,6 +63,11 @@ public:
     void setValidationErrorFlags(const char* list);
     // reportDir, GUID, "-", the file's name without directories, ".report.xml".
     void setReportFilename();
+    // Has the report written into, and read from, another directory, given with its trailing separator. False
+    // when the path was cut.
+    bool setReportDir(const std::string& directory);
+    // Whether its worker has failed: the state says so, but for a job that was cancelled before.
+    [[nodiscard]] bool hasFailed() const;
 
     // The lists that getJobResults is made of, each from the report as it is now. 0, or 10026.
     int getMpegPropertiesQuick(char* out, int capacity);

@@ -216,6 +216,16 @@ TEST(Job, AFinishedWorkerDoesNotUndoACancel) {
     EXPECT_EQ(job.finish(Job::ERROR), Job::ERROR);
 }
 
+TEST(Job, OfACancelledJobItIsKnownWhetherItsWorkerFailed) {
+    Job job(1, Job::VERIFIER_JOB, Job::CANCELLED);
+    EXPECT_FALSE(job.workerFailed());
+    EXPECT_EQ(job.finish(Job::COMPLETE), Job::CANCELLED);
+    EXPECT_FALSE(job.workerFailed());
+    EXPECT_EQ(job.finish(Job::ERROR), Job::CANCELLED);
+    EXPECT_TRUE(job.workerFailed());
+    EXPECT_FALSE(Job(job).workerFailed());
+}
+
 TEST(Job, AStateIsChangedOnlyFromTheOneExpected) {
     Job job(1, Job::NONE, Job::QUEUED);
     EXPECT_FALSE(job.changeState(Job::IN_PROGRESS, Job::CANCELLED));

@@ -37,6 +37,16 @@ TEST_F(SettingsWarnings, TheSlashThatALogDirectoryGetsMayBeTheByteTooMany) {
     EXPECT_EQ(settings.captureLogDir, std::string(259, 'p'));
 }
 
+TEST_F(SettingsWarnings, ALogDirectoryWithADoubleQuoteIsWarnedOf) {
+    EXPECT_THAT(
+        logOf(section("Capture", "LOG_DIR", "/logs/a&quot;b")),
+        HasSubstr("[Manager:Warning] Profile section Capture, key LOG_DIR: \"/logs/a\"b\" has a double "
+                  "quote, which a worker's command line cannot carry: captures may fail or log "
+                  "elsewhere\r\n"));
+    EXPECT_EQ(settings.captureLogDir, std::string("/logs/a\"b/"));
+    EXPECT_THAT(logOf(section("Capture", "LOG_DIR", "/logs/a b")), Not(HasSubstr("Warning")));
+}
+
 TEST_F(SettingsWarnings, ABadIntegerKeepsTheDefaultAndIsLoggedWithSectionKeyAndValue) {
     for (const IntegerKey& key : INTEGER_KEYS) {
         for (const char* value : {"", "many", "12x", "1.5", "0x10", "99999999999", "- 1"}) {

@@ -48,6 +48,59 @@ TEST_F(VerificationPaths, ACommandLineThatDoesNotFitIsRefusedAndNothingIsStarted
     EXPECT_EQ(answer("JOB_STATUS,0123456789abcdef0123456789abcdef"), "TRUE - ERROR") << "the queued one";
 }
 
+TEST_F(VerificationPaths, ADoubleQuoteInANameIsRefusedAndNamed) {
+    writeProfile("<P><Verifier EXE='/bin/false' REPORT_DIR='" + root + "'/></P>");
+    const std::string file = root + "promo 15\".ts";
+    std::ofstream(file) << "packets";
+    const CapturedLog lines;
+    for (const char* property : {",VIDEO_PID", ",ALL"})
+        EXPECT_EQ(answer("GET_MPEG_PROPERTIES,JOB_BEGIN,cafe," + file + property),
+                  "FALSE - Error: Could not launch process /bin/false: errno 22 (Invalid argument).");
+    EXPECT_THAT(lines.text(), HasSubstr("[JobMgmt:Error] Job 0 cafe: a double quote (\") in the name of the "
+                                        "file or of the report's directory cannot be passed to the verifier: "
+                                        "/bin/false -r xml"));
+    EXPECT_THAT(lines.text(), testing::Not(HasSubstr("Launching Job command")));
+    EXPECT_EQ(answer("JOB_STATUS,cafe"), "TRUE - ERROR") << "the queued one";
+}
+
+TEST_F(VerificationPaths, ADoubleQuoteInTheReportDirectoryIsRefusedToo) {
+    const std::string directory = root + "re\"ports/";
+    std::filesystem::create_directory(directory);
+    writeProfile("<P><Verifier EXE='/bin/false' REPORT_DIR='" + directory + "'/></P>");
+    const std::string file = root + "a.ts";
+    std::ofstream(file) << "packets";
+    EXPECT_EQ(answer("GET_MPEG_PROPERTIES,JOB_BEGIN,cafe," + file + ",VIDEO_PID"),
+              "FALSE - Error: Could not launch process /bin/false: errno 22 (Invalid argument).");
+}
+
+TEST_F(VerificationPaths, ARequestThatCanHaveNoDirectoryOfItsOwnIsRefused) {
+    // A queued verification has the report.
+    const std::string directory = root + "reports/";
+    std::filesystem::create_directory(directory);
+    writeProfile("<P><Verifier EXE='/bin/false' REPORT_DIR='" + directory + "'/></P>");
+    const std::string file = root + "a.ts";
+    std::ofstream(file) << "packets";
+    ASSERT_EQ(answer("GET_MPEG_PROPERTIES,JOB_BEGIN,cafe," + file + ",ALL"), "TRUE");
+    std::filesystem::remove(directory);
+    EXPECT_EQ(answer("GET_MPEG_PROPERTIES,JOB_BEGIN,cafe," + file + ",VIDEO_PID"),
+              "FALSE - Error: Could not launch process /bin/false: errno 2 (No such file or directory).");
+}
+
+TEST_F(VerificationPaths, ADirectoryOfItsOwnWhosePathDoesNotFitIsRefused) {
+    std::string directory = root;
+    for (const std::size_t length : {100, 100})
+        std::filesystem::create_directory(directory += std::string(length, 'd') + "/");
+    std::filesystem::create_directory(directory += std::string(258 - directory.size(), 'd') + "/");
+    ASSERT_EQ(directory.size(), 259U);
+    writeProfile("<P><Verifier EXE='/bin/false' REPORT_DIR='" + directory + "'/></P>");
+    const std::string file = root + "a.ts";
+    std::ofstream(file) << "packets";
+    ASSERT_EQ(answer("GET_MPEG_PROPERTIES,JOB_BEGIN,cafe," + file + ",ALL"), "TRUE");
+    EXPECT_EQ(answer("GET_MPEG_PROPERTIES,JOB_BEGIN,cafe," + file + ",VIDEO_PID"),
+              "FALSE - Error: Could not launch process /bin/false: errno 36 (File name too long).");
+    EXPECT_TRUE(std::filesystem::is_empty(directory));
+}
+
 TEST_F(VerificationPaths, AFileNameThatIsCutIsWarnedOf) {
     writeProfile("<P/>");
     CManagerLib::GetInstance();

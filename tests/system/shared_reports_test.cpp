@@ -6,10 +6,12 @@
 #include <gtest/gtest.h>
 #include <map>
 #include <thread>
+#include <vector>
 
 using namespace kestrel::test;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::IsEmpty;
 using testing::Not;
 using testing::Pair;
 
@@ -29,19 +31,28 @@ protected:
     bool verifiersRunning(std::size_t count, std::chrono::milliseconds limit = 10s) const {
         return eventually([&] { return service.children().size() == count; }, limit);
     }
-    // Files beside the reports that only the service can have left.
-    std::size_t setAside() const {
-        std::size_t count = 0;
-        for (const auto& entry : std::filesystem::directory_iterator(service.root()))
-            count += entry.path().filename().string().starts_with(".kestrel-") ? 1 : 0;
-        return count;
+    // Verifiers of these options write their report and end when there is go of their kind.
+    void startHeldByKind() {
+        start("--wait-whole " + goWhole + " --wait-short " + goShort + " --verify " + prepared);
     }
+    // Directories that requests have of their own, beside the reports.
+    std::vector<std::filesystem::path> ownDirectories() const {
+        std::vector<std::filesystem::path> found;
+        for (const auto& entry : std::filesystem::directory_iterator(service.root()))
+            if (entry.path().filename().string().starts_with(".kestrel-"))
+                found.push_back(entry.path());
+        return found;
+    }
+    // A verification that is asked for next finds something else.
+    void changeTheFile() const { std::ofstream(prepared) << reportOf("99", "00:00:02:00"); }
     void completeWholeVerification(const char* property = ",RUNTIME") {
         ASSERT_EQ(verify(property), "TRUE");
         ASSERT_EQ(service.waitForState(GUID, "COMPLETE"), "TRUE - COMPLETE");
     }
 
     const std::string go = (service.root() / "go").string();
+    const std::string goWhole = (service.root() / "go-whole").string();
+    const std::string goShort = (service.root() / "go-short").string();
 };
 
 TEST_F(SharedReports, OneAfterTheOtherIsWritten) {
@@ -113,12 +124,12 @@ TEST_F(SharedReports, AShutdownWaitsForNobody) {
 TEST_F(SharedReports, AnswersOfAWholeVerificationOutliveAShortOne) {
     start("--verify " + prepared);
     completeWholeVerification();
-    std::ofstream(prepared) << reportOf("99", "00:00:02:00");
+    changeTheFile();
     EXPECT_EQ(verify(",VIDEO_PID"), "TRUE - 99");
     EXPECT_EQ(results(), "TRUE - 00:00:10:00");
     EXPECT_EQ(verify(",RUNTIME,BLOCK"), "TRUE - 00:00:02:00");
     EXPECT_EQ(results(), "TRUE - 00:00:10:00");
-    EXPECT_EQ(setAside(), 0U);
+    EXPECT_THAT(ownDirectories(), IsEmpty());
     EXPECT_THAT(service.log(), Not(HasSubstr("Give each a GUID of its own")));
 }
 
@@ -128,39 +139,113 @@ TEST_F(SharedReports, AnswersOfAWholeVerificationOutliveAShortOneThatFails) {
     std::filesystem::remove(prepared);
     EXPECT_EQ(verify(",VIDEO_PID"), NO_PROPERTY);
     EXPECT_EQ(results(), "TRUE - 00:00:10:00");
-    EXPECT_EQ(setAside(), 0U);
+    EXPECT_THAT(ownDirectories(), IsEmpty());
 }
 
-TEST_F(SharedReports, AnswersOfAWholeVerificationAreNotReadFromTheReportOfAnother) {
+TEST_F(SharedReports, AnswersOfAWholeVerificationAreGivenWhileAShortOneRuns) {
+    startHeldByKind();
+    std::ofstream(goWhole) << "go";
+    completeWholeVerification();
+    changeTheFile();
+    auto shortOne = verifyBeside(",VIDEO_PID");
+    ASSERT_TRUE(verifiersRunning(1));
+    EXPECT_EQ(results(), "TRUE - 00:00:10:00");
+    std::ofstream(goShort) << "go";
+    EXPECT_EQ(shortOne.get(), "TRUE - 99");
+    EXPECT_EQ(results(), "TRUE - 00:00:10:00");
+}
+
+TEST_F(SharedReports, AWholeVerificationThatEndsBesideAShortOneKeepsItsReport) {
+    startHeldByKind();
+    ASSERT_EQ(verify(",RUNTIME"), "TRUE");
+    auto shortOne = verifyBeside(",VIDEO_PID");
+    ASSERT_TRUE(verifiersRunning(2));
+    std::ofstream(goWhole) << "go";
+    ASSERT_EQ(service.waitForState(GUID, "COMPLETE"), "TRUE - COMPLETE");
+    EXPECT_EQ(results(), "TRUE - 00:00:10:00");
+    changeTheFile();
+    std::ofstream(goShort) << "go";
+    EXPECT_EQ(shortOne.get(), "TRUE - 99");
+    EXPECT_EQ(results(), "TRUE - 00:00:10:00");
+    EXPECT_THAT(service.log(), Not(HasSubstr("Give each a GUID of its own")));
+}
+
+TEST_F(SharedReports, AWholeVerificationThatEndsAfterAShortOneKeepsItsReport) {
+    startHeldByKind();
+    ASSERT_EQ(verify(",RUNTIME"), "TRUE");
+    std::ofstream(goShort) << "go";
+    EXPECT_EQ(verify(",VIDEO_PID"), "TRUE - 481");
+    EXPECT_FALSE(std::filesystem::exists(reportPath())) << "it has none yet";
+    EXPECT_EQ(results(), NO_PROPERTY);
+    changeTheFile();
+    std::ofstream(goWhole) << "go";
+    ASSERT_EQ(service.waitForState(GUID, "COMPLETE"), "TRUE - COMPLETE");
+    EXPECT_EQ(results(), "TRUE - 00:00:02:00");
+}
+
+TEST_F(SharedReports, AWholeVerificationThatHasWrittenAndStillRunsKeepsItsReport) {
+    start("--wait-whole " + goWhole + " --wait-short " + goShort + " --verify " + prepared +
+          " --wait-whole " + go);
+    const std::string written = contentOf(prepared);
+    ASSERT_EQ(verify(",RUNTIME"), "TRUE");
+    auto shortOne = verifyBeside(",VIDEO_PID");
+    ASSERT_TRUE(verifiersRunning(2));
+    std::ofstream(goWhole) << "go";
+    ASSERT_TRUE(eventually([&] { return contentOf(reportPath()) == written; }));
+    changeTheFile();
+    std::ofstream(goShort) << "go";
+    EXPECT_EQ(shortOne.get(), "TRUE - 99");
+    EXPECT_EQ(contentOf(reportPath()), written);
+    letGo();
+    EXPECT_EQ(service.waitForState(GUID, "COMPLETE"), "TRUE - COMPLETE");
+    EXPECT_EQ(results(), "TRUE - 00:00:10:00");
+}
+
+TEST_F(SharedReports, BesideAWholeVerificationEachRequestHasADirectoryOfItsOwn) {
+    startHeldByKind();
+    ASSERT_EQ(verify(",RUNTIME"), "TRUE");
+    auto one = verifyBeside(",VIDEO_PID");
+    auto two = verifyBeside(",PCR_PID");
+    ASSERT_TRUE(verifiersRunning(3)) << "they do not wait for one another";
+    const auto directories = ownDirectories();
+    ASSERT_EQ(directories.size(), 2U);
+    for (const auto& directory : directories) {
+        EXPECT_EQ(std::filesystem::status(directory).permissions(), std::filesystem::perms::owner_all);
+        EXPECT_THAT(service.log(), HasSubstr("-report_dst " + directory.string() + "/ -report_name " + GUID +
+                                             "-asset.ts.report.xml -duration 20 "));
+    }
+    std::ofstream(goShort) << "go";
+    EXPECT_EQ(one.get(), "TRUE - 481");
+    EXPECT_EQ(two.get(), "TRUE - 481");
+    EXPECT_THAT(ownDirectories(), IsEmpty());
+    std::ofstream(goWhole) << "go";
+}
+
+TEST_F(SharedReports, AnOwnDirectoryGoesAlsoWhenTheVerifierFallsSilent) {
+    service.set("Job", "HEARTBEAT_TIMEOUT_SECS", "1");
+    startHeldByKind();
+    std::ofstream(goWhole) << "go";
+    completeWholeVerification();
+    EXPECT_EQ(verify(",VIDEO_PID"), "FALSE - Error: Timeout waiting for job to complete.");
+    EXPECT_THAT(ownDirectories(), IsEmpty());
+    EXPECT_EQ(results(), "TRUE - 00:00:10:00");
+    std::ofstream(goShort) << "go";
+}
+
+TEST_F(SharedReports, ResultsWaitForANewReportButNotForLong) {
     startHeld();
     letGo();
     completeWholeVerification();
     std::filesystem::remove(go);
-    std::ofstream(prepared) << reportOf("99", "00:00:02:00");
-    auto shortOne = verifyBeside(",VIDEO_PID");
-    ASSERT_TRUE(eventually([&] { return contentOf(reportPath()).find("99") != std::string::npos; }));
-    auto whole = std::async(std::launch::async, [this] { return results(); });
-    EXPECT_EQ(whole.wait_for(A_WHILE), std::future_status::timeout);
+    changeTheFile();
+    auto xml = verifyBeside(",ALL,XML");
+    ASSERT_TRUE(verifiersRunning(1));
+    EXPECT_EQ(results(), "FALSE - Error: Timeout waiting for job to complete.");
+    auto waiting = std::async(std::launch::async, [this] { return results(); });
+    EXPECT_EQ(waiting.wait_for(A_WHILE), std::future_status::timeout);
     letGo();
-    EXPECT_EQ(shortOne.get(), "TRUE - 99");
-    EXPECT_EQ(whole.get(), "TRUE - 00:00:10:00");
-}
-
-TEST_F(SharedReports, AWholeVerificationThatStillRunsKeepsWhatItHasWritten) {
-    startHeld();
-    ASSERT_EQ(verify(",RUNTIME"), "TRUE");
-    ASSERT_TRUE(eventually([&] { return std::filesystem::exists(reportPath()); }));
-    std::ofstream(prepared) << reportOf("99", "00:00:02:00");
-    auto shortOne = verifyBeside(",VIDEO_PID");
-    EXPECT_TRUE(service.waitForLog("[Manager:Warning] Job 0 " + std::string(GUID) +
-                                   " is a verification of this file (QUEUED), and its report is that of this "
-                                   "request too: " +
-                                   reportPath() + ". Give each a GUID of its own.\r\n"));
-    ASSERT_TRUE(verifiersRunning(2));
-    letGo();
-    EXPECT_EQ(shortOne.get(), "TRUE - 99");
-    EXPECT_EQ(service.waitForState(GUID, "COMPLETE"), "TRUE - COMPLETE");
-    EXPECT_EQ(results(), "TRUE - 00:00:10:00");
+    EXPECT_EQ(xml.get(), "TRUE - " + reportPath());
+    EXPECT_EQ(waiting.get(), "TRUE - 00:00:02:00");
 }
 
 TEST_F(SharedReports, ForXmlTheNewReportIsWhatIsFound) {
@@ -170,8 +255,11 @@ TEST_F(SharedReports, ForXmlTheNewReportIsWhatIsFound) {
     std::ofstream(prepared) << newReport;
     EXPECT_EQ(verify(",ALL,XML"), "TRUE - " + reportPath());
     EXPECT_EQ(contentOf(reportPath()), newReport);
-    EXPECT_THAT(service.log(), HasSubstr("is a verification of this file (COMPLETE), and its report is"));
-    EXPECT_EQ(setAside(), 0U);
+    EXPECT_THAT(service.log(), HasSubstr("[Manager:Warning] Job 0 " + std::string(GUID) +
+                                         " is a verification of this file (COMPLETE), and its report is that "
+                                         "of this request too: " +
+                                         reportPath() + ". Give each a GUID of its own.\r\n"));
+    EXPECT_THAT(ownDirectories(), IsEmpty());
 }
 
 TEST_F(SharedReports, WithoutAWholeVerificationTheReportStays) {

@@ -9,6 +9,8 @@
 //   --sleep MS             wait
 //   --wait-cancel          wait for the cancel message (type 5)
 //   --wait-file FILE       wait until FILE exists
+//   --wait-short FILE      the same, where a short analysis is asked for (-duration)
+//   --wait-whole FILE      the same, where a whole one is
 //   --signal N             send itself a signal
 //   --verify FILE          write FILE as the verifier's report, where the service wants it
 //   --exit N               end with that code (default 0)
@@ -118,6 +120,7 @@ int main(int argc, char** argv) {
     Queues queues;
     std::string reportDirectory;
     std::string reportName;
+    bool shortAnalysis = false;
     for (int i = 1; i < argc; ++i) {
         const std::string word = argv[i];
         const std::string value = word != "--wait-cancel" && i + 1 < argc ? argv[++i] : "";
@@ -129,7 +132,9 @@ int main(int argc, char** argv) {
             reportDirectory = value;
         else if (word == "-report_name")
             reportName = value;
-        else if (word == "-r" || word == "-duration" || word == "-f")
+        else if (word == "-duration")
+            shortAnalysis = true;
+        else if (word == "-r" || word == "-f")
             continue;
         else if (word == "-log")
             queues.log = value;
@@ -166,6 +171,9 @@ int main(int argc, char** argv) {
             waitForCancel(queues);
         } else if (action == "--wait-file") {
             waitForFile(value);
+        } else if (action == "--wait-short" || action == "--wait-whole") {
+            if (shortAnalysis == (action == "--wait-short"))
+                waitForFile(value);
         } else if (action == "--signal") {
             raise(std::atoi(value.c_str()));
         } else if (action == "--exit") {

@@ -118,6 +118,29 @@ TEST_F(VerifierRequests, AQueuedVerificationThatFailedHasNotPassed) {
                 HasSubstr("[Manager:Error] Error: Failed to get requested Mpeg Property. worn\r\n"));
 }
 
+TEST_F(VerifierRequests, ACancelledVerificationThatFailedHasNotPassed) {
+    const std::string go = service.root() / "go";
+    start("--wait-file " + go + " --say 7:worn --verify " + prepared + " --exit 3");
+    EXPECT_EQ(verify(",VALIDATION_ERRORS,NONE,GOPLength_FPS24_12;GOPStructure_IBBP"), "TRUE") << "begun";
+    EXPECT_EQ(service.ask(std::string("CAPTURE,JOB_ABORT,") + GUID), "TRUE");
+    std::ofstream(go) << "go";
+    EXPECT_TRUE(service.waitForLog("ended with exit code 3."));
+    EXPECT_TRUE(eventually([&] { return service.children().empty(); }));
+    EXPECT_EQ(service.ask(std::string("JOB_STATUS,") + GUID), "TRUE - CANCELLED");
+    EXPECT_TRUE(eventually([&] { return results() == std::string(NO_PROPERTY) + " worn"; })) << results();
+}
+
+TEST_F(VerifierRequests, ACancelledVerificationThatRanToItsEndIsAnswered) {
+    const std::string go = service.root() / "go";
+    start("--wait-file " + go + " --say 7:done --verify " + prepared);
+    EXPECT_EQ(verify(",RUNTIME"), "TRUE") << "begun";
+    EXPECT_EQ(service.ask(std::string("CAPTURE,JOB_ABORT,") + GUID), "TRUE");
+    std::ofstream(go) << "go";
+    EXPECT_TRUE(service.waitForLog("Job process returned SUCCESS."));
+    EXPECT_EQ(service.ask(std::string("JOB_STATUS,") + GUID), "TRUE - CANCELLED");
+    EXPECT_EQ(results(), "TRUE - 00:00:10:00");
+}
+
 TEST_F(VerifierRequests, AReportOfAnEarlierJobIsNotTakenForTheAnswer) {
     start("--say 7:unreadable --exit 1");
     std::filesystem::copy_file(prepared, reportPath());
