@@ -97,6 +97,10 @@ void LabelledStream::jumpTo(const std::string& timecode) {
     m_jump = timecode;
 }
 
+void LabelledStream::switchAt(int shown, const std::string& timecode, bool runs) {
+    m_switches.push_back({shown, timecode, runs});
+}
+
 void LabelledStream::planGop() {
     const int step = m_shape.bFrames + 1;
     int before = -1;
@@ -120,6 +124,9 @@ void LabelledStream::planGop() {
 }
 
 std::string LabelledStream::label(int shown) const {
+    for (auto at = m_switches.rbegin(); at != m_switches.rend(); ++at)
+        if (shown >= at->shown && at->shown >= m_base)
+            return advance(at->timecode, at->runs ? shown - at->shown : 0, m_shape.rateCode);
     return advance(m_shape.timecode, shown - m_base, m_shape.rateCode);
 }
 
@@ -208,7 +215,7 @@ Bytes LabelledStream::mpeg2Picture(int shown, char type, int structure) const {
                {0, 0, 1, 0xB3, 0x28, 0x01, 0x68, low(0x30 | m_shape.rateCode), 0xFF, 0xFF, 0xE0, 0x18});
         append(bytes, {0, 0, 1, 0xB5, 0x14, 0x82, 0x00, 0x01, 0x00, 0x00});
         if (m_shape.gopHeaders) {
-            const unsigned code = m_shape.timecodes ? packed(label(m_group), m_shape.rateCode) : 0x1000;
+            const unsigned code = hasTimecode(m_group) ? packed(label(m_group), m_shape.rateCode) : 0x1000;
             Bits head;
             head.put(code, 25);
             head.put(m_shape.open && m_shape.bFrames > 0 ? 0 : 1, 1);
@@ -270,7 +277,7 @@ Bytes LabelledStream::avcPicture(int shown, char type) const {
         append(bytes, nal(0x67, sps.bytes));
         append(bytes, {0, 0, 1, 0x68, 0xCE});
     }
-    if (m_shape.timecodes) {
+    if (hasTimecode(shown)) {
         const mpeg_timecode time = parse(label(shown), m_shape.rateCode);
         Bits timing;
         if (m_shape.avcHrd) {

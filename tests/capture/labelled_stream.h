@@ -41,12 +41,24 @@ public:
     std::vector<CodedFrame> frames(int count);
     // From the next GOP on the labels go on from this one.
     void jumpTo(const std::string& timecode);
+    // From the frame on that is shown as that one (the first is 0) they go on from this one, be it in the
+    // middle of a GOP, or stand still, any number of times; there are timecodes from then on.
+    void switchAt(int shown, const std::string& timecode, bool runs = true);
 
 private:
+    struct Switch {
+        int shown;
+        std::string timecode;
+        bool runs;
+    };
+
     Packets packetsOf(const std::vector<unsigned char>& pes);
     std::vector<unsigned char> mpeg2Picture(int shown, char type, int structure) const;
     std::vector<unsigned char> avcPicture(int shown, char type) const;
     std::string label(int shown) const;
+    bool hasTimecode(int shown) const {
+        return m_shape.timecodes || (!m_switches.empty() && shown >= m_switches.front().shown);
+    }
     void planGop();
 
     LabelledShape m_shape;
@@ -56,6 +68,7 @@ private:
     std::vector<char> m_types; // likewise
     int m_base = 0;            // frame from which the labels count
     std::string m_jump;
+    std::vector<Switch> m_switches;
     std::array<int, 8192> m_counters{};
 };
 

@@ -21,6 +21,11 @@ protected:
     OwnLabels m_labels;
     std::int64_t m_frame = 0; // of the stream
 
+    // A picture of a stream in which each has a timecode.
+    void picture(std::int64_t label, std::int64_t shown, bool possible = true) {
+        m_labels.begin({label, shown * period, period, {}}, true, false, possible);
+        m_labels.add(label, label);
+    }
     void group(std::int64_t label, bool timecode = true, bool possible = true) {
         m_labels.begin({label, m_frame * period, period, {}}, timecode, true, possible);
         m_labels.add(label, label + 9);
@@ -86,6 +91,56 @@ TEST_F(OwnLabelsTest, AreNotCountedOnBeyondARandomAccessPointWithoutATimecode) {
     group(30);
     EXPECT_THAT(m_labels.take(), ElementsAre(Pair(20, 39)));
     group(40, false);
+    EXPECT_THAT(m_labels.take(), ElementsAre(Pair(40, 49)));
+}
+
+// The source comes in the middle of a GOP: what is shown before it is coded behind its first.
+TEST_F(OwnLabelsTest, AreKeptBackWhileThoseFromBeforeLieBetween) {
+    for (const bool possible : {false, true}) {
+        m_labels = {};
+        picture(1, 11);
+        picture(700, 9, possible);
+        picture(0, 10);
+        EXPECT_TRUE(m_labels.own());
+        EXPECT_THAT(m_labels.take(), ElementsAre(Pair(1, 1), Pair(0, 0)));
+    }
+}
+
+TEST_F(OwnLabelsTest, AreKeptBackWhileThoseOfAnotherCountLieBetween) {
+    picture(1, 11);
+    m_labels.refuse();
+    picture(0, 10);
+    EXPECT_THAT(m_labels.take(), ElementsAre(Pair(1, 1), Pair(0, 0)));
+}
+
+TEST_F(OwnLabelsTest, ThatAreKeptBackAreKnownOnceTheirLineIs) {
+    picture(1, 11);
+    picture(700, 9);
+    m_labels.trust(10 * period, 1);
+    EXPECT_FALSE(m_labels.own());
+    EXPECT_THAT(m_labels.take(), ElementsAre(Pair(1, 1)));
+}
+
+// The decoder stands still for ten frames: the last of these are coded behind the first that goes on.
+TEST_F(OwnLabelsTest, GoOnBehindADecoderThatStoodStillThoughItsLastStillLieBetween) {
+    for (int i = 0; i < 10; ++i)
+        picture(i, i);
+    for (int i = 10; i < 18; ++i)
+        picture(9, i);
+    (void)m_labels.take();
+    picture(11, 21);
+    picture(9, 18);
+    picture(10, 20);
+    EXPECT_THAT(m_labels.take(), testing::IsSupersetOf({Pair(11, 11), Pair(10, 10)}));
+}
+
+TEST_F(OwnLabelsTest, AreNotCountedOnBeyondSuchAPointWhenOthersFollow) {
+    group(0);
+    group(10);
+    (void)m_labels.take();
+    group(20, false);
+    group(700, true, false);
+    group(40);
     EXPECT_THAT(m_labels.take(), ElementsAre(Pair(40, 49)));
 }
 

@@ -100,8 +100,7 @@ TEST_P(Behind, FramesThatWereLostBeforeAreToldAndNotStoodForByOthers) {
         feed(r, stream, sourceFrames - lost);
         lose(stream, lost);
         fill(r, stream, filler());
-        expectFailed(r,
-                     "Error: " + std::to_string(sourceFrames - lost) + " of 100 frames came back. Recorded ");
+        expectFailed(r, "Error: " + std::to_string(sourceFrames - lost) + " of 100 frames came back");
         const std::string last = labelsFrom("10:00:00:00", sourceFrames - lost).back();
         EXPECT_THAT(r.status().text,
                     HasSubstr(" from 10:00:00:00 to " + last + ", the last frame is missing"));

@@ -77,7 +77,8 @@ TEST_F(PlayedRecording, BeginsWithTheGopInWhichTheFirstFrameIs) {
     feed(r, stream, 20);
     expectRecorded(r);
     // Four of the ten are the source's.
-    EXPECT_THAT(r.status().text, HasSubstr("from 10:00:00:00 to 10:00:03:24, 6 frames before"));
+    EXPECT_THAT(r.status().text, HasSubstr("from 10:00:00:00 to 10:00:03:24, those before 10:00:00:04 by the "
+                                           "clock, 6 frames before"));
     EXPECT_EQ(fileFrames(), 106U);
 }
 

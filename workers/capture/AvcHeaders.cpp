@@ -265,15 +265,16 @@ std::optional<AvcHeaders::Slice> AvcHeaders::readSlice(std::span<unsigned char> 
     if (in.failed() || picture >= m_sequenceOfPicture.size())
         return std::nullopt;
     const Sequence& sequence = m_sequences[m_sequenceOfPicture[picture]];
-    if (!sequence.known)
-        return slice;
-    if (sequence.separatePlanes)
-        in.bits(2);
-    slice.frameNumber = in.bits(sequence.frameNumberBits);
-    if (!sequence.framesOnly) {
-        slice.field = in.bit();
-        slice.bottom = slice.field && in.bit();
+    if (sequence.known) {
+        if (sequence.separatePlanes)
+            in.bits(2);
+        slice.frameNumber = in.bits(sequence.frameNumberBits);
+        if (!sequence.framesOnly) {
+            slice.field = in.bit();
+            slice.bottom = slice.field && in.bit();
+        }
     }
+    slice.cut = in.failed();
     return slice;
 }
 

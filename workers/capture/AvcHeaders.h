@@ -19,6 +19,7 @@ public:
         bool field = false;       // field_pic_flag
         bool bottom = false;      // bottom_field_flag
         unsigned frameNumber = 0; // frame_num
+        bool cut = false;         // not all of these were there
     };
 
     // What the latest sequence says of its pictures.

@@ -22,8 +22,12 @@ public:
     }
     [[nodiscard]] const VideoUnit& unit() const noexcept { return m_analyzer.unit(); }
     [[nodiscard]] const VideoUnit& closedUnit() const noexcept { return m_analyzer.closedUnit(); }
-    // That have begun until now.
-    [[nodiscard]] std::uint64_t frames() const noexcept { return m_clock.frames() + unit().frames; }
+    // Nothing comes any more: unit() has all its frames.
+    void finish() noexcept { m_analyzer.endOfStream(); }
+    // That have begun, if nothing comes any more.
+    [[nodiscard]] std::uint64_t frames() const noexcept {
+        return m_clock.frames() + m_analyzer.framesAtEnd();
+    }
     // That had begun before the current PES packet.
     [[nodiscard]] std::uint64_t framesBefore() const noexcept { return m_clock.frames(); }
     // By the stream's clock, in PTS units: where the PES packet before the current one begins, and where the

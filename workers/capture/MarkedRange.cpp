@@ -48,7 +48,7 @@ MaybeFailure MarkedRange::settle(const LabelRule& rule) {
         return detailed(failure(error::invalidMarkOut), reason(m_outText));
     m_in = *in;
     // A pair ends with its second frame.
-    m_length = *out - *in + (m_pairs && rule.doubled() ? 2 : 1);
+    m_length = (*out - *in + rule.perDay()) % rule.perDay() + (m_pairs && rule.doubled() ? 2 : 1);
     return std::nullopt;
 }
 
@@ -73,52 +73,74 @@ void MarkedRange::begin(std::int64_t group, std::int64_t leading) {
     m_first = m_highest = position(group);
     m_leading = leading;
     m_beyond = 0;
-    m_inSeen = false;
-    m_seen.reset();
-    m_taken.clear();
+    m_taken = m_byClock = {};
+}
+
+void MarkedRange::Taken::note(std::int64_t position, std::int64_t length) {
+    between.resize(static_cast<std::size_t>(std::max<std::int64_t>(length, 0)));
+    if (position >= 0 && position < length)
+        between[static_cast<std::size_t>(position)] = true;
+    if (const std::int64_t left = length - 1 - position; left >= 0 && left < lastLabels)
+        last.set(static_cast<std::size_t>(left));
 }
 
 void MarkedRange::note(std::int64_t first, std::int64_t last) {
-    m_taken.resize(static_cast<std::size_t>(std::max<std::int64_t>(m_length, 0)));
     for (std::int64_t label = first; label <= last; ++label) {
         const std::int64_t at = position(label);
-        if (at >= 0 && at < m_length)
-            m_taken[static_cast<std::size_t>(at)] = true;
-        const std::int64_t left = m_length - 1 - at;
-        if (left < 0)
-            ++m_beyond;
-        else if (left < lastLabels)
-            m_seen.set(static_cast<std::size_t>(left));
-        m_inSeen = m_inSeen || at == 0;
+        m_taken.note(at, m_length);
+        m_beyond += at >= m_length ? 1 : 0;
         m_highest = std::max(m_highest, at);
         m_first = std::min(m_first, at); // pictures of H.264 may be shown before the one decoding begins with
     }
 }
 
+void MarkedRange::noteByClock(std::int64_t first, std::int64_t last) {
+    for (std::int64_t label = first; label <= last; ++label) {
+        const std::int64_t at = position(label);
+        m_byClock.note(at, m_length);
+        m_highest = std::max(m_highest, at);
+    }
+}
+
+void MarkedRange::dropByClock() {
+    m_byClock = {};
+}
+
+bool MarkedRange::between(std::int64_t position) const {
+    const auto at = static_cast<std::size_t>(position);
+    return (at < m_taken.between.size() && m_taken.between[at]) ||
+           (at < m_byClock.between.size() && m_byClock.between[at]);
+}
+
 bool MarkedRange::complete() const {
     const std::int64_t all = std::min(m_length - m_first, lastLabels);
+    const auto seen = last();
     for (std::int64_t left = 0; left < all; ++left)
-        if (!m_seen[static_cast<std::size_t>(left)])
+        if (!seen[static_cast<std::size_t>(left)])
             return false;
     return all > 0;
 }
 
 std::int64_t MarkedRange::missing() const {
+    const auto seen = last();
     std::int64_t left = 0;
-    while (left < lastLabels && !m_seen[static_cast<std::size_t>(left)])
+    while (left < lastLabels && !seen[static_cast<std::size_t>(left)])
         ++left;
     return left;
 }
 
 std::int64_t MarkedRange::absent() const {
-    return m_length - std::count(m_taken.begin(), m_taken.end(), true);
+    std::int64_t absent = 0;
+    for (std::int64_t at = 0; at < m_length; ++at)
+        absent += between(at) ? 0 : 1;
+    return absent;
 }
 
 std::string MarkedRange::describe(LabelOrigin origin, bool ended) const {
     std::string text = ", from " + m_rule.text(m_in + m_first) + " to " + m_rule.text(m_in + m_highest);
     if (m_first < 0)
         text += ", " + frameCount(-m_first) + " before mark-in";
-    if (!m_inSeen)
+    if (!between(0))
         text += ", the frame at mark-in is missing";
     if (m_first + m_leading > 0)
         text += ", the first " + frameCount(m_first + m_leading) + " from mark-in need the GOP before";
@@ -126,6 +148,10 @@ std::string MarkedRange::describe(LabelOrigin origin, bool ended) const {
         text += ", " + frameCount(m_beyond) + " beyond mark-out";
     if (ended && missing() != 0)
         text += ", the frame at mark-out is missing";
+    const auto& clocked = m_byClock.between;
+    if (const auto until = std::find(clocked.rbegin(), clocked.rend(), true); until != clocked.rend())
+        text +=
+            ", those before " + m_rule.text(m_in + std::distance(until, clocked.rend())) + " by the clock";
     if (origin == LabelOrigin::deck)
         text += ", by deck time";
     else if (origin == LabelOrigin::counted)

@@ -22,7 +22,8 @@ public:
 
     // Checks what can be checked without a frame rate.
     [[nodiscard]] static MaybeFailure check(const std::string& in, const std::string& out);
-    // Finds the numbers of the marks; again when the rule changes.
+    // Finds the numbers of the marks; again when the rule changes. Mark-out is the next one behind mark-in:
+    // it may lie behind midnight.
     [[nodiscard]] MaybeFailure settle(const LabelRule& rule);
 
     // Frames from mark-in to mark-out, both counted.
@@ -42,6 +43,10 @@ public:
     void begin(std::int64_t group, std::int64_t leading);
     // Frames with these labels were taken.
     void note(std::int64_t first, std::int64_t last);
+    // Frames were taken that have these labels by the time at which they are shown; they carry none.
+    void noteByClock(std::int64_t first, std::int64_t last);
+    // Those frames do not count after all: the source's carry labels.
+    void dropByClock();
     // Position of the highest label taken.
     [[nodiscard]] std::int64_t highest() const noexcept { return m_highest; }
     // All frames up to mark-out have come.
@@ -60,6 +65,14 @@ public:
 private:
     static constexpr std::int64_t lastLabels = 64;
 
+    struct Taken {
+        void note(std::int64_t position, std::int64_t length);
+        std::bitset<lastLabels> last; // by the distance to mark-out
+        std::vector<bool> between;    // by position
+    };
+    [[nodiscard]] std::bitset<lastLabels> last() const { return m_taken.last | m_byClock.last; }
+    [[nodiscard]] bool between(std::int64_t position) const;
+
     std::string m_inText, m_outText;
     bool m_pairs;
     LabelRule m_rule;
@@ -68,9 +81,7 @@ private:
     // Positions.
     std::int64_t m_first = 0, m_highest = 0;
     std::int64_t m_leading = 0, m_beyond = 0;
-    bool m_inSeen = false;
-    std::bitset<lastLabels> m_seen; // by the distance to mark-out
-    std::vector<bool> m_taken;      // by position
+    Taken m_taken, m_byClock;
 };
 
 } // namespace kestrel::capture

@@ -1,9 +1,14 @@
 #include "OwnLabels.h"
 
+#include <algorithm>
 #include <cstdlib>
 
 namespace kestrel::capture {
 namespace {
+
+// More other labels than that do not lie among those of the source by the order of coding (ITU-T H.264,
+// A.3.1: MaxDpbFrames).
+constexpr std::size_t mostKept = 16;
 
 bool near(const std::optional<std::int64_t>& line, std::int64_t other, std::int64_t period) {
     return line && 2 * std::llabs(*line - other) <= period;
@@ -20,8 +25,9 @@ void append(std::vector<OwnLabels::Range>& ranges, const OwnLabels::Range& more)
 
 void OwnLabels::trust(std::int64_t line, std::int64_t period) {
     m_line = line;
-    if (!m_own && near(m_run, line, period))
-        confirm();
+    m_period = std::max(m_period, period);
+    m_own = m_own || near(m_run, line, period);
+    confirm();
 }
 
 void OwnLabels::begin(const ReturnedLabel& label, bool timecode, bool point, bool possible) {
@@ -31,37 +37,75 @@ void OwnLabels::begin(const ReturnedLabel& label, bool timecode, bool point, boo
         m_own = m_own && !m_lacking;
         return;
     }
+    m_period = label.period;
     const std::int64_t line = label.shown - label.frame * label.period;
-    const bool goesOn = near(m_run, line, label.period);
+    const bool runs = near(m_run, line, label.period);
+    const bool goesOn = runs || keeps(line);
     const bool known = near(m_line, line, label.period);
-    if (!goesOn) {
-        m_pending.clear();
-        m_own = false;
-        m_run.reset();
-    }
-    m_sparse = m_sparse || (goesOn && m_lacking);
+    m_sparse = m_sparse || (runs && m_lacking);
+    if (m_lacking && !runs)
+        dropRun();
     m_lacking = false;
-    if (goesOn || known || possible)
-        m_run = line;
-    if (goesOn || known)
-        confirm();
+    m_own = goesOn || known;
+    m_run = m_own || possible ? std::optional(line) : std::nullopt;
+    if (!m_own)
+        return;
+    m_line = line;
+    confirm();
 }
 
+bool OwnLabels::keeps(std::int64_t line) const {
+    return std::any_of(m_pending.begin(), m_pending.end(),
+                       [&](const Kept& kept) { return near(kept.line, line, m_period); });
+}
+
+// What was kept back of the source's has become known.
 void OwnLabels::confirm() {
-    m_line = m_run;
-    m_own = true;
-    for (const Range& range : std::exchange(m_pending, {}))
-        append(m_confirmed, range);
+    const auto others = std::stable_partition(m_pending.begin(), m_pending.end(), [this](const Kept& kept) {
+        return near(m_line, kept.line, m_period);
+    });
+    for (auto kept = m_pending.begin(); kept != others; ++kept)
+        for (const Range& range : kept->ranges)
+            append(m_confirmed, range);
+    m_pending.erase(m_pending.begin(), others);
+}
+
+void OwnLabels::keep(const Range& range) {
+    const auto same = std::find_if(m_pending.begin(), m_pending.end(),
+                                   [this](const Kept& kept) { return near(m_run, kept.line, m_period); });
+    if (same != m_pending.end())
+        std::rotate(same, same + 1, m_pending.end());
+    else
+        m_pending.push_back({*m_run, {}});
+    if (m_pending.size() > mostKept)
+        m_pending.erase(m_pending.begin());
+    append(m_pending.back().ranges, range);
 }
 
 void OwnLabels::add(std::int64_t first, std::int64_t last) {
-    if (m_run && first <= last)
-        append(m_own ? m_confirmed : m_pending, {first, last});
+    if (!m_run || first > last)
+        return;
+    if (m_own)
+        append(m_confirmed, {first, last});
+    else
+        keep({first, last});
 }
 
 void OwnLabels::drop() noexcept {
     m_pending.clear();
     m_confirmed.clear();
+}
+
+// Nothing shows that what was counted on was right.
+void OwnLabels::dropRun() noexcept {
+    std::erase_if(m_pending, [this](const Kept& kept) { return near(m_run, kept.line, m_period); });
+}
+
+void OwnLabels::refuse() noexcept {
+    if (m_lacking)
+        dropRun();
+    m_run.reset();
+    m_own = m_lacking = false;
 }
 
 void OwnLabels::breakOff() noexcept {

@@ -13,7 +13,8 @@ namespace kestrel::capture {
 // Labels run when each is shown as much later than another as it counts more frames. Those of a run are the
 // source's once a further timecode goes on from its first, or it goes on from what is known to be the
 // source's: a timecode that stands still, or one that another encoder counts by itself, does neither. Until
-// then they are kept back. Frames without a timecode are counted on from the last one, but not beyond a
+// then they are kept back, also while others come between: in coding order the frames from before the source
+// lie among its first. Frames without a timecode are counted on from the last one, but not beyond a
 // random access point that lacks one, unless the next timecode shows that they were right.
 class OwnLabels {
 public:
@@ -26,6 +27,8 @@ public:
     void begin(const ReturnedLabel& label, bool timecode, bool point, bool possible);
     // Frames with these labels are there from that picture on.
     void add(std::int64_t first, std::int64_t last);
+    // A picture comes whose label cannot be one of the source's.
+    void refuse() noexcept;
     // What came until now goes on in nothing that comes.
     void breakOff() noexcept;
 
@@ -40,7 +43,15 @@ public:
     [[nodiscard]] std::vector<Range> take() { return std::exchange(m_confirmed, {}); }
 
 private:
+    // Labels that are kept back, and when the source's first frame is shown by them.
+    struct Kept {
+        std::int64_t line;
+        std::vector<Range> ranges;
+    };
+    [[nodiscard]] bool keeps(std::int64_t line) const;
+    void keep(const Range& range);
     void confirm();
+    void dropRun() noexcept;
 
     std::optional<std::int64_t> m_line; // when the source's first frame is shown, by what is known
     std::optional<std::int64_t>
@@ -48,7 +59,8 @@ private:
     bool m_own = false;
     bool m_lacking = false; // a random access point without a timecode came since the last
     bool m_sparse = false;  // the stream has such
-    std::vector<Range> m_pending;
+    std::int64_t m_period = 0;
+    std::vector<Kept> m_pending; // the one that came last is the last
     std::vector<Range> m_confirmed;
 };
 

@@ -14,6 +14,18 @@ constexpr std::int64_t mostReordered = 4;
 // Pictures of H.264 that can be kept back until they are shown (ITU-T H.264, A.3.1: MaxDpbFrames).
 constexpr std::int64_t mostDelayed = 16;
 
+// No picture is kept back longer until it is shown (ISO/IEC 13818-1, 2.7.10; 2.14.3.1): else a timestamp is
+// wrong.
+constexpr std::int64_t longestDelay = 10 * std::int64_t{PTS::units_per_second};
+
+std::optional<std::int64_t> delayOf(const VideoUnit& unit) {
+    constexpr std::int64_t wrap = std::int64_t{4} << 33; // the 33-bit clock in PTS units
+    if (unit.pts.is_absent() || unit.dts.is_absent())
+        return std::nullopt;
+    const std::int64_t delay = ((unit.pts - unit.dts) % wrap + wrap) % wrap;
+    return delay <= longestDelay ? std::optional(delay) : std::nullopt;
+}
+
 Clock::duration timeOf(std::int64_t units) {
     return std::chrono::microseconds(units * 1'000'000 / PTS::units_per_second);
 }
@@ -75,10 +87,15 @@ std::optional<std::int64_t> PlayedReturn::position(const Frame& frame) {
 }
 
 void PlayedReturn::picture(const VideoUnit& unit, const Frame& frame) {
+    m_delay = delayOf(unit);
+    if (!unit.randomAccess)
+        m_eachLabelled = unit.gopTimecode.has_value();
     const auto at = position(frame);
     const std::int64_t period = frame.clock.period();
-    if (!at || period == 0)
+    if (period == 0)
         return m_own.breakOff();
+    if (!at)
+        return m_own.refuse();
     const ReturnedLabel label{*at, frame.labels.shown(), period, frame.now - begin()};
     // Those of an encoder may be some frames behind.
     ReturnedLabel due = label;
@@ -116,7 +133,9 @@ bool PlayedReturn::agree(const std::vector<OwnLabels::Range>& ranges) {
     m_refuted = !m_agreed;
     if (m_refuted)
         return false;
-    const std::int64_t lowest = m_range.position(std::min_element(ranges.begin(), ranges.end())->first);
+    std::int64_t lowest = placeOf(ranges.front());
+    for (const OwnLabels::Range& range : ranges)
+        lowest = std::min(lowest, placeOf(range));
     // Frames that cannot be shown may have come too.
     const bool hidden = lowest <= 0 && lowest >= -static_cast<std::int64_t>(m_hiddenFrames);
     m_offset = hidden ? 0 : lowest;
@@ -178,11 +197,32 @@ PlayedReturn::Point PlayedReturn::beginByLabels(const Frame& frame) {
     // The GOP in which the first frame is may still have another timecode.
     m_own.trust(line, period);
     const auto ranges = m_own.take();
-    const std::int64_t lowest =
-        ranges.empty() ? *frame.label : std::min_element(ranges.begin(), ranges.end())->first;
-    m_range.note(first - m_leadIn, lowest - 1);
+    std::int64_t lowest = m_range.position(*frame.label);
+    for (const OwnLabels::Range& range : ranges)
+        lowest = std::min(lowest, placeOf(range));
+    m_range.note(first - m_leadIn, first - 1);
+    creditOpenGroup(*begin, line, period, lowest);
     takeOwn(ranges);
     return *begin;
+}
+
+std::int64_t PlayedReturn::placeOf(const OwnLabels::Range& range) const {
+    return m_range.position(range.first);
+}
+
+// The GOP that was open when the source came has one label, from before. The frames of the source in it
+// cannot be known; those of the GOPs behind it would have had labels of their own.
+void PlayedReturn::creditOpenGroup(const Point& begin, std::int64_t line, std::int64_t period,
+                                   std::int64_t lowest) {
+    if (m_eachLabelled)
+        return;
+    for (const Point& point : m_points)
+        if (point.unit.gopTimecode && point.shown > std::max(line, begin.shown) + period / 2)
+            lowest = std::min(lowest, (point.shown - line + period / 2) / period -
+                                          std::max(point.unit.temporalReference, 0));
+    m_credited = std::max<std::int64_t>(lowest, 0);
+    const std::int64_t first = m_range.out() - m_range.length() + 1;
+    m_range.note(first, first + m_credited - 1);
 }
 
 PlayedReturn::Point PlayedReturn::beginByTime() {
@@ -204,6 +244,27 @@ void PlayedReturn::recordingBegins(const Frame& frame) {
     m_recording = true;
     m_firstTaken = frame.label;
     m_video = frame.video;
+    noteShown(frame);
+}
+
+// A picture is recorded.
+void PlayedReturn::noteShown(const Frame& frame) {
+    m_period = frame.clock.period();
+    // The stamps of a PES packet are those of its first picture.
+    m_unstamped = m_unstamped || !m_delay || frame.clock.unitFrames() > 1;
+    if (m_unstamped || m_early.size() >= 2 * mostDelayed)
+        return;
+    const std::int64_t shown = frame.clock.elapsed() + *m_delay;
+    m_firstShown = m_early.empty() ? shown : std::min(m_firstShown, shown);
+    m_early.push_back(shown);
+}
+
+// Whether the current picture is shown behind the source's last.
+bool PlayedReturn::shownBehind(const Frame& frame) const {
+    const std::int64_t period = frame.clock.period();
+    if (m_unstamped || !m_delay)
+        return frame.clock.end() - period / 2 >= m_wanted;
+    return frame.clock.elapsed() + *m_delay + period / 2 >= shownEnd();
 }
 
 // Whether it is not of the kind that is recorded, which the source has throughout.
@@ -219,9 +280,14 @@ bool PlayedReturn::recorded(unsigned frames, int recordedRate, const Frame& fram
     // By time other pictures come first, of whatever codec.
     const bool otherCodec = m_uniform && m_by != By::time && frame.video != m_video;
     const bool others = otherCodec || (recordedRate == m_sourceRateCode && unlikeSource(frame.rateCode));
-    const bool beyond =
-        m_by == By::labels && m_wanted > 0 &&
-        frame.clock.elapsed() + frame.clock.period() / 2 >= m_wanted + m_leading * frame.clock.period();
+    const std::int64_t period = frame.clock.period();
+    bool beyond = m_by == By::labels && m_wanted > 0 &&
+                  frame.clock.elapsed() + period / 2 >= m_wanted + m_leading * period;
+    if (m_by == By::count && !others) {
+        const std::size_t early = m_early.size();
+        noteShown(frame);
+        beyond = m_wanted > 0 && m_early.size() == early && shownBehind(frame);
+    }
     if (others || beyond)
         m_others += frames;
     return !others;
@@ -236,7 +302,9 @@ bool PlayedReturn::endsBefore(const Frame& frame, int recordedRate, std::uint64_
     if (otherVideo(recordedRate, frame) && m_by != By::time && returned(frames) >= expected(recordedRate) &&
         (m_by == By::labels || playedFor(frame.now)))
         return true;
-    return lastCame(frame, frames) || ((m_by != By::count || told()) && late(frame.now));
+    // What may still be shown before the last frame is not kept out by a picture that is coded before it.
+    const bool wanted = m_by == By::count && !told() && m_wanted > 0 && !shownBehind(frame);
+    return (!wanted && lastCame(frame, frames)) || ((m_by != By::count || told()) && late(frame.now));
 }
 
 // Whether the source's labels count its frames one by one up to its last.
@@ -254,7 +322,7 @@ bool PlayedReturn::lastCame(const Frame& frame, std::uint64_t frames) const {
         return m_range.complete();
     // Nothing that was recorded while the source still had frames to come was its last frame.
     if (m_by == By::count)
-        return durationReached(frame, frames) && playedFor(frame.now);
+        return lastDecoded(frame, frames) && playedFor(frame.now);
     return m_by == By::labels && labelledEndCame(frame);
 }
 
@@ -262,12 +330,36 @@ bool PlayedReturn::lastPassed(const Frame& frame) const {
     return told() && (m_range.highest() >= m_range.length() - 1 || labelledEndCame(frame));
 }
 
-bool PlayedReturn::durationReached(const Frame& frame, std::uint64_t frames) const {
-    const bool all = frames >= m_wantedFrames;
+// Of the frames recorded, those that are shown from the source's first to its last.
+std::uint64_t PlayedReturn::inside(std::uint64_t frames) const {
+    std::uint64_t no = m_others;
+    if (!m_unstamped && m_wanted > 0)
+        no += static_cast<std::uint64_t>(
+            std::count_if(m_early.begin(), m_early.end(),
+                          [this](std::int64_t shown) { return shown + m_period / 2 >= shownEnd(); }));
+    return frames - std::min(frames, no);
+}
+
+// By their number: none was lost.
+bool PlayedReturn::countComplete(std::uint64_t frames) const {
+    const std::uint64_t there = inside(frames);
+    if (m_rateVaried)
+        return !m_uniform && there >= m_wantedFrames;
+    return static_cast<std::int64_t>(there) * m_period + m_period / 2 >= m_wanted;
+}
+
+// Whether all frames of the source have come that can come: each is decoded no later than it is shown. Where
+// it is not known when that is, some frames may be coded behind others that are shown behind them.
+bool PlayedReturn::lastDecoded(const Frame& frame, std::uint64_t frames) const {
+    const std::int64_t period = frame.clock.period();
     if (m_wanted == 0)
-        return all;
-    const bool time = frame.clock.end() + frame.clock.period() / 2 >= m_wanted;
-    return time && (m_uniform || !m_rateVaried || all);
+        return frames >= m_wantedFrames + mostReordered;
+    bool time = false;
+    if (m_unstamped || !m_delay)
+        time = frame.clock.elapsed() + period / 2 >= m_wanted + mostReordered * period;
+    else
+        time = countComplete(frames) || frame.clock.elapsed() + period / 4 >= shownEnd() - period;
+    return time && (m_uniform || !m_rateVaried || frames >= m_wantedFrames);
 }
 
 bool PlayedReturn::playedFor(Clock::time_point now) const {
@@ -288,10 +380,18 @@ std::uint64_t PlayedReturn::total() const noexcept {
 }
 
 std::uint64_t PlayedReturn::returned(std::uint64_t frames) const {
-    if (told())
-        return static_cast<std::uint64_t>(m_range.length() - m_range.absent());
+    return told() ? static_cast<std::uint64_t>(m_range.length() - m_range.absent()) : byNumber(frames);
+}
+
+std::uint64_t PlayedReturn::byNumber(std::uint64_t frames) const {
+    if (m_by == By::count)
+        return inside(frames);
     const std::uint64_t no = static_cast<std::uint64_t>(m_before) + m_others;
     return frames - std::min(frames, no);
+}
+
+bool PlayedReturn::othersMayBe(std::uint64_t frames) const {
+    return told() && !m_eachLabelled && byNumber(frames) > returned(frames);
 }
 
 std::uint64_t PlayedReturn::expected(int recordedRate) const {
@@ -319,6 +419,8 @@ std::string PlayedReturn::describe(int recordedRate, bool ended) const {
     if (m_by == By::labels || (told() && ended && m_range.absent() > 0)) {
         text += ", by the source's timecodes from " + m_range.text(m_offset) + " to " +
                 m_range.text(m_offset + std::min(m_range.highest(), m_range.length() - 1));
+        if (m_by == By::labels && told() && m_credited > 0)
+            text += ", those before " + m_range.text(m_credited) + " by the clock";
         if (m_leadIn > 0)
             text += ", " + counted(static_cast<std::uint64_t>(m_leadIn), "frame") + " before";
         if (ended && told() && m_range.missing() > 0)

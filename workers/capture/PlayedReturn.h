@@ -24,8 +24,8 @@ namespace kestrel::capture {
 //   seen as one of the source's own (see OwnLabels). This holds for an encoder that was silent, too, when the
 //   first frame that came has such a label;
 // - else by count: as many frames as the source has. Frames of another rate or codec than the source's, once
-//   that was there, do not count, and neither do those that are shown before its first or certainly come
-//   behind its last;
+//   that was there, do not count, and neither do those that are shown before its first or behind its last:
+//   one of these is coded before the last ones where frames are coded in another order than they are shown;
 // - by time it is never known, and the results say so.
 // Rather some frames too many are taken than one too few.
 //
@@ -125,8 +125,10 @@ public:
     [[nodiscard]] bool lastCame(const Frame& frame, std::uint64_t frames) const;
     // By labels: whether the time of the last one has passed, be they all there or not.
     [[nodiscard]] bool lastPassed(const Frame& frame) const;
-    // Of the frames recorded, those that can be the source's.
+    // Of the frames recorded, those that count as the source's.
     [[nodiscard]] std::uint64_t returned(std::uint64_t frames) const;
+    // Others may be, too, but have no label that shows it.
+    [[nodiscard]] bool othersMayBe(std::uint64_t frames) const;
     // The source's frames that can come back, at the rate at which they come.
     [[nodiscard]] std::uint64_t expected(int recordedRate) const;
     // It is over, whatever still comes: all that was played must have come back.
@@ -142,7 +144,15 @@ private:
     [[nodiscard]] bool through() const noexcept;
     [[nodiscard]] bool told() const noexcept;
     [[nodiscard]] bool otherVideo(int recordedRate, const Frame& frame) const noexcept;
-    [[nodiscard]] bool durationReached(const Frame& frame, std::uint64_t frames) const;
+    [[nodiscard]] std::int64_t placeOf(const OwnLabels::Range& range) const;
+    void creditOpenGroup(const Point& begin, std::int64_t line, std::int64_t period, std::int64_t lowest);
+    void noteShown(const Frame& frame);
+    [[nodiscard]] std::uint64_t byNumber(std::uint64_t frames) const;
+    [[nodiscard]] std::uint64_t inside(std::uint64_t frames) const;
+    [[nodiscard]] std::int64_t shownEnd() const noexcept { return m_firstShown + m_wanted; }
+    [[nodiscard]] bool shownBehind(const Frame& frame) const;
+    [[nodiscard]] bool countComplete(std::uint64_t frames) const;
+    [[nodiscard]] bool lastDecoded(const Frame& frame, std::uint64_t frames) const;
     [[nodiscard]] bool playedFor(Clock::time_point now) const;
     [[nodiscard]] bool labelledEndCame(const Frame& frame) const;
     [[nodiscard]] std::uint64_t total() const noexcept;
@@ -184,6 +194,15 @@ private:
     std::int64_t m_before = 0;
     std::int64_t m_leading = 0; // at most so many are coded behind the first but shown before it
     std::uint64_t m_others = 0;
+    std::int64_t m_credited = 0; // of the source's first, those whose labels were not seen
+    bool m_eachLabelled = false; // pictures that are no random access points have a timecode
+
+    // By count: when pictures are shown, from the beginning by the stream's clock.
+    std::optional<std::int64_t> m_delay; // of the current picture, from when it is decoded; none: not known
+    bool m_unstamped = false;            // of some it is not known
+    std::int64_t m_period = 0;           // of the last one recorded
+    std::int64_t m_firstShown = 0;       // the first that is shown
+    std::vector<std::int64_t> m_early;   // those that come first; any may turn out to be it
 };
 
 } // namespace kestrel::capture

@@ -48,7 +48,7 @@ void Recording::arm(Clock::time_point now) {
 void Recording::disarm() {
     if (m_state != RecordingState::waiting)
         return;
-    m_armed = m_groupHeld = m_undecided = m_passed = false;
+    m_armed = m_groupHeld = m_groupByClock = m_undecided = m_passed = false;
     m_held.clear();
     m_unitAt = 0;
     m_labels.forget();
@@ -164,8 +164,15 @@ unsigned Recording::count(const VideoUnit& unit) {
 // The labels of a PES packet that is taken: first that of its first picture, and once it is closed those of
 // all others in it.
 void Recording::noteLabels(const VideoUnit& unit) {
-    if (!m_label || !unit.newFrame || (m_state != RecordingState::recording && !m_groupHeld))
+    if (!unit.newFrame || (m_state != RecordingState::recording && !m_groupHeld))
         return;
+    if (m_groupByClock && !labelCounts())
+        return noteByClock(unit);
+    if (!m_label)
+        return;
+    // An encoder that labels one picture of a GOP labels all that are the source's.
+    if (m_analyzer.codec() == VideoCodec::avc && unit.gopTimecode && !unit.randomAccess && labelCounts())
+        m_range.dropByClock();
     const std::int64_t first = m_unitNoted ? *m_label + 1 : *m_label;
     if (m_played.whole() || byStreamLabels()) {
         for (const auto& [from, to] : m_played.note(first, m_labels.highest(unit)))
@@ -201,8 +208,9 @@ void Recording::settleUnit(const VideoUnit& unit) {
     m_undecided = false;
     if (m_state == RecordingState::waiting)
         return settleWaiting(unit);
-    // The label of the frame that begins decides; a duration is decided on before it is counted.
-    const bool labelled = m_plan.mode == CaptureMode::marks || m_played.by() != PlayedReturn::By::count;
+    // The label of the frame that begins decides, or when it is shown; a duration is decided on before it is
+    // counted.
+    const bool labelled = m_plan.mode == CaptureMode::marks || m_played.whole();
     unsigned begun = labelled ? count(unit) : 0;
     if (endsBefore(unit)) {
         m_held.clear();
@@ -231,56 +239,6 @@ void Recording::settleWaiting(const VideoUnit& unit) {
         return startRecording();
     }
     m_held.clear();
-}
-
-// Keeps the group of pictures in which mark-in may lie, until its frame comes or another group begins.
-void Recording::settleMarks(const VideoUnit& unit) {
-    if (unit.known && unit.randomAccess) {
-        m_lastRandomAccess = m_now;
-        if (m_label)
-            m_lastLabelled = m_now;
-    }
-    if (unit.known && unlikeSource()) {
-        m_groupHeld = false;
-        m_held.clear();
-        if (m_played.began() && m_now >= m_played.begin() + m_timing.longestReturn)
-            fail(failure(error::sourceFrameRateMismatch, m_analyzer.frameRateCode(), m_plan.sourceRateCode));
-        return;
-    }
-    if (m_label && unit.known && labelCounts()) {
-        if (auto failed = m_range.settle(m_labels.rule()))
-            return fail(*failed);
-        if (unit.randomAccess)
-            openGroup(unit);
-        noteLabels(unit);
-        if (m_groupHeld && m_range.position(*m_label) >= 0)
-            return startRecording();
-    }
-    if (!m_groupHeld)
-        m_held.clear();
-}
-
-void Recording::openGroup(const VideoUnit& unit) {
-    const std::int64_t group = m_labels.groupLabel();
-    const std::int64_t position = m_range.position(group);
-    const double lost = lostSeconds * m_labels.rule().framesPerSecond();
-    // The frame at mark-in was lost on the way: its group is the one that has just ended.
-    if (m_groupHeld && position > 0 && static_cast<double>(position - m_range.highest()) <= lost)
-        return startRecording();
-    const auto aSecond = static_cast<std::int64_t>(m_labels.rule().framesPerSecond()) + 1;
-    const std::int64_t length = m_groupLabel ? m_labels.rule().distance(*m_groupLabel, group) : 0;
-    m_groupLabel = group;
-    m_played.dropLabels();
-    m_held.erase(m_held.begin(), m_held.begin() + static_cast<std::ptrdiff_t>(m_unitAt));
-    m_unitAt = 0;
-    m_groupHeld = m_analyzer.programKnown() && m_range.mayBeginAt(group);
-    if (m_groupHeld) {
-        m_clock.begin();
-        m_begin = unit;
-        m_range.begin(group, unit.closedGop ? 0 : *m_label - group);
-        m_leadIn = -position;
-    }
-    m_passed = !m_groupHeld && position > (length > 0 ? length : aSecond);
 }
 
 // Whether the recording ends before the frame that begins here.
@@ -358,7 +316,7 @@ void Recording::startRecording() {
     if (auto failed = m_file.open(m_plan))
         return fail(*failed);
     m_state = RecordingState::recording;
-    m_groupHeld = m_passed = false;
+    m_groupHeld = m_groupByClock = m_passed = false;
     m_played.dropPoints();
     m_played.recordingBegins(frame());
     m_labels.keep();

@@ -132,6 +132,10 @@ private:
     [[nodiscard]] bool unlikeSource() const noexcept;
     [[nodiscard]] std::string describePlayed() const;
     void openGroup(const VideoUnit& unit);
+    void holdGroup(const VideoUnit& unit, std::int64_t group, std::int64_t leading);
+    [[nodiscard]] MaybeFailure openGroupByClock(const VideoUnit& unit);
+    [[nodiscard]] std::int64_t labelByClock() const;
+    void noteByClock(const VideoUnit& unit);
     [[nodiscard]] bool endsBefore(const VideoUnit& unit);
     void startSegment();
     void startRecording();
@@ -189,6 +193,12 @@ private:
     std::optional<std::int64_t> m_groupLabel; // of the last random access point since it was armed
     std::int64_t m_leadIn = 0;                // frames from the beginning to mark-in
     bool m_passed = false;
+    // Of a source that is played, whose labels have been recognised: while none has come with a random access
+    // point, a group may be held by the time at which its pictures are shown.
+    bool m_labelsOfSource = false;
+    bool m_groupByClock = false;
+    bool m_clockCounts = false;    // its pictures may be the source's
+    std::int64_t m_clockLabel = 0; // of the source's first frame
 
     // What comes back of a source. Until its first frame is found all is held from the last random access
     // point before it began on.

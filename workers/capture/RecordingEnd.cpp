@@ -239,9 +239,9 @@ void Recording::finishComplete(const std::string& besides) {
     const std::uint64_t returned = m_played.returned(m_file.frames());
     const std::uint64_t expected = m_played.expected(recordedRate());
     if (m_plan.mode == CaptureMode::timed && returned < expected)
-        return finish(false,
-                      format("Error: %" PRIu64 " of %" PRIu64 " frames came back. ", returned, expected) +
-                          recorded() + besides);
+        return finish(false, format("Error: %" PRIu64 " of %" PRIu64 " frames came back%s. ", returned,
+                                    expected, m_played.othersMayBe(m_file.frames()) ? " for certain" : "") +
+                                 recorded() + besides);
     if (m_plan.mode == CaptureMode::marks) {
         const LabelRule& rule = m_rule;
         const std::int64_t absent = m_plan.everyLabel ? m_range.absent() : m_range.missing();

@@ -13,25 +13,6 @@ namespace {
 
 constexpr const char* module = "Capture";
 
-// Whether a PES packet ends with this packet: only there is its payload cut short by stuffing (ISO/IEC
-// 13818-1, 2.4.3.5).
-bool stuffed(const Packet& packet) noexcept {
-    if (!ts::has_adaptation(packet.data()))
-        return false;
-    const auto field = ts::adaptation_field(packet.data());
-    if (field.empty()) // a length of 0: one byte of stuffing
-        return true;
-    std::size_t used = 1;
-    const unsigned flags = field[0];
-    used += (flags & 0x10) ? 6 : 0;            // PCR
-    used += (flags & 0x08) ? 6 : 0;            // OPCR
-    used += (flags & 0x04) ? 1 : 0;            // splice_countdown
-    for (const unsigned part : {0x02u, 0x01u}) // private data, extension: each with its length in front
-        if ((flags & part) && used < field.size())
-            used += 1u + field[used];
-    return field.size() > used;
-}
-
 } // namespace
 
 MaybeFailure RecordingFile::open(const RecordingPlan& plan) {
@@ -87,7 +68,7 @@ MaybeFailure RecordingFile::write(const Packet& packet, int videoPid, Clock::tim
         m_lastWrite = now;
     m_continuity.check(packet.data(), packets(), now);
     if (ts::pid(packet.data()) == videoPid && ts::has_payload(packet.data()))
-        m_frameOpen = !stuffed(packet);
+        m_frameOpen = !endsPesPacket(packet.data());
     return append(packet);
 }
 

@@ -87,7 +87,8 @@ void Recording::holdPoint(const VideoUnit& unit) {
 
 // Whether the label of the current frame may tell where the marks are.
 bool Recording::labelCounts() const {
-    return !m_plan.played || m_labels.origin() != LabelOrigin::stream || m_played.mayBeSources(frame());
+    return m_label &&
+           (!m_plan.played || m_labels.origin() != LabelOrigin::stream || m_played.mayBeSources(frame()));
 }
 
 // Looks at a packet before it is taken, and takes those that need not be held back any more.
@@ -121,8 +122,14 @@ void Recording::endProbe(ReturnProbe::Verdict verdict) {
                              m_plan.name.c_str());
         countFromBegin();
     }
-    if (verdict == ReturnProbe::Verdict::theSources)
+    if (verdict == ReturnProbe::Verdict::theSources) {
+        // What is told counts no more than what the encoder labelled before.
+        m_labels = FrameLabels(true, m_plan.marksCountPairs, m_plan.labelTolerance);
+        m_label.reset();
+        m_groupLabel.reset();
+        m_labelsOfSource = true;
         m_played.trustLabels();
+    }
     passHeld(m_probe->held().size());
     m_probe.reset();
 }

@@ -31,6 +31,7 @@ public:
         m_unitAt = offset;
     }
     void finish() {
+        m_frames.finish();
         settle(m_frames.unit(), m_frames.framesBefore());
         m_index.frames = m_frames.frames();
         m_index.frameRateCode = m_frames.frameRateCode();

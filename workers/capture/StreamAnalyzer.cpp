@@ -71,6 +71,29 @@ void StreamClock::advance(PTS stamp, unsigned frames, int frameRateCode) noexcep
             m_rateCode = code;
 }
 
+bool endsPesPacket(const unsigned char* packet) noexcept {
+    if (!ts::has_adaptation(packet))
+        return false;
+    const ts::bytes field = ts::adaptation_field(packet);
+    if (field.empty()) // a length of 0: one byte of stuffing
+        return true;
+    std::size_t used = 1;
+    const unsigned flags = field[0];
+    used += (flags & 0x10) ? 6 : 0;            // PCR
+    used += (flags & 0x08) ? 6 : 0;            // OPCR
+    used += (flags & 0x04) ? 1 : 0;            // splice_countdown
+    for (const unsigned part : {0x02u, 0x01u}) // private data, extension: each with its length in front
+        if ((flags & part) && used < field.size())
+            used += 1u + field[used];
+    return field.size() > used;
+}
+
+unsigned StreamAnalyzer::framesAtEnd() const noexcept {
+    VideoScanner ended = m_scanner;
+    ended.settle();
+    return ended.unit().frames;
+}
+
 bool StreamAnalyzer::take(const unsigned char* packet) noexcept {
     const int pid = ts::pid(packet);
     const bool lost = noteCounter(packet, pid);
@@ -189,6 +212,8 @@ bool StreamAnalyzer::takeVideo(const unsigned char* packet, bool lost) noexcept 
         m_pesState = PesState::none;
     }
     takePes(ts::payload(packet));
+    if (endsPesPacket(packet))
+        m_scanner.settle();
     return opens;
 }
 

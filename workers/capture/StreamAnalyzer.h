@@ -33,13 +33,22 @@ private:
     int m_rateCode = 0;
 };
 
+// Whether a PES packet ends with this transport packet, as far as it shows: only there is its payload cut
+// short by stuffing (ISO/IEC 13818-1, 2.4.3.5). Where the end of a PES packet fills it, nothing tells.
+[[nodiscard]] bool endsPesPacket(const unsigned char* packet) noexcept;
+
 class StreamAnalyzer {
 public:
     // Takes the next packet. True when it begins a PES packet of the video: closedUnit() is then the one
     // before, and unit() this one. A duplicate packet (ISO/IEC 13818-1, 2.4.3.3) is not taken again.
     bool take(const unsigned char* packet) noexcept;
 
+    // Nothing comes any more, as at the end of a file.
+    void endOfStream() noexcept { m_scanner.settle(); }
+
     [[nodiscard]] const VideoUnit& unit() const noexcept { return m_scanner.unit(); }
+    // Frames that begin in unit() if nothing comes any more.
+    [[nodiscard]] unsigned framesAtEnd() const noexcept;
     [[nodiscard]] const VideoUnit& closedUnit() const noexcept { return m_scanner.closed(); }
 
     // Both tables have been seen.

@@ -167,6 +167,21 @@ void VideoScanner::skip() noexcept {
     m_pictureType = 0;
 }
 
+void VideoScanner::settle() noexcept {
+    if (m_codec != VideoCodec::avc || m_headerWanted == 0)
+        return;
+    const unsigned type = m_header[3] & 0x1Fu;
+    if (type != nalSlice && type != nalPartition && type != nalIdr)
+        return;
+    auto header = m_header;
+    const std::span<unsigned char> slice(header.data(), m_headerLength);
+    const auto read = m_avc.readSlice(slice);
+    if (!read || read->cut)
+        return;
+    m_headerWanted = 0;
+    takeAvcNal(slice);
+}
+
 void VideoScanner::feed(std::span<const unsigned char> bytes) noexcept {
     if (m_codec != VideoCodec::mpeg2 && m_codec != VideoCodec::avc)
         return;

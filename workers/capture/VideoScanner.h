@@ -49,6 +49,10 @@ public:
     void feed(std::span<const unsigned char> bytes) noexcept;
     // Bytes were lost: what was being read is dropped.
     void skip() noexcept;
+    // Nothing more of the PES packet may come, as behind its last packet or at the end of a file: a picture
+    // whose slice is shorter than what is collected of others begins with what there is. Changes nothing for
+    // what comes all the same.
+    void settle() noexcept;
 
     [[nodiscard]] const VideoUnit& unit() const noexcept { return m_unit; }
     [[nodiscard]] const VideoUnit& closed() const noexcept { return m_closed; }

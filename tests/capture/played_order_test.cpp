@@ -1,0 +1,330 @@
+// Recordings of what comes back of a source that is played, from encoders that code frames in another order
+// than they are shown: the last ones of the source behind one that follows them, the first ones behind one
+// that comes later.
+#include "capture/played_fixture.h"
+
+#include <algorithm>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using namespace kestrel::capture;
+using namespace capture_test;
+using namespace std::chrono_literals;
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+
+namespace {
+
+std::string nameOf(const LabelledShape& shape) {
+    return std::string(shape.avc ? "H264" : "Mpeg2") + "With" + std::to_string(shape.bFrames) + "BFrames" +
+           (shape.open ? "InOpenGops" : "") + (shape.fields ? "OfFields" : "") +
+           (shape.delay != 0 ? "Delayed" : "") + (shape.rateCode == 6 ? "At50" : "");
+}
+
+class PlayedOrder : public PlayedRecording {
+protected:
+    static bool startsPicture(const Packet& packet) {
+        return pid(packet) == videoPid && (packet[1] & 0x40) != 0;
+    }
+    // The labels of the frames that are in the file.
+    std::vector<std::string> recordedOf(const std::vector<CodedFrame>& fed) {
+        const Packets file = readPackets(m_file);
+        std::vector<std::string> labels;
+        for (const CodedFrame& frame : fed) {
+            const auto first = std::find_if(frame.packets.begin(), frame.packets.end(), startsPicture);
+            if (std::find(file.begin(), file.end(), *first) != file.end())
+                labels.push_back(frame.label);
+        }
+        return labels;
+    }
+    static std::vector<CodedFrame> unstamped(std::vector<CodedFrame> frames) {
+        for (CodedFrame& frame : frames)
+            for (Packet& packet : frame.packets)
+                if (startsPicture(packet) && packet[11] != 0) {
+                    packet[11] = 0;
+                    std::fill_n(packet.begin() + 13, 10, static_cast<unsigned char>(0xFF));
+                }
+        return frames;
+    }
+};
+
+// An encoder that waits for the source and counts by itself.
+class ByCount : public PlayedOrder, public testing::WithParamInterface<LabelledShape> {
+protected:
+    static LabelledShape shape() {
+        LabelledShape result = GetParam();
+        result.timecode = "00:00:00:00";
+        result.gop = 15;
+        return result;
+    }
+    static int perFrame() { return GetParam().rateCode == 6 ? 2 : 1; }
+    void begin(Recording& r) {
+        m_frameTime = 40ms / perFrame();
+        beginSilent(r);
+    }
+    Recording recordingOf(int wanted) {
+        m_file = m_directory.path(std::to_string(++m_recordings) + ".ts");
+        RecordingPlan asked = plan();
+        asked.wantedFrames = static_cast<std::uint64_t>(wanted);
+        return recording(asked);
+    }
+    static std::vector<std::string> sources(int wanted) {
+        return labelsFrom("00:00:00:00", wanted * perFrame(), GetParam().rateCode);
+    }
+    // By when they are coded: as many as it takes for all of these to have come, and how many are before the
+    // last.
+    static std::size_t lastAt(const std::vector<CodedFrame>& frames, const std::vector<std::string>& labels) {
+        std::size_t last = 0;
+        for (std::size_t i = 0; i < frames.size(); ++i)
+            if (std::find(labels.begin(), labels.end(), frames[i].label) != labels.end())
+                last = i;
+        return last;
+    }
+    int m_recordings = 0;
+};
+
+TEST_P(ByCount, HasEachFrameOfTheSourceAndNoMoreThanItMust) {
+    for (const bool goesOn : {true, false})
+        for (int wanted = 90; wanted < 105; ++wanted) {
+            SCOPED_TRACE(std::to_string(wanted) + (goesOn ? " on" : " off"));
+            Recording r = recordingOf(wanted);
+            begin(r);
+            LabelledStream stream(shape());
+            std::vector<CodedFrame> fed = stream.frames(300);
+            const std::vector<std::string> all = sources(wanted);
+            if (!goesOn)
+                fed.resize(lastAt(fed, all) + 1);
+            feed(r, fed);
+            r.sourceEnded(m_now);
+            pass(r, 6s);
+            expectRecorded(r);
+            EXPECT_THAT(recordedOf(fed), testing::IsSupersetOf(all));
+            EXPECT_LE(fileFrames(), all.size() + 1 + static_cast<std::size_t>(shape().delay));
+        }
+}
+
+// One that is shown behind it, and is coded before it, does not stand for it.
+TEST_P(ByCount, TellsThatTheLastFrameWasLost) {
+    for (int wanted = 90; wanted < 105; ++wanted) {
+        SCOPED_TRACE(wanted);
+        Recording r = recordingOf(wanted);
+        begin(r);
+        LabelledStream stream(shape());
+        std::vector<CodedFrame> fed = stream.frames(300);
+        const std::vector<std::string> all = sources(wanted);
+        const std::size_t lost = 1 + static_cast<std::size_t>(perFrame() - 1);
+        for (std::size_t i = 0; i < lost; ++i)
+            std::find_if(fed.begin(), fed.end(), [&](const CodedFrame& frame) {
+                return frame.label == all[all.size() - 1 - i];
+            })->packets.clear();
+        std::erase_if(fed, [](const CodedFrame& frame) { return frame.packets.empty(); });
+        feed(r, fed);
+        r.sourceEnded(m_now);
+        pass(r, 6s);
+        // At another rate the last may be shown for less than its time.
+        expectFailed(r, "Error: " + std::to_string(all.size() - lost) + " of " +
+                            std::to_string(all.size() - (perFrame() - 1U)) + " frames came back. ");
+    }
+}
+
+TEST_P(ByCount, IsCancelledWhileTheLastFrameIsStillToCome) {
+    for (int wanted = 90; wanted < 105; ++wanted)
+        for (const bool came : {false, true}) {
+            SCOPED_TRACE(std::to_string(wanted) + (came ? " came" : ""));
+            Recording r = recordingOf(wanted);
+            begin(r);
+            LabelledStream stream(shape());
+            std::vector<CodedFrame> fed = stream.frames(300);
+            const std::size_t last = lastAt(fed, sources(wanted));
+            fed.resize(last + (came ? 1 : 0));
+            feed(r, fed);
+            r.sourceEnded(m_now);
+            r.cancel(m_now);
+            EXPECT_TRUE(r.status().succeeded) << r.status().text;
+            EXPECT_THAT(r.status().text, StartsWith(came ? "Recorded " : "Cancelled after "));
+        }
+}
+
+// Without them it is not known which is shown when.
+TEST_P(ByCount, WithoutTimestampsHasSomeFramesMore) {
+    for (int wanted = 90; wanted < 105; ++wanted) {
+        SCOPED_TRACE(wanted);
+        Recording r = recordingOf(wanted);
+        begin(r);
+        LabelledStream stream(shape());
+        const std::vector<CodedFrame> fed = unstamped(stream.frames(300));
+        const std::vector<std::string> all = sources(wanted);
+        feed(r, fed);
+        r.sourceEnded(m_now);
+        pass(r, 6s);
+        expectRecorded(r);
+        EXPECT_THAT(labelsOf(readPackets(m_file), GetParam().rateCode), testing::IsSupersetOf(all));
+        EXPECT_LE(fileFrames(), all.size() + 4);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Encoders, ByCount,
+                         testing::Values(LabelledShape{.bFrames = 0}, LabelledShape{.bFrames = 1},
+                                         LabelledShape{.bFrames = 2}, LabelledShape{.bFrames = 3},
+                                         LabelledShape{.rateCode = 6, .bFrames = 2},
+                                         LabelledShape{.bFrames = 2, .open = true},
+                                         LabelledShape{.bFrames = 2, .fields = true},
+                                         LabelledShape{.bFrames = 2, .delay = 3}),
+                         [](const auto& shape) { return nameOf(shape.param); });
+
+class ByCountOfH264 : public ByCount {};
+
+TEST_P(ByCountOfH264, HasTheLastFrameToo) {
+    for (int wanted = 90; wanted < 105; ++wanted) {
+        SCOPED_TRACE(wanted);
+        Recording r = recordingOf(wanted);
+        begin(r);
+        LabelledStream stream(shape());
+        const std::vector<CodedFrame> fed = stream.frames(300);
+        const std::vector<std::string> all = sources(wanted);
+        feed(r, fed);
+        expectRecorded(r);
+        const std::vector<std::string> there = recordedOf(fed);
+        EXPECT_THAT(there, testing::IsSupersetOf(all));
+        EXPECT_LE(there.size(), all.size() + 1);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Encoders, ByCountOfH264,
+                         testing::Values(LabelledShape{.bFrames = 0, .avc = true},
+                                         LabelledShape{.bFrames = 2, .avc = true},
+                                         LabelledShape{.bFrames = 3, .open = true, .avc = true},
+                                         LabelledShape{.rateCode = 6, .bFrames = 2, .avc = true}),
+                         [](const auto& shape) { return nameOf(shape.param); });
+
+// An encoder that sends all the time, with a timecode in each picture: the source comes and goes in the
+// middle of its GOPs.
+class LabelsOfPictures : public PlayedOrder, public testing::WithParamInterface<int> {
+protected:
+    static LabelledShape shape() {
+        LabelledShape result = idle({.bFrames = GetParam(), .avc = true});
+        result.gop = 30;
+        return result;
+    }
+};
+
+TEST_P(LabelsOfPictures, AreAllSeenWhereverInAGopTheSourceBegins) {
+    for (int first = 80; first < 92; ++first) {
+        SCOPED_TRACE(first);
+        m_file = m_directory.path(std::to_string(first) + ".ts");
+        Recording r = recording(labelledPlan());
+        LabelledStream stream(shape());
+        stream.switchAt(first, "10:00:00:00");
+        stream.switchAt(first + sourceFrames, "05:00:00:00");
+        beginRunning(r, stream, "10:00:00:00");
+        feed(r, stream, 120);
+        r.sourceEnded(m_now);
+        feed(r, stream, 200);
+        expectRecorded(r);
+        EXPECT_THAT(r.status().text, HasSubstr(" from 10:00:00:00 to 10:00:03:24"));
+        EXPECT_THAT(r.status().text, Not(HasSubstr("clock")));
+    }
+}
+
+TEST_P(LabelsOfPictures, AreAllSeenThoughTheDecoderStandsStillInBetween) {
+    for (int first = 80; first < 92; ++first) {
+        SCOPED_TRACE(first);
+        m_file = m_directory.path(std::to_string(first) + ".ts");
+        Recording r = recording(labelledPlan());
+        LabelledStream stream(shape());
+        stream.switchAt(first, "10:00:00:00");
+        stream.switchAt(first + 60, "10:00:02:09", false);
+        stream.switchAt(first + 71, "10:00:02:10");
+        stream.switchAt(first + sourceFrames + 11, "05:00:00:00");
+        beginRunning(r, stream, "10:00:00:00");
+        feed(r, stream, 130);
+        r.sourceEnded(m_now);
+        feed(r, stream, 200);
+        expectRecorded(r);
+        EXPECT_THAT(r.status().text, HasSubstr(" to 10:00:03:24"));
+    }
+}
+
+// A decoder that needs some frames until it shows them.
+TEST_P(LabelsOfPictures, TellThatTheFirstFramesDidNotComeBack) {
+    for (const int lost : {1, 6, 20}) {
+        SCOPED_TRACE(lost);
+        m_file = m_directory.path(std::to_string(lost) + ".ts");
+        Recording r = recording(labelledPlan());
+        LabelledStream stream(shape());
+        stream.switchAt(91 + lost, labelsFrom("10:00:00:00", lost + 1).back());
+        stream.switchAt(91 + sourceFrames, "05:00:00:00");
+        beginRunning(r, stream, "10:00:00:00");
+        feed(r, stream, 120);
+        r.sourceEnded(m_now);
+        feed(r, stream, 200);
+        expectFailed(r, "Error: " + std::to_string(sourceFrames - lost) + " of 100 frames came back. ");
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(BFrames, LabelsOfPictures, testing::Values(0, 1, 2, 3));
+
+// Of an encoder that sends all the time, with a timecode in each GOP.
+class LabelsOfGops : public PlayedOrder {
+protected:
+    static LabelledShape shape(int gop) {
+        LabelledShape result = idle({.bFrames = 2});
+        result.gop = gop;
+        return result;
+    }
+    void run(Recording& r, LabelledStream& stream) {
+        beginRunning(r, stream, "10:00:00:00");
+        feed(r, stream, 160);
+        r.sourceEnded(m_now);
+        feed(r, stream, 200);
+    }
+};
+
+// They do not tell whether those in the GOP that was open came back.
+TEST_F(LabelsOfGops, SayWhichFramesAreTheSourcesByTheClock) {
+    Recording r = recording(labelledPlan());
+    LabelledStream stream(shape(40));
+    stream.switchAt(81, "10:00:00:00");
+    stream.switchAt(81 + sourceFrames, "05:00:00:00");
+    run(r, stream);
+    expectRecorded(r);
+    EXPECT_THAT(r.status().text, HasSubstr(", by the source's timecodes from 10:00:00:00 to 10:00:03:24, "
+                                           "those before 10:00:01:14 by the clock, 1 frame before"));
+}
+
+TEST_F(LabelsOfGops, SayNothingOfTheClockWhereTheFirstFrameHasALabel) {
+    Recording r = recording(labelledPlan());
+    LabelledStream stream(shape(40));
+    stream.switchAt(80, "10:00:00:00");
+    stream.switchAt(80 + sourceFrames, "05:00:00:00");
+    run(r, stream);
+    expectRecorded(r);
+    EXPECT_THAT(r.status().text, Not(HasSubstr("clock")));
+}
+
+// A GOP that begins with another label does not begin with a frame of the source.
+TEST_F(LabelsOfGops, TellThatFramesDidNotComeBackInTheGopsBehindIt) {
+    Recording r = recording(labelledPlan());
+    LabelledStream stream(shape(10));
+    stream.switchAt(81 + 25, "10:00:01:00");
+    stream.switchAt(81 + sourceFrames, "05:00:00:00");
+    run(r, stream);
+    expectFailed(r, "Error: 80 of 100 frames came back for certain. ");
+    EXPECT_THAT(r.status().text, HasSubstr(", those before 10:00:00:09 by the clock, "));
+}
+
+// The decoder goes on in the middle of a GOP: what is left of that has no label of the source.
+TEST_F(LabelsOfGops, SayHowManyFramesAreTheSourcesForCertain) {
+    Recording r = recording(labelledPlan());
+    LabelledStream stream(shape(10));
+    stream.switchAt(80, "10:00:00:00");
+    stream.switchAt(80 + 60, "10:00:02:09", false);
+    stream.switchAt(80 + 85, "10:00:02:10");
+    stream.switchAt(80 + sourceFrames + 25, "05:00:00:00");
+    run(r, stream);
+    expectFailed(r, "Error: 95 of 100 frames came back for certain. ");
+    EXPECT_GE(fileFrames(), 125U);
+}
+
+} // namespace
