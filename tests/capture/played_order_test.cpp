@@ -104,6 +104,29 @@ TEST_P(ByCount, HasEachFrameOfTheSourceAndNoMoreThanItMust) {
         }
 }
 
+// Of a film in video each other frame is shown for three fields; the encoder returns frames of two.
+TEST_P(ByCount, HasAFilmToTheEndThoughItReturnsMoreFramesThanTheSourceHas) {
+    for (const bool goesOn : {true, false}) {
+        SCOPED_TRACE(goesOn);
+        m_file = m_directory.path(std::to_string(++m_recordings) + ".ts");
+        RecordingPlan asked = plan();
+        asked.wantedFrames = 80;
+        asked.sourceTime = 4 * PTS::units_per_second;
+        Recording r = recording(asked);
+        begin(r);
+        LabelledStream stream(shape());
+        std::vector<CodedFrame> fed = stream.frames(300);
+        const std::vector<std::string> all = sources(100);
+        if (!goesOn)
+            fed.resize(lastAt(fed, all) + 1);
+        feed(r, fed);
+        r.sourceEnded(m_now);
+        pass(r, 6s);
+        expectRecorded(r);
+        EXPECT_THAT(recordedOf(fed), testing::IsSupersetOf(all));
+    }
+}
+
 // One that is shown behind it, and is coded before it, does not stand for it.
 TEST_P(ByCount, TellsThatTheLastFrameWasLost) {
     for (int wanted = 90; wanted < 105; ++wanted) {

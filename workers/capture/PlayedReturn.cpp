@@ -214,7 +214,9 @@ std::int64_t PlayedReturn::placeOf(const OwnLabels::Range& range) const {
 // cannot be known; those of the GOPs behind it would have had labels of their own.
 void PlayedReturn::creditOpenGroup(const Point& begin, std::int64_t line, std::int64_t period,
                                    std::int64_t lowest) {
-    if (m_eachLabelled)
+    // One that begins with the source or behind it, and has another label, tells that it has none of them.
+    const std::int64_t groupBegin = begin.shown - std::max(begin.unit.temporalReference, 0) * period;
+    if (m_eachLabelled || (begin.unit.gopTimecode && groupBegin + period / 2 > line))
         return;
     for (const Point& point : m_points)
         if (point.unit.gopTimecode && point.shown > std::max(line, begin.shown) + period / 2)
@@ -222,7 +224,9 @@ void PlayedReturn::creditOpenGroup(const Point& begin, std::int64_t line, std::i
                                           std::max(point.unit.temporalReference, 0));
     m_credited = std::max<std::int64_t>(lowest, 0);
     const std::int64_t first = m_range.out() - m_range.length() + 1;
-    m_range.note(first, first + m_credited - 1);
+    const std::int64_t notThere = std::max<std::int64_t>((groupBegin - line + period / 2) / period, 0);
+    if (notThere < m_credited)
+        m_range.note(first + notThere, first + m_credited - 1);
 }
 
 PlayedReturn::Point PlayedReturn::beginByTime() {
@@ -233,8 +237,11 @@ PlayedReturn::Point PlayedReturn::beginByTime() {
 
 void PlayedReturn::measure(std::uint64_t frames, int rateCode) {
     const int measure = m_sourceRateCode != 0 ? m_sourceRateCode : rateCode;
-    m_wanted = m_uniform ? static_cast<std::int64_t>(frames) * MPEG::SH::decode_PCRs_per_frame(measure)
-                         : m_sourceTime;
+    const std::int64_t period = MPEG::SH::decode_PCRs_per_frame(measure);
+    m_wanted = static_cast<std::int64_t>(frames) * period;
+    // Some frames of a film are shown for three fields, and where frames were lost the one before stands.
+    if (!m_uniform || m_sourceTime > m_wanted + period)
+        m_wanted = m_sourceTime;
     // Frames that cannot be shown are counted too: an encoder that passes on what it is sent returns them.
     if (m_by == By::labels)
         m_wanted += m_leadIn * MPEG::SH::decode_PCRs_per_frame(rateCode);

@@ -23,7 +23,8 @@ struct RecordingPlan {
     // on, markIn and markOut are the first and the last of labelledFrames of them.
     bool played = false;
     int sourceRateCode = 0; // frame_rate_code of those frames; 0: unknown
-    // All of the source has that rate and one codec; else its frames take sourceTime, in PTS units.
+    // All of the source has that rate and one codec. Its frames take sourceTime, in PTS units, be it longer
+    // than their number tells: some of a film are shown for three fields.
     bool sourceUniform = true;
     std::int64_t sourceTime = 0;
     // Marks: each label from mark-in to mark-out is that of a frame of the source.

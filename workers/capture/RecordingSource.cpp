@@ -27,7 +27,8 @@ void Recording::tellFirstPlayed() {
 
 void Recording::noteBefore() {
     LogUtil::Info(module, "%s: pictures come before the source is played", m_plan.name.c_str());
-    tellFirstPlayed();
+    if (!m_labelsOfSource)
+        tellFirstPlayed();
 }
 
 PlayedReturn::Frame Recording::frame() const {
