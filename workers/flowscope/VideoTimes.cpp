@@ -194,8 +194,9 @@ void VideoTimes::judgeShowing(const Times& times, const Place& place, std::optio
         const double each = static_cast<double>(*step) / place.frames;
         if (m_taken == 2 && place.beginsWhole)
             m_showing.beginsWhole();
-        m_showing.lasts({std::max({frame, each, m_usualStep}) * place.frames,
-                         std::min({frame, each, m_usualStep}) * place.leastFrames, frame});
+        const double longest = std::max({frame, each, m_usualStep});
+        m_showing.lasts(
+            {longest * place.frames, std::min({frame, each, m_usualStep}) * place.leastFrames, longest});
     }
     if (times.pts < times.dts) {
         m_showing.tolerate(times.dts); // that has been told
