@@ -106,8 +106,8 @@ int CaptureReencodeJob::validateMezzanine() {
         reason = framesPerSecond < 0 ? "names a frame rate that does not exist."
                                      : "has no video whose frame rate can be read.";
     LogUtil::Warning("JobMgmt", "SrcFilename: \"%s\" %s %s", sourceFile, reason.c_str(),
-                     code != 0 ? "The source is the reason of the refusal, not the marks."
-                               : "The marks are judged as at 23.976 frames a second.");
+                     framesPerSecond < 0 ? "The marks are judged as at 23.976 frames a second."
+                                         : "The source is the reason of the refusal, not the marks.");
     return code;
 }
 

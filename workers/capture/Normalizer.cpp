@@ -92,7 +92,7 @@ bool Normalizer::begin(bool whole) {
     // The programs should be known before their first packet goes on.
     if (!more(shapeSearchBytes))
         readAhead(whole);
-    if (more(shapeSearchBytes) || (!m_read.anyProgram() && more(mostAhead))) {
+    if (more(shapeSearchBytes) || (!m_read.complete() && more(mostAhead))) {
         m_shape = SourceShape::unknown;
         return false;
     }
