@@ -163,10 +163,12 @@ private:
     int queueVerification(VerifierRequest& request, VerifierJob& job);
     int answerAtOnce(VerifierRequest& request, VerifierJob& job);
     int answerFromOwnReport(VerifierRequest& request, VerifierJob& job);
+    int answerWithReport(VerifierRequest& request, VerifierJob& job);
+    void warnOfSharedReport(const VerifierJob& job);
     int launchVerification(VerifierRequest& request, VerifierJob& job, bool wait);
     int refuseVerification(VerifierRequest& request, VerifierJob& job, int reason);
     int answerVerification(VerifierRequest& request, VerifierJob& job);
-    int verificationResults(VerifierJob& job, std::span<char> out);
+    static int verificationResults(VerifierJob& job, std::span<char> out);
     CaptureJob* findCaptureJob(const char* guid);
     [[nodiscard]] std::string logStartFailure() const;
     int waitForEnd();

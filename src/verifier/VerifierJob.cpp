@@ -16,7 +16,9 @@
 #include <span>
 #include <string>
 #include <string_view>
-#include <unistd.h>
+#include <sys/stat.h>
+#include <thread>
+#include <utility>
 
 const char* const VerifierJob::PropertyNameStr[PROPERTY_COUNT] = {
     "QUICK",
@@ -71,6 +73,8 @@ const char* const VerifierJob::ValidationErrorEnabledStr[RULE_COUNT] = {
 namespace {
 
 constexpr const char* MODULE = "JobMgmt";
+// Longer than a tick of the clock that file systems take their times from.
+constexpr std::chrono::milliseconds CLOCK_TICK{20};
 
 std::span<char> buffer(char* out, int size) {
     return {out, out != nullptr && size > 0 ? static_cast<std::size_t>(size) : 0};
@@ -146,6 +150,7 @@ void VerifierJob::copyFields(const VerifierJob& other) {
     numAudios = other.numAudios;
     std::copy(std::begin(other.validationErrorEnabled), std::end(other.validationErrorEnabled),
               std::begin(validationErrorEnabled));
+    m_olderReport = other.m_olderReport;
     setReportFilename();
 }
 
@@ -228,19 +233,28 @@ const char* VerifierJob::getCmdLine(const char* exe) {
             "Job %d %s: the name of the report has %zu bytes, a file's has at most %d: the verifier "
             "will not be able to write %s",
             static_cast<int>(id), guidStr, length, NAME_MAX, reportFilename);
-    const bool quoted = hasQuote(fileName) || hasQuote(reportFilename);
+    const std::string quoted = quoteHolders();
     MutexLock lock(m_statusMutex);
     const bool whole = kestrel::copyText(cmdLine, line);
-    m_commandLineErrno = quoted ? EINVAL : whole ? 0 : ENAMETOOLONG;
-    if (quoted)
-        LogUtil::Error(MODULE,
-                       "Job %d %s: a double quote (\") in the name of the file or of the report's directory "
-                       "cannot be passed to the verifier: %s",
-                       static_cast<int>(id), guidStr, cmdLine);
+    m_commandLineErrno = !quoted.empty() ? EINVAL : whole ? 0 : ENAMETOOLONG;
+    if (!quoted.empty())
+        LogUtil::Error(MODULE, "Job %d %s: a double quote (\") in %s cannot be passed to the verifier: %s",
+                       static_cast<int>(id), guidStr, quoted.c_str(), cmdLine);
     else if (!whole)
         LogUtil::Error(MODULE, "Job %d %s: the command line is too long and is cut: %s", static_cast<int>(id),
                        guidStr, cmdLine);
     return cmdLine;
+}
+
+// Whose characters the command line would have to carry: the report's name has the GUID in it.
+std::string VerifierJob::quoteHolders() const {
+    const std::pair<const char*, const char*> parts[] = {
+        {fileName, "the name of the file"}, {guidStr, "the GUID"}, {reportDir, "the report's directory"}};
+    std::string holders;
+    for (const auto& [text, name] : parts)
+        if (hasQuote(text))
+            holders += (holders.empty() ? "" : " and ") + std::string(name);
+    return holders;
 }
 
 int VerifierJob::commandLineErrno() const {
@@ -259,14 +273,18 @@ int VerifierJob::getJobResults(char* out, int capacity) {
         kestrel::copyText(text, reportFilename);
         return 0;
     }
-    VerifierXml report(reportFilename);
+    // Asked before the report is opened: what replaces it meanwhile is this job's.
+    const bool older = reportIsOlder();
+    VerifierXml report(older ? "" : reportFilename);
     const int code = answer(report, out, capacity);
     if (code == 0)
         return 0;
     const std::string failure = failureText();
     LogUtil::Error(MODULE, "%s", failure.c_str());
     // The text does not say which report, and a directory without its closing slash makes another of it.
-    const char* const problem = report.problem().empty() ? "it lacks the property" : report.problem().c_str();
+    const char* const problem = older                      ? "what is there is of an earlier job"
+                                : report.problem().empty() ? "it lacks the property"
+                                                           : report.problem().c_str();
     LogUtil::Warning(MODULE, "Job %d %s: the report sought is %s: %s", static_cast<int>(id), guidStr,
                      reportFilename, problem);
     kestrel::copyText(text, failure);
@@ -281,9 +299,31 @@ std::string VerifierJob::failureText() {
     return text;
 }
 
-void VerifierJob::removeOldReport() const {
-    if (unlink(reportFilename) != 0 && errno != ENOENT && errno != ENOTDIR)
-        LogUtil::Warning(MODULE, "The old report %s cannot be removed: errno %d", reportFilename, errno);
+std::optional<VerifierJob::ReportMark> VerifierJob::reportMark() const {
+    struct stat file {};
+    if (stat(reportFilename, &file) != 0)
+        return std::nullopt;
+    return ReportMark{file.st_dev, file.st_ino, file.st_size,
+                      std::chrono::seconds(file.st_mtim.tv_sec) +
+                          std::chrono::nanoseconds(file.st_mtim.tv_nsec)};
+}
+
+void VerifierJob::disownReport() {
+    m_olderReport = reportMark();
+    if (!m_olderReport)
+        return;
+    // A verifier that writes over the file itself, rather than beside it, is told by the time alone: the new
+    // one must not be able to have the old one's.
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    const auto age = now - m_olderReport->modified;
+    if (age < std::chrono::nanoseconds(0) || age >= CLOCK_TICK)
+        return;
+    std::this_thread::sleep_for(CLOCK_TICK - age);
+    m_olderReport = reportMark();
+}
+
+bool VerifierJob::reportIsOlder() const {
+    return m_olderReport && reportMark() == m_olderReport;
 }
 
 int VerifierJob::answer(VerifierXml& report, char* out, int capacity) {

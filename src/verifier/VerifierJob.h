@@ -4,8 +4,10 @@
 #include "jobs/Job.h"
 
 #include <array>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 
 class VerifierXml;
@@ -53,8 +55,11 @@ public:
     int getJobResults(char* out, int capacity) override;
     // What getJobResults answers where it fails.
     [[nodiscard]] std::string failureText();
-    // Removes a report that an earlier job of that GUID left, so that it is not taken for this job's.
-    void removeOldReport() const;
+    // Takes the report that is there now for an earlier job's: it stays until there is a new one, and is
+    // never this job's answer. For a job that nobody else knows yet; returns after some ms at most.
+    void disownReport();
+    // Whether the report that is there is still that of the earlier job.
+    [[nodiscard]] bool reportIsOlder() const;
 
     // Index of the exact name in PropertyNameStr, and in ValidationErrorEnabledStr; -1 when there is none.
     static int getPropertyName(const char* name);
@@ -93,6 +98,17 @@ public:
     char audioPlaceholder[260] = {};         // the value of groups that the file lacks
 
 private:
+    // What tells a report from the next one of its path.
+    struct ReportMark {
+        std::uint64_t device;
+        std::uint64_t inode;
+        std::int64_t size; // in bytes
+        std::chrono::nanoseconds modified;
+        bool operator==(const ReportMark&) const = default;
+    };
+    // None where there is no report.
+    [[nodiscard]] std::optional<ReportMark> reportMark() const;
+    [[nodiscard]] std::string quoteHolders() const;
     // Of a report that may not have been read. 0, or 10026.
     int answer(VerifierXml& report, char* out, int capacity);
     int singleAnswer(const VerifierXml& report, char* out, int capacity);
@@ -102,5 +118,6 @@ private:
     int validationErrors(const VerifierXml& report, char* out, int capacity);
     void copyFields(const VerifierJob& other);
 
-    int m_commandLineErrno = 0; // of the last getCmdLine; under m_statusMutex
+    std::optional<ReportMark> m_olderReport; // set before others know the job
+    int m_commandLineErrno = 0;              // of the last getCmdLine; under m_statusMutex
 };

@@ -49,29 +49,6 @@ TEST(ReportLocks, ClosingEndsTheWaitingAndLetsNobodyBegin) {
     EXPECT_TRUE(ask(locks, "/r/a").get());
 }
 
-TEST(ReportLocks, AWaitEndsAtItsLimit) {
-    ReportLocks locks;
-    std::optional<ReportLocks::Hold> first(std::in_place, locks, "/r/a");
-    const auto begin = std::chrono::steady_clock::now();
-    EXPECT_FALSE(ReportLocks::Hold(locks, "/r/a", A_WHILE).held());
-    EXPECT_GE(std::chrono::steady_clock::now() - begin, A_WHILE);
-    EXPECT_FALSE(ReportLocks::Hold(locks, "/r/a", A_WHILE * 0).held()) << "not waiting at all";
-    EXPECT_TRUE(ReportLocks::Hold(locks, "/r/b", A_WHILE * 0).held());
-    first.reset();
-    EXPECT_TRUE(ReportLocks::Hold(locks, "/r/a", A_WHILE * 0).held());
-}
-
-TEST(ReportLocks, APathThatIsGivenBackBeforeTheLimitIsHad) {
-    ReportLocks locks;
-    std::optional<ReportLocks::Hold> first(std::in_place, locks, "/r/a");
-    auto second = std::async(std::launch::async, [&locks] {
-        return ReportLocks::Hold(locks, "/r/a", std::chrono::seconds(60)).held();
-    });
-    EXPECT_EQ(second.wait_for(A_WHILE), std::future_status::timeout);
-    first.reset();
-    EXPECT_TRUE(second.get());
-}
-
 TEST(ReportLocks, OneThatWasRefusedGivesNothingBack) {
     ReportLocks locks;
     const ReportLocks::Hold first(locks, "/r/a");

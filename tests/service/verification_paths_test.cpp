@@ -57,8 +57,7 @@ TEST_F(VerificationPaths, ADoubleQuoteInANameIsRefusedAndNamed) {
         EXPECT_EQ(answer("GET_MPEG_PROPERTIES,JOB_BEGIN,cafe," + file + property),
                   "FALSE - Error: Could not launch process /bin/false: errno 22 (Invalid argument).");
     EXPECT_THAT(lines.text(), HasSubstr("[JobMgmt:Error] Job 0 cafe: a double quote (\") in the name of the "
-                                        "file or of the report's directory cannot be passed to the verifier: "
-                                        "/bin/false -r xml"));
+                                        "file cannot be passed to the verifier: /bin/false -r xml"));
     EXPECT_THAT(lines.text(), testing::Not(HasSubstr("Launching Job command")));
     EXPECT_EQ(answer("JOB_STATUS,cafe"), "TRUE - ERROR") << "the queued one";
 }
@@ -69,8 +68,25 @@ TEST_F(VerificationPaths, ADoubleQuoteInTheReportDirectoryIsRefusedToo) {
     writeProfile("<P><Verifier EXE='/bin/false' REPORT_DIR='" + directory + "'/></P>");
     const std::string file = root + "a.ts";
     std::ofstream(file) << "packets";
+    const CapturedLog lines;
     EXPECT_EQ(answer("GET_MPEG_PROPERTIES,JOB_BEGIN,cafe," + file + ",VIDEO_PID"),
               "FALSE - Error: Could not launch process /bin/false: errno 22 (Invalid argument).");
+    EXPECT_THAT(lines.text(), HasSubstr("a double quote (\") in the report's directory cannot be passed"));
+}
+
+TEST_F(VerificationPaths, ADoubleQuoteInTheGuidIsRefusedAndNamed) {
+    writeProfile("<P><Verifier EXE='/bin/false' REPORT_DIR='" + root + "'/></P>");
+    const std::string file = root + "a.ts";
+    std::ofstream(file) << "packets";
+    for (const char* rest : {",VIDEO_PID", ",ALL,XML", ",ALL"}) {
+        const CapturedLog lines;
+        EXPECT_EQ(answer("GET_MPEG_PROPERTIES,JOB_BEGIN,ca\"fe," + file + rest),
+                  "FALSE - Error: Could not launch process /bin/false: errno 22 (Invalid argument).");
+        EXPECT_THAT(lines.text(), HasSubstr("ca\"fe: a double quote (\") in the GUID cannot be passed to the "
+                                            "verifier: /bin/false -r xml"));
+    }
+    for (const auto& entry : std::filesystem::directory_iterator(root))
+        EXPECT_THAT(entry.path().filename().string(), testing::Not(StartsWith(".kestrel-")));
 }
 
 TEST_F(VerificationPaths, ARequestThatCanHaveNoDirectoryOfItsOwnIsRefused) {
@@ -82,13 +98,14 @@ TEST_F(VerificationPaths, ARequestThatCanHaveNoDirectoryOfItsOwnIsRefused) {
     std::ofstream(file) << "packets";
     ASSERT_EQ(answer("GET_MPEG_PROPERTIES,JOB_BEGIN,cafe," + file + ",ALL"), "TRUE");
     std::filesystem::remove(directory);
-    EXPECT_EQ(answer("GET_MPEG_PROPERTIES,JOB_BEGIN,cafe," + file + ",VIDEO_PID"),
-              "FALSE - Error: Could not launch process /bin/false: errno 2 (No such file or directory).");
+    for (const char* rest : {",VIDEO_PID", ",ALL,XML"})
+        EXPECT_EQ(answer("GET_MPEG_PROPERTIES,JOB_BEGIN,cafe," + file + rest),
+                  "FALSE - Error: Could not launch process /bin/false: errno 2 (No such file or directory).");
 }
 
 TEST_F(VerificationPaths, ADirectoryOfItsOwnWhosePathDoesNotFitIsRefused) {
     std::string directory = root;
-    for (const std::size_t length : {100, 100})
+    for (const std::size_t length : {100U, 100U})
         std::filesystem::create_directory(directory += std::string(length, 'd') + "/");
     std::filesystem::create_directory(directory += std::string(258 - directory.size(), 'd') + "/");
     ASSERT_EQ(directory.size(), 259U);
@@ -96,8 +113,9 @@ TEST_F(VerificationPaths, ADirectoryOfItsOwnWhosePathDoesNotFitIsRefused) {
     const std::string file = root + "a.ts";
     std::ofstream(file) << "packets";
     ASSERT_EQ(answer("GET_MPEG_PROPERTIES,JOB_BEGIN,cafe," + file + ",ALL"), "TRUE");
-    EXPECT_EQ(answer("GET_MPEG_PROPERTIES,JOB_BEGIN,cafe," + file + ",VIDEO_PID"),
-              "FALSE - Error: Could not launch process /bin/false: errno 36 (File name too long).");
+    for (const char* rest : {",VIDEO_PID", ",ALL,XML"})
+        EXPECT_EQ(answer("GET_MPEG_PROPERTIES,JOB_BEGIN,cafe," + file + rest),
+                  "FALSE - Error: Could not launch process /bin/false: errno 36 (File name too long).");
     EXPECT_TRUE(std::filesystem::is_empty(directory));
 }
 

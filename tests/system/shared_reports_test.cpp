@@ -109,6 +109,30 @@ TEST_F(SharedReports, AQueuedOneBeginsWhenTheReportOfTheOneBeforeHasBeenRead) {
     EXPECT_EQ(service.waitForState(GUID, "COMPLETE"), "TRUE - COMPLETE");
 }
 
+TEST_F(SharedReports, OneThatHasWaitedAsksAgainWhetherThereIsAQueuedOne) {
+    startHeldByKind();
+    auto first = verifyBeside(",VIDEO_PID");
+    ASSERT_TRUE(verifiersRunning(1));
+    auto queued = verifyBeside(",RUNTIME");
+    ASSERT_TRUE(service.waitForLog(",RUNTIME"));
+    auto second = verifyBeside(",PCR_PID");
+    ASSERT_TRUE(service.waitForLog(",PCR_PID"));
+    std::ofstream(goShort) << "go";
+    EXPECT_EQ(first.get(), "TRUE - 481");
+    EXPECT_EQ(queued.get(), "TRUE");
+    EXPECT_EQ(second.get(), "TRUE - 481");
+    // Whose turn comes first is open; one that waits has its number before, a queued one when it is queued.
+    const std::string log = service.log();
+    const std::string command = "Launching Job command";
+    const std::size_t launchOfQueued = log.rfind(command, log.find(" -out_queue_name /job_update_q_2 "));
+    const std::size_t launchOfSecond = log.rfind(command, log.find(" -out_queue_name /job_update_q_1 "));
+    ASSERT_NE(launchOfQueued, launchOfSecond);
+    const std::string line = log.substr(launchOfSecond, log.find('\n', launchOfSecond) - launchOfSecond);
+    EXPECT_EQ(line.find("/.kestrel-") != std::string::npos, launchOfQueued < launchOfSecond) << line;
+    std::ofstream(goWhole) << "go";
+    EXPECT_EQ(service.waitForState(GUID, "COMPLETE"), "TRUE - COMPLETE");
+}
+
 TEST_F(SharedReports, AShutdownWaitsForNobody) {
     startHeld();
     auto first = verifyBeside(",VIDEO_PID");
@@ -232,7 +256,7 @@ TEST_F(SharedReports, AnOwnDirectoryGoesAlsoWhenTheVerifierFallsSilent) {
     std::ofstream(goShort) << "go";
 }
 
-TEST_F(SharedReports, ResultsWaitForANewReportButNotForLong) {
+TEST_F(SharedReports, ResultsAreThoseOfTheOldReportUntilXmlHasANewOne) {
     startHeld();
     letGo();
     completeWholeVerification();
@@ -240,12 +264,117 @@ TEST_F(SharedReports, ResultsWaitForANewReportButNotForLong) {
     changeTheFile();
     auto xml = verifyBeside(",ALL,XML");
     ASSERT_TRUE(verifiersRunning(1));
-    EXPECT_EQ(results(), "FALSE - Error: Timeout waiting for job to complete.");
-    auto waiting = std::async(std::launch::async, [this] { return results(); });
-    EXPECT_EQ(waiting.wait_for(A_WHILE), std::future_status::timeout);
+    ASSERT_EQ(ownDirectories().size(), 1U);
+    EXPECT_EQ(results(), "TRUE - 00:00:10:00");
     letGo();
     EXPECT_EQ(xml.get(), "TRUE - " + reportPath());
-    EXPECT_EQ(waiting.get(), "TRUE - 00:00:02:00");
+    EXPECT_EQ(results(), "TRUE - 00:00:02:00");
+    EXPECT_THAT(ownDirectories(), IsEmpty());
+}
+
+TEST_F(SharedReports, NobodyWaitsForTheVerifierOfAnXmlRequest) {
+    startHeldByKind();
+    auto xml = verifyBeside(",ALL,XML");
+    ASSERT_TRUE(verifiersRunning(1));
+    auto second = verifyBeside(",ALL,XML");
+    ASSERT_TRUE(verifiersRunning(2)) << "another";
+    std::ofstream(goShort) << "go";
+    EXPECT_EQ(verify(",VIDEO_PID"), "TRUE - 481") << "one without a queued verification";
+    EXPECT_EQ(verify(",RUNTIME"), "TRUE") << "a queued one";
+    EXPECT_EQ(verify(",VIDEO_PID"), "TRUE - 481") << "one beside it";
+    EXPECT_TRUE(verifiersRunning(3));
+    std::ofstream(goWhole) << "go";
+    EXPECT_EQ(xml.get(), "TRUE - " + reportPath());
+    EXPECT_EQ(second.get(), "TRUE - " + reportPath());
+    EXPECT_EQ(service.waitForState(GUID, "COMPLETE"), "TRUE - COMPLETE");
+}
+
+TEST_F(SharedReports, AReportForXmlDoesNotComeBetweenAVerifierAndItsAnswer) {
+    startHeldByKind();
+    auto shortOne = verifyBeside(",VIDEO_PID");
+    ASSERT_TRUE(verifiersRunning(1));
+    auto xml = verifyBeside(",ALL,XML");
+    ASSERT_TRUE(verifiersRunning(2));
+    std::ofstream(goWhole) << "go";
+    ASSERT_TRUE(verifiersRunning(1));
+    EXPECT_EQ(xml.wait_for(A_WHILE), std::future_status::timeout);
+    EXPECT_FALSE(std::filesystem::exists(reportPath()));
+    std::filesystem::remove(prepared);
+    std::ofstream(goShort) << "go";
+    EXPECT_EQ(shortOne.get(), NO_PROPERTY) << "its own verifier has failed";
+    EXPECT_EQ(xml.get(), "TRUE - " + reportPath());
+    EXPECT_EQ(contentOf(reportPath()), reportOf("481", "00:00:10:00"));
+}
+
+TEST_F(SharedReports, AnXmlRequestThatFailsLeavesTheReportOfAQueuedOne) {
+    start("--verify " + prepared);
+    completeWholeVerification();
+    const std::string old = contentOf(reportPath());
+    std::filesystem::remove(prepared);
+    EXPECT_EQ(verify(",ALL,XML"), "FALSE - " + reportPath());
+    EXPECT_EQ(contentOf(reportPath()), old);
+    EXPECT_EQ(results(), "TRUE - 00:00:10:00");
+    EXPECT_THAT(service.log(), Not(HasSubstr("Give each a GUID of its own"))) << "nothing was replaced";
+    EXPECT_THAT(ownDirectories(), IsEmpty());
+}
+
+TEST_F(SharedReports, AnXmlRequestThatFailsLeavesTheReportOfTheOneBefore) {
+    start("--verify " + prepared);
+    ASSERT_EQ(verify(",ALL,XML"), "TRUE - " + reportPath());
+    const std::string old = contentOf(reportPath());
+    std::filesystem::remove(prepared);
+    EXPECT_EQ(verify(",ALL,XML"), "FALSE - " + reportPath());
+    EXPECT_EQ(contentOf(reportPath()), old);
+}
+
+TEST_F(SharedReports, AnXmlRequestWhoseVerifierFallsSilentLeavesTheReportOfTheOneBefore) {
+    service.set("Job", "HEARTBEAT_TIMEOUT_SECS", "1");
+    startHeld();
+    std::ofstream(reportPath()) << "old";
+    EXPECT_EQ(verify(",ALL,XML"), "FALSE - Error: Timeout waiting for job to complete.");
+    EXPECT_EQ(contentOf(reportPath()), "old");
+    EXPECT_THAT(ownDirectories(), IsEmpty());
+    letGo();
+}
+
+TEST_F(SharedReports, TheReportOfAFailedVerifierReplacesNone) {
+    start("--verify " + prepared + " --exit 3");
+    std::ofstream(reportPath()) << "old";
+    EXPECT_EQ(verify(",ALL,XML"), "FALSE - " + reportPath());
+    EXPECT_EQ(contentOf(reportPath()), "old");
+}
+
+TEST_F(SharedReports, AQueuedOneThatFailsLeavesTheReportOfTheOneBefore) {
+    start("--verify " + prepared);
+    // Two GUIDs; only their first 32 characters are in the report's name.
+    const std::string name = "01234567-89ab-cdef-0123-456789ab";
+    const std::string begin = "GET_MPEG_PROPERTIES,JOB_BEGIN," + name;
+    ASSERT_EQ(service.ask(begin + "0001," + file + ",RUNTIME"), "TRUE");
+    ASSERT_EQ(service.waitForState((name + "0001").c_str(), "COMPLETE"), "TRUE - COMPLETE");
+    const std::string report = (service.root() / (name + "-asset.ts.report.xml")).string();
+    const std::string old = contentOf(report);
+    ASSERT_THAT(old, HasSubstr("00:00:10:00"));
+    std::filesystem::remove(prepared);
+    ASSERT_EQ(service.ask(begin + "0002," + file + ",RUNTIME"), "TRUE");
+    ASSERT_EQ(service.waitForState((name + "0002").c_str(), "ERROR"), "TRUE - ERROR");
+    EXPECT_EQ(service.ask("JOB_RESULTS," + name + "0002"), NO_PROPERTY) << "not from the other's report";
+    EXPECT_EQ(service.ask("JOB_RESULTS," + name + "0001"), "TRUE - 00:00:10:00");
+    EXPECT_EQ(contentOf(report), old);
+}
+
+TEST_F(SharedReports, AQueuedOneThatRunsLeavesTheReportOfTheOneBefore) {
+    startHeldByKind();
+    std::ofstream(goWhole) << "go";
+    completeWholeVerification();
+    ASSERT_TRUE(verifiersRunning(0));
+    std::filesystem::remove(goWhole);
+    changeTheFile();
+    ASSERT_EQ(verify(",RUNTIME"), "TRUE") << "of the same GUID";
+    ASSERT_TRUE(verifiersRunning(1));
+    EXPECT_EQ(results(), "TRUE - 00:00:10:00");
+    std::ofstream(goWhole) << "go";
+    ASSERT_TRUE(verifiersRunning(0));
+    EXPECT_EQ(results(), "TRUE - 00:00:02:00") << "the new one has its place";
 }
 
 TEST_F(SharedReports, ForXmlTheNewReportIsWhatIsFound) {

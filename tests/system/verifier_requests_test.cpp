@@ -79,6 +79,20 @@ TEST_F(VerifierRequests, ForXmlTheAnswerIsTheReportsPathAlsoWhereTheWorkerFailed
         << "the reason stands in the log";
 }
 
+TEST_F(VerifierRequests, ForXmlTheAnswerIsTheReportsPathAlsoWhereTheWorkerHasWrittenNone) {
+    start("");
+    EXPECT_EQ(verify(",ALL,XML"), "TRUE - " + reportPath());
+    EXPECT_FALSE(std::filesystem::exists(reportPath()));
+}
+
+TEST_F(VerifierRequests, ForXmlAReportThatCannotBePutAtItsNameIsAFailure) {
+    start("--verify " + prepared);
+    std::filesystem::create_directory(reportPath());
+    EXPECT_EQ(verify(",ALL,XML"), "FALSE - " + reportPath());
+    EXPECT_TRUE(service.waitForLog("[Manager:Error] Error: Failed to get requested Mpeg Property. The report "
+                                   "cannot be renamed: errno 21 (Is a directory).\r\n"));
+}
+
 TEST_F(VerifierRequests, AnEmptyFifthFieldIsDroppedAndBlockIsNoProperty) {
     start("--verify " + prepared);
     EXPECT_EQ(verify(",,BLOCK"), "FALSE - Error: Invalid Mpeg Property.");
@@ -145,11 +159,38 @@ TEST_F(VerifierRequests, AReportOfAnEarlierJobIsNotTakenForTheAnswer) {
     start("--say 7:unreadable --exit 1");
     std::filesystem::copy_file(prepared, reportPath());
     EXPECT_EQ(verify(",VIDEO_PID"), std::string(NO_PROPERTY) + " unreadable");
-    EXPECT_FALSE(std::filesystem::exists(reportPath()));
-    std::filesystem::copy_file(prepared, reportPath());
+    EXPECT_EQ(verify(",ALL,XML"), "FALSE - " + reportPath());
     EXPECT_EQ(verify(",RUNTIME"), "TRUE") << "begun";
     EXPECT_EQ(service.waitForState(GUID, "ERROR"), "TRUE - ERROR");
-    EXPECT_EQ(service.ask(std::string("JOB_RESULTS,") + GUID), std::string(NO_PROPERTY) + " unreadable");
+    EXPECT_EQ(results(), std::string(NO_PROPERTY) + " unreadable");
+    EXPECT_EQ(contentOf(reportPath()), contentOf(prepared)) << "somebody may still want it";
+}
+
+TEST_F(VerifierRequests, AReportOfAnEarlierJobIsNotTakenForTheAnswerWhileTheVerifierRuns) {
+    const std::string go = service.root() / "go";
+    start("--wait-file " + go + " --verify " + prepared);
+    std::ofstream(reportPath()) << reportOf("99", "00:00:02:00");
+    EXPECT_EQ(verify(",RUNTIME"), "TRUE") << "begun";
+    EXPECT_EQ(results(), NO_PROPERTY);
+    std::ofstream(go) << "go";
+    EXPECT_EQ(service.waitForState(GUID, "COMPLETE"), "TRUE - COMPLETE");
+    EXPECT_EQ(results(), "TRUE - 00:00:10:00");
+}
+
+TEST_F(VerifierRequests, AVerifierThatWritesNothingIsNotAnsweredFromAnEarlierReport) {
+    start("");
+    std::filesystem::copy_file(prepared, reportPath());
+    EXPECT_EQ(verify(",VIDEO_PID"), NO_PROPERTY);
+    EXPECT_EQ(verify(",ALL,XML"), "FALSE - " + reportPath());
+    EXPECT_TRUE(
+        service.waitForLog("[Manager:Error] Error: Failed to get requested Mpeg Property. The verifier "
+                           "has written no report; what is there is of an earlier job.\r\n"));
+    EXPECT_EQ(verify(",RUNTIME"), "TRUE") << "begun";
+    EXPECT_EQ(service.waitForState(GUID, "COMPLETE"), "TRUE - COMPLETE");
+    EXPECT_EQ(results(), NO_PROPERTY);
+    EXPECT_EQ(verify(",ALL,XML"), "FALSE - " + reportPath()) << "beside a queued one";
+    EXPECT_THAT(service.log(), Not(HasSubstr("Give each a GUID of its own"))) << "nothing was replaced";
+    EXPECT_EQ(contentOf(reportPath()), contentOf(prepared));
 }
 
 TEST_F(VerifierRequests, AFailedWorkerWithoutValidationErrorsSaysWhy) {

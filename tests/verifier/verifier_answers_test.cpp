@@ -202,6 +202,53 @@ TEST_F(VerifierAnswers, WhatTheWorkerSaidFollowsTheError) {
     EXPECT_EQ(answerOf(made), std::string(FAILED) + " /in/a.ts: no transport stream");
 }
 
+TEST_F(VerifierAnswers, AnEarlierJobsReportIsNotTheAnswerAndStays) {
+    const std::string old = Report{.videoPid = "99"}.xml();
+    write(old);
+    const CapturedLog log;
+    VerifierJob made = job("VIDEO_PID");
+    EXPECT_FALSE(made.reportIsOlder());
+    made.disownReport();
+    EXPECT_TRUE(made.reportIsOlder());
+    EXPECT_EQ(answerOf(made), FAILED);
+    EXPECT_EQ(code, 10026);
+    EXPECT_THAT(log.text(), testing::HasSubstr("G-a.ts.report.xml: what is there is of an earlier job\r\n"));
+    VerifierJob copy(made);
+    EXPECT_EQ(answerOf(copy), FAILED) << "a job is copied into the queue";
+    EXPECT_EQ(contentOf(made.reportFilename), old);
+    EXPECT_EQ(answer("VIDEO_PID"), "99") << "it is another's";
+}
+
+TEST_F(VerifierAnswers, AReportThatReplacesAnEarlierOneIsTheAnswer) {
+    write(Report{.videoPid = "99"}.xml());
+    VerifierJob made = job("VIDEO_PID");
+    made.disownReport();
+    const std::string beside = directory.file("beside", Report{.videoPid = "98"}.xml());
+    std::filesystem::rename(beside, made.reportFilename);
+    EXPECT_FALSE(made.reportIsOlder());
+    EXPECT_EQ(answerOf(made), "98");
+}
+
+TEST_F(VerifierAnswers, AReportThatIsWrittenOverAnEarlierOneIsTheAnswer) {
+    // Of the same length, in the same file, at once: the time alone tells.
+    for (int i = 0; i < 50; ++i) {
+        write(Report{.videoPid = "99"}.xml());
+        VerifierJob made = job("VIDEO_PID");
+        made.disownReport();
+        write(Report{.videoPid = "98"}.xml());
+        ASSERT_EQ(answerOf(made), "98") << i;
+    }
+}
+
+TEST_F(VerifierAnswers, AReportThatComesWhereNoneWasIsTheAnswer) {
+    VerifierJob made = job("VIDEO_PID");
+    made.disownReport();
+    EXPECT_FALSE(made.reportIsOlder());
+    EXPECT_EQ(answerOf(made), FAILED);
+    write(Report{.videoPid = "98"}.xml());
+    EXPECT_EQ(answerOf(made), "98");
+}
+
 TEST_F(VerifierAnswers, TheListsCanBeAskedForOneByOne) {
     write(Report{}.xml());
     VerifierJob made = job("ALL");

@@ -225,17 +225,6 @@ TEST_F(VerifierJobTest, NamesThatAreNotKnownAreLoggedWithThoseThatAre) {
     EXPECT_THAT(log.text(), testing::EndsWith("NEEDS_REENCODING, VALIDATION_ERRORS.\r\n"));
 }
 
-TEST_F(VerifierJobTest, AnOldReportOfItsNameIsRemoved) {
-    const VerifierJob made = job();
-    static_cast<void>(directory.file(std::string(GUID) + "-a.ts.report.xml", "<Report/>"));
-    ASSERT_EQ(access(made.reportFilename, F_OK), 0);
-    made.removeOldReport();
-    EXPECT_NE(access(made.reportFilename, F_OK), 0);
-    const CapturedLog log;
-    made.removeOldReport();
-    EXPECT_EQ(log.text(), "") << "that there is none is no failure";
-}
-
 TEST_F(VerifierJobTest, TheCommandLineTellsTheWorkerEverything) {
     VerifierJob whole("/in/a.ts", "/r/", "G", "ALL", 20, false, false, "", 0, "");
     whole.setId(7);
@@ -279,6 +268,33 @@ TEST_F(VerifierJobTest, ACommandLineThatIsCutIsNotToBeRun) {
                            "too long and is cut: /bin/vvv"));
     cut.getCmdLine("/bin/flowScope");
     EXPECT_EQ(cut.commandLineErrno(), 0);
+}
+
+TEST_F(VerifierJobTest, WhatHoldsADoubleQuoteIsNamed) {
+    const struct {
+        const char *file, *directory, *guid, *named;
+    } rows[] = {
+        {"/in/15\".ts", "/r/", "G", "in the name of the file cannot"},
+        {"/in\"/a.ts", "/r/", "G", "in the name of the file cannot"},
+        {"/in/a.ts", "/r\"/", "G", "in the report's directory cannot"},
+        {"/in/a.ts", "/r/", "G\"", "in the GUID cannot"},
+        {"/in/15\".ts", "/r/", "\"", "in the name of the file and the GUID cannot"},
+        {"/in/15\".ts", "/\"/", "\"",
+         "in the name of the file and the GUID and the report's directory cannot"},
+    };
+    for (const auto& row : rows) {
+        const CapturedLog log;
+        VerifierJob quoted(row.file, row.directory, row.guid, "ALL", 20, false, false, "", 0, "");
+        quoted.getCmdLine("/bin/flowScope");
+        EXPECT_EQ(quoted.commandLineErrno(), EINVAL) << row.named;
+        EXPECT_THAT(log.text(), testing::HasSubstr(std::string("a double quote (\") ") + row.named +
+                                                   " be passed to the verifier: /bin/flowScope -r xml"));
+    }
+    const CapturedLog log;
+    VerifierJob none = job();
+    none.getCmdLine("\"/bin/my flowScope\"");
+    EXPECT_EQ(none.commandLineErrno(), 0) << "the program's own quotes are the profile's";
+    EXPECT_EQ(log.text(), "");
 }
 
 TEST_F(VerifierJobTest, AReportWhoseNameNoFileCanHaveIsWarnedOf) {
