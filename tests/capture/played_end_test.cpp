@@ -241,7 +241,7 @@ TEST_P(OtherRateBehind, IsNotPartOfARecordingByTimecodes) {
 }
 
 TEST_P(OtherRateBehind, IsNotPartOfARecordingByCount) {
-    for (const std::uint64_t hidden : {0, 2}) { // which the encoder leaves out
+    for (const std::uint64_t hidden : {0U, 2U}) { // which the encoder leaves out
         m_file = m_directory.path(std::to_string(hidden) + ".ts");
         m_frameTime = 40ms;
         RecordingPlan asked = plan();

@@ -147,7 +147,7 @@ TEST_P(ByCount, TellsThatTheLastFrameWasLost) {
         pass(r, 6s);
         // At another rate the last may be shown for less than its time.
         expectFailed(r, "Error: " + std::to_string(all.size() - lost) + " of " +
-                            std::to_string(all.size() - (perFrame() - 1U)) + " frames came back. ");
+                            std::to_string(all.size() + 1 - static_cast<unsigned>(perFrame())) + " frames came back. ");
     }
 }
 

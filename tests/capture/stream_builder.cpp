@@ -246,7 +246,7 @@ TemporaryDirectory::~TemporaryDirectory() {
 void writePackets(const Packets& packets, const std::string& file) {
     std::ofstream out(file, std::ios::binary);
     for (const Packet& packet : packets)
-        out.write(reinterpret_cast<const char*>(packet.data()), packet.size());
+        out.write(reinterpret_cast<const char*>(packet.data()), std::ssize(packet));
     EXPECT_TRUE(out.flush()) << file;
 }
 

@@ -59,10 +59,10 @@ TEST(WorkerStatus, AHeartbeatEveryFiveSecondsAndARecordEverySecondFromTheStart) 
     }
     const auto taken = Clock::now() - begin;
     EXPECT_GE(taken, 4900ms);
-    EXPECT_LE(taken, 7s);
+    EXPECT_LT(taken, 10s) << "the second is due";
     // The fifth record is due together with the heartbeat.
     EXPECT_GE(records, 4);
-    EXPECT_LE(records, 6);
+    EXPECT_LE(records, taken / 1s + 1);
     EXPECT_GE(last - begin, 3900ms) << "spread over the time";
     worker.queues.send(CANCEL_MSG);
     EXPECT_NE(worker.wait(), -1);

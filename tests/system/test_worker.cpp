@@ -106,7 +106,7 @@ void sendStatus(const Queues& queues, const std::string& text) {
     const auto [index, frames] = splitAtColon(text);
     _CaptureJobStatusData record{};
     record.encoderIndex = std::atoi(index.c_str());
-    record.frames = std::atoi(frames.c_str());
+    record.frames = static_cast<std::uint32_t>(std::stoul(frames));
     record.frameRateCode = 3;
     send(queues, 6, &record, sizeof record);
 }
