@@ -4,6 +4,7 @@
 #include "capture/PacketSync.h"
 
 #include <algorithm>
+#include <climits>
 #include <functional>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -243,6 +244,60 @@ TEST(NormalizedTables, StandInFrontWhereTheFirstOnesAreFarBehind) {
         EXPECT_EQ(brokenCounters(result.packets), 0);
         EXPECT_LE(longestTableGap(result.packets, 0, 0x100), most);
         expectTheRestUnchanged(result.packets, source);
+    }
+}
+
+const std::vector<Program> twoPrograms{{},
+                                       {.number = 2, .pmtPid = 0x1001, .pcrPid = 0x200, .videoPid = 0x200}};
+bool isSecondMap(const Packet& packet) {
+    return pid(packet) == 0x1001;
+}
+// Two programs, without the first so many maps of the second; all other tables stand in front.
+Packets lateMapStream(Clocked shape, int missing) {
+    shape.programs = twoPrograms;
+    shape.tablesAgain = true;
+    Packets packets =
+        without(stream(shape), [&](const Packet& packet) { return isSecondMap(packet) && missing-- > 0; });
+    packets.erase(packets.begin(), std::find_if(packets.begin(), packets.end(), isTable));
+    return packets;
+}
+
+TEST(NormalizedTables, StandInFrontWhereOnlyTheMapOfALaterProgramIsLate) {
+    const Packets source = lateMapStream({.packetsEach = 20}, 3);
+    const auto map = std::find_if(source.begin(), source.end(), isSecondMap);
+    ASSERT_EQ(pcrs(Packets(source.begin(), map), 0x200).size(), 20U) << "0.8 s";
+    for (const std::size_t chunk : {std::size_t{100'000}, SIZE_MAX}) {
+        const Normalized result = normalize(joined(source), false, chunk);
+        ASSERT_GT(result.packets.size(), source.size() + 3);
+        EXPECT_EQ(pid(result.packets[0]), 0);
+        EXPECT_EQ(pid(result.packets[1]), 0x1000);
+        EXPECT_EQ(pid(result.packets[2]), 0x1001);
+        EXPECT_EQ(brokenCounters(result.packets), 0);
+        EXPECT_LE(longestTableGap(result.packets, 0x1001, 0x200), most);
+        const auto isAnyTable = [](const Packet& packet) { return isTable(packet) || isSecondMap(packet); };
+        EXPECT_EQ(without(result.packets, isAnyTable), without(source, isAnyTable));
+    }
+}
+
+TEST(NormalizedTables, StandInFrontOfALateMapWithoutAChangeToThoseOfTheSource) {
+    const Packets source = lateMapStream({.step = 5 * millisecond}, 2);
+    ASSERT_EQ(std::find_if(source.begin(), source.begin() + 400, isSecondMap), source.begin() + 400);
+    const Normalized result = normalize(source);
+    EXPECT_EQ(result.counts.tables, 3U);
+    EXPECT_EQ(result.counts.renumbered, 0U);
+    ASSERT_EQ(result.packets.size(), source.size() + 3);
+    EXPECT_EQ(Packets(result.packets.begin() + 3, result.packets.end()), source);
+    EXPECT_EQ(brokenCounters(result.packets), 0);
+}
+
+TEST(NormalizedTables, AreNotAddedWhereTheMapOfALaterProgramNeverComes) {
+    // Read ahead to the end, and in pieces as far as it goes.
+    const std::pair<int, std::size_t> shapes[] = {{100, SIZE_MAX}, {1000, 100'000}};
+    for (const auto& [pcrCount, chunk] : shapes) {
+        const Packets source = lateMapStream({.step = 5 * millisecond, .pcrCount = pcrCount}, INT_MAX);
+        const Normalized result = normalize(joined(source), false, chunk);
+        EXPECT_EQ(result.counts.tables, 0U);
+        EXPECT_EQ(result.packets, source);
     }
 }
 

@@ -136,6 +136,33 @@ TEST(Normalizer, RebasesVideoThatComesBeforeTheTables) {
     EXPECT_THAT(timecodes(normalize(mux.packets).bytes), ElementsAre("00:00:00:00", "00:00:01:00"));
 }
 
+TEST(Normalizer, RebasesVideoThatComesLongBeforeTheMapOfItsProgram) {
+    const Program first{};
+    const Program second{.number = 2, .pmtPid = 0x1001, .pcrPid = 0x200, .videoPid = 0x200};
+    Mux mux;
+    mux.section(0, patSection({first, second}));
+    mux.section(first.pmtPid, pmtSection(first));
+    const auto gops = [&](int from) {
+        for (int at = from; at < from + 2; ++at) {
+            mux.add({.pid = 0x100, .start = true}, pesWithGop(10, 0, at, 0));
+            mux.add({.pid = 0x200, .start = true}, pesWithGop(20, 30, at, 12));
+        }
+    };
+    gops(0);
+    while (mux.packets.size() * sizeof(Packet) <= kestrel::capture::shapeSearchBytes)
+        mux.add({.pid = 0x300});
+    gops(2);
+    mux.section(second.pmtPid, pmtSection(second));
+    gops(4);
+    for (const std::size_t chunk : {std::size_t{100'000}, SIZE_MAX}) {
+        const Bytes bytes = normalize(joined(mux.packets), false, chunk).bytes;
+        for (const int video : {0x100, 0x200})
+            EXPECT_THAT(timecodes(bytes, video), ElementsAre("00:00:00:00", "00:00:01:00", "00:00:02:00",
+                                                             "00:00:03:00", "00:00:04:00", "00:00:05:00"))
+                << video << " in pieces of " << chunk;
+    }
+}
+
 TEST(Normalizer, TouchesNoBytesOfOtherStreamTypesAndScrambledOnes) {
     for (const int type : {0x1B, 0x0F}) {
         Mux mux;

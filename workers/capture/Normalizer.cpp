@@ -96,6 +96,7 @@ bool Normalizer::begin(bool whole) {
         m_shape = SourceShape::unknown;
         return false;
     }
+    m_tablesLate = m_tablesLate || (m_anyEarly && m_read.complete());
     m_inSync = m_window.bytes().front() == ts::sync_byte;
     followPrograms();
     return true;
@@ -122,9 +123,12 @@ void Normalizer::lookAt(const unsigned char* packet) {
         return;
     const int number = ts::pid(packet);
     if (!m_read.carries(number)) {
-        // Of a multiplex that is there in part only, some of the programs that its PAT names never come.
-        if (number >= firstProgramPid && number != ts::null_pid && !m_read.anyProgram())
-            m_tablesLate = true;
+        // Of a multiplex that is there in part only, some of the programs that its PAT names never come: with
+        // one known, the packet may be of that, or of one whose map is still to come.
+        if (number >= firstProgramPid && number != ts::null_pid) {
+            m_anyEarly = true;
+            m_tablesLate = m_tablesLate || !m_read.anyProgram();
+        }
         return;
     }
     if (Pid& pid = pidOf(packet); pid.first < 0 && ts::has_payload(packet))

@@ -5,9 +5,9 @@
 //   are found again after bytes that are none of them;
 //   are dropped when they are null packets (unless these are to be kept), bear the transport_error_indicator
 //   or the reserved adaptation_field_control; get the timecodes of their GOP headers rebased, so that the
-//   first of a video PID is 00:00:00:00; are joined by copies of PAT and PMT in front of the first, where one
-//   of a program comes before these, and where they are missing for tablePeriod of the stream's time; get
-//   continuity counters that go on without a gap (ISO/IEC 13818-1, 2.4.3.3).
+//   first of a video PID is 00:00:00:00; are joined by copies of PAT and PMTs in front of the first, where
+//   one of a program comes before the last of these, and where they are missing for tablePeriod of the
+//   stream's time; get continuity counters that go on without a gap (ISO/IEC 13818-1, 2.4.3.3).
 // All else, timestamps and PCRs among it, stays as it is.
 #pragma once
 
@@ -137,7 +137,8 @@ private:
     SourceShape m_shape = SourceShape::unknown;
     bool m_inSync = false;
     std::size_t m_ahead = 0;   // bytes that were searched for tables before the first packet was taken
-    bool m_tablesLate = false; // a packet of a program comes before them, and nothing is written yet
+    bool m_anyEarly = false;   // a packet of a program comes before all of them are known
+    bool m_tablesLate = false; // such a packet wants them in front, and nothing is written yet
     PacketWindow m_window;
     std::vector<Pid> m_pids;
     std::vector<std::unique_ptr<Rebase>> m_rebases;
