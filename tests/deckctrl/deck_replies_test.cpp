@@ -26,8 +26,9 @@ protected:
         Timing timing;
         timing.reply = 2s;
         timing.byteGap = byteGap;
-        timing.settle = 50ms;
+        timing.settle = settle;
         timing.begin = mostToBegin;
+        timing.seek = mostToSeek;
         deck.emplace(tape->device(), timing, -1);
     }
     // Other answers to one kind of block; the deck is well otherwise.
@@ -46,7 +47,9 @@ protected:
     long count(Code code) const { return std::ranges::count(tape->received(), code); }
 
     std::chrono::milliseconds byteGap{300}; // the machine may be busy
+    std::chrono::milliseconds settle{50};
     std::chrono::milliseconds mostToBegin{200};
+    std::chrono::milliseconds mostToSeek{60'000};
     std::optional<ScriptedDeck> tape;
     std::optional<Deck> deck;
 };
@@ -261,6 +264,34 @@ TEST_F(Replies, ADeckThatStandsAtItsTargetIsThereThoughItDoesNotSaySo) {
     EXPECT_EQ(answer.errorCode, 0) << textOf(answer);
     EXPECT_THAT(log.str(), HasSubstr("COM7: Cue up to 10:20:30:12 complete"));
     EXPECT_EQ(isSeeking().errorCode, 0);
+}
+
+// Nobody has asked before the cue-up would be given up, so nobody knows how long the tape has stood.
+TEST_F(Replies, ADeckThatStandsAtItsTargetIsThereHoweverLateItIsAsked) {
+    settle = 60s;
+    mostToSeek = 0s;
+    begin([](const Block& asked) { return ScriptedAnswer{wellReply(asked).bytes()}; });
+    EXPECT_EQ(carryOut(goTo("COM7", "10:20:30:12")).errorCode, 0);
+    const _VTRCmdData there = isSeeking();
+    EXPECT_EQ(there.errorCode, 0) << textOf(there);
+    EXPECT_EQ(there.seeking, 0);
+    EXPECT_EQ(isSeeking().errorCode, 0);
+
+    EXPECT_EQ(carryOut(goTo("COM7", "10:20:30:13")).errorCode, 0);
+    const _VTRCmdData beside = isSeeking();
+    EXPECT_EQ(beside.errorCode, 20082);
+    EXPECT_EQ(textOf(beside), "Error: Preroll to 10:20:30:13 for VTR at COM7 failed. (the deck is not there "
+                              "after 0 s)");
+}
+
+TEST_F(Replies, ATapeThatRunsOverItsTargetTooLateIsNotThere) {
+    constexpr std::uint8_t shuttle = 0x20;
+    mostToSeek = 0s;
+    beginWith(Code::statusSense, [] {
+        return ScriptedAnswer{Block(Code::status, {0x00, 0x00, shuttle}).bytes()};
+    });
+    EXPECT_EQ(carryOut(goTo("COM7", "10:20:30:12")).errorCode, 0);
+    EXPECT_THAT(textOf(isSeeking()), HasSubstr("(the deck is not there after 0 s)"));
 }
 
 // It stops a frame beside the target, so that only what it tells can end the seek.

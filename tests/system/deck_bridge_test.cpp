@@ -188,6 +188,17 @@ TEST_F(DeckBridge, AnAnswerOfTheSameDeckToAnotherKindOfRequestIsDropped) {
                 HasSubstr("A late answer of the VTR process is dropped: command 6, port COM1"));
 }
 
+TEST_F(DeckBridge, AnAnswerThatNobodyWaitsForIsDropped) {
+    start();
+    _VTRCmdData record{};
+    record.commandKind = 6;
+    std::strcpy(record.serialPort, "COM1");
+    std::strcpy(record.timecode, "09:09:09:09");
+    JoinedQueue("/from_vtr_proc_q").send(VTR_CMD_RESPONSE_MSG, record);
+    EXPECT_TRUE(service.waitForLog("A late answer of the VTR process is dropped: command 6, port COM1"));
+    EXPECT_EQ(service.ask("VTR_CURRENT_TIME,COM1"), "TRUE - 01:02:03:04");
+}
+
 TEST_F(DeckBridge, ADeckThatDoesNotAnswerIsATimeoutAndItsLateAnswerIsDropped) {
     start("--ignore 1 --late");
     // The second waits for the first, and is then answered, not with what was meant for the first.

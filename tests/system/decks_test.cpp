@@ -80,6 +80,7 @@ TEST_F(Decks, EveryCommandWordMovesTheTape) {
         Transport::State state;
     };
     const Row rows[] = {
+        {"GoTo,0,20:30:00:00", Block(Code::cueUp, {0x00, 0x00, 0x30, 0x20}), Transport::State::cueUp},
         {"Play", Block(Code::play), Transport::State::play},
         {"FastForward", Block(Code::fastForward), Transport::State::fastForward},
         {"Pause", Block(Code::jogForward, {0x00}), Transport::State::still},
@@ -87,19 +88,31 @@ TEST_F(Decks, EveryCommandWordMovesTheTape) {
         {"StepReverse", Block(Code::stepReverse), Transport::State::still},
         {"Shuttle,2", Block(Code::shuttleForward, {0x4A}), Transport::State::shuttle},
         {"Shuttle,-1", Block(Code::shuttleReverse, {0x40}), Transport::State::shuttle},
-        {"GoTo,0,10:30:00:00", Block(Code::cueUp, {0x00, 0x00, 0x30, 0x10}), Transport::State::cueUp},
         {"Rewind", Block(Code::rewind), Transport::State::rewind},
     };
+    // Every state lasts a minute at least, however late it is looked at.
+    SimulatorOptions slow = options("one", "25", {10, 0, 0, 0, false});
+    slow.seconds = 12 * 3600;
+    slow.mechanics.seek = 60s;
+    slow.mechanics.windSpeed = 5;
+    one.emplace(slow);
     start();
     for (const Row& row : rows) {
         EXPECT_EQ(service.ask(std::string("VTR_CMD,COM1,0,") + row.words), "TRUE") << row.words;
         EXPECT_EQ(one->received().back(), row.block) << row.words;
         EXPECT_EQ(one->state(), row.state) << row.words;
+        if (row.state == Transport::State::cueUp) {
+            EXPECT_TRUE(eventually([&] { return one->time().secondsOfDay() >= (10 * 60 + 10) * 60; }))
+                << "ten minutes from the tape's begin, which the rows below go back to";
+        }
     }
     EXPECT_TRUE(two->received().empty());
 }
 
 TEST_F(Decks, TheTimeAndTheSeekingAreTheDecks) {
+    SimulatorOptions slow = options("one", "25", {10, 0, 0, 0, false});
+    slow.mechanics.seek = 3s; // a busy machine asks late
+    one.emplace(slow);
     start();
     EXPECT_EQ(service.ask("VTR_CURRENT_TIME,COM1"), "TRUE - 10:00:00:00");
     EXPECT_EQ(service.ask("VTR_CURRENT_TIME,Studio B"), "TRUE - 01:00:00;00");

@@ -262,8 +262,10 @@ Deck::MaybeProblem Deck::followSeek(const Status& status, bool& seeking) {
         m_seek->standing.reset();
     else if (!m_seek->standing)
         m_seek->standing = now;
-    // Decks without "cue up complete" tell only by their time that they are there.
-    const bool stands = m_seek->standing && now - *m_seek->standing >= m_timing.settle;
+    // Decks without "cue up complete" tell only by their time that they are there. Who asks so late that the
+    // cue-up would be given up is told of its target all the same, though the tape was not seen to stand.
+    const bool tooLate = now - m_seek->begun > m_timing.seek;
+    const bool stands = m_seek->standing && (tooLate || now - *m_seek->standing >= m_timing.settle);
     bool there = status.cueUpComplete && m_seek->fresh && !moving;
     Time time = Problem{};
     if (!there && (status.cueUpComplete || stands)) {
@@ -279,7 +281,7 @@ Deck::MaybeProblem Deck::followSeek(const Status& status, bool& seeking) {
     std::string given;
     if (status.cassetteOut)
         given = "there is no cassette in the deck";
-    else if (now - m_seek->begun > m_timing.seek)
+    else if (tooLate)
         given = "the deck is not there after " +
                 std::to_string(std::chrono::duration_cast<std::chrono::seconds>(m_timing.seek).count()) +
                 " s";
