@@ -7,6 +7,9 @@
 #include "flowscope/ReportValues.h"
 #include "flowscope/VideoTimes.h"
 
+#include <cmath>
+#include <cstdlib>
+#include <functional>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <map>
@@ -185,6 +188,88 @@ TEST(Clock, WithoutAConstantRateThereIsNoJitter) {
     EXPECT_TRUE(variable.jitterOverTime().peaks().empty());
     EXPECT_EQ(ClockCheck().jitterUs(), std::nullopt);
     EXPECT_EQ(ClockCheck().jitterPacket(), std::nullopt);
+}
+
+// References of a multiplex of that many bits a second, in every twentieth packet, rounded to whole ticks as
+// they are written. off: ticks that each is off by.
+void addOfRate(
+    ClockCheck& clock, double bitsPerSecond, int count, std::int64_t time = 0, std::int64_t packet = 0,
+    const std::function<std::int64_t(int)>& off = [](int) { return 0; }) {
+    for (int i = 0; i < count; ++i)
+        clock.reference(time + std::llround(i * (20.0 * 188 * 8) * 27e6 / bitsPerSecond) + off(i),
+                        packet + i * 20);
+}
+
+double bitsOf(const ClockCheck& clock) {
+    const auto rate = clock.rate();
+    return rate ? rate->packetsPerSecond * 188 * 8 : 0;
+}
+
+TEST(Clock, AConstantRateIsExactHoweverLongItLasts) {
+    for (const double rate : {3'750'000.0, 3'750'001.0, 3'754'321.0, 19'000'000.0, 19'392'658.0})
+        for (const double seconds : {0.8, 1.5, 2.1, 5.0, 8.3, 60.0, 3600.0}) {
+            ClockCheck clock;
+            addOfRate(clock, rate, static_cast<int>(seconds * rate / (20 * 188 * 8)));
+            EXPECT_NEAR(bitsOf(clock), rate, 0.45) << rate << " for " << seconds << " s";
+        }
+}
+
+TEST(Clock, AConstantRateIsExactWithTheJitterThatIsAllowed) {
+    for (const double rate : {3'750'000.0, 19'000'000.0}) {
+        ClockCheck clock;
+        // Half a microsecond either way, at the worst places for a line from end to end.
+        const int count = static_cast<int>(10 * rate / (20 * 188 * 8));
+        addOfRate(clock, rate, count, 0, 0, [count](int i) {
+            return i == 0 ? 13 : i == count - 1 ? -13 : i * 7 % 27 - 13;
+        });
+        EXPECT_NEAR(bitsOf(clock), rate, 0.45);
+        EXPECT_LE(clock.rate()->farthestUs, ClockCheck::jitterLimitUs);
+        addOfRate(clock, rate, count, 10'000 * MS, count * 20, [](int i) { return i == 99 ? 20 : 0; });
+        EXPECT_GT(clock.rate()->farthestUs, ClockCheck::jitterLimitUs);
+    }
+}
+
+TEST(Clock, ADamagedReferenceIsInNoRate) {
+    for (const std::int64_t leap : {MS, 300 * MS, -300 * MS, 900 * MS, -900 * MS, 70'000 * MS, -5'000 * MS})
+        for (const int which : {1, 700, 1243}) {
+            ClockCheck clock;
+            addOfRate(clock, 3'750'000, 1245, 10'000 * MS, 0, [=](int i) { return i == which ? leap : 0; });
+            EXPECT_NEAR(bitsOf(clock), 3'750'000, std::abs(leap) == MS ? 50 : 0.45)
+                << leap << " at " << which;
+        }
+}
+
+TEST(Clock, SeveralStretchesOfOneRateHaveThatRate) {
+    for (const bool announced : {false, true}) {
+        ClockCheck clock;
+        for (int i = 0; i < 5; ++i) {
+            clock.reference(i * 100'000 * MS, i * 100'000, announced);
+            addOfRate(clock, 3'750'000, 1000, (i * 100'000 + 8) * MS, i * 100'000 + 20);
+        }
+        EXPECT_EQ(clock.jumps() + clock.newTimeBases(), 4U);
+        EXPECT_NEAR(bitsOf(clock), 3'750'000, announced ? 30 : 0.45);
+        addOfRate(clock, 3'850'000, 1000, 900'000 * MS, 900'000);
+        EXPECT_FALSE(clock.rate()) << "one of another rate";
+    }
+}
+
+TEST(Clock, WithoutAConstantRateThereIsNone) {
+    EXPECT_FALSE(ClockCheck().rate());
+    ClockCheck brief;
+    addOfRate(brief, 3'750'000, 60);
+    EXPECT_FALSE(brief.rate()) << "not half a second";
+    ClockCheck variable;
+    for (int i = 0; i < 200; ++i)
+        variable.reference(i * 40 * MS, i * 100 + (i > 100 ? (i - 100) * 50 : 0));
+    EXPECT_FALSE(variable.rate());
+    ClockCheck briefly;
+    for (int i = 0; i < 30; ++i)
+        briefly.reference(i * 40 * MS, i * 100 + (i > 20 ? (i - 20) * 50 : 0));
+    EXPECT_FALSE(briefly.rate());
+    ClockCheck standing;
+    for (int i = 0; i < 200; ++i)
+        standing.reference(i * 40 * MS, 7);
+    EXPECT_FALSE(standing.rate());
 }
 
 TEST(Clock, IntervalsAreKeptOverTime) {

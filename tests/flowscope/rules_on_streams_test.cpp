@@ -9,24 +9,33 @@
 #include "verifier/VerifierJob.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <functional>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <optional>
 
 using namespace kestrel::test;
 
 namespace {
 
-// What the rule alone says of the file; FILE for its name.
-std::string judged(const std::string& rule, const std::string& file) {
-    kestrel::flowscope::Analysis analysis(std::nullopt);
+kestrel::flowscope::Analysis passOver(const std::string& file, std::optional<int> seconds = std::nullopt) {
+    kestrel::flowscope::Analysis analysis(seconds);
     ts_file source(file.c_str());
     while (const unsigned char* const packet = source.get_ts())
-        analysis.take(packet);
+        if (!analysis.take(packet))
+            break;
     analysis.end();
+    return analysis;
+}
+
+// What the rule alone says of the file, or of so many seconds of it; FILE for its name.
+std::string judged(const std::string& rule, const std::string& file,
+                   std::optional<int> seconds = std::nullopt) {
     const ScratchDir directory;
-    static_cast<void>(directory.file("G-x.ts.report.xml", kestrel::flowscope::xmlReport(analysis, file)));
+    static_cast<void>(
+        directory.file("G-x.ts.report.xml", kestrel::flowscope::xmlReport(passOver(file, seconds), file)));
     std::string others;
     for (const char* name : VerifierJob::ValidationErrorEnabledStr)
         if (rule != name)
@@ -185,6 +194,119 @@ TEST(RulesOnStreams, SoundThatIsNotLookedIntoIsJudgedByItsKind) {
     EXPECT_EQ(judged("Audio_isAC3", latm), "The audio in the file x.ts for PID 257 is not AC3.\t");
     EXPECT_EQ(judged("Audio_FirstPid_482", latm),
               "The first audio PID in the file x.ts must start at 482 Decimal or 0x1E2 Hex.\t");
+}
+
+// --- rates that are as high as they may be
+
+#define LASTING(seconds) "-t " #seconds " -threads 1 -c:v mpeg2video -c:a ac3 -b:a 192k "
+
+std::string sdMultiplex(const std::string& rate) {
+    return makeStream("limit_sd_tx_" + rate, SD_VIDEO TONE LASTING(8) "-g 15 -bf 2 -b:v 2500k -maxrate 3000k "
+                                                                      "-bufsize 1835k -muxrate " +
+                                                 rate);
+}
+std::string hdMultiplex(const std::string& rate) {
+    return makeStream("limit_hd_tx_" + rate, "-f lavfi -i testsrc2=size=1280x720:rate=25 " TONE LASTING(
+                                                 5) "-b:v 6000k -maxrate 8000k "
+                                                    "-bufsize 2000k -muxrate " +
+                                                 rate);
+}
+std::string sdVideo(const std::string& rate) {
+    return makeStream("limit_sd_video_" + rate, SD_VIDEO TONE LASTING(4) "-g 15 -bf 2 -bufsize 1835k "
+                                                                         "-muxrate 3750000 -b:v " +
+                                                    rate + " -minrate " + rate + " -maxrate " + rate);
+}
+std::string hdVideo(const std::string& rate) {
+    return makeStream("limit_hd_video_" + rate,
+                      "-f lavfi -i testsrc2=size=1280x720:rate=25,noise=alls=8:allf=t " LASTING(
+                          2) "-g 15 -bf 2 -bufsize 9781k -b:v " +
+                          rate + " -minrate " + rate + " -maxrate " + rate);
+}
+
+struct Limit {
+    const char* rule;
+    std::string (*made)(const std::string& rate);
+    const char* rate;
+    const char* above;
+};
+
+const Limit LIMITS[] = {
+    {"SD_TxRate_3p75Mbs", sdMultiplex, "3750000", "3750400"},
+    {"HD_TxRate_19Mbs", hdMultiplex, "19000000", "19002000"},
+    {"SD_VidBR_3p18Mbs", sdVideo, "3180000", "3181000"},
+    {"HD_VidBR_18p1Mbs", hdVideo, "18100000", "18101000"},
+};
+
+class RateAtTheLimit : public testing::TestWithParam<Limit> {};
+
+TEST_P(RateAtTheLimit, PassesAndALittleMoreFailsHoweverMuchIsRead) {
+    const Limit& limit = GetParam();
+    for (const std::optional<int> seconds :
+         {std::optional<int>(), std::optional(1), std::optional(2), std::optional(3), std::optional(4)}) {
+        SCOPED_TRACE(testing::Message() << seconds.value_or(-1) << " s");
+        EXPECT_EQ(judged(limit.rule, limit.made(limit.rate), seconds), "");
+        EXPECT_NE(judged(limit.rule, limit.made(limit.above), seconds), "");
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Each, RateAtTheLimit, testing::ValuesIn(LIMITS),
+                         [](const auto& each) { return std::string(each.param.rule); });
+
+TEST(RatesOnStreams, OfOneMultiplexAreOneWhereverItIsCut) {
+    for (const auto& [file, rate] :
+         {std::pair{sdMultiplex("3750000"), 3'750'000}, {sdMultiplex("3750400"), 3'750'400}}) {
+        const auto bytes = bytesOfFile(file);
+        const auto second = static_cast<std::size_t>(rate / 8 / 188 * 188);
+        const ScratchDir directory;
+        for (const std::size_t begin : {std::size_t{0}, std::size_t{188 * 777}, second * 3})
+            for (std::size_t end = begin + second; end <= bytes.size(); end += second / 188 / 3 * 188) {
+                const std::string cut =
+                    directory.file("cut.ts", std::string(bytes.begin() + static_cast<long>(begin),
+                                                         bytes.begin() + static_cast<long>(end)));
+                EXPECT_EQ(passOver(cut).muxBitsPerSecond(), rate)
+                    << "packets " << begin / 188 << " to " << end / 188;
+            }
+        for (int seconds = 1; seconds <= 9; ++seconds)
+            EXPECT_EQ(passOver(file, seconds).muxBitsPerSecond(), rate) << seconds << " s";
+    }
+}
+
+TEST(RatesOnStreams, OfConstantVideoAreThoseOfTheHeadersAndNotOfItsFewSeconds) {
+    const auto mpeg2 = passOver(sdVideo("3180000"));
+    EXPECT_EQ(mpeg2.videoBitsPerSecond(), 3'180'000);
+    const std::string file = makeStream(
+        "limit_h264_video", SD_VIDEO TONE SHORT
+        "-c:v libx264 -preset ultrafast -g 15 -b:v 1500k -minrate 1500k -maxrate 1500k -bufsize 1000k "
+        "-x264-params nal-hrd=cbr:filler=1 -c:a ac3 -muxrate 3M");
+    const auto h264 = passOver(file);
+    EXPECT_NEAR(h264.videoBitsPerSecond(), 1'500'000, 64) << "in units of 64 b/s";
+    for (const auto* each : {&mpeg2, &h264}) {
+        const double measured = static_cast<double>(each->video()->bytes()) * 8 / each->videoSeconds();
+        EXPECT_GT(std::abs(each->videoBitsPerSecond() / measured - 1), 0.002) << "else nothing is shown here";
+    }
+}
+
+TEST(RatesOnStreams, ThatAreNotConstantAreThoseOfTheBytes) {
+    const auto whole = [](const kestrel::flowscope::Analysis& analysis) {
+        return static_cast<double>(analysis.packets()) * 188 * 8 / analysis.seconds();
+    };
+    const auto ofVideo = [](const kestrel::flowscope::Analysis& analysis) {
+        return static_cast<double>(analysis.video()->bytes()) * 8 / analysis.videoSeconds();
+    };
+    const auto variable = passOver(streamFile("m2_sd_25"));
+    EXPECT_EQ(variable.nullPackets(), 0U);
+    EXPECT_EQ(variable.muxBitsPerSecond(), whole(variable));
+    EXPECT_EQ(variable.videoBitsPerSecond(), ofVideo(variable));
+    const auto constant = passOver(sdMultiplex("3750000"));
+    EXPECT_NE(constant.muxBitsPerSecond(), whole(constant));
+    EXPECT_EQ(constant.videoBitsPerSecond(), ofVideo(constant)) << "of variable rate in a constant one";
+    // Two multiplexes of different rates, one behind the other.
+    auto bytes = bytesOfFile(sdMultiplex("3750000"));
+    const auto faster = bytesOfFile(sdMultiplex("5000000"));
+    bytes.insert(bytes.end(), faster.begin(), faster.end());
+    const ScratchDir directory;
+    const auto joined = passOver(directory.file("joined.ts", std::string(bytes.begin(), bytes.end())));
+    EXPECT_EQ(joined.muxBitsPerSecond(), whole(joined));
 }
 
 INSTANTIATE_TEST_SUITE_P(Each, RuleOnStreams, testing::ValuesIn(ROWS),

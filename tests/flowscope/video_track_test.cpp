@@ -102,6 +102,53 @@ TEST(Video, TheRateIsConstantWhereTheDelayIsCoded) {
     EXPECT_EQ(VideoTrack(VideoCodec::h264).constantBitRate(), std::nullopt);
 }
 
+// A sequence of 25 frames a second with that bit_rate_value and vbv_buffer_size_value, their extensions last.
+Bytes ratedSequence(int rate, int buffer, int rateHigh = 0, int bufferHigh = 0) {
+    Bytes sequence = sequenceHeader(720, 576, 3);
+    sequence[8] = static_cast<unsigned char>(rate >> 10);
+    sequence[9] = static_cast<unsigned char>(rate >> 2);
+    sequence[10] = static_cast<unsigned char>((rate & 3) << 6 | 0x20 | buffer >> 5);
+    sequence[11] = static_cast<unsigned char>(buffer << 3);
+    Bytes extension = sequenceExtension(0x48);
+    extension[6] = static_cast<unsigned char>(extension[6] | rateHigh >> 7);
+    extension[7] = static_cast<unsigned char>((rateHigh & 0x7F) << 1 | 1);
+    extension[8] = static_cast<unsigned char>(bufferHigh);
+    return sequence + extension;
+}
+Bytes ratedPicture(int delay) {
+    Bytes picture = pictureHeader(1);
+    picture[5] = static_cast<unsigned char>((picture[5] & 0xF8) | delay >> 13);
+    picture[6] = static_cast<unsigned char>(delay >> 5);
+    picture[7] = static_cast<unsigned char>(delay << 3);
+    return picture + pictureCodingExtension(3, true, false) + filler(8);
+}
+
+TEST(Video, AConstantRateIsThatOfTheHeaders) {
+    const auto coded = [](const Bytes& stream) {
+        VideoTrack track(VideoCodec::mpeg2);
+        track.feed(stream);
+        track.end();
+        return track.codedRate().value_or(VideoTrack::CodedRate{});
+    };
+    using Rate = VideoTrack::CodedRate;
+    const Bytes sd = ratedSequence(7950, 112);
+    EXPECT_EQ(coded(sd + ratedPicture(1234)), (Rate{3'180'000, 1'835'008}));
+    EXPECT_EQ(coded(ratedSequence(0x2AAAA, 0x2AA, 0xAAA, 0xAA) + ratedPicture(1234)),
+              (Rate{400.0 * 0x2AAAAAAA, 16'384.0 * 0x2AAAA}));
+    EXPECT_EQ(coded(sd + ratedPicture(1234) + sd + ratedPicture(4321)), (Rate{3'180'000, 1'835'008}));
+    EXPECT_EQ(coded(ratedPicture(1234) + sd + ratedPicture(4321)), (Rate{3'180'000, 1'835'008}))
+        << "of a stream that begins within a group";
+    EXPECT_EQ(coded(sd + ratedPicture(0xFFFF)), Rate{}) << "variable";
+    EXPECT_EQ(coded(sd + ratedPicture(1234) + ratedPicture(0xFFFF)), Rate{});
+    EXPECT_EQ(coded(sd + ratedPicture(1234) + ratedSequence(7951, 112) + ratedPicture(1234)), Rate{})
+        << "of two rates";
+    EXPECT_EQ(coded(ratedPicture(1234)), Rate{}) << "without headers";
+    EXPECT_EQ(coded(ratedSequence(0, 112) + ratedPicture(1234)), Rate{}) << "a value that is forbidden";
+    const Bytes whole = sd + ratedPicture(1234);
+    for (std::size_t length = 0; length < whole.size(); ++length)
+        coded(Bytes(whole.begin(), whole.begin() + static_cast<long>(length)));
+}
+
 TEST(Video, ATimeCodeThatDoesNotFollowIsCounted) {
     const auto jumps = [](int secondGopSecond) {
         VideoTrack track(VideoCodec::mpeg2);
@@ -220,7 +267,7 @@ Bytes sequenceSetWithHrd(const std::vector<unsigned>& nalFlags, const std::vecto
         bits.u(1, flags.empty() ? 0 : 1);
         if (flags.empty())
             continue;
-        bits.ue(static_cast<unsigned>(flags.size()) - 1).u(4, 0).u(4, 0);
+        bits.ue(static_cast<unsigned>(flags.size()) - 1).u(4, 3).u(4, 5); // times 512 both
         unsigned rate = 1000;
         for (const unsigned flag : flags)
             bits.ue(rate++).ue(500).u(1, flag);
@@ -255,6 +302,28 @@ TEST(H264Video, TheRateIsConstantWhereAScheduleOfTheHrdIs) {
     const Bytes whole = sequenceSetWithHrd({1, 0}, {0});
     for (std::size_t length = 0; length < whole.size(); ++length)
         constant(Bytes(whole.begin(), whole.begin() + static_cast<long>(length)));
+}
+
+TEST(H264Video, AConstantRateIsThatOfTheHrdForAllUnits) {
+    const auto coded = [](const std::vector<unsigned>& nalFlags, const std::vector<unsigned>& vclFlags,
+                          const Bytes& behind = {}) {
+        VideoTrack track(VideoCodec::h264);
+        track.feed(sequenceSetWithHrd(nalFlags, vclFlags) + nal(8, {0xCE, 0x3C, 0x80}) +
+                   nal(5, {0x88, 0x84, 0x21, 0xA0}) + behind + nal(9, {0xF0}));
+        track.end();
+        EXPECT_GE(track.frames(), 1U);
+        return track.codedRate().value_or(VideoTrack::CodedRate{});
+    };
+    using Rate = VideoTrack::CodedRate;
+    const Rate first{1001 * 512, 501 * 512};
+    EXPECT_EQ(coded({1}, {}), first);
+    EXPECT_EQ(coded({1}, {1}), first);
+    EXPECT_EQ(coded({0, 1, 1}, {}), (Rate{1002 * 512, 501 * 512})) << "the slowest of constant rate";
+    EXPECT_EQ(coded({0}, {1}), Rate{});
+    EXPECT_EQ(coded({}, {1}), Rate{}) << "that does not count all bytes of the stream";
+    EXPECT_EQ(coded({}, {}), Rate{});
+    EXPECT_EQ(coded({1}, {}, sequenceSetWithHrd({0, 1}, {}) + nal(5, {0x88, 0x84, 0x21, 0xA0})), Rate{})
+        << "of two rates";
 }
 
 TEST(H264Video, TheTimeCodeIsThatOfThePictureTiming) {

@@ -119,16 +119,27 @@ constexpr std::array<std::pair<unsigned, unsigned>, 17> sampleAspects{{{0, 0},
                                                                        {2, 1}}};
 
 // E.1.2.
-void readHrd(Bits& in, AvcHeaders::Format& format) {
+void readHrd(Bits& in, AvcHeaders::Format& format, bool allUnits) {
     const unsigned schedules = in.ue() + 1;
-    in.bits(8); // bit_rate_scale, cpb_size_scale
+    const unsigned rateScale = in.bits(4) + 6;
+    const unsigned sizeScale = in.bits(4) + 4;
     constexpr unsigned mostSchedules = 32;
     bool constant = false;
+    std::uint64_t bitRate = 0;
+    std::uint64_t bufferBits = 0;
     for (unsigned i = 0; i < std::min(schedules, mostSchedules) && !in.failed(); ++i) {
-        in.ue();
-        in.ue();
+        const std::uint64_t rate = std::uint64_t{in.ue()} + 1;
+        const std::uint64_t size = std::uint64_t{in.ue()} + 1;
         // A stream of constant rate keeps to one schedule; those of higher rates are then variable.
-        constant = in.bit() != 0 || constant;
+        if (in.bit() == 0 || constant)
+            continue;
+        constant = true;
+        bitRate = rate << rateScale;
+        bufferBits = size << sizeScale;
+    }
+    if (allUnits && !in.failed()) {
+        format.bitRate = bitRate;
+        format.bufferBits = bufferBits;
     }
     // Of two the first is that of all NAL units, filler data among them.
     if (!format.constantRate && !in.failed())
@@ -172,10 +183,10 @@ void readVui(Bits& in, AvcHeaders::Format& format) {
     }
     const bool nalHrd = in.bit();
     if (nalHrd)
-        readHrd(in, format);
+        readHrd(in, format, true);
     const bool vclHrd = in.bit();
     if (vclHrd)
-        readHrd(in, format);
+        readHrd(in, format, false);
     if (nalHrd || vclHrd)
         in.bit(); // low_delay_hrd_flag
     format.pictureStructure = in.bit() && !in.failed();

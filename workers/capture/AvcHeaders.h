@@ -40,6 +40,9 @@ public:
         unsigned timeOffsetBits = 24;     // of time_offset
         bool pictureStructure = false;    // pic_struct_present_flag
         std::optional<bool> constantRate; // cbr_flag of any schedule; none: no HRD parameters
+        // BitRate and CpbSize of that schedule, in bits, of all NAL units (E.2.2); 0: none.
+        std::uint64_t bitRate = 0;
+        std::uint64_t bufferBits = 0;
     };
 
     // 7.3.2.1. Returns false when it cannot be read.

@@ -96,8 +96,13 @@ public:
     [[nodiscard]] std::int64_t videoFrames() const;
     // Seconds that any stream of the asset has something to show or to play.
     [[nodiscard]] double seconds() const;
-    // Bits per second of the video's elementary stream, and of the whole file; 0 without a duration.
+    // Bits per second of the video's elementary stream: those of its headers where they say that it is
+    // constant and its bytes are as many as that makes, but for what the decoder's buffer holds; else its
+    // bytes over its seconds. 0 without a duration.
     [[nodiscard]] double videoBitsPerSecond() const;
+    // Of the whole file: by the clock where null packets fill the multiplex up to a constant rate, or its
+    // clock references keep to one as they must; else all of its bytes over its seconds. 0 without a
+    // duration.
     [[nodiscard]] double muxBitsPerSecond() const;
     // Of the video: as it says itself, else by its seconds.
     [[nodiscard]] bool constantBitRate() const;

@@ -74,10 +74,23 @@ double Analysis::seconds() const {
 
 double Analysis::videoBitsPerSecond() const {
     const double duration = videoSeconds();
-    return duration <= 0 ? 0 : static_cast<double>(m_video->bytes()) * 8 / duration;
+    if (duration <= 0)
+        return 0;
+    const double bits = static_cast<double>(m_video->bytes()) * 8;
+    // At either end of a file the buffer may hold any part of what it can (13818-2, C.3; H.264, C.1.1), so
+    // that a short file measures up to so much more, or less, than the rate that it is sent at.
+    const auto coded = m_video->codedRate();
+    if (coded && std::abs(bits - coded->bitsPerSecond * duration) <= coded->bufferBits)
+        return coded->bitsPerSecond;
+    return bits / duration;
 }
 
 double Analysis::muxBitsPerSecond() const {
+    // The streams begin and end up to a second behind the packets that bear them: no number of seconds gives
+    // a constant rate exactly, which a limit may be just as high as.
+    const auto rate = m_clock.rate();
+    if (rate && (m_nullPackets > 0 || rate->farthestUs <= ClockCheck::jitterLimitUs))
+        return std::round(rate->packetsPerSecond * ts::packet_size * 8);
     const double duration = seconds();
     return duration <= 0 ? 0
                          : static_cast<double>(m_packets - m_packetsBefore) * ts::packet_size * 8 / duration;

@@ -20,6 +20,8 @@ void ClockCheck::reference(std::int64_t pcr, std::int64_t packet, bool announced
         if (announced || step > SECOND) {
             ++(announced ? m_newTimeBases : m_jumps);
             m_jitter = ofAll();
+            m_pace.join(paceOfStretch(!announced));
+            m_beganByJump = !announced;
             m_samples.clear();
         } else {
             m_elapsed += step;
@@ -41,22 +43,87 @@ void ClockCheck::reference(std::int64_t pcr, std::int64_t packet, bool announced
     m_every *= 2;
 }
 
-bool ClockCheck::constantRate() const {
+void ClockCheck::Pace::join(const Pace& other) {
+    if (other.spans == 0)
+        return;
+    least = spans == 0 ? other.least : std::min(least, other.least);
+    most = std::max(most, other.most);
+    spans += other.spans;
+    packetsSquared += other.packetsSquared;
+    packetsByTicks += other.packetsByTicks;
+    farthest = std::max(farthest, other.farthest);
+}
+
+bool ClockCheck::Pace::constant(int spansWanted) const {
     constexpr double TOLERANCE = 0.01;
-    double least = 0;
-    double most = 0;
-    int spans = 0;
-    for (std::size_t begin = 0, i = 1; i < m_samples.size(); ++i) {
-        if (m_samples[i].pcr - m_samples[begin].pcr < SECOND)
+    return spans >= spansWanted && most > 0 && most - least <= TOLERANCE * most;
+}
+
+ClockCheck::Pace ClockCheck::paceOf(std::span<const Sample> samples, std::int64_t shortest) {
+    Pace pace;
+    std::size_t begin = 0;
+    for (std::size_t i = 1; i < samples.size(); ++i) {
+        if (samples[i].pcr - samples[begin].pcr < shortest)
             continue;
-        const double rate = static_cast<double>(m_samples[i].packet - m_samples[begin].packet) /
-                            static_cast<double>(m_samples[i].pcr - m_samples[begin].pcr);
-        least = spans == 0 ? rate : std::min(least, rate);
-        most = std::max(most, rate);
-        ++spans;
+        const double rate = static_cast<double>(samples[i].packet - samples[begin].packet) /
+                            static_cast<double>(samples[i].pcr - samples[begin].pcr);
+        pace.least = pace.spans == 0 ? rate : std::min(pace.least, rate);
+        pace.most = std::max(pace.most, rate);
+        ++pace.spans;
         begin = i;
     }
-    return spans >= 2 && most > 0 && most - least <= TOLERANCE * most;
+    if (pace.spans == 0)
+        return pace;
+    const auto whole = samples.first(begin + 1);
+    double packets = 0;
+    double ticks = 0;
+    const Sample& first = whole.front();
+    for (const Sample& sample : whole) {
+        packets += static_cast<double>(sample.packet - first.packet);
+        ticks += static_cast<double>(sample.pcr - first.pcr);
+    }
+    packets /= static_cast<double>(whole.size());
+    ticks /= static_cast<double>(whole.size());
+    for (const Sample& sample : whole) {
+        const double distance = static_cast<double>(sample.packet - first.packet) - packets;
+        pace.packetsSquared += distance * distance;
+        pace.packetsByTicks += distance * (static_cast<double>(sample.pcr - first.pcr) - ticks);
+    }
+    // Which packet bears a reference is exact, its time is not: ticks by packets, not packets by ticks.
+    const double slope = pace.packetsSquared > 0 ? pace.packetsByTicks / pace.packetsSquared : 0;
+    for (const Sample& sample : whole)
+        pace.farthest = std::max(
+            pace.farthest, std::abs(static_cast<double>(sample.pcr - first.pcr) - ticks -
+                                    slope * (static_cast<double>(sample.packet - first.packet) - packets)));
+    return pace;
+}
+
+ClockCheck::Pace ClockCheck::paceOfStretch(bool endsByJump) const {
+    std::span<const Sample> samples(m_samples);
+    while (m_beganByJump && !samples.empty() && samples.front().pcr < m_samples.front().pcr + SECOND)
+        samples = samples.subspan(1);
+    while (endsByJump && !samples.empty() && samples.back().pcr > m_samples.back().pcr - SECOND)
+        samples = samples.first(samples.size() - 1);
+    return paceOf(samples, SECOND);
+}
+
+bool ClockCheck::constantRate() const {
+    return paceOf(m_samples, SECOND).constant(2);
+}
+
+std::optional<ClockCheck::ConstantRate> ClockCheck::rate() const {
+    Pace pace = paceOfStretch(false);
+    pace.join(m_pace);
+    bool constant = pace.constant(2);
+    if (pace.spans < 2 && m_jumps + m_newTimeBases == 0) {
+        constexpr int LEAST_TENTHS = 5;
+        pace = paceOf(m_samples, SECOND / 10);
+        constant = pace.constant(LEAST_TENTHS);
+    }
+    if (!constant || pace.packetsByTicks <= 0)
+        return std::nullopt;
+    return ConstantRate{static_cast<double>(SECOND) * pace.packetsSquared / pace.packetsByTicks,
+                        pace.farthest / TICKS_PER_US};
 }
 
 // From the line between the first and the last reference of the stretch.

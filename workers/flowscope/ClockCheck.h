@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <vector>
 
 namespace kestrel::flowscope {
@@ -37,6 +38,15 @@ public:
     [[nodiscard]] std::optional<double> jitterUs() const;
     // The packet of the reference that lies so far off.
     [[nodiscard]] std::optional<std::int64_t> jitterPacket() const;
+    struct ConstantRate {
+        double packetsPerSecond;
+        double farthestUs; // a reference from its line
+    };
+    // By the straight line nearest to the references (least squares), so that what each of them is off by
+    // counts for little; of several stretches by parallel lines. Nothing where there is no constant rate:
+    // that of jitterUs(), the same one in all stretches. A single stretch that has no two seconds may have
+    // five tenths of a second instead.
+    [[nodiscard]] std::optional<ConstantRate> rate() const;
     // Seconds from the first reference to the last, jumps left out.
     [[nodiscard]] double elapsedSeconds() const noexcept { return static_cast<double>(m_elapsed) / 27e6; }
 
@@ -52,6 +62,24 @@ private:
         std::int64_t packet;
         double at; // in the plots
     };
+    // How packets pass in equal spans of time.
+    struct Pace {
+        int spans = 0;
+        double least = 0; // packets a tick of any span
+        double most = 0;
+        // Sums over the references within the spans, by their distances from the mean one.
+        double packetsSquared = 0;
+        double packetsByTicks = 0;
+        double farthest = 0; // ticks of a reference from the line
+
+        void join(const Pace& other);
+        [[nodiscard]] bool constant(int spansWanted) const;
+    };
+    // Of spans that are no shorter than that many ticks.
+    [[nodiscard]] static Pace paceOf(std::span<const Sample> samples, std::int64_t shortest);
+    // Without what a damaged reference may have spoilt: a second behind the jump that began the stretch, and
+    // one before the jump that ends it.
+    [[nodiscard]] Pace paceOfStretch(bool endsByJump) const;
     [[nodiscard]] bool constantRate() const;
     [[nodiscard]] double distanceUs(const Sample& sample) const;
     struct Distance {
@@ -72,6 +100,8 @@ private:
     std::vector<Sample> m_samples;    // of the stretch since the last jump; times as m_elapsed
     std::uint64_t m_every = 1;        // a sample is kept of so many references
     std::optional<Distance> m_jitter; // of the stretches before
+    Pace m_pace;                      // of them, too
+    bool m_beganByJump = false;       // the stretch
 };
 
 } // namespace kestrel::flowscope

@@ -133,11 +133,19 @@ void VideoTrack::countFrame(char type, bool beginsGroup, unsigned fields) {
         m_firstType = type;
     const FrameRate rate = std::exchange(m_rateOfPicture, m_format.frameRate);
     m_rateChanged = m_rateChanged || (rate.numerator != 0 && rate != m_format.frameRate);
+    if (!m_rateOfBits && m_headerRate.bitsPerSecond > 0)
+        m_rateOfBits = m_headerRate;
+    m_rateOfBitsChanged = m_rateOfBitsChanged || (m_rateOfBits && *m_rateOfBits != m_headerRate);
     m_gops.frame(type, beginsGroup);
     m_position.shown += fields;
     m_position.decoded += type == 'B' ? fields : m_heldFields;
     if (type != 'B')
         m_heldFields = fields;
+}
+
+std::optional<VideoTrack::CodedRate> VideoTrack::codedRate() const {
+    const bool told = m_constantRate == true && m_rateOfBits && m_rateOfBits->bitsPerSecond > 0;
+    return told && !m_rateOfBitsChanged ? m_rateOfBits : std::nullopt;
 }
 
 VideoTrack::Position VideoTrack::position() const {

@@ -89,6 +89,16 @@ public:
     // MPEG-2: whether every picture has its vbv_delay coded (13818-2, 6.3.9). H.264: cbr_flag of the HRD
     // parameters (E.2.2); nothing where there are none.
     [[nodiscard]] std::optional<bool> constantBitRate() const noexcept { return m_constantRate; }
+    // What the headers say of a constant rate and of the decoder's buffer: bit_rate and vbv_buffer_size
+    // (13818-2, 6.3.3, 6.3.5), BitRate and CpbSize of the HRD parameters for all NAL units (H.264, E.2.2).
+    struct CodedRate {
+        double bitsPerSecond = 0;
+        double bufferBits = 0;
+
+        bool operator==(const CodedRate&) const = default;
+    };
+    // Nothing unless constantBitRate() holds and all pictures have the same.
+    [[nodiscard]] std::optional<CodedRate> codedRate() const;
     // The first time code of GOP header or picture timing, as the 25 bits of a GOP header.
     [[nodiscard]] std::optional<int> firstTimecode() const noexcept { return m_firstTimecode; }
     // Of GOP headers or picture timing: which do not follow from the one before and its frames.
@@ -157,6 +167,13 @@ private:
     bool m_keyAhead = false; // a parameter set or a recovery point came before the picture
     std::optional<capture::AvcHeaders::Slice> m_lastField;
     std::optional<capture::AvcHeaders::PictureTiming> m_timing; // of the next picture
+
+    // The rate of bits. Behind all that each byte of the stream needs.
+    int m_bitRate = 0; // bit_rate_value and vbv_buffer_size_value of the last sequence header
+    int m_bufferSize = 0;
+    CodedRate m_headerRate;                // of the latest headers
+    std::optional<CodedRate> m_rateOfBits; // of the first picture behind any
+    bool m_rateOfBitsChanged = false;
 };
 
 } // namespace kestrel::flowscope

@@ -125,6 +125,7 @@ void VideoTrack::takeSequenceSet(std::span<unsigned char> nal) {
     // One sequence of variable rate makes the stream one.
     if (format.constantRate && m_constantRate != false)
         m_constantRate = format.constantRate;
+    m_headerRate = {static_cast<double>(format.bitRate), static_cast<double>(format.bufferBits)};
     const std::int64_t sarWidth = format.sarWidth == 0 ? 1 : format.sarWidth;
     const std::int64_t sarHeight = format.sarHeight == 0 ? 1 : format.sarHeight;
     m_format.aspect = pictureAspect(format.width * sarWidth, format.height * sarHeight);

@@ -11,6 +11,11 @@ constexpr unsigned char SEQUENCE = 0xB3;
 constexpr unsigned char EXTENSION = 0xB5;
 constexpr unsigned char GROUP = 0xB8;
 
+// 6.3.3, 6.3.5
+VideoTrack::CodedRate codedRateOf(int bitRate, int bufferSize) {
+    return {bitRate * 400.0, bufferSize * 16.0 * 1024};
+}
+
 const char* profileName(int indication) {
     switch (indication >> 4 & 7) { // table 8-2
     case 1:
@@ -90,6 +95,9 @@ void VideoTrack::takeSequence(std::span<unsigned char> header) {
     const std::size_t code = header[7] & 0x0F;
     if (code < codedFrameRates.size())
         m_format.frameRate = m_codedRate = codedFrameRates[code];
+    m_bitRate = header[8] << 10 | header[9] << 2 | header[10] >> 6;
+    m_bufferSize = (header[10] & 0x1F) << 5 | header[11] >> 3;
+    m_headerRate = codedRateOf(m_bitRate, m_bufferSize);
 }
 
 // 6.2.2.3
@@ -101,6 +109,8 @@ void VideoTrack::takeSequenceExtension(std::span<unsigned char> header) {
     m_format.height |= (header[6] & 0x60) << 7;
     if (header.size() < 10)
         return;
+    const int bitRateExtension = (header[6] & 0x1F) << 7 | header[7] >> 1;
+    m_headerRate = codedRateOf(bitRateExtension << 18 | m_bitRate, header[8] << 10 | m_bufferSize);
     // frame_rate_extension_n and frame_rate_extension_d. Of the header's rate: an extension may be repeated.
     const FrameRate extended{m_codedRate.numerator * ((header[9] >> 5 & 3) + 1),
                              m_codedRate.denominator * ((header[9] & 0x1F) + 1)};
