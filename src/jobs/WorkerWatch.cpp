@@ -136,7 +136,9 @@ void WorkerWatch::takeEnd(int status) {
                        "Child process %s exited, but could not retrieve exit code.  Was exit() used?",
                        m_data.cmdLine);
         reportSignal(status);
-        m_job.setState(Job::ERROR); // a cancelled job too: its worker did not end in order
+        // A cancelled job too: its worker did not end in order.
+        if (m_job.finish(Job::ERROR) != Job::ERROR)
+            m_job.setState(Job::ERROR);
         return;
     }
     const int exitCode = WEXITSTATUS(status);

@@ -1,7 +1,8 @@
-// Verifications of real files by the real verifier, through the service.
+// Verifications of real files by the real verifier, through the service, and what becomes of one that is
+// killed.
 #include "streams/ffprobe.h"
 #include "streams/stream_fixtures.h"
-#include "system/service_under_test.h"
+#include "system/verifier_requests.h"
 
 #include <cstdlib>
 #include <filesystem>
@@ -14,8 +15,6 @@ using testing::Not;
 using testing::StartsWith;
 
 namespace {
-
-constexpr const char* GUID = "0123456789abcdef0123456789abcdef";
 
 class Verification : public testing::Test {
 protected:
@@ -137,6 +136,20 @@ TEST_F(Verification, LaterPropertiesAreQueued) {
                      "VALIDATION_ERRORS,NONE,Mpeg2SD_QuadByteAligned"),
               "TRUE")
         << "it passed";
+}
+
+// Here the verifier does what the test says.
+using VerificationByATestWorker = VerifierRequests;
+
+TEST_F(VerificationByATestWorker, WhoseWorkerWasKilledHasNotPassedEvenOnceItIsAborted) {
+    start("--say 7:worn --verify " + prepared + " --signal 9");
+    EXPECT_EQ(verify(",VALIDATION_ERRORS,NONE,GOPLength_FPS24_12;GOPStructure_IBBP"), "TRUE") << "begun";
+    EXPECT_EQ(service.waitForState(GUID, "ERROR"), "TRUE - ERROR");
+    const std::string worn = std::string(NO_PROPERTY) + " worn";
+    EXPECT_EQ(results(), worn) << "there are no errors in its report";
+    EXPECT_EQ(service.ask(std::string("CAPTURE,JOB_ABORT,") + GUID), "TRUE");
+    EXPECT_EQ(service.ask(std::string("JOB_STATUS,") + GUID), "TRUE - CANCELLED");
+    EXPECT_EQ(results(), worn);
 }
 
 TEST(VerificationProfile, AQuickDurationOfNoSecondIsHandedOnAndRefusedByTheVerifier) {
