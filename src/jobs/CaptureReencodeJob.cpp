@@ -98,16 +98,22 @@ int CaptureReencodeJob::validateMezzanine() {
     std::string reason = unreadable(sourceFile);
     const double framesPerSecond = reason.empty() ? MpegWrapper::GetFrameRateFromFile(sourceFile) : 0.0;
     const int code = validateMarks(framesPerSecond);
-    if (framesPerSecond > 0)
+    // What is known of an H.264 file whose parameter set is not read as far as its timing.
+    constexpr double UNREAD_TIMING = 0.5;
+    const bool judgedAsLowest = framesPerSecond < 0 || framesPerSecond == UNREAD_TIMING;
+    if (framesPerSecond > 0 && !judgedAsLowest)
         return code;
     // Without a rate no marks are good, and the refusal is about them: the log tells, last, that it is the
     // file. A code that stands for no rate has a negative one, by which marks are judged as at the lowest.
-    if (reason.empty())
-        reason = framesPerSecond < 0 ? "names a frame rate that does not exist."
-                                     : "has no video whose frame rate can be read.";
+    if (framesPerSecond < 0)
+        reason = "names a frame rate that does not exist.";
+    else if (judgedAsLowest)
+        reason = "has H.264 video whose frame rate is not read.";
+    else if (reason.empty())
+        reason = "has no video whose frame rate can be read.";
     LogUtil::Warning("JobMgmt", "SrcFilename: \"%s\" %s %s", sourceFile, reason.c_str(),
-                     framesPerSecond < 0 ? "The marks are judged as at 23.976 frames a second."
-                                         : "The source is the reason of the refusal, not the marks.");
+                     judgedAsLowest ? "The marks are judged as at 23.976 frames a second."
+                                    : "The source is the reason of the refusal, not the marks.");
     return code;
 }
 

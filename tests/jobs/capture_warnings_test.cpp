@@ -3,6 +3,7 @@
 #include "foundation/ControllingTerminal.h"
 #include "foundation/TimeZone.h"
 #include "foundation/UniqueFd.h"
+#include "streams/stream_fixtures.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -155,6 +156,43 @@ TEST_F(CaptureWarningsTest, AMezzanineOfASourceWithAnUnusedRateIsTakenAndToldOf)
                                       "\" names a frame rate that does not exist. The marks are judged as at "
                                       "23.976 frames a second.\r\n"));
     }
+}
+
+TEST_F(CaptureWarningsTest, AMezzanineOfAnH264SourceWhoseTimingIsNotReadIsToldOf) {
+    const std::string file = kestrel::test::streamFile("h264_baseline"); // its pic_order_cnt_type is 2
+    const std::string field = "SrcFilename=" + file;
+    const std::string told = "[JobMgmt:Warning] SrcFilename: \"" + file +
+                             "\" has H.264 video whose frame rate is not read. The marks are judged as at "
+                             "23.976 frames a second.\r\n";
+    const struct {
+        const char* markOut;
+        int code;
+        const char* results;
+    } rows[] = {
+        {"MarkOutTime=02:00:00:23", 0, ""},
+        // The file has 25 frames a second, of which the last is number 24.
+        {"MarkOutTime=02:00:00:24", 10022,
+         "Error: Invalid timecode parameter 02:00:00:24 for frame rate 0.500000."},
+    };
+    for (const auto& row : rows) {
+        CaptureReencodeJob job(1, Job::CAPTURE_MEZZANINE_JOB);
+        const std::size_t before = log.text().size();
+        EXPECT_EQ(setFields(job, {"Filename=/tmp/out.ts", enc1, field.c_str(), "DecoderIp=10.9.9.9",
+                                  "MarkInTime=01:00:00:00", row.markOut}),
+                  row.code);
+        EXPECT_STREQ(job.results, row.results);
+        EXPECT_THAT(log.text().substr(before), testing::EndsWith(told)) << row.markOut;
+    }
+}
+
+TEST_F(CaptureWarningsTest, AMezzanineOfASourceWhoseRateIsReadIsNotToldOf) {
+    const std::string field = "SrcFilename=" + kestrel::test::streamFile("h264_main");
+    CaptureReencodeJob job(1, Job::CAPTURE_MEZZANINE_JOB);
+    EXPECT_EQ(setFields(job, {"Filename=/tmp/out.ts", enc1, field.c_str(), "DecoderIp=10.9.9.9",
+                              "MarkInTime=01:00:00:00", "MarkOutTime=02:00:00:00"}),
+              0)
+        << job.results;
+    EXPECT_THAT(log.text(), Not(HasSubstr("SrcFilename")));
 }
 
 // A Ctrl-C on a terminal that had become the service's would end the service.
