@@ -11,7 +11,8 @@ mark_frames=250
 deck_profile_section() {
   cat <<XML
   <!-- The deck-control process with the names of its ports, and its log. -->
-  <DeckCtrl EXE="$build/bin/kestrelDeckCtrl -ports $run/conf/deck_ports.xml" LOG_FILE="$run/logs/deck.log" LOG_LEVEL="1"/>
+  <DeckCtrl EXE="&quot;$build/bin/kestrelDeckCtrl&quot; -ports &quot;$run/conf/deck_ports.xml&quot;"
+    LOG_FILE="$run/logs/deck.log" LOG_LEVEL="1"/>
 XML
 }
 

@@ -34,10 +34,11 @@ write_profile() {
   <Logging LOG_FILENAME="$run/logs/KestrelManager.log" LOG_LEVEL="1"/>
   <!-- The TCP port for requests, and how many connections are served at once. -->
   <WebServicesComm PORT_NUMBER="$port" NUMBER_OF_SIMULTANEOUS_HANDLES="5"/>
-  <!-- The capture worker with its own options, and where it logs. -->
-  <Capture EXE="$build/bin/kestrelCapture -encoders $run/conf/encoders.xml" LOG_DIR="$run/logs/"/>
+  <!-- The capture worker with its own options, and where it logs. Quoted, since a path may have blanks. -->
+  <Capture EXE="&quot;$build/bin/kestrelCapture&quot; -encoders &quot;$run/conf/encoders.xml&quot;"
+    LOG_DIR="$run/logs/"/>
   <!-- The verifier of finished files, and where its reports go. -->
-  <Verifier EXE="$build/bin/flowScope" REPORT_DIR="$run/reports/"/>
+  <Verifier EXE="&quot;$build/bin/flowScope&quot;" REPORT_DIR="$run/reports/"/>
   <!-- Audio groups that a property list always shows. -->
   <MPEGProperties NUM_AUDIOS="1"/>
 $deck_section  <!-- A worker that says nothing for this long is no longer watched. -->
