@@ -9,6 +9,7 @@ kestrel_configure_target(kestrel_manager_entry)
 kestrel_add_test(service_failure_tests
   SOURCES
     ${CMAKE_CURRENT_LIST_DIR}/daemon_failures_test.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/launch_failures_test.cpp
     ${CMAKE_CURRENT_LIST_DIR}/manager_failures_test.cpp
     ${CMAKE_CURRENT_LIST_DIR}/socket_failures_test.cpp
     ${CMAKE_CURRENT_LIST_DIR}/system_refusals.cpp

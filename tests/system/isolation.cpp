@@ -10,16 +10,20 @@
 #include <filesystem>
 #include <sched.h>
 #include <string>
+#include <string_view>
 #include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <system_error>
 #include <unistd.h>
+#include <vector>
 
 namespace kestrel::test {
 
 namespace {
 
 constexpr const char* PRIVATE_QUEUES = "/tmp/mqueue";
+constexpr std::string_view TO_DECKS = "to_vtr_proc_q";
 
 bool isolated = false;
 
@@ -58,6 +62,46 @@ bool enterNamespaces() {
     return true;
 }
 
+// Whether a name has the number of a job between these two. Where names are shared: a small number, as the
+// first jobs of a service have. The tests of single jobs, which do not wait for these, take large ones.
+bool hasJobNumber(std::string_view name, std::string_view before, std::string_view after) {
+    constexpr std::size_t SMALL_DIGITS = 5;
+    if (!name.starts_with(before) || !name.substr(before.size()).ends_with(after))
+        return false;
+    const std::string_view number = name.substr(before.size(), name.size() - before.size() - after.size());
+    return !number.empty() && number.find_first_not_of("0123456789") == std::string_view::npos &&
+           (isolated || number.size() <= SMALL_DIGITS);
+}
+
+bool isJobQueue(std::string_view name) {
+    return hasJobNumber(name, "mgr_msg_q_", "") || hasJobNumber(name, "job_update_q_", "");
+}
+
+bool isDeckQueue(std::string_view name) {
+    return name == TO_DECKS || name == "from_vtr_proc_q";
+}
+
+// Whether a service that runs has the deck queues: it locks one of them.
+bool decksAreServed() {
+    const UniqueFd queue(
+        open((queueDirectory() + ("/" + std::string(TO_DECKS))).c_str(), O_RDONLY | O_CLOEXEC));
+    return queue.valid() && flock(queue.get(), LOCK_EX | LOCK_NB) != 0;
+}
+
+// Removes what has such a name there; of a shared directory only what is this user's.
+void removeOwn(const char* directory, bool (*isMeant)(std::string_view name)) {
+    std::error_code error;
+    std::vector<std::filesystem::path> meant;
+    for (const auto& entry : std::filesystem::directory_iterator(directory, error)) {
+        struct stat status {};
+        if (isMeant(entry.path().filename().string()) && lstat(entry.path().c_str(), &status) == 0 &&
+            (isolated || status.st_uid == geteuid()))
+            meant.push_back(entry.path());
+    }
+    for (const std::filesystem::path& path : meant)
+        std::filesystem::remove_all(path, error);
+}
+
 } // namespace
 
 const char* queueDirectory() {
@@ -67,22 +111,27 @@ const char* queueDirectory() {
 void isolateHostNames() {
     if (enterNamespaces())
         return;
-    // Held by the descriptor, which stays open on purpose until the process ends.
-    const int lock = open("/tmp/kestrel-host-names.lock", O_CREAT | O_RDWR | O_CLOEXEC, 0666);
+    // Held by the descriptor, which stays open on purpose until the process ends. Another user's file can be
+    // locked, but in a directory like /tmp it can be neither written nor opened as if to be made.
+    constexpr const char* LOCK = "/tmp/kestrel-host-names.lock";
+    int lock = open(LOCK, O_RDONLY | O_CLOEXEC);
+    if (lock < 0 && errno == ENOENT)
+        lock = open(LOCK, O_CREAT | O_RDONLY | O_CLOEXEC, 0644);
     if (lock < 0 || flock(lock, LOCK_EX) != 0)
         fail("the host-wide test lock cannot be taken");
+    // What a run that was ended before its time has left.
+    clearPrivateNames();
+}
+
+bool isServiceQueue(std::string_view name) {
+    return isolated || isJobQueue(name) || isDeckQueue(name);
 }
 
 void clearPrivateNames() {
-    if (!isolated)
-        return;
-    for (const auto& queue : std::filesystem::directory_iterator(PRIVATE_QUEUES))
-        std::filesystem::remove(queue.path());
-    for (const auto& entry : std::filesystem::directory_iterator("/tmp")) {
-        const std::string name = entry.path().filename();
-        if (name.starts_with("capture_") && name.ends_with(".xml"))
-            std::filesystem::remove_all(entry.path());
-    }
+    removeOwn(queueDirectory(), [](std::string_view name) {
+        return isolated || isJobQueue(name) || (isDeckQueue(name) && !decksAreServed());
+    });
+    removeOwn("/tmp", [](std::string_view name) { return hasJobNumber(name, "capture_", ".xml"); });
 }
 
 } // namespace kestrel::test

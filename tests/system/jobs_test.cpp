@@ -1,5 +1,6 @@
 // Jobs over the protocol with real worker processes: begin, states, results, logs, abort, failure.
 #include "foundation/ProcessTree.h"
+#include "system/isolation.h"
 #include "system/service_under_test.h"
 
 #include <csignal>
@@ -315,7 +316,7 @@ TEST(Jobs, AbortOfAJobWhoseQueueIsGoneSaysSoAndKeepsTheState) {
     // The worker has its queues open from here on.
     ASSERT_TRUE(eventually([&] { return std::filesystem::exists(up); }));
     ASSERT_THAT(messageQueues(), testing::Contains("mgr_msg_q_0"));
-    std::filesystem::remove(std::filesystem::path("/tmp/mqueue") / "mgr_msg_q_0");
+    ASSERT_TRUE(std::filesystem::remove(std::filesystem::path(queueDirectory()) / "mgr_msg_q_0"));
     EXPECT_THAT(service.ask("CAPTURE,JOB_ABORT,1"),
                 StartsWith("FALSE - Error: Could not connect to queue /mgr_msg_q_0."));
     EXPECT_EQ(service.ask("JOB_STATUS,1"), "TRUE - IN_PROGRESS");

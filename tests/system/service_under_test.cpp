@@ -322,7 +322,8 @@ std::vector<pid_t> ServiceUnderTest::children() const {
 std::vector<std::string> messageQueues() {
     std::vector<std::string> names;
     for (const fs::directory_entry& entry : fs::directory_iterator(queueDirectory()))
-        names.push_back(entry.path().filename());
+        if (const std::string name = entry.path().filename(); isServiceQueue(name))
+            names.push_back(name);
     return names;
 }
 

@@ -122,7 +122,7 @@ private:
     std::unique_ptr<Child> m_process;
 };
 
-// Names of the message queues that exist (of this IPC namespace).
+// Names of the message queues of services that exist in this IPC namespace.
 std::vector<std::string> messageQueues();
 
 } // namespace kestrel::test
