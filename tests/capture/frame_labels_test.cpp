@@ -123,9 +123,19 @@ INSTANTIATE_TEST_SUITE_P(
                     Case{"film", {.rateCode = 1, .timecode = "10:00:59:10"}},
                     Case{"acrossMidnight", {.timecode = "23:59:58:00"}}, Case{"fieldPairs", {.fields = true}},
                     Case{"avc", {.bFrames = 2, .avc = true}},
+                    Case{"avcKeysOnly", {.bFrames = 2, .open = true, .avc = true, .keysOnly = true}},
                     Case{"avcDrop", {.rateCode = 4, .timecode = "10:00:58;20", .avc = true}},
                     Case{"avcWithBuffering", {.avc = true, .avcHrd = true}}),
     [](const auto& made) { return std::string(made.param.name); });
+
+// Where other labels begin with a key picture, those that are shown before it go on from the one before.
+TEST_F(FrameLabelsTest, PicturesOfH264ThatHaveNoneOfTheirOwnGoOnFromTheKeyThatIsShownBefore) {
+    FrameLabels labels(true, true, 0);
+    LabelledStream stream({.gop = 10, .bFrames = 2, .open = true, .avc = true, .keysOnly = true});
+    stream.switchAt(22, "05:00:00:00");
+    const auto frames = stream.frames(60);
+    EXPECT_EQ(label(labels, frames), expected(frames));
+}
 
 TEST_F(FrameLabelsTest, WithoutTimecodesOrAReferenceThereAreNone) {
     FrameLabels labels(false, true, 1);

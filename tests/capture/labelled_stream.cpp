@@ -277,7 +277,7 @@ Bytes LabelledStream::avcPicture(int shown, char type) const {
         append(bytes, nal(0x67, sps.bytes));
         append(bytes, {0, 0, 1, 0x68, 0xCE});
     }
-    if (hasTimecode(shown)) {
+    if (hasTimecode(shown) && (type == 'I' || !m_shape.keysOnly)) {
         const mpeg_timecode time = parse(label(shown), m_shape.rateCode);
         Bits timing;
         if (m_shape.avcHrd) {

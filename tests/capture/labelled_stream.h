@@ -20,6 +20,7 @@ struct LabelledShape {
     bool gopHeaders = true;               // false: sequence headers only
     bool avc = false;                     // H.264, the label in picture timing
     bool avcHrd = false;                  // with buffering parameters, which lengthen picture timing
+    bool keysOnly = false;                // H.264: only random access points have a label
     bool fields = false;                  // MPEG-2: each frame is two field pictures
     int packetsPerFrame = 2;
     bool tables = false; // before each frame; else before each GOP

@@ -44,6 +44,23 @@ TEST_F(OwnLabelsTest, AreKeptBackUntilAFurtherTimecodeGoesOn) {
     EXPECT_THAT(m_labels.take(), ElementsAre(Pair(20, 29)));
 }
 
+// Of H.264: it is coded behind another's label, but shown before that.
+TEST_F(OwnLabelsTest, GoOnBehindAnotherLabelInPicturesThatAreShownBeforeIt) {
+    group(0);
+    group(10);
+    (void)m_labels.take();
+    m_labels.begin({5000, 22 * period, period, {}}, true, true, false);
+    EXPECT_FALSE(m_labels.own());
+    m_labels.begin({20, 20 * period, period, {}}, false, false, false);
+    EXPECT_TRUE(m_labels.own());
+    m_labels.add(20, 20);
+    EXPECT_THAT(m_labels.take(), ElementsAre(Pair(20, 20)));
+    m_labels.begin({5001, 23 * period, period, {}}, false, false, false);
+    EXPECT_FALSE(m_labels.own());
+    m_labels.add(5001, 5001);
+    EXPECT_THAT(m_labels.take(), IsEmpty());
+}
+
 TEST_F(OwnLabelsTest, AreKnownAtOnceWhereTheLineIsTrusted) {
     m_labels.trust(0, period);
     group(0);

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <optional>
 
 using namespace kestrel::capture;
 using namespace capture_test;
@@ -127,6 +128,89 @@ TEST_P(ByCount, HasAFilmToTheEndThoughItReturnsMoreFramesThanTheSourceHas) {
     }
 }
 
+// What came back of a film is recorded as long as its own frames take, or as many as an encoder makes of
+// them.
+TEST_P(ByCount, TellsThatFramesOfAFilmWereLost) {
+    struct Lost {
+        int first;
+        int count;
+    };
+    for (const auto [first, count] : {Lost{82, 18}, Lost{99, 1}, Lost{40, 16}, Lost{40, 1}}) {
+        SCOPED_TRACE(std::to_string(count) + " from " + std::to_string(first));
+        // The last may be shown for less than its time.
+        if (count == 1 && perFrame() > 1)
+            continue;
+        m_file = m_directory.path(std::to_string(++m_recordings) + ".ts");
+        RecordingPlan asked = plan();
+        asked.wantedFrames = 80;
+        asked.sourceTime = 4 * PTS::units_per_second;
+        Recording r = recording(asked);
+        begin(r);
+        LabelledStream stream(shape());
+        std::vector<CodedFrame> fed = stream.frames(100 * perFrame() + 20);
+        std::vector<std::string> gone = sources(100);
+        gone.erase(gone.begin() + (first + count) * perFrame(), gone.end());
+        gone.erase(gone.begin(), gone.begin() + first * perFrame());
+        fed.resize(lastAt(fed, sources(100)) + 1);
+        std::erase_if(fed, [&gone](const CodedFrame& frame) {
+            return std::find(gone.begin(), gone.end(), frame.label) != gone.end();
+        });
+        feed(r, fed);
+        r.sourceEnded(m_now);
+        pass(r, 6s);
+        expectFailed(r, "Error: ");
+        EXPECT_THAT(r.status().text, HasSubstr(" frames came back. "));
+    }
+}
+
+TEST_P(ByCount, HasAFilmThatComesBackAsItIs) {
+    if (perFrame() > 1)
+        return;
+    RecordingPlan asked = plan();
+    asked.wantedFrames = 80;
+    asked.sourceTime = 4 * PTS::units_per_second;
+    for (const int lost : {0, 1}) {
+        m_file = m_directory.path(std::to_string(++m_recordings) + ".ts");
+        asked.output = m_file;
+        Recording r = recording(asked);
+        begin(r);
+        LabelledStream stream(shape());
+        std::vector<CodedFrame> fed = stream.frames(100);
+        const std::vector<std::string> labels = sources(100);
+        std::erase_if(fed, [&](const CodedFrame& frame) {
+            const auto at = std::find(labels.begin(), labels.end(), frame.label) - labels.begin();
+            return at % 5 == 3 || (lost != 0 && at == 41);
+        });
+        feed(r, fed);
+        r.sourceEnded(m_now);
+        pass(r, 6s);
+        if (lost == 0)
+            expectRecorded(r);
+        else
+            expectFailed(r, "Error: 79 of 80 frames came back. ");
+    }
+}
+
+// The decoder shows the one before for longer.
+TEST_P(ByCount, HasTheLastFrameOfASourceInWhichOneIsMissing) {
+    for (int frames = 90; frames < 105; ++frames) {
+        SCOPED_TRACE(frames);
+        m_file = m_directory.path(std::to_string(++m_recordings) + ".ts");
+        RecordingPlan asked = plan();
+        asked.wantedFrames = static_cast<std::uint64_t>(frames - 1);
+        asked.sourceTime = frames * PTS::units_per_second / 25;
+        Recording r = recording(asked);
+        begin(r);
+        LabelledStream stream(shape());
+        const std::vector<CodedFrame> fed = stream.frames(300);
+        feed(r, fed);
+        r.sourceEnded(m_now);
+        pass(r, 6s);
+        expectRecorded(r);
+        EXPECT_THAT(recordedOf(fed), testing::IsSupersetOf(sources(frames)));
+    }
+}
+
 // One that is shown behind it, and is coded before it, does not stand for it.
 TEST_P(ByCount, TellsThatTheLastFrameWasLost) {
     for (int wanted = 90; wanted < 105; ++wanted) {
@@ -147,7 +231,8 @@ TEST_P(ByCount, TellsThatTheLastFrameWasLost) {
         pass(r, 6s);
         // At another rate the last may be shown for less than its time.
         expectFailed(r, "Error: " + std::to_string(all.size() - lost) + " of " +
-                            std::to_string(all.size() + 1 - static_cast<unsigned>(perFrame())) + " frames came back. ");
+                            std::to_string(all.size() + 1 - static_cast<unsigned>(perFrame())) +
+                            " frames came back. ");
     }
 }
 
@@ -337,6 +422,41 @@ TEST_F(LabelsOfGops, TellThatFramesDidNotComeBackInTheGopsBehindIt) {
     EXPECT_THAT(r.status().text, HasSubstr(", those before 10:00:00:09 by the clock, "));
 }
 
+// Of an open GOP the source's first frame may be shown before its first coded picture, behind another's.
+TEST_F(LabelsOfGops, AreTheSourcesWhereverInAnOpenGopItBegins) {
+    for (const int bFrames : {1, 2, 3})
+        for (int first = 80; first < 95; ++first) {
+            SCOPED_TRACE(std::to_string(bFrames) + " B from " + std::to_string(first));
+            m_file = m_directory.path(std::to_string(bFrames * 100 + first) + ".ts");
+            Recording r = recording(labelledPlan());
+            LabelledShape open = idle({.bFrames = bFrames, .open = true});
+            open.gop = 15;
+            LabelledStream stream(open);
+            stream.switchAt(first, "10:00:00:00");
+            stream.switchAt(first + sourceFrames, "05:00:00:00");
+            run(r, stream);
+            expectRecorded(r);
+            EXPECT_THAT(r.status().text, HasSubstr(" from 10:00:00:00 to 10:00:03:24"));
+        }
+}
+
+// Of H.264 with a timecode in each key picture only.
+TEST_F(LabelsOfGops, OfKeyPicturesTellTheLastFrameThoughItIsCodedBehindAnotherKey) {
+    for (int first = 80; first < 95; ++first) {
+        SCOPED_TRACE(first);
+        m_file = m_directory.path(std::to_string(first) + ".ts");
+        Recording r = recording(labelledPlan());
+        LabelledShape keys = idle({.bFrames = 2, .open = true, .avc = true, .keysOnly = true});
+        keys.gop = 15;
+        LabelledStream stream(keys);
+        stream.switchAt(first, "10:00:00:00");
+        stream.switchAt(first + sourceFrames, "05:00:00:00");
+        run(r, stream);
+        expectRecorded(r);
+        EXPECT_THAT(r.status().text, HasSubstr(" from 10:00:00:00 to 10:00:03:24"));
+    }
+}
+
 // The decoder goes on in the middle of a GOP: what is left of that has no label of the source.
 TEST_F(LabelsOfGops, SayHowManyFramesAreTheSourcesForCertain) {
     Recording r = recording(labelledPlan());
@@ -348,6 +468,108 @@ TEST_F(LabelsOfGops, SayHowManyFramesAreTheSourcesForCertain) {
     run(r, stream);
     expectFailed(r, "Error: 95 of 100 frames came back for certain. ");
     EXPECT_GE(fileFrames(), 125U);
+}
+
+// An encoder that waits for the source, with timecodes: its decoder shows other pictures first, or its first
+// one for longer.
+class OthersFirst : public PlayedOrder, public testing::WithParamInterface<LabelledShape> {
+protected:
+    enum class Before { still, running, held };
+    // Feeds the source's frames behind so many others, without those of the given labels.
+    void run(int others, Before before, const std::vector<std::string>& lost = {},
+             int frames = sourceFrames) {
+        m_file = m_directory.path(std::to_string(++m_recordings) + ".ts");
+        m_now = Clock::time_point(std::chrono::seconds(1000 + 100 * m_recordings));
+        RecordingPlan asked = plan("10:00:00:00", labelsFrom("10:00:00:00", frames).back());
+        asked.wantedFrames = asked.labelledFrames = static_cast<std::uint64_t>(frames);
+        m_made.emplace(recording(asked));
+        beginSilent(*m_made, "10:00:00:00");
+        m_now += 700ms;
+        LabelledShape shape = GetParam();
+        shape.timecode = "00:00:00:00";
+        shape.gop = 15;
+        LabelledStream stream(shape);
+        if (before != Before::running)
+            stream.switchAt(0, before == Before::held ? "10:00:00:00" : "00:00:00:00", false);
+        stream.switchAt(others, "10:00:00:00");
+        stream.switchAt(others + frames, labelsFrom("10:00:00:00", frames).back(), false);
+        std::vector<CodedFrame> fed = stream.frames(others + 400);
+        std::erase_if(fed, [&lost](const CodedFrame& frame) {
+            return std::find(lost.begin(), lost.end(), frame.label) != lost.end();
+        });
+        const std::vector<CodedFrame> played(fed.begin(), fed.begin() + frames);
+        feed(*m_made, played);
+        m_made->sourceEnded(m_now);
+        feed(*m_made, {fed.begin() + frames, fed.end()});
+        m_there = recordedOf(fed);
+    }
+    Recording& made() { return *m_made; }
+    std::optional<Recording> m_made;
+    std::vector<std::string> m_there;
+    int m_recordings = 0;
+};
+
+TEST_P(OthersFirst, TheLastFrameIsInTheFileAndTheOthersAreNotCounted) {
+    for (const Before before : {Before::still, Before::running, Before::held})
+        for (int others = 1; others < 46; others += 2) {
+            SCOPED_TRACE(std::to_string(others) + " others, kind " +
+                         std::to_string(static_cast<int>(before)));
+            run(others, before);
+            expectRecorded(made());
+            EXPECT_THAT(m_there, testing::IsSupersetOf(labelsFrom("10:00:00:00", sourceFrames)));
+            EXPECT_LE(fileFrames(), static_cast<std::size_t>(others + sourceFrames + 20));
+            EXPECT_THAT(made().status().text,
+                        HasSubstr("by the source's timecodes from 10:00:00:00 to 10:00:03:24"));
+            EXPECT_THAT(made().status().text, HasSubstr(", " + std::to_string(others) + " frame"));
+        }
+}
+
+TEST_P(OthersFirst, DoNotStandForFramesThatWereLost) {
+    for (const int others : {4, 12, 30}) {
+        SCOPED_TRACE(others);
+        run(others, Before::running, {"10:00:03:23", "10:00:03:24"});
+        expectFailed(made(), "Error: ");
+        EXPECT_THAT(made().status().text, HasSubstr(" of 100 frames came back"));
+    }
+}
+
+// Its timecodes have not gone on yet when as many frames as the source has are there.
+TEST_P(OthersFirst, OfAShortSourceTheTimecodesAreWaitedFor) {
+    for (int others = 2; others < 15; ++others) {
+        SCOPED_TRACE(others);
+        run(others, Before::running, {}, 30);
+        expectRecorded(made());
+        EXPECT_THAT(m_there, testing::IsSupersetOf(labelsFrom("10:00:00:00", 30)));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Encoders, OthersFirst,
+                         testing::Values(LabelledShape{.bFrames = 0}, LabelledShape{.bFrames = 2},
+                                         LabelledShape{.bFrames = 2, .open = true},
+                                         LabelledShape{.bFrames = 3, .open = true},
+                                         LabelledShape{.bFrames = 2, .avc = true},
+                                         LabelledShape{.bFrames = 3, .open = true, .avc = true}),
+                         [](const auto& shape) { return nameOf(shape.param); });
+
+// An encoder that waits for the source may begin before it knows the timecode: its first frame is the
+// source's.
+TEST_F(PlayedOrder, OfAnEncoderThatWaitsTheFirstFramesMayLackTheirTimecodes) {
+    for (const bool avc : {false, true}) {
+        m_file = m_directory.path(avc ? "avc.ts" : "mpeg2.ts");
+        Recording r = recording(labelledPlan());
+        beginSilent(r, "10:00:00:00");
+        LabelledShape shape = idle({.bFrames = 2, .avc = avc});
+        LabelledStream stream(shape);
+        stream.switchAt(avc ? 4 : 10, avc ? "10:00:00:04" : "10:00:00:10");
+        stream.switchAt(sourceFrames, "05:00:00:00");
+        feed(r, stream, sourceFrames);
+        r.sourceEnded(m_now);
+        feed(r, stream, 200);
+        expectRecorded(r);
+        EXPECT_THAT(r.status().text, HasSubstr(avc ? "those before 10:00:00:04 by the clock"
+                                                   : "those before 10:00:00:10 by the clock"));
+        EXPECT_LE(fileFrames(), 103U);
+    }
 }
 
 } // namespace

@@ -6,6 +6,7 @@
 #include "streams/ffprobe.h"
 #include "streams/stream_fixtures.h"
 
+#include <algorithm>
 #include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -157,10 +158,63 @@ TEST(LabelledFrames, EndWhereLabelsAreMissing) {
     for (std::size_t second = 20; second < index.points.size(); ++second)
         *index.points[second].timecode += 2;
     EXPECT_EQ(labelledFrames(index).count, 500U);
-    // Those of H.264 are of the access point itself, before which others of its GOP may be shown.
-    for (AccessPoint& point : index.points)
-        point.exact = false;
-    EXPECT_EQ(labelledFrames(index).count, 1000U);
+}
+
+// An H.264 source, its labels those of its access points, before which others of its GOPs are shown.
+class H264Source : public testing::Test {
+protected:
+    static std::vector<CodedFrame> frames() {
+        return LabelledStream({.gop = 10, .bFrames = 3, .open = true, .avc = true}).frames(60);
+    }
+    // Without these labels.
+    SourceIndex without(const std::vector<std::string>& lost) {
+        std::vector<CodedFrame> all = frames();
+        std::erase_if(all, [&lost](const CodedFrame& frame) {
+            return std::find(lost.begin(), lost.end(), frame.label) != lost.end();
+        });
+        capture_test::writePackets(join(all), m_directory.path("source.ts"));
+        return indexOf(m_directory.path("source.ts"));
+    }
+    // So many labels from that one on, in the order of display.
+    static std::vector<std::string> from(int first, int count) {
+        std::vector<std::string> labels;
+        for (int i = first; i < first + count; ++i)
+            labels.push_back(LabelRule{3, false}.text(36000LL * 25 + i));
+        return labels;
+    }
+    TemporaryDirectory m_directory;
+};
+
+TEST_F(H264Source, HasLabelsThatRunThroughUnlessFramesWereLost) {
+    const LabelledFrames all = labelledFrames(without({}));
+    EXPECT_EQ(all.count + all.hidden, 60U);
+    for (int lost = 1; lost <= 4; ++lost)
+        for (int first = 14; first < 24; ++first) {
+            SCOPED_TRACE(std::to_string(lost) + " from " + std::to_string(first));
+            std::vector<std::string> gone = from(first, lost);
+            // Without its access point a GOP goes on in the one before.
+            std::erase_if(gone, [](const std::string& label) { return label.ends_with("23"); });
+            const LabelledFrames found = labelledFrames(without(gone));
+            EXPECT_LT(found.count + found.hidden, 60U - gone.size());
+        }
+}
+
+// Behind it no other label tells.
+TEST_F(H264Source, HasNoLabelsThatRunThroughWhenFramesWereLostBehindTheLastAccessPoint) {
+    const LabelledFrames found = labelledFrames(without(from(56, 1)));
+    EXPECT_LT(found.count + found.hidden, 59U);
+}
+
+TEST_F(H264Source, HasEveryLabelBetweenMarksUnlessFramesWereLost) {
+    const auto every = [](const SourceIndex& index) {
+        MarkedPart part;
+        EXPECT_FALSE(findPart(index, "10:00:00:15", "10:00:01:20", 0, 0, part));
+        return part.everyLabel;
+    };
+    EXPECT_TRUE(every(without({})));
+    for (int first = 14; first < 23; ++first)
+        EXPECT_FALSE(every(without(from(first, 1)))) << first;
+    EXPECT_TRUE(every(without(from(56, 1)))) << "behind the part";
 }
 
 TEST(LabelledFrames, AreNoneOfASourceThatChangesItsFrameRate) {

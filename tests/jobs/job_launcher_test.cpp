@@ -202,8 +202,8 @@ TEST_F(JobLauncherTest, AStoppedWorkerIsAnErrorAndIsReapedWhenItEnds) {
 }
 
 TEST_F(JobLauncherTest, TheEndOfAWorkerIsSeenAtOnce) {
-    // A busy machine may let any one wait, so they are as many as it takes, at most fifty. Seen only at the next
-    // look for a stopped worker, each would take up to a second.
+    // A busy machine may let any one wait, so they are as many as it takes, at most fifty. Seen only at the
+    // next look for a stopped worker, each would take up to a second.
     auto quickest = std::chrono::steady_clock::duration::max();
     for (unsigned long round = 0; round < 50 && quickest >= 10ms; ++round) {
         CaptureManualJob job(901037 + round * 1000);

@@ -365,6 +365,7 @@ TEST_F(Queries, HarnessPrintsProfileLevelAndSize) {
     std::ostringstream log;
     LogUtil::GetInstance()->addStreamLogger(&log);
     EXPECT_EQ(harness({"MpegWrapper"}), Result(1, ""));
+    EXPECT_EQ(harness({"MpegWrapper", write(), "1"}), Result(1, ""));
     EXPECT_EQ(harness({"MpegWrapper", directory.path("missing")}), Result(1, ""));
     LogUtil::Cleanup();
     EXPECT_THAT(log.str(), HasSubstr("[CaptureTests:Error] Function testHarness requires arg filename.mpg"));
