@@ -69,7 +69,9 @@ TEST(SplitHeaders, PesTimesAreRead) {
           {[](const byte_sequence& pes) { return MPEG::PES::header_length(pes); }, 19},
           {[](const byte_sequence& pes) { return MPEG::PES::get_packet_length(pes); }, 0}}) {
         expectTheSameAnswerHoweverSplit(header, ask);
-        inOnePiece(header, [&, &ask = ask, expected = answer](byte_sequence& view) { EXPECT_EQ(ask(view), expected); });
+        inOnePiece(header, [&, &ask = ask, expected = answer](byte_sequence& view) {
+            EXPECT_EQ(ask(view), expected);
+        });
     }
 }
 
