@@ -7,9 +7,11 @@
 #include "jobs/InputField.h"
 #include "jobs/RequestValues.h"
 #include "mpeg/MpegWrapper.h"
+#include "mpeg/grab_h264_header.h"
 #include "resources/ResourceMgr.h"
 
 #include <cerrno>
+#include <cmath>
 #include <cstring>
 #include <fcntl.h>
 #include <string>
@@ -28,6 +30,14 @@ std::string unreadable(const char* file) {
     if (const UniqueFd opened(open(file, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK)); !opened.valid())
         return "cannot be opened: errno " + std::to_string(errno) + " (" + std::strerror(errno) + ").";
     return "";
+}
+
+// Whether a source's 29.97 frames a second are only what H.264 without timing in its headers (E.1.1,
+// timing_info_present_flag) counts as.
+bool isUntimed(char* file) {
+    H264::SequenceParameterSet set;
+    grab_h264_header::getSequenceParams(file, set, 0);
+    return set.num_units_in_tick == 3003 && set.time_scale == 180'000;
 }
 
 } // namespace
@@ -98,22 +108,25 @@ int CaptureReencodeJob::validateMezzanine() {
     std::string reason = unreadable(sourceFile);
     const double framesPerSecond = reason.empty() ? MpegWrapper::GetFrameRateFromFile(sourceFile) : 0.0;
     const int code = validateMarks(framesPerSecond);
+    // Without a rate no marks are good, and the refusal is about them: the log tells, last, that it is the
+    // file; also where they are judged at a rate that the file does not name.
+    const auto tell = [this](const std::string& what, const char* consequence) {
+        LogUtil::Warning("JobMgmt", "SrcFilename: \"%s\" %s %s", sourceFile, what.c_str(), consequence);
+    };
     // What is known of an H.264 file whose parameter set is not read as far as its timing.
     constexpr double UNREAD_TIMING = 0.5;
-    const bool judgedAsLowest = framesPerSecond < 0 || framesPerSecond == UNREAD_TIMING;
-    if (framesPerSecond > 0 && !judgedAsLowest)
-        return code;
-    // Without a rate no marks are good, and the refusal is about them: the log tells, last, that it is the
-    // file. A code that stands for no rate has a negative one, by which marks are judged as at the lowest.
+    constexpr double NTSC = 30'000.0 / 1001;
+    constexpr const char* AT_THE_LOWEST = "The marks are judged as at 23.976 frames a second.";
     if (framesPerSecond < 0)
-        reason = "names a frame rate that does not exist.";
-    else if (judgedAsLowest)
-        reason = "has H.264 video whose frame rate is not read.";
-    else if (reason.empty())
-        reason = "has no video whose frame rate can be read.";
-    LogUtil::Warning("JobMgmt", "SrcFilename: \"%s\" %s %s", sourceFile, reason.c_str(),
-                     judgedAsLowest ? "The marks are judged as at 23.976 frames a second."
-                                    : "The source is the reason of the refusal, not the marks.");
+        tell("names a frame rate that does not exist.", AT_THE_LOWEST);
+    else if (framesPerSecond == UNREAD_TIMING)
+        tell("has H.264 video whose frame rate is not read.", AT_THE_LOWEST);
+    else if (framesPerSecond == 0)
+        tell(reason.empty() ? "has no video whose frame rate can be read." : reason,
+             "The source is the reason of the refusal, not the marks.");
+    else if (std::abs(framesPerSecond - NTSC) < 0.001 && isUntimed(sourceFile))
+        tell("has H.264 video that does not tell its frame rate.",
+             "The marks are judged as at 29.97 frames a second.");
     return code;
 }
 

@@ -185,6 +185,34 @@ TEST_F(CaptureWarningsTest, AMezzanineOfAnH264SourceWhoseTimingIsNotReadIsToldOf
     }
 }
 
+TEST_F(CaptureWarningsTest, AMezzanineOfASourceThatDoesNotTellItsRateIsJudgedAsAt2997AndToldSo) {
+    const std::string file = kestrel::test::streamFile("h264_untimed_25");
+    const std::string field = "SrcFilename=" + file;
+    const std::string told =
+        "[JobMgmt:Warning] SrcFilename: \"" + file +
+        "\" has H.264 video that does not tell its frame rate. The marks are judged as at "
+        "29.97 frames a second.\r\n";
+    const struct {
+        const char* markIn;
+        int code;
+        const char* results;
+    } rows[] = {
+        // The file has 25 frames a second, of which the last is number 24.
+        {"MarkInTime=01:00:10:27", 0, ""},
+        {"MarkInTime=01:01:00:00", 10022,
+         "Error: Invalid timecode parameter 01:01:00:00 for frame rate 29.970030."},
+    };
+    for (const auto& row : rows) {
+        CaptureReencodeJob job(1, Job::CAPTURE_MEZZANINE_JOB);
+        const std::size_t before = log.text().size();
+        EXPECT_EQ(setFields(job, {"Filename=/tmp/out.ts", enc1, field.c_str(), "DecoderIp=10.9.9.9",
+                                  row.markIn, "MarkOutTime=02:00:00:00"}),
+                  row.code);
+        EXPECT_STREQ(job.results, row.results);
+        EXPECT_THAT(log.text().substr(before), testing::EndsWith(told)) << row.markIn;
+    }
+}
+
 TEST_F(CaptureWarningsTest, AMezzanineOfASourceWhoseRateIsReadIsNotToldOf) {
     const std::string field = "SrcFilename=" + kestrel::test::streamFile("h264_main");
     CaptureReencodeJob job(1, Job::CAPTURE_MEZZANINE_JOB);

@@ -8,12 +8,15 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <fstream>
 #include <sched.h>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 #include <system_error>
 #include <unistd.h>
 #include <vector>
@@ -22,7 +25,9 @@ namespace kestrel::test {
 
 namespace {
 
+constexpr const char* USUAL_QUEUES = "/dev/mqueue";
 constexpr const char* PRIVATE_QUEUES = "/tmp/mqueue";
+constexpr decltype(statfs::f_type) MQUEUE_MAGIC = 0x19800202; // of the kernel's sources
 constexpr std::string_view TO_DECKS = "to_vtr_proc_q";
 
 bool isolated = false;
@@ -40,6 +45,23 @@ std::string buildDirectoryInTmp() {
     if (!program.starts_with(tmp))
         return {};
     return program.substr(0, program.find('/', tmp.size()));
+}
+
+// A container may have queues without the mount that lists them.
+bool queuesAreListed() {
+    struct statfs status {};
+    return isolated || (statfs(USUAL_QUEUES, &status) == 0 && status.f_type == MQUEUE_MAGIC);
+}
+
+// Whether an installed or a hand-started service runs; those under test have another name.
+bool serviceRuns() {
+    std::error_code error;
+    for (const auto& process : std::filesystem::directory_iterator("/proc", error)) {
+        std::string name;
+        if (std::ifstream comm(process.path() / "comm"); std::getline(comm, name) && name == "KestrelManager")
+            return true;
+    }
+    return false;
 }
 
 bool enterNamespaces() {
@@ -105,7 +127,12 @@ void removeOwn(const char* directory, bool (*isMeant)(std::string_view name)) {
 } // namespace
 
 const char* queueDirectory() {
-    return isolated ? PRIVATE_QUEUES : "/dev/mqueue";
+    if (isolated)
+        return PRIVATE_QUEUES;
+    if (!queuesAreListed())
+        throw std::runtime_error(
+            "message queues are not listed in /dev/mqueue: mount -t mqueue none /dev/mqueue");
+    return USUAL_QUEUES;
 }
 
 void isolateHostNames() {
@@ -119,6 +146,12 @@ void isolateHostNames() {
         lock = open(LOCK, O_CREAT | O_RDONLY | O_CLOEXEC, 0644);
     if (lock < 0 || flock(lock, LOCK_EX) != 0)
         fail("the host-wide test lock cannot be taken");
+    if (serviceRuns()) {
+        std::fprintf(stderr,
+                     "A KestrelManager runs, and no namespace may be entered: it and the tests would take "
+                     "each other's queues. Stop it, or run the tests as root.\n");
+        std::exit(1);
+    }
     // What a run that was ended before its time has left.
     clearPrivateNames();
 }
@@ -128,9 +161,10 @@ bool isServiceQueue(std::string_view name) {
 }
 
 void clearPrivateNames() {
-    removeOwn(queueDirectory(), [](std::string_view name) {
-        return isolated || isJobQueue(name) || (isDeckQueue(name) && !decksAreServed());
-    });
+    if (queuesAreListed())
+        removeOwn(queueDirectory(), [](std::string_view name) {
+            return isolated || isJobQueue(name) || (isDeckQueue(name) && !decksAreServed());
+        });
     removeOwn("/tmp", [](std::string_view name) { return hasJobNumber(name, "capture_", ".xml"); });
 }
 
