@@ -128,13 +128,19 @@ INSTANTIATE_TEST_SUITE_P(
                     Case{"avcWithBuffering", {.avc = true, .avcHrd = true}}),
     [](const auto& made) { return std::string(made.param.name); });
 
-// Where other labels begin with a key picture, those that are shown before it go on from the one before.
-TEST_F(FrameLabelsTest, PicturesOfH264ThatHaveNoneOfTheirOwnGoOnFromTheKeyThatIsShownBefore) {
+// Where others begin with a key picture, those that are shown before it may be of either.
+TEST_F(FrameLabelsTest, APictureOfH264ThatIsShownBeforeAKeyHasALabelByTheOneBeforeToo) {
     FrameLabels labels(true, true, 0);
     LabelledStream stream({.gop = 10, .bFrames = 2, .open = true, .avc = true, .keysOnly = true});
     stream.switchAt(22, "05:00:00:00");
-    const auto frames = stream.frames(60);
-    EXPECT_EQ(label(labels, frames), expected(frames));
+    label(labels, stream.frames(20));
+    EXPECT_EQ(label(labels, stream.frames(1)).back(), "05:00:00:00");
+    EXPECT_FALSE(labels.earlier());
+    EXPECT_EQ(label(labels, stream.frames(1)).back(), "04:59:59:23");
+    EXPECT_EQ(labels.rule().text(labels.earlier().value_or(0)), "10:00:00:20");
+    EXPECT_EQ(labels.rule().text(labels.goBack()), "10:00:00:20");
+    label(labels, stream.frames(2));
+    EXPECT_FALSE(labels.earlier());
 }
 
 TEST_F(FrameLabelsTest, WithoutTimecodesOrAReferenceThereAreNone) {

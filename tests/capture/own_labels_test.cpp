@@ -51,7 +51,7 @@ TEST_F(OwnLabelsTest, GoOnBehindAnotherLabelInPicturesThatAreShownBeforeIt) {
     (void)m_labels.take();
     m_labels.begin({5000, 22 * period, period, {}}, true, true, false);
     EXPECT_FALSE(m_labels.own());
-    m_labels.begin({20, 20 * period, period, {}}, false, false, false);
+    m_labels.begin({20, 20 * period, period, {}, true}, false, false, false);
     EXPECT_TRUE(m_labels.own());
     m_labels.add(20, 20);
     EXPECT_THAT(m_labels.take(), ElementsAre(Pair(20, 20)));

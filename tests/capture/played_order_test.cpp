@@ -175,11 +175,11 @@ TEST_P(ByCount, HasAFilmThatComesBackAsItIs) {
         Recording r = recording(asked);
         begin(r);
         LabelledStream stream(shape());
-        std::vector<CodedFrame> fed = stream.frames(100);
+        std::vector<CodedFrame> fed = stream.frames(120);
         const std::vector<std::string> labels = sources(100);
         std::erase_if(fed, [&](const CodedFrame& frame) {
             const auto at = std::find(labels.begin(), labels.end(), frame.label) - labels.begin();
-            return at % 5 == 3 || (lost != 0 && at == 41);
+            return at == 100 || at % 5 == 3 || (lost != 0 && at == 41);
         });
         feed(r, fed);
         r.sourceEnded(m_now);
@@ -518,6 +518,8 @@ TEST_P(OthersFirst, TheLastFrameIsInTheFileAndTheOthersAreNotCounted) {
             expectRecorded(made());
             EXPECT_THAT(m_there, testing::IsSupersetOf(labelsFrom("10:00:00:00", sourceFrames)));
             EXPECT_LE(fileFrames(), static_cast<std::size_t>(others + sourceFrames + 20));
+            if (others <= GetParam().bFrames)
+                continue; // the first that is coded may be the source's
             EXPECT_THAT(made().status().text,
                         HasSubstr("by the source's timecodes from 10:00:00:00 to 10:00:03:24"));
             EXPECT_THAT(made().status().text, HasSubstr(", " + std::to_string(others) + " frame"));
@@ -527,7 +529,7 @@ TEST_P(OthersFirst, TheLastFrameIsInTheFileAndTheOthersAreNotCounted) {
 TEST_P(OthersFirst, DoNotStandForFramesThatWereLost) {
     for (const int others : {4, 12, 30}) {
         SCOPED_TRACE(others);
-        run(others, Before::running, {"10:00:03:23", "10:00:03:24"});
+        run(others, Before::running, {"10:00:03:22", "10:00:03:23"});
         expectFailed(made(), "Error: ");
         EXPECT_THAT(made().status().text, HasSubstr(" of 100 frames came back"));
     }

@@ -189,13 +189,13 @@ TEST_F(H264Source, HasLabelsThatRunThroughUnlessFramesWereLost) {
     const LabelledFrames all = labelledFrames(without({}));
     EXPECT_EQ(all.count + all.hidden, 60U);
     for (int lost = 1; lost <= 4; ++lost)
-        for (int first = 14; first < 24; ++first) {
+        for (int first = 14; first < 23; ++first) {
             SCOPED_TRACE(std::to_string(lost) + " from " + std::to_string(first));
             std::vector<std::string> gone = from(first, lost);
             // Without its access point a GOP goes on in the one before.
             std::erase_if(gone, [](const std::string& label) { return label.ends_with("23"); });
             const LabelledFrames found = labelledFrames(without(gone));
-            EXPECT_LT(found.count + found.hidden, 60U - gone.size());
+            EXPECT_LE(found.count + found.hidden, 30U) << "up to the next access point";
         }
 }
 

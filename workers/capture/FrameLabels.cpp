@@ -158,6 +158,8 @@ bool FrameLabels::runs(int packed) {
 
 void FrameLabels::takeStream(const VideoUnit& unit, int rateCode) {
     constexpr int dropFlag = 1 << 24;
+    const bool runsOn = m_started && m_origin == LabelOrigin::stream;
+    const LabelRule before = m_rule;
     m_rule = {rateCode,
               (*unit.gopTimecode & dropFlag) != 0 && mpeg_timecode::frameRateCodeToDropFrame(rateCode)};
     const std::int64_t number = m_rule.numberOf(*unit.gopTimecode);
@@ -167,6 +169,8 @@ void FrameLabels::takeStream(const VideoUnit& unit, int rateCode) {
             m_group = number;
         m_last = number;
         m_byReferenceNumber = false;
+        m_earlier =
+            runsOn && before == m_rule ? std::optional(Anchor{m_anchorLabel, m_anchorShown}) : std::nullopt;
         m_anchorLabel = m_last;
         m_anchorShown = m_shown;
     } else {
@@ -222,10 +226,21 @@ std::int64_t FrameLabels::counted(const VideoUnit& unit) const {
     return m_anchorLabel + divideRounded(m_shown - m_anchorShown, m_period);
 }
 
+std::optional<std::int64_t> FrameLabels::earlier() const {
+    if (!m_earlier || m_shown + m_period / 2 >= m_anchorShown)
+        return std::nullopt;
+    return m_earlier->label + divideRounded(m_shown - m_earlier->shown, m_period);
+}
+
+std::int64_t FrameLabels::goBack() {
+    return m_last = earlier().value_or(m_last);
+}
+
 // A group begins with this unit.
 void FrameLabels::anchor(const VideoUnit& unit, std::int64_t label) {
     m_byReferenceNumber = unit.gopTimecode.has_value() && unit.temporalReference >= 0;
     m_group = label - (m_byReferenceNumber ? unit.temporalReference : 0);
+    m_earlier.reset();
     m_anchorLabel = label;
     m_anchorShown = m_shown;
 }

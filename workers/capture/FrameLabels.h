@@ -80,6 +80,11 @@ public:
     [[nodiscard]] std::int64_t groupLabel() const noexcept { return m_group; }
     // When the first picture of the unit that was given last is shown, by the stream's clock.
     [[nodiscard]] std::int64_t shown() const noexcept { return m_shown; }
+    // Of H.264, where the unit that was given last is shown before the timecode that came last: its label as
+    // it goes on from the timecode before.
+    [[nodiscard]] std::optional<std::int64_t> earlier() const;
+    // It has that label.
+    std::int64_t goBack();
     // When the frame of a label is shown, by the stream's clock.
     [[nodiscard]] std::int64_t presentation(std::int64_t label) const;
 
@@ -116,6 +121,12 @@ private:
     std::int64_t m_shown = 0; // presentation of the current unit
     std::int64_t m_anchorLabel = 0;
     std::int64_t m_anchorShown = 0;
+    // The timecode before the last one, of H.264.
+    struct Anchor {
+        std::int64_t label;
+        std::int64_t shown;
+    };
+    std::optional<Anchor> m_earlier;
     std::int64_t m_period = 0;
 };
 

@@ -31,6 +31,10 @@ void OwnLabels::trust(std::int64_t line, std::int64_t period) {
 }
 
 void OwnLabels::begin(const ReturnedLabel& label, bool timecode, bool point, bool possible) {
+    const std::int64_t line = label.shown - label.frame * label.period;
+    m_back = label.back;
+    if (m_back)
+        return;
     if (!timecode) {
         if (point && m_own && !m_sparse)
             m_lacking = true;
@@ -38,7 +42,6 @@ void OwnLabels::begin(const ReturnedLabel& label, bool timecode, bool point, boo
         return;
     }
     m_period = label.period;
-    const std::int64_t line = label.shown - label.frame * label.period;
     const bool runs = near(m_run, line, label.period);
     const bool goesOn = runs || keeps(line);
     const bool known = near(m_line, line, label.period);
@@ -83,9 +86,9 @@ void OwnLabels::keep(const Range& range) {
 }
 
 void OwnLabels::add(std::int64_t first, std::int64_t last) {
-    if (!m_run || first > last)
+    if ((!m_run && !m_back) || first > last)
         return;
-    if (m_own)
+    if (own())
         append(m_confirmed, {first, last});
     else
         keep({first, last});
@@ -105,13 +108,13 @@ void OwnLabels::refuse() noexcept {
     if (m_lacking)
         dropRun();
     m_run.reset();
-    m_own = m_lacking = false;
+    m_own = m_back = m_lacking = false;
 }
 
 void OwnLabels::breakOff() noexcept {
     m_run.reset();
     m_pending.clear();
-    m_own = m_lacking = false;
+    m_own = m_back = m_lacking = false;
 }
 
 } // namespace kestrel::capture

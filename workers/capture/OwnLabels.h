@@ -16,6 +16,7 @@ namespace kestrel::capture {
 // then they are kept back, also while others come between: in coding order the frames from before the source
 // lie among its first. Frames without a timecode are counted on from the last one, but not beyond a
 // random access point that lacks one, unless the next timecode shows that they were right.
+// Of H.264 some may be coded behind another timecode and shown before it: they go on from the source's.
 class OwnLabels {
 public:
     using Range = std::pair<std::int64_t, std::int64_t>; // the first and the last
@@ -38,7 +39,9 @@ public:
     // The current labels cannot be the source's.
     [[nodiscard]] bool refused() const noexcept { return !m_run; }
     // They are known to be.
-    [[nodiscard]] bool own() const noexcept { return m_own; }
+    [[nodiscard]] bool own() const noexcept { return m_own || m_back; }
+    // When the source's first frame is shown, by the labels that have become the source's last.
+    [[nodiscard]] std::optional<std::int64_t> line() const noexcept { return m_line; }
     // The labels that have become the source's since the last call.
     [[nodiscard]] std::vector<Range> take() { return std::exchange(m_confirmed, {}); }
 
@@ -57,6 +60,7 @@ private:
     std::optional<std::int64_t>
         m_run; // likewise by the current labels; none when they cannot be the source's
     bool m_own = false;
+    bool m_back = false;    // the current picture goes on from the source's, before what came last
     bool m_lacking = false; // a random access point without a timecode came since the last
     bool m_sparse = false;  // the stream has such
     std::int64_t m_period = 0;

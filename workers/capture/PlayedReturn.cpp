@@ -4,6 +4,7 @@
 #include "mpeg/mpeg2.h"
 
 #include <algorithm>
+#include <cstdlib>
 
 namespace kestrel::capture {
 namespace {
@@ -13,6 +14,9 @@ constexpr std::int64_t mostReordered = 4;
 
 // Pictures of H.264 that can be kept back until they are shown (ITU-T H.264, A.3.1: MaxDpbFrames).
 constexpr std::int64_t mostDelayed = 16;
+
+// Random access points that are remembered while the source's labels may still come.
+constexpr std::size_t mostGroups = 64;
 
 // No picture is kept back longer until it is shown (ISO/IEC 13818-1, 2.7.10; 2.14.3.1): else a timestamp is
 // wrong.
@@ -24,6 +28,11 @@ std::optional<std::int64_t> delayOf(const VideoUnit& unit) {
         return std::nullopt;
     const std::int64_t delay = ((unit.pts - unit.dts) % wrap + wrap) % wrap;
     return delay <= longestDelay ? std::optional(delay) : std::nullopt;
+}
+
+// To the nearest.
+std::int64_t framesOf(std::int64_t time, std::int64_t period) {
+    return (time + (time < 0 ? -period : period) / 2) / period;
 }
 
 Clock::duration timeOf(std::int64_t units) {
@@ -88,22 +97,56 @@ std::optional<std::int64_t> PlayedReturn::position(const Frame& frame) {
 
 void PlayedReturn::picture(const VideoUnit& unit, const Frame& frame) {
     m_delay = delayOf(unit);
-    if (!unit.randomAccess)
+    if (!unit.randomAccess) {
         m_eachLabelled = unit.gopTimecode.has_value();
+    } else if (m_whole && m_by == By::count && !m_agreed) {
+        if (m_groups.size() >= mostGroups)
+            m_groups.erase(m_groups.begin());
+        m_groups.push_back({0, unit, frame.clock.place(), frame.now, frame.labels.shown()});
+    }
     const auto at = position(frame);
     const std::int64_t period = frame.clock.period();
+    if (unit.gopTimecode)
+        m_candidate = false;
     if (period == 0)
         return m_own.breakOff();
     if (!at)
         return m_own.refuse();
-    const ReturnedLabel label{*at, frame.labels.shown(), period, frame.now - begin()};
+    const ReturnedLabel label{*at, frame.labels.shown(), period, frame.now - begin(),
+                              !unit.gopTimecode && goesBack(frame)};
     // Those of an encoder may be some frames behind.
     ReturnedLabel due = label;
     if (due.frame < 0 && due.frame >= -mostReordered) {
         due.shown -= due.frame * period;
         due.frame = 0;
     }
-    m_own.begin(label, unit.gopTimecode.has_value(), unit.randomAccess, m_sourceLabels.possible(due));
+    const bool possible = m_sourceLabels.possible(due);
+    if (unit.gopTimecode)
+        noteTimecode(label, std::max(unit.temporalReference, 0), possible);
+    m_own.begin(label, unit.gopTimecode.has_value(), unit.randomAccess, possible);
+}
+
+// Its label by the timecode before is the source's, by when it is shown.
+bool PlayedReturn::goesBack(const Frame& frame) {
+    Frame other = frame;
+    other.label = frame.labels.earlier();
+    const auto at = position(other);
+    const std::int64_t period = frame.clock.period();
+    return at && m_own.line() &&
+           2 * std::llabs(frame.labels.shown() - *at * period - *m_own.line()) <= period;
+}
+
+// One that stands still is no candidate.
+void PlayedReturn::noteTimecode(const ReturnedLabel& label, int leading, bool possible) {
+    const std::int64_t line = label.shown - label.frame * label.period;
+    m_candidate = m_recording && possible && label.frame - leading < m_range.length() &&
+                  m_timecode != label.frame && line - m_firstSeen > label.period / 2;
+    m_timecode = label.frame;
+}
+
+// By count: whether the next timecode may tell that others came before the source.
+bool PlayedReturn::mayGoOver() const noexcept {
+    return m_by == By::count && !m_agreed && m_candidate;
 }
 
 std::vector<OwnLabels::Range> PlayedReturn::note(std::int64_t first, std::int64_t last) {
@@ -116,31 +159,60 @@ std::vector<OwnLabels::Range> PlayedReturn::note(std::int64_t first, std::int64_
     return ranges;
 }
 
-// Of an encoder that was silent the labels tell as long as they go on from the first frame.
 void PlayedReturn::takeOwn(const std::vector<OwnLabels::Range>& ranges) {
-    if (ranges.empty() || m_by == By::time || (m_by == By::count && !agree(ranges)))
+    if (ranges.empty() || m_by == By::time)
         return;
+    if (m_by == By::count && !m_agreed)
+        agree(ranges);
     for (const auto& [first, last] : ranges)
         m_range.note(first - m_offset, last - m_offset);
 }
 
-bool PlayedReturn::agree(const std::vector<OwnLabels::Range>& ranges) {
-    if (m_agreed || m_refuted)
-        return m_agreed;
-    m_agreed = std::any_of(ranges.begin(), ranges.end(), [this](const OwnLabels::Range& range) {
-        return m_firstTaken && range.first <= *m_firstTaken && *m_firstTaken <= range.second;
-    });
-    m_refuted = !m_agreed;
-    if (m_refuted)
-        return false;
+// The first labels of the source have come from an encoder that was silent. Where they are those of its first
+// frame, too, they may be ahead or behind; else they tell where the source's first frame was.
+void PlayedReturn::agree(const std::vector<OwnLabels::Range>& ranges) {
+    m_agreed = true;
     std::int64_t lowest = placeOf(ranges.front());
     for (const OwnLabels::Range& range : ranges)
         lowest = std::min(lowest, placeOf(range));
+    const std::int64_t line = m_own.line().value_or(m_beginShown);
+    const auto isFirst = [this](const OwnLabels::Range& range) {
+        return range.first <= *m_firstTaken && *m_firstTaken <= range.second;
+    };
+    const std::int64_t began = m_beginShown - (m_firstTaken ? m_range.position(*m_firstTaken) : 0) * m_period;
+    const bool fromFirst = m_firstTaken && 2 * std::llabs(began - line) <= m_period &&
+                           std::any_of(ranges.begin(), ranges.end(), isFirst);
+    if (!fromFirst)
+        return goOver(line, lowest);
     // Frames that cannot be shown may have come too.
     const bool hidden = lowest <= 0 && lowest >= -static_cast<std::int64_t>(m_hiddenFrames);
     m_offset = hidden ? 0 : lowest;
     m_range.begin(m_range.out() - m_range.length() + 1, 0);
-    return true;
+}
+
+// What came first was of others, or its label was not the source's yet.
+void PlayedReturn::goOver(std::int64_t line, std::int64_t lowest) {
+    const std::int64_t period = std::max<std::int64_t>(m_period, 1);
+    const std::int64_t ahead = framesOf(line - m_firstSeen, period);
+    m_by = By::labels;
+    m_leadIn = m_before = std::max<std::int64_t>(ahead, 0);
+    m_offset = std::max<std::int64_t>(-ahead, 0);
+    m_leading = m_unstamped ? mostReordered : std::clamp<std::int64_t>(m_firstShown / period, 0, mostDelayed);
+    m_wanted += m_wanted > 0 ? m_leadIn * period : 0;
+    m_others = 0; // they were told by where the count ends
+    const std::int64_t first = m_range.out() - m_range.length() + 1;
+    m_range.begin(first - m_leadIn, 0);
+    m_range.note(first - m_leadIn, first - 1);
+    if (m_groups.empty())
+        return;
+    const auto behind = std::find_if(m_groups.begin(), m_groups.end(),
+                                     [&](const Point& point) { return point.shown > line + period / 2; });
+    const bool fromBegin = m_groups.front().shown == m_beginShown;
+    // An encoder whose first frame is the source's may have begun before it knew a timecode.
+    if (ahead <= 0 && fromBegin)
+        credit(m_groups, m_groups.front(), m_firstSeen, line, period, lowest);
+    else if (behind != m_groups.begin() || fromBegin)
+        creditOpenGroup(m_groups, behind == m_groups.begin() ? *behind : *(behind - 1), line, period, lowest);
 }
 
 void PlayedReturn::trustLabels() {
@@ -182,7 +254,7 @@ PlayedReturn::Point PlayedReturn::beginByLabels(const Frame& frame) {
         if (point.shown <= line + period / 2)
             begin = &point;
     m_by = By::labels;
-    const std::int64_t ahead = (line - begin->shown + (line < begin->shown ? -period : period) / 2) / period;
+    const std::int64_t ahead = framesOf(line - begin->shown, period);
     m_leadIn = std::max<std::int64_t>(ahead, 0);
     const VideoUnit& unit = begin->unit;
     if (unit.gopTimecode && unit.temporalReference >= 0) {
@@ -201,7 +273,7 @@ PlayedReturn::Point PlayedReturn::beginByLabels(const Frame& frame) {
     for (const OwnLabels::Range& range : ranges)
         lowest = std::min(lowest, placeOf(range));
     m_range.note(first - m_leadIn, first - 1);
-    creditOpenGroup(*begin, line, period, lowest);
+    creditOpenGroup(m_points, *begin, line, period, lowest);
     takeOwn(ranges);
     return *begin;
 }
@@ -212,21 +284,31 @@ std::int64_t PlayedReturn::placeOf(const OwnLabels::Range& range) const {
 
 // The GOP that was open when the source came has one label, from before. The frames of the source in it
 // cannot be known; those of the GOPs behind it would have had labels of their own.
-void PlayedReturn::creditOpenGroup(const Point& begin, std::int64_t line, std::int64_t period,
-                                   std::int64_t lowest) {
+void PlayedReturn::creditOpenGroup(const std::vector<Point>& points, const Point& begin, std::int64_t line,
+                                   std::int64_t period, std::int64_t lowest) {
     // One that begins with the source or behind it, and has another label, tells that it has none of them.
     const std::int64_t groupBegin = begin.shown - std::max(begin.unit.temporalReference, 0) * period;
     if (m_eachLabelled || (begin.unit.gopTimecode && groupBegin + period / 2 > line))
         return;
-    for (const Point& point : m_points)
-        if (point.unit.gopTimecode && point.shown > std::max(line, begin.shown) + period / 2)
-            lowest = std::min(lowest, (point.shown - line + period / 2) / period -
-                                          std::max(point.unit.temporalReference, 0));
+    credit(points, begin, groupBegin, line, period, lowest);
+}
+
+void PlayedReturn::credit(const std::vector<Point>& points, const Point& begin, std::int64_t groupBegin,
+                          std::int64_t line, std::int64_t period, std::int64_t lowest) {
+    for (const Point& point : points) {
+        if (!point.unit.gopTimecode || point.shown <= std::max(line, begin.shown) + period / 2)
+            continue;
+        // A group that begins before the source, with B pictures, has its label from before, too.
+        const std::int64_t place =
+            framesOf(point.shown - line, period) - std::max(point.unit.temporalReference, 0);
+        if (place >= 0)
+            lowest = std::min(lowest, place);
+    }
     m_credited = std::max<std::int64_t>(lowest, 0);
     const std::int64_t first = m_range.out() - m_range.length() + 1;
     const std::int64_t notThere = std::max<std::int64_t>((groupBegin - line + period / 2) / period, 0);
     if (notThere < m_credited)
-        m_range.note(first + notThere, first + m_credited - 1);
+        m_range.note(first + notThere - m_offset, first + m_credited - 1 - m_offset);
 }
 
 PlayedReturn::Point PlayedReturn::beginByTime() {
@@ -240,7 +322,8 @@ void PlayedReturn::measure(std::uint64_t frames, int rateCode) {
     const std::int64_t period = MPEG::SH::decode_PCRs_per_frame(measure);
     m_wanted = static_cast<std::int64_t>(frames) * period;
     // Some frames of a film are shown for three fields, and where frames were lost the one before stands.
-    if (!m_uniform || m_sourceTime > m_wanted + period)
+    m_longer = m_sourceTime > m_wanted + period / 2;
+    if (!m_uniform || m_longer)
         m_wanted = m_sourceTime;
     // Frames that cannot be shown are counted too: an encoder that passes on what it is sent returns them.
     if (m_by == By::labels)
@@ -249,7 +332,10 @@ void PlayedReturn::measure(std::uint64_t frames, int rateCode) {
 
 void PlayedReturn::recordingBegins(const Frame& frame) {
     m_recording = true;
-    m_firstTaken = frame.label;
+    m_firstTaken = position(frame) ? frame.label : std::nullopt;
+    m_beginShown = frame.labels.shown();
+    if (!m_groups.empty())
+        m_groups.erase(m_groups.begin(), m_groups.end() - 1);
     m_video = frame.video;
     noteShown(frame);
 }
@@ -257,13 +343,19 @@ void PlayedReturn::recordingBegins(const Frame& frame) {
 // A picture is recorded.
 void PlayedReturn::noteShown(const Frame& frame) {
     m_period = frame.clock.period();
+    if (m_seen < 2 * mostDelayed)
+        m_firstSeen = m_seen++ == 0 ? frame.labels.shown() : std::min(m_firstSeen, frame.labels.shown());
     // The stamps of a PES packet are those of its first picture.
     m_unstamped = m_unstamped || !m_delay || frame.clock.unitFrames() > 1;
-    if (m_unstamped || m_early.size() >= 2 * mostDelayed)
+    if (m_unstamped)
         return;
     const std::int64_t shown = frame.clock.elapsed() + *m_delay;
-    m_firstShown = m_early.empty() ? shown : std::min(m_firstShown, shown);
-    m_early.push_back(shown);
+    if (m_early.size() < 2 * mostDelayed) {
+        m_firstShown = m_early.empty() ? shown : std::min(m_firstShown, shown);
+        m_early.push_back(shown);
+    }
+    if (shown + m_period / 2 < shownEnd())
+        m_lastShown = std::max(m_lastShown, shown);
 }
 
 // Whether the current picture is shown behind the source's last.
@@ -306,12 +398,13 @@ bool PlayedReturn::late(Clock::time_point now) const {
 
 bool PlayedReturn::endsBefore(const Frame& frame, int recordedRate, std::uint64_t frames) const {
     // Behind the last frame the encoder falls back to a format of its own.
-    if (otherVideo(recordedRate, frame) && m_by != By::time && returned(frames) >= expected(recordedRate) &&
-        (m_by == By::labels || playedFor(frame.now)))
+    if (otherVideo(recordedRate, frame) && m_by != By::time &&
+        returned(frames) >= expected(recordedRate, frames) && (m_by == By::labels || playedFor(frame.now)))
         return true;
     // What may still be shown before the last frame is not kept out by a picture that is coded before it.
     const bool wanted = m_by == By::count && !told() && m_wanted > 0 && !shownBehind(frame);
-    return (!wanted && lastCame(frame, frames)) || ((m_by != By::count || told()) && late(frame.now));
+    return (!wanted && lastCame(frame, frames)) ||
+           ((m_by != By::count || told() || mayGoOver()) && late(frame.now));
 }
 
 // Whether the source's labels count its frames one by one up to its last.
@@ -329,7 +422,7 @@ bool PlayedReturn::lastCame(const Frame& frame, std::uint64_t frames) const {
         return m_range.complete();
     // Nothing that was recorded while the source still had frames to come was its last frame.
     if (m_by == By::count)
-        return lastDecoded(frame, frames) && playedFor(frame.now);
+        return !mayGoOver() && lastDecoded(frame, frames) && playedFor(frame.now);
     return m_by == By::labels && labelledEndCame(frame);
 }
 
@@ -369,6 +462,15 @@ bool PlayedReturn::lastDecoded(const Frame& frame, std::uint64_t frames) const {
     return time && (m_uniform || !m_rateVaried || frames >= m_wantedFrames);
 }
 
+// Of a source whose frames take longer than their number tells, whether its own came back: not more than it
+// has, and some of them for longer, up to its end. An encoder behind a decoder returns one for each period.
+bool PlayedReturn::cameAsItIs(std::uint64_t frames) const {
+    const std::uint64_t there = inside(frames);
+    const std::int64_t span = framesOf(m_lastShown - m_firstShown, m_period) + 1;
+    return there <= total() && static_cast<std::int64_t>(there) < span &&
+           m_lastShown + 2 * m_period >= shownEnd();
+}
+
 bool PlayedReturn::playedFor(Clock::time_point now) const {
     return m_sourceEnded || (m_wanted > 0 && now >= begin() + timeOf(m_wanted));
 }
@@ -401,7 +503,13 @@ bool PlayedReturn::othersMayBe(std::uint64_t frames) const {
     return told() && !m_eachLabelled && byNumber(frames) > returned(frames);
 }
 
-std::uint64_t PlayedReturn::expected(int recordedRate) const {
+std::uint64_t PlayedReturn::expected(int recordedRate, std::uint64_t frames) const {
+    const bool longer = m_uniform && m_longer && !told();
+    if (longer && m_by == By::count && recordedRate == m_sourceRateCode && !m_unstamped && m_period > 0 &&
+        !cameAsItIs(frames)) {
+        const auto all = static_cast<std::uint64_t>((m_wanted + m_period / 2 - 1) / m_period);
+        return all - std::min(all, m_hiddenFrames);
+    }
     // One that has other rates in its middle comes back with them, or as long at a single one.
     const bool asItIs = m_uniform ? recordedRate == m_sourceRateCode : m_rateVaried || m_sourceTime == 0;
     if (recordedRate == 0 || m_sourceRateCode == 0 || asItIs)
@@ -411,7 +519,7 @@ std::uint64_t PlayedReturn::expected(int recordedRate) const {
     };
     // The last may be shown for less than its time.
     const std::uint64_t time =
-        m_uniform ? total() * period(m_sourceRateCode) : static_cast<std::uint64_t>(m_sourceTime);
+        m_uniform && !longer ? total() * period(m_sourceRateCode) : static_cast<std::uint64_t>(m_sourceTime);
     return std::max<std::uint64_t>(time / period(recordedRate), 2) - 1;
 }
 

@@ -21,18 +21,19 @@ namespace kestrel::capture {
 //
 // Complete is only what the evidence shows to be complete:
 // - by labels, where those of the source count its frames one by one and come back: each of them has been
-//   seen as one of the source's own (see OwnLabels). This holds for an encoder that was silent, too, when the
-//   first frame that came has such a label;
-// - else by count: as many frames as the source has. Frames of another rate or codec than the source's, once
-//   that was there, do not count, and neither do those that are shown before its first or behind its last:
-//   one of these is coded before the last ones where frames are coded in another order than they are shown;
+//   seen as one of the source's own (see OwnLabels). An encoder that was silent goes by count until they
+//   come: then its first frame is one of theirs, or they tell which frame was the source's first;
+// - else by count: as many frames as the source has, or as its time has where that is longer. Frames of
+//   another rate or codec than the source's, once that was there, do not count, and neither do those that
+//   are shown before its first or behind its last: one of these is coded before the last ones where frames
+//   are coded in another order than they are shown;
 // - by time it is never known, and the results say so.
 // Rather some frames too many are taken than one too few.
 //
 // It is told of the frames of one recording and asked by it; the recording itself has the file.
 class PlayedReturn {
 public:
-    // How the beginning was found.
+    // How the source's first frame was found.
     enum class By { count, labels, time };
     // A random access point with which the recording may begin.
     struct Point {
@@ -78,6 +79,8 @@ public:
     [[nodiscard]] bool sentBefore() const noexcept { return m_sentBefore; }
     [[nodiscard]] bool ranBefore() const noexcept { return m_ranBefore; }
 
+    // Whether a picture that has no timecode goes on from the source's, though another came since.
+    [[nodiscard]] bool goesBack(const Frame& frame);
     // The first picture of a PES packet has that label, or none.
     void picture(const VideoUnit& unit, const Frame& frame);
     // Frames with these labels are taken. Those that have become the source's by them.
@@ -130,7 +133,7 @@ public:
     // Others may be, too, but have no label that shows it.
     [[nodiscard]] bool othersMayBe(std::uint64_t frames) const;
     // The source's frames that can come back, at the rate at which they come.
-    [[nodiscard]] std::uint64_t expected(int recordedRate) const;
+    [[nodiscard]] std::uint64_t expected(int recordedRate, std::uint64_t frames) const;
     // It is over, whatever still comes: all that was played must have come back.
     [[nodiscard]] bool late(Clock::time_point now) const;
     // What is to be said of a whole source: by what it was found, what is missing. ended: nothing more comes.
@@ -140,18 +143,25 @@ private:
     [[nodiscard]] std::optional<std::int64_t> position(const Frame& frame);
     [[nodiscard]] bool dropsFrames() const;
     void takeOwn(const std::vector<OwnLabels::Range>& ranges);
-    [[nodiscard]] bool agree(const std::vector<OwnLabels::Range>& ranges);
+    void agree(const std::vector<OwnLabels::Range>& ranges);
+    void goOver(std::int64_t line, std::int64_t lowest);
+    void noteTimecode(const ReturnedLabel& label, int leading, bool possible);
+    [[nodiscard]] bool mayGoOver() const noexcept;
     [[nodiscard]] bool through() const noexcept;
     [[nodiscard]] bool told() const noexcept;
     [[nodiscard]] bool otherVideo(int recordedRate, const Frame& frame) const noexcept;
     [[nodiscard]] std::int64_t placeOf(const OwnLabels::Range& range) const;
-    void creditOpenGroup(const Point& begin, std::int64_t line, std::int64_t period, std::int64_t lowest);
+    void creditOpenGroup(const std::vector<Point>& points, const Point& begin, std::int64_t line,
+                         std::int64_t period, std::int64_t lowest);
+    void credit(const std::vector<Point>& points, const Point& begin, std::int64_t groupBegin,
+                std::int64_t line, std::int64_t period, std::int64_t lowest);
     void noteShown(const Frame& frame);
     [[nodiscard]] std::uint64_t byNumber(std::uint64_t frames) const;
     [[nodiscard]] std::uint64_t inside(std::uint64_t frames) const;
     [[nodiscard]] std::int64_t shownEnd() const noexcept { return m_firstShown + m_wanted; }
     [[nodiscard]] bool shownBehind(const Frame& frame) const;
     [[nodiscard]] bool countComplete(std::uint64_t frames) const;
+    [[nodiscard]] bool cameAsItIs(std::uint64_t frames) const;
     [[nodiscard]] bool lastDecoded(const Frame& frame, std::uint64_t frames) const;
     [[nodiscard]] bool playedFor(Clock::time_point now) const;
     [[nodiscard]] bool labelledEndCame(const Frame& frame) const;
@@ -185,10 +195,12 @@ private:
     bool m_rateVaried = false;                // its frame rate has changed
     std::optional<std::int64_t> m_firstTaken; // label of its first frame
     bool m_agreed = false;                    // by count: the source's labels have come back with it
-    bool m_refuted = false;    // by count: labels have come back, but not from the first frame on
-    std::int64_t m_offset = 0; // by which these are ahead of the source's
-    std::int64_t m_wanted = 0; // by the stream's clock; 0 while the frame rate is unknown
-    std::int64_t m_leadIn = 0; // frames from the beginning to the source's first
+    bool m_candidate = false; // by count: the last timecode may be the first of the source's behind others
+    std::optional<std::int64_t> m_timecode; // the last, by its position
+    std::int64_t m_offset = 0;              // by which these are ahead of the source's
+    std::int64_t m_wanted = 0;              // by the stream's clock; 0 while the frame rate is unknown
+    bool m_longer = false;                  // that is more than its number of frames takes
+    std::int64_t m_leadIn = 0;              // frames from the beginning to the source's first
     // Of the frames recorded by the source's timecodes: those shown before the first of the source, and those
     // that certainly come behind its last.
     std::int64_t m_before = 0;
@@ -203,6 +215,13 @@ private:
     std::int64_t m_period = 0;           // of the last one recorded
     std::int64_t m_firstShown = 0;       // the first that is shown
     std::vector<std::int64_t> m_early;   // those that come first; any may turn out to be it
+    std::int64_t m_lastShown = 0;        // the last of those that are not behind the source's last
+    // By the clock of the labels: the first that is shown, and the one that came first. The random access
+    // points that came last.
+    std::int64_t m_firstSeen = 0;
+    std::int64_t m_beginShown = 0;
+    unsigned m_seen = 0;
+    std::vector<Point> m_groups;
 };
 
 } // namespace kestrel::capture

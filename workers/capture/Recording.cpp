@@ -156,6 +156,8 @@ unsigned Recording::count(const VideoUnit& unit) {
     else if (first && (m_plan.mode == CaptureMode::marks || m_plan.labelledFrames != 0))
         m_label = m_labels.label(unit, m_analyzer.clock().elapsed(), m_analyzer.frameRateCode(),
                                  m_analyzer.codec(), m_now);
+    if (first && m_label && !unit.gopTimecode && m_played.goesBack(frame()))
+        m_label = m_labels.goBack();
     if (first && m_played.played())
         m_played.picture(unit, frame());
     return begun;

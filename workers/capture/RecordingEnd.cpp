@@ -237,7 +237,7 @@ void Recording::finishComplete(const std::string& besides) {
                                     std::chrono::duration<double>(m_played.beganLate()).count()) +
                                  recorded() + besides);
     const std::uint64_t returned = m_played.returned(m_file.frames());
-    const std::uint64_t expected = m_played.expected(recordedRate());
+    const std::uint64_t expected = m_played.expected(recordedRate(), m_file.frames());
     if (m_plan.mode == CaptureMode::timed && returned < expected)
         return finish(false, format("Error: %" PRIu64 " of %" PRIu64 " frames came back%s. ", returned,
                                     expected, m_played.othersMayBe(m_file.frames()) ? " for certain" : "") +

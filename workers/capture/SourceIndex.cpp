@@ -80,6 +80,11 @@ private:
 // The labels of a file: of its own timecodes, or counted from its first frame.
 class Labels {
 public:
+    // From the frame that has the label of one access point to that of a later one.
+    static std::int64_t framesBetween(const AccessPoint& from, const AccessPoint& to) {
+        return static_cast<std::int64_t>(to.frame - from.frame) + to.leading - from.leading;
+    }
+
     explicit Labels(const SourceIndex& index) : m_index(index) {
         const AccessPoint& first = index.points.front();
         m_counted = !first.timecode || standsStill(index);
@@ -102,15 +107,14 @@ public:
     [[nodiscard]] bool countOn(std::int64_t from, std::int64_t to) const {
         const AccessPoint* before = nullptr;
         for (const AccessPoint& point : m_index.points) {
-            if (!point.timecode || !point.exact)
+            if (!point.timecode)
                 return false;
             const std::int64_t at = of(point);
             if (m_rule.distance(from, at) <= 0) {
                 before = &point;
                 continue;
             }
-            if (!before ||
-                m_rule.distance(of(*before), at) != static_cast<std::int64_t>(point.frame - before->frame))
+            if (!before || m_rule.distance(of(*before), at) != framesBetween(*before, point))
                 return false;
             if (m_rule.distance(to, at) > 0)
                 return true;
@@ -124,6 +128,13 @@ public:
         const std::int64_t period = MPEG::SH::decode_PCRs_per_frame(m_index.frameRateCode);
         const auto frames = static_cast<std::int64_t>(m_index.frames - m_index.points.front().frame);
         return m_index.uniform && std::llabs(m_index.time - frames * period) <= 2 * period;
+    }
+
+    // Whether frames take more time than their number gives: some are shown for longer, or were lost.
+    [[nodiscard]] bool takesLonger() const {
+        const std::int64_t period = MPEG::SH::decode_PCRs_per_frame(m_index.frameRateCode);
+        const auto frames = static_cast<std::int64_t>(m_index.frames - m_index.points.front().frame);
+        return m_index.time > frames * period + period / 2;
     }
 
 private:
@@ -190,16 +201,14 @@ LabelledFrames labelledFrames(const SourceIndex& index) {
     found.hidden = static_cast<std::uint64_t>(first.exact ? first.skipped : first.leading);
     const Labels labels(index);
     std::uint64_t end = index.frames;
-    // The label of H.264 is that of the access point itself, before which others of its GOP may be shown.
-    constexpr std::int64_t reordered = 4;
-    for (const AccessPoint& point : index.points) {
-        const auto expected = static_cast<std::int64_t>(point.frame - first.frame);
-        const std::int64_t off = std::llabs(labels.position(labels.of(point)) - expected);
-        if (!point.timecode || off > (point.exact ? 0 : reordered)) {
+    for (const AccessPoint& point : index.points)
+        if (!point.timecode || labels.position(labels.of(point)) != Labels::framesBetween(first, point)) {
             end = point.frame;
             break;
         }
-    }
+    // Frames were lost behind the last access point.
+    if (end == index.frames && labels.takesLonger())
+        end = index.points.back().frame;
     // Labels that come again after a day tell nothing.
     const auto day = static_cast<std::uint64_t>(labels.rule().perDay());
     if (labels.counted() || !index.uniform || end <= first.frame + found.hidden ||

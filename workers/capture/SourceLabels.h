@@ -15,6 +15,7 @@ struct ReturnedLabel {
     std::int64_t shown = 0;  // when its picture is shown, by the stream's clock (PTS units)
     std::int64_t period = 0; // length of a frame (PTS units)
     Clock::duration since{}; // from the begin of the play-out to its arrival; negative before
+    bool back = false; // it goes on from the source's timecode before the last one, which is shown behind it
 };
 
 class SourceLabels {
