@@ -2,6 +2,7 @@
 #include "foundation/ErrorCodes.h"
 #include "foundation/FixedText.h"
 #include "foundation/Logger.h"
+#include "foundation/StringUtil.h"
 #include "jobs/JobLauncher.h"
 #include "jobs/RequestValues.h"
 #include "service/ManagerLib.h"
@@ -118,6 +119,9 @@ int CManagerLib::answerFromOwnReport(VerifierRequest& request, VerifierJob& job)
         return refuseVerification(request, job, directory.failure());
     if (!job.setReportDir(directory.path()))
         return refuseVerification(request, job, ENAMETOOLONG);
+    // The verifier is told the name alone, also where the GUID has directories in it.
+    const std::string name = cStringUtil::getStrippedFilename(job.reportFilename);
+    kestrel::copyText(job.reportFilename, directory.path() + name);
     if (const int result = launchVerification(request, job, true); result != 0)
         return result;
     return job.returnReportXml ? answerWithReport(request, job) : answerVerification(request, job);
@@ -129,10 +133,9 @@ int CManagerLib::answerWithReport(VerifierRequest& request, VerifierJob& job) {
     job.setReportDir(m_settings.reportDir);
     if (job.state() != Job::COMPLETE)
         return answerVerification(request, job);
-    // Not while an answer is still to be read from what a verifier writes there.
+    // Not while an answer is still to be read from what a verifier writes there, but for the service's end:
+    // it would take the report along.
     const kestrel::ReportLocks::Hold report(m_reportLocks, job.reportFilename);
-    if (!report.held())
-        return timeout(request.errorText);
     if (putReport(job, written))
         warnOfSharedReport(job);
     return answerVerification(request, job);

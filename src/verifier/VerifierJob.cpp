@@ -75,6 +75,8 @@ namespace {
 constexpr const char* MODULE = "JobMgmt";
 // Longer than a tick of the clock that file systems take their times from.
 constexpr std::chrono::milliseconds CLOCK_TICK{20};
+// What the coarsest file systems keep of it.
+constexpr std::chrono::seconds COARSE_TIME{2};
 
 std::span<char> buffer(char* out, int size) {
     return {out, out != nullptr && size > 0 ? static_cast<std::size_t>(size) : 0};
@@ -313,12 +315,15 @@ void VerifierJob::disownReport() {
     if (!m_olderReport)
         return;
     // A verifier that writes over the file itself, rather than beside it, is told by the time alone: the new
-    // one must not be able to have the old one's.
+    // one must not be able to have the old one's. A time of whole seconds is taken for all that the file
+    // system keeps.
+    const bool whole = m_olderReport->modified % std::chrono::seconds(1) == std::chrono::seconds(0);
+    const auto tick = whole ? CLOCK_TICK + COARSE_TIME : CLOCK_TICK;
     const auto now = std::chrono::system_clock::now().time_since_epoch();
     const auto age = now - m_olderReport->modified;
-    if (age < std::chrono::nanoseconds(0) || age >= CLOCK_TICK)
+    if (age < std::chrono::nanoseconds(0) || age >= tick)
         return;
-    std::this_thread::sleep_for(CLOCK_TICK - age);
+    std::this_thread::sleep_for(tick - age);
     m_olderReport = reportMark();
 }
 

@@ -56,7 +56,8 @@ public:
     // What getJobResults answers where it fails.
     [[nodiscard]] std::string failureText();
     // Takes the report that is there now for an earlier job's: it stays until there is a new one, and is
-    // never this job's answer. For a job that nobody else knows yet; returns after some ms at most.
+    // never this job's answer. For a job that nobody else knows yet; returns after some ms at most, or 2 s
+    // where the file system keeps times in whole seconds.
     void disownReport();
     // Whether the report that is there is still that of the earlier job.
     [[nodiscard]] bool reportIsOlder() const;

@@ -337,6 +337,69 @@ TEST_F(SharedReports, AnXmlRequestWhoseVerifierFallsSilentLeavesTheReportOfTheOn
     letGo();
 }
 
+TEST_F(SharedReports, AShutdownLeavesNothingOfAnXmlRequestWhoseVerifierRuns) {
+    startHeld();
+    std::ofstream(reportPath()) << "old";
+    auto xml = verifyBeside(",ALL,XML");
+    ASSERT_TRUE(verifiersRunning(1));
+    ASSERT_EQ(ownDirectories().size(), 1U);
+    EXPECT_EQ(service.stop().code, 0);
+    EXPECT_EQ(xml.get(), "FALSE - Error: Timeout waiting for job to complete.");
+    EXPECT_EQ(contentOf(reportPath()), "old");
+    EXPECT_THAT(ownDirectories(), IsEmpty());
+    letGo();
+}
+
+TEST_F(SharedReports, AShutdownDoesNotCostTheReportOfAnXmlRequestWhoseVerifierHasEnded) {
+    startHeldByKind();
+    auto shortOne = verifyBeside(",VIDEO_PID");
+    ASSERT_TRUE(verifiersRunning(1));
+    auto xml = verifyBeside(",ALL,XML");
+    ASSERT_TRUE(verifiersRunning(2));
+    std::ofstream(goWhole) << "go";
+    ASSERT_TRUE(service.waitForLog("Job process returned SUCCESS."));
+    EXPECT_EQ(xml.wait_for(A_WHILE), std::future_status::timeout) << "the short one has its turn";
+    EXPECT_EQ(service.stop().code, 0);
+    EXPECT_EQ(shortOne.get(), "FALSE - Error: Timeout waiting for job to complete.");
+    EXPECT_EQ(xml.get(), "TRUE - " + reportPath());
+    EXPECT_EQ(contentOf(reportPath()), contentOf(prepared));
+    EXPECT_THAT(ownDirectories(), IsEmpty());
+    std::ofstream(goShort) << "go";
+}
+
+// A GUID may have directories in it; the verifier is told the name behind them.
+TEST_F(SharedReports, AGuidWithADirectoryInItDoesNotTouchTheReportOfAnother) {
+    const std::filesystem::path reports = service.root() / "reports";
+    std::filesystem::create_directory(reports);
+    service.setVerifier("--verify " + prepared);
+    service.set("Verifier", "REPORT_DIR", reports.string() + "/");
+    service.start();
+    const std::string old = contentOf(prepared);
+    const auto ask = [&](const std::string& rest) {
+        return service.ask("GET_MPEG_PROPERTIES,JOB_BEGIN," + rest);
+    };
+    const std::string others = reports / "x-asset.ts.report.xml";
+    ASSERT_EQ(ask("x," + file + ",ALL,XML"), "TRUE - " + others);
+    changeTheFile();
+    EXPECT_EQ(ask("../x," + file + ",ALL,XML"), "TRUE - " + reports.string() + "/../x-asset.ts.report.xml");
+    EXPECT_EQ(contentOf(others), old);
+    EXPECT_EQ(contentOf(service.root() / "x-asset.ts.report.xml"), contentOf(prepared));
+}
+
+// Beside a queued one such a request has a directory of its own.
+TEST_F(SharedReports, AGuidWithADirectoryInItIsNotAnsweredFromTheReportOfAnother) {
+    const std::filesystem::path reports = service.root() / "reports";
+    std::filesystem::create_directory(reports);
+    service.setVerifier("--wait-whole " + goWhole + " --verify " + prepared);
+    service.set("Verifier", "REPORT_DIR", reports.string() + "/");
+    service.start();
+    std::ofstream(reports / "x-asset.ts.report.xml") << reportOf("98", "00:00:01:00");
+    const std::string request = "GET_MPEG_PROPERTIES,JOB_BEGIN,../x," + file;
+    ASSERT_EQ(service.ask(request + ",RUNTIME"), "TRUE");
+    EXPECT_EQ(service.ask(request + ",VIDEO_PID"), "TRUE - 481");
+    std::ofstream(goWhole) << "go";
+}
+
 TEST_F(SharedReports, TheReportOfAFailedVerifierReplacesNone) {
     start("--verify " + prepared + " --exit 3");
     std::ofstream(reportPath()) << "old";

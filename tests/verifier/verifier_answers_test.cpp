@@ -7,7 +7,10 @@
 
 #include <gmock/gmock.h>
 
+#include <ctime>
+#include <fcntl.h>
 #include <sstream>
+#include <sys/stat.h>
 #include <vector>
 
 namespace {
@@ -237,6 +240,28 @@ TEST_F(VerifierAnswers, AReportThatIsWrittenOverAnEarlierOneIsTheAnswer) {
         made.disownReport();
         write(Report{.videoPid = "98"}.xml());
         ASSERT_EQ(answerOf(made), "98") << i;
+    }
+}
+
+// Has the file the time that a file system would give it that keeps only every so many whole seconds.
+void coarsen(const char* path, time_t seconds) {
+    struct stat file {};
+    ASSERT_EQ(stat(path, &file), 0);
+    const timespec kept{file.st_mtim.tv_sec - file.st_mtim.tv_sec % seconds, 0};
+    const timespec times[2] = {kept, kept};
+    ASSERT_EQ(utimensat(AT_FDCWD, path, times, 0), 0);
+}
+
+TEST_F(VerifierAnswers, AReportThatIsWrittenOverAnEarlierOneIsTheAnswerAlsoWhereTimesAreCoarse) {
+    for (const time_t seconds : {1, 2}) {
+        write(Report{.videoPid = "99"}.xml());
+        VerifierJob made = job("VIDEO_PID");
+        coarsen(made.reportFilename, seconds);
+        made.disownReport();
+        EXPECT_TRUE(made.reportIsOlder());
+        write(Report{.videoPid = "98"}.xml());
+        coarsen(made.reportFilename, seconds);
+        EXPECT_EQ(answerOf(made), "98") << seconds;
     }
 }
 
