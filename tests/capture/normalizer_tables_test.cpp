@@ -204,6 +204,25 @@ TEST(NormalizedTables, StandInFrontWithoutAChangeToThoseOfTheSource) {
     EXPECT_EQ(brokenCounters(result.packets), 0);
 }
 
+TEST(NormalizedTables, StandInFrontWithoutAChangeToAMapThatComesBeforeThePatThatNamesIt) {
+    // Cut between a PAT and its maps; the next is 57 ms behind the beginning.
+    Packets source = cutStream({.step = 3 * millisecond});
+    const auto pat = std::find_if(source.begin(), source.end(), isTable);
+    ASSERT_EQ(pid(*pat), 0);
+    ASSERT_GE(pat - source.begin(), 2);
+    source.erase(pat);
+    const auto map = std::find_if(source.begin(), source.end(), isTable);
+    ASSERT_EQ(pid(*map), 0x1000);
+    const Normalized result = normalize(source);
+    EXPECT_EQ(result.counts.tables, 2U);
+    EXPECT_EQ(result.counts.renumbered, 0U);
+    ASSERT_EQ(result.packets.size(), source.size() + 2);
+    EXPECT_EQ(pid(result.packets[0]), 0);
+    EXPECT_EQ(pid(result.packets[1]), 0x1000);
+    EXPECT_EQ(Packets(result.packets.begin() + 2, result.packets.end()), source);
+    EXPECT_EQ(brokenCounters(result.packets), 0);
+}
+
 TEST(NormalizedTables, StandInFrontInAllTheirPacketsAndOfAllPrograms) {
     const std::vector<Program> programs{{.descriptorBytes = 700},
                                         {.number = 2, .pmtPid = 0x1001, .pcrPid = 0x200, .videoPid = 0x200}};

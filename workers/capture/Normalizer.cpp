@@ -122,6 +122,9 @@ void Normalizer::lookAt(const unsigned char* packet) {
     if ((packet[1] & 0x80) || empty)
         return;
     const int number = ts::pid(packet);
+    // Also of a map that comes before the PAT that names it.
+    if (Pid& pid = pidOf(packet); pid.first < 0 && ts::has_payload(packet))
+        pid.first = ts::continuity_counter(packet);
     if (!m_read.carries(number)) {
         // Of a multiplex that is there in part only, some of the programs that its PAT names never come: with
         // one known, the packet may be of that, or of one whose map is still to come.
@@ -131,8 +134,6 @@ void Normalizer::lookAt(const unsigned char* packet) {
         }
         return;
     }
-    if (Pid& pid = pidOf(packet); pid.first < 0 && ts::has_payload(packet))
-        pid.first = ts::continuity_counter(packet);
     if (!isScrambled(packet))
         m_read.take(packet, 0);
 }
