@@ -422,39 +422,34 @@ TEST_F(LabelsOfGops, TellThatFramesDidNotComeBackInTheGopsBehindIt) {
     EXPECT_THAT(r.status().text, HasSubstr(", those before 10:00:00:09 by the clock, "));
 }
 
-// Of an open GOP the source's first frame may be shown before its first coded picture, behind another's.
-TEST_F(LabelsOfGops, AreTheSourcesWhereverInAnOpenGopItBegins) {
-    for (const int bFrames : {1, 2, 3})
+// Wherever in a GOP of 15 the source begins, to a running encoder that passes its timecodes on.
+class LabelsOfOpenGops : public LabelsOfGops {
+protected:
+    void expectTheSources(LabelledShape shape) {
+        shape.gop = 15;
         for (int first = 80; first < 95; ++first) {
-            SCOPED_TRACE(std::to_string(bFrames) + " B from " + std::to_string(first));
-            m_file = m_directory.path(std::to_string(bFrames * 100 + first) + ".ts");
+            SCOPED_TRACE(std::to_string(shape.bFrames) + " B from " + std::to_string(first));
+            m_file = m_directory.path(std::to_string(shape.bFrames * 100 + first) + ".ts");
             Recording r = recording(labelledPlan());
-            LabelledShape open = idle({.bFrames = bFrames, .open = true});
-            open.gop = 15;
-            LabelledStream stream(open);
+            LabelledStream stream(shape);
             stream.switchAt(first, "10:00:00:00");
             stream.switchAt(first + sourceFrames, "05:00:00:00");
             run(r, stream);
             expectRecorded(r);
             EXPECT_THAT(r.status().text, HasSubstr(" from 10:00:00:00 to 10:00:03:24"));
         }
+    }
+};
+
+// The source's first frame may be shown before its first coded picture, behind another's.
+TEST_F(LabelsOfOpenGops, AreTheSourcesWhereverInOneItBegins) {
+    for (const int bFrames : {1, 2, 3})
+        expectTheSources(idle({.bFrames = bFrames, .open = true}));
 }
 
 // Of H.264 with a timecode in each key picture only.
-TEST_F(LabelsOfGops, OfKeyPicturesTellTheLastFrameThoughItIsCodedBehindAnotherKey) {
-    for (int first = 80; first < 95; ++first) {
-        SCOPED_TRACE(first);
-        m_file = m_directory.path(std::to_string(first) + ".ts");
-        Recording r = recording(labelledPlan());
-        LabelledShape keys = idle({.bFrames = 2, .open = true, .avc = true, .keysOnly = true});
-        keys.gop = 15;
-        LabelledStream stream(keys);
-        stream.switchAt(first, "10:00:00:00");
-        stream.switchAt(first + sourceFrames, "05:00:00:00");
-        run(r, stream);
-        expectRecorded(r);
-        EXPECT_THAT(r.status().text, HasSubstr(" from 10:00:00:00 to 10:00:03:24"));
-    }
+TEST_F(LabelsOfOpenGops, OfKeyPicturesTellTheLastFrameThoughItIsCodedBehindAnotherKey) {
+    expectTheSources(idle({.bFrames = 2, .open = true, .avc = true, .keysOnly = true}));
 }
 
 // The decoder goes on in the middle of a GOP: what is left of that has no label of the source.

@@ -158,59 +158,39 @@ TEST_F(CaptureWarningsTest, AMezzanineOfASourceWithAnUnusedRateIsTakenAndToldOf)
     }
 }
 
-TEST_F(CaptureWarningsTest, AMezzanineOfAnH264SourceWhoseTimingIsNotReadIsToldOf) {
-    const std::string file = kestrel::test::streamFile("h264_baseline"); // its pic_order_cnt_type is 2
-    const std::string field = "SrcFilename=" + file;
-    const std::string told = "[JobMgmt:Warning] SrcFilename: \"" + file +
-                             "\" has H.264 video whose frame rate is not read. The marks are judged as at "
-                             "23.976 frames a second.\r\n";
-    const struct {
-        const char* markOut;
-        int code;
-        const char* results;
-    } rows[] = {
-        {"MarkOutTime=02:00:00:23", 0, ""},
-        // The file has 25 frames a second, of which the last is number 24.
-        {"MarkOutTime=02:00:00:24", 10022,
-         "Error: Invalid timecode parameter 02:00:00:24 for frame rate 0.500000."},
-    };
-    for (const auto& row : rows) {
+// Sources of 25 frames a second, of which the last is number 24.
+class MarksOfAnUnknownRate : public CaptureWarningsTest {
+protected:
+    // What a mezzanine between these marks is answered, and told in the log of its source.
+    void expect(const std::string& source, const std::string& markIn, const std::string& markOut, int code,
+                const std::string& results, const std::string& told) {
+        const std::string file = kestrel::test::streamFile(source);
         CaptureReencodeJob job(1, Job::CAPTURE_MEZZANINE_JOB);
         const std::size_t before = log.text().size();
-        EXPECT_EQ(setFields(job, {"Filename=/tmp/out.ts", enc1, field.c_str(), "DecoderIp=10.9.9.9",
-                                  "MarkInTime=01:00:00:00", row.markOut}),
-                  row.code);
-        EXPECT_STREQ(job.results, row.results);
-        EXPECT_THAT(log.text().substr(before), testing::EndsWith(told)) << row.markOut;
+        EXPECT_EQ(setFields(job, {"Filename=/tmp/out.ts", enc1, ("SrcFilename=" + file).c_str(),
+                                  "DecoderIp=10.9.9.9", ("MarkInTime=" + markIn).c_str(),
+                                  ("MarkOutTime=" + markOut).c_str()}),
+                  code);
+        EXPECT_EQ(job.results, results);
+        EXPECT_THAT(log.text().substr(before), testing::EndsWith("[JobMgmt:Warning] SrcFilename: \"" + file +
+                                                                 "\" has H.264 video " + told + "\r\n"));
     }
+};
+
+TEST_F(MarksOfAnUnknownRate, AreJudgedAsAtTheLowestWhereTheTimingIsNotRead) {
+    const std::string told =
+        "whose frame rate is not read. The marks are judged as at 23.976 frames a second.";
+    expect("h264_baseline", "01:00:00:00", "02:00:00:23", 0, "", told); // its pic_order_cnt_type is 2
+    expect("h264_baseline", "01:00:00:00", "02:00:00:24", 10022,
+           "Error: Invalid timecode parameter 02:00:00:24 for frame rate 0.500000.", told);
 }
 
-TEST_F(CaptureWarningsTest, AMezzanineOfASourceThatDoesNotTellItsRateIsJudgedAsAt2997AndToldSo) {
-    const std::string file = kestrel::test::streamFile("h264_untimed_25");
-    const std::string field = "SrcFilename=" + file;
+TEST_F(MarksOfAnUnknownRate, AreJudgedAsAt2997WhereTheHeadersDoNotTellIt) {
     const std::string told =
-        "[JobMgmt:Warning] SrcFilename: \"" + file +
-        "\" has H.264 video that does not tell its frame rate. The marks are judged as at "
-        "29.97 frames a second.\r\n";
-    const struct {
-        const char* markIn;
-        int code;
-        const char* results;
-    } rows[] = {
-        // The file has 25 frames a second, of which the last is number 24.
-        {"MarkInTime=01:00:10:27", 0, ""},
-        {"MarkInTime=01:01:00:00", 10022,
-         "Error: Invalid timecode parameter 01:01:00:00 for frame rate 29.970030."},
-    };
-    for (const auto& row : rows) {
-        CaptureReencodeJob job(1, Job::CAPTURE_MEZZANINE_JOB);
-        const std::size_t before = log.text().size();
-        EXPECT_EQ(setFields(job, {"Filename=/tmp/out.ts", enc1, field.c_str(), "DecoderIp=10.9.9.9",
-                                  row.markIn, "MarkOutTime=02:00:00:00"}),
-                  row.code);
-        EXPECT_STREQ(job.results, row.results);
-        EXPECT_THAT(log.text().substr(before), testing::EndsWith(told)) << row.markIn;
-    }
+        "that does not tell its frame rate. The marks are judged as at 29.97 frames a second.";
+    expect("h264_untimed_25", "01:00:10:27", "02:00:00:00", 0, "", told);
+    expect("h264_untimed_25", "01:01:00:00", "02:00:00:00", 10022,
+           "Error: Invalid timecode parameter 01:01:00:00 for frame rate 29.970030.", told);
 }
 
 TEST_F(CaptureWarningsTest, AMezzanineOfASourceWhoseRateIsReadIsNotToldOf) {
