@@ -10,6 +10,8 @@
 #include "streams/stream_fixtures.h"
 #include "verifier/VerifierXml.h"
 
+#include <cmath>
+#include <functional>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -380,6 +382,157 @@ TEST(VideoRate, IsTheCodedOneWhereItsBytesAgreeWithinTheBuffer) {
     EXPECT_NEAR(rate(20'000, 0xFFFF), 2e6 + 20'000 * 8 / 4, 1) << "variable";
 }
 
+TEST(VideoRate, CountsWhatComesBehindALoss) {
+    for (const bool damagedHeader : {false, true}) {
+        Multiplex stream;
+        stream.association({{1, 0x100}}).map(0x100, 1, 0x101, {{VIDEO, 0x101}});
+        std::uint64_t expected = 0;
+        for (int i = 0; i < 50; ++i) {
+            const Bytes picture = mpeg2Picture(1, 4'000);
+            const Bytes header = pesHeader(9000 + i * FRAME);
+            const std::size_t begin = stream.bytes.size();
+            stream.pes(0x101, header, picture);
+            expected += picture.size();
+            if (i % 10 != 5)
+                continue;
+            if (damagedHeader) {
+                stream.bytes[begin + 4] = 0x80; // of the start code prefix
+                continue;
+            }
+            stream.bytes.erase(stream.bytes.begin() + static_cast<long>(begin + 2 * 188),
+                               stream.bytes.begin() + static_cast<long>(begin + 3 * 188));
+            expected -= 184;
+        }
+        const Analysis analysis = analysed(stream.bytes);
+        EXPECT_EQ(analysis.video()->bytes(), expected);
+        EXPECT_EQ(analysis.video()->frames(), damagedHeader ? 45U : 50U) << "it is not looked into";
+        EXPECT_NEAR(analysis.videoSeconds(), 2, 1e-9);
+        EXPECT_NEAR(analysis.videoBitsPerSecond(), static_cast<double>(expected) * 8 / 2, 1);
+    }
+}
+
+TEST(VideoRate, LeavesOutWhatComesBeforeTheFirstPesPacketAndBehindTheEndOfAPass) {
+    Multiplex stream;
+    stream.association({{1, 0x100}}).map(0x100, 1, 0x101, {{VIDEO, 0x101}});
+    stream.packet(0x101, false, filler(184)).packet(0x101, false, filler(184));
+    const std::size_t begin = stream.bytes.size();
+    for (int i = 0; i < 50; ++i)
+        stream.pes(0x101, pesHeader(9000 + i * FRAME), mpeg2Picture(1, 2'000));
+    const std::uint64_t size = mpeg2Picture(1, 2'000).size();
+    EXPECT_EQ(analysed(stream.bytes).video()->bytes(), 50 * size);
+    EXPECT_EQ(analysed(stream.bytes, 1).video()->bytes(), 25 * size);
+    stream.bytes.erase(stream.bytes.begin() + static_cast<long>(begin - 188),
+                       stream.bytes.begin() + static_cast<long>(begin));
+    EXPECT_EQ(analysed(stream.bytes).video()->bytes(), 50 * size);
+}
+
+// Pictures of 25 a second and a clock reference before each, in a multiplex of constant rate that takes so
+// much of a picture's time to send one, the first of them that long before its time.
+struct Sent {
+    double share;
+    double lead; // seconds
+    std::int64_t begin = 1000 * 90'000LL;
+    int nulls = 0;                                                     // before each picture
+    std::function<std::int64_t(int)> off = [](int) { return 0; };      // of a DTS, in ticks of 90 kHz
+    std::function<std::int64_t(int)> clockOff = [](int) { return 0; }; // of a reference
+
+    [[nodiscard]] Analysis pass() const {
+        constexpr std::int64_t TURN = std::int64_t{1} << 33;
+        constexpr std::size_t BYTES = 3000;
+        Multiplex picture;
+        picture.pes(0x101, pesHeader(0, 0), mpeg2Picture(1, BYTES));
+        const auto packets = static_cast<double>(picture.packets() + 1) + nulls;
+        const auto ticks = static_cast<std::int64_t>(share * FRAME * 300 / packets);
+        Multiplex stream;
+        stream.association({{1, 0x100}}).map(0x100, 1, 0x101, {{VIDEO, 0x101}});
+        const auto first = static_cast<std::int64_t>(stream.packets());
+        for (int i = 0; i < pictures; ++i) {
+            for (int k = 0; k < nulls; ++k)
+                stream.null();
+            const auto at = static_cast<std::int64_t>(stream.packets()) - first;
+            const std::int64_t pcr = begin * 300 + at * ticks + clockOff(i) * 300;
+            const std::int64_t dts = begin + std::llround(lead * 90'000) + i * FRAME + off(i);
+            stream.clock(0x101, (pcr + TURN * 300) % (TURN * 300));
+            stream.pes(0x101, pesHeader((dts + TURN) % TURN, (dts + TURN) % TURN), mpeg2Picture(1, BYTES));
+        }
+        bits = static_cast<double>(stream.packets()) * 188 * 8;
+        byClock = std::round(27e6 / static_cast<double>(ticks) * 188 * 8);
+        return analysed(stream.bytes);
+    }
+    int pictures = 100;
+    mutable double bits = 0;    // of all packets
+    mutable double byClock = 0; // a second
+};
+
+TEST(MultiplexRate, IsTheClocksAsLongAsTheVideoIsSentBeforeItIsDecoded) {
+    for (const double share : {1.1, 1.0, 0.95}) {
+        const Sent sent{share, 0.5};
+        EXPECT_EQ(sent.pass().muxBitsPerSecond(), sent.byClock) << share;
+    }
+}
+
+TEST(MultiplexRate, IsThatOfTheBytesWhereTheVideoComesEverLater) {
+    constexpr std::int64_t TURN = std::int64_t{1} << 33;
+    for (const std::int64_t begin : {std::int64_t{1000} * 90'000, std::int64_t{0}, TURN - 90'000 * 2,
+                                     TURN - 90'000 * 4, TURN - 90'000 / 4}) {
+        const Sent sent{1.2, 0.5, begin};
+        const Analysis analysis = sent.pass();
+        EXPECT_NEAR(analysis.muxBitsPerSecond(), sent.bits / 4, 1) << begin;
+        EXPECT_GT(analysis.muxBitsPerSecond(), 1.15 * sent.byClock);
+        ASSERT_TRUE(analysis.clock().rate());
+        EXPECT_LT(analysis.clock().rate()->farthestUs, 0.01) << "although the clock shows nothing of it";
+    }
+}
+
+TEST(MultiplexRate, IsTheClocksWhereTheVideoIsLateButNeedsNoMore) {
+    const Sent always{0.98, -0.1};
+    EXPECT_EQ(always.pass().muxBitsPerSecond(), always.byClock) << "fewer bytes than the clock has room for";
+    const Sent withRoom{1.02, -0.1, 90'000'000, 4};
+    EXPECT_EQ(withRoom.pass().muxBitsPerSecond(), withRoom.byClock) << "null packets between the pictures";
+}
+
+TEST(MultiplexRate, IsThatOfTheBytesWhereAFewNullPacketsComeAllTheSame) {
+    const Sent sent{1.2, 0.5, 90'000'000, 1};
+    const Analysis analysis = sent.pass();
+    EXPECT_EQ(analysis.nullPackets(), 100U);
+    EXPECT_NEAR(analysis.muxBitsPerSecond(), sent.bits / 4, 1);
+}
+
+TEST(MultiplexRate, IsTheClocksWhereOneTimeOrReferenceIsDamaged) {
+    for (const std::int64_t off : {-90'000LL, -60 * 90'000LL, -(1LL << 32) + 1})
+        for (const int count : {1, 2}) {
+            Sent sent{1.05, 0.5};
+            sent.off = [=](int i) { return i >= 60 && i < 60 + count ? off : 0; };
+            EXPECT_EQ(sent.pass().muxBitsPerSecond(), sent.byClock) << off << ", " << count;
+        }
+    Sent sent{1.02, 0.5};
+    sent.pictures = 200;
+    sent.clockOff = [](int i) { return i == 100 ? 60 * 90'000 : 0; };
+    EXPECT_EQ(sent.pass().muxBitsPerSecond(), sent.byClock);
+    Sent three{1.05, 0.5};
+    three.off = [](int i) { return i >= 60 && i < 63 ? -90'000 : 0; };
+    EXPECT_GT(three.pass().muxBitsPerSecond(), three.byClock) << "three in a row are none";
+}
+
+TEST(MultiplexRate, OfTwoProgramsIsJudgedByTheOneThatIsAnalysed) {
+    // The second program's map comes later, and its video is sent in time.
+    Multiplex stream;
+    stream.association({{2, 0x200}, {1, 0x100}}).map(0x100, 1, 0x101, {{VIDEO, 0x101}});
+    const auto add = [&stream](int pid, int count, std::int64_t lead) {
+        for (int i = 0; i < count; ++i) {
+            const auto time = static_cast<std::int64_t>(stream.packets()) * 300;
+            stream.clock(pid, time * 300 + 27'000'000);
+            stream.pes(pid, pesHeader(time + 90'000 + lead, time + 90'000 + lead), mpeg2Picture(1, 2000));
+        }
+    };
+    add(0x101, 6, -9000);
+    stream.map(0x200, 2, 0x201, {{VIDEO, 0x201}});
+    add(0x201, 100, 90'000);
+    const Analysis analysis = analysed(stream.bytes);
+    EXPECT_EQ(analysis.asset()->number, 2);
+    EXPECT_EQ(analysis.muxBitsPerSecond(), 300 * 188 * 8);
+}
+
 TEST(PesHeaders, AreReadWhereverTheyAreCut) {
     for (std::size_t first = 1; first < 19; ++first) {
         PesReader reader;
@@ -397,10 +550,30 @@ TEST(PesHeaders, AreReadWhereverTheyAreCut) {
     }
     PesReader none;
     none.begin();
-    const Bytes bad(30, 0xFF);
+    const Bytes bad(300, 0xFF);
     std::span<const unsigned char> bytes(bad);
     EXPECT_FALSE(none.takeHeader(bytes));
     EXPECT_FALSE(none.inData()) << "no start code prefix";
+    EXPECT_TRUE(none.behindLoss());
+}
+
+TEST(PesPackets, OfWhichBytesAreMissingAreTheirStreamsUpToTheNextOne) {
+    PesReader reader;
+    reader.lose();
+    EXPECT_FALSE(reader.behindLoss()) << "none has begun";
+    const Bytes header = pesHeader(90'000);
+    for (const std::size_t length : {std::size_t{3}, header.size()}) {
+        reader.begin();
+        std::span<const unsigned char> bytes(header.data(), length);
+        reader.takeHeader(bytes);
+        EXPECT_FALSE(reader.behindLoss());
+        reader.lose();
+        EXPECT_TRUE(reader.behindLoss()) << "in its header or behind that";
+        EXPECT_FALSE(reader.inData());
+    }
+    reader.drop();
+    reader.lose();
+    EXPECT_FALSE(reader.behindLoss()) << "it was of no use before";
 }
 
 } // namespace

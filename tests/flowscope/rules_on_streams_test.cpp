@@ -15,6 +15,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <optional>
+#include <tuple>
+#include <vector>
 
 using namespace kestrel::test;
 
@@ -271,6 +273,73 @@ TEST(RatesOnStreams, OfOneMultiplexAreOneWhereverItIsCut) {
     }
 }
 
+// Multiplexes as fast as they may be, and too small for what is put into them: of constant rate, without null
+// packets, but ever later, at last behind the decoding times.
+std::string overloadedSd(const std::string& name = "over_sd", const std::string& options = "") {
+    return makeStream(name, "-f lavfi -i testsrc2=size=528x480:rate=30000/1001,noise=alls=12:allf=t " TONE
+                            "-map 0 -map 1 -map 1 -t 20 -threads 1 -c:v mpeg2video -g 15 -bf 2 -b:v 3100k "
+                            "-minrate 3100k -maxrate 3100k -bufsize 1835k -c:a ac3 -b:a 384k "
+                            "-muxrate 3750000 " +
+                                options);
+}
+std::string overloadedHd() {
+    return makeStream("over_hd", "-f lavfi -i testsrc2=size=1280x720:rate=25,noise=alls=8:allf=t " TONE
+                                 "-map 0 -map 1 -map 1 -map 1 -map 1 -map 1 -map 1 -map 1 -map 1 -t 6 "
+                                 "-threads 1 -c:v mpeg2video -g 15 -bf 2 -b:v 17900k -minrate 17900k "
+                                 "-maxrate 17900k -bufsize 9781k -c:a ac3 -b:a 640k -muxrate 19M");
+}
+
+TEST(RatesOnStreams, OfAMultiplexThatIsTooSmallAreThoseOfWhatItCarries) {
+    for (const auto& [rule, file, clock, bytes] :
+         {std::tuple{"SD_TxRate_3p75Mbs", overloadedSd(), 3'750'000, 4'118'600},
+          {"HD_TxRate_19Mbs", overloadedHd(), 19'000'000, 23'949'000}}) {
+        const auto analysis = passOver(file);
+        EXPECT_EQ(analysis.nullPackets(), 0U);
+        ASSERT_TRUE(analysis.clock().rate());
+        EXPECT_NEAR(analysis.clock().rate()->packetsPerSecond * 188 * 8, clock, 1);
+        EXPECT_LT(analysis.clock().rate()->farthestUs, 0.5);
+        EXPECT_NEAR(analysis.muxBitsPerSecond() / bytes, 1, 0.002);
+        EXPECT_NE(judged(rule, file), "");
+        const std::string sdRule = "SD_TxRate_3p75Mbs";
+        for (const int seconds : rule == sdRule ? std::vector{10, 15, 19} : std::vector{5}) {
+            EXPECT_NE(judged(rule, file, seconds), "") << seconds << " s";
+            EXPECT_NEAR(passOver(file, seconds).muxBitsPerSecond() / bytes, 1, 0.03) << seconds << " s";
+        }
+        EXPECT_EQ(judged(rule, file, 1), "") << "it has not come too late yet";
+    }
+}
+
+TEST(RatesOnStreams, OfAMultiplexThatIsTooSmallAreSoInJoinedFilesToo) {
+    const std::string before = overloadedSd();
+    const std::string hourLater = overloadedSd("over_sd_later", "-output_ts_offset 3600");
+    const std::string overTheTurn = overloadedSd("over_sd_turn", "-output_ts_offset 95435");
+    const std::string good = sdMultiplex("3750000");
+    const ScratchDir directory;
+    const auto joined = [&directory](const std::string& first, const std::string& second) {
+        auto bytes = bytesOfFile(first);
+        const auto behind = bytesOfFile(second);
+        bytes.insert(bytes.end(), behind.begin(), behind.end());
+        return directory.file("joined.ts", std::string(bytes.begin(), bytes.end()));
+    };
+    for (const auto& [first, second] : {std::pair{before, before},
+                                        {before, hourLater},
+                                        {hourLater, before},
+                                        {good, before},
+                                        {before, good},
+                                        {good, hourLater},
+                                        {overTheTurn, before},
+                                        {good, overTheTurn}}) {
+        const std::string file = joined(first, second);
+        EXPECT_NE(judged("SD_TxRate_3p75Mbs", file), "") << first << " and " << second;
+        const bool both = first != good && second != good;
+        EXPECT_NEAR(passOver(file).muxBitsPerSecond(), both ? 4'118'600 : 4'010'000, 25'000)
+            << first << " and " << second;
+    }
+    EXPECT_EQ(judged("SD_TxRate_3p75Mbs", joined(good, good)), "") << "a join alone is not late";
+    EXPECT_EQ(passOver(joined(good, good)).muxBitsPerSecond(), 3'750'000);
+    EXPECT_NEAR(passOver(overTheTurn).muxBitsPerSecond(), 4'118'600, 8'000);
+}
+
 TEST(RatesOnStreams, OfConstantVideoAreThoseOfTheHeadersAndNotOfItsFewSeconds) {
     const auto mpeg2 = passOver(sdVideo("3180000"));
     EXPECT_EQ(mpeg2.videoBitsPerSecond(), 3'180'000);
@@ -307,6 +376,46 @@ TEST(RatesOnStreams, ThatAreNotConstantAreThoseOfTheBytes) {
     const ScratchDir directory;
     const auto joined = passOver(directory.file("joined.ts", std::string(bytes.begin(), bytes.end())));
     EXPECT_EQ(joined.muxBitsPerSecond(), whole(joined));
+}
+
+TEST(RatesOnStreams, OfVideoOfWhichPacketsAreLostAreThoseOfAllThatCame) {
+    // One packet of every picture, behind which nothing can be read of it.
+    auto bytes = bytesOfFile(fastSdVideo());
+    Bytes damaged;
+    int sinceStart = 0;
+    for (std::size_t at = 0; at + 188 <= bytes.size(); at += 188) {
+        const bool video = (bytes[at + 1] & 0x1F) == 1 && bytes[at + 2] == 0;
+        if (video)
+            sinceStart = (bytes[at + 1] & 0x40) != 0 ? 0 : sinceStart + 1;
+        if (!video || sinceStart != 3)
+            damaged.insert(damaged.end(), bytes.begin() + static_cast<long>(at),
+                           bytes.begin() + static_cast<long>(at + 188));
+    }
+    const ScratchDir directory;
+    const std::string file = directory.file("lost.ts", std::string(damaged.begin(), damaged.end()));
+    const auto whole = passOver(fastSdVideo());
+    const auto lossy = passOver(file);
+    EXPECT_EQ(lossy.video()->frames(), whole.video()->frames());
+    EXPECT_EQ(lossy.findings().count("continuity"), whole.video()->frames());
+    const auto lost = (bytes.size() - damaged.size()) / 188;
+    EXPECT_LE(lossy.video()->bytes() + lost * 184, whole.video()->bytes());
+    EXPECT_GE(lossy.video()->bytes() + lost * 184, whole.video()->bytes() - 184);
+    EXPECT_EQ(judged("SD_VidBR_3p18Mbs", file),
+              "The video bit rate in SD file x.ts cannot be greater than 3.18 Mbs.\t");
+}
+
+TEST(RatesOnStreams, OfH264AreOneWhateverDelimitersTheMultiplexerPutIn) {
+    const auto analysis = passOver(
+        makeStream("limit_h264_delimiters",
+                   "-f lavfi -i testsrc2=size=176x144:rate=60,noise=alls=20:allf=t -t 30 -threads 1 "
+                   "-c:v libx264 -preset ultrafast -g 15 -b:v 300k -minrate 300k -maxrate 300k -bufsize 60k "
+                   "-x264-params nal-hrd=cbr:filler=1"));
+    ASSERT_TRUE(analysis.video()->codedRate());
+    const double more = static_cast<double>(analysis.video()->bytes()) * 8 -
+                        analysis.video()->codedRate()->bitsPerSecond * analysis.videoSeconds();
+    EXPECT_GT(more, analysis.video()->codedRate()->bufferBits) << "else nothing is shown here";
+    EXPECT_EQ(analysis.video()->delimiterBits(), 48 * 1800);
+    EXPECT_EQ(analysis.videoBitsPerSecond(), analysis.video()->codedRate()->bitsPerSecond);
 }
 
 INSTANTIATE_TEST_SUITE_P(Each, RuleOnStreams, testing::ValuesIn(ROWS),

@@ -326,6 +326,18 @@ TEST(H264Video, AConstantRateIsThatOfTheHrdForAllUnits) {
         << "of two rates";
 }
 
+TEST(H264Video, DelimitersAreCountedApart) {
+    VideoTrack track(VideoCodec::h264);
+    const Bytes delimiter = nal(9, {0xF0});
+    track.feed(delimiter + sequenceSet(60'000) + delimiter + nal(6, {0x80}) + delimiter);
+    track.end();
+    EXPECT_EQ(track.delimiterBits(), 3 * 48);
+    VideoTrack other(VideoCodec::mpeg2);
+    other.feed(delimiter + delimiter);
+    other.end();
+    EXPECT_EQ(other.delimiterBits(), 0);
+}
+
 TEST(H264Video, TheTimeCodeIsThatOfThePictureTiming) {
     const auto timing = [](int counting, int hours, int frames) {
         BitString bits;

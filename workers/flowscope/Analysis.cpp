@@ -162,6 +162,9 @@ void Analysis::adopt(const Program& program, const StreamEntry& video) {
     m_packetsBefore = m_ratedPackets = onlyTables() ? 0 : m_packets - 1;
     m_videoRates = {};
     m_ratedVideoBytes = 0;
+    m_referencesAtLead = 0;
+    m_lateInARow = 0;
+    m_tooSmall = false;
     m_roles[indexOf(m_videoPid)] = Role::video;
     addSounds(program);
 }
@@ -247,7 +250,7 @@ Analysis::Audio* Analysis::audio(int pid) {
 void Analysis::takeElementary(const unsigned char* packet, Audio* audio, bool lost) {
     PesReader& reader = audio == nullptr ? m_videoReader : audio->reader;
     if (lost) {
-        reader.drop();
+        reader.lose();
         if (audio != nullptr)
             audio->track.skip();
         else
@@ -265,8 +268,11 @@ void Analysis::takeElementary(const unsigned char* packet, Audio* audio, bool lo
             takeVideoTimes();
     }
     (audio == nullptr ? m_lastVideoPacket : audio->lastPacket) = m_packets - 1;
-    if (!reader.inData())
+    if (!reader.inData()) {
+        if (audio == nullptr && reader.behindLoss())
+            m_video->count(bytes.size());
         return;
+    }
     if (audio != nullptr) {
         // Of a coding that is not looked into the times alone count.
         if (audio->track.codec() == AudioCodec::unknown)

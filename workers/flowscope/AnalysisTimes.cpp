@@ -14,6 +14,25 @@ std::optional<std::int64_t> Analysis::aheadOfClock(PTS rawDts) const {
     return unwrapped(rawDts, clock) - clock;
 }
 
+// A stream that its multiplex has no room for comes ever later: in the end behind the time at which it is
+// decoded (2.4.2.3), at a rate of the clock that it does not keep to.
+void Analysis::noteLead(PTS rawDts) {
+    // A damaged time is off once, and so is a reference, or a join, as only one time is compared with each.
+    constexpr int IN_A_ROW = 3;
+    const auto ahead = aheadOfClock(rawDts);
+    if (!ahead || m_referencesAtLead == m_clock.count())
+        return;
+    m_referencesAtLead = m_clock.count();
+    // Where many null packets are sent there is room: the video is only sent late.
+    constexpr std::uint64_t ROOM = 10; // one of so many
+    const bool full = (m_nullPackets - m_nullPacketsAtLead) * ROOM < m_packets - m_packetsAtLead;
+    m_nullPacketsAtLead = m_nullPackets;
+    m_packetsAtLead = m_packets;
+    const bool late = *ahead < 0 && full;
+    m_lateInARow = late ? m_lateInARow + 1 : 0;
+    m_tooSmall = m_tooSmall || m_lateInARow >= IN_A_ROW;
+}
+
 double Analysis::now() const {
     if (m_times.firstDts().is_absent())
         return 0;
@@ -25,6 +44,7 @@ void Analysis::takeVideoTimes() {
     const PTS rawDts = m_videoReader.dts();
     if (rawPts.is_absent())
         return;
+    noteLead(rawDts);
     // By either way of counting; where a frame is repeated they differ by a field.
     const VideoTrack::Position position = m_video->position();
     const auto [least, fields] =

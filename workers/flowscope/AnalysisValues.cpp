@@ -72,6 +72,12 @@ double Analysis::seconds() const {
     return end - begin;
 }
 
+double Analysis::secondsOfPictures() const {
+    const double rate = m_video == nullptr ? 0 : m_video->format().rate();
+    const double counted = rate <= 0 ? videoSeconds() : static_cast<double>(m_video->fields()) / 2 / rate;
+    return seconds() - std::max(0.0, videoSeconds() - counted);
+}
+
 double Analysis::videoBitsPerSecond() const {
     const double duration = videoSeconds();
     if (duration <= 0)
@@ -80,7 +86,9 @@ double Analysis::videoBitsPerSecond() const {
     // At either end of a file the buffer may hold any part of what it can (13818-2, C.3; H.264, C.1.1), so
     // that a short file measures up to so much more, or less, than the rate that it is sent at.
     const auto coded = m_video->codedRate();
-    if (coded && std::abs(bits - coded->bitsPerSecond * duration) <= coded->bufferBits)
+    const double excess = coded ? bits - coded->bitsPerSecond * duration : 0;
+    // Delimiters may be a multiplexer's, of which the encoder knew nothing.
+    if (coded && excess >= -coded->bufferBits && excess <= coded->bufferBits + m_video->delimiterBits())
         return coded->bitsPerSecond;
     return bits / duration;
 }
@@ -89,11 +97,17 @@ double Analysis::muxBitsPerSecond() const {
     // The streams begin and end up to a second behind the packets that bear them: no number of seconds gives
     // a constant rate exactly, which a limit may be just as high as.
     const auto rate = m_clock.rate();
-    if (rate && (m_nullPackets > 0 || rate->farthestUs <= ClockCheck::jitterLimitUs))
-        return std::round(rate->packetsPerSecond * ts::packet_size * 8);
-    const double duration = seconds();
-    return duration <= 0 ? 0
-                         : static_cast<double>(m_packets - m_packetsBefore) * ts::packet_size * 8 / duration;
+    const bool constant = rate && (m_nullPackets > 0 || rate->farthestUs <= ClockCheck::jitterLimitUs);
+    const double byClock = constant ? std::round(rate->packetsPerSecond * ts::packet_size * 8) : 0;
+    if (constant && !m_tooSmall)
+        return byClock;
+    // The hours between two files that are joined would hide that the multiplex is too small for either.
+    const double duration = constant ? secondsOfPictures() : seconds();
+    if (duration <= 0)
+        return byClock;
+    // What comes too late for a while only needs no more than the clock's rate on the whole.
+    return std::max(byClock,
+                    static_cast<double>(m_packets - m_packetsBefore) * ts::packet_size * 8 / duration);
 }
 
 bool Analysis::constantBitRate() const {

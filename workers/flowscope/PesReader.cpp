@@ -26,7 +26,7 @@ bool PesReader::takeHeader(std::span<const unsigned char>& bytes) {
         if (m_length < FIXED || m_length < FIXED + m_header[8])
             continue;
         const bool prefix = m_header[0] == 0 && m_header[1] == 0 && m_header[2] == 1;
-        m_state = prefix ? State::data : State::none;
+        m_state = prefix ? State::data : State::behindLoss;
         return prefix;
     }
     return false;

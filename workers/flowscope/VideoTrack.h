@@ -46,6 +46,8 @@ public:
     void feed(std::span<const unsigned char> bytes);
     // Bytes were lost: what was being read is dropped.
     void skip();
+    // So many bytes of the elementary stream that cannot be looked into, behind others that were lost.
+    void count(std::uint64_t bytes) { m_bytes += bytes; }
     // No more bytes come.
     void end();
     // For a stream whose headers say nothing of its frame rate.
@@ -99,6 +101,8 @@ public:
     };
     // Nothing unless constantBitRate() holds and all pictures have the same.
     [[nodiscard]] std::optional<CodedRate> codedRate() const;
+    // Of the access unit delimiters of H.264 (7.3.2.4), start codes of four bytes among them.
+    [[nodiscard]] double delimiterBits() const noexcept { return 48.0 * static_cast<double>(m_delimiters); }
     // The first time code of GOP header or picture timing, as the 25 bits of a GOP header.
     [[nodiscard]] std::optional<int> firstTimecode() const noexcept { return m_firstTimecode; }
     // Of GOP headers or picture timing: which do not follow from the one before and its frames.
@@ -174,6 +178,7 @@ private:
     CodedRate m_headerRate;                // of the latest headers
     std::optional<CodedRate> m_rateOfBits; // of the first picture behind any
     bool m_rateOfBitsChanged = false;
+    std::uint64_t m_delimiters = 0;
 };
 
 } // namespace kestrel::flowscope

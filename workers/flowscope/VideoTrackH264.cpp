@@ -85,6 +85,9 @@ void VideoTrack::takeNal(std::span<unsigned char> nal) {
     case PICTURE:
         m_avc.takePicture(nal);
         return;
+    case DELIMITER:
+        ++m_delimiters;
+        return;
     default:
         return;
     }
