@@ -116,7 +116,8 @@ private:
     std::int32_t m_port;
 };
 
-// Writes lines to a stream that the caller owns and keeps alive as long as the logger.
+// Writes lines to a stream that the caller owns and keeps alive as long as the logger. A line that cannot be
+// written is a failure of that line only: the next one is tried again.
 class StreamLogger : public BaseLogger {
 public:
     // Active at once, unless stream is null.

@@ -156,7 +156,11 @@ bool StreamLogger::log(const char* line) {
     if (!m_active || !line)
         return false;
     m_stream->write(line, static_cast<std::streamsize>(std::strlen(line)));
-    return m_stream->good();
+    const bool written = m_stream->good();
+    // The disk may have room again for the next line.
+    if (!written)
+        m_stream->clear();
+    return written;
 }
 
 bool StreamLogger::log(const wchar_t* line) {

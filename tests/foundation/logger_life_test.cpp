@@ -4,14 +4,17 @@
 
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sstream>
 #include <string>
+#include <sys/resource.h>
 #include <thread>
 #include <vector>
 
@@ -210,6 +213,32 @@ TEST(StreamLogger, FailedStreamIsReported) {
     out.setstate(std::ios::badbit);
     StreamLogger logger(&out);
     EXPECT_FALSE(logger.log("x"));
+}
+
+// A file on a disk that is full for a while.
+TEST(StreamLogger, WritesOnAfterALineThatFailed) {
+    const ScratchDir directory;
+    const std::string path = directory.path("worker.log");
+    std::ofstream out(path);
+    out << std::unitbuf;
+    StreamLogger logger(&out);
+    EXPECT_TRUE(logger.log("before\r\n"));
+    rlimit usual{};
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &usual), 0);
+    {
+        const auto ignored = std::signal(SIGXFSZ, SIG_IGN);
+        const rlimit full{8, usual.rlim_max};
+        ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &full), 0);
+        const bool written = logger.log("lost\r\n");
+        EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &usual), 0);
+        std::signal(SIGXFSZ, ignored);
+        EXPECT_FALSE(written);
+    }
+    EXPECT_TRUE(logger.log("after\r\n"));
+    std::ifstream in(path);
+    std::string all(std::istreambuf_iterator<char>(in), {});
+    EXPECT_THAT(all, testing::StartsWith("before\r\n"));
+    EXPECT_THAT(all, testing::EndsWith("after\r\n"));
 }
 
 } // namespace
