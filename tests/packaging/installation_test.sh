@@ -1,0 +1,37 @@
+#!/usr/bin/env bash
+# What configuring and installing tell whoever does it.
+set -euo pipefail
+
+fail() {
+  echo "$*" >&2
+  exit 1
+}
+has() { [[ $1 == *"$2"* ]] || fail "expected '$2' in: $1"; }
+
+# CMake breaks the lines of its messages.
+in_one_line() { tr -s ' \n' ' '; }
+
+scratch=$(mktemp -d)
+trap 'rm -rf "$scratch"' EXIT
+configure() {
+  "$KESTREL_CMAKE" -S "$KESTREL_SOURCE_ROOT" -B "$scratch/build" -DKESTREL_BUILD_TESTS=OFF \
+    -DCMAKE_INSTALL_PREFIX="$scratch/prefix" "$@" 2>&1 | in_one_line
+}
+
+# Names of files are put right behind the directories.
+text=$(configure -DKESTREL_CONFIG_PARENT_DIR="$scratch/conf" -DKESTREL_LOG_PARENT_DIR="$scratch/logs")
+has "$text" "KESTREL_CONFIG_PARENT_DIR has no closing slash"
+has "$text" "expected is \"$scratch/conf/\""
+has "$text" "KESTREL_LOG_PARENT_DIR has no closing slash"
+text=$(configure -DKESTREL_CONFIG_PARENT_DIR="$scratch/conf/" -DKESTREL_LOG_PARENT_DIR="$scratch/logs/")
+[[ $text != *slash* ]] || fail "$text"
+
+# The profile is told of, the new one and the one that is kept.
+install_profile() { "$KESTREL_CMAKE" --install "$scratch/build" --component profile 2>&1; }
+profile=$scratch/conf/KestrelManagerProfile.xml
+has "$(install_profile)" "Installing: $profile"
+[[ -d $scratch/logs ]] || fail "no directory for the logs"
+grep -q "$scratch/prefix/bin/kestrelCapture" "$profile" || fail "the profile does not name the installed worker"
+echo '<Own/>' >"$profile"
+has "$(install_profile)" "Kept: $profile"
+[[ $(<"$profile") == '<Own/>' ]] || fail "the operator's profile has been replaced"
