@@ -25,6 +25,9 @@ The service and the encoder stay up. Lines to try:
   printf 'JOB_STATUS,$try_guid' | nc -N 127.0.0.1 $port
   printf 'CAPTURE,JOB_LAST_LOG_ENTRIES,$try_guid' | nc -N 127.0.0.1 $port
   printf 'CAPTURE,JOB_ABORT,$try_guid' | nc -N 127.0.0.1 $port
+
+and some seconds later, when the recording has ended:
+
   printf 'JOB_RESULTS,$try_guid' | nc -N 127.0.0.1 $port
   printf 'GET_MPEG_PROPERTIES,JOB_BEGIN,${try_guid}b,$try_file,QUICK' | nc -N 127.0.0.1 $port
 
