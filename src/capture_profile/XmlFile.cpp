@@ -110,7 +110,11 @@ std::optional<std::string> xmlFileProblem(const char* path, TiXmlDocument& docum
                        TIXML_ENCODING_LEGACY);
     if (!document.Error())
         return std::nullopt;
-    return "line " + std::to_string(document.ErrorRow()) + ": " + document.ErrorDesc();
+    // The parser often notices what is wrong only behind it, and its texts end in a point.
+    std::string_view what(document.ErrorDesc());
+    while (what.ends_with('.'))
+        what.remove_suffix(1);
+    return "at or before line " + std::to_string(document.ErrorRow()) + ": " + std::string(what);
 }
 
 std::optional<int> parseInteger(const char* text) {

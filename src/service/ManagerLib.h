@@ -81,6 +81,8 @@ public:
     static int RunCmdLine();
     // Why the last RunCmdLine could not start the service, in words; empty when it could.
     static std::string StartFailure();
+    // Which log the last manager could not open and why, in words; empty when it could, or was to have none.
+    static std::string LogFailure();
     // Ends the service for a signal. Runs on the thread that waits for signals, never in a handler.
     static void cmdLineExitHandler(int signal);
     // Ends the service and destroys the instance; -1 when there is none. Of several calls at once one does

@@ -1,5 +1,6 @@
 // The manager profile.
 #include "capture_profile/XmlFile.h"
+#include "foundation/ErrnoText.h"
 #include "foundation/ErrorCodes.h"
 #include "foundation/FixedText.h"
 #include "foundation/StringUtil.h"
@@ -8,12 +9,14 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <array>
+#include <cerrno>
 #include <cstring>
 #include <limits>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
+#include <sys/stat.h>
 #include <tinyxml.h>
 #include <vector>
 
@@ -259,11 +262,33 @@ std::optional<LoggingSection> readLogging(ProfileReader& profile, BaseLogger::_L
     return section;
 }
 
+Mutex logFailureMutex;
+std::string& lastLogFailure() {
+    static std::string* const text = new std::string;
+    return *text;
+}
+
+void setLogFailure(const std::string& text) {
+    MutexLock lock(logFailureMutex);
+    lastLogFailure() = text;
+}
+
+// A log that cannot be opened stops nothing, and is what no log can tell. Opening the file is the last that
+// the logger does, so that errno is that of it.
+void openLog(LogUtil& log, const char* path) {
+    errno = 0;
+    if (log.addFileLogger(path))
+        return;
+    const int reason = errno;
+    setLogFailure("the log " + std::string(path) + " cannot be opened: " + kestrel::errnoText(reason) +
+                  "; the service runs without it");
+}
+
 void setUpLogging(const LoggingSection& section, const char* defaultLogFile) {
     LogUtil* const log = LogUtil::GetInstance();
     if (log == nullptr)
         return;
-    log->addFileLogger(section.file != nullptr ? section.file : cStringUtil::cValue(defaultLogFile));
+    openLog(*log, section.file != nullptr ? section.file : cStringUtil::cValue(defaultLogFile));
     log->setDefaultLogLevel(section.level);
     if (section.ip != nullptr)
         log->addNetLogger(section.ip, section.port);
@@ -299,6 +324,18 @@ void readSections(ProfileReader& profile, Settings& settings) {
         profile.integer("HEARTBEAT_TIMEOUT_SECS", settings.heartbeatTimeoutSecs, 0);
 }
 
+// Nothing makes the directory of the reports, and a verifier fails late.
+void warnUnlessThere(const char* directory) {
+    struct stat status {};
+    const int reason = stat(directory, &status) != 0 ? errno : S_ISDIR(status.st_mode) ? 0 : ENOTDIR;
+    if (reason != 0)
+        LogUtil::Warning(
+            MODULE,
+            "Profile section Verifier, key REPORT_DIR: \"%s\" is no directory: %s. It must exist: "
+            "verifications fail until it does",
+            directory, kestrel::errnoText(reason).c_str());
+}
+
 // The profile's path; derived from the directory where no manager has set it.
 std::string profilePath() {
     if (CManagerLib::m_kestrelMgrSettingsFname[0] != '\0')
@@ -313,6 +350,8 @@ enum class Logging { passedOver, read, setUp };
 int readProfile(CManagerLib::KestrelManagerSettings& settings, Logging logging, const char* defaultLogFile,
                 BaseLogger::_LogLevel defaultLevel, std::string& problem) {
     setDefaults(settings);
+    if (logging == Logging::setUp)
+        setLogFailure({});
     TiXmlDocument document;
     if (const auto unread = kestrel::xmlFileProblem(profilePath().c_str(), document)) {
         problem = *unread;
@@ -351,6 +390,11 @@ int CManagerLib::ServicePort() {
     return settings.portNumber;
 }
 
+std::string CManagerLib::LogFailure() {
+    MutexLock lock(logFailureMutex);
+    return lastLogFailure();
+}
+
 void CManagerLib::loadSettings() {
     char defaultLogFile[300];
     kestrel::formatText(defaultLogFile, "%sKestrelManager.log", KESTREL_LOG_PARENT_DIR);
@@ -363,11 +407,13 @@ void CManagerLib::loadSettings() {
             "Profile section Verifier, key QUICK_PROPERTIES_DURATION_SECS: \"%d\" is less than 1; "
             "a verifier may refuse it",
             seconds);
-    if (result == 0)
+    if (result == 0) {
+        warnUnlessThere(m_settings.reportDir);
         return;
+    }
     // The profile has set up no logging.
     if (LogUtil* const log = LogUtil::GetInstance(); log != nullptr) {
-        log->addFileLogger(defaultLogFile);
+        openLog(*log, defaultLogFile);
         log->setDefaultLogLevel(BaseLogger::Info);
     }
     char text[600];

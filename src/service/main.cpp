@@ -26,6 +26,10 @@ int runThenDetach() {
 // The exit status does not tell of a failed start, deliberately; whoever watches must not have to look for
 // the log first.
 void runInForeground() {
+    // The first call sets up the log.
+    CManagerLib::GetInstance();
+    if (const std::string failure = CManagerLib::LogFailure(); !failure.empty())
+        std::fprintf(stderr, "KestrelManager: %s\n", failure.c_str());
     CManagerLib::RunCmdLine();
     if (const std::string failure = CManagerLib::StartFailure(); !failure.empty())
         std::fprintf(stderr, "KestrelManager could not start: %s\n", failure.c_str());

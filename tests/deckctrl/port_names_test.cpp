@@ -98,7 +98,7 @@ TEST_F(PortMap, OneOfAnyDepthIsToldAndLeftOut) {
 
 TEST_F(PortMap, AFileThatIsNoXmlIsTold) {
     EXPECT_FALSE(load("<DeckPorts>\n<Port"));
-    EXPECT_THAT(log.str(), HasSubstr("ports.xml cannot be read: line "));
+    EXPECT_THAT(log.str(), HasSubstr("ports.xml cannot be read: at or before line "));
     EXPECT_FALSE(load(""));
     EXPECT_FALSE(load("<!-- nothing -->"));
     EXPECT_THAT(log.str(), HasSubstr("ports.xml cannot be read: it has no root element"));

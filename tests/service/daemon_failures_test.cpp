@@ -110,6 +110,14 @@ TEST_F(WithoutAWord, WithTheWordDebugTheReasonIsSaid) {
                                               "Could not use port 5112\\."));
 }
 
+TEST_F(WithoutAWord, WithTheWordDebugALogThatCannotBeOpenedIsSaidFirst) {
+    writeProfile("<P><Logging LOG_FILENAME='/proc/x/K.log'/></P>");
+    EXPECT_EXIT(runWith("debug"), ExitedWithCode(0),
+                "^KestrelManager: the log /proc/x/K\\.log cannot be opened: No such file or directory "
+                "\\(errno 2\\); the service runs without it\nKestrelManager could not start: ");
+    EXPECT_EXIT(run(systemRefusals().daemon, 0, 0), ExitedWithCode(0), "^$") << "prints what it always has";
+}
+
 class StopClientFailures : public ServiceDirectories {
 protected:
     void SetUp() override {

@@ -130,8 +130,48 @@ TEST_F(ManagerProfile, AManagerNamesAProfileThatHasNoElement) {
 TEST_F(ManagerProfile, AManagerNamesTheLineWhereAProfileIsNoXml) {
     writeProfile("<R>\n<Job HEARTBEAT_TIMEOUT_SECS='3'/>\n<Capture EXE='/c'</R>\n");
     CManagerLib::GetInstance();
-    EXPECT_THAT(log(), HasSubstr("[Manager:Warning] " + profilePath() + ": line 3: "));
+    EXPECT_THAT(log(), HasSubstr("[Manager:Warning] " + profilePath() + ": at or before line 3: "));
+    EXPECT_THAT(log(), HasSubstr(". No setting of it is taken"));
+    EXPECT_THAT(log(), Not(HasSubstr(".. No setting"))) << "the parser's text has a point of its own";
     EXPECT_EQ(CManagerLib::GetInstance()->settings().heartbeatTimeoutSecs, 120);
+}
+
+TEST_F(ManagerProfile, ADirectoryOfReportsThatIsNotThereIsWarnedOf) {
+    const auto logOfManager = [this](const std::string& directory) {
+        writeProfile("<R><Logging LOG_FILENAME='" + root + "m.log'/><Verifier REPORT_DIR='" + directory +
+                     "'/></R>");
+        const std::string before = log();
+        CManagerLib::GetInstance();
+        CManagerLib::Cleanup();
+        LogUtil::Cleanup();
+        return log().substr(before.size());
+    };
+    EXPECT_THAT(logOfManager(root + "reports/"),
+                HasSubstr("[Manager:Warning] Profile section Verifier, key REPORT_DIR: \"" + root +
+                          "reports/\" is no directory: No such file or directory (errno 2). It must exist: "
+                          "verifications fail until it does\r\n"));
+    std::ofstream(root + "reports") << "a file";
+    EXPECT_THAT(logOfManager(root + "reports"), HasSubstr(" is no directory: Not a directory (errno 20)."));
+    EXPECT_THAT(logOfManager(root), Not(HasSubstr("is no directory")));
+}
+
+TEST_F(ManagerProfile, ALogThatCannotBeOpenedIsTold) {
+    const auto failure = [this](const std::string& profile) {
+        writeProfile(profile);
+        CManagerLib::GetInstance();
+        CManagerLib::Cleanup();
+        LogUtil::Cleanup();
+        return CManagerLib::LogFailure();
+    };
+    EXPECT_EQ(failure("<R><Logging LOG_FILENAME='/proc/x/K.log'/></R>"),
+              "the log /proc/x/K.log cannot be opened: No such file or directory (errno 2); the service runs "
+              "without it");
+    EXPECT_EQ(failure("<R><Logging LOG_FILENAME='" + root + "m.log'/></R>"), "");
+    kestrel::copyText(KESTREL_LOG_PARENT_DIR, "/proc/x/");
+    const std::string byDefault = "the log /proc/x/KestrelManager.log cannot be opened: ";
+    EXPECT_THAT(failure("<R><Logging LOG_LEVEL='1'/></R>"), HasSubstr(byDefault));
+    EXPECT_EQ(failure("<R/>"), "") << "no log was asked for";
+    EXPECT_THAT(failure("<broken"), HasSubstr(byDefault)) << "the one that is to say what is wrong";
 }
 
 TEST_F(ManagerProfile, AManagersLogLevelAndFileComeFromTheProfile) {
