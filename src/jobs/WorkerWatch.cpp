@@ -126,8 +126,22 @@ bool WorkerWatch::workerChanged() {
     // What the worker sent last may have come after the queue was read; results must not be lost.
     if (!m_exitAnnounced)
         drain();
+    reportResults();
     takeEnd(status);
     return true;
+}
+
+// What a worker says reaches nobody but the service, and of a verification only what was asked for is
+// answered: its findings are in these words.
+void WorkerWatch::reportResults() const {
+    std::string results = m_job.resultsText();
+    if (results.empty())
+        return;
+    // A name of a file in it may have a line end.
+    std::replace_if(
+        results.begin(), results.end(), [](unsigned char each) { return each < ' ' || each == 0x7f; }, ' ');
+    LogUtil::Info(category, "Job %d %s: results: %s", static_cast<int>(m_job.id), m_job.guidStr,
+                  results.c_str());
 }
 
 void WorkerWatch::takeEnd(int status) {

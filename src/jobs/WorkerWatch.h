@@ -31,6 +31,7 @@ private:
     void drain();
     bool workerChanged();
     void takeEnd(int status);
+    void reportResults() const;
     void reportSignal(int status) const;
     void reportSilence();
     void reportUnwatched() const;

@@ -125,6 +125,13 @@ TEST_F(FlowScope, ByHandTheReportHasTheFilesName) {
     EXPECT_THAT(errors(), HasSubstr("75 frames, 00:00:03:00, 720x576 at 25, 1 audio, no findings"));
 }
 
+TEST_F(FlowScope, APassThatEndsBeforeTheFileSaysHowFarItsFindingsGo) {
+    ASSERT_EQ(run(streamFile("m2_sd_25"), {"-duration", "1"}), 0);
+    EXPECT_THAT(errors(), HasSubstr(", no findings in its first 1 s\n"));
+    ASSERT_EQ(run(streamFile("m2_sd_25"), {"-duration", "60"}), 0);
+    EXPECT_THAT(errors(), HasSubstr(", no findings\n")) << "the whole file";
+}
+
 TEST_F(FlowScope, HtmlIsOnePageWithoutAnyReferenceToElsewhere) {
     ASSERT_EQ(run(streamFile("m2_sd_25"), {"-r", "html", "-report_name", "r.html"}), 0);
     const std::string page = report("r.html");
@@ -277,6 +284,38 @@ TEST_F(FlowScope, TellsTheServiceThatItsCommandLineIsWrong) {
     EXPECT_EQ(queues.received()[0].text,
               "wrong command line: -duration 0: expected a number of seconds from 1 on");
     EXPECT_EQ(queues.received()[1].type, EXIT_MSG);
+}
+
+// The service keeps 299 bytes.
+TEST_F(FlowScope, OfALongPathTheServiceIsToldTheEndAndWhatWasFoundIsWhole) {
+    std::string folder = directory.path("");
+    for (const char letter : {'a', 'b'}) {
+        folder += std::string(130, letter) + "/";
+        std::filesystem::create_directory(folder);
+    }
+    const std::string file = folder + "\xC3\xA4.ts";
+    const auto told = [&](const std::string& what) {
+        ServiceQueues queues;
+        run(file, {"-report_name", "r.xml", "-out_queue_name", queues.updateName(), "-in_queue_name",
+                   queues.managerName()});
+        EXPECT_THAT(errors(), HasSubstr(file + ": " + what)) << "a person is told the whole path";
+        while (queues.receive(std::chrono::milliseconds(0))) {
+        }
+        std::string results;
+        for (const auto& message : queues.received())
+            if (message.type == RESULTS_MSG)
+                results = message.text;
+        EXPECT_LE(results.size(), 299U);
+        return results;
+    };
+    std::filesystem::copy_file(streamFile("m2_sd_25"), file);
+    const std::string summary = "75 frames, 00:00:03:00, 720x576 at 25, 1 audio, no findings";
+    const std::string whole = told(summary);
+    EXPECT_EQ(whole.size(), 299U);
+    EXPECT_TRUE(whole.starts_with("...")) << whole;
+    EXPECT_TRUE(whole.ends_with("b/\xC3\xA4.ts: " + summary)) << whole;
+    std::filesystem::remove(file);
+    EXPECT_TRUE(told("cannot be read: No such file or directory").ends_with("directory (errno 2)"));
 }
 
 TEST_F(FlowScope, DamageAtTheBeginningIsAFindingAndNoRefusal) {

@@ -92,6 +92,26 @@ TEST_F(JobMessagesTest, ResultsAreTextUpToTheTerminatorOrTheField) {
     EXPECT_EQ(job.resultsText(), std::string(299, 'x'));
 }
 
+TEST_F(JobMessagesTest, TheLastResultsAreInTheLogWhenTheWorkerHasEnded) {
+    CaptureManualJob job(902016);
+    std::strcpy(job.guidStr, "g-16");
+    EXPECT_EQ(run(job, "say:7:half say:7:three_findings"), Job::COMPLETE);
+    const std::string results = "[JobLauncher:Info] Job 902016 g-16: results: ";
+    EXPECT_THAT(log.text(),
+                HasSubstr(results + "three_findings\r\n[JobLauncher:Info] Job 902016 g-16: process "));
+    EXPECT_THAT(log.text(), Not(HasSubstr(results + "half")));
+    EXPECT_EQ(run(job, "say:7:torn exit:3"), Job::ERROR);
+    EXPECT_THAT(log.text(), HasSubstr(results + "torn\r\n"));
+    EXPECT_EQ(run(job, "say:7:a\nb\x7f signal:9"), Job::ERROR);
+    EXPECT_THAT(log.text(), HasSubstr(results + "a b \r\n")) << "one line, whatever the name of a file has";
+}
+
+TEST_F(JobMessagesTest, AWorkerThatSaysNothingHasNoResultsInTheLog) {
+    CaptureManualJob job(902017);
+    EXPECT_EQ(run(job, "say:3:"), Job::COMPLETE);
+    EXPECT_THAT(log.text(), Not(HasSubstr("results: ")));
+}
+
 TEST_F(JobMessagesTest, AnInvalidDurationIsExplainedInTheLog) {
     CaptureTimedJob job(902010);
     std::strcpy(job.guidStr, "g-10");

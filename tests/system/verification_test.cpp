@@ -1,15 +1,19 @@
 // Verifications of real files by the real verifier, through the service, and what becomes of one that is
 // killed.
+#include "foundation/Bytes.h"
 #include "streams/ffprobe.h"
 #include "streams/stream_fixtures.h"
 #include "system/verifier_requests.h"
 
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <vector>
 
 using namespace kestrel::test;
+using testing::ContainsRegex;
 using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
@@ -116,6 +120,34 @@ TEST_F(Verification, RulesAreJudgedOnRealFiles) {
     EXPECT_THAT(h264, HasSubstr(" is not MPEG2.\t"));
     EXPECT_THAT(h264, Not(HasSubstr("Quad Byte")));
     EXPECT_THAT(verify(streamFile("m2_aac"), ",VALIDATION_ERRORS,BLOCK"), HasSubstr(" is not AC3.\t"));
+}
+
+// The sixth packet of the video is not there.
+TEST_F(Verification, TheFindingsOfADamagedFileAreInTheServicesLogAndInTheReport) {
+    std::vector<unsigned char> bytes = bytesOfFile(delivery);
+    int packets = 0;
+    for (std::size_t at = 0; at < bytes.size(); at += 188)
+        if ((bytes[at + 1] & 0x1f) * 256 + bytes[at + 2] == 481 && (bytes[at + 3] & 0x10) != 0 &&
+            ++packets == 6) {
+            bytes.erase(bytes.begin() + static_cast<std::ptrdiff_t>(at),
+                        bytes.begin() + static_cast<std::ptrdiff_t>(at) + 188);
+            break;
+        }
+    const std::string file = service.root() / "damaged.ts";
+    std::ofstream(file).write(reinterpret_cast<const char*>(bytes.data()),
+                              static_cast<std::streamsize>(bytes.size()));
+    EXPECT_EQ(verify(file, ",VALIDATION_ERRORS,NONE,Mpeg2SD_QuadByteAligned"), "TRUE");
+    EXPECT_EQ(service.waitForState(GUID, "COMPLETE"), "TRUE - COMPLETE");
+    EXPECT_EQ(service.ask(std::string("JOB_RESULTS,") + GUID), "TRUE") << "no rule of delivery is broken";
+    EXPECT_THAT(service.log(),
+                ContainsRegex("\\[JobLauncher:Info\\] Job 0 " + std::string(GUID) + ": results: " + file +
+                              ": 90 frames, 00:00:03;00, .*, 1 finding\r\n"));
+    const std::string name = service.root() / (std::string(GUID) + "-damaged.ts.report.xml");
+    const auto report = bytesOfFile(name);
+    EXPECT_THAT(std::string(report.begin(), report.end()),
+                HasSubstr("<Kind name=\"continuity\" count=\"1\" />"));
+    EXPECT_EQ(verify(delivery, ",VIDEO_PID"), "TRUE - 481");
+    EXPECT_THAT(service.log(), ContainsRegex(": results: " + delivery + ": .*, no findings\r\n"));
 }
 
 TEST_F(Verification, LaterPropertiesAreQueued) {

@@ -5,6 +5,7 @@
 #include "ReportValues.h"
 #include "Reports.h"
 #include "capture/Failure.h"
+#include "capture/Limits.h"
 #include "foundation/ErrnoText.h"
 #include "foundation/UniqueFd.h"
 #include "mpeg/packet_view.h"
@@ -17,6 +18,7 @@
 #include <csignal>
 #include <cstdio>
 #include <fcntl.h>
+#include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -31,6 +33,23 @@ constexpr auto heartbeatPeriod = std::chrono::seconds(5);
 // Packets between two looks at the clock and at the service's queue: some milliseconds of work.
 constexpr std::uint64_t packetsPerLook = 8192;
 constexpr const char* cancelled = "cancelled: no report is written";
+
+// The service keeps the beginning of a text: of a path for which there is no room only the end is told, so
+// that what is said of the file is told whole.
+std::string forService(const std::string& file, const std::string& text) {
+    constexpr std::string_view omitted = "...";
+    constexpr std::string_view separator = ": ";
+    const std::string_view path(file);
+    if (path.size() + separator.size() + text.size() <= capture::resultsBytes)
+        return file + std::string(separator) + text;
+    const std::size_t others = omitted.size() + separator.size() + text.size();
+    const std::size_t room = capture::resultsBytes - std::min(others, capture::resultsBytes);
+    std::string_view end = path.substr(path.size() - std::min(room, path.size()));
+    // Not from within a character of UTF-8 on.
+    while (!end.empty() && (static_cast<unsigned char>(end.front()) & 0xC0) == 0x80)
+        end.remove_prefix(1);
+    return std::string(omitted) + std::string(end) + std::string(separator) + text;
+}
 
 std::atomic<bool> endAsked{false};
 void askForEnd(int) {
@@ -57,17 +76,20 @@ int VerifierSession::run() {
     if (failure.empty())
         failure = writeReport(analysis);
     if (!failure.empty())
-        return fail(m_options.file + ": " + failure);
-    const std::string text = m_options.file + ": " + summary(analysis);
-    std::fprintf(stderr, "%s\nReport: %s\n", text.c_str(), m_options.reportPath().c_str());
-    m_link.sendResults(text);
+        return fail(failure);
+    std::string text = summary(analysis);
+    if (analysis.full())
+        text += format(" in its first %d s", m_options.durationSeconds.value_or(0));
+    std::fprintf(stderr, "%s: %s\nReport: %s\n", m_options.file.c_str(), text.c_str(),
+                 m_options.reportPath().c_str());
+    m_link.sendResults(forService(m_options.file, text));
     m_link.sendExit();
     return exitSuccess;
 }
 
 int VerifierSession::fail(const std::string& why) {
-    std::fprintf(stderr, "flowScope: %s\n", why.c_str());
-    m_link.sendResults(why);
+    std::fprintf(stderr, "flowScope: %s: %s\n", m_options.file.c_str(), why.c_str());
+    m_link.sendResults(forService(m_options.file, why));
     m_link.sendExit();
     return exitFailure;
 }
