@@ -1,6 +1,7 @@
 // One encoder's threads: orders from outside, what it tells while it runs, and losses.
 #include "capture/EncoderChannel.h"
 
+#include "capture/captured_log.h"
 #include "capture/labelled_stream.h"
 #include "capture/worker_process.h"
 
@@ -129,6 +130,95 @@ TEST_F(EncoderChannelTest, LossesBehindTheBeginningOfABacklogAreCounted) {
     channel.cancel();
     channel.join();
     EXPECT_EQ(channel.losses(), ", 3 RTP datagrams missing");
+}
+
+// As an encoder sends that fills datagrams without regard for packets.
+TEST_F(EncoderChannelTest, DatagramsThatAreNoTransportStreamAreCountedAndTheirSizeIsLogged) {
+    const CapturedLog log;
+    EncoderChannel channel(m_source, m_plan, m_turned);
+    ASSERT_FALSE(channel.open());
+    StreamBuilder builder;
+    Sender sender("127.0.0.1", m_source.port);
+    sender.send(builder.frames(12));
+    sender.sendRaw(std::vector<unsigned char>(1472, 0x11));
+    sender.sendRaw(std::vector<unsigned char>(1472, 0x11));
+    std::vector<unsigned char> cut(1472, 0);
+    for (std::size_t i = 0; i < cut.size(); i += packetSize) {
+        const Packet null{0x47, 0x1F, 0xFF, 0x10};
+        std::copy_n(null.begin(), std::min(packetSize, cut.size() - i), cut.data() + i);
+    }
+    sender.sendRaw(cut);
+    ASSERT_FALSE(channel.start());
+    ASSERT_TRUE(waitFor(channel, records));
+    channel.cancel();
+    channel.join();
+    EXPECT_EQ(channel.losses(),
+              ", 2 datagrams were no transport stream, 1 datagram held more than whole packets");
+    channel.logLosses();
+    EXPECT_THAT(log.text(),
+                HasSubstr("[Capture:Error] Encoder 1: 2 datagrams of 1472 bytes, not a multiple of "
+                          "188, are no transport stream\r\n"));
+    EXPECT_THAT(log.text(), HasSubstr("Encoder 1: 1 datagram of 1472 bytes, not a multiple of 188, ends with "
+                                      "less than a packet, which is left out\r\n"));
+}
+
+TEST_F(EncoderChannelTest, OfOneDatagramTheTextsSpeakInTheSingular) {
+    const CapturedLog log;
+    EncoderChannel channel(m_source, m_plan, m_turned);
+    ASSERT_FALSE(channel.open());
+    Sender sender("127.0.0.1", m_source.port);
+    sender.send(StreamBuilder().frames(12));
+    sender.sendRaw(std::vector<unsigned char>(1316, 0x11));
+    std::vector<unsigned char> packet(188, 0x11);
+    packet[0] = 0x47; // else the datagram as a whole would be none
+    packet[1] = 0x1F;
+    packet[2] = 0xFF;
+    packet.resize(376, 0x11);
+    sender.sendRaw(packet);
+    ASSERT_FALSE(channel.start());
+    ASSERT_TRUE(waitFor(channel, records));
+    channel.cancel();
+    channel.join();
+    EXPECT_EQ(channel.losses(), ", 1 datagram was no transport stream, 1 packet without a sync byte");
+    channel.logLosses();
+    EXPECT_THAT(log.text(), HasSubstr("Encoder 1: 1 datagram of 1316 bytes is no transport stream\r\n"));
+    EXPECT_THAT(log.text(), HasSubstr("Encoder 1: 1 packet without a sync byte is left out\r\n"));
+}
+
+// They are why there is no recording.
+TEST_F(EncoderChannelTest, WhereNothingIsRecordedWhatCameInsteadIsTold) {
+    Timing timing;
+    timing.noStream = 200ms;
+    m_source.address = 0;
+    m_source.sender = 0x7F000002;
+    const auto over = [](const RecordingStatus& status) { return status.state == RecordingState::ended; };
+    {
+        EncoderChannel channel(m_source, m_plan, m_turned, timing);
+        ASSERT_FALSE(channel.open());
+        ASSERT_FALSE(channel.start());
+        Sender("127.0.0.1", m_source.port, "127.0.0.5").send(StreamBuilder().frames(30));
+        ASSERT_TRUE(waitFor(channel, over));
+        channel.join();
+        EXPECT_EQ(channel.losses(), ", datagrams came from 127.0.0.5 instead");
+    }
+    {
+        EncoderChannel channel(m_source, m_plan, m_turned, timing);
+        ASSERT_FALSE(channel.open());
+        ASSERT_FALSE(channel.start());
+        Sender("127.0.0.9", m_source.port, "127.0.0.2").send(StreamBuilder().frames(30));
+        ASSERT_TRUE(waitFor(channel, over));
+        channel.join();
+        EXPECT_EQ(channel.losses(), ", datagrams came from 127.0.0.2 to another address of this host");
+    }
+    EncoderChannel channel(m_source, m_plan, m_turned, timing);
+    ASSERT_FALSE(channel.open());
+    ASSERT_FALSE(channel.start());
+    Sender sender("127.0.0.1", m_source.port, "127.0.0.2");
+    sender.sendRaw(std::vector<unsigned char>(1472, 0x11));
+    sender.sendRaw(std::vector<unsigned char>(1472, 0x11));
+    ASSERT_TRUE(waitFor(channel, over));
+    channel.join();
+    EXPECT_EQ(channel.losses(), ", 2 datagrams were no transport stream");
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 // Where a recording may write: locked directories, and what the system says when it may not.
 #include "capture/RecordingPlan.h"
+#include "capture/captured_log.h"
 #include "capture/stream_builder.h"
 #include "foundation/ErrorCodes.h"
 
@@ -55,6 +56,17 @@ TEST_F(RecordingOutput, AnUnlockedDirectoryMayBeLeft) {
     m_plan.lockDirectory = true;
     m_plan.mainDirectory.clear();
     EXPECT_FALSE(check(m_directory.path("out.ts"))) << "there is none to stay in";
+}
+
+// Where a disk is not mounted the directory is not there.
+TEST_F(RecordingOutput, ADirectoryThatIsMadeIsTold) {
+    const capture_test::CapturedLog log;
+    EXPECT_FALSE(check(m_directory.path("main/new/deep/out.ts")));
+    EXPECT_THAT(log.text(), HasSubstr("[Capture:Warning] The directory " + m_directory.path("main/new/deep") +
+                                      " was not there and has been made\r\n"));
+    EXPECT_FALSE(check(m_directory.path("main/new/deep/out.ts")));
+    EXPECT_FALSE(check(m_directory.path("main/out.ts")));
+    EXPECT_EQ(log.count("has been made"), 1);
 }
 
 TEST_F(RecordingOutput, WhyADirectoryCannotBeMadeIsSaid) {

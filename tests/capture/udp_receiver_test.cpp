@@ -93,7 +93,62 @@ TEST(UdpReceiver, PacketsWithoutSyncAndStrayBytesAreLeftOut) {
     receiver.stop();
     EXPECT_EQ(receiver.counts().packets, 2u);
     EXPECT_EQ(receiver.counts().badPackets, 1u);
-    EXPECT_EQ(receiver.counts().badDatagrams, 2u);
+    EXPECT_EQ(receiver.counts().badDatagrams, 1u);
+    EXPECT_EQ(receiver.counts().cutDatagrams, 1u);
+    EXPECT_EQ(receiver.counts().smallestBad, 3u);
+    EXPECT_EQ(receiver.counts().largestBad, 3 * packetSize + 5);
+}
+
+// What a receiver that is stopped has seen of others, whose datagrams came before that.
+std::uint32_t otherSender(std::uint32_t listenedTo, const std::string& address, const std::string& from,
+                          const std::string& alsoFrom = "") {
+    StreamSource source;
+    source.port = freePort();
+    source.sender = listenedTo;
+    PacketRing ring(64);
+    WakeEvent wake;
+    UdpReceiver receiver(source, ring, wake);
+    EXPECT_FALSE(receiver.open());
+    EXPECT_FALSE(receiver.start());
+    Sender(address, source.port, from).send(Packets(7, Packet{0x47}));
+    if (!alsoFrom.empty())
+        Sender(address, source.port, alsoFrom).send(Packets(7, Packet{0x47}));
+    receiver.stop();
+    EXPECT_EQ(receiver.counts().datagrams, alsoFrom.empty() ? 0u : 1u);
+    return receiver.counts().otherSender;
+}
+
+TEST(UdpReceiver, TellsWhoSendsWhereTheEncoderDoesNot) {
+    constexpr std::uint32_t encoder = 0x7F000002; // 127.0.0.2
+    EXPECT_EQ(otherSender(encoder, "127.0.0.1", "127.0.0.5"), 0x7F000005u);
+    EXPECT_EQ(otherSender(encoder, "127.0.0.1", "127.0.0.5", "127.0.0.2"), 0u) << "it does";
+}
+
+// The kernel takes what comes to the address that it would itself send from.
+TEST(UdpReceiver, TellsWhetherTheEncoderSendsToAnotherAddressOfThisHost) {
+    EXPECT_EQ(otherSender(0x7F000002, "127.0.0.9", "127.0.0.2"), 0x7F000002u);
+}
+
+TEST(UdpReceiver, OthersAreToldThoughAnotherRecorderTakesItsOwn) {
+    const int port = freePort();
+    PacketRing rings[2] = {PacketRing(64), PacketRing(64)};
+    WakeEvent wakes[2];
+    std::unique_ptr<UdpReceiver> receivers[2];
+    for (unsigned i = 0; i < 2; ++i) {
+        StreamSource source;
+        source.port = port;
+        source.sender = 0x7F000002 + i;
+        receivers[i] = std::make_unique<UdpReceiver>(source, rings[i], wakes[i]);
+        ASSERT_FALSE(receivers[i]->open());
+        ASSERT_FALSE(receivers[i]->start());
+    }
+    Sender("127.0.0.1", port, "127.0.0.2").send(Packets(7, Packet{0x47}));
+    EXPECT_EQ(collect(rings[0], wakes[0], 7).size(), 7u);
+    Sender("127.0.0.1", port, "127.0.0.5").send(Packets(7, Packet{0x47}));
+    for (auto& receiver : receivers)
+        receiver->stop();
+    EXPECT_EQ(receivers[0]->counts().otherSender, 0u);
+    EXPECT_EQ(receivers[1]->counts().otherSender, 0x7F000005u);
 }
 
 } // namespace

@@ -77,6 +77,47 @@ TEST(WorkerOutput, TheCommandLineMayLetExistingFilesBeReplaced) {
     expectReplaced(worker, port);
 }
 
+TEST(WorkerOutput, AMapWithoutAStreamAddressTakesFromAnybodyAndSaysSo) {
+    for (const bool named : {false, true}) {
+        Worker worker;
+        const int port = addMappedEncoder(worker, "");
+        if (!named)
+            std::ofstream(worker.path("map.xml"))
+                << "<Encoders><Encoder CONTROL_ADDRESS=\"10.1.2.3\" PORT=\"" << port << "\"/></Encoders>";
+        expectReplaced(worker, port);
+        const std::string warning = "Encoder 1: what anybody sends to UDP port " + std::to_string(port) +
+                                    " of this host is recorded: the encoder map names no address";
+        EXPECT_EQ(worker.log().find(warning) != std::string::npos, !named) << worker.log();
+    }
+}
+
+// It fills its datagrams without regard for packets, unless it is told their size.
+TEST(WorkerOutput, DatagramsOfALiveFfmpegThatHoldNoWholePacketsAreCounted) {
+    if (std::system("command -v ffmpeg >/dev/null") != 0)
+        GTEST_SKIP() << "needs ffmpeg";
+    for (const bool whole : {false, true}) {
+        Worker worker;
+        const int port = worker.addEncoder();
+        worker.start();
+        worker.waitForLog(ready);
+        const std::string command =
+            "ffmpeg -v error -re -f lavfi -i testsrc2=s=720x576:r=25:d=2 -c:v mpeg2video "
+            "-b:v 4M -g 12 -f mpegts 'udp://127.0.0.1:" +
+            std::to_string(port) + (whole ? "?pkt_size=1316'" : "'");
+        ASSERT_EQ(std::system(command.c_str()), 0);
+        worker.queues.send(CANCEL_MSG);
+        const int code = worker.wait();
+        const std::string sizes = "1472 bytes, not a multiple of 188, are no transport stream";
+        if (whole) {
+            EXPECT_EQ(code, 0) << worker.log();
+            EXPECT_THAT(worker.results(), testing::EndsWith(" 0 continuity errors"));
+        } else {
+            EXPECT_THAT(worker.results(), ContainsRegex(", [0-9][0-9]+ datagrams were no transport stream"));
+        }
+        EXPECT_EQ(worker.log().find(sizes) != std::string::npos, !whole) << worker.log();
+    }
+}
+
 TEST(WorkerOutput, AProfileWithOnlyTheSecondReceptionRecordsThatOne) {
     Worker worker;
     worker.addEncoder();

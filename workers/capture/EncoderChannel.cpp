@@ -20,8 +20,8 @@ constexpr const char* module = "Capture";
 
 EncoderChannel::EncoderChannel(const StreamSource& source, RecordingPlan plan, WakeEvent& turned,
                                const Timing& timing)
-    : m_name(plan.name), m_ring(ringPackets), m_turned(turned), m_receiver(source, m_ring, m_arrived),
-      m_recording(std::move(plan), timing, Clock::now()) {}
+    : m_name(plan.name), m_sender(source.sender), m_ring(ringPackets), m_turned(turned),
+      m_receiver(source, m_ring, m_arrived), m_recording(std::move(plan), timing, Clock::now()) {}
 
 EncoderChannel::~EncoderChannel() {
     cancel();
@@ -198,21 +198,22 @@ RecordingStatus EncoderChannel::status() const {
 
 EncoderChannel::Losses EncoderChannel::currentLosses() const {
     const ReceiverCounts& counts = m_receiver.counts();
-    return {counts.kernelDrops,
-            counts.overflow,
-            counts.rtpLost,
-            counts.rtpLate,
-            counts.badDatagrams + counts.badPackets,
-            counts.rtpRestarts};
+    return {counts.kernelDrops, counts.overflow,     counts.rtpLost,      counts.rtpLate,
+            counts.rtpRestarts, counts.badDatagrams, counts.cutDatagrams, counts.badPackets};
 }
 
 std::string EncoderChannel::losses() const {
     const Losses now = currentLosses();
     Losses before;
+    bool nothing = false;
     {
         const MutexLock lock(m_mutex);
         before = m_atStart;
+        nothing = m_status.frames == 0 && m_status.bytes == 0;
     }
+    // Then they are the reason rather than a loss.
+    if (nothing)
+        before.badDatagrams = before.cutDatagrams = before.badPackets = 0;
     std::string text;
     if (now.kernel > before.kernel)
         text += ", " + counted(now.kernel - before.kernel, "datagram") + " lost in the receive buffer";
@@ -220,7 +221,47 @@ std::string EncoderChannel::losses() const {
         text += ", " + counted(now.ring - before.ring, "packet") + " lost in the ring";
     if (now.rtp > before.rtp)
         text += ", " + counted(now.rtp - before.rtp, "RTP datagram") + " missing";
-    return text;
+    if (const std::uint64_t bad = now.badDatagrams - before.badDatagrams; bad > 0)
+        text += ", " + counted(bad, "datagram") + (bad == 1 ? " was" : " were") + " no transport stream";
+    if (now.cutDatagrams > before.cutDatagrams)
+        text += ", " + counted(now.cutDatagrams - before.cutDatagrams, "datagram") +
+                " held more than whole packets";
+    if (now.badPackets > before.badPackets)
+        text += ", " + counted(now.badPackets - before.badPackets, "packet") + " without a sync byte";
+    return nothing ? text + others() : text;
+}
+
+// Who sent, where the encoder that was listened to did not.
+std::string EncoderChannel::others() const {
+    const std::uint32_t sender = m_receiver.counts().otherSender;
+    if (sender == 0 || m_receiver.counts().datagrams != 0)
+        return "";
+    std::string text = ", datagrams came from " + addressText(sender);
+    return text.append(sender == m_sender ? " to another address of this host" : " instead");
+}
+
+// "1472 bytes", or "20 to 1472 bytes".
+std::string EncoderChannel::badSizes() const {
+    const std::size_t least = m_receiver.counts().smallestBad;
+    const std::size_t most = m_receiver.counts().largestBad;
+    return (least < most ? std::to_string(least) + " to " : std::string()) + counted(most, "byte");
+}
+
+// What came that is no transport stream, and where its size tells, why.
+void EncoderChannel::logBad(const Losses& now) const {
+    const std::string sizes = badSizes();
+    const bool odd = m_receiver.counts().largestBad % packetSize != 0;
+    if (const std::uint64_t bad = now.badDatagrams - m_logged.badDatagrams; bad > 0)
+        LogUtil::Error(module, "%s: %s of %s%s %s no transport stream", m_name.c_str(),
+                       counted(bad, "datagram").c_str(), sizes.c_str(), odd ? ", not a multiple of 188," : "",
+                       bad == 1 ? "is" : "are");
+    if (const std::uint64_t cut = now.cutDatagrams - m_logged.cutDatagrams; cut > 0)
+        LogUtil::Error(module, "%s: %s of %s%s %s with less than a packet, which is left out", m_name.c_str(),
+                       counted(cut, "datagram").c_str(), sizes.c_str(), odd ? ", not a multiple of 188," : "",
+                       cut == 1 ? "ends" : "end");
+    if (const std::uint64_t bad = now.badPackets - m_logged.badPackets; bad > 0)
+        LogUtil::Error(module, "%s: %s without a sync byte %s left out", m_name.c_str(),
+                       counted(bad, "packet").c_str(), bad == 1 ? "is" : "are");
 }
 
 void EncoderChannel::logLosses() {
@@ -234,7 +275,7 @@ void EncoderChannel::logLosses() {
     report(now.ring, m_logged.ring, "packet", "lost: the ring was full");
     report(now.rtp, m_logged.rtp, "RTP datagram", "missing by their sequence numbers");
     report(now.late, m_logged.late, "RTP datagram", "late by their sequence numbers");
-    report(now.bad, m_logged.bad, "datagram or packet", "that is no transport stream");
+    logBad(now);
     if (now.restarts > m_logged.restarts)
         LogUtil::Warning(module, "%s: the RTP sequence began anew, %s", m_name.c_str(),
                          counted(now.restarts - m_logged.restarts, "time").c_str());

@@ -41,7 +41,8 @@ public:
 
     [[nodiscard]] RecordingStatus status() const EXCLUDES(m_mutex);
     // What the network and the ring lost since the recording began, as it stands in the results: "" or
-    // ", 3 datagrams lost in the receive buffer".
+    // ", 3 datagrams lost in the receive buffer". Where nothing was recorded, also what came instead. To be
+    // asked after join().
     [[nodiscard]] std::string losses() const;
     // Logs what was lost since the last call.
     void logLosses();
@@ -49,7 +50,8 @@ public:
 private:
     // Losses at one moment.
     struct Losses {
-        std::uint64_t kernel = 0, ring = 0, rtp = 0, late = 0, bad = 0, restarts = 0;
+        std::uint64_t kernel = 0, ring = 0, rtp = 0, late = 0, restarts = 0;
+        std::uint64_t badDatagrams = 0, cutDatagrams = 0, badPackets = 0;
     };
 
     enum class End { none, cancelled, stopped };
@@ -63,8 +65,12 @@ private:
     void publish() EXCLUDES(m_mutex);
     void noteLossesBefore(const Losses& losses) EXCLUDES(m_mutex);
     [[nodiscard]] Losses currentLosses() const;
+    [[nodiscard]] std::string badSizes() const;
+    [[nodiscard]] std::string others() const;
+    void logBad(const Losses& now) const;
 
     const std::string m_name;
+    const std::uint32_t m_sender; // that is listened to; 0: any
     PacketRing m_ring;
     WakeEvent m_arrived;
     WakeEvent& m_turned;

@@ -47,6 +47,11 @@ MaybeFailure EncoderGroup::open(const CSettings& settings, const EncoderMap& map
                       addressText(source.address).c_str(), source.port,
                       addressText(source.interfaceAddress).c_str(), addressText(source.sender).c_str(),
                       source.origin.c_str());
+        if (source.address == 0 && source.sender == 0)
+            LogUtil::Warning(module,
+                             "%s: what anybody sends to UDP port %d of this host is recorded: %s names no "
+                             "address",
+                             plan.name.c_str(), source.port, source.origin.c_str());
         auto channel = std::make_unique<EncoderChannel>(source, plan, m_changed, timing);
         if (auto failed = channel->open())
             return failed;

@@ -4,9 +4,12 @@
 
 #include "Failure.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <vector>
+
+class TiXmlElement;
 
 namespace kestrel::capture {
 
@@ -20,8 +23,10 @@ public:
         bool overwrite = false;             // OVERWRITE: an existing output file is replaced
     };
 
-    // Reads the "Encoder" elements of the root. An element with a wrong or missing address or port is a
-    // failure that names its line: a map half understood would record the wrong stream.
+    // Reads the "Encoder" and "Decoder" elements of the root. One that lacks an attribute it needs, or has
+    // one whose value means nothing, is a failure that names line, element, attribute, value and what was
+    // expected: a map half understood would record the wrong stream. Other elements and attributes are warned
+    // of in the log and ignored; but an encoder that has such, and no STREAM_ADDRESS, is a failure as well.
     [[nodiscard]] MaybeFailure load(const std::string& path);
 
     // Whether a decoder is to be sent RTP: a "Decoder" element with its CONTROL_ADDRESS says RTP="TRUE".
@@ -37,8 +42,25 @@ public:
     [[nodiscard]] const std::vector<Entry>& entries() const noexcept { return m_entries; }
 
 private:
+    struct Decoder {
+        std::uint32_t controlAddress = 0;
+        bool rtp = false;
+    };
+
+    [[nodiscard]] MaybeFailure read(const std::string& path, const TiXmlElement& element);
+    [[nodiscard]] MaybeFailure readEncoder(const std::string& path, const TiXmlElement& element);
+    [[nodiscard]] MaybeFailure readDecoder(const std::string& path, const TiXmlElement& element);
+    template <typename Equipment>
+    [[nodiscard]] static const Equipment* find(const std::vector<Equipment>& all,
+                                               std::uint32_t controlAddress) noexcept {
+        const auto found = std::find_if(all.begin(), all.end(), [controlAddress](const Equipment& each) {
+            return each.controlAddress == controlAddress;
+        });
+        return found == all.end() ? nullptr : &*found;
+    }
+
     std::vector<Entry> m_entries;
-    std::vector<std::uint32_t> m_rtpDecoders;
+    std::vector<Decoder> m_decoders;
     bool m_overwriteAll = false;
 };
 

@@ -49,7 +49,7 @@ int LabelRule::countingCode() const noexcept {
 }
 
 std::int64_t LabelRule::perDay() const {
-    return std::max(mpeg_timecode::rollover_frames_count(drop, countingCode()), 1);
+    return known() ? std::max(mpeg_timecode::rollover_frames_count(drop, countingCode()), 1) : 1;
 }
 
 std::optional<std::int64_t> LabelRule::number(const std::string& text, bool pairs) const {

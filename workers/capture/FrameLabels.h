@@ -26,6 +26,7 @@ struct LabelRule {
     bool operator==(const LabelRule&) const = default;
     // The code whose arithmetic these labels follow: that of the next integral rate when none are dropped.
     [[nodiscard]] int countingCode() const noexcept;
+    // Labels of a day; 1 while the rate is unknown.
     [[nodiscard]] std::int64_t perDay() const;
     // Number of a label within the day; none when the text is no label that exists. In pairs the label counts
     // two frames, as those of a deck do at the double rates, and the number is that of the first.

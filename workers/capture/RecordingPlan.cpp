@@ -2,8 +2,10 @@
 
 #include "CaptureDuration.h"
 #include "MarkedRange.h"
+#include "OutputNames.h"
 #include "foundation/ErrorCodes.h"
 #include "foundation/FileUtil.h"
+#include "foundation/Logger.h"
 
 #include <filesystem>
 #include <system_error>
@@ -45,6 +47,9 @@ MaybeFailure checkOutput(const RecordingPlan& plan) {
         if (failed)
             return detailed(failure(error::outputFileNotOpened, plan.output.c_str()),
                             "directory " + directory.string() + ": " + errnoText(failed.value()));
+        // A disk that is not mounted is seen by this alone.
+        LogUtil::Warning("Capture", "The directory %s was not there and has been made",
+                         absolutePath(directory.string()).c_str());
     }
     if (plan.mode != CaptureMode::rolling && !plan.overwrite && cFileUtil::FileExists(plan.output.c_str()))
         return detailed(failure(error::fileAlreadyExists), plan.output);

@@ -119,8 +119,31 @@ MaybeFailure UdpReceiver::bindSocket() {
         if (::connect(fd, reinterpret_cast<const sockaddr*>(&sender), sizeof sender) != 0)
             LogUtil::Warning("Capture", "Cannot reserve the datagrams of %s: %s",
                              addressText(m_source.sender).c_str(), errnoText(errno).c_str());
+        else
+            watchOthers();
     }
     return std::nullopt;
+}
+
+// The kernel gives a socket that is not connected what is for none of those that are. Nothing is read from it
+// but who sent the first, should the encoder itself send nothing.
+void UdpReceiver::watchOthers() {
+    m_others.reset(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!m_others.valid())
+        return;
+    setFlag(m_others.get(), SOL_SOCKET, SO_REUSEADDR, 1);
+    setFlag(m_others.get(), SOL_SOCKET, SO_RCVBUF, 1); // the least there is
+    if (!bindTo(m_others.get(), m_source.address, m_source.port))
+        m_others.reset();
+}
+
+void UdpReceiver::tellOthers() noexcept {
+    sockaddr_in sender{};
+    socklen_t size = sizeof sender;
+    if (m_others.valid() && ::recvfrom(m_others.get(), nullptr, 0, MSG_DONTWAIT | MSG_TRUNC,
+                                       reinterpret_cast<sockaddr*>(&sender), &size) >= 0)
+        m_counts.otherSender.store(ntohl(sender.sin_addr.s_addr), std::memory_order_relaxed);
+    m_others.reset();
 }
 
 MaybeFailure UdpReceiver::joinGroup() {
@@ -180,6 +203,7 @@ void UdpReceiver::run() noexcept {
         if (gather)
             ::poll(waits, 1, static_cast<int>(gatherTime.count()));
     }
+    tellOthers();
     m_wake.signal();
 }
 
@@ -222,17 +246,19 @@ void UdpReceiver::takeDatagram(const mmsghdr& message) noexcept {
     const msghdr& header = message.msg_hdr;
     const std::uint32_t sender = ntohl(static_cast<const sockaddr_in*>(header.msg_name)->sin_addr.s_addr);
     if (m_source.sender != 0 && sender != m_source.sender) {
-        count(m_counts.foreign);
+        if (m_counts.datagrams == 0)
+            m_counts.otherSender.store(sender, std::memory_order_relaxed);
         return;
     }
     count(m_counts.datagrams);
+    m_others.reset();
     if (m_counts.firstSender.load(std::memory_order_relaxed) == 0)
         m_counts.firstSender.store(sender, std::memory_order_relaxed);
 
     const Datagram datagram =
         parseDatagram({static_cast<const unsigned char*>(header.msg_iov->iov_base), message.msg_len});
     if (datagram.strayBytes != 0)
-        count(m_counts.badDatagrams);
+        noteBad(datagram);
     if (datagram.rtp) {
         m_counts.rtp.store(true, std::memory_order_relaxed);
         const RtpSequence::Step step = m_rtp.next(datagram.sequence, datagram.source);
@@ -247,6 +273,15 @@ void UdpReceiver::takeDatagram(const mmsghdr& message) noexcept {
             count(m_counts.rtpRestarts);
     }
     takePackets(datagram.packets);
+}
+
+void UdpReceiver::noteBad(const Datagram& datagram) noexcept {
+    count(datagram.packets.empty() ? m_counts.badDatagrams : m_counts.cutDatagrams);
+    const std::size_t bytes = datagram.packets.size() + datagram.strayBytes;
+    if (m_counts.largestBad == 0 || bytes < m_counts.smallestBad)
+        m_counts.smallestBad.store(bytes, std::memory_order_relaxed);
+    if (bytes > m_counts.largestBad)
+        m_counts.largestBad.store(bytes, std::memory_order_relaxed);
 }
 
 // Packets that lack the sync byte are left out; the runs between them go on in one piece each.

@@ -24,15 +24,21 @@ struct ReceiverCounts {
     std::atomic<std::uint64_t> packets{0};      // given to the ring
     std::atomic<std::uint64_t> overflow{0};     // packets that found no room in the ring
     std::atomic<std::uint64_t> kernelDrops{0};  // datagrams that found no room in the socket's buffer
-    std::atomic<std::uint64_t> badDatagrams{0}; // neither transport packets nor RTP, or with stray bytes
-    std::atomic<std::uint64_t> badPackets{0};   // without the sync byte
-    std::atomic<std::uint64_t> rtpLost{0};      // datagrams missing by their RTP sequence numbers; one that
-                                                // still comes is taken off again
-    std::atomic<std::uint64_t> rtpLate{0};      // datagrams out of order by their RTP sequence numbers
-    std::atomic<std::uint64_t> rtpRestarts{0};  // times the RTP sequence numbers began anew
-    std::atomic<std::uint64_t> foreign{0};      // datagrams of another sender
-    std::atomic<std::uint32_t> firstSender{0};  // host order; 0 until the first datagram
-    std::atomic<bool> rtp{false};               // the stream comes in RTP
+    std::atomic<std::uint64_t> badDatagrams{0}; // without a whole transport packet, plain or in RTP
+    std::atomic<std::uint64_t> cutDatagrams{0}; // with bytes behind their last whole packet
+    // Payload bytes of the smallest and the largest of both kinds; 0 while there are none.
+    std::atomic<std::size_t> smallestBad{0};
+    std::atomic<std::size_t> largestBad{0};
+    std::atomic<std::uint64_t> badPackets{0};  // without the sync byte
+    std::atomic<std::uint64_t> rtpLost{0};     // datagrams missing by their RTP sequence numbers; one that
+                                               // still comes is taken off again
+    std::atomic<std::uint64_t> rtpLate{0};     // datagrams out of order by their RTP sequence numbers
+    std::atomic<std::uint64_t> rtpRestarts{0}; // times the RTP sequence numbers began anew
+    std::atomic<std::uint32_t> firstSender{0}; // host order; 0 until the first datagram
+    // Who else sent to the port while nothing came from the sender that counts; once the receiver has been
+    // stopped. The sender itself: it sends to another address of this host. 0: nobody.
+    std::atomic<std::uint32_t> otherSender{0};
+    std::atomic<bool> rtp{false}; // the stream comes in RTP
 };
 
 // A socket and the thread that empties it. The thread never waits for anything but the socket: it takes
@@ -64,10 +70,13 @@ private:
     [[nodiscard]] MaybeFailure bindSocket();
     [[nodiscard]] MaybeFailure joinGroup();
     void growBuffer();
+    void watchOthers();
+    void tellOthers() noexcept;
     void run() noexcept;
     bool drain(int mostBatches) noexcept;
     void countKernelDrops() noexcept;
     void takeDatagram(const mmsghdr& message) noexcept;
+    void noteBad(const Datagram& datagram) noexcept;
     void takePackets(std::span<const unsigned char> packets) noexcept;
 
     StreamSource m_source;
@@ -75,6 +84,7 @@ private:
     WakeEvent& m_wake;
     StreamClaim m_claim;
     UniqueFd m_socket;
+    UniqueFd m_others; // gets what no recorder of this port takes, until the first datagram; of the thread
     WakeEvent m_stop;
     std::thread m_thread;
     std::unique_ptr<Batch> m_batch;
