@@ -7,6 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <optional>
+#include <set>
 
 using namespace kestrel::capture;
 using namespace capture_test;
@@ -567,6 +568,132 @@ TEST_F(PlayedOrder, OfAnEncoderThatWaitsTheFirstFramesMayLackTheirTimecodes) {
                                                    : "those before 10:00:00:10 by the clock"));
         EXPECT_LE(fileFrames(), 103U);
     }
+}
+
+// At the double rates a timecode may count pairs of frames, as that of a deck does.
+struct PairShape {
+    bool avc = false;
+    int gop = 12;
+    bool source = false; // that of the source does, too
+};
+
+class LabelsInPairs : public PlayedOrder, public testing::WithParamInterface<PairShape> {
+protected:
+    static constexpr int frames = 203;
+    static LabelledShape shape() {
+        LabelledShape result;
+        result.rateCode = 6;
+        result.gop = GetParam().gop;
+        result.bFrames = 2;
+        result.avc = GetParam().avc;
+        result.timecode = "20:00:00:00";
+        return result;
+    }
+    static std::string paired(int frame) { return format("10:00:%02d:%02d", frame / 50, frame % 50 / 2); }
+    RecordingPlan pairPlan() {
+        RecordingPlan asked = plan("10:00:00:00", GetParam().source ? paired(frames - 1) : "10:00:04:02");
+        asked.sourceRateCode = 6;
+        asked.wantedFrames = frames;
+        asked.labelledFrames = GetParam().source ? frames - 1 : frames;
+        m_frameTime = 20ms;
+        return asked;
+    }
+    // Each of these frames has the timecode of its pair.
+    static LabelledStream inPairs(int from, int count) {
+        LabelledStream stream(shape());
+        for (int i = 0; i < count; ++i)
+            stream.switchAt(from + i, paired(i), false);
+        return stream;
+    }
+};
+
+TEST_P(LabelsInPairs, OfAnEncoderThatWaitsAreCounted) {
+    for (const bool goesOn : {false, true}) {
+        SCOPED_TRACE(goesOn);
+        m_file = m_directory.path(goesOn ? "on.ts" : "off.ts");
+        Recording r = recording(pairPlan());
+        beginSilent(r, "10:00:00:00");
+        m_now += 600ms;
+        LabelledStream stream = inPairs(0, frames);
+        std::vector<CodedFrame> fed = stream.frames(600);
+        if (!goesOn) // each of the source, and what is coded before it
+            fed.resize(static_cast<std::size_t>(frames) + 2);
+        feed(r, fed);
+        r.sourceEnded(m_now);
+        pass(r, 6s);
+        expectRecorded(r);
+        EXPECT_THAT(r.status().text, Not(HasSubstr("frames before")));
+        const std::size_t there = recordedOf(fed).size();
+        EXPECT_GE(there, static_cast<std::size_t>(frames));
+        EXPECT_LE(there, static_cast<std::size_t>(frames + 60));
+    }
+}
+
+TEST_P(LabelsInPairs, OfAnEncoderThatRunsAreAllRecorded) {
+    for (int first = 140; first < 146; ++first) {
+        SCOPED_TRACE(first);
+        m_file = m_directory.path(std::to_string(first) + ".ts");
+        Recording r = recording(pairPlan());
+        LabelledStream stream = inPairs(first, frames);
+        stream.switchAt(first + frames, "05:00:00:00");
+        beginRunning(r, stream, "10:00:00:00");
+        std::vector<CodedFrame> fed = stream.frames(first + frames - 75);
+        feed(r, fed);
+        r.sourceEnded(m_now);
+        const std::vector<CodedFrame> rest = stream.frames(300);
+        feed(r, rest);
+        expectRecorded(r);
+        fed.insert(fed.end(), rest.begin(), rest.end());
+        std::set<std::string> pairs;
+        for (int i = 0; i < frames; ++i)
+            pairs.insert(paired(i));
+        EXPECT_THAT(recordedOf(fed), testing::IsSupersetOf(pairs));
+    }
+}
+
+TEST_P(LabelsInPairs, DoNotHideThatFramesWereLost) {
+    Recording r = recording(pairPlan());
+    beginSilent(r, "10:00:00:00");
+    m_now += 600ms;
+    LabelledStream stream = inPairs(0, frames);
+    std::vector<CodedFrame> fed = stream.frames(frames - 20);
+    feed(r, fed);
+    r.sourceEnded(m_now);
+    pass(r, 6s);
+    expectFailed(r, "Error: " + std::to_string(frames - 20) + " of 203 frames came back. ");
+}
+
+INSTANTIATE_TEST_SUITE_P(Encoders, LabelsInPairs,
+                         testing::Values(PairShape{false, 12, false}, PairShape{false, 15, false},
+                                         PairShape{false, 25, true}, PairShape{false, 12, true},
+                                         PairShape{true, 12, false}, PairShape{true, 25, true}),
+                         [](const auto& shape) {
+                             return std::string(shape.param.avc ? "H264" : "Mpeg2") + "InGopsOf" +
+                                    std::to_string(shape.param.gop) + (shape.param.source ? "OfASource" : "");
+                         });
+
+// A source whose first GOP is open, and counts from zero with the frames that cannot be shown: an encoder
+// that counts by itself from zero labels the first that is.
+TEST_F(PlayedOrder, AnEncoderThatCountsFromZeroHasAllOfASourceThatBeginsWithAnOpenGop) {
+    for (const bool avc : {false, true})
+        for (const int lost : {0, 1}) {
+            SCOPED_TRACE((avc ? "H264 " : "MPEG-2 ") + std::to_string(lost));
+            m_file = m_directory.path((avc ? "avc" : "mpeg2") + std::to_string(lost) + ".ts");
+            RecordingPlan asked = plan("00:00:00:02", "00:00:04:01");
+            asked.wantedFrames = 102;
+            asked.hiddenFrames = 2;
+            Recording r = recording(asked);
+            beginSilent(r, "00:00:00:02");
+            m_now += 600ms;
+            LabelledStream stream({.timecode = "00:00:00:00", .gop = 15, .bFrames = 0, .avc = avc});
+            feed(r, stream, sourceFrames - lost);
+            r.sourceEnded(m_now);
+            pass(r, 6s);
+            if (lost == 0)
+                expectRecorded(r);
+            else
+                expectFailed(r, "Error: 97 of 100 frames came back");
+        }
 }
 
 } // namespace

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <utility>
 
 namespace kestrel::capture {
 namespace {
@@ -123,6 +124,8 @@ void PlayedReturn::picture(const VideoUnit& unit, const Frame& frame) {
     const bool possible = m_sourceLabels.possible(due);
     if (unit.gopTimecode)
         noteTimecode(label, std::max(unit.temporalReference, 0), possible);
+    if (unit.gopTimecode && m_whole && *at >= 0 && *at < m_range.length())
+        notePairs(unit, frame);
     m_own.begin(label, unit.gopTimecode.has_value(), unit.randomAccess, possible);
 }
 
@@ -144,9 +147,38 @@ void PlayedReturn::noteTimecode(const ReturnedLabel& label, int leading, bool po
     m_timecode = label.frame;
 }
 
+// At the double rates, what the timecode says when it counts each frame, and what when it counts pairs.
+void PlayedReturn::notePairs(const VideoUnit& unit, const Frame& frame) {
+    const LabelRule& rule = frame.labels.rule();
+    const std::int64_t period = frame.clock.period();
+    if (!rule.doubled())
+        return;
+    const bool ofGop = unit.temporalReference > 0;
+    const std::int64_t label = *frame.label - (ofGop ? unit.temporalReference : 0);
+    const std::int64_t shown = frame.labels.shown() - (ofGop ? unit.temporalReference * period : 0);
+    const auto pair = rule.number(rule.text(label), true);
+    if (!pair) { // a pair has no such label
+        ++m_single;
+        return;
+    }
+    const LabelPair now{label, *pair, shown};
+    const LabelPair from = std::exchange(m_pair, m_pair.value_or(now)).value_or(now);
+    if (from.label == label)
+        return;
+    const auto off = [&](std::int64_t begin, std::int64_t end) {
+        return std::llabs(framesOf(shown - from.shown, period) - rule.distance(begin, end));
+    };
+    const bool single = off(from.label, label) == 0;
+    const bool paired = off(from.pair, *pair) <= 1;
+    m_single += single && !paired ? 1 : 0;
+    m_paired += paired && !single ? 1 : 0;
+    if (!single && !paired)
+        m_pair = now;
+}
+
 // By count: whether the next timecode may tell that others came before the source.
 bool PlayedReturn::mayGoOver() const noexcept {
-    return m_by == By::count && !m_agreed && m_candidate;
+    return m_by == By::count && !m_agreed && m_candidate && through() && !inPairs();
 }
 
 std::vector<OwnLabels::Range> PlayedReturn::note(std::int64_t first, std::int64_t last) {
@@ -164,14 +196,22 @@ void PlayedReturn::takeOwn(const std::vector<OwnLabels::Range>& ranges) {
         return;
     if (m_by == By::count && !m_agreed)
         agree(ranges);
-    for (const auto& [first, last] : ranges)
+    for (const auto& [first, last] : ranges) {
         m_range.note(first - m_offset, last - m_offset);
+        if (m_fromHidden)
+            m_fromHidden->note(first - m_hiddenBy, last - m_hiddenBy);
+    }
 }
 
 // The first labels of the source have come from an encoder that was silent. Where they are those of its first
 // frame, too, they may be ahead or behind; else they tell where the source's first frame was.
 void PlayedReturn::agree(const std::vector<OwnLabels::Range>& ranges) {
+    if (inPairs())
+        return;
     m_agreed = true;
+    // Labels that do not count the source's frames one by one tell nothing of where it begins.
+    if (!through())
+        return;
     std::int64_t lowest = placeOf(ranges.front());
     for (const OwnLabels::Range& range : ranges)
         lowest = std::min(lowest, placeOf(range));
@@ -184,10 +224,15 @@ void PlayedReturn::agree(const std::vector<OwnLabels::Range>& ranges) {
                            std::any_of(ranges.begin(), ranges.end(), isFirst);
     if (!fromFirst)
         return goOver(line, lowest);
-    // Frames that cannot be shown may have come too.
+    // Frames that cannot be shown may have come too, or the encoder counts by itself from the label of the
+    // first of these.
     const bool hidden = lowest <= 0 && lowest >= -static_cast<std::int64_t>(m_hiddenFrames);
     m_offset = hidden ? 0 : lowest;
     m_range.begin(m_range.out() - m_range.length() + 1, 0);
+    if (!hidden || lowest == 0)
+        return;
+    m_fromHidden = m_range;
+    m_hiddenBy = lowest;
 }
 
 // What came first was of others, or its label was not the source's yet.
@@ -236,6 +281,8 @@ bool PlayedReturn::firstCame(const VideoUnit& unit, const Frame& frame) {
     const LabelRule& rule = frame.labels.rule();
     if (m_labelledFrames == 0 || !frame.label || !unit.gopTimecode || frame.clock.period() == 0 ||
         rule.rateCode != m_sourceRateCode || rule.drop != dropsFrames() || m_range.settle(rule))
+        return false;
+    if (inPairs()) // where the first frame is they do not tell to the frame
         return false;
     const std::int64_t position = m_range.position(*frame.label);
     if (frame.now >= begin() && position >= m_range.length()) {
@@ -414,7 +461,7 @@ bool PlayedReturn::through() const noexcept {
 
 // Whether labels tell which frames are the source's.
 bool PlayedReturn::told() const noexcept {
-    return through() && (m_by == By::labels || m_agreed);
+    return through() && !inPairs() && (m_by == By::labels || m_agreed);
 }
 
 bool PlayedReturn::lastCame(const Frame& frame, std::uint64_t frames) const {
@@ -489,7 +536,12 @@ std::uint64_t PlayedReturn::total() const noexcept {
 }
 
 std::uint64_t PlayedReturn::returned(std::uint64_t frames) const {
-    return told() ? static_cast<std::uint64_t>(m_range.length() - m_range.absent()) : byNumber(frames);
+    return told() ? static_cast<std::uint64_t>(m_range.length() - absent()) : byNumber(frames);
+}
+
+// Of the source's frames, by labels; none when they are all there by either of two readings.
+std::int64_t PlayedReturn::absent() const {
+    return m_fromHidden && m_fromHidden->absent() == 0 ? 0 : m_range.absent();
 }
 
 std::uint64_t PlayedReturn::byNumber(std::uint64_t frames) const {
@@ -531,7 +583,7 @@ std::string PlayedReturn::describe(int recordedRate, bool ended) const {
         text += format(", the stream ran before the play-out and no timecodes of the source were recognised "
                        "in it: up to %d s of other pictures at either end, not known whether it is complete",
                        static_cast<int>(m_longestReturn.count() / 1000));
-    if (m_by == By::labels || (told() && ended && m_range.absent() > 0)) {
+    if (m_by == By::labels || (told() && ended && absent() > 0)) {
         text += ", by the source's timecodes from " + m_range.text(m_offset) + " to " +
                 m_range.text(m_offset + std::min(m_range.highest(), m_range.length() - 1));
         if (m_by == By::labels && told() && m_credited > 0)

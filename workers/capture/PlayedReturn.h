@@ -20,7 +20,7 @@ namespace kestrel::capture {
 // before the source began is told from it by the source's timecodes, or, without these, only by the time.
 //
 // Complete is only what the evidence shows to be complete:
-// - by labels, where those of the source count its frames one by one and come back: each of them has been
+// - by labels, where those of the source count its frames one by one and come back so: each of them has been
 //   seen as one of the source's own (see OwnLabels). An encoder that was silent goes by count until they
 //   come: then its first frame is one of theirs, or they tell which frame was the source's first;
 // - else by count: as many frames as the source has, or as its time has where that is longer. Frames of
@@ -146,7 +146,11 @@ private:
     void agree(const std::vector<OwnLabels::Range>& ranges);
     void goOver(std::int64_t line, std::int64_t lowest);
     void noteTimecode(const ReturnedLabel& label, int leading, bool possible);
+    void notePairs(const VideoUnit& unit, const Frame& frame);
     [[nodiscard]] bool mayGoOver() const noexcept;
+    // Whether the timecodes that come back count pairs of frames, as those of a deck do at the double rates.
+    [[nodiscard]] bool inPairs() const noexcept { return m_paired > m_single; }
+    [[nodiscard]] std::int64_t absent() const;
     [[nodiscard]] bool through() const noexcept;
     [[nodiscard]] bool told() const noexcept;
     [[nodiscard]] bool otherVideo(int recordedRate, const Frame& frame) const noexcept;
@@ -207,6 +211,19 @@ private:
     std::int64_t m_leading = 0; // at most so many are coded behind the first but shown before it
     std::uint64_t m_others = 0;
     std::int64_t m_credited = 0; // of the source's first, those whose labels were not seen
+    // By count: the labels that came as they are when they begin with the first frame that cannot be shown.
+    std::optional<MarkedRange> m_fromHidden;
+    std::int64_t m_hiddenBy = 0;
+    // At the double rates: a timecode by the number of its frame, counted one by one and in pairs, and how
+    // many others went on from it by the one count alone or by the other.
+    struct LabelPair {
+        std::int64_t label;
+        std::int64_t pair;
+        std::int64_t shown;
+    };
+    std::optional<LabelPair> m_pair;
+    unsigned m_single = 0;
+    unsigned m_paired = 0;
     bool m_eachLabelled = false; // pictures that are no random access points have a timecode
 
     // By count: when pictures are shown, from the beginning by the stream's clock.
