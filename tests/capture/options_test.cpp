@@ -63,6 +63,16 @@ TEST(Options, MistakesAreNamed) {
     EXPECT_TRUE(parse({"--help"}).help);
 }
 
+TEST(Options, WhatStandsBehindAMistakeIsReadAllTheSame) {
+    const Options options = parse({"-overwirte", "-nulls", "none", "-ini", "/tmp/capture_7.xml", "-wq",
+                                   "/job_update_q_7", "-rq", "/mgr_msg_q_7", "-log", "/var/log/7.log"});
+    EXPECT_EQ(options.error, "unknown option -overwirte") << "the first one";
+    EXPECT_EQ(options.settingsFile, "/tmp/capture_7.xml");
+    EXPECT_EQ(options.writeQueue, "/job_update_q_7");
+    EXPECT_EQ(options.readQueue, "/mgr_msg_q_7");
+    EXPECT_EQ(options.logFile, "/var/log/7.log");
+}
+
 TEST(OutputNames, RelativeNamesStandInTheDirectory) {
     EXPECT_EQ(outputPath("a.ts", "/media"), "/media/a.ts");
     EXPECT_EQ(outputPath("x/a.ts", "/media/"), "/media/x/a.ts");

@@ -225,6 +225,36 @@ TEST_F(RecordingTest, NoStreamIsNamedWithAddressAndPort) {
     EXPECT_FALSE(std::filesystem::exists(m_file));
 }
 
+// Its program is known, so that only the packets that do not come tell that it is gone.
+TEST_F(RecordingTest, AStreamThatIsGoneBeforeTheRecordingCanBeginIsNamedLikewise) {
+    RecordingPlan asked = plan(CaptureMode::timed, "00:00:05:00");
+    asked.begin = m_now + 30s;
+    Recording r = recording(asked);
+    r.take(StreamBuilder().frames(30), m_now + 5s);
+    EXPECT_EQ(r.deadline(), asked.begin + 10s);
+    r.tick(asked.begin + 10s - 1ms);
+    EXPECT_EQ(r.state(), RecordingState::waiting);
+    r.tick(asked.begin + 10s);
+    EXPECT_EQ(r.status().text,
+              "Error: Do not see MPEG transport stream for capture at IP address 10.1.2.3:5000.");
+    EXPECT_FALSE(r.status().succeeded);
+}
+
+// While anything comes it is there, though it may not be recorded.
+TEST_F(RecordingTest, AStreamThatIsGoneAfterTheBeginIsMeasuredFromItsLastPacket) {
+    RecordingPlan asked = plan(CaptureMode::manual);
+    asked.begin = m_now + 30s;
+    Recording r = recording(asked);
+    r.take(StreamBuilder().frames(30), m_now);
+    const Packet sound = packetOf(audioPid);
+    r.take(std::span(&sound, 1), asked.begin + 15s);
+    EXPECT_EQ(r.deadline(), asked.begin + 25s);
+    r.take(std::span(&sound, 1), asked.begin + 24s);
+    EXPECT_EQ(r.deadline(), asked.begin + 30s) << "no random access point in all the time";
+    r.tick(asked.begin + 30s);
+    EXPECT_THAT(r.status().text, HasSubstr("(no random access point in the video)"));
+}
+
 TEST_F(RecordingTest, CancelWhileWaitingEndsAtOnceAndSaysSo) {
     Recording r = recording(plan(CaptureMode::manual));
     r.cancel(m_now);

@@ -18,6 +18,7 @@ using Job = ReencodeJob;
 using kestrel::test::readGops;
 using kestrel::test::streamFile;
 using testing::HasSubstr;
+using testing::Not;
 using testing::StartsWith;
 
 namespace {
@@ -32,6 +33,7 @@ TEST(Reencode, RecordsAllFramesThatComeBack) {
     EXPECT_EQ(continuityErrors(readPackets(job.output())), 0);
     EXPECT_THAT(job.log(), HasSubstr("The source has 75 frames"));
     EXPECT_THAT(job.log(), HasSubstr("Played 75 frames"));
+    EXPECT_THAT(job.log(), Not(HasSubstr("Error]"))) << "nothing went wrong";
 }
 
 // Of its first GOP only the end is there, which no decoder can show.

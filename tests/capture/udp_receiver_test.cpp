@@ -1,8 +1,14 @@
 #include "capture/UdpReceiver.h"
 #include "capture/worker_process.h"
+#include "foundation/Logger.h"
 
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sched.h>
+#include <thread>
 
 using namespace kestrel::capture;
 using namespace capture_test;
@@ -149,6 +155,72 @@ TEST(UdpReceiver, OthersAreToldThoughAnotherRecorderTakesItsOwn) {
         receiver->stop();
     EXPECT_EQ(receivers[0]->counts().otherSender, 0u);
     EXPECT_EQ(receivers[1]->counts().otherSender, 0x7F000005u);
+}
+
+// Runs a command of the network's own tool in the network namespace of this thread.
+bool network(const std::string& command) {
+    return std::system(("ip " + command + " 2>/dev/null").c_str()) == 0;
+}
+
+bool makeDevice() {
+    return (network("link add camera0 type dummy") ||
+            network("link add camera0 type veth peer name camera1 && ip link set camera1 up")) &&
+           network("addr add 10.9.0.1/24 dev camera0") && network("link set camera0 up") &&
+           network("route add 239.0.0.0/8 dev camera0");
+}
+
+// As when the network is started anew. In a network namespace of its own, so that it is seen by nobody else.
+TEST(UdpReceiver, AGroupIsReceivedAgainWhenItsNetworkDeviceIsMadeAnew) {
+    std::thread([] {
+        if (::unshare(CLONE_NEWNET) != 0)
+            GTEST_SKIP() << "no network namespace to be had: " << std::strerror(errno);
+        if (!makeDevice())
+            GTEST_SKIP() << "no network device to be had";
+        // A file, which may be read while the receiver's thread writes.
+        const TemporaryDirectory directory;
+        std::ofstream lines(directory.path("log"));
+        lines << std::unitbuf;
+        LogUtil::GetInstance()->addStreamLogger(&lines);
+        const auto logged = [&directory](const std::string& part) {
+            return readText(directory.path("log")).find(part) != std::string::npos;
+        };
+        StreamSource source;
+        source.address = 0xEF010101; // 239.1.1.1
+        source.port = 5000;
+        PacketRing ring(4096);
+        WakeEvent wake;
+        UdpReceiver receiver(source, ring, wake);
+        const auto failed = receiver.open();
+        ASSERT_FALSE(failed) << failed->text;
+        ASSERT_FALSE(receiver.start());
+        const Packets sent(7, Packet{0x47});
+        Sender("239.1.1.1", source.port, "10.9.0.1").send(sent);
+        ASSERT_EQ(collect(ring, wake, sent.size()).size(), sent.size());
+
+        ASSERT_TRUE(network("link delete camera0"));
+        // As long as there is none, joining again fails, which must not be the end of it.
+        const auto deadline = Clock::now() + std::chrono::seconds(15);
+        while (!logged("Cannot join group 239.1.1.1 again: ") && Clock::now() < deadline) {
+            pollfd wait{wake.fd(), POLLIN, 0};
+            ::poll(&wait, 1, 20);
+            wake.clear();
+        }
+        EXPECT_TRUE(logged("Cannot join group 239.1.1.1 again: "));
+        ASSERT_TRUE(makeDevice());
+        Packets again;
+        while (again.empty() && Clock::now() < deadline) {
+            Sender("239.1.1.1", source.port, "10.9.0.1").send(sent);
+            pollfd wait{wake.fd(), POLLIN, 0};
+            ::poll(&wait, 1, 100);
+            wake.clear();
+            const auto part = ring.readable();
+            again.assign(part.begin(), part.end());
+        }
+        receiver.stop();
+        EXPECT_FALSE(again.empty());
+        EXPECT_TRUE(logged("Nothing has come of group 239.1.1.1 for 2 s: it is joined again every 3 s"));
+        LogUtil::Cleanup();
+    }).join();
 }
 
 } // namespace

@@ -52,14 +52,28 @@ TEST(CaptureRefusal, AnEncoderMapThatIsNotThere) {
                                              worker.path("none.xml") + ": "));
 }
 
-TEST(CaptureRefusal, AnEncoderMapWithAMistakeIsNamedWithItsLine) {
+TEST(CaptureRefusal, AnEncoderMapWithAMistakeIsNamedWithItsLineAndWhatIsExpected) {
     Worker worker;
     worker.addEncoder();
     std::ofstream(worker.path("map.xml")) << "<Encoders>\n<Encoder CONTROL_ADDRESS=\"10.1.2.3\"/></Encoders>";
     worker.extraOptions = {"-encoders", worker.path("map.xml")};
     expectRefused(worker);
     EXPECT_EQ(worker.results(),
-              "Error: Invalid configuration file. (encoder map " + worker.path("map.xml") + ", line 2)");
+              "Error: Invalid configuration file. (encoder map " + worker.path("map.xml") +
+                  ", line 2: Encoder, PORT is missing: expected is a number from 1 to 65535)");
+}
+
+// Whoever sends to that port would be recorded.
+TEST(CaptureRefusal, AnEncoderMapWhoseStreamAddressIsMisspelt) {
+    Worker worker;
+    worker.addEncoder();
+    std::ofstream(worker.path("map.xml"))
+        << R"(<Encoders><Encoder CONTROL_ADDRESS="127.0.0.1" STREAM_ADRESS="239.1.1.1" PORT="5"/></Encoders>)";
+    worker.extraOptions = {"-encoders", worker.path("map.xml")};
+    expectRefused(worker);
+    EXPECT_THAT(worker.results(), HasSubstr("line 1: Encoder, STREAM_ADDRESS is missing: "));
+    EXPECT_THAT(worker.log(), HasSubstr("attribute STREAM_ADRESS of Encoder is not known and is ignored; the "
+                                        "attributes are CONTROL_ADDRESS, STREAM_ADDRESS, PORT"));
 }
 
 TEST(CaptureRefusal, AJobWithoutAnOutputFile) {
@@ -101,12 +115,28 @@ TEST(CaptureRefusal, ASecondEncoderThatCannotBeReceivedStopsTheFirst) {
     EXPECT_THAT(worker.results(), HasSubstr("Address already in use"));
 }
 
-TEST(CaptureRefusal, ACommandLineThatIsWrongExitsWithTwo) {
-    Worker worker;
-    worker.extraOptions = {"-bogus"};
-    worker.start();
-    EXPECT_EQ(worker.wait(), 2);
-    EXPECT_TRUE(worker.queues.received().empty());
+// The profile's options stand before those of the service, which tell where the mistake can be reported.
+TEST(CaptureRefusal, ACommandLineThatIsWrongIsToldAndExitsWithTwo) {
+    for (const auto& [options, mistake] :
+         std::initializer_list<std::pair<std::vector<std::string>, std::string>>{
+             {{"-overwirte"}, "unknown option -overwirte"},
+             {{"-nulls", "none", "-overwirte"}, "-nulls is keep or drop, not none"},
+             {{"map.xml"}, "unexpected argument map.xml"}}) {
+        Worker worker;
+        worker.addEncoder();
+        worker.extraOptions = options;
+        worker.start();
+        EXPECT_EQ(worker.wait(), 2) << worker.log();
+        const std::string text = "Error: Start Capture failed. (wrong command line: " + mistake + ")";
+        const auto& messages = worker.queues.received();
+        ASSERT_GE(messages.size(), 2u) << mistake;
+        EXPECT_EQ(messages[messages.size() - 2].type, RESULTS_MSG);
+        EXPECT_EQ(messages.back().type, EXIT_MSG);
+        EXPECT_EQ(worker.results(), text);
+        EXPECT_THAT(worker.log(), HasSubstr(text));
+        EXPECT_THAT(worker.log(), HasSubstr("exit code 2"));
+        EXPECT_FALSE(std::filesystem::exists(worker.path("out/news.ts")));
+    }
 }
 
 // A client that ends a timed capture early wants no more of it; one that ends any other never got what it

@@ -28,6 +28,9 @@ inline constexpr std::size_t datagramBytes = 65536;
 
 // How long the receiver lets datagrams gather in the socket, so that it is not woken for each.
 inline constexpr milliseconds gatherTime{4};
+// A group of which nothing has come is left and joined again, first after, then every.
+inline constexpr milliseconds rejoinAfter{2000};
+inline constexpr milliseconds rejoinEvery{3000};
 
 // Packets written to disk at once: just under 64 KiB.
 inline constexpr std::size_t writePackets = 348;

@@ -2,6 +2,7 @@
 
 #include <getopt.h>
 #include <string_view>
+#include <utility>
 
 namespace kestrel::capture {
 namespace {
@@ -26,6 +27,11 @@ Options parseOptions(int argc, char** argv) {
     Options options;
     optind = 0; // also resets getopt's state, so that tests may parse more than once
     opterr = 0;
+    // What stands behind a mistake counts all the same: it tells where the mistake can be reported.
+    const auto mistake = [&options](std::string text) {
+        if (options.error.empty())
+            options.error = std::move(text);
+    };
     // A leading ':' tells a missing value from an unknown option.
     for (int found = 0; (found = getopt_long_only(argc, argv, ":", table, nullptr)) != -1;) {
         switch (found) {
@@ -49,26 +55,24 @@ Options parseOptions(int argc, char** argv) {
             break;
         case nulls:
             options.keepNulls = std::string_view(optarg) == "keep";
-            if (!options.keepNulls && std::string_view(optarg) != "drop") {
-                options.error = std::string("-nulls is keep or drop, not ") + optarg;
-                return options;
-            }
+            if (!options.keepNulls && std::string_view(optarg) != "drop")
+                mistake(std::string("-nulls is keep or drop, not ") + optarg);
             break;
         case help:
             options.help = true;
             return options;
         case ':':
-            options.error = std::string("option ") + argv[optind - 1] + " needs a value";
-            return options;
+            mistake(std::string("option ") + argv[optind - 1] + " needs a value");
+            break;
         default:
-            options.error = std::string("unknown option ") + argv[optind - 1];
-            return options;
+            mistake(std::string("unknown option ") + argv[optind - 1]);
+            break;
         }
     }
     if (optind < argc)
-        options.error = std::string("unexpected argument ") + argv[optind];
-    else if (options.settingsFile.empty())
-        options.error = "no settings file: -ini is required";
+        mistake(std::string("unexpected argument ") + argv[optind]);
+    if (options.settingsFile.empty())
+        mistake("no settings file: -ini is required");
     return options;
 }
 

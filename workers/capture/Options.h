@@ -14,7 +14,8 @@ struct Options {
     bool overwrite = false;   // -overwrite: existing output files are replaced, whatever the map says
     bool keepNulls = false;   // -nulls keep: a normalised file keeps the null packets of its source
     bool help = false;
-    std::string error; // not empty: what is wrong with the command line
+    std::string
+        error; // not empty: the first that is wrong with the command line; the rest is read all the same
 };
 
 // Reads the command line. Both -name value and --name value are taken.

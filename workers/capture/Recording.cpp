@@ -72,6 +72,7 @@ void Recording::take(std::span<const Packet> packets, Clock::time_point now) {
         return;
     if (m_stopped) {
         m_stopped = false;
+        m_back = now;
         LogUtil::Info(module, "%s: the stream is back after %.1f s, with PID %d", m_plan.name.c_str(),
                       std::chrono::duration<double>(now - m_lastPacket).count(),
                       ts::pid(packets.front().data()));
@@ -87,6 +88,7 @@ void Recording::take(std::span<const Packet> packets, Clock::time_point now) {
         if (m_state == RecordingState::ended)
             return;
     }
+    noteVideoStall();
     if (auto failed = m_file.tick(now))
         fail(*failed);
 }
@@ -148,6 +150,11 @@ unsigned Recording::count(const VideoUnit& unit) {
     const unsigned begun = m_clock.count(unit, m_analyzer.clock(), m_analyzer.frameRateCode());
     if (begun == 0)
         return 0;
+    if (m_videoStopped) {
+        m_videoStopped = false;
+        LogUtil::Info(module, "%s: the video is back after %.1f s, with PID %d", m_plan.name.c_str(),
+                      std::chrono::duration<double>(m_now - m_lastFrame).count(), m_analyzer.videoPid());
+    }
     m_lastFrame = m_now;
     if (m_state == RecordingState::waiting && m_played.ranBefore(m_now))
         noteBefore();
@@ -176,12 +183,13 @@ void Recording::noteLabels(const VideoUnit& unit) {
     if (m_analyzer.codec() == VideoCodec::avc && unit.gopTimecode && !unit.randomAccess && labelCounts())
         m_range.dropByClock();
     const std::int64_t first = m_unitNoted ? *m_label + 1 : *m_label;
-    if (m_played.whole() || byStreamLabels()) {
-        for (const auto& [from, to] : m_played.note(first, m_labels.highest(unit)))
+    std::vector<OwnLabels::Range> taken{{first, m_labels.highest(unit)}};
+    if (m_played.whole() || byStreamLabels())
+        taken = m_played.note(taken.front().first, taken.front().second);
+    // What comes back of a whole source has a range of its own; here are no marks then, and no rule for them.
+    if (m_plan.mode == CaptureMode::marks)
+        for (const auto& [from, to] : taken)
             m_range.note(from, to);
-    } else {
-        m_range.note(first, m_labels.highest(unit));
-    }
     m_unitNoted = true;
 }
 
@@ -346,6 +354,8 @@ void Recording::startRecording() {
 void Recording::write(const Packet& packet) {
     if (auto failed = m_file.write(packet, m_analyzer.videoPid(), m_now))
         fail(*failed);
+    if (ts::pid(packet.data()) == m_analyzer.videoPid())
+        m_lastVideo = m_file.packets();
     if (m_wanted == 0)
         measureDuration();
 }

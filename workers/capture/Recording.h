@@ -151,9 +151,11 @@ private:
     [[nodiscard]] Clock::time_point givenUp() const;
     [[nodiscard]] Clock::time_point framesOver() const;
     [[nodiscard]] Clock::time_point waitsFrom() const;
+    [[nodiscard]] Clock::time_point streamGone() const;
     [[nodiscard]] std::string openFrame() const;
     void tickWaiting();
     void tickStall();
+    void noteVideoStall();
     void endEarly(Clock::time_point now, bool asked);
     void finish(bool succeeded, std::string text);
     void finishComplete(const std::string& besides = "");
@@ -225,6 +227,9 @@ private:
     Clock::time_point m_lastFrame;
     std::optional<Clock::time_point> m_sourceEnded;
     bool m_stopped = false;
+    Clock::time_point m_back; // when the stream last came again after it had stopped
+    bool m_videoStopped = false;
+    std::uint64_t m_lastVideo = 0; // the newest packet of the video, by its number in the file
     unsigned m_stops = 0;
 };
 

@@ -93,6 +93,14 @@ Clock::time_point Recording::waitsFrom() const {
     return m_plan.played ? std::max(m_armedAt, m_played.begin()) : m_armedAt;
 }
 
+// When a stream that was there, but of which nothing comes any more, counts as none. Where frames with labels
+// are waited for, or what is played, that these are missing tells more.
+Clock::time_point Recording::streamGone() const {
+    return m_plan.mode == CaptureMode::marks || m_plan.played
+               ? Clock::time_point::max()
+               : std::max(waitsFrom(), m_lastPacket) + m_timing.noStream;
+}
+
 Clock::time_point Recording::deadline() const {
     if (m_state == RecordingState::ended || (m_state == RecordingState::waiting && !m_armed))
         return Clock::time_point::max();
@@ -109,7 +117,7 @@ Clock::time_point Recording::deadline() const {
             return std::max(m_played.begin(), m_armedAt) + m_timing.longestReturn;
         // Of a source that has ended no mark-in comes any more, however long its encoder goes on.
         return m_sourceEnded ? std::min(found, std::max(*m_sourceEnded, m_armedAt) + m_timing.noStream)
-                             : found;
+                             : std::min(found, streamGone());
     }
     Clock::time_point next = m_file.deadline(m_now);
     if (!m_stopped)
@@ -139,7 +147,7 @@ void Recording::tickWaiting() {
         return endProbe(m_probe->verdict(m_now, m_played.sourceLabels()));
     if (m_played.holdsPoint() && m_played.began())
         return beginByTime();
-    if (!m_analyzer.programKnown())
+    if (!m_analyzer.programKnown() || m_now >= streamGone())
         return fail(failure(error::noTransportStream, m_plan.shownAddress.c_str(), m_plan.shownPort));
     if (m_plan.mode == CaptureMode::marks && m_sourceEnded && m_label)
         return fail(detailed(failure(error::startTimecodeNotFound, m_plan.markIn.c_str()),
@@ -151,17 +159,28 @@ void Recording::tickWaiting() {
     fail(detailed(failure(error::startCaptureTimeout), "no random access point in the video"));
 }
 
+// The video of a stream whose other parts go on. What stops with the stream is told by tickStall; that a
+// source has ended, or that the last frame has come, is no trouble.
+void Recording::noteVideoStall() {
+    if (m_videoStopped || m_sourceEnded || m_state != RecordingState::recording ||
+        m_now - std::max(m_lastFrame, m_back) < m_timing.stall || lastFrameCame())
+        return;
+    m_videoStopped = true;
+    ++m_stops;
+    LogUtil::Warning(module, "%s: the video has stopped after packet %" PRIu64 " of the file, PID %d",
+                     m_plan.name.c_str(), m_lastVideo, m_analyzer.videoPid());
+}
+
 void Recording::tickStall() {
     if (!m_stopped && m_now - m_lastPacket >= m_timing.stall) {
         m_stopped = true;
-        ++m_stops;
         LogUtil::Warning(module, "%s: the stream has stopped after packet %" PRIu64 " of the file, PID %d",
                          m_plan.name.c_str(), m_file.packets(), m_lastPid);
         // The last frame asked for has come; the one beyond, which would show it, may never.
-        if (lastFrameCame()) {
-            --m_stops;
+        if (lastFrameCame())
             return finishLastFrame();
-        }
+        if (!m_videoStopped) // which is counted
+            ++m_stops;
     }
     if (m_sourceEnded && m_now - std::max(m_lastPacket, *m_sourceEnded) >= m_timing.stall)
         finishSourceEnded();
@@ -268,7 +287,7 @@ void Recording::finishSourceEnded() {
     writeHeld();
     if (m_state != RecordingState::recording)
         return;
-    if (m_stopped)
+    if (m_stopped || m_videoStopped)
         --m_stops;
     if (bounded() && m_plan.wantedFrames == 0 && !m_plan.played && !lastFrameCame())
         return fail(detailed(failure(error::captureDiscontinuity), "the source ended before the last frame"));

@@ -48,6 +48,10 @@ Outcome broken(const std::exception& problem) {
     return {false, detailed(failure(error::startCaptureFailed), problem.what()).text};
 }
 
+std::string wrongCommandLine(const std::string& mistake) {
+    return detailed(failure(error::startCaptureFailed), "wrong command line: " + mistake).text;
+}
+
 } // namespace
 
 SessionControl::SessionControl(Options options, Maker maker)
@@ -57,6 +61,7 @@ SessionControl::~SessionControl() = default;
 
 int SessionControl::run() noexcept {
     Outcome outcome;
+    const int failed = m_options.error.empty() ? exitFailure : exitUsage;
     try {
         m_signals = takeSignals();
         LogUtil::Info(module,
@@ -65,13 +70,14 @@ int SessionControl::run() noexcept {
                       m_options.readQueue.c_str(), m_options.encoderMap.c_str());
         m_link.connect(m_options.writeQueue, m_options.readQueue);
         m_link.sendHeartbeat();
-        outcome = work();
-        finish(outcome);
+        // Whoever started it may see nothing but these messages.
+        outcome = m_options.error.empty() ? work() : Outcome{false, wrongCommandLine(m_options.error)};
+        finish(outcome, failed);
     } catch (const std::exception& problem) {
         LogUtil::Fatal(module, "Ends: %s", problem.what());
         outcome.succeeded = false;
     }
-    return outcome.succeeded ? exitSuccess : exitFailure;
+    return outcome.succeeded ? exitSuccess : failed;
 }
 
 Outcome SessionControl::work() {
@@ -160,14 +166,14 @@ bool SessionControl::handleMessages() {
     return received.cancel;
 }
 
-void SessionControl::finish(const Outcome& outcome) {
+void SessionControl::finish(const Outcome& outcome, int failed) {
     if (outcome.succeeded)
         LogUtil::Info(module, "%s", outcome.text.c_str());
     else
         LogUtil::Error(module, "%s", outcome.text.c_str());
     m_link.sendResults(outcome.text);
     m_link.sendExit();
-    LogUtil::Info(module, "Capture worker ends, exit code %d", outcome.succeeded ? exitSuccess : exitFailure);
+    LogUtil::Info(module, "Capture worker ends, exit code %d", outcome.succeeded ? exitSuccess : failed);
 }
 
 } // namespace kestrel::capture

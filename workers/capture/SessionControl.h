@@ -22,8 +22,8 @@ public:
     ~SessionControl();
 
     // Runs the job to its end and keeps the service informed. Blocks SIGTERM and SIGINT, which then act as
-    // the cancel message. Whatever happens on the way, the service gets a results text and the exit message.
-    // Returns the exit code.
+    // the cancel message. Whatever happens on the way, be it that the command line is wrong, the service gets
+    // a results text and the exit message. Returns the exit code.
     int run() noexcept;
 
 private:
@@ -31,7 +31,7 @@ private:
     [[nodiscard]] MaybeFailure prepare();
     void loop();
     [[nodiscard]] bool handleMessages();
-    void finish(const Outcome& outcome);
+    void finish(const Outcome& outcome, int failed);
 
     const Options m_options;
     const Maker m_maker;

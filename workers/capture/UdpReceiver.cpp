@@ -1,6 +1,7 @@
 #include "UdpReceiver.h"
 
 #include "Ipv4.h"
+#include "WaitTime.h"
 #include "foundation/ErrorCodes.h"
 #include "foundation/Logger.h"
 
@@ -147,19 +148,13 @@ void UdpReceiver::tellOthers() noexcept {
 }
 
 MaybeFailure UdpReceiver::joinGroup() {
-    ip_mreqn group{};
-    group.imr_multiaddr.s_addr = htonl(m_source.address);
-    group.imr_address.s_addr = htonl(m_source.interfaceAddress);
     setFlag(m_socket.get(), IPPROTO_IP, IP_MULTICAST_ALL, 0);
-    const auto join = [&] {
-        return ::setsockopt(m_socket.get(), IPPROTO_IP, IP_ADD_MEMBERSHIP, &group, sizeof group) == 0;
-    };
-    if (join())
+    if (changeMembership(IP_ADD_MEMBERSHIP, m_source.interfaceAddress))
         return std::nullopt;
     // A host without a route for groups still has the loopback interface.
     if (errno == ENODEV && m_source.interfaceAddress == 0) {
-        group.imr_address.s_addr = htonl(INADDR_LOOPBACK);
-        if (join()) {
+        if (changeMembership(IP_ADD_MEMBERSHIP, INADDR_LOOPBACK)) {
+            m_onLoopback = true;
             LogUtil::Warning("Capture", "No route for group %s: joined on the loopback interface",
                              addressText(m_source.address).c_str());
             return std::nullopt;
@@ -168,6 +163,39 @@ MaybeFailure UdpReceiver::joinGroup() {
     return detailed(failure(error::startCaptureFailed),
                     format("join %s on interface %s: %s", addressText(m_source.address).c_str(),
                            addressText(m_source.interfaceAddress).c_str(), errnoText(errno).c_str()));
+}
+
+bool UdpReceiver::changeMembership(int option, std::uint32_t interfaceAddress) noexcept {
+    ip_mreqn group{};
+    group.imr_multiaddr.s_addr = htonl(m_source.address);
+    group.imr_address.s_addr = htonl(interfaceAddress);
+    return ::setsockopt(m_socket.get(), IPPROTO_IP, option, &group, sizeof group) == 0;
+}
+
+// A membership goes with its network device and is not there on the one that is made in its place, which the
+// socket is not told. A group of which nothing comes has nothing to lose.
+void UdpReceiver::rejoinGroup() noexcept {
+    if (!m_rejoining)
+        LogUtil::Info(
+            "Capture",
+            "Nothing has come of group %s for %.0f s: it is joined again every %.0f s until it does",
+            addressText(m_source.address).c_str(), std::chrono::duration<double>(rejoinAfter).count(),
+            std::chrono::duration<double>(rejoinEvery).count());
+    if (m_onLoopback)
+        changeMembership(IP_DROP_MEMBERSHIP, INADDR_LOOPBACK);
+    // Without a route none could be left before: then there is more than one.
+    while (changeMembership(IP_DROP_MEMBERSHIP, m_source.interfaceAddress)) {
+    }
+    const bool joined = changeMembership(IP_ADD_MEMBERSHIP, m_source.interfaceAddress);
+    const int reason = errno;
+    if (!joined && m_onLoopback)
+        changeMembership(IP_ADD_MEMBERSHIP, INADDR_LOOPBACK);
+    else if (!joined && !m_rejoinFailed)
+        LogUtil::Warning("Capture", "Cannot join group %s again: %s", addressText(m_source.address).c_str(),
+                         errnoText(reason).c_str());
+    m_onLoopback = m_onLoopback && !joined;
+    m_rejoinFailed = !joined;
+    m_rejoining = true;
 }
 
 MaybeFailure UdpReceiver::start() {
@@ -192,14 +220,24 @@ void UdpReceiver::stop() {
 void UdpReceiver::run() noexcept {
     pollfd waits[] = {{m_stop.fd(), POLLIN, 0}, {m_socket.get(), POLLIN, 0}};
     const bool gather = m_bufferBytes >= smallSocketBufferBytes;
+    const bool group = isMulticast(m_source.address);
+    Clock::time_point rejoin = group ? Clock::now() + rejoinAfter : Clock::time_point::max();
     for (;;) {
-        if (::poll(waits, 2, -1) < 0 && errno != EINTR)
+        if (::poll(waits, 2, group ? pollTime(rejoin, Clock::now()) : -1) < 0 && errno != EINTR)
             break;
         const bool stopping = waits[0].revents != 0;
-        if (drain(stopping ? batchesAtStop : batchesPerTurn))
+        const bool any = drain(stopping ? batchesAtStop : batchesPerTurn);
+        if (any)
             m_wake.signal();
         if (stopping)
             break;
+        if (group && any) {
+            rejoin = Clock::now() + rejoinAfter;
+            m_rejoining = m_rejoinFailed = false;
+        } else if (group && Clock::now() >= rejoin) {
+            rejoinGroup();
+            rejoin = Clock::now() + rejoinEvery;
+        }
         if (gather)
             ::poll(waits, 1, static_cast<int>(gatherTime.count()));
     }

@@ -43,7 +43,7 @@ struct ReceiverCounts {
 
 // A socket and the thread that empties it. The thread never waits for anything but the socket: it takes
 // datagrams in batches, lets them gather a few milliseconds between batches, and counts what the ring has no
-// room for.
+// room for. A group of which nothing comes is joined again now and then: its network device may be another.
 class UdpReceiver {
 public:
     // Packets go to ring; wake is signalled after each batch. Both outlive the receiver.
@@ -69,6 +69,8 @@ private:
 
     [[nodiscard]] MaybeFailure bindSocket();
     [[nodiscard]] MaybeFailure joinGroup();
+    bool changeMembership(int option, std::uint32_t interfaceAddress) noexcept;
+    void rejoinGroup() noexcept;
     void growBuffer();
     void watchOthers();
     void tellOthers() noexcept;
@@ -91,6 +93,9 @@ private:
     RtpSequence m_rtp;
     std::uint32_t m_lastDropCount = 0;
     int m_bufferBytes = 0;
+    bool m_onLoopback = false;   // the group is joined there for want of a route; of the thread once it runs
+    bool m_rejoining = false;    // since something came last; of the thread
+    bool m_rejoinFailed = false; // likewise
     ReceiverCounts m_counts;
 };
 

@@ -39,13 +39,12 @@ int main(int argc, char** argv) {
         std::cout << usage(argv[0]);
         return exitSuccess;
     }
-    if (!options.error.empty()) {
+    if (!options.error.empty())
         std::cerr << "kestrelCapture: " << options.error << '\n' << usage(argv[0]);
-        return exitUsage;
-    }
     std::signal(SIGPIPE, SIG_IGN);
     std::ofstream log;
-    openLog(options.logFile, log);
+    if (options.error.empty() || !options.logFile.empty()) // else standard error has it
+        openLog(options.logFile, log);
     const int result = SessionControl(options).run();
     LogUtil::Cleanup();
     return result;
