@@ -298,7 +298,7 @@ TEST(RatesOnStreams, OfAMultiplexThatIsTooSmallAreThoseOfWhatItCarries) {
         ASSERT_TRUE(analysis.clock().rate());
         EXPECT_NEAR(analysis.clock().rate()->packetsPerSecond * 188 * 8, clock, 1);
         EXPECT_LT(analysis.clock().rate()->farthestUs, 0.5);
-        EXPECT_NEAR(analysis.muxBitsPerSecond() / bytes, 1, 0.002);
+        EXPECT_NEAR(analysis.muxBitsPerSecond() / bytes, 1, 0.01);
         EXPECT_NE(judged(rule, file), "");
         const std::string sdRule = "SD_TxRate_3p75Mbs";
         for (const int seconds : rule == sdRule ? std::vector{10, 15, 19} : std::vector{5}) {
@@ -332,12 +332,94 @@ TEST(RatesOnStreams, OfAMultiplexThatIsTooSmallAreSoInJoinedFilesToo) {
         const std::string file = joined(first, second);
         EXPECT_NE(judged("SD_TxRate_3p75Mbs", file), "") << first << " and " << second;
         const bool both = first != good && second != good;
-        EXPECT_NEAR(passOver(file).muxBitsPerSecond(), both ? 4'118'600 : 4'010'000, 25'000)
+        EXPECT_NEAR(passOver(file).muxBitsPerSecond() / (both ? 4'118'600 : 4'010'000), 1, 0.01)
             << first << " and " << second;
     }
     EXPECT_EQ(judged("SD_TxRate_3p75Mbs", joined(good, good)), "") << "a join alone is not late";
     EXPECT_EQ(passOver(joined(good, good)).muxBitsPerSecond(), 3'750'000);
-    EXPECT_NEAR(passOver(overTheTurn).muxBitsPerSecond(), 4'118'600, 8'000);
+    EXPECT_NEAR(passOver(overTheTurn).muxBitsPerSecond() / 4'118'600, 1, 0.01);
+}
+
+#define CIF_VIDEO(rate) "-f lavfi -i testsrc2=size=352x288:rate=" #rate ",noise=alls=12:allf=t "
+#define FAST_H264 "-threads 1 -c:v libx264 -preset ultrafast "
+
+std::string overloadedCif() {
+    return makeStream("over_cif",
+                      CIF_VIDEO(25) TONE "-t 10 " FAST_H264 "-g 25 -b:v 1500k -maxrate 1500k -bufsize 1000k "
+                                         "-c:a ac3 -b:a 192k -muxrate 1500k");
+}
+
+TEST(RatesOnStreams, OfAMultiplexThatIsTooSmallAreSoWhateverTheHeadersSayOfTheFrameRate) {
+    // As many bytes a second, of twice the frame rate by the VUI.
+    const std::string plain = overloadedCif();
+    const std::string twice =
+        makeStream("over_cif_tick",
+                   CIF_VIDEO(25) TONE "-t 10 " FAST_H264 "-g 25 -b:v 1500k -maxrate 1500k -bufsize 1000k "
+                                      "-c:a ac3 -b:a 192k -muxrate 1500k -bsf:v h264_metadata=tick_rate=100");
+    for (const std::string& file : {plain, twice})
+        EXPECT_NEAR(passOver(file).muxBitsPerSecond() / 1'858'000, 1, 0.01) << file;
+    // Half of the pictures from the middle on: too much before, and room enough behind.
+    const std::string sparse = makeStream(
+        "over_vfr", "-f lavfi -i testsrc2=size=352x288:rate=30,noise=alls=20:allf=t " TONE
+                    "-t 20 -vf select='lt(t\\,10)+not(mod(n\\,2))' -vsync vfr " FAST_H264
+                    "-tune zerolatency -g 60 -b:v 1500k -maxrate 1500k -bufsize 400k -c:a aac -b:a 96k "
+                    "-muxrate 1500k");
+    EXPECT_EQ(passOver(sparse).muxBitsPerSecond(), 1'500'000) << "on the whole it is large enough";
+    EXPECT_GT(passOver(sparse, 8).muxBitsPerSecond(), 1'600'000) << "of its first half it is not";
+    // A picture a second, as of 25.
+    const std::string slides = makeStream("over_slides", CIF_VIDEO(25) TONE
+                                          "-t 30 -vf select='not(mod(n\\,25))' -vsync vfr " FAST_H264
+                                          "-g 1 -crf 20 -bf 0 -c:a ac3 -b:a 384k -muxrate 900k");
+    const auto analysis = passOver(slides);
+    EXPECT_NEAR(analysis.muxBitsPerSecond() * analysis.seconds() /
+                    (static_cast<double>(analysis.packets()) * 188 * 8),
+                1, 0.03);
+}
+
+TEST(RatesOnStreams, OfAMultiplexThatIsTooSmallAreSoWhereStartsOfPesPacketsAreDamagedOrLost) {
+    const auto bytes = bytesOfFile(overloadedCif());
+    const ScratchDir directory;
+    for (const bool lose : {false, true})
+        for (const int every : {5, 20}) {
+            std::string damaged;
+            int starts = 0;
+            for (std::size_t at = 0; at + 188 <= bytes.size(); at += 188) {
+                std::string packet(bytes.begin() + static_cast<long>(at),
+                                   bytes.begin() + static_cast<long>(at + 188));
+                const bool start = (bytes[at + 1] & 0x5F) == 0x41 && bytes[at + 2] == 0;
+                if (start && ++starts > 5 && starts % every == every / 2) {
+                    if (lose)
+                        continue;
+                    const std::size_t header =
+                        4 + ((bytes[at + 3] & 0x20) != 0 ? 1 + std::size_t{bytes[at + 4]} : 0);
+                    packet[header + 2] = '\x80'; // of the start code prefix
+                }
+                damaged += packet;
+            }
+            const std::string file = directory.file("damaged.ts", damaged);
+            EXPECT_NEAR(passOver(file).muxBitsPerSecond() / 1'858'000, 1, 0.01)
+                << (lose ? "lost" : "damaged") << ", one of " << every;
+        }
+}
+
+TEST(RatesOnStreams, OfAMultiplexThatIsSentWithLittleDelayAreItsClocks) {
+    // Video comes up to a third of a second late for a while, as its buffer allows for more than the delay.
+    for (const char* delay : {"0", "0.1", "0.3"}) {
+        const std::string file = makeStream(
+            std::string("limit_sd_delay_") + delay,
+            std::string(
+                "-f lavfi -i testsrc2=size=528x480:rate=30000/1001,noise=alls=25:allf=t:enable='lt(mod("
+                "t\\,4)\\,2)' " TONE LASTING(8) "-g 15 -bf 2 -b:v 3180k -minrate 3180k -maxrate 3180k "
+                                                "-bufsize 1835k -muxrate 3750000 -muxpreload 0 "
+                                                "-muxdelay ") +
+                delay);
+        for (const std::optional<int> seconds :
+             {std::optional<int>(), std::optional(2), std::optional(3), std::optional(5)}) {
+            EXPECT_EQ(passOver(file, seconds).muxBitsPerSecond(), 3'750'000)
+                << delay << ", " << seconds.value_or(-1) << " s";
+            EXPECT_EQ(judged("SD_TxRate_3p75Mbs", file, seconds), "") << delay;
+        }
+    }
 }
 
 TEST(RatesOnStreams, OfConstantVideoAreThoseOfTheHeadersAndNotOfItsFewSeconds) {

@@ -162,9 +162,7 @@ void Analysis::adopt(const Program& program, const StreamEntry& video) {
     m_packetsBefore = m_ratedPackets = onlyTables() ? 0 : m_packets - 1;
     m_videoRates = {};
     m_ratedVideoBytes = 0;
-    m_referencesAtLead = 0;
-    m_lateInARow = 0;
-    m_tooSmall = false;
+    m_lead = {};
     m_roles[indexOf(m_videoPid)] = Role::video;
     addSounds(program);
 }

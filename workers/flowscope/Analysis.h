@@ -101,8 +101,9 @@ public:
     // bytes over its seconds. 0 without a duration.
     [[nodiscard]] double videoBitsPerSecond() const;
     // Of the whole file: by the clock where null packets fill the multiplex up to a constant rate, or its
-    // clock references keep to one as they must; else all of its bytes over its seconds, and that, too, where
-    // the multiplex is too small for what it carries and it is more. 0 without a duration.
+    // clock references keep to one as they must, and so many times as much as it takes longer to send the
+    // video than to decode it where the multiplex is too small; else all of its bytes over its seconds. 0
+    // without a duration.
     [[nodiscard]] double muxBitsPerSecond() const;
     // Of the video: as it says itself, else by its seconds.
     [[nodiscard]] bool constantBitRate() const;
@@ -135,10 +136,10 @@ private:
     void endVideoTimes();
     // How far that DTS lies ahead of the latest clock reference.
     [[nodiscard]] std::optional<std::int64_t> aheadOfClock(PTS rawDts) const;
-    // Of seconds(), without what a gap in the video's times adds to the pictures that are there.
-    [[nodiscard]] double secondsOfPictures() const;
     // Whether the video still keeps up with the clock.
     void noteLead(PTS rawDts);
+    // How many times the clock's rate the multiplex needs for what it carries: 1 where that is enough.
+    [[nodiscard]] double neededShare() const;
     // Seconds from the first decoding time to now, as far as decoding times tell, and the clock since.
     [[nodiscard]] double now() const;
     void takeAudioTimes(Audio& audio);
@@ -201,12 +202,22 @@ private:
     std::uint64_t m_ratedPackets = 0;
     RateProfile m_videoRates;
     std::uint64_t m_ratedVideoBytes = 0;
-    // Of the decoding times: what there was at the last one that was compared with the clock.
-    std::uint64_t m_referencesAtLead = 0;
-    std::uint64_t m_nullPacketsAtLead = 0;
-    std::uint64_t m_packetsAtLead = 0;
-    int m_lateInARow = 0;
-    bool m_tooSmall = false; // the multiplex, for what it carries
+    // Of the decoding times that were compared with the clock.
+    struct Lead {
+        // What there was at the last one.
+        PTS dts{};
+        PTS clock{};
+        std::uint64_t references = 0;
+        std::uint64_t jumps = 0;
+        std::uint64_t nullPackets = 0;
+        std::uint64_t packets = 0;
+        int lateInARow = 0;
+        bool late = false; // at some time that many of them were
+        // Sums of the steps between them, leaps left out, in units of PTS.
+        std::int64_t decoded = 0;
+        std::int64_t sent = 0; // by the clock
+    };
+    Lead m_lead;
     bool m_full = false;
 };
 

@@ -1,16 +1,25 @@
 // What the times of the video's PES packets tell: order, gaps, durations.
 #include "Analysis.h"
 #include "ClockTurns.h"
+#include "Leaps.h"
 
 #include <algorithm>
+#include <cstdlib>
 
 namespace kestrel::flowscope {
+namespace {
+
+PTS ofReference(std::int64_t pcr) {
+    constexpr std::int64_t TICKS = 27'000'000 / PTS::units_per_second;
+    return PTS(pcr / TICKS);
+}
+
+} // namespace
 
 std::optional<std::int64_t> Analysis::aheadOfClock(PTS rawDts) const {
-    constexpr std::int64_t TICKS = 27'000'000 / PTS::units_per_second;
     if (m_lastClock < 0)
         return std::nullopt;
-    const PTS clock(m_lastClock / TICKS);
+    const PTS clock = ofReference(m_lastClock);
     return unwrapped(rawDts, clock) - clock;
 }
 
@@ -20,17 +29,32 @@ void Analysis::noteLead(PTS rawDts) {
     // A damaged time is off once, and so is a reference, or a join, as only one time is compared with each.
     constexpr int IN_A_ROW = 3;
     const auto ahead = aheadOfClock(rawDts);
-    if (!ahead || m_referencesAtLead == m_clock.count())
+    if (!ahead || m_lead.references == m_clock.count())
         return;
-    m_referencesAtLead = m_clock.count();
+    m_lead.references = m_clock.count();
     // Where many null packets are sent there is room: the video is only sent late.
     constexpr std::uint64_t ROOM = 10; // one of so many
-    const bool full = (m_nullPackets - m_nullPacketsAtLead) * ROOM < m_packets - m_packetsAtLead;
-    m_nullPacketsAtLead = m_nullPackets;
-    m_packetsAtLead = m_packets;
-    const bool late = *ahead < 0 && full;
-    m_lateInARow = late ? m_lateInARow + 1 : 0;
-    m_tooSmall = m_tooSmall || m_lateInARow >= IN_A_ROW;
+    const bool full = (m_nullPackets - m_lead.nullPackets) * ROOM < m_packets - m_lead.packets;
+    m_lead.nullPackets = m_nullPackets;
+    m_lead.packets = m_packets;
+    m_lead.lateInARow = *ahead < 0 && full ? m_lead.lateInARow + 1 : 0;
+    m_lead.late = m_lead.late || m_lead.lateInARow >= IN_A_ROW;
+
+    const PTS clock = ofReference(m_lastClock);
+    const std::uint64_t jumps = m_clock.jumps() + m_clock.newTimeBases();
+    if (!m_lead.dts.is_absent()) {
+        // What is off by little, and then no more, counts both ways, and comes to nothing.
+        const std::int64_t decoded = unwrapped(rawDts, m_lead.dts) - m_lead.dts;
+        const std::int64_t sent = unwrapped(clock, m_lead.clock) - m_lead.clock;
+        const bool jumped = jumps != m_lead.jumps && std::abs(sent) > longLeap;
+        if (!jumped && std::abs(decoded - sent) <= longLeap) {
+            m_lead.decoded += decoded;
+            m_lead.sent += sent;
+        }
+    }
+    m_lead.dts = rawDts;
+    m_lead.clock = clock;
+    m_lead.jumps = jumps;
 }
 
 double Analysis::now() const {

@@ -72,12 +72,6 @@ double Analysis::seconds() const {
     return end - begin;
 }
 
-double Analysis::secondsOfPictures() const {
-    const double rate = m_video == nullptr ? 0 : m_video->format().rate();
-    const double counted = rate <= 0 ? videoSeconds() : static_cast<double>(m_video->fields()) / 2 / rate;
-    return seconds() - std::max(0.0, videoSeconds() - counted);
-}
-
 double Analysis::videoBitsPerSecond() const {
     const double duration = videoSeconds();
     if (duration <= 0)
@@ -93,21 +87,27 @@ double Analysis::videoBitsPerSecond() const {
     return bits / duration;
 }
 
+double Analysis::neededShare() const {
+    // The decoder's buffer lets single pictures come later than the mean, for fractions of a second: the lead
+    // over the clock rises and falls with their sizes, and where it is short, some come late.
+    constexpr std::int64_t SWING = PTS::units_per_second / 2;
+    constexpr double TOLERANCE = 0.01;
+    const std::int64_t lost = m_lead.sent - m_lead.decoded;
+    if (!m_lead.late || m_lead.decoded <= 0 || lost <= SWING)
+        return 1;
+    const double share = static_cast<double>(m_lead.sent) / static_cast<double>(m_lead.decoded);
+    return share > 1 + TOLERANCE ? share : 1;
+}
+
 double Analysis::muxBitsPerSecond() const {
     // The streams begin and end up to a second behind the packets that bear them: no number of seconds gives
     // a constant rate exactly, which a limit may be just as high as.
     const auto rate = m_clock.rate();
-    const bool constant = rate && (m_nullPackets > 0 || rate->farthestUs <= ClockCheck::jitterLimitUs);
-    const double byClock = constant ? std::round(rate->packetsPerSecond * ts::packet_size * 8) : 0;
-    if (constant && !m_tooSmall)
-        return byClock;
-    // The hours between two files that are joined would hide that the multiplex is too small for either.
-    const double duration = constant ? secondsOfPictures() : seconds();
-    if (duration <= 0)
-        return byClock;
-    // What comes too late for a while only needs no more than the clock's rate on the whole.
-    return std::max(byClock,
-                    static_cast<double>(m_packets - m_packetsBefore) * ts::packet_size * 8 / duration);
+    if (rate && (m_nullPackets > 0 || rate->farthestUs <= ClockCheck::jitterLimitUs))
+        return std::round(rate->packetsPerSecond * ts::packet_size * 8 * neededShare());
+    const double duration = seconds();
+    return duration <= 0 ? 0
+                         : static_cast<double>(m_packets - m_packetsBefore) * ts::packet_size * 8 / duration;
 }
 
 bool Analysis::constantBitRate() const {
