@@ -201,11 +201,12 @@ void queries(const std::string& clip) {
 }
 
 // Peak of a run of the stream worker, in KiB.
-long peakOf(const BenchDirectory& directory, std::vector<std::string> words) {
+long peakOf(const BenchDirectory& directory, const std::vector<std::string>& words) {
     const std::string file = directory.path("peak");
-    words.insert(words.begin(), KESTREL_STREAM_WORKER);
-    words.insert(words.end(), {"--peak", file});
-    program(words);
+    std::vector<std::string> command{KESTREL_STREAM_WORKER};
+    command.insert(command.end(), words.begin(), words.end());
+    command.insert(command.end(), {"--peak", file});
+    program(command);
     long peak = 0;
     std::ifstream(file) >> peak;
     return peak;
