@@ -27,14 +27,15 @@ constexpr int KEEP_ALIVE_IDLE_SECONDS = 60;
 constexpr int KEEP_ALIVE_INTERVAL_SECONDS = 10;
 constexpr int KEEP_ALIVE_PROBES = 6;
 
-void watchPeer(int socket) {
-    const auto set = [socket](int level, int option, int value) {
-        return setsockopt(socket, level, option, &value, sizeof value) == 0;
+// Of a listener, whose connections have it from there.
+void watchPeers(int listener) {
+    const auto set = [listener](int level, int option, int value) {
+        return setsockopt(listener, level, option, &value, sizeof value) == 0;
     };
     if (!set(SOL_SOCKET, SO_KEEPALIVE, 1) || !set(IPPROTO_TCP, TCP_KEEPIDLE, KEEP_ALIVE_IDLE_SECONDS) ||
         !set(IPPROTO_TCP, TCP_KEEPINTVL, KEEP_ALIVE_INTERVAL_SECONDS) ||
         !set(IPPROTO_TCP, TCP_KEEPCNT, KEEP_ALIVE_PROBES))
-        LogUtil::Warning(MODULE, "A connection cannot be watched for the end of its host: errno %d", errno);
+        LogUtil::Warning(MODULE, "Connections cannot be watched for the end of their hosts: errno %d", errno);
 }
 
 } // namespace
@@ -142,6 +143,7 @@ int CSocketManager::establish(unsigned short port) {
         LogUtil::Error(MODULE, "bind failed with error %d", errno);
         return -1;
     }
+    watchPeers(listener.get());
     // Two sockets may be bound to one port before either listens; the second then fails here.
     if (listen(listener.get(), m_backlog) != 0) {
         LogUtil::Error(MODULE, "listen failed with error %d", errno);
@@ -201,7 +203,6 @@ void CSocketManager::acceptOne() {
         return;
     }
     m_acceptFailing = false;
-    watchPeer(socket);
     LogUtil::Debug(MODULE, "CSocketManager.startSocketServer - got a valid connection");
     int slot = -1;
     createSocketHelper(slot, socket);
