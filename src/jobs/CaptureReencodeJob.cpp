@@ -11,7 +11,6 @@
 #include "resources/ResourceMgr.h"
 
 #include <cerrno>
-#include <cmath>
 #include <cstring>
 #include <fcntl.h>
 #include <string>
@@ -37,7 +36,7 @@ std::string unreadable(const char* file) {
 bool isUntimed(char* file) {
     H264::SequenceParameterSet set;
     grab_h264_header::getSequenceParams(file, set, 0);
-    return set.num_units_in_tick == 3003 && set.time_scale == 180'000;
+    return set.num_units_in_tick == set.UNTIMED_UNITS_IN_TICK && set.time_scale == set.UNTIMED_TIME_SCALE;
 }
 
 } // namespace
@@ -115,7 +114,7 @@ int CaptureReencodeJob::validateMezzanine() {
     };
     // What is known of an H.264 file whose parameter set is not read as far as its timing.
     constexpr double UNREAD_TIMING = 0.5;
-    constexpr double NTSC = 30'000.0 / 1001;
+    constexpr int CODE_OF_29_97 = 4;
     constexpr const char* AT_THE_LOWEST = "The marks are judged as at 23.976 frames a second.";
     if (framesPerSecond < 0)
         tell("names a frame rate that does not exist.", AT_THE_LOWEST);
@@ -124,7 +123,7 @@ int CaptureReencodeJob::validateMezzanine() {
     else if (framesPerSecond == 0)
         tell(reason.empty() ? "has no video whose frame rate can be read." : reason,
              "The source is the reason of the refusal, not the marks.");
-    else if (std::abs(framesPerSecond - NTSC) < 0.001 && isUntimed(sourceFile))
+    else if (MpegWrapper::GetFrameRateCode(framesPerSecond) == CODE_OF_29_97 && isUntimed(sourceFile))
         tell("has H.264 video that does not tell its frame rate.",
              "The marks are judged as at 29.97 frames a second.");
     return code;

@@ -84,6 +84,8 @@ public:
     // a second) when it has no timing.
     std::int64_t num_units_in_tick = -1;
     std::int64_t time_scale = -1;
+    static constexpr std::int64_t UNTIMED_UNITS_IN_TICK = 3003;
+    static constexpr std::int64_t UNTIMED_TIME_SCALE = 180'000;
 
 private:
     void skip_high_profile(VBDecode& bits) const;

@@ -9,8 +9,6 @@ constexpr int FRAME_CROPPING_OFFSETS = 4;
 constexpr int SCALING_LIST_FLAGS = 8;
 constexpr int EXTENDED_SAR = 255;
 // What a stream without timing is taken for: 29.97 frames a second.
-constexpr std::int64_t DEFAULT_UNITS_IN_TICK = 3003;
-constexpr std::int64_t DEFAULT_TIME_SCALE = 180'000;
 
 // The profiles whose parameter sets have the chroma and scaling fields, as far as they are recognised; later
 // ones are deliberately read like the main profile, so that what is told of a file does not change.
@@ -40,8 +38,8 @@ H264::SequenceParameterSet::SequenceParameterSet(byte_sequence& rbsp, int start_
     skip_picture_size(bits);
     const bool timed = bits.bit() != 0 && parse_vui(bits); // vui_parameters_present_flag
     if (!timed) {
-        num_units_in_tick = DEFAULT_UNITS_IN_TICK;
-        time_scale = DEFAULT_TIME_SCALE;
+        num_units_in_tick = UNTIMED_UNITS_IN_TICK;
+        time_scale = UNTIMED_TIME_SCALE;
     }
 }
 
