@@ -65,11 +65,18 @@ protected:
         m_frameTime = 40ms / perFrame();
         beginSilent(r);
     }
-    Recording recordingOf(int wanted) {
+    // sourceTime: where the source's frames take longer than their number tells.
+    Recording recordingOf(int wanted, std::optional<std::int64_t> sourceTime = std::nullopt) {
         m_file = m_directory.path(std::to_string(++m_recordings) + ".ts");
         RecordingPlan asked = plan();
         asked.wantedFrames = static_cast<std::uint64_t>(wanted);
+        asked.sourceTime = sourceTime.value_or(asked.sourceTime);
         return recording(asked);
+    }
+    void play(Recording& r, const std::vector<CodedFrame>& fed) {
+        feed(r, fed);
+        r.sourceEnded(m_now);
+        pass(r, 6s);
     }
     static std::vector<std::string> sources(int wanted) {
         return labelsFrom("00:00:00:00", wanted * perFrame(), GetParam().rateCode);
@@ -97,9 +104,7 @@ TEST_P(ByCount, HasEachFrameOfTheSourceAndNoMoreThanItMust) {
             const std::vector<std::string> all = sources(wanted);
             if (!goesOn)
                 fed.resize(lastAt(fed, all) + 1);
-            feed(r, fed);
-            r.sourceEnded(m_now);
-            pass(r, 6s);
+            play(r, fed);
             expectRecorded(r);
             EXPECT_THAT(recordedOf(fed), testing::IsSupersetOf(all));
             EXPECT_LE(fileFrames(), all.size() + 1 + static_cast<std::size_t>(shape().delay));
@@ -110,20 +115,14 @@ TEST_P(ByCount, HasEachFrameOfTheSourceAndNoMoreThanItMust) {
 TEST_P(ByCount, HasAFilmToTheEndThoughItReturnsMoreFramesThanTheSourceHas) {
     for (const bool goesOn : {true, false}) {
         SCOPED_TRACE(goesOn);
-        m_file = m_directory.path(std::to_string(++m_recordings) + ".ts");
-        RecordingPlan asked = plan();
-        asked.wantedFrames = 80;
-        asked.sourceTime = 4 * PTS::units_per_second;
-        Recording r = recording(asked);
+        Recording r = recordingOf(80, 4 * PTS::units_per_second);
         begin(r);
         LabelledStream stream(shape());
         std::vector<CodedFrame> fed = stream.frames(300);
         const std::vector<std::string> all = sources(100);
         if (!goesOn)
             fed.resize(lastAt(fed, all) + 1);
-        feed(r, fed);
-        r.sourceEnded(m_now);
-        pass(r, 6s);
+        play(r, fed);
         expectRecorded(r);
         EXPECT_THAT(recordedOf(fed), testing::IsSupersetOf(all));
     }
@@ -141,11 +140,7 @@ TEST_P(ByCount, TellsThatFramesOfAFilmWereLost) {
         // The last may be shown for less than its time.
         if (count == 1 && perFrame() > 1)
             continue;
-        m_file = m_directory.path(std::to_string(++m_recordings) + ".ts");
-        RecordingPlan asked = plan();
-        asked.wantedFrames = 80;
-        asked.sourceTime = 4 * PTS::units_per_second;
-        Recording r = recording(asked);
+        Recording r = recordingOf(80, 4 * PTS::units_per_second);
         begin(r);
         LabelledStream stream(shape());
         std::vector<CodedFrame> fed = stream.frames(100 * perFrame() + 20);
@@ -156,9 +151,7 @@ TEST_P(ByCount, TellsThatFramesOfAFilmWereLost) {
         std::erase_if(fed, [&gone](const CodedFrame& frame) {
             return std::find(gone.begin(), gone.end(), frame.label) != gone.end();
         });
-        feed(r, fed);
-        r.sourceEnded(m_now);
-        pass(r, 6s);
+        play(r, fed);
         expectFailed(r, "Error: ");
         EXPECT_THAT(r.status().text, HasSubstr(" frames came back. "));
     }
@@ -167,13 +160,8 @@ TEST_P(ByCount, TellsThatFramesOfAFilmWereLost) {
 TEST_P(ByCount, HasAFilmThatComesBackAsItIs) {
     if (perFrame() > 1)
         return;
-    RecordingPlan asked = plan();
-    asked.wantedFrames = 80;
-    asked.sourceTime = 4 * PTS::units_per_second;
     for (const int lost : {0, 1}) {
-        m_file = m_directory.path(std::to_string(++m_recordings) + ".ts");
-        asked.output = m_file;
-        Recording r = recording(asked);
+        Recording r = recordingOf(80, 4 * PTS::units_per_second);
         begin(r);
         LabelledStream stream(shape());
         std::vector<CodedFrame> fed = stream.frames(120);
@@ -182,9 +170,7 @@ TEST_P(ByCount, HasAFilmThatComesBackAsItIs) {
             const auto at = std::find(labels.begin(), labels.end(), frame.label) - labels.begin();
             return at == 100 || at % 5 == 3 || (lost != 0 && at == 41);
         });
-        feed(r, fed);
-        r.sourceEnded(m_now);
-        pass(r, 6s);
+        play(r, fed);
         if (lost == 0)
             expectRecorded(r);
         else
@@ -196,17 +182,11 @@ TEST_P(ByCount, HasAFilmThatComesBackAsItIs) {
 TEST_P(ByCount, HasTheLastFrameOfASourceInWhichOneIsMissing) {
     for (int frames = 90; frames < 105; ++frames) {
         SCOPED_TRACE(frames);
-        m_file = m_directory.path(std::to_string(++m_recordings) + ".ts");
-        RecordingPlan asked = plan();
-        asked.wantedFrames = static_cast<std::uint64_t>(frames - 1);
-        asked.sourceTime = frames * PTS::units_per_second / 25;
-        Recording r = recording(asked);
+        Recording r = recordingOf(frames - 1, frames * PTS::units_per_second / 25);
         begin(r);
         LabelledStream stream(shape());
         const std::vector<CodedFrame> fed = stream.frames(300);
-        feed(r, fed);
-        r.sourceEnded(m_now);
-        pass(r, 6s);
+        play(r, fed);
         expectRecorded(r);
         EXPECT_THAT(recordedOf(fed), testing::IsSupersetOf(sources(frames)));
     }
@@ -227,9 +207,7 @@ TEST_P(ByCount, TellsThatTheLastFrameWasLost) {
                 return frame.label == all[all.size() - 1 - i];
             })->packets.clear();
         std::erase_if(fed, [](const CodedFrame& frame) { return frame.packets.empty(); });
-        feed(r, fed);
-        r.sourceEnded(m_now);
-        pass(r, 6s);
+        play(r, fed);
         // At another rate the last may be shown for less than its time.
         expectFailed(r, "Error: " + std::to_string(all.size() - lost) + " of " +
                             std::to_string(all.size() + 1 - static_cast<unsigned>(perFrame())) +
@@ -264,9 +242,7 @@ TEST_P(ByCount, WithoutTimestampsHasSomeFramesMore) {
         LabelledStream stream(shape());
         const std::vector<CodedFrame> fed = unstamped(stream.frames(300));
         const std::vector<std::string> all = sources(wanted);
-        feed(r, fed);
-        r.sourceEnded(m_now);
-        pass(r, 6s);
+        play(r, fed);
         expectRecorded(r);
         EXPECT_THAT(labelsOf(readPackets(m_file), GetParam().rateCode), testing::IsSupersetOf(all));
         EXPECT_LE(fileFrames(), all.size() + 4);
