@@ -70,7 +70,8 @@ public:
                 one.push_back(0);
             one.resize(4 + 1 + field, 0xFF);
         }
-        bytes = bytes + one + payload;
+        append(one);
+        append(payload);
         return *this;
     }
     // A PES packet in as many packets as it takes.
@@ -99,24 +100,26 @@ public:
                   byte(static_cast<int>(base & 1) << 7 | 0x7E | extension >> 8),
                   byte(extension)};
         one.resize(188, 0xFF);
-        bytes = bytes + one;
+        append(one);
         return *this;
     }
     Multiplex& null() {
         Bytes one{0x47, 0x1F, 0xFF, 0x10};
         one.resize(188, 0xFF);
-        bytes = bytes + one;
+        append(one);
         return *this;
     }
     // The latest packet once more.
     Multiplex& again() {
-        bytes = bytes + Bytes(bytes.end() - 188, bytes.end());
+        append(Bytes(bytes.end() - 188, bytes.end()));
         return *this;
     }
     [[nodiscard]] std::size_t packets() const { return bytes.size() / 188; }
 
 private:
     static unsigned char byte(int value) { return static_cast<unsigned char>(value); }
+    // In place: a multiplex of minutes grows by some hundred thousand packets.
+    void append(const Bytes& more) { bytes.insert(bytes.end(), more.begin(), more.end()); }
 
     std::map<int, int> m_counters;
 };
