@@ -8,7 +8,6 @@ namespace {
 constexpr int FRAME_CROPPING_OFFSETS = 4;
 constexpr int SCALING_LIST_FLAGS = 8;
 constexpr int EXTENDED_SAR = 255;
-// What a stream without timing is taken for: 29.97 frames a second.
 
 // The profiles whose parameter sets have the chroma and scaling fields, as far as they are recognised; later
 // ones are deliberately read like the main profile, so that what is told of a file does not change.
