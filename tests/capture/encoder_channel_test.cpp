@@ -221,4 +221,23 @@ TEST_F(EncoderChannelTest, WhereNothingIsRecordedWhatCameInsteadIsTold) {
     EXPECT_EQ(channel.losses(), ", 2 datagrams were no transport stream");
 }
 
+// Its receiver ends first and wakes the writer too: whichever of the two the writer sees, it must see the
+// end.
+TEST_F(EncoderChannelTest, EndsWhenItIsToldToBeforeItIsArmed) {
+    m_plan.mode = CaptureMode::marks;
+    m_plan.markIn = "10:00:05:00";
+    m_plan.markOut = "10:00:05:24";
+    m_plan.armed = false;
+    m_plan.overwrite = true;
+    for (int i = 0; i < 300; ++i) {
+        EncoderChannel channel(m_source, m_plan, m_turned);
+        ASSERT_FALSE(channel.open());
+        ASSERT_FALSE(channel.start());
+        i % 2 == 0 ? channel.cancel() : channel.stop();
+        ASSERT_TRUE(waitFor(channel, [](const RecordingStatus& status) {
+            return status.state == RecordingState::ended;
+        })) << i;
+    }
+}
+
 } // namespace

@@ -112,11 +112,12 @@ void EncoderChannel::join() {
 void EncoderChannel::write() noexcept {
     try {
         while (m_recording.state() != RecordingState::ended) {
+            // First of all: what is signalled from here on ends the wait below.
+            m_arrived.clear();
             // Read before the ring is emptied: what came before the end is written.
             const End end = m_end.load(std::memory_order_acquire);
             // Likewise: what had been lost by then lies before all packets that come after those in the ring.
             const Losses losses = currentLosses();
-            m_arrived.clear();
             carryOut();
             while (m_recording.state() != RecordingState::ended && takePortion())
                 attend();
