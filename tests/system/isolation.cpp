@@ -64,24 +64,36 @@ bool serviceRuns() {
     return false;
 }
 
-bool enterNamespaces() {
-    const std::string build = buildDirectoryInTmp();
-    if (unshare(CLONE_NEWIPC | CLONE_NEWNS) != 0)
-        return false;
+// A private /tmp that still shows the build, and in it the directory of this namespace's queues.
+bool mountPrivateNames(const std::string& build) {
     // Opened inside the new namespace: a directory of another one cannot be mounted here.
     const UniqueFd kept(build.empty() ? -1 : open(build.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    // Without this the tmpfs below would also appear in the host's /tmp.
+    // Without the first this tmpfs would also appear in the host's /tmp.
     if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
         mount("tmpfs", "/tmp", "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777") != 0)
-        fail("a private /tmp cannot be mounted");
+        return false;
     if (mkdir(PRIVATE_QUEUES, 0755) != 0 || mount("mqueue", PRIVATE_QUEUES, "mqueue", 0, nullptr) != 0)
-        fail("the queues' directory cannot be mounted");
+        return false;
     const std::string source = "/proc/self/fd/" + std::to_string(kept.get());
-    if (kept.valid() && (mkdir(build.c_str(), 0755) != 0 ||
-                         mount(source.c_str(), build.c_str(), nullptr, MS_BIND, nullptr) != 0))
-        fail("the build directory cannot be kept in /tmp");
-    isolated = true;
-    return true;
+    return !kept.valid() || (mkdir(build.c_str(), 0755) == 0 &&
+                             mount(source.c_str(), build.c_str(), nullptr, MS_BIND, nullptr) == 0);
+}
+
+// A container may allow the namespaces and refuse to mount in them: then this process goes back to its own.
+bool enterNamespaces() {
+    const std::string build = buildDirectoryInTmp();
+    const UniqueFd ownNames(open("/proc/self/ns/ipc", O_RDONLY | O_CLOEXEC));
+    const UniqueFd ownMounts(open("/proc/self/ns/mnt", O_RDONLY | O_CLOEXEC));
+    const std::filesystem::path directory = std::filesystem::current_path();
+    if (unshare(CLONE_NEWIPC | CLONE_NEWNS) != 0)
+        return false;
+    isolated = mountPrivateNames(build);
+    if (isolated)
+        return true;
+    if (setns(ownMounts.get(), CLONE_NEWNS) != 0 || setns(ownNames.get(), CLONE_NEWIPC) != 0)
+        fail("the former namespaces cannot be entered again");
+    std::filesystem::current_path(directory); // which setns changes
+    return false;
 }
 
 // Whether a name has the number of a job between these two. Where names are shared: a small number, as the
