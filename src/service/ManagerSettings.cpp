@@ -3,6 +3,7 @@
 #include "foundation/ErrnoText.h"
 #include "foundation/ErrorCodes.h"
 #include "foundation/FixedText.h"
+#include "foundation/Mutex.h"
 #include "foundation/StringUtil.h"
 #include "service/ManagerLib.h"
 
@@ -18,6 +19,7 @@
 #include <string_view>
 #include <sys/stat.h>
 #include <tinyxml.h>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -262,15 +264,26 @@ std::optional<LoggingSection> readLogging(ProfileReader& profile, BaseLogger::_L
     return section;
 }
 
-Mutex logFailureMutex;
-std::string& lastLogFailure() {
-    static std::string* const text = new std::string;
-    return *text;
-}
+// Why the log could not be opened; empty when it could.
+class LogFailureText {
+public:
+    void set(std::string text) EXCLUDES(m_mutex) {
+        MutexLock lock(m_mutex);
+        m_text = std::move(text);
+    }
+    std::string get() EXCLUDES(m_mutex) {
+        MutexLock lock(m_mutex);
+        return m_text;
+    }
 
-void setLogFailure(const std::string& text) {
-    MutexLock lock(logFailureMutex);
-    lastLogFailure() = text;
+private:
+    Mutex m_mutex;
+    std::string m_text GUARDED_BY(m_mutex);
+};
+
+LogFailureText& logFailure() {
+    static LogFailureText* const text = new LogFailureText;
+    return *text;
 }
 
 // A log that cannot be opened stops nothing, and is what no log can tell. Opening the file is the last that
@@ -280,8 +293,8 @@ void openLog(LogUtil& log, const char* path) {
     if (log.addFileLogger(path))
         return;
     const int reason = errno;
-    setLogFailure("the log " + std::string(path) + " cannot be opened: " + kestrel::errnoText(reason) +
-                  "; the service runs without it");
+    logFailure().set("the log " + std::string(path) + " cannot be opened: " + kestrel::errnoText(reason) +
+                     "; the service runs without it");
 }
 
 void setUpLogging(const LoggingSection& section, const char* defaultLogFile) {
@@ -351,7 +364,7 @@ int readProfile(CManagerLib::KestrelManagerSettings& settings, Logging logging, 
                 BaseLogger::_LogLevel defaultLevel, std::string& problem) {
     setDefaults(settings);
     if (logging == Logging::setUp)
-        setLogFailure({});
+        logFailure().set({});
     TiXmlDocument document;
     if (const auto unread = kestrel::xmlFileProblem(profilePath().c_str(), document)) {
         problem = *unread;
@@ -391,8 +404,7 @@ int CManagerLib::ServicePort() {
 }
 
 std::string CManagerLib::LogFailure() {
-    MutexLock lock(logFailureMutex);
-    return lastLogFailure();
+    return logFailure().get();
 }
 
 void CManagerLib::loadSettings() {
