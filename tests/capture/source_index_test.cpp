@@ -85,6 +85,38 @@ TEST(SourceIndex, TellsHowLongItIsAndWhetherItIsOfOneKind) {
     EXPECT_FALSE(written(slow, avc).uniform);
 }
 
+// Where frames were lost the one before is shown for longer.
+TEST(SourceIndex, TellsWhenFramesAreShownThatTakeLongerThanTheirNumberTells) {
+    TemporaryDirectory directory;
+    constexpr std::int64_t period = PTS::units_per_second / 25;
+    for (const bool avc : {false, true})
+        for (const int bFrames : {0, 2}) {
+            SCOPED_TRACE(std::to_string(bFrames) + (avc ? " H264" : ""));
+            std::vector<CodedFrame> frames =
+                LabelledStream({.gop = 10, .bFrames = bFrames, .avc = avc}).frames(50);
+            const auto shown = [&] {
+                capture_test::writePackets(join(frames), directory.path("source.ts"));
+                return indexOf(directory.path("source.ts")).shown;
+            };
+            EXPECT_THAT(shown(), testing::IsEmpty());
+            std::erase_if(frames, [](const CodedFrame& frame) {
+                return frame.label == "10:00:00:14" || frame.label == "10:00:01:08";
+            });
+            std::vector<std::int64_t> places;
+            for (int at = 0; at < 50; ++at)
+                if (at != 14 && at != 33)
+                    places.push_back(at * period);
+            EXPECT_EQ(shown(), places);
+            // The timestamps of one frame are missing.
+            for (Packet& packet : frames[20].packets)
+                if (pid(packet) == videoPid && (packet[1] & 0x40) != 0 && packet[11] != 0) {
+                    packet[11] = 0;
+                    std::fill_n(packet.begin() + 13, 10, static_cast<unsigned char>(0xFF));
+                }
+            EXPECT_THAT(shown(), testing::IsEmpty());
+        }
+}
+
 TEST(LabelledFrames, OfH264GoFromTheAccessPointItself) {
     TemporaryDirectory directory;
     for (const bool open : {false, true}) {

@@ -4,6 +4,7 @@
 #include "FrameLabels.h"
 #include "MarkedRange.h"
 #include "OwnLabels.h"
+#include "PlayedPlaces.h"
 #include "RecordingClock.h"
 #include "RecordingPlan.h"
 #include "SourceLabels.h"
@@ -23,10 +24,11 @@ namespace kestrel::capture {
 // - by labels, where those of the source count its frames one by one and come back so: each of them has been
 //   seen as one of the source's own (see OwnLabels). An encoder that was silent goes by count until they
 //   come: then its first frame is one of theirs, or they tell which frame was the source's first;
-// - else by count: as many frames as the source has, or as its time has where that is longer. Frames of
-//   another rate or codec than the source's, once that was there, do not count, and neither do those that
-//   are shown before its first or behind its last: one of these is coded before the last ones where frames
-//   are coded in another order than they are shown;
+// - else by count: as many frames as the source has. Where its time is longer than these take, each of them
+//   at its own place, or one for each period of that time. Frames of another rate or codec than the
+//   source's, once that was there, do not count, and neither do those that are shown before its first or
+//   behind its last: one of these is coded before the last ones where frames are coded in another order than
+//   they are shown;
 // - by time it is never known, and the results say so.
 // Rather some frames too many are taken than one too few.
 //
@@ -42,6 +44,7 @@ public:
         RecordingClock::Place place;
         Clock::time_point came;
         std::int64_t shown = 0; // by the stream's clock
+        std::size_t noted = 0;  // frames before it of which it is noted when they are shown
     };
     // The frame that begins, or began last.
     struct Frame {
@@ -103,7 +106,7 @@ public:
     [[nodiscard]] const SourceLabels& sourceLabels() const noexcept { return m_sourceLabels; }
 
     // Points that are held until it is known which is the one.
-    void hold(const Point& point) { m_points.push_back(point); }
+    void hold(const Point& point);
     void dropPoints() { m_points.clear(); }
     [[nodiscard]] bool holdsPoint() const noexcept { return !m_points.empty(); }
     // Whether the stream's timecodes have become the source's.
@@ -137,9 +140,18 @@ public:
     // It is over, whatever still comes: all that was played must have come back.
     [[nodiscard]] bool late(Clock::time_point now) const;
     // What is to be said of a whole source: by what it was found, what is missing. ended: nothing more comes.
-    [[nodiscard]] std::string describe(int recordedRate, bool ended) const;
+    [[nodiscard]] std::string describe(int recordedRate, std::uint64_t frames, bool ended) const;
 
 private:
+    // Frames by which what is coded may lag behind what is shown.
+    static constexpr std::int64_t mostReordered = 4;
+    // Pictures of H.264 that can be kept back until they are shown (ITU-T H.264, A.3.1: MaxDpbFrames).
+    static constexpr std::int64_t mostDelayed = 16;
+    // To the nearest.
+    [[nodiscard]] static std::int64_t framesOf(std::int64_t time, std::int64_t period) {
+        return (time + (time < 0 ? -period : period) / 2) / period;
+    }
+
     [[nodiscard]] std::optional<std::int64_t> position(const Frame& frame);
     [[nodiscard]] bool dropsFrames() const;
     void takeOwn(const std::vector<OwnLabels::Range>& ranges);
@@ -165,7 +177,13 @@ private:
     [[nodiscard]] std::int64_t shownEnd() const noexcept { return m_firstShown + m_wanted; }
     [[nodiscard]] bool shownBehind(const Frame& frame) const;
     [[nodiscard]] bool countComplete(std::uint64_t frames) const;
-    [[nodiscard]] bool cameAsItIs(std::uint64_t frames) const;
+    void notePlace(const Frame& frame);
+    [[nodiscard]] bool sourceJumps(const ReturnedLabel& label);
+    [[nodiscard]] bool longer() const noexcept;
+    [[nodiscard]] bool tooFew(int recordedRate) const noexcept;
+    [[nodiscard]] std::optional<std::uint64_t> cameAsItIs() const;
+    [[nodiscard]] std::uint64_t onePerPeriod() const;
+    [[nodiscard]] bool notKnown(int recordedRate, std::uint64_t frames) const;
     [[nodiscard]] bool lastDecoded(const Frame& frame, std::uint64_t frames) const;
     [[nodiscard]] bool playedFor(Clock::time_point now) const;
     [[nodiscard]] bool labelledEndCame(const Frame& frame) const;
@@ -195,6 +213,8 @@ private:
     MarkedRange m_range; // of the source's labels
     OwnLabels m_own;
     bool m_recording = false;
+    std::optional<std::int64_t> m_firstLine;  // when the source's first frame is shown, by its first timecode
+    bool m_jumps = false;                     // by the next ones it is shown at another time
     int m_video = 0;                          // of what is recorded
     bool m_rateVaried = false;                // its frame rate has changed
     std::optional<std::int64_t> m_firstTaken; // label of its first frame
@@ -232,13 +252,15 @@ private:
     std::int64_t m_period = 0;           // of the last one recorded
     std::int64_t m_firstShown = 0;       // the first that is shown
     std::vector<std::int64_t> m_early;   // those that come first; any may turn out to be it
-    std::int64_t m_lastShown = 0;        // the last of those that are not behind the source's last
     // By the clock of the labels: the first that is shown, and the one that came first. The random access
     // points that came last.
     std::int64_t m_firstSeen = 0;
     std::int64_t m_beginShown = 0;
     unsigned m_seen = 0;
     std::vector<Point> m_groups;
+    // Of a source whose frames take longer than their number tells; and by labels, when its first is shown.
+    PlayedPlaces m_places;
+    std::int64_t m_sourceShown = 0;
 };
 
 } // namespace kestrel::capture

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace kestrel::capture {
 
@@ -27,6 +28,7 @@ struct RecordingPlan {
     // than their number tells: some of a film are shown for three fields.
     bool sourceUniform = true;
     std::int64_t sourceTime = 0;
+    std::vector<std::int64_t> sourceShown; // then: see SourceIndex::shown
     // Marks: each label from mark-in to mark-out is that of a frame of the source.
     bool everyLabel = true;
     std::uint64_t labelledFrames = 0;

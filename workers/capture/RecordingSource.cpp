@@ -172,7 +172,7 @@ std::string Recording::describePlayed() const {
         return ", ended before it was known whether its timecodes are the source's";
     if (m_plan.mode == CaptureMode::marks)
         return m_labels.origin() == LabelOrigin::deck ? ", counted from when the play-out began" : "";
-    return m_played.describe(recordedRate(), m_complete);
+    return m_played.describe(recordedRate(), m_file.frames(), m_complete);
 }
 
 } // namespace kestrel::capture

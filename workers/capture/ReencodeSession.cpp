@@ -109,6 +109,7 @@ MaybeFailure ReencodeSession::planRecording(RecordingPlan& plan, PlayOutPlan& pl
     plan.sourceRateCode = m_index.frameRateCode;
     plan.sourceUniform = m_index.uniform;
     plan.sourceTime = m_index.time;
+    plan.sourceShown = m_index.shown;
     // An encoder that is not given the source's timecode puts one of its own into the stream.
     plan.useStreamLabels = settings.vtr.vitcSupport;
     plan.source = settings.cmd.sourceFile;

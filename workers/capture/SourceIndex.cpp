@@ -2,6 +2,7 @@
 
 #include "FrameCount.h"
 #include "PacketWindow.h"
+#include "PlayedPlaces.h"
 #include "SourceFile.h"
 #include "foundation/ErrorCodes.h"
 #include "mpeg/mpeg2.h"
@@ -18,6 +19,7 @@ namespace {
 constexpr int dropFlag = 1 << 24; // of the 25 bits of a GOP's timecode
 // A day of pictures that are all random access points.
 constexpr std::size_t mostPoints = 6'000'000;
+constexpr std::size_t mostFrames = mostPoints;
 
 class Indexer {
 public:
@@ -32,10 +34,13 @@ public:
     }
     void finish() {
         m_frames.finish();
-        settle(m_frames.unit(), m_frames.framesBefore());
         m_index.frames = m_frames.frames();
         m_index.frameRateCode = m_frames.frameRateCode();
-        m_index.time = m_frames.time() - m_firstTime;
+        const std::uint64_t before = m_frames.framesBefore();
+        const std::int64_t end = m_frames.time(); // the last unit has its place by then
+        settle(m_frames.unit(), before);
+        m_index.time = end - m_firstTime;
+        finishShown();
     }
 
 private:
@@ -45,6 +50,8 @@ private:
         if (unit.frames > 0 && !unit.randomAccess && !m_index.points.empty() &&
             isBefore(unit.pts, m_pointShown))
             ++m_index.points.back().leading;
+        if (!m_index.points.empty() || unit.randomAccess)
+            noteShown(unit);
         if (!unit.randomAccess || m_index.points.size() >= mostPoints)
             return;
         if (m_index.points.empty())
@@ -57,6 +64,23 @@ private:
     static bool isBefore(PTS stamp, PTS other) {
         constexpr std::int64_t wrap = std::int64_t{4} << 33; // the 33-bit clock in PTS units
         return !stamp.is_absent() && !other.is_absent() && ((stamp - other) % wrap + wrap) % wrap > wrap / 2;
+    }
+    void noteShown(const VideoUnit& unit) {
+        const auto delay = displayDelay(unit);
+        if (unit.frames == 1 && delay && m_index.shown.size() < mostFrames)
+            m_index.shown.push_back(m_frames.unitTime() + *delay);
+        else if (unit.frames > 0)
+            m_shownUnknown = true;
+    }
+    void finishShown() {
+        auto& shown = m_index.shown;
+        const std::int64_t period = MPEG::SH::decode_PCRs_per_frame(m_index.frameRateCode);
+        if (m_shownUnknown || period <= 0 ||
+            m_index.time <= static_cast<std::int64_t>(shown.size()) * period + period / 2)
+            shown = {};
+        std::sort(shown.begin(), shown.end());
+        for (std::size_t i = shown.size(); i-- > 0;)
+            shown[i] -= shown.front();
     }
     // With the frames before.
     void compare() {
@@ -72,6 +96,7 @@ private:
     FrameCount m_frames;
     std::uint64_t m_unitAt = 0;
     PTS m_pointShown;             // of the last random access point, of H.264
+    bool m_shownUnknown = false;  // when one of the frames is
     std::int64_t m_firstTime = 0; // of the first random access point
     int m_rate = 0;
     VideoCodec m_codec = VideoCodec::none;

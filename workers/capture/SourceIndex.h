@@ -28,6 +28,9 @@ struct SourceIndex {
     std::vector<AccessPoint> points; // in the order of the file
     bool uniform = true;             // one frame rate and one codec throughout
     std::int64_t time = 0; // from the first random access point to the end, by the stream's clock (PTS units)
+    // Where that is longer than their number tells: when the frames from there on are shown, from the first
+    // one, in that order (PTS units). Empty where that is not known of each.
+    std::vector<std::int64_t> shown{};
 };
 
 // Reads the whole file. Ends early, with what was found until then, when cancel is set.

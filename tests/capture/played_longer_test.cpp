@@ -1,0 +1,269 @@
+// Recordings of a source whose frames take longer than their number tells: a film, of which some are shown
+// for three fields, or one that has lost some. An encoder behind a decoder returns a frame for each period of
+// it; what passes it on returns its own. And of a source whose timecodes jump among its first frames.
+#include "capture/played_fixture.h"
+
+#include <algorithm>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <set>
+
+using namespace kestrel::capture;
+using namespace capture_test;
+using namespace std::chrono_literals;
+using testing::HasSubstr;
+using testing::Not;
+
+namespace {
+
+constexpr std::int64_t period = PTS::units_per_second / 25;
+
+class Played : public PlayedRecording {
+protected:
+    static bool startsPicture(const Packet& packet) {
+        return pid(packet) == videoPid && (packet[1] & 0x40) != 0;
+    }
+    // Of these frames, how many are in the file.
+    std::size_t recorded(std::span<const CodedFrame> frames) {
+        std::set<Packet> file;
+        for (const Packet& packet : readPackets(m_file))
+            if (startsPicture(packet))
+                file.insert(packet);
+        return static_cast<std::size_t>(std::count_if(frames.begin(), frames.end(), [&](const auto& frame) {
+            return file.contains(*std::find_if(frame.packets.begin(), frame.packets.end(), startsPicture));
+        }));
+    }
+};
+
+struct Return {
+    const char* name;
+    bool runs; // the encoder sends before
+    LabelledShape shape;
+};
+
+void PrintTo(const Return& what, std::ostream* out) {
+    *out << what.name;
+}
+
+// 80 frames that take 4 s: of each five periods the fourth has none of its own. The timecodes count periods,
+// so they tell where its first frame is, but not which is its last.
+class LongerSource : public Played, public testing::WithParamInterface<Return> {
+protected:
+    int m_periods = 100;
+    static bool isOwn(int at) { return at % 5 != 3; }
+
+    RecordingPlan plan(bool timesKnown = true) {
+        RecordingPlan result = PlayedRecording::plan("10:00:00:00", "10:00:00:24");
+        result.labelledFrames = 25;
+        result.wantedFrames = static_cast<std::uint64_t>(m_periods) - gaps().size();
+        result.sourceTime = m_periods * period;
+        for (int at = 0; at < m_periods && timesKnown; ++at)
+            if (isOwn(at))
+                result.sourceShown.push_back(at * period);
+        m_file = m_directory.path(std::to_string(++m_recordings) + ".ts");
+        return result;
+    }
+    // What comes back of it in a stream that goes on; lost: periods of which no frame comes back.
+    void play(Recording& r, const std::set<int>& lost) {
+        LabelledShape shape = GetParam().shape;
+        shape.gop = 12;
+        shape.timecode = GetParam().runs ? "00:00:00:00" : "10:00:00:00";
+        LabelledStream stream(shape);
+        if (GetParam().runs) {
+            beginRunning(r, stream);
+            feed(r, stream, 9); // until the GOP ends
+            stream.jumpTo("10:00:00:00");
+        } else {
+            beginSilent(r);
+        }
+        const std::vector<std::string> labels = labelsFrom("10:00:00:00", m_periods);
+        for (const CodedFrame& frame : stream.frames(160)) {
+            const auto at = std::find(labels.begin(), labels.end(), frame.label) - labels.begin();
+            if (!lost.contains(static_cast<int>(at)))
+                feed(r, std::vector{frame});
+            else
+                m_now += m_frameTime;
+            if (at == m_periods - 1)
+                r.sourceEnded(m_now);
+        }
+        pass(r, 6s);
+    }
+    // Of the periods in which the source shows a frame for longer.
+    std::set<int> gaps() const {
+        std::set<int> result;
+        for (int at = 0; at < m_periods; ++at)
+            if (!isOwn(at))
+                result.insert(at);
+        return result;
+    }
+    int m_recordings = 0;
+};
+
+TEST_P(LongerSource, IsCompleteWithAFrameForEachPeriod) {
+    Recording r = recording(plan());
+    play(r, {});
+    expectRecorded(r);
+    EXPECT_THAT(r.status().text, Not(HasSubstr("not known")));
+    if (GetParam().runs) {
+        EXPECT_THAT(r.status().text, HasSubstr("by the source's timecodes"));
+    }
+}
+
+TEST_P(LongerSource, IsNotWithAFewerOfThemThoughTheyAreMoreThanTheSourceHas) {
+    for (const std::set<int>& lost : {std::set{50}, std::set{40, 41, 42, 43}, std::set{97, 98}}) {
+        SCOPED_TRACE(lost.size());
+        Recording r = recording(plan());
+        play(r, lost);
+        expectFailed(r, "Error: " + std::to_string(m_periods - static_cast<int>(lost.size())) +
+                            " of 100 frames came back. ");
+    }
+}
+
+// One that is coded before its last and shown behind it does not stand for it.
+TEST_P(LongerSource, IsNotWithoutItsLastFrameWhereverInAGopThatIs) {
+    for (m_periods = 95; m_periods <= 106; ++m_periods)
+        for (const bool lost : {false, true}) {
+            SCOPED_TRACE(std::to_string(m_periods) + (lost ? " lost" : ""));
+            Recording r = recording(plan());
+            play(r, lost ? std::set{m_periods - 1} : std::set<int>{});
+            if (!lost)
+                expectRecorded(r);
+            else
+                expectFailed(r, "Error: " + std::to_string(m_periods - 1) + " of " +
+                                    std::to_string(m_periods) + " frames came back. ");
+        }
+}
+
+TEST_P(LongerSource, IsCompleteWithItsOwnFrames) {
+    Recording r = recording(plan());
+    play(r, gaps());
+    expectRecorded(r);
+    EXPECT_THAT(r.status().text, Not(HasSubstr("not known")));
+}
+
+TEST_P(LongerSource, IsNotWithOneOfThemLess) {
+    for (const int at : {50, 99}) {
+        SCOPED_TRACE(at);
+        std::set<int> lost = gaps();
+        lost.insert(at);
+        Recording r = recording(plan());
+        play(r, lost);
+        expectFailed(r, "Error: 79 of 80 frames came back. ");
+    }
+}
+
+// The gaps are as many, and the last frame is there, but they are not those of the source.
+TEST_P(LongerSource, IsNotWithAsManyFramesAtOtherPlaces) {
+    std::set<int> lost = gaps();
+    lost.erase(48);
+    lost.insert(50);
+    Recording r = recording(plan());
+    play(r, lost);
+    expectFailed(r, "Error: 80 of 100 frames came back. ");
+}
+
+// Where the source does not tell when each of its frames is shown, nothing tells these apart.
+TEST_P(LongerSource, SaysThatItIsNotKnownWhichFramesAreItsOwn) {
+    Recording r = recording(plan(false));
+    play(r, gaps());
+    expectRecorded(r);
+    EXPECT_THAT(r.status().text, HasSubstr("not known whether it is complete"));
+    Recording fewer = recording(plan(false));
+    play(fewer, {50});
+    expectFailed(fewer, "Error: 99 of 100 frames came back. ");
+}
+
+INSTANTIATE_TEST_SUITE_P(Encoders, LongerSource,
+                         testing::Values(Return{"Running", true, {}}, Return{"Silent", false, {}},
+                                         Return{"RunningH264", true, {.avc = true}},
+                                         Return{"RunningWithBFrames", true, {.bFrames = 2}},
+                                         Return{"RunningWithOpenGops", true, {.bFrames = 2, .open = true}},
+                                         Return{"SilentWithBFrames", false, {.bFrames = 2}}),
+                         [](const auto& encoder) { return std::string(encoder.param.name); });
+
+// Of a film each other frame is shown for three fields.
+TEST(PlayedPlaces, KnowAFilmByItsFields) {
+    constexpr std::int64_t field = period / 2;
+    PlayedPlaces places({0, 3 * field, 5 * field, 8 * field, 10 * field}, 0);
+    for (const std::int64_t at : {0, 5, 3, 8})
+        places.came(1000 + at * field);
+    EXPECT_EQ(places.own(places.earliest(), period, false), 4U);
+    places.came(1000 + 10 * field + 1); // a clock that is counted anew may be off by some units
+    EXPECT_EQ(places.own(places.earliest(), period, false), 5U);
+    places.came(1000 + 40 * field); // behind its last
+    EXPECT_EQ(places.own(places.earliest(), period, false), 5U);
+    places.came(1000 + 4 * field);
+    EXPECT_EQ(places.own(places.earliest(), period, false), std::nullopt);
+}
+
+TEST(PlayedPlaces, OfFramesThatCannotBeShownAreWantedNeitherWay) {
+    for (const bool hiddenToo : {false, true}) {
+        PlayedPlaces places({0, period, 2 * period, 4 * period, 5 * period}, 2);
+        for (const int at : {0, 1, 2, 4, 5})
+            if (at >= 2 || hiddenToo)
+                places.came(at * period);
+        EXPECT_EQ(places.own(places.earliest(), period, hiddenToo), 3U);
+        EXPECT_EQ(places.own(places.earliest(), period, !hiddenToo), std::nullopt);
+    }
+}
+
+TEST(PlayedPlaces, AreNotKnownWhileOneFrameOfThemHasNone) {
+    PlayedPlaces places({}, 0);
+    EXPECT_FALSE(places.sourceKnown());
+    places.came(0);
+    places.came(std::nullopt);
+    places.came(period);
+    EXPECT_FALSE(places.known());
+    places.drop(1);
+    EXPECT_FALSE(places.known());
+    places.drop(1);
+    EXPECT_TRUE(places.known());
+    EXPECT_EQ(places.count(), 1U);
+    EXPECT_EQ(places.between(period, 2 * period), 1U);
+    EXPECT_EQ(places.between(0, period), 0U);
+    EXPECT_EQ(places.own(places.earliest(), period, false), std::nullopt);
+}
+
+// The first timecode that comes back says that the source began 25 frames earlier than the later ones say: it
+// may have jumped back among its first frames, as one that was put together does.
+class JumpAmongTheFirst : public Played {
+protected:
+    // The return of a source of 128 frames that begins with the stream's frame 79, in the middle of a GOP.
+    void play(Recording& r) {
+        LabelledStream stream({.timecode = "20:00:00:00", .gop = 15});
+        stream.switchAt(79, "10:00:00:00");
+        stream.switchAt(79 + 12, "09:59:59:12");
+        stream.switchAt(79 + 128, "20:00:30:00");
+        beginRunning(r, stream);
+        feed(r, stream, 4);
+        m_source = stream.frames(128);
+        feed(r, m_source);
+        r.sourceEnded(m_now);
+        feed(r, stream, 200);
+    }
+    RecordingPlan plan(unsigned labelled, const std::string& last) {
+        RecordingPlan result = PlayedRecording::plan("10:00:00:00", last);
+        result.wantedFrames = 128;
+        result.labelledFrames = labelled;
+        return result;
+    }
+    std::vector<CodedFrame> m_source;
+};
+
+TEST_F(JumpAmongTheFirst, LosesNoneOfThem) {
+    Recording r = recording(plan(20, "10:00:00:19"));
+    play(r);
+    expectRecorded(r);
+    EXPECT_EQ(recorded(m_source), m_source.size());
+    EXPECT_THAT(r.status().text, HasSubstr("the source's timecodes jump near its begin: up to 5 s of other "
+                                           "pictures at either end, not known whether it is complete"));
+}
+
+// One whose timecodes run through cannot jump: the first one was another's.
+TEST_F(JumpAmongTheFirst, IsNoneOfASourceWhoseTimecodesRunThrough) {
+    Recording r = recording(plan(128, "10:00:05:02"));
+    play(r);
+    EXPECT_THAT(r.status().text, HasSubstr("by the source's timecodes"));
+}
+
+} // namespace
