@@ -81,6 +81,7 @@ TEST(SegmentFile, AnExistingFileIsReplacedOnlyWhenAsked) {
     const MaybeFailure failed = second.create(directory.path("a.ts"), false);
     ASSERT_TRUE(failed);
     EXPECT_EQ(failed->code, kestrel::error::fileAlreadyExists);
+    ASSERT_FALSE(first.close(false));
     EXPECT_FALSE(second.create(directory.path("a.ts"), true));
 }
 

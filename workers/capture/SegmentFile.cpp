@@ -1,14 +1,29 @@
 #include "SegmentFile.h"
 
 #include "foundation/ErrorCodes.h"
+#include "foundation/Logger.h"
 
 #include <cerrno>
 #include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/vfs.h>
 
 namespace kestrel::capture {
 namespace {
 
 constexpr std::size_t blockBytes = writePackets * packetSize;
+
+constexpr const char* module = "Capture";
+
+// A lock of SMB is one on the bytes: nobody could look at a recording while it runs.
+bool keepsReadersOut(int fd) noexcept {
+    struct statfs system {};
+    if (::fstatfs(fd, &system) != 0)
+        return false;
+    const auto kind = static_cast<std::uint32_t>(system.f_type);
+    return kind == 0xFF534D42U || kind == 0xFE534D42U;
+}
 
 bool noSpace(int error) noexcept {
     return error == ENOSPC || error == EDQUOT;
@@ -21,8 +36,8 @@ SegmentFile::SegmentFile() {
 }
 
 MaybeFailure SegmentFile::create(const std::string& path, bool overwrite) {
-    const int flags =
-        O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_LARGEFILE | (overwrite ? O_TRUNC : O_EXCL);
+    // What is there stays until it is known that nobody else writes it.
+    const int flags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_LARGEFILE | (overwrite ? 0 : O_EXCL);
     m_buffer.clear();
     m_written = 0;
     m_writtenBack = 0;
@@ -35,7 +50,41 @@ MaybeFailure SegmentFile::create(const std::string& path, bool overwrite) {
         return detailed(failure(error::outputFileNotOpened, path.c_str()), errnoText(errno));
     }
     m_path = path;
+    MaybeFailure failed = hold();
+    if (!failed && overwrite)
+        failed = empty();
+    if (failed)
+        m_fd.reset();
+    return failed;
+}
+
+// Gone with the descriptor, so with the process, however that ends.
+MaybeFailure SegmentFile::hold() {
+    if (keepsReadersOut(m_fd.get())) {
+        LogUtil::Info(module, "%s lies on an SMB share: that it is being written is not shown to other jobs",
+                      m_path.c_str());
+        return std::nullopt;
+    }
+    int result = 0;
+    do
+        result = ::flock(m_fd.get(), LOCK_EX | LOCK_NB);
+    while (result != 0 && errno == EINTR);
+    if (result == 0)
+        return std::nullopt;
+    if (errno == EWOULDBLOCK)
+        return detailed(failure(error::outputFileNotOpened, m_path.c_str()),
+                        "it is being recorded by another job");
+    LogUtil::Warning(module,
+                     "%s cannot be locked, so another job that overwrites it would not be refused: %s",
+                     m_path.c_str(), errnoText(errno).c_str());
     return std::nullopt;
+}
+
+MaybeFailure SegmentFile::empty() {
+    struct stat status {};
+    if (::fstat(m_fd.get(), &status) != 0 || !S_ISREG(status.st_mode) || ::ftruncate(m_fd.get(), 0) == 0)
+        return std::nullopt;
+    return writeFailure(errno);
 }
 
 MaybeFailure SegmentFile::append(const Packet& packet) {

@@ -17,7 +17,10 @@ class SegmentFile {
 public:
     SegmentFile();
 
-    // Creates the file. One that exists already is a failure (fileAlreadyExists) unless overwrite is set.
+    // Creates the file, and holds it as one that is being written until it is closed. One that exists already
+    // is a failure (fileAlreadyExists) unless overwrite is set, and so is one that another job is writing
+    // (outputFileNotOpened), which is left as it is. Where files cannot be held that is not known, and the
+    // log tells.
     [[nodiscard]] MaybeFailure create(const std::string& path, bool overwrite);
     [[nodiscard]] MaybeFailure append(const Packet& packet);
     [[nodiscard]] MaybeFailure flush();
@@ -32,6 +35,8 @@ public:
     [[nodiscard]] std::size_t pendingBytes() const noexcept { return m_buffer.size(); }
 
 private:
+    [[nodiscard]] MaybeFailure hold();
+    [[nodiscard]] MaybeFailure empty();
     MaybeFailure writeFailure(int error);
 
     UniqueFd m_fd;
