@@ -194,6 +194,20 @@ TEST(NormalizedTables, StandInFrontWhereTheSourceWasCutBehindThem) {
     }
 }
 
+TEST(NormalizedTables, StandInFrontOfFramesThatCountThen) {
+    Packets source = StreamBuilder().frames(50);
+    // Without those of the first 20 frames.
+    int seen = 0;
+    std::erase_if(source, [&](const Packet& packet) {
+        seen += pictures({packet});
+        return seen <= 20 && (pid(packet) == 0 || pid(packet) == pmtPid);
+    });
+    const Normalized result = normalize(source);
+    ASSERT_EQ(pid(result.packets.front()), 0);
+    EXPECT_EQ(pictures(result.packets), 50);
+    EXPECT_EQ(result.frames, 50U);
+}
+
 TEST(NormalizedTables, StandInFrontWithoutAChangeToThoseOfTheSource) {
     const Packets source = cutStream({.step = 5 * millisecond});
     const Normalized result = normalize(source);

@@ -99,7 +99,18 @@ bool Normalizer::begin(bool whole) {
     m_tablesLate = m_tablesLate || (m_anyEarly && m_read.complete());
     m_inSync = m_window.bytes().front() == ts::sync_byte;
     followPrograms();
+    countWithTables();
     return true;
+}
+
+// Frames that come before the source's own tables count where these are put in front.
+void Normalizer::countWithTables() {
+    if (!m_tablesLate)
+        return;
+    m_copies.clear();
+    m_read.copyAll(m_copies);
+    for (const Packet& copy : m_copies)
+        m_frames.take(copy.data());
 }
 
 // From where it ended before.

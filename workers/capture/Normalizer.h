@@ -110,6 +110,7 @@ private:
 
     [[nodiscard]] bool work(bool last);
     [[nodiscard]] bool begin(bool whole);
+    void countWithTables();
     void readAhead(bool last);
     void lookAt(const unsigned char* packet);
     void takePacket();
