@@ -1,8 +1,10 @@
 #include "capture/PacketRing.h"
 
 #include <cstring>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 using namespace kestrel::capture;
@@ -20,6 +22,46 @@ TEST(PacketRing, TakesWhatHasRoomAndNoMore) {
     EXPECT_EQ(ring.readable().size(), 5u) << "up to the end of the memory";
     ring.consume(5);
     EXPECT_EQ(ring.readable().size(), 3u);
+}
+
+TEST(PacketRing, GivesInOnePortionWhatArrivedTogether) {
+    PacketRing ring(8);
+    const std::vector<unsigned char> bytes(2 * packetSize, 0x47);
+    const Clock::time_point early{std::chrono::seconds(1)};
+    const Clock::time_point together = early + gatherTime - std::chrono::microseconds(1);
+    const Clock::time_point late = early + gatherTime;
+    for (const Clock::time_point at : {early, together, late})
+        EXPECT_EQ(ring.push(bytes, at), 2u);
+    EXPECT_EQ(ring.portion(1).packets.size(), 1u);
+    EXPECT_EQ(ring.portion(1).last, early);
+    EXPECT_EQ(ring.portion(100).packets.size(), 4u);
+    EXPECT_EQ(ring.portion(100).first, early);
+    EXPECT_EQ(ring.portion(100).last, together);
+    ring.consume(4);
+    EXPECT_EQ(ring.portion(100).packets.size(), 2u);
+    EXPECT_EQ(ring.portion(100).first, late);
+    EXPECT_EQ(ring.portion(100).last, late);
+    ring.consume(2);
+    EXPECT_TRUE(ring.portion(100).packets.empty());
+}
+
+TEST(PacketRing, TakesMemoryOnlyForWhatLiesInIt) {
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "the sanitizer has memory of its own for each byte";
+#endif
+    const auto resident = [] {
+        std::size_t all = 0;
+        std::size_t pages = 0;
+        std::ifstream("/proc/self/statm") >> all >> pages;
+        return pages * static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+    };
+    const std::size_t before = resident();
+    PacketRing ring(ringPackets);
+    EXPECT_LT(resident(), before + (1u << 20));
+    const std::vector<unsigned char> bytes(ringPackets / 4 * packetSize, 0x47);
+    const std::size_t empty = resident();
+    EXPECT_EQ(ring.push(bytes), ringPackets / 4);
+    EXPECT_GT(resident(), empty + bytes.size() / 2);
 }
 
 TEST(PacketRing, KeepsOrderBetweenTwoThreads) {

@@ -4,6 +4,7 @@
 #include "foundation/ErrorCodes.h"
 #include "foundation/ProcessTree.h"
 
+#include <algorithm>
 #include <csignal>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -100,7 +101,7 @@ TEST(StreamClaim, AnotherProcessIsNamedAndItsClaimDiesWithIt) {
 }
 
 // Two jobs for one encoder: the address lies in the loopback network and belongs to this test alone.
-TEST(StreamClaim, ASecondWorkerForTheSameEncoderFailsAtOnceAndDisturbsNobody) {
+TEST(StreamClaim, ASecondWorkerForTheSameEncoderFailsAndDisturbsNobody) {
     const auto own = static_cast<std::uint32_t>(getpid());
     const std::uint32_t encoder = 0x7F640000 | (own & 0xFFFE) | 1;
     const auto text = "127.100." + std::to_string(encoder >> 8 & 255) + "." + std::to_string(encoder & 255);
@@ -117,6 +118,11 @@ TEST(StreamClaim, ASecondWorkerForTheSameEncoderFailsAtOnceAndDisturbsNobody) {
     EXPECT_EQ(second.results(), "Error: Start Capture failed. (UDP port 5000 from " + text +
                                     " is already recorded by process " + std::to_string(first.process()) +
                                     ")");
+    // It waited for a while, of which the service was told.
+    const auto& told = second.queues.received();
+    EXPECT_GE(std::count_if(told.begin(), told.end(),
+                            [](const Message& message) { return message.type == STATUS_MSG; }),
+              2);
     const Packets sent = StreamBuilder().frames(60);
     Sender("127.0.0.1", 5000, text).send(sent);
     first.waitForLog("recording into");

@@ -2,6 +2,8 @@
 #include "capture/worker_process.h"
 #include "foundation/Logger.h"
 
+#include <algorithm>
+#include <arpa/inet.h>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -221,6 +223,106 @@ TEST(UdpReceiver, AGroupIsReceivedAgainWhenItsNetworkDeviceIsMadeAnew) {
         EXPECT_TRUE(logged("Nothing has come of group 239.1.1.1 for 2 s: it is joined again every 3 s"));
         LogUtil::Cleanup();
     }).join();
+}
+
+void sendOn(const std::string& address, const Packet& packet) {
+    const kestrel::UniqueFd fd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    in_addr device{};
+    ASSERT_EQ(::inet_pton(AF_INET, address.c_str(), &device), 1);
+    ASSERT_EQ(::setsockopt(fd.get(), IPPROTO_IP, IP_MULTICAST_IF, &device, sizeof device), 0);
+    sockaddr_in group{};
+    group.sin_family = AF_INET;
+    group.sin_port = htons(5000);
+    group.sin_addr.s_addr = htonl(0xEF010101);
+    ASSERT_EQ(::sendto(fd.get(), packet.data(), packet.size(), 0, reinterpret_cast<const sockaddr*>(&group),
+                       sizeof group),
+              static_cast<ssize_t>(packet.size()));
+}
+
+// As where two networks lead to the encoders: while one is away the other is used, and when it returns each
+// datagram comes on both.
+TEST(UdpReceiver, AGroupThatIsJoinedOnAnotherDeviceIsLeftOnTheOneBefore) {
+    std::thread([] {
+        if (::unshare(CLONE_NEWNET) != 0)
+            GTEST_SKIP() << "no network namespace to be had: " << std::strerror(errno);
+        for (const std::string one : {"0", "1"})
+            if (!((network("link add camera" + one + " type dummy") ||
+                   network("link add camera" + one + " type veth peer name far" + one +
+                           " && ip link set far" + one + " up")) &&
+                  network("addr add 10.9." + one + ".1/24 dev camera" + one) &&
+                  network("link set camera" + one + " up") &&
+                  network("route add 239.0.0.0/8 dev camera" + one + " metric 1" + one)))
+                GTEST_SKIP() << "no network devices to be had";
+        StreamSource source;
+        source.address = 0xEF010101; // 239.1.1.1
+        source.port = 5000;
+        PacketRing ring(4096);
+        WakeEvent wake;
+        UdpReceiver receiver(source, ring, wake);
+        const auto failed = receiver.open();
+        ASSERT_FALSE(failed) << failed->text;
+        ASSERT_FALSE(receiver.start());
+        const Packet first = packetOf(0x100);
+        const Packet second = packetOf(0x101);
+        sendOn("10.9.0.1", first);
+        ASSERT_EQ(collect(ring, wake, 1), Packets{first});
+
+        ASSERT_TRUE(network("route delete 239.0.0.0/8 dev camera0"));
+        Packets got;
+        const auto deadline = Clock::now() + std::chrono::seconds(15);
+        while (got.empty() && Clock::now() < deadline) {
+            sendOn("10.9.1.1", second);
+            pollfd wait{wake.fd(), POLLIN, 0};
+            ::poll(&wait, 1, 100);
+            wake.clear();
+            const auto part = ring.readable();
+            got.assign(part.begin(), part.end());
+            ring.consume(part.size());
+        }
+        ASSERT_FALSE(got.empty()) << "it is joined where the route leads now";
+
+        ASSERT_TRUE(network("route add 239.0.0.0/8 dev camera0 metric 10"));
+        for (int i = 0; i < 10; ++i) {
+            sendOn("10.9.0.1", first);
+            sendOn("10.9.1.1", second);
+        }
+        receiver.stop();
+        const auto part = ring.readable();
+        got.insert(got.end(), part.begin(), part.end());
+        EXPECT_EQ(std::count(got.begin(), got.end(), first), 0) << "each would be there twice";
+        EXPECT_GE(std::count(got.begin(), got.end(), second), 10);
+    }).join();
+}
+
+// A process that did not run for a while finds all of it at once.
+TEST(UdpReceiver, PacketsAreToldWithTheTimeAtWhichTheyArrivedHoweverLateTheyAreTaken) {
+    StreamSource source;
+    source.address = 0x7F000001;
+    source.port = freePort();
+    PacketRing ring(64);
+    WakeEvent wake;
+    UdpReceiver receiver(source, ring, wake);
+    ASSERT_FALSE(receiver.open());
+    Sender sender("127.0.0.1", source.port);
+    constexpr auto pause = std::chrono::milliseconds(300);
+    const auto begin = Clock::now();
+    sender.send(Packets(7, Packet{0x47}));
+    const auto sent = Clock::now();
+    std::this_thread::sleep_for(pause);
+    sender.send(Packets(14, Packet{0x47}));
+    std::this_thread::sleep_for(pause);
+    ASSERT_FALSE(receiver.start());
+    receiver.stop();
+    constexpr auto tolerance = std::chrono::milliseconds(20); // of two clocks
+    const PacketRing::Portion first = ring.portion(64);
+    EXPECT_EQ(first.packets.size(), 7u);
+    EXPECT_GE(first.last, begin - tolerance);
+    EXPECT_LE(first.last, sent + tolerance);
+    ring.consume(7);
+    const PacketRing::Portion second = ring.portion(64);
+    EXPECT_EQ(second.packets.size(), 14u);
+    EXPECT_GE(second.last - first.last, pause - tolerance);
+    EXPECT_LE(second.last, Clock::now() - pause + tolerance);
 }
 
 } // namespace

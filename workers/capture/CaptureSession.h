@@ -8,7 +8,8 @@ namespace kestrel::capture {
 
 class CaptureSession : public Session {
 public:
-    explicit CaptureSession(const SessionContext& context) : m_context(context), m_encoders(context.wake) {}
+    explicit CaptureSession(const SessionContext& context)
+        : m_context(context), m_encoders(context.wake, context.pause) {}
 
     [[nodiscard]] MaybeFailure start() override;
     [[nodiscard]] bool over() const override { return m_encoders.over(); }

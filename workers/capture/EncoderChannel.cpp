@@ -15,13 +15,18 @@ namespace kestrel::capture {
 namespace {
 
 constexpr const char* module = "Capture";
+// For the receiver to look; it takes some milliseconds unless it has ended meanwhile.
+constexpr int lookTimeMs = 100;
 
 } // namespace
 
 EncoderChannel::EncoderChannel(const StreamSource& source, RecordingPlan plan, WakeEvent& turned,
                                const Timing& timing)
     : m_name(plan.name), m_sender(source.sender), m_ring(ringPackets), m_turned(turned),
-      m_receiver(source, m_ring, m_arrived), m_recording(std::move(plan), timing, Clock::now()) {}
+      m_receiver(source, m_ring, m_arrived), m_recording(std::move(plan), timing, Clock::now()) {
+    // While the file is closed the port is free already for the recorder that comes next.
+    m_recording.whenOver([this] { m_receiver.stop(); });
+}
 
 EncoderChannel::~EncoderChannel() {
     cancel();
@@ -119,8 +124,11 @@ void EncoderChannel::write() noexcept {
             // Likewise: what had been lost by then lies before all packets that come after those in the ring.
             const Losses losses = currentLosses();
             carryOut();
+            // Likewise: what came before is in the ring.
+            const Clock::time_point seen = m_receiver.seenUntil();
             while (m_recording.state() != RecordingState::ended && takePortion())
                 attend();
+            tickAt(seen);
             attend();
             if (end == End::cancelled)
                 m_recording.cancel(Clock::now());
@@ -132,8 +140,14 @@ void EncoderChannel::write() noexcept {
                 break;
             if (m_recording.state() == RecordingState::waiting && !m_recording.holds())
                 noteLossesBefore(losses);
+            const Clock::time_point now = Clock::now();
+            const Clock::time_point due = m_recording.deadline();
+            // That nothing came until then is only known once the receiver has looked, which it tells; one
+            // that has ended has seen all there is.
+            if (due <= now)
+                m_receiver.look();
             pollfd wait{m_arrived.fd(), POLLIN, 0};
-            ::poll(&wait, 1, pollTime(m_recording.deadline(), Clock::now()));
+            ::poll(&wait, 1, due <= now ? lookTimeMs : pollTime(due, now));
         }
     } catch (const std::exception& problem) {
         LogUtil::Fatal(module, "%s: %s", m_name.c_str(), problem.what());
@@ -144,10 +158,11 @@ void EncoderChannel::write() noexcept {
 }
 
 // Gives the recording the oldest packets of the ring, in portions, so that the ring is given back while it is
-// worked on. False when there are none.
+// worked on. Its time is theirs: how long a write to the disk took, or how long this process did not run, is
+// no silence of the stream. False when there are none.
 bool EncoderChannel::takePortion() {
-    auto packets = m_ring.readable();
-    if (packets.empty())
+    const PacketRing::Portion portion = m_ring.portion(portionPackets);
+    if (portion.packets.empty())
         return false;
     if (!m_received) {
         m_received = true;
@@ -155,18 +170,38 @@ bool EncoderChannel::takePortion() {
                       addressText(m_receiver.counts().firstSender).c_str(),
                       m_receiver.counts().rtp ? ", in RTP" : "");
     }
-    packets = packets.first(std::min(packets.size(), portionPackets));
-    m_recording.take(packets, Clock::now());
-    m_ring.consume(packets.size());
+    noteDelay(portion.first);
+    // What was lost on this side came all the same.
+    if (m_receiver.lastLoss() > m_lastArrival)
+        m_recording.heard(portion.first);
+    m_lastArrival = portion.last;
+    tickAt(portion.first);
+    m_recording.take(portion.packets, portion.last);
+    m_ring.consume(portion.packets.size());
     return true;
 }
 
-// What is due besides packets, however many of these wait: orders, deadlines, and the status that others see.
+void EncoderChannel::noteDelay(Clock::time_point arrived) {
+    const Clock::duration delay = Clock::now() - arrived;
+    if (!m_late && delay >= lateTime)
+        LogUtil::Warning(module, "%s: %.1f s behind the stream: the disk or this host stalls", m_name.c_str(),
+                         std::chrono::duration<double>(delay).count());
+    else if (m_late && delay < gatherTime + writeDelay)
+        LogUtil::Info(module, "%s: no longer behind the stream", m_name.c_str());
+    else
+        return;
+    m_late = !m_late;
+}
+
+// What is due at a time until which all that came has been taken.
+void EncoderChannel::tickAt(Clock::time_point time) {
+    if (m_recording.state() != RecordingState::ended && time >= m_recording.deadline())
+        m_recording.tick(time);
+}
+
+// What is due besides packets, however many of these wait: orders, and the status that others see.
 void EncoderChannel::attend() {
     carryOut();
-    const Clock::time_point now = Clock::now();
-    if (now >= m_recording.deadline())
-        m_recording.tick(now);
     publish();
 }
 

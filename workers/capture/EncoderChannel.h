@@ -22,8 +22,10 @@ public:
     EncoderChannel(const EncoderChannel&) = delete;
     EncoderChannel& operator=(const EncoderChannel&) = delete;
 
-    // Checks the output and opens the socket.
+    // Checks the output and opens the socket. May be called again after a failure.
     [[nodiscard]] MaybeFailure open();
+    // Whether open() failed because another recorder or program has the port.
+    [[nodiscard]] bool portTaken() const noexcept { return m_receiver.portTaken(); }
     // Starts both threads.
     [[nodiscard]] MaybeFailure start();
     // Ends the recording; what has been received until now is still written. What Recording calls by these
@@ -62,6 +64,8 @@ private:
     void carryOut() EXCLUDES(m_mutex);
     [[nodiscard]] bool takePortion();
     void attend() EXCLUDES(m_mutex);
+    void tickAt(Clock::time_point time);
+    void noteDelay(Clock::time_point arrived);
     void publish() EXCLUDES(m_mutex);
     void noteLossesBefore(const Losses& losses) EXCLUDES(m_mutex);
     [[nodiscard]] Losses currentLosses() const;
@@ -75,8 +79,10 @@ private:
     WakeEvent m_arrived;
     WakeEvent& m_turned;
     UdpReceiver m_receiver;
-    Recording m_recording;   // of the writer thread, once that runs
-    bool m_received = false; // likewise
+    Recording m_recording;           // of the writer thread, once that runs
+    bool m_received = false;         // likewise
+    bool m_late = false;             // likewise: behind the stream, which has been told
+    Clock::time_point m_lastArrival; // likewise: of what was taken last
     std::thread m_writer;
     std::atomic<End> m_end{End::none};
     Losses m_logged;

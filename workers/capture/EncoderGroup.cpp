@@ -34,6 +34,7 @@ MaybeFailure EncoderGroup::open(const CSettings& settings, const EncoderMap& map
         LogUtil::Info(module, "Output %s", absolutePath(output).c_str());
     plan.mainDirectory = main.mainCaptureDirectory;
     plan.lockDirectory = main.lockMainCaptureDirectory;
+    std::vector<StreamSource> sources;
     for (int i = 0; i < settings.numEncoders && begin + i < CSettings::MAX_ENCODERS; ++i) {
         const auto& reception = settings.encoders[static_cast<std::size_t>(begin + i)];
         const StreamSource source = decideStreamSource(reception, map);
@@ -53,11 +54,30 @@ MaybeFailure EncoderGroup::open(const CSettings& settings, const EncoderMap& map
                              "address",
                              plan.name.c_str(), source.port, source.origin.c_str());
         auto channel = std::make_unique<EncoderChannel>(source, plan, m_changed, timing);
-        if (auto failed = channel->open())
+        // Two receptions of one stream never come to terms.
+        const bool own = std::any_of(sources.begin(), sources.end(), [&source](const StreamSource& other) {
+            return other.port == source.port && other.address == source.address &&
+                   other.sender == source.sender;
+        });
+        if (auto failed = own ? channel->open() : openPatiently(*channel, plan.name))
             return failed;
+        sources.push_back(source);
         m_members.push_back({std::move(channel), &reception});
     }
     return std::nullopt;
+}
+
+// The recording before may be about to end.
+MaybeFailure EncoderGroup::openPatiently(EncoderChannel& channel, const std::string& name) const {
+    const Clock::time_point until = Clock::now() + portWait;
+    MaybeFailure failed = channel.open();
+    if (!failed || !channel.portTaken() || !m_pause)
+        return failed;
+    LogUtil::Info(module, "%s: waits up to %.0f s for its port: %s", name.c_str(),
+                  std::chrono::duration<double>(portWait).count(), failed->text.c_str());
+    while (failed && channel.portTaken() && Clock::now() < until && m_pause(portRetry))
+        failed = channel.open();
+    return failed;
 }
 
 // All or none: nothing is recorded of a job that cannot record all it was asked for.

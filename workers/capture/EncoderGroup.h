@@ -10,6 +10,7 @@
 #include "capture_profile/CSettings.h"
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -18,8 +19,13 @@ namespace kestrel::capture {
 
 class EncoderGroup {
 public:
-    // changed is signalled when a recording has ended.
-    explicit EncoderGroup(WakeEvent& changed) : m_changed(changed) {}
+    // See SessionContext::pause.
+    using Pause = std::function<bool(milliseconds)>;
+
+    // changed is signalled when a recording has ended. With a pause, open() waits a while for a port that
+    // another recorder has.
+    explicit EncoderGroup(WakeEvent& changed, Pause pause = {})
+        : m_changed(changed), m_pause(std::move(pause)) {}
 
     // Opens a channel for each reception of the settings. plan holds what all of them share: names, output,
     // sources and locks are filled in here.
@@ -77,7 +83,10 @@ private:
         [[nodiscard]] std::string text(const RecordingStatus& status) const;
     };
 
+    [[nodiscard]] MaybeFailure openPatiently(EncoderChannel& channel, const std::string& name) const;
+
     WakeEvent& m_changed;
+    const Pause m_pause;
     std::vector<Member> m_members;
 };
 

@@ -50,6 +50,14 @@ inline constexpr double longestGroupSeconds = 30;
 // How far labels may jump across a mark whose frame then counts as lost on the way, in seconds.
 inline constexpr double lostSeconds = 1;
 
+// From the arrival of a packet until it is worked on: longer, and the log tells.
+inline constexpr milliseconds lateTime{1000};
+
+// A port that another recorder has may be free soon: one whose recording ends when this one begins. How long
+// it is waited for, and how often it is tried meanwhile.
+inline constexpr milliseconds portWait{6000};
+inline constexpr milliseconds portRetry{100};
+
 // Packets worked on between two looks at the time and at what other threads want.
 inline constexpr std::size_t portionPackets = 1024;
 

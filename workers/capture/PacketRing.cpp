@@ -8,9 +8,10 @@ namespace kestrel::capture {
 
 PacketRing::PacketRing(std::size_t packets)
     : m_mask(std::bit_ceil(std::max<std::size_t>(packets, 1)) - 1),
-      m_slots(std::make_unique<Packet[]>(m_mask + 1)) {}
+      m_slots(std::make_unique_for_overwrite<Packet[]>(m_mask + 1)),
+      m_arrivals(std::make_unique_for_overwrite<Clock::rep[]>(m_mask + 1)) {}
 
-std::size_t PacketRing::push(std::span<const unsigned char> packets) noexcept {
+std::size_t PacketRing::push(std::span<const unsigned char> packets, Clock::time_point arrived) noexcept {
     const std::size_t pushed = m_pushed.load(std::memory_order_relaxed);
     const std::size_t room = capacity() - (pushed - m_consumed.load(std::memory_order_acquire));
     const std::size_t taken = std::min(packets.size() / packetSize, room);
@@ -18,6 +19,7 @@ std::size_t PacketRing::push(std::span<const unsigned char> packets) noexcept {
         const std::size_t slot = (pushed + done) & m_mask;
         const std::size_t run = std::min(taken - done, capacity() - slot);
         std::memcpy(m_slots[slot].data(), packets.data() + done * packetSize, run * packetSize);
+        std::fill_n(m_arrivals.get() + slot, run, arrived.time_since_epoch().count());
         done += run;
     }
     m_pushed.store(pushed + taken, std::memory_order_release);
@@ -29,6 +31,18 @@ std::span<const Packet> PacketRing::readable() const noexcept {
     const std::size_t held = m_pushed.load(std::memory_order_acquire) - consumed;
     const std::size_t slot = consumed & m_mask;
     return {m_slots.get() + slot, std::min(held, capacity() - slot)};
+}
+
+PacketRing::Portion PacketRing::portion(std::size_t most) const noexcept {
+    const auto packets = readable();
+    if (packets.empty())
+        return {};
+    const Clock::rep* const begin = m_arrivals.get() + (packets.data() - m_slots.get());
+    const Clock::rep* const end = begin + std::min(packets.size(), most);
+    const auto time = [](Clock::rep at) { return Clock::time_point(Clock::duration(at)); };
+    const Clock::rep* const other =
+        std::find_if(begin, end, [&](Clock::rep at) { return time(at) - time(*begin) >= gatherTime; });
+    return {time(*begin), time(*(other - 1)), packets.first(static_cast<std::size_t>(other - begin))};
 }
 
 void PacketRing::consume(std::size_t count) noexcept {

@@ -13,19 +13,27 @@ namespace kestrel::capture {
 
 using Packet = std::array<unsigned char, packetSize>;
 
-// One producer, one consumer, no lock: neither ever waits for the other. All memory is taken (and touched) at
-// construction.
+// One producer, one consumer, no lock: neither ever waits for the other. The addresses are taken at
+// construction, the memory itself when packets first come to lie in it.
 class PacketRing {
 public:
     // Room for at least that many packets, rounded up to a power of two.
     explicit PacketRing(std::size_t packets);
 
-    // Producer: copies whole packets in and publishes them together. Returns how many found room; the rest
-    // were not taken.
-    std::size_t push(std::span<const unsigned char> packets) noexcept;
+    // Producer: copies whole packets in, which arrived at that time, and publishes them together. Returns how
+    // many found room; the rest were not taken.
+    std::size_t push(std::span<const unsigned char> packets, Clock::time_point arrived = {}) noexcept;
 
     // Consumer: the oldest packets that lie in one piece; empty when there are none. Valid until consume.
     [[nodiscard]] std::span<const Packet> readable() const noexcept;
+    // Packets that arrived together, within the time for which the receiver lets them gather.
+    struct Portion {
+        Clock::time_point first; // when the first of them arrived, and the last
+        Clock::time_point last;
+        std::span<const Packet> packets;
+    };
+    // Consumer: the first of readable(), at most so many.
+    [[nodiscard]] Portion portion(std::size_t most) const noexcept;
     // Consumer: gives the first count packets of readable() back.
     void consume(std::size_t count) noexcept;
 
@@ -34,6 +42,7 @@ public:
 private:
     std::size_t m_mask;
     std::unique_ptr<Packet[]> m_slots;
+    std::unique_ptr<Clock::rep[]> m_arrivals; // of each slot
     // Packets ever pushed and ever consumed, each on a cache line of its own.
     alignas(64) std::atomic<std::size_t> m_pushed{0};
     alignas(64) std::atomic<std::size_t> m_consumed{0};

@@ -93,6 +93,11 @@ void Recording::take(std::span<const Packet> packets, Clock::time_point now) {
         fail(*failed);
 }
 
+void Recording::heard(Clock::time_point now) {
+    if (!m_stopped)
+        m_lastPacket = m_back = std::max(now, m_lastPacket);
+}
+
 void Recording::takePacket(const Packet& packet) {
     const bool opens = m_analyzer.take(packet.data());
     if (m_analyzer.programVersion() != m_loggedProgram) {

@@ -12,6 +12,7 @@
 #include "StreamAnalyzer.h"
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <span>
 #include <string>
@@ -69,7 +70,9 @@ public:
     [[nodiscard]] MaybeFailure prepare();
     // The next packets of the stream.
     void take(std::span<const Packet> packets, Clock::time_point now);
-    // To be called when deadline() has come.
+    // Something came at that time, but was lost before it could be taken: the stream has not stopped.
+    void heard(Clock::time_point now);
+    // To be called when deadline() has come, and all that had come by then has been taken.
     void tick(Clock::time_point now);
     // Ends it as the service or the operator asked.
     void cancel(Clock::time_point now);
@@ -96,6 +99,8 @@ public:
     [[nodiscard]] Clock::time_point deadline() const;
     [[nodiscard]] RecordingState state() const noexcept { return m_state; }
     [[nodiscard]] RecordingStatus status() const;
+    // Called when it has ended, before its file is closed, which may take a while.
+    void whenOver(std::function<void()> what) { m_whenOver = std::move(what); }
     // Packets are kept back with which the recording may still begin.
     [[nodiscard]] bool holds() const noexcept {
         return !m_held.empty() || (m_probe && !m_probe->held().empty());
@@ -171,6 +176,7 @@ private:
     bool m_succeeded = false;
     bool m_complete = false; // what was asked for has come
     std::string m_text;
+    std::function<void()> m_whenOver;
 
     StreamAnalyzer m_analyzer;
     RecordingClock m_clock;

@@ -240,6 +240,8 @@ void Recording::finish(bool succeeded, std::string text) {
     m_undecided = m_groupHeld = false;
     m_succeeded = succeeded;
     m_text = std::move(text);
+    if (m_whenOver)
+        m_whenOver();
     const std::uint64_t frames = m_file.frames();
     if (const auto failed = m_file.close(true); failed && succeeded) {
         m_succeeded = false;

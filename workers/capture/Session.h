@@ -9,6 +9,7 @@
 #include "WakeEvent.h"
 #include "capture_profile/CSettings.h"
 
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -27,6 +28,9 @@ struct SessionContext {
     const EncoderMap& map;
     ServiceLink& link;
     WakeEvent& wake; // signalled by any thread of the session to have woken() called
+    // For start(): waits so long while the service is told that the job lives. False once the end has been
+    // asked for; start() then fails, whatever it says.
+    std::function<bool(milliseconds)> pause = {};
 };
 
 // One job from its settings to its outcome. All calls come from the control thread; work that blocks has

@@ -12,6 +12,7 @@
 #include <poll.h>
 #include <sys/signalfd.h>
 #include <sys/timerfd.h>
+#include <utility>
 
 namespace kestrel::capture {
 namespace {
@@ -48,6 +49,12 @@ Outcome broken(const std::exception& problem) {
     return {false, detailed(failure(error::startCaptureFailed), problem.what()).text};
 }
 
+// As a recording tells it that has not begun.
+Outcome cancelledBefore(const CSettings& settings) {
+    return {settings.cmd.jobType == CSettings::JOB_TIMED,
+            "Cancelled before the recording began: nothing recorded"};
+}
+
 std::string wrongCommandLine(const std::string& mistake) {
     return detailed(failure(error::startCaptureFailed), "wrong command line: " + mistake).text;
 }
@@ -82,10 +89,11 @@ int SessionControl::run() noexcept {
 
 Outcome SessionControl::work() {
     Outcome outcome;
+    m_heartbeat = makeTimer(heartbeatPeriod);
     try {
         if (const MaybeFailure failed = prepare()) {
             m_session.reset();
-            return {false, failed->text};
+            return m_endAsked ? cancelledBefore(m_settings) : Outcome{false, failed->text};
         }
     } catch (const std::exception& problem) {
         m_session.reset();
@@ -116,19 +124,20 @@ MaybeFailure SessionControl::prepare() {
             return failed;
     m_map.setOverwriteAll(m_options.overwrite);
     MaybeFailure failed;
-    m_session = m_maker({m_options, m_settings, m_map, m_link, m_wake}, failed);
+    m_session = m_maker(
+        {m_options, m_settings, m_map, m_link, m_wake, [this](milliseconds time) { return pause(time); }},
+        failed);
     return m_session ? m_session->start() : failed;
 }
 
 void SessionControl::loop() {
-    const UniqueFd heartbeat = makeTimer(heartbeatPeriod);
     const UniqueFd status = makeTimer(statusPeriod);
     bool cancelled = false;
     while (!m_session->over()) {
         pollfd waits[] = {{m_signals.get(), POLLIN, 0},
                           {m_link.readFd(), POLLIN, 0},
                           {m_wake.fd(), POLLIN, 0},
-                          {heartbeat.get(), POLLIN, 0},
+                          {m_heartbeat.get(), POLLIN, 0},
                           {status.get(), POLLIN, 0}};
         if (::poll(waits, std::size(waits), pollTime(m_session->deadline(), Clock::now())) < 0)
             continue;
@@ -137,32 +146,56 @@ void SessionControl::loop() {
             m_session->woken();
         }
         if (waits[3].revents) {
-            drainFd(heartbeat.get());
+            drainFd(m_heartbeat.get());
             m_link.sendHeartbeat();
         }
         if (waits[4].revents) {
             drainFd(status.get());
             m_session->sendStatus();
         }
-        const bool signalled = waits[0].revents != 0;
-        if (signalled)
-            drainFd(m_signals.get());
-        const bool asked = waits[1].revents && handleMessages();
-        if ((signalled || asked) && !cancelled) {
-            cancelled = true;
-            LogUtil::Info(module, "Cancelled by %s", asked ? "the service" : "a signal");
+        heed(waits[0].revents != 0, waits[1].revents != 0);
+        for (const _VTRCmdData& answer : std::exchange(m_answers, {}))
+            m_session->deckAnswer(answer);
+        if (m_endAsked && !std::exchange(cancelled, true))
             m_session->cancel();
-        }
         if (const Clock::time_point now = Clock::now(); now >= m_session->deadline())
             m_session->tick(now);
     }
 }
 
+// What a session waits for in start() is bounded; what the service says meanwhile is not left lying.
+bool SessionControl::pause(milliseconds time) {
+    const Clock::time_point until = Clock::now() + time;
+    while (!m_endAsked) {
+        pollfd waits[] = {
+            {m_signals.get(), POLLIN, 0}, {m_link.readFd(), POLLIN, 0}, {m_heartbeat.get(), POLLIN, 0}};
+        const Clock::time_point now = Clock::now();
+        if (now >= until)
+            return true;
+        if (::poll(waits, std::size(waits), pollTime(until, now)) < 0)
+            continue;
+        if (waits[2].revents) {
+            drainFd(m_heartbeat.get());
+            m_link.sendHeartbeat();
+        }
+        heed(waits[0].revents != 0, waits[1].revents != 0);
+    }
+    return false;
+}
+
+// Takes what asks for the end.
+void SessionControl::heed(bool signalled, bool told) {
+    if (signalled)
+        drainFd(m_signals.get());
+    const bool asked = told && handleMessages();
+    if ((signalled || asked) && !std::exchange(m_endAsked, true))
+        LogUtil::Info(module, "Cancelled by %s", asked ? "the service" : "a signal");
+}
+
 // Whether the cancel message was among them.
 bool SessionControl::handleMessages() {
     const ServiceLink::Received received = m_link.receive();
-    for (const _VTRCmdData& answer : received.deckAnswers)
-        m_session->deckAnswer(answer);
+    m_answers.insert(m_answers.end(), received.deckAnswers.begin(), received.deckAnswers.end());
     return received.cancel;
 }
 

@@ -6,6 +6,7 @@
 
 #include <functional>
 #include <memory>
+#include <vector>
 
 namespace kestrel::capture {
 
@@ -30,6 +31,8 @@ private:
     [[nodiscard]] Outcome work();
     [[nodiscard]] MaybeFailure prepare();
     void loop();
+    [[nodiscard]] bool pause(milliseconds time);
+    void heed(bool signalled, bool told);
     [[nodiscard]] bool handleMessages();
     void finish(const Outcome& outcome, int failed);
 
@@ -40,6 +43,9 @@ private:
     ServiceLink m_link;
     WakeEvent m_wake;
     UniqueFd m_signals;
+    UniqueFd m_heartbeat;
+    bool m_endAsked = false;
+    std::vector<_VTRCmdData> m_answers; // of the deck, that the session has not been given
     std::unique_ptr<Session> m_session;
 };
 

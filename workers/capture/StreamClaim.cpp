@@ -45,11 +45,13 @@ MaybeFailure StreamClaim::take(std::uint32_t sender, int port) {
     sockaddr_un name{};
     const socklen_t length =
         abstractName("kestrelCapture/" + addressText(sender) + "/" + std::to_string(port), name);
+    m_taken = false;
     m_socket = unixSocket();
     if (m_socket.valid() && ::bind(m_socket.get(), reinterpret_cast<const sockaddr*>(&name), length) == 0 &&
         ::listen(m_socket.get(), SOMAXCONN) == 0)
         return std::nullopt;
     const int problem = errno;
+    m_taken = problem == EADDRINUSE;
     m_socket.reset();
     return detailed(failure(error::startCaptureFailed),
                     what + (problem == EADDRINUSE ? " is already recorded by " + holder(name, length)

@@ -17,10 +17,13 @@ public:
     // Fails with startCaptureFailed and a detail that names the sender, the port and the process that has
     // them. sender in host order.
     [[nodiscard]] MaybeFailure take(std::uint32_t sender, int port);
+    // Whether take() failed because somebody has it.
+    [[nodiscard]] bool taken() const noexcept { return m_taken; }
     void release() noexcept { m_socket.reset(); }
 
 private:
     UniqueFd m_socket;
+    bool m_taken = false;
 };
 
 } // namespace kestrel::capture

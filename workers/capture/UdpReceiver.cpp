@@ -1,13 +1,19 @@
 #include "UdpReceiver.h"
 
+#include "GroupDevice.h"
 #include "Ipv4.h"
 #include "WaitTime.h"
 #include "foundation/ErrorCodes.h"
 #include "foundation/Logger.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <array>
 #include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <iterator>
+#include <limits>
 #include <linux/sock_diag.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -35,6 +41,18 @@ void count(std::atomic<std::uint64_t>& counter, std::uint64_t more = 1) noexcept
 constexpr int batchesPerTurn = 64;
 constexpr int batchesAtStop = 4096;
 
+constexpr Clock::rep threadEnded = std::numeric_limits<Clock::rep>::max();
+
+std::chrono::nanoseconds duration(const timespec& time) noexcept {
+    return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
+}
+
+std::chrono::nanoseconds wallTime() noexcept {
+    timespec time{};
+    ::clock_gettime(CLOCK_REALTIME, &time);
+    return duration(time);
+}
+
 } // namespace
 
 // The buffers of one recvmmsg(2).
@@ -42,6 +60,11 @@ struct UdpReceiver::Batch {
     std::array<sockaddr_in, receiveBatch> senders{};
     std::array<iovec, receiveBatch> parts{};
     std::array<mmsghdr, receiveBatch> messages{};
+    // For the time of arrival.
+    struct alignas(cmsghdr) Control {
+        std::array<unsigned char, CMSG_SPACE(sizeof(timespec))> bytes{};
+    };
+    std::array<Control, receiveBatch> controls{};
     std::vector<unsigned char> bytes = std::vector<unsigned char>(receiveBatch * datagramBytes);
 
     // The kernel writes into the headers, so each call needs them anew.
@@ -54,6 +77,8 @@ struct UdpReceiver::Batch {
             header.msg_namelen = sizeof senders[i];
             header.msg_iov = &parts[i];
             header.msg_iovlen = 1;
+            header.msg_control = controls[i].bytes.data();
+            header.msg_controllen = controls[i].bytes.size();
         }
     }
 };
@@ -67,15 +92,27 @@ UdpReceiver::~UdpReceiver() {
 
 MaybeFailure UdpReceiver::open() {
     m_socket.reset(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (!m_socket.valid() || !m_stop.valid())
+    m_portTaken = false;
+    if (!m_socket.valid() || !m_stop.valid() || !m_look.valid())
         return detailed(failure(error::startCaptureFailed), "socket: " + errnoText(errno));
     growBuffer();
-    if (m_source.sender != 0)
-        if (auto failed = m_claim.take(m_source.sender, m_source.port))
-            return failed;
-    if (auto failed = bindSocket())
-        return failed;
-    return isMulticast(m_source.address) ? joinGroup() : std::nullopt;
+    setFlag(m_socket.get(), SOL_SOCKET, SO_TIMESTAMPNS, 1);
+    m_arrived = Clock::now();
+    m_seen.store(m_arrived.time_since_epoch().count(), std::memory_order_relaxed);
+    MaybeFailure failed;
+    if (m_source.sender != 0) {
+        failed = m_claim.take(m_source.sender, m_source.port);
+        m_portTaken = failed && m_claim.taken();
+    }
+    if (!failed)
+        failed = bindSocket();
+    if (!failed && isMulticast(m_source.address))
+        failed = joinGroup();
+    if (failed) {
+        m_socket.reset();
+        m_claim.release();
+    }
+    return failed;
 }
 
 void UdpReceiver::growBuffer() {
@@ -102,10 +139,11 @@ MaybeFailure UdpReceiver::bindSocket() {
     // this host is the encoder's view of a path we cannot see: any local address will do then.
     if (!bindTo(fd, m_source.address, m_source.port) &&
         !(errno == EADDRNOTAVAIL && bindTo(fd, INADDR_ANY, m_source.port))) {
+        m_portTaken = errno == EADDRINUSE;
         const char* const whatToDo =
-            errno == EADDRINUSE ? "; end the recording or program that receives there, or let the encoder "
-                                  "send to a multicast group"
-                                : "";
+            m_portTaken ? "; end the recording or program that receives there, or let the encoder "
+                          "send to a multicast group"
+                        : "";
         return detailed(failure(error::startCaptureFailed),
                         format("UDP port %d of %s: %s%s", m_source.port,
                                addressText(m_source.address).c_str(), errnoText(errno).c_str(), whatToDo));
@@ -149,11 +187,11 @@ void UdpReceiver::tellOthers() noexcept {
 
 MaybeFailure UdpReceiver::joinGroup() {
     setFlag(m_socket.get(), IPPROTO_IP, IP_MULTICAST_ALL, 0);
-    if (changeMembership(IP_ADD_MEMBERSHIP, m_source.interfaceAddress))
+    if (joinOn(m_source.interfaceAddress))
         return std::nullopt;
     // A host without a route for groups still has the loopback interface.
     if (errno == ENODEV && m_source.interfaceAddress == 0) {
-        if (changeMembership(IP_ADD_MEMBERSHIP, INADDR_LOOPBACK)) {
+        if (joinOn(INADDR_LOOPBACK)) {
             m_onLoopback = true;
             LogUtil::Warning("Capture", "No route for group %s: joined on the loopback interface",
                              addressText(m_source.address).c_str());
@@ -165,11 +203,23 @@ MaybeFailure UdpReceiver::joinGroup() {
                            addressText(m_source.interfaceAddress).c_str(), errnoText(errno).c_str()));
 }
 
-bool UdpReceiver::changeMembership(int option, std::uint32_t interfaceAddress) noexcept {
+// On the device that the kernel would choose now. It is named, so that it can be left whatever the kernel
+// would choose then: one that is not left may bring each packet a second time.
+bool UdpReceiver::joinOn(std::uint32_t interfaceAddress) noexcept {
     ip_mreqn group{};
     group.imr_multiaddr.s_addr = htonl(m_source.address);
     group.imr_address.s_addr = htonl(interfaceAddress);
-    return ::setsockopt(m_socket.get(), IPPROTO_IP, option, &group, sizeof group) == 0;
+    m_device = groupDevice(m_source.address, interfaceAddress);
+    group.imr_ifindex = static_cast<int>(m_device);
+    return ::setsockopt(m_socket.get(), IPPROTO_IP, IP_ADD_MEMBERSHIP, &group, sizeof group) == 0;
+}
+
+void UdpReceiver::leaveGroup() noexcept {
+    ip_mreqn group{};
+    group.imr_multiaddr.s_addr = htonl(m_source.address);
+    group.imr_address.s_addr = htonl(m_onLoopback ? INADDR_LOOPBACK : m_source.interfaceAddress);
+    group.imr_ifindex = static_cast<int>(m_device);
+    ::setsockopt(m_socket.get(), IPPROTO_IP, IP_DROP_MEMBERSHIP, &group, sizeof group);
 }
 
 // A membership goes with its network device and is not there on the one that is made in its place, which the
@@ -181,15 +231,11 @@ void UdpReceiver::rejoinGroup() noexcept {
             "Nothing has come of group %s for %.0f s: it is joined again every %.0f s until it does",
             addressText(m_source.address).c_str(), std::chrono::duration<double>(rejoinAfter).count(),
             std::chrono::duration<double>(rejoinEvery).count());
-    if (m_onLoopback)
-        changeMembership(IP_DROP_MEMBERSHIP, INADDR_LOOPBACK);
-    // Without a route none could be left before: then there is more than one.
-    while (changeMembership(IP_DROP_MEMBERSHIP, m_source.interfaceAddress)) {
-    }
-    const bool joined = changeMembership(IP_ADD_MEMBERSHIP, m_source.interfaceAddress);
+    leaveGroup();
+    const bool joined = joinOn(m_source.interfaceAddress);
     const int reason = errno;
     if (!joined && m_onLoopback)
-        changeMembership(IP_ADD_MEMBERSHIP, INADDR_LOOPBACK);
+        joinOn(INADDR_LOOPBACK);
     else if (!joined && !m_rejoinFailed)
         LogUtil::Warning("Capture", "Cannot join group %s again: %s", addressText(m_source.address).c_str(),
                          errnoText(reason).c_str());
@@ -208,6 +254,7 @@ MaybeFailure UdpReceiver::start() {
 }
 
 void UdpReceiver::stop() {
+    const MutexLock lock(m_stopping);
     if (!m_thread.joinable())
         return;
     m_stop.signal();
@@ -218,16 +265,20 @@ void UdpReceiver::stop() {
 }
 
 void UdpReceiver::run() noexcept {
-    pollfd waits[] = {{m_stop.fd(), POLLIN, 0}, {m_socket.get(), POLLIN, 0}};
+    pollfd waits[] = {{m_stop.fd(), POLLIN, 0}, {m_socket.get(), POLLIN, 0}, {m_look.fd(), POLLIN, 0}};
     const bool gather = m_bufferBytes >= smallSocketBufferBytes;
     const bool group = isMulticast(m_source.address);
     Clock::time_point rejoin = group ? Clock::now() + rejoinAfter : Clock::time_point::max();
     for (;;) {
-        if (::poll(waits, 2, group ? pollTime(rejoin, Clock::now()) : -1) < 0 && errno != EINTR)
+        if (::poll(waits, std::size(waits), group ? pollTime(rejoin, Clock::now()) : -1) < 0 &&
+            errno != EINTR)
             break;
         const bool stopping = waits[0].revents != 0;
+        const bool asked = waits[2].revents != 0;
+        if (asked)
+            m_look.clear();
         const bool any = drain(stopping ? batchesAtStop : batchesPerTurn);
-        if (any)
+        if (any || asked)
             m_wake.signal();
         if (stopping)
             break;
@@ -242,30 +293,68 @@ void UdpReceiver::run() noexcept {
             ::poll(waits, 1, static_cast<int>(gatherTime.count()));
     }
     tellOthers();
+    m_seen.store(threadEnded, std::memory_order_release);
     m_wake.signal();
+}
+
+Clock::time_point UdpReceiver::seenUntil() const noexcept {
+    const Clock::rep seen = m_seen.load(std::memory_order_acquire);
+    return seen == threadEnded ? Clock::now() : Clock::time_point(Clock::duration(seen));
 }
 
 // Takes what waits in the socket. Returns whether there was anything.
 bool UdpReceiver::drain(int mostBatches) noexcept {
+    const Clock::time_point began = Clock::now();
     bool any = false;
-    for (int batch = 0; batch < mostBatches; ++batch) {
+    bool emptied = false;
+    // What was dropped until now lies before what will arrive.
+    countKernelDrops();
+    for (int batch = 0; batch < mostBatches && !emptied; ++batch) {
         m_batch->prepare();
         const int received =
             ::recvmmsg(m_socket.get(), m_batch->messages.data(), receiveBatch, MSG_DONTWAIT, nullptr);
         if (received <= 0) {
             // Errors of the network (an ICMP answer, say) belong to the past; what comes next is read again.
-            if (received < 0 && errno != EAGAIN && errno != EWOULDBLOCK)
-                continue;
-            break;
+            emptied = received == 0 || errno == EAGAIN || errno == EWOULDBLOCK;
+            continue;
         }
         any = true;
-        for (int i = 0; i < received; ++i)
-            takeDatagram(m_batch->messages[static_cast<std::size_t>(i)]);
-        if (static_cast<std::size_t>(received) < receiveBatch)
-            break;
+        // In this order: what comes between them makes arrivals later, but none earlier than it was.
+        const std::chrono::nanoseconds wall = wallTime();
+        const Clock::time_point now = Clock::now();
+        for (int i = 0; i < received; ++i) {
+            const mmsghdr& message = m_batch->messages[static_cast<std::size_t>(i)];
+            noteArrival(message, now, wall);
+            takeDatagram(message);
+        }
+        emptied = static_cast<std::size_t>(received) < receiveBatch;
     }
     countKernelDrops();
+    const Clock::rep seen = (emptied ? began : m_arrived).time_since_epoch().count();
+    if (seen > m_seen.load(std::memory_order_relaxed))
+        m_seen.store(seen, std::memory_order_release);
     return any;
+}
+
+// By the kernel's time, which tells also of what waited in the socket while this process did not run. That is
+// the time of day, which may be set: it arrived neither before the socket was last seen empty nor in the
+// future.
+void UdpReceiver::noteArrival(const mmsghdr& message, Clock::time_point now,
+                              std::chrono::nanoseconds wall) noexcept {
+    const Clock::time_point seen{Clock::duration(m_seen.load(std::memory_order_relaxed))};
+    Clock::time_point at = now;
+    const cmsghdr* const told = CMSG_FIRSTHDR(&message.msg_hdr);
+    if (told && told->cmsg_level == SOL_SOCKET && told->cmsg_type == SCM_TIMESTAMPNS) {
+        timespec time{};
+        std::memcpy(&time, CMSG_DATA(told), sizeof time);
+        const auto ago = std::clamp<std::chrono::nanoseconds>(wall - duration(time), {}, now - seen);
+        at = now - std::chrono::duration_cast<Clock::duration>(ago);
+    }
+    m_arrived = std::max(at, m_arrived);
+}
+
+void UdpReceiver::noteLoss() noexcept {
+    m_lastLoss.store(Clock::now().time_since_epoch().count(), std::memory_order_relaxed);
 }
 
 // By the socket's own account rather than by the one that comes with each datagram (SO_RXQ_OVFL): that one
@@ -276,6 +365,9 @@ void UdpReceiver::countKernelDrops() noexcept {
     if (::getsockopt(m_socket.get(), SOL_SOCKET, SO_MEMINFO, account.data(), &size) != 0)
         return;
     const std::uint32_t drops = account[SK_MEMINFO_DROPS];
+    if (drops == m_lastDropCount)
+        return;
+    noteLoss();
     count(m_counts.kernelDrops, static_cast<std::uint32_t>(drops - m_lastDropCount));
     m_lastDropCount = drops;
 }
@@ -329,10 +421,12 @@ void UdpReceiver::takePackets(std::span<const unsigned char> packets) noexcept {
         while (run < packets.size() && packets[run] == 0x47)
             run += packetSize;
         if (run != 0) {
-            const std::size_t taken = m_ring.push(packets.first(run));
+            const std::size_t taken = m_ring.push(packets.first(run), m_arrived);
             count(m_counts.packets, taken);
-            if (taken < run / packetSize)
+            if (taken < run / packetSize) {
+                noteLoss();
                 count(m_counts.overflow, run / packetSize - taken);
+            }
             packets = packets.subspan(run);
         } else {
             count(m_counts.badPackets);

@@ -7,6 +7,7 @@
 #include "StreamClaim.h"
 #include "StreamSource.h"
 #include "WakeEvent.h"
+#include "foundation/Mutex.h"
 #include "foundation/UniqueFd.h"
 
 #include <atomic>
@@ -43,7 +44,8 @@ struct ReceiverCounts {
 
 // A socket and the thread that empties it. The thread never waits for anything but the socket: it takes
 // datagrams in batches, lets them gather a few milliseconds between batches, and counts what the ring has no
-// room for. A group of which nothing comes is joined again now and then: its network device may be another.
+// room for. Each packet is told with the time at which the kernel received it, however late it is taken. A
+// group of which nothing comes is joined again now and then: its network device may be another.
 class UdpReceiver {
 public:
     // Packets go to ring; wake is signalled after each batch. Both outlive the receiver.
@@ -54,11 +56,24 @@ public:
 
     // Makes the socket, with as large a buffer as the system gives (a smaller one than wanted is logged as a
     // warning), and joins the group. A stream that is told by its sender is claimed for this process first.
+    // May be called again after a failure.
     [[nodiscard]] MaybeFailure open();
+    // Whether open() failed because another recorder or program has the port.
+    [[nodiscard]] bool portTaken() const noexcept { return m_portTaken; }
     // Starts the thread.
     [[nodiscard]] MaybeFailure start();
-    // Takes what has arrived until now, ends the thread and closes the socket. Further calls do nothing.
-    void stop();
+    // Takes what has arrived until now, ends the thread and closes the socket. Further calls do nothing. Any
+    // thread may call it.
+    void stop() EXCLUDES(m_stopping);
+
+    // All that arrived before this time is in the ring, or lost and counted. Once the thread has ended: now.
+    [[nodiscard]] Clock::time_point seenUntil() const noexcept;
+    // Has the thread look at the socket, and signal wake when that time lies behind this call.
+    void look() noexcept { m_look.signal(); }
+    // When the last loss, in the socket's buffer or the ring, was seen.
+    [[nodiscard]] Clock::time_point lastLoss() const noexcept {
+        return Clock::time_point(Clock::duration(m_lastLoss.load(std::memory_order_relaxed)));
+    }
 
     // Bytes of the socket's receive buffer, in the measure in which it is asked for (socketBufferBytes).
     [[nodiscard]] int bufferBytes() const noexcept { return m_bufferBytes; }
@@ -69,7 +84,8 @@ private:
 
     [[nodiscard]] MaybeFailure bindSocket();
     [[nodiscard]] MaybeFailure joinGroup();
-    bool changeMembership(int option, std::uint32_t interfaceAddress) noexcept;
+    bool joinOn(std::uint32_t interfaceAddress) noexcept;
+    void leaveGroup() noexcept;
     void rejoinGroup() noexcept;
     void growBuffer();
     void watchOthers();
@@ -77,6 +93,8 @@ private:
     void run() noexcept;
     bool drain(int mostBatches) noexcept;
     void countKernelDrops() noexcept;
+    void noteArrival(const mmsghdr& message, Clock::time_point now, std::chrono::nanoseconds wall) noexcept;
+    void noteLoss() noexcept;
     void takeDatagram(const mmsghdr& message) noexcept;
     void noteBad(const Datagram& datagram) noexcept;
     void takePackets(std::span<const unsigned char> packets) noexcept;
@@ -88,11 +106,18 @@ private:
     UniqueFd m_socket;
     UniqueFd m_others; // gets what no recorder of this port takes, until the first datagram; of the thread
     WakeEvent m_stop;
+    WakeEvent m_look;
     std::thread m_thread;
+    Mutex m_stopping;
     std::unique_ptr<Batch> m_batch;
     RtpSequence m_rtp;
     std::uint32_t m_lastDropCount = 0;
+    Clock::time_point m_arrived;       // when the newest datagram did
+    std::atomic<Clock::rep> m_seen{0}; // see seenUntil(); the largest there is once the thread has ended
+    std::atomic<Clock::rep> m_lastLoss{0};
     int m_bufferBytes = 0;
+    bool m_portTaken = false;
+    unsigned m_device = 0;       // that the group is joined on, 0: not known; of the thread once it runs
     bool m_onLoopback = false;   // the group is joined there for want of a route; of the thread once it runs
     bool m_rejoining = false;    // since something came last; of the thread
     bool m_rejoinFailed = false; // likewise

@@ -22,8 +22,8 @@ CuePlan cuePlan(const CSettings& settings) {
 } // namespace
 
 VtrSession::VtrSession(const SessionContext& context)
-    : m_context(context), m_encoders(context.wake), m_link(context.link, context.settings.vtr.port),
-      m_cue(cuePlan(context.settings)) {}
+    : m_context(context), m_encoders(context.wake, context.pause),
+      m_link(context.link, context.settings.vtr.port), m_cue(cuePlan(context.settings)) {}
 
 MaybeFailure VtrSession::start() {
     const CSettings& settings = m_context.settings;

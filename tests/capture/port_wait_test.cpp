@@ -1,0 +1,124 @@
+// Two recordings of one encoder, one right behind the other.
+#include "capture/EncoderChannel.h"
+#include "capture/stalled_disk.h"
+#include "capture/worker_process.h"
+
+#include <csignal>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <thread>
+
+using namespace kestrel::capture;
+using namespace capture_test;
+using namespace std::chrono_literals;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+namespace {
+
+// An address of the loopback network that belongs to this test alone.
+struct Encoder {
+    std::uint32_t address = 0x7F650000 | (static_cast<std::uint32_t>(getpid()) & 0xFFFE) | 1;
+    std::string text = "127.101." + std::to_string(address >> 8 & 255) + "." + std::to_string(address & 255);
+};
+
+void setUp(Worker& worker, std::uint32_t encoder, const char* duration) {
+    worker.settings.cmd.jobType = CSettings::JOB_TIMED;
+    std::snprintf(worker.settings.cmd.duration, sizeof worker.settings.cmd.duration, "%s", duration);
+    worker.settings.numEncoders = 1;
+    worker.settings.encoders[0].snmpIpAddress = encoder;
+}
+
+constexpr const char* waits = "Encoder 1: waits up to 6 s for its port: ";
+
+TEST(PortWait, ARecordingThatBeginsBeforeTheOneBeforeItHasEndedGetsTheStream) {
+    const Encoder encoder;
+    Worker first;
+    Worker second;
+    setUp(first, encoder.address, "00:00:02:00");
+    setUp(second, encoder.address, "00:00:01:00");
+    first.start();
+    first.waitForLog("receive buffer");
+    std::atomic<bool> enough{false};
+    std::thread sending([&] {
+        StreamBuilder builder;
+        Sender sender("127.0.0.1", 5000, encoder.text);
+        for (int i = 0; i < 100 && !enough; ++i) {
+            const Packets packets = builder.frames(25);
+            sender.send(packets, static_cast<double>(packets.size()) * 188 * 8);
+        }
+    });
+    first.waitForLog("recording into");
+    second.start();
+    second.waitForLog(waits);
+    EXPECT_EQ(first.wait(), 0) << first.log();
+    EXPECT_EQ(second.wait(), 0) << second.log();
+    enough = true;
+    sending.join();
+    EXPECT_THAT(first.results(), StartsWith("Recorded 00:00:02:00 (50 frames"));
+    EXPECT_THAT(second.results(), StartsWith("Recorded 00:00:01:00 (25 frames"));
+    EXPECT_THAT(second.results(), HasSubstr(", 0 continuity errors"));
+}
+
+// Meanwhile the service hears of it, and is heard.
+TEST(PortWait, AJobThatWaitsForItsPortCanBeCancelled) {
+    const Encoder encoder;
+    Worker first;
+    setUp(first, encoder.address, "00:00:02:00");
+    first.start();
+    first.waitForLog("receive buffer");
+    for (const bool bySignal : {false, true}) {
+        Worker second;
+        setUp(second, encoder.address, "00:00:02:00");
+        second.start();
+        second.waitForLog(waits);
+        if (bySignal)
+            second.signal(SIGTERM);
+        else
+            second.queues.send(CANCEL_MSG);
+        EXPECT_EQ(second.wait(5s), 0) << second.log();
+        EXPECT_EQ(second.results(), "Cancelled before the recording began: nothing recorded");
+        EXPECT_THAT(second.log(), HasSubstr(bySignal ? "Cancelled by a signal" : "Cancelled by the service"));
+    }
+}
+
+// Where a disk takes its time with the end of a file, the port is not kept as long.
+TEST(PortWait, ThePortIsFreeBeforeTheFileOfAnEndedRecordingIsClosed) {
+    const TemporaryDirectory directory;
+    StalledDisk disk(directory.path("out/news.ts"));
+    StreamSource source;
+    source.address = 0x7F000001;
+    source.port = freePort();
+    RecordingPlan plan;
+    plan.name = "Encoder 1";
+    plan.output = directory.path("out/news.ts");
+    plan.overwrite = true;
+    plan.mode = CaptureMode::timed;
+    plan.duration = "00:00:01:00";
+    WakeEvent turned;
+    EncoderChannel channel(source, plan, turned);
+    ASSERT_FALSE(channel.open());
+    ASSERT_FALSE(channel.start());
+    StreamBuilder builder({.packetsPerFrame = 60});
+    const Packets before = builder.frames(24);
+    Sender sender("127.0.0.1", source.port);
+    sender.send(before);
+    ASSERT_TRUE(disk.takeUpTo(before.size() * 188));
+    sender.send(builder.frames(2));
+
+    PacketRing ring(16);
+    WakeEvent wake;
+    UdpReceiver next(source, ring, wake);
+    const auto deadline = Clock::now() + 10s;
+    MaybeFailure failed = next.open();
+    for (; failed && Clock::now() < deadline; failed = next.open())
+        std::this_thread::sleep_for(10ms);
+    EXPECT_FALSE(failed) << failed->text;
+    EXPECT_NE(channel.status().state, RecordingState::ended) << "its file is not closed yet";
+    EXPECT_TRUE(disk.takeAll());
+    channel.join();
+    EXPECT_EQ(pictures(disk.packets()), 25);
+    EXPECT_TRUE(channel.status().succeeded) << channel.status().text;
+}
+
+} // namespace
