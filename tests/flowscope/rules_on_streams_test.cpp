@@ -273,6 +273,45 @@ TEST(RatesOnStreams, OfOneMultiplexAreOneWhereverItIsCut) {
     }
 }
 
+TEST(RatesOnStreams, OfAConstantMultiplexAreOneWhateverIsLostOfIt) {
+    const auto lossy = [](const std::string& file, const std::function<bool(std::size_t)>& lost) {
+        std::string rest;
+        const auto bytes = bytesOfFile(file);
+        for (std::size_t at = 0; at + 188 <= bytes.size(); at += 188)
+            if (!lost(at / 188))
+                rest.append(bytes.begin() + static_cast<long>(at),
+                            bytes.begin() + static_cast<long>(at + 188));
+        return rest;
+    };
+    const auto burst = [](std::size_t packet) { return packet >= 9000 && packet < 9100; };
+    const auto scattered = [](std::size_t packet) { return packet / 7 * 2'654'435'761U % 60 == 7; };
+    const ScratchDir directory;
+    for (const auto& lost :
+         {std::function<bool(std::size_t)>(burst), std::function<bool(std::size_t)>(scattered)}) {
+        const std::string at = directory.file("at.ts", lossy(sdMultiplex("3750000"), lost));
+        const std::string above = directory.file("above.ts", lossy(sdMultiplex("3750400"), lost));
+        EXPECT_EQ(passOver(at).muxBitsPerSecond(), 3'750'000);
+        EXPECT_EQ(judged("SD_TxRate_3p75Mbs", at), "");
+        EXPECT_NE(judged("SD_TxRate_3p75Mbs", above), "");
+    }
+}
+
+TEST(RatesOnStreams, OfConstantVideoAreThoseOfTheHeadersWhateverIsLostOfIt) {
+    const std::string file = sdVideo("3181000");
+    const auto bytes = bytesOfFile(file);
+    std::string rest;
+    for (std::size_t at = 0; at + 188 <= bytes.size(); at += 188)
+        if (at / 188 / 7 % 5 != 3)
+            rest.append(bytes.begin() + static_cast<long>(at), bytes.begin() + static_cast<long>(at + 188));
+    const ScratchDir directory;
+    const auto analysis = passOver(directory.file("lossy.ts", rest));
+    constexpr double CODED = 3'181'200; // in units of 400 b/s
+    EXPECT_LT(static_cast<double>(analysis.video()->bytes()) * 8,
+              CODED * analysis.videoSeconds() - analysis.video()->codedRate()->bufferBits)
+        << "else nothing is shown here";
+    EXPECT_EQ(analysis.videoBitsPerSecond(), CODED);
+}
+
 // Multiplexes as fast as they may be, and too small for what is put into them: of constant rate, without null
 // packets, but ever later, at last behind the decoding times.
 std::string overloadedSd(const std::string& name = "over_sd", const std::string& options = "") {

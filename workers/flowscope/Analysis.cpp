@@ -58,7 +58,7 @@ bool Analysis::take(const unsigned char* packet) {
     const bool announced = !adaptation.empty() && (adaptation[0] & DISCONTINUITY) != 0;
     const bool cool = m_continuity.packetIsCool(packet, false);
     if (!cool && !announced)
-        m_findings.add("continuity", format("packet %llu: %s", number, m_continuity.message()));
+        noteLoss(packet, pid);
     if (adaptation.size() >= 7 && (adaptation[0] & PCR) != 0)
         takeClock(packet, pid);
     switch (m_roles[indexOf(pid)]) {
@@ -66,6 +66,8 @@ bool Analysis::take(const unsigned char* packet) {
         takeTables(packet);
         break;
     case Role::video:
+        if (announced)
+            m_video->realign();
         takeElementary(packet, nullptr, !cool);
         break;
     case Role::audio:
@@ -80,7 +82,20 @@ bool Analysis::take(const unsigned char* packet) {
     return !m_full;
 }
 
+void Analysis::noteLoss(const unsigned char* packet, int pid) {
+    m_findings.add("continuity", format("packet %llu: %s", static_cast<unsigned long long>(m_packets - 1),
+                                        m_continuity.message()));
+    m_clock.lose();
+    if (pid != m_videoPid)
+        return;
+    constexpr unsigned TURN = 16;
+    const unsigned step = ts::has_payload(packet) ? 1 : 0;
+    const auto counter = static_cast<unsigned>(ts::continuity_counter(packet));
+    m_lostVideoPackets += (counter - static_cast<unsigned>(m_videoCounter) - step) % TURN;
+}
+
 void Analysis::skip(std::uint64_t position, std::uint64_t bytes) {
+    m_clock.lose();
     m_findings.add("sync",
                    format("packet %llu: %llu bytes before it, from byte %llu of the file on, are no packets",
                           static_cast<unsigned long long>(m_packets), static_cast<unsigned long long>(bytes),
@@ -149,6 +164,8 @@ void Analysis::adopt(const Program& program, const StreamEntry& video) {
     m_videoReader = {};
     m_lastVideoPacket = 0;
     m_timecodeJumps = 0;
+    m_lostVideoPackets = 0;
+    m_lostSinceTime = false;
     m_positionAtTime = {0, 0};
     m_fieldsBeforeTimes = 0;
     m_atLeaps.clear();
@@ -229,6 +246,8 @@ void Analysis::takeClock(const unsigned char* packet, int pid) {
     if (m_clock.tooLong() != tooLong)
         m_findings.add("PCR interval",
                        format("packet %llu, PID %d: more than 100 ms since the last PCR", number, pid));
+    if (m_video != nullptr && (announced || m_clock.jumps() != jumps))
+        m_video->realign();
     if (m_clock.jumps() != jumps)
         m_findings.add("PCR jump", format("packet %llu, PID %d: the PCR jumps", number, pid));
     if (!announced)
@@ -247,6 +266,10 @@ Analysis::Audio* Analysis::audio(int pid) {
 
 void Analysis::takeElementary(const unsigned char* packet, Audio* audio, bool lost) {
     PesReader& reader = audio == nullptr ? m_videoReader : audio->reader;
+    if (audio == nullptr) {
+        m_videoCounter = ts::continuity_counter(packet);
+        m_lostSinceTime = m_lostSinceTime || lost;
+    }
     if (lost) {
         reader.lose();
         if (audio != nullptr)
@@ -267,8 +290,12 @@ void Analysis::takeElementary(const unsigned char* packet, Audio* audio, bool lo
     }
     (audio == nullptr ? m_lastVideoPacket : audio->lastPacket) = m_packets - 1;
     if (!reader.inData()) {
-        if (audio == nullptr && reader.behindLoss())
+        if (audio == nullptr && reader.behindLoss()) {
+            // A damaged header does not tell how long it is.
+            m_lostSinceTime = true;
+            m_video->realign();
             m_video->count(bytes.size());
+        }
         return;
     }
     if (audio != nullptr) {

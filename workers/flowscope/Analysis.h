@@ -97,9 +97,11 @@ public:
     // Seconds that any stream of the asset has something to show or to play.
     [[nodiscard]] double seconds() const;
     // Bits per second of the video's elementary stream: those of its headers where they say that it is
-    // constant and its bytes are as many as that makes, but for what the decoder's buffer holds; else its
-    // bytes over its seconds. 0 without a duration.
+    // constant and its bytes are as many as that makes, but for what the decoder's buffer holds and what was
+    // lost; else its bytes over its seconds. 0 without a duration.
     [[nodiscard]] double videoBitsPerSecond() const;
+    // At most, of the video, in a stream of that constant rate.
+    [[nodiscard]] double lostVideoBits(double bitsPerSecond) const;
     // Of the whole file: by the clock where null packets fill the multiplex up to a constant rate, or its
     // clock references keep to one as they must, and so many times as much as it takes longer to send the
     // video than to decode it where the multiplex is too small; else all of its bytes over its seconds. 0
@@ -122,6 +124,8 @@ private:
     };
 
     bool isDuplicate(const unsigned char* packet, int pid);
+    // Its counter does not follow, although nothing announces that.
+    void noteLoss(const unsigned char* packet, int pid);
     void takeTables(const unsigned char* packet);
     void chooseAsset();
     void adopt(const Program& program, const StreamEntry& video);
@@ -184,6 +188,9 @@ private:
     PesReader m_videoReader;
     unsigned long long m_lastVideoPacket = 0;
     std::uint64_t m_timecodeJumps = 0;           // that have been told
+    int m_videoCounter = 0;                      // continuity_counter of the latest packet
+    std::uint64_t m_lostVideoPackets = 0;        // as the counters tell
+    bool m_lostSinceTime = false;                // bytes of video, since the latest time
     VideoTrack::Position m_positionAtTime{0, 0}; // when the latest time came
     std::uint64_t m_fieldsBeforeTimes = 0;       // of the pictures before the first time
     // What is on each PID, so that a packet's way is one look.

@@ -74,15 +74,21 @@ void Analysis::takeVideoTimes() {
     const auto [least, fields] =
         std::minmax({position.shown - m_positionAtTime.shown, position.decoded - m_positionAtTime.decoded});
     constexpr std::uint64_t FRAME = 2; // where no picture was found since
+    // H.264 may show its frames longer (E.2.1, fixed_frame_rate_flag).
+    const bool allAtRate = m_video->codec() == VideoCodec::mpeg2 && !m_lostSinceTime;
     const VideoTimes::Place place{m_packets - 1,
                                   m_videoPid,
                                   m_video->format().rate(),
                                   static_cast<double>(fields == 0 ? FRAME : fields) / 2,
                                   static_cast<double>(least) / 2,
                                   m_fieldsBeforeTimes == 0 && m_video->beginsDecodable(),
-                                  aheadOfClock(rawDts)};
+                                  aheadOfClock(rawDts),
+                                  allAtRate};
     const auto end = m_times.settle(rawDts, place, m_limit.asked(), m_findings);
     const VideoTimes::Times times = m_times.continued(rawPts, rawDts, place);
+    if (times.leaps || times.back || times.newBase)
+        m_video->realign(); // it may be another file
+    m_lostSinceTime = false;
     if (end && *end < m_atLeaps.size()) {
         *m_video = m_atLeaps[*end].video; // the picture that leapt is one too many, too
         m_positionAtTime = m_atLeaps[*end].position;

@@ -82,9 +82,22 @@ double Analysis::videoBitsPerSecond() const {
     const auto coded = m_video->codedRate();
     const double excess = coded ? bits - coded->bitsPerSecond * duration : 0;
     // Delimiters may be a multiplexer's, of which the encoder knew nothing.
-    if (coded && excess >= -coded->bufferBits && excess <= coded->bufferBits + m_video->delimiterBits())
+    const double least = coded ? -coded->bufferBits - lostVideoBits(coded->bitsPerSecond) : 0;
+    if (coded && excess >= least && excess <= coded->bufferBits + m_video->delimiterBits())
         return coded->bitsPerSecond;
     return bits / duration;
+}
+
+// The counters turn at 16. Where the multiplex is of constant rate its clock tells of more, of any PID;
+// elsewhere the frames that are missing do.
+double Analysis::lostVideoBits(double bitsPerSecond) const {
+    if (m_lostVideoPackets == 0)
+        return 0;
+    constexpr double PAYLOAD_BITS = 184 * 8;
+    const double packets = std::max(static_cast<double>(m_lostVideoPackets), m_clock.lostPackets());
+    const double rate = m_video->format().rate();
+    const double counted = rate > 0 ? static_cast<double>(m_video->fields()) / 2 / rate : videoSeconds();
+    return packets * PAYLOAD_BITS + std::max(0.0, videoSeconds() - counted) * bitsPerSecond;
 }
 
 double Analysis::neededShare() const {

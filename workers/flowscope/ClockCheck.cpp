@@ -15,14 +15,13 @@ constexpr double TICKS_PER_US = 27;
 } // namespace
 
 void ClockCheck::reference(std::int64_t pcr, std::int64_t packet, bool announced, std::optional<double> at) {
+    bool anew = false;
     if (m_last >= 0) {
         const std::int64_t step = (pcr - m_last + TURN) % TURN;
         if (announced || step > SECOND) {
             ++(announced ? m_newTimeBases : m_jumps);
-            m_jitter = ofAll();
-            m_pace.join(paceOfStretch(!announced));
-            m_beganByJump = !announced;
-            m_samples.clear();
+            endStretch(!announced);
+            anew = true;
         } else {
             m_elapsed += step;
             m_longest = std::max(m_longest, step);
@@ -31,6 +30,7 @@ void ClockCheck::reference(std::int64_t pcr, std::int64_t packet, bool announced
         }
     }
     m_last = pcr;
+    m_lossy.reference(m_elapsed, packet, anew);
     if (m_count++ % m_every != 0)
         return;
     m_samples.push_back({m_elapsed, packet, at.value_or(elapsedSeconds())});
@@ -41,6 +41,23 @@ void ClockCheck::reference(std::int64_t pcr, std::int64_t packet, bool announced
         m_samples[i] = m_samples[2 * i];
     m_samples.resize(MOST_SAMPLES / 2);
     m_every *= 2;
+}
+
+void ClockCheck::endStretch(bool byJump) {
+    m_jitter = ofAll();
+    m_pace.join(paceOfStretch(byJump));
+    m_beganByJump = byJump;
+    m_samples.clear();
+}
+
+void ClockCheck::lose() {
+    ++m_losses;
+    if (m_samples.empty())
+        return;
+    // The counter of a PID tells of a loss when its next packet comes.
+    while (!m_samples.empty() && m_samples.back().pcr > m_elapsed - SECOND)
+        m_samples.pop_back();
+    endStretch(false);
 }
 
 void ClockCheck::Pace::join(const Pace& other) {
@@ -112,6 +129,10 @@ bool ClockCheck::constantRate() const {
 }
 
 std::optional<ClockCheck::ConstantRate> ClockCheck::rate() const {
+    // Half of what a reference is off by: the line leads through others that may be off, too.
+    if (const auto lossy = m_losses == 0 ? std::nullopt : m_lossy.rate())
+        return ConstantRate{static_cast<double>(SECOND) * lossy->packetsPerTick,
+                            lossy->farthestTicks / 2 / TICKS_PER_US};
     Pace pace = paceOfStretch(false);
     pace.join(m_pace);
     bool constant = pace.constant(2);

@@ -1,6 +1,7 @@
 // The program's clock: intervals, jumps and jitter of its references (ISO/IEC 13818-1, 2.4.2.2 and 2.7.2).
 #pragma once
 
+#include "LossyPace.h"
 #include "RateProfile.h"
 
 #include <cstdint>
@@ -17,6 +18,9 @@ public:
     // with it (2.4.3.5). at: seconds at which the plots show it, else by the references themselves.
     void reference(std::int64_t pcr, std::int64_t packet, bool announced = false,
                    std::optional<double> at = std::nullopt);
+    // Packets are missing, of any PID: of the multiplex, before the next reference or within the last second.
+    // No rate and no jitter is measured across them, unless the clock itself tells how many they are.
+    void lose();
 
     // References so far.
     [[nodiscard]] std::uint64_t count() const noexcept { return m_count; }
@@ -45,15 +49,17 @@ public:
     // By the straight line nearest to the references (least squares), so that what each of them is off by
     // counts for little; of several stretches by parallel lines. Nothing where there is no constant rate:
     // that of jitterUs(), the same one in all stretches. A single stretch that has no two seconds may have
-    // five tenths of a second instead.
+    // five tenths of a second instead. Where packets are lost, with those that the clock tells of.
     [[nodiscard]] std::optional<ConstantRate> rate() const;
+    // Packets that are missing at a constant rate; 0 where none are known to be lost.
+    [[nodiscard]] double lostPackets() const { return m_losses == 0 ? 0 : m_lossy.lostPackets(); }
     // Seconds from the first reference to the last, jumps left out.
     [[nodiscard]] double elapsedSeconds() const noexcept { return static_cast<double>(m_elapsed) / 27e6; }
 
     // Longest interval of each step of time, in milliseconds.
     [[nodiscard]] const PeakProfile& intervals() const noexcept { return m_intervals; }
-    // Largest distance from a constant rate of each step of the stretch since the last jump, in microseconds;
-    // empty where it has no constant rate.
+    // Largest distance from a constant rate of each step of the stretch since the last jump, or loss, in
+    // microseconds; empty where it has no constant rate.
     [[nodiscard]] PeakProfile jitterOverTime() const;
 
 private:
@@ -80,6 +86,8 @@ private:
     // Without what a damaged reference may have spoilt: a second behind the jump that began the stretch, and
     // one before the jump that ends it.
     [[nodiscard]] Pace paceOfStretch(bool endsByJump) const;
+    // The next reference begins another one.
+    void endStretch(bool byJump);
     [[nodiscard]] bool constantRate() const;
     [[nodiscard]] double distanceUs(const Sample& sample) const;
     struct Distance {
@@ -97,11 +105,13 @@ private:
     std::int64_t m_last = -1;
     std::int64_t m_elapsed = 0; // since the first reference, without the jumps
     PeakProfile m_intervals;
-    std::vector<Sample> m_samples;    // of the stretch since the last jump; times as m_elapsed
+    std::vector<Sample> m_samples;    // of the stretch since the last jump or loss; times as m_elapsed
     std::uint64_t m_every = 1;        // a sample is kept of so many references
     std::optional<Distance> m_jitter; // of the stretches before
     Pace m_pace;                      // of them, too
     bool m_beganByJump = false;       // the stretch
+    std::uint64_t m_losses = 0;
+    LossyPace m_lossy;
 };
 
 } // namespace kestrel::flowscope

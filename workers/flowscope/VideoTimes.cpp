@@ -113,6 +113,10 @@ void VideoTimes::keep(const Times& times, const Place& place, Findings& findings
         m_framesHeld = 0;
         if (ordinary && !times.newBase)
             ordinaryStep = step;
+        if (ordinaryStep && place.allAtRate)
+            m_byRate.add(static_cast<double>(step), frames, place.leastFrames, place.frameRate);
+        else
+            m_byRate.leaveOut();
         if (step > 0) {
             if (m_steps.size() < MOST_STEPS || m_steps.contains(step))
                 ++m_steps[step];

@@ -5,6 +5,7 @@
 #include "FrameRates.h"
 #include "Leaps.h"
 #include "ShowingOrder.h"
+#include "StepsByRate.h"
 #include "mpeg/pts.h"
 
 #include <cstdint>
@@ -43,6 +44,8 @@ public:
         bool beginsWhole = false; // the first picture had a time and is an I picture
         // How far its DTS lies ahead of the latest clock reference; nothing without one.
         std::optional<std::int64_t> ahead = std::nullopt;
+        // None of these frames is lost, and each lasts as long as the rate says.
+        bool allAtRate = false;
     };
 
     // The next PES packet tells what the times that are held are worth; to be called before the next two.
@@ -114,6 +117,7 @@ private:
     void beginBefore(PTS dts, const Held& second);
     void tellDamaged(const Held& held, const char* around, Findings& findings) const;
     void tellPts(const Held& held, Findings& findings);
+    void tellRate(Findings& findings) const;
 
     PTS m_firstDts{-1};
     PTS m_lastDts{-1};
@@ -138,6 +142,7 @@ private:
     std::optional<std::int64_t> m_shiftBefore; // time went back, the latest time
     bool m_newTimeBase = false;
     ShowingOrder m_showing;
+    StepsByRate m_byRate;
     std::uint64_t m_taken = 0;
     std::map<std::int64_t, std::uint64_t> m_steps; // how often each
 };

@@ -134,6 +134,15 @@ void VideoTimes::tellPts(const Held& held, Findings& findings) {
                             static_cast<long long>(held.times.rawDts.ticks())));
 }
 
+void VideoTimes::tellRate(Findings& findings) const {
+    if (const auto rates = m_byRate.contradiction())
+        findings.add(
+            "timestamps",
+            format("packet %llu, PID %d: up to its last time %.5g frames are decoded a second, where "
+                   "the headers name %.5g",
+                   m_lastPlace.packet, m_lastPlace.pid, rates->measured, rates->ofHeaders));
+}
+
 std::optional<bool> VideoTimes::clockAgrees(const Place& from, const Place& to) noexcept {
     if (!from.ahead || !to.ahead)
         return std::nullopt;
@@ -188,6 +197,7 @@ std::optional<std::size_t> VideoTimes::end(std::optional<int> seconds, Findings&
             tellPts(held, findings);
     m_heldPts.clear();
     m_showing.end(findings);
+    tellRate(findings);
     return end;
 }
 

@@ -26,6 +26,7 @@ void VideoTrack::skip() {
     m_prefix = false;
     m_headerWanted = 0;
     m_timecodes.skip();
+    realign();
 }
 
 void VideoTrack::end() {
@@ -107,9 +108,18 @@ void VideoTrack::step(unsigned char byte) {
 void VideoTrack::beginHeader(unsigned char code) {
     m_headerWanted = m_codec == VideoCodec::mpeg2 ? mpeg2HeaderBytes(code) : nalBytes(code);
     if (m_codec == VideoCodec::mpeg2 && mpeg2Aligned(code)) {
-        ++m_headers;
         // The prefix began three bytes ago.
-        m_unaligned += (m_bytes - 3) % 4 != 0 ? 1 : 0;
+        const std::uint64_t at = m_bytes - 3;
+        const unsigned off = (at - m_base) % 4 != 0 ? 1 : 0;
+        if (std::exchange(m_realign, false)) {
+            m_begunUnaligned += off;
+            m_base = at;
+            ++m_begun;
+        } else {
+            m_unaligned += off;
+            m_begun += m_headers == 0 ? 1 : 0; // with which the stream begins
+        }
+        ++m_headers;
     }
     if (m_headerWanted == 0)
         return;

@@ -46,6 +46,9 @@ public:
     void feed(std::span<const unsigned char> bytes);
     // Bytes were lost: what was being read is dropped.
     void skip();
+    // How many bytes there were up to here is not known, or no matter: the alignment begins anew with the
+    // next header.
+    void realign() noexcept { m_realign = true; }
     // So many bytes of the elementary stream that cannot be looked into, behind others that were lost.
     void count(std::uint64_t bytes) { m_bytes += bytes; }
     // No more bytes come.
@@ -81,8 +84,12 @@ public:
     [[nodiscard]] bool beginsDecodable() const noexcept { return m_firstType == 'I'; }
     // Whether pictures of another rate have come behind those of the first one.
     [[nodiscard]] bool rateChanged() const noexcept { return m_rateChanged; }
-    // Every sequence, group and picture header begins at a multiple of four bytes of the elementary stream.
-    [[nodiscard]] bool quadByteAligned() const noexcept { return m_headers > 0 && m_unaligned == 0; }
+    // Every sequence, group and picture header begins at a multiple of four bytes of the elementary stream,
+    // or behind a loss or a join, of those from the next header on. Where that tells of none of them, what
+    // has come is taken for all of the stream.
+    [[nodiscard]] bool quadByteAligned() const noexcept {
+        return m_headers > 0 && m_unaligned == 0 && (m_headers > m_begun || m_begunUnaligned == 0);
+    }
     // Of the time codes: drop_frame_flag of the latest GOP header (13818-2, 6.3.8), or counting_type of the
     // first picture timing (H.264, D.2.2).
     [[nodiscard]] bool dropFrame() const noexcept { return m_dropFrame; }
@@ -148,6 +155,10 @@ private:
     std::uint64_t m_bytes = 0;
     std::uint64_t m_headers = 0;
     std::uint64_t m_unaligned = 0;
+    bool m_realign = false;
+    std::uint64_t m_base = 0;           // byte that the alignment is counted from
+    std::uint64_t m_begun = 0;          // headers from which it is
+    std::uint64_t m_begunUnaligned = 0; // of these, by the bytes that have come
     bool m_dropFrame = false;
     bool m_captions = false;
     std::optional<bool> m_constantRate;

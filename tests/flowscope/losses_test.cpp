@@ -1,0 +1,321 @@
+// What lost packets do not change: the rates that a file was sent at, and its alignment.
+#include "analysed.h"
+#include "flowscope/Analysis.h"
+#include "multiplex.h"
+
+#include <algorithm>
+#include <cmath>
+#include <functional>
+#include <gtest/gtest.h>
+#include <utility>
+
+using namespace kestrel::flowscope;
+
+namespace {
+
+constexpr int VIDEO_PID = 0x101;
+constexpr int SOUND_PID = 0x102;
+constexpr int PACKET = 188;
+
+// Of a packet: where it is, its PID.
+using Lost = std::function<bool(int, int)>;
+
+Bytes without(const Bytes& bytes, const Lost& lost) {
+    Bytes rest;
+    rest.reserve(bytes.size());
+    for (std::size_t at = 0; at + PACKET <= bytes.size(); at += PACKET) {
+        const int pid = (bytes[at + 1] & 0x1F) << 8 | bytes[at + 2];
+        if (!lost(static_cast<int>(at / PACKET), pid))
+            rest.insert(rest.end(), bytes.begin() + static_cast<long>(at),
+                        bytes.begin() + static_cast<long>(at + PACKET));
+    }
+    return rest;
+}
+
+Lost burst(int from, int count) {
+    return [=](int packet, int) { return packet >= from && packet < from + count; };
+}
+
+// As where a network loses one datagram of seven packets in so many.
+Lost datagrams(unsigned every) {
+    return [=](int packet, int) {
+        const auto datagram = static_cast<unsigned>(packet / 7);
+        return datagram > 3 && (datagram * 2'654'435'761U >> 8) % every == 0;
+    };
+}
+
+// Video of 25 a second and sound in a multiplex of that constant rate that null packets fill, with two
+// references a picture. off: ticks of 27 MHz that each is off by.
+Bytes constantMultiplex(
+    double bitsPerSecond, int pictures, const std::function<std::int64_t(int)>& off = [](int) { return 0; }) {
+    constexpr std::int64_t FRAME = 3600;
+    Multiplex made;
+    made.association({{1, 0x100}}).map(0x100, 1, VIDEO_PID, {{0x02, VIDEO_PID}, {0x81, SOUND_PID}});
+    int references = 0;
+    const auto clock = [&] {
+        const double seconds = static_cast<double>(made.packets()) * PACKET * 8 / bitsPerSecond;
+        made.clock(VIDEO_PID, 27'000'000 + std::llround(seconds * 27e6) + off(references++));
+    };
+    for (int i = 0; i < pictures; ++i) {
+        const std::int64_t dts = 90'000 + 20'000 + i * FRAME;
+        clock();
+        made.pes(VIDEO_PID, pesHeader(dts, dts), mpeg2Picture(i % 12 == 0 ? 1 : 2, 6000));
+        clock();
+        made.pes(SOUND_PID, pesHeader(dts, -1, 0xBD), Bytes(400, 0x55));
+        while (static_cast<double>(made.packets()) * PACKET * 8 < bitsPerSecond * (i + 1) / 25)
+            made.null();
+    }
+    return made.bytes;
+}
+
+// --- the rate of a multiplex
+
+TEST(ALossInAConstantMultiplex, LeavesItsRateWhereItIs) {
+    for (const double rate : {3'749'600.0, 3'750'000.0, 3'750'400.0}) {
+        const Bytes whole = constantMultiplex(rate, 300);
+        ASSERT_EQ(analysed(whole).muxBitsPerSecond(), rate);
+        // Within a picture: of null packets, and of sixteen of one PID, no counter tells.
+        for (const int from : {5, 3'000, 28'940})
+            for (const int count : {1, 2, 14, 30, 100, 900}) {
+                const Analysis analysis = analysed(without(whole, burst(from, count)));
+                EXPECT_GT(analysis.findings().count("continuity"), 0U);
+                EXPECT_EQ(analysis.muxBitsPerSecond(), rate) << count << " from " << from << " on";
+                EXPECT_EQ(analysis.findings().count("PCR jitter"), 0U);
+            }
+    }
+}
+
+TEST(ALossInAConstantMultiplex, MayHappenManyTimesASecond) {
+    for (const double rate : {3'749'600.0, 3'750'000.0, 3'750'400.0}) {
+        const Bytes whole = constantMultiplex(rate, 500);
+        for (const unsigned every : {200U, 60U, 15U}) {
+            const Analysis analysis = analysed(without(whole, datagrams(every)));
+            EXPECT_GT(analysis.findings().count("continuity"), 5U);
+            EXPECT_EQ(analysis.muxBitsPerSecond(), rate) << every;
+            EXPECT_EQ(analysis.findings().count("PCR jitter"), 0U);
+        }
+    }
+}
+
+TEST(ALossInAConstantMultiplex, OfASeldomPidIsToldLaterAndHarmsNothing) {
+    const Bytes whole = constantMultiplex(3'750'000, 300);
+    int sounds = 0;
+    const Analysis analysis =
+        analysed(without(whole, [&](int, int pid) { return pid == SOUND_PID && ++sounds % 50 == 17; }));
+    EXPECT_GT(analysis.findings().count("continuity"), 5U);
+    EXPECT_EQ(analysis.muxBitsPerSecond(), 3'750'000);
+}
+
+TEST(ALossInAConstantMultiplex, HarmsNoneWhoseReferencesAreOffByWhatIsAllowed) {
+    const auto off = [](int i) { return i * 7 % 27 - 13; };
+    const Bytes whole = constantMultiplex(3'750'000, 500, off);
+    for (const Lost& lost : {burst(3'000, 100), datagrams(60)})
+        EXPECT_NEAR(analysed(without(whole, lost)).muxBitsPerSecond(), 3'750'000, 1);
+}
+
+TEST(ALossInAConstantMultiplex, IsNoneWhereOnlyACounterIsWrong) {
+    Bytes bytes = constantMultiplex(3'750'000, 300);
+    // The sound's stand still.
+    for (std::size_t at = 0; at < bytes.size(); at += PACKET)
+        if ((bytes[at + 1] & 0x1F) == 1 && bytes[at + 2] == 2)
+            bytes[at + 3] &= 0xF0;
+    const Analysis analysis = analysed(bytes);
+    EXPECT_GT(analysis.findings().count("continuity"), 500U);
+    EXPECT_EQ(analysis.muxBitsPerSecond(), 3'750'000);
+}
+
+TEST(ALossInAConstantMultiplex, MayBeOneOfWhichTheFileTellsAlone) {
+    // Null packets, which no counter counts, and in whose place there is something else.
+    const Bytes whole = constantMultiplex(3'750'000, 300);
+    const auto rate = [&](bool told) {
+        Analysis analysis(std::nullopt);
+        for (std::size_t at = 0; at < whole.size(); at += PACKET) {
+            const std::size_t packet = at / PACKET;
+            if (packet == 3050 && told)
+                analysis.skip(at, std::uint64_t{20} * PACKET);
+            if (packet < 3050 || packet >= 3070)
+                analysis.take(whole.data() + at);
+        }
+        analysis.end();
+        EXPECT_EQ(analysis.findings().count("continuity"), 0U);
+        return analysis.muxBitsPerSecond();
+    };
+    EXPECT_EQ(rate(true), 3'750'000);
+    EXPECT_LT(rate(false), 3'750'000) << "else nothing is shown here";
+}
+
+TEST(ALossInAConstantMultiplex, OfManySecondsLeavesThoseBeforeAndBehindIt) {
+    const Bytes whole = constantMultiplex(3'750'000, 500);
+    EXPECT_EQ(analysed(without(whole, burst(12'000, 20'000))).muxBitsPerSecond(), 3'750'000);
+}
+
+TEST(ALossInAMultiplex, ThatIsNotConstantMakesItNoMoreSo) {
+    // Pictures that last as long and are as large as they like, and a few null packets.
+    Multiplex made;
+    made.association({{1, 0x100}}).map(0x100, 1, VIDEO_PID, {{0x02, VIDEO_PID}});
+    for (int i = 0; i < 400; ++i) {
+        const std::int64_t dts = 90'000 + i * 3600;
+        made.clock(VIDEO_PID, (dts - 9000) * 300);
+        made.pes(
+            VIDEO_PID, pesHeader(dts, dts),
+            mpeg2Picture(i % 12 == 0 ? 1 : 2, static_cast<std::size_t>(4000 + i * i % 97 * 100 + i * 20)));
+        if (i % 10 == 0)
+            made.null();
+    }
+    for (const Lost& lost : {burst(3'000, 20), datagrams(60), datagrams(8)}) {
+        const Analysis analysis = analysed(without(made.bytes, lost));
+        EXPECT_EQ(analysis.muxBitsPerSecond(),
+                  static_cast<double>(analysis.packets()) * PACKET * 8 / analysis.seconds());
+    }
+}
+
+TEST(TheLossyPace, IsNoneOfTwoRates) {
+    // By a fifth of a packet less than two, and by two, so that most intervals lack as many.
+    for (const int slower : {24'300, 27'000}) {
+        LossyPace pace;
+        for (int i = 0; i < 2000; ++i)
+            pace.reference(i * 540'000 + std::max(0, i - 800) * slower, i * 40, false);
+        EXPECT_FALSE(pace.rate()) << slower;
+        EXPECT_EQ(pace.lostPackets(), 0);
+    }
+}
+
+TEST(TheLossyPace, DoesNotBridgeAJoinThatIsNearlySeamless) {
+    LossyPace pace;
+    for (int i = 0; i < 1000; ++i)
+        pace.reference(i * 540'000 + (i >= 500 ? 600 : 0), i * 40, false);
+    ASSERT_TRUE(pace.rate());
+    EXPECT_NEAR(pace.rate()->packetsPerTick * 13'500, 1, 1e-9);
+}
+
+TEST(TheLossyPace, HasNoneOfReferencesThatStandStill) {
+    LossyPace pace;
+    EXPECT_FALSE(pace.rate());
+    for (int i = 0; i < 100; ++i)
+        pace.reference(i * 540'000, 7, false);
+    EXPECT_FALSE(pace.rate());
+    LossyPace still;
+    for (int i = 0; i < 100; ++i)
+        still.reference(7, i, false);
+    EXPECT_FALSE(still.rate());
+}
+
+// --- the rate of the video
+
+// 100 pictures of 25 a second, of that many bytes, that are said to be of 2 Mb/s with a buffer of 163,840
+// bits.
+Bytes constantVideo(std::size_t pictureBytes) {
+    Multiplex made;
+    made.association({{1, 0x100}}).map(0x100, 1, VIDEO_PID, {{0x02, VIDEO_PID}});
+    for (int i = 0; i < 100; ++i) {
+        Bytes picture = sequenceHeader(720, 576, 3) + sequenceExtension(0x48);
+        constexpr int RATE = 5000;
+        constexpr int BUFFER = 10;
+        picture[8] = RATE >> 10;
+        picture[9] = RATE >> 2 & 0xFF;
+        picture[10] = 0x20;
+        picture[11] = BUFFER << 3;
+        Bytes header = pictureHeader(1);
+        header[5] = static_cast<unsigned char>(header[5] & 0xF8);
+        header[6] = 0x20; // vbv_delay
+        header[7] = 0;
+        picture = picture + header + pictureCodingExtension(3, true, false);
+        made.pes(VIDEO_PID, pesHeader(90'000 + i * 3600), picture + filler(pictureBytes - picture.size()));
+    }
+    return made.bytes;
+}
+
+TEST(ALossInConstantVideo, LeavesTheRateOfItsHeaders) {
+    const Bytes whole = constantVideo(10'000);
+    ASSERT_EQ(analysed(whole).videoBitsPerSecond(), 2e6);
+    for (const Lost& lost : {datagrams(20), datagrams(8), burst(2'000, 300), burst(2'000, 1'000)}) {
+        const Analysis analysis = analysed(without(whole, lost));
+        EXPECT_GT(8e6 - static_cast<double>(analysis.video()->bytes()) * 8, 163'840)
+            << "else nothing is shown here";
+        EXPECT_EQ(analysis.videoBitsPerSecond(), 2e6);
+    }
+}
+
+TEST(ALossInConstantVideo, HidesNotThatItIsFarBelowTheRateOfItsHeaders) {
+    const Bytes whole = constantVideo(7'000);
+    EXPECT_NEAR(analysed(whole).videoBitsPerSecond(), 1.4e6, 1);
+    for (const Lost& lost : {datagrams(200), burst(2'000, 1)})
+        EXPECT_LT(analysed(without(whole, lost)).videoBitsPerSecond(), 1.45e6);
+}
+
+// --- alignment
+
+// A picture with a sequence header in each PES packet, of that many bytes.
+Bytes pictures(const std::function<std::size_t(int)>& size, int count = 60) {
+    Multiplex made;
+    made.association({{1, 0x100}}).map(0x100, 1, VIDEO_PID, {{0x02, VIDEO_PID}});
+    for (int i = 0; i < count; ++i) {
+        const Bytes head =
+            i % 12 == 0 ? sequenceHeader(720, 576, 3) + sequenceExtension(0x48) + filler(2) : Bytes{};
+        const Bytes picture =
+            head + pictureHeader(i % 12 == 0 ? 1 : 2) + pictureCodingExtension(3, true, false);
+        made.pes(VIDEO_PID, pesHeader(90'000 + i * 3600), picture + filler(size(i) - picture.size()));
+    }
+    return made.bytes;
+}
+
+const auto ALIGNED = [](int i) { return static_cast<std::size_t>(2000 + i % 5 * 4); };
+
+TEST(TheAlignment, IsThatOfTheHeadersOnEitherSideOfALoss) {
+    const Bytes whole = pictures(ALIGNED);
+    ASSERT_TRUE(analysed(whole).video()->quadByteAligned());
+    const int packets = static_cast<int>(whole.size()) / PACKET;
+    for (int lost = 2; lost < packets; ++lost)
+        EXPECT_TRUE(analysed(without(whole, burst(lost, 1))).video()->quadByteAligned()) << lost;
+    for (const unsigned every : {4U, 10U, 30U})
+        EXPECT_TRUE(analysed(without(whole, datagrams(every))).video()->quadByteAligned()) << every;
+}
+
+TEST(TheAlignment, BeginsAnewWithAnotherFile) {
+    // Whose end is at no multiple of four.
+    const Bytes one = pictures([](int i) { return ALIGNED(i) + (i == 59 ? 3 : 0); });
+    ASSERT_TRUE(analysed(one).video()->quadByteAligned());
+    EXPECT_TRUE(analysed(one + one).video()->quadByteAligned());
+}
+
+TEST(TheAlignment, BeginsAnewWhereThatIsAnnounced) {
+    Multiplex made;
+    made.association({{1, 0x100}}).map(0x100, 1, VIDEO_PID, {{0x02, VIDEO_PID}});
+    const auto add = [&](std::size_t size) {
+        for (int i = 0; i < 10; ++i)
+            made.pes(VIDEO_PID, pesHeader(90'000 + i * 3600), mpeg2Picture(2, size + (i == 9 ? 1 : 0)));
+    };
+    const std::size_t aligned = 4000 - mpeg2Picture(2, 0).size() % 4;
+    add(aligned);
+    Multiplex goesOn = made;
+    made.clock(VIDEO_PID, 27'000'000, true);
+    std::swap(made, goesOn);
+    add(aligned);
+    EXPECT_FALSE(analysed(made.bytes).video()->quadByteAligned()) << "nothing tells of another file";
+    std::swap(made, goesOn);
+    add(aligned);
+    EXPECT_TRUE(analysed(made.bytes).video()->quadByteAligned());
+}
+
+TEST(TheAlignment, IsMissedWithLossesToo) {
+    const auto odd = [](int i) { return static_cast<std::size_t>(2000 + i % 5 * 3); };
+    const Bytes whole = pictures(odd);
+    ASSERT_FALSE(analysed(whole).video()->quadByteAligned());
+    for (const unsigned every : {4U, 10U, 30U})
+        EXPECT_FALSE(analysed(without(whole, datagrams(every))).video()->quadByteAligned()) << every;
+    // One packet of each picture, and nothing that could be compared without it.
+    Multiplex made;
+    made.association({{1, 0x100}}).map(0x100, 1, VIDEO_PID, {{0x02, VIDEO_PID}});
+    for (int i = 0; i < 60; ++i)
+        made.pes(VIDEO_PID, pesHeader(90'000 + i * 3600),
+                 pictureHeader(2) + pictureCodingExtension(3, true, false) + filler(odd(i)));
+    bool sinceStart = false;
+    const Bytes lossy = without(made.bytes, [&](int packet, int pid) {
+        const bool start = (made.bytes[static_cast<std::size_t>(packet) * PACKET + 1] & 0x40) != 0;
+        return pid == VIDEO_PID && std::exchange(sinceStart, start);
+    });
+    EXPECT_EQ(analysed(lossy).findings().count("continuity"), 60U);
+    EXPECT_FALSE(analysed(lossy).video()->quadByteAligned());
+}
+
+} // namespace
