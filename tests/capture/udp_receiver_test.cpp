@@ -171,6 +171,31 @@ bool makeDevice() {
            network("route add 239.0.0.0/8 dev camera0");
 }
 
+// A receiver of 239.1.1.1 in this thread's network namespace.
+struct GroupReceiver {
+    GroupReceiver() : receiver(source(), ring, wake) {}
+    static StreamSource source() {
+        StreamSource group;
+        group.address = 0xEF010101;
+        group.port = 5000;
+        return group;
+    }
+    void start() {
+        const auto failed = receiver.open();
+        ASSERT_FALSE(failed) << failed->text;
+        ASSERT_FALSE(receiver.start());
+    }
+    void waitForMore(int milliseconds) {
+        pollfd wait{wake.fd(), POLLIN, 0};
+        ::poll(&wait, 1, milliseconds);
+        wake.clear();
+    }
+
+    PacketRing ring{4096};
+    WakeEvent wake;
+    UdpReceiver receiver;
+};
+
 // As when the network is started anew. In a network namespace of its own, so that it is seen by nobody else.
 TEST(UdpReceiver, AGroupIsReceivedAgainWhenItsNetworkDeviceIsMadeAnew) {
     std::thread([] {
@@ -186,39 +211,28 @@ TEST(UdpReceiver, AGroupIsReceivedAgainWhenItsNetworkDeviceIsMadeAnew) {
         const auto logged = [&directory](const std::string& part) {
             return readText(directory.path("log")).find(part) != std::string::npos;
         };
-        StreamSource source;
-        source.address = 0xEF010101; // 239.1.1.1
-        source.port = 5000;
-        PacketRing ring(4096);
-        WakeEvent wake;
-        UdpReceiver receiver(source, ring, wake);
-        const auto failed = receiver.open();
-        ASSERT_FALSE(failed) << failed->text;
-        ASSERT_FALSE(receiver.start());
+        GroupReceiver group;
+        ASSERT_NO_FATAL_FAILURE(group.start());
         const Packets sent(7, Packet{0x47});
-        Sender("239.1.1.1", source.port, "10.9.0.1").send(sent);
-        ASSERT_EQ(collect(ring, wake, sent.size()).size(), sent.size());
+        Sender("239.1.1.1", 5000, "10.9.0.1").send(sent);
+        ASSERT_EQ(collect(group.ring, group.wake, sent.size()).size(), sent.size());
 
         ASSERT_TRUE(network("link delete camera0"));
         // As long as there is none, joining again fails, which must not be the end of it.
         const auto deadline = Clock::now() + std::chrono::seconds(15);
         while (!logged("Cannot join group 239.1.1.1 again: ") && Clock::now() < deadline) {
-            pollfd wait{wake.fd(), POLLIN, 0};
-            ::poll(&wait, 1, 20);
-            wake.clear();
+            group.waitForMore(20);
         }
         EXPECT_TRUE(logged("Cannot join group 239.1.1.1 again: "));
         ASSERT_TRUE(makeDevice());
         Packets again;
         while (again.empty() && Clock::now() < deadline) {
-            Sender("239.1.1.1", source.port, "10.9.0.1").send(sent);
-            pollfd wait{wake.fd(), POLLIN, 0};
-            ::poll(&wait, 1, 100);
-            wake.clear();
-            const auto part = ring.readable();
+            Sender("239.1.1.1", 5000, "10.9.0.1").send(sent);
+            group.waitForMore(100);
+            const auto part = group.ring.readable();
             again.assign(part.begin(), part.end());
         }
-        receiver.stop();
+        group.receiver.stop();
         EXPECT_FALSE(again.empty());
         EXPECT_TRUE(logged("Nothing has come of group 239.1.1.1 for 2 s: it is joined again every 3 s"));
         LogUtil::Cleanup();
@@ -253,31 +267,22 @@ TEST(UdpReceiver, AGroupThatIsJoinedOnAnotherDeviceIsLeftOnTheOneBefore) {
                   network("link set camera" + one + " up") &&
                   network("route add 239.0.0.0/8 dev camera" + one + " metric 1" + one)))
                 GTEST_SKIP() << "no network devices to be had";
-        StreamSource source;
-        source.address = 0xEF010101; // 239.1.1.1
-        source.port = 5000;
-        PacketRing ring(4096);
-        WakeEvent wake;
-        UdpReceiver receiver(source, ring, wake);
-        const auto failed = receiver.open();
-        ASSERT_FALSE(failed) << failed->text;
-        ASSERT_FALSE(receiver.start());
+        GroupReceiver group;
+        ASSERT_NO_FATAL_FAILURE(group.start());
         const Packet first = packetOf(0x100);
         const Packet second = packetOf(0x101);
         sendOn("10.9.0.1", first);
-        ASSERT_EQ(collect(ring, wake, 1), Packets{first});
+        ASSERT_EQ(collect(group.ring, group.wake, 1), Packets{first});
 
         ASSERT_TRUE(network("route delete 239.0.0.0/8 dev camera0"));
         Packets got;
         const auto deadline = Clock::now() + std::chrono::seconds(15);
         while (got.empty() && Clock::now() < deadline) {
             sendOn("10.9.1.1", second);
-            pollfd wait{wake.fd(), POLLIN, 0};
-            ::poll(&wait, 1, 100);
-            wake.clear();
-            const auto part = ring.readable();
+            group.waitForMore(100);
+            const auto part = group.ring.readable();
             got.assign(part.begin(), part.end());
-            ring.consume(part.size());
+            group.ring.consume(part.size());
         }
         ASSERT_FALSE(got.empty()) << "it is joined where the route leads now";
 
@@ -286,8 +291,8 @@ TEST(UdpReceiver, AGroupThatIsJoinedOnAnotherDeviceIsLeftOnTheOneBefore) {
             sendOn("10.9.0.1", first);
             sendOn("10.9.1.1", second);
         }
-        receiver.stop();
-        const auto part = ring.readable();
+        group.receiver.stop();
+        const auto part = group.ring.readable();
         got.insert(got.end(), part.begin(), part.end());
         EXPECT_EQ(std::count(got.begin(), got.end(), first), 0) << "each would be there twice";
         EXPECT_GE(std::count(got.begin(), got.end(), second), 10);
