@@ -353,27 +353,12 @@ TEST(VideoRate, IsConstantWhereEverySecondIs) {
 }
 
 TEST(VideoRate, IsTheCodedOneWhereItsBytesAgreeWithinTheBuffer) {
-    // 100 pictures of 25 a second, of 10 kB each, that are said to be of 2 Mb/s with a buffer of 163,840
-    // bits.
     const auto rate = [](std::size_t more, int delay = 1234) {
         Multiplex stream;
         stream.association({{1, 0x100}}).map(0x100, 1, 0x101, {{VIDEO, 0x101}});
-        for (int i = 0; i < 100; ++i) {
-            Bytes picture = sequenceHeader(720, 576, 3) + sequenceExtension(0x48);
-            constexpr int RATE = 5000;
-            constexpr int BUFFER = 10;
-            picture[8] = RATE >> 10;
-            picture[9] = RATE >> 2 & 0xFF;
-            picture[10] = 0x20;
-            picture[11] = BUFFER << 3;
-            const std::size_t header = picture.size();
-            picture = picture + pictureHeader(1) + pictureCodingExtension(3, true, false);
-            picture[header + 5] = static_cast<unsigned char>((picture[header + 5] & 0xF8) | delay >> 13);
-            picture[header + 6] = static_cast<unsigned char>(delay >> 5);
-            picture[header + 7] = static_cast<unsigned char>(delay << 3);
-            picture = picture + filler(10'000 - picture.size() + (i == 0 ? more : 0));
-            stream.pes(0x101, pesHeader(9000 + i * FRAME), picture);
-        }
+        for (int i = 0; i < 100; ++i)
+            stream.pes(0x101, pesHeader(9000 + i * FRAME),
+                       pictureOf2Mbs(10'000 + (i == 0 ? more : 0), delay));
         return analysed(stream.bytes).videoBitsPerSecond();
     };
     EXPECT_EQ(rate(0), 2e6);

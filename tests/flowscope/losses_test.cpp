@@ -202,26 +202,12 @@ TEST(TheLossyPace, HasNoneOfReferencesThatStandStill) {
 
 // --- the rate of the video
 
-// 100 pictures of 25 a second, of that many bytes, that are said to be of 2 Mb/s with a buffer of 163,840
-// bits.
+// 100 pictures of that many bytes.
 Bytes constantVideo(std::size_t pictureBytes) {
     Multiplex made;
     made.association({{1, 0x100}}).map(0x100, 1, VIDEO_PID, {{0x02, VIDEO_PID}});
-    for (int i = 0; i < 100; ++i) {
-        Bytes picture = sequenceHeader(720, 576, 3) + sequenceExtension(0x48);
-        constexpr int RATE = 5000;
-        constexpr int BUFFER = 10;
-        picture[8] = RATE >> 10;
-        picture[9] = RATE >> 2 & 0xFF;
-        picture[10] = 0x20;
-        picture[11] = BUFFER << 3;
-        Bytes header = pictureHeader(1);
-        header[5] = static_cast<unsigned char>(header[5] & 0xF8);
-        header[6] = 0x20; // vbv_delay
-        header[7] = 0;
-        picture = picture + header + pictureCodingExtension(3, true, false);
-        made.pes(VIDEO_PID, pesHeader(90'000 + i * 3600), picture + filler(pictureBytes - picture.size()));
-    }
+    for (int i = 0; i < 100; ++i)
+        made.pes(VIDEO_PID, pesHeader(90'000 + i * 3600), pictureOf2Mbs(pictureBytes));
     return made.bytes;
 }
 

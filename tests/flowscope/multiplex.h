@@ -124,6 +124,24 @@ private:
     std::map<int, int> m_counters;
 };
 
+// An MPEG-2 picture of 25 a second, of that many bytes, whose headers name 2 Mb/s and a buffer of 163,840
+// bits; a vbv_delay of 0xFFFF says that the rate is variable (ISO/IEC 13818-2, 6.3.9).
+inline Bytes pictureOf2Mbs(std::size_t bytes, int vbvDelay = 1234) {
+    constexpr int RATE = 5000; // units of 400 bit/s
+    constexpr int BUFFER = 10; // units of 16,384 bits
+    Bytes sequence = sequenceHeader(720, 576, 3) + sequenceExtension(0x48);
+    sequence[8] = RATE >> 10;
+    sequence[9] = RATE >> 2 & 0xFF;
+    sequence[10] = 0x20;
+    sequence[11] = BUFFER << 3;
+    Bytes header = pictureHeader(1);
+    header[5] = static_cast<unsigned char>((header[5] & 0xF8) | vbvDelay >> 13);
+    header[6] = static_cast<unsigned char>(vbvDelay >> 5);
+    header[7] = static_cast<unsigned char>(vbvDelay << 3);
+    const Bytes headers = sequence + header + pictureCodingExtension(3, true, false);
+    return headers + filler(bytes - headers.size());
+}
+
 // One MPEG-2 picture of 25 a second with all of its headers.
 inline Bytes mpeg2Picture(int type = 1, std::size_t size = 40) {
     const Bytes headers = type == 1 ? sequenceHeader(720, 576, 3) + sequenceExtension(0x48) : Bytes{};
