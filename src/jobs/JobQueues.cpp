@@ -81,8 +81,13 @@ int JobLauncher::createQueue(char* name, int& descriptor) {
     descriptor = -1;
     if (name == nullptr)
         return static_cast<int>(error::queueNotCreated);
-    // A queue left over from an earlier run with the same id is replaced.
-    unlinkMsgQueue(name);
+    // One that is there is replaced. Where it belongs to a job of another service, that job is deaf from now
+    // on.
+    if (unlinkMsgQueue(name) == 0)
+        LogUtil::Warning(category,
+                         "Queue %s was there already and is made anew: it is left of a service that was "
+                         "killed, or another service of this host has a job of this number",
+                         name);
     long attributes[4] = {0, waitingMessages, maxQueueMessage, 0};
     descriptor = createMsgQueue(name, queuePermissions, attributes);
     if (descriptor >= 0)

@@ -242,6 +242,8 @@ TEST_F(JobLauncherTest, AStaleQueueIsReplaced) {
     ASSERT_EQ(mq_send(stale, "\7\0\0\0old", 7, 0), 0);
     EXPECT_EQ(run(job, "say:7:a_text_longer_than_the_old_queue_takes"), Job::COMPLETE);
     EXPECT_EQ(job.resultsText(), "a_text_longer_than_the_old_queue_takes");
+    EXPECT_THAT(log.text(), HasSubstr("[JobLauncher:Warning] Queue /job_update_q_901039 was there already"));
+    EXPECT_THAT(log.text(), Not(HasSubstr("Queue /mgr_msg_q_901039 was there")));
     mq_close(stale);
 }
 
