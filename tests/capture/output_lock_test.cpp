@@ -38,7 +38,9 @@ TEST(OutputLock, AFileIsHeldUntilItIsClosed) {
 
 TEST(OutputLock, WhatIsNoFileIsWrittenToAsItIs) {
     SegmentFile file;
+    SegmentFile beside;
     ASSERT_FALSE(file.create("/dev/null", true));
+    EXPECT_FALSE(beside.create("/dev/null", true)) << "by any number at once";
     EXPECT_FALSE(file.append(Packet{0x47}));
     EXPECT_FALSE(file.close(true));
 }

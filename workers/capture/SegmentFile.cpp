@@ -60,6 +60,10 @@ MaybeFailure SegmentFile::create(const std::string& path, bool overwrite) {
 
 // Gone with the descriptor, so with the process, however that ends.
 MaybeFailure SegmentFile::hold() {
+    // Any number of jobs may write to /dev/null.
+    struct stat status {};
+    if (::fstat(m_fd.get(), &status) == 0 && !S_ISREG(status.st_mode))
+        return std::nullopt;
     if (keepsReadersOut(m_fd.get())) {
         LogUtil::Info(module, "%s lies on an SMB share: that it is being written is not shown to other jobs",
                       m_path.c_str());
