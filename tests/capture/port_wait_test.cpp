@@ -1,5 +1,6 @@
 // Two recordings of one encoder, one right behind the other.
 #include "capture/EncoderChannel.h"
+#include "capture/StreamClaim.h"
 #include "capture/stalled_disk.h"
 #include "capture/worker_process.h"
 
@@ -80,6 +81,40 @@ TEST(PortWait, AJobThatWaitsForItsPortCanBeCancelled) {
         EXPECT_EQ(second.results(), "Cancelled before the recording began: nothing recorded");
         EXPECT_THAT(second.log(), HasSubstr(bySignal ? "Cancelled by a signal" : "Cancelled by the service"));
     }
+}
+
+// What came for it would lie in its socket, and run over.
+TEST(PortWait, NobodyListensToTheOtherEncoderMeanwhile) {
+    const Encoder encoder;
+    const std::uint32_t other = encoder.address ^ 0x00800000;
+    StreamClaim held;
+    ASSERT_FALSE(held.take(encoder.address, 5000));
+    Worker worker;
+    setUp(worker, other, "00:00:02:00");
+    worker.settings.numEncoders = 2;
+    worker.settings.encoders[1].snmpIpAddress = encoder.address;
+    worker.start();
+    worker.waitForLog("Encoder 2: waits up to 6 s for its port: ");
+    StreamClaim probe;
+    EXPECT_FALSE(probe.take(other, 5000));
+    probe.release();
+    held.release();
+    worker.waitForLog("Encoder 1: receive buffer");
+    worker.waitForLog("Encoder 2: receive buffer");
+    EXPECT_TRUE(probe.take(other, 5000)) << "now the worker has it";
+    worker.queues.send(CANCEL_MSG);
+    EXPECT_EQ(worker.wait(), 0) << worker.log();
+}
+
+TEST(PortWait, TheAnswerToAJobThatWaitedInVainNamesWhoHasThePort) {
+    const Encoder encoder;
+    StreamClaim held;
+    ASSERT_FALSE(held.take(encoder.address, 5000));
+    Worker worker;
+    setUp(worker, encoder.address, "00:00:02:00");
+    worker.start();
+    EXPECT_EQ(worker.wait(20s), 1) << worker.log();
+    EXPECT_THAT(worker.results(), HasSubstr("is already recorded by process " + std::to_string(getpid())));
 }
 
 // Where a disk takes its time with the end of a file, the port is not kept as long.

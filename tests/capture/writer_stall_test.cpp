@@ -125,6 +125,22 @@ TEST_F(WriterStall, AStreamThatEndsMeanwhileEndsTheRecording) {
     EXPECT_THAT(status.text, HasSubstr(", stream stopped 1 time"));
 }
 
+// Nobody listens any more from then on, however long the disk takes with what had come.
+TEST_F(WriterStall, ACancelMeanwhileIsNoSilenceOfTheStream) {
+    EncoderChannel channel(m_source, m_plan, m_turned, m_timing);
+    ASSERT_FALSE(channel.open());
+    ASSERT_FALSE(channel.start());
+    Sender sender("127.0.0.1", m_source.port);
+    sendLive(sender, StreamBuilder(shape).frames(15), 15);
+    channel.cancel();
+    std::this_thread::sleep_for(2 * m_timing.stall); // as long as the disk stalls
+    EXPECT_TRUE(m_disk.takeAll());
+    channel.join();
+    EXPECT_TRUE(channel.status().succeeded);
+    EXPECT_THAT(channel.status().text, StartsWith("Cancelled after 00:00:00:15 (15 frames"));
+    EXPECT_THAT(channel.status().text, Not(HasSubstr("stopped")));
+}
+
 class HeardRecording : public RecordingFixture {};
 
 TEST_F(HeardRecording, WhatCameButWasLostIsNoSilence) {

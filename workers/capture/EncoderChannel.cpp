@@ -33,10 +33,10 @@ EncoderChannel::~EncoderChannel() {
     join();
 }
 
-MaybeFailure EncoderChannel::open() {
+MaybeFailure EncoderChannel::open(bool again) {
     if (auto failed = m_recording.prepare())
         return failed;
-    if (auto failed = m_receiver.open())
+    if (auto failed = m_receiver.open(again))
         return failed;
     LogUtil::Info(module, "%s: receive buffer %d of %d bytes asked for, ring %zu packets", m_name.c_str(),
                   m_receiver.bufferBytes(), socketBufferBytes, m_ring.capacity());
@@ -128,7 +128,9 @@ void EncoderChannel::write() noexcept {
             const Clock::time_point seen = m_receiver.seenUntil();
             while (m_recording.state() != RecordingState::ended && takePortion())
                 attend();
-            tickAt(seen);
+            // Once it is to end nobody listens any more, which is no silence of the stream.
+            if (end == End::none)
+                tickAt(seen);
             attend();
             if (end == End::cancelled)
                 m_recording.cancel(Clock::now());

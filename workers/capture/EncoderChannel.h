@@ -22,8 +22,9 @@ public:
     EncoderChannel(const EncoderChannel&) = delete;
     EncoderChannel& operator=(const EncoderChannel&) = delete;
 
-    // Checks the output and opens the socket. May be called again after a failure.
-    [[nodiscard]] MaybeFailure open();
+    // Checks the output and opens the socket. again: after another's failure, whose text said who has the
+    // port.
+    [[nodiscard]] MaybeFailure open(bool again = false);
     // Whether open() failed because another recorder or program has the port.
     [[nodiscard]] bool portTaken() const noexcept { return m_receiver.portTaken(); }
     // Starts both threads.

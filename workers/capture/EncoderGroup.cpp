@@ -34,7 +34,7 @@ MaybeFailure EncoderGroup::open(const CSettings& settings, const EncoderMap& map
         LogUtil::Info(module, "Output %s", absolutePath(output).c_str());
     plan.mainDirectory = main.mainCaptureDirectory;
     plan.lockDirectory = main.lockMainCaptureDirectory;
-    std::vector<StreamSource> sources;
+    std::vector<Opening> openings;
     for (int i = 0; i < settings.numEncoders && begin + i < CSettings::MAX_ENCODERS; ++i) {
         const auto& reception = settings.encoders[static_cast<std::size_t>(begin + i)];
         const StreamSource source = decideStreamSource(reception, map);
@@ -53,31 +53,50 @@ MaybeFailure EncoderGroup::open(const CSettings& settings, const EncoderMap& map
                              "%s: what anybody sends to UDP port %d of this host is recorded: %s names no "
                              "address",
                              plan.name.c_str(), source.port, source.origin.c_str());
-        auto channel = std::make_unique<EncoderChannel>(source, plan, m_changed, timing);
         // Two receptions of one stream never come to terms.
-        const bool own = std::any_of(sources.begin(), sources.end(), [&source](const StreamSource& other) {
-            return other.port == source.port && other.address == source.address &&
-                   other.sender == source.sender;
+        const bool twice = std::any_of(openings.begin(), openings.end(), [&source](const Opening& other) {
+            return other.source.port == source.port && other.source.address == source.address &&
+                   other.source.sender == source.sender;
         });
-        if (auto failed = own ? channel->open() : openPatiently(*channel, plan.name))
-            return failed;
-        sources.push_back(source);
-        m_members.push_back({std::move(channel), &reception});
+        openings.push_back({source, plan, &reception, m_pause && !twice});
     }
-    return std::nullopt;
+    return openPatiently(openings, timing);
 }
 
-// The recording before may be about to end.
-MaybeFailure EncoderGroup::openPatiently(EncoderChannel& channel, const std::string& name) const {
+// The recording before may be about to end. Nobody reads what comes for the other encoders meanwhile, so
+// theirs are not open as long as one is waited for.
+MaybeFailure EncoderGroup::openPatiently(const std::vector<Opening>& openings, const Timing& timing) {
     const Clock::time_point until = Clock::now() + portWait;
-    MaybeFailure failed = channel.open();
-    if (!failed || !channel.portTaken() || !m_pause)
+    std::size_t first = 0;
+    const MaybeFailure failed = openAll(openings, timing, first, false);
+    if (!failed || !openings[first].patient || !m_portTaken)
         return failed;
-    LogUtil::Info(module, "%s: waits up to %.0f s for its port: %s", name.c_str(),
+    LogUtil::Info(module, "%s: waits up to %.0f s for its port: %s", openings[first].plan.name.c_str(),
                   std::chrono::duration<double>(portWait).count(), failed->text.c_str());
-    while (failed && channel.portTaken() && Clock::now() < until && m_pause(portRetry))
-        failed = channel.open();
-    return failed;
+    MaybeFailure again = failed;
+    while (again && m_portTaken && openings[first].patient && Clock::now() < until && m_pause(portRetry))
+        again = openAll(openings, timing, first, true);
+    // The first one's text names who has it.
+    return again && m_portTaken ? failed : again;
+}
+
+// Begins with that one, and tells which failed.
+MaybeFailure EncoderGroup::openAll(const std::vector<Opening>& openings, const Timing& timing,
+                                   std::size_t& first, bool again) {
+    std::vector<Member> members(openings.size());
+    for (std::size_t i = 0; i < openings.size(); ++i) {
+        const std::size_t index = (first + i) % openings.size();
+        const Opening& opening = openings[index];
+        auto channel = std::make_unique<EncoderChannel>(opening.source, opening.plan, m_changed, timing);
+        if (auto failed = channel->open(again)) {
+            m_portTaken = channel->portTaken();
+            first = index;
+            return failed;
+        }
+        members[index] = {std::move(channel), opening.reception};
+    }
+    m_members = std::move(members);
+    return std::nullopt;
 }
 
 // All or none: nothing is recorded of a job that cannot record all it was asked for.

@@ -83,10 +83,21 @@ private:
         [[nodiscard]] std::string text(const RecordingStatus& status) const;
     };
 
-    [[nodiscard]] MaybeFailure openPatiently(EncoderChannel& channel, const std::string& name) const;
+    // A channel that is to be opened; patient: its port may be waited for.
+    struct Opening {
+        StreamSource source;
+        RecordingPlan plan;
+        const CSettings::EncoderReception* reception;
+        bool patient;
+    };
+
+    [[nodiscard]] MaybeFailure openPatiently(const std::vector<Opening>& openings, const Timing& timing);
+    [[nodiscard]] MaybeFailure openAll(const std::vector<Opening>& openings, const Timing& timing,
+                                       std::size_t& first, bool again);
 
     WakeEvent& m_changed;
     const Pause m_pause;
+    bool m_portTaken = false; // why openAll() failed
     std::vector<Member> m_members;
 };
 

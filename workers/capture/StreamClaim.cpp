@@ -31,7 +31,8 @@ std::string holder(const sockaddr_un& name, socklen_t length) {
     const UniqueFd asking = unixSocket();
     ucred peer{};
     socklen_t size = sizeof peer;
-    // A full backlog does not matter: the holder never accepts, and then only its number is not known.
+    // The holder never accepts: its backlog has room for as many questions as it is long, and then only its
+    // number is not known.
     if (asking.valid() && ::connect(asking.get(), reinterpret_cast<const sockaddr*>(&name), length) == 0 &&
         ::getsockopt(asking.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 && peer.pid > 0)
         return "process " + std::to_string(peer.pid);
@@ -40,7 +41,7 @@ std::string holder(const sockaddr_un& name, socklen_t length) {
 
 } // namespace
 
-MaybeFailure StreamClaim::take(std::uint32_t sender, int port) {
+MaybeFailure StreamClaim::take(std::uint32_t sender, int port, bool again) {
     const std::string what = "UDP port " + std::to_string(port) + " from " + addressText(sender);
     sockaddr_un name{};
     const socklen_t length =
@@ -54,8 +55,9 @@ MaybeFailure StreamClaim::take(std::uint32_t sender, int port) {
     m_taken = problem == EADDRINUSE;
     m_socket.reset();
     return detailed(failure(error::startCaptureFailed),
-                    what + (problem == EADDRINUSE ? " is already recorded by " + holder(name, length)
-                                                  : ": " + errnoText(problem)));
+                    what + (problem != EADDRINUSE ? ": " + errnoText(problem)
+                            : again               ? " is already recorded"
+                                                  : " is already recorded by " + holder(name, length)));
 }
 
 } // namespace kestrel::capture

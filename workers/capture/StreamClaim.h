@@ -15,8 +15,8 @@ namespace kestrel::capture {
 class StreamClaim {
 public:
     // Fails with startCaptureFailed and a detail that names the sender, the port and the process that has
-    // them. sender in host order.
-    [[nodiscard]] MaybeFailure take(std::uint32_t sender, int port);
+    // them; again leaves the process out, which cannot be asked any number of times. sender in host order.
+    [[nodiscard]] MaybeFailure take(std::uint32_t sender, int port, bool again = false);
     // Whether take() failed because somebody has it.
     [[nodiscard]] bool taken() const noexcept { return m_taken; }
     void release() noexcept { m_socket.reset(); }

@@ -19,6 +19,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 namespace kestrel::capture {
@@ -90,22 +91,23 @@ UdpReceiver::~UdpReceiver() {
     stop();
 }
 
-MaybeFailure UdpReceiver::open() {
+MaybeFailure UdpReceiver::open(bool again) {
     m_socket.reset(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     m_portTaken = false;
     if (!m_socket.valid() || !m_stop.valid() || !m_look.valid())
         return detailed(failure(error::startCaptureFailed), "socket: " + errnoText(errno));
-    growBuffer();
     setFlag(m_socket.get(), SOL_SOCKET, SO_TIMESTAMPNS, 1);
     m_arrived = Clock::now();
     m_seen.store(m_arrived.time_since_epoch().count(), std::memory_order_relaxed);
     MaybeFailure failed;
     if (m_source.sender != 0) {
-        failed = m_claim.take(m_source.sender, m_source.port);
+        failed = m_claim.take(m_source.sender, m_source.port, again);
         m_portTaken = failed && m_claim.taken();
     }
     if (!failed)
         failed = bindSocket();
+    if (!failed)
+        growBuffer();
     if (!failed && isMulticast(m_source.address))
         failed = joinGroup();
     if (failed) {
@@ -211,7 +213,14 @@ bool UdpReceiver::joinOn(std::uint32_t interfaceAddress) noexcept {
     group.imr_address.s_addr = htonl(interfaceAddress);
     m_device = groupDevice(m_source.address, interfaceAddress);
     group.imr_ifindex = static_cast<int>(m_device);
-    return ::setsockopt(m_socket.get(), IPPROTO_IP, IP_ADD_MEMBERSHIP, &group, sizeof group) == 0;
+    if (::setsockopt(m_socket.get(), IPPROTO_IP, IP_ADD_MEMBERSHIP, &group, sizeof group) != 0)
+        return false;
+    if (m_device == 0 && !std::exchange(m_deviceUnknown, true))
+        LogUtil::Warning("Capture",
+                         "Group %s: it cannot be told on which network device it is received, so where its "
+                         "route moves it may be received on two",
+                         addressText(m_source.address).c_str());
+    return true;
 }
 
 void UdpReceiver::leaveGroup() noexcept {

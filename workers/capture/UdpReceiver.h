@@ -56,8 +56,8 @@ public:
 
     // Makes the socket, with as large a buffer as the system gives (a smaller one than wanted is logged as a
     // warning), and joins the group. A stream that is told by its sender is claimed for this process first.
-    // May be called again after a failure.
-    [[nodiscard]] MaybeFailure open();
+    // again: see StreamClaim::take.
+    [[nodiscard]] MaybeFailure open(bool again = false);
     // Whether open() failed because another recorder or program has the port.
     [[nodiscard]] bool portTaken() const noexcept { return m_portTaken; }
     // Starts the thread.
@@ -117,10 +117,11 @@ private:
     std::atomic<Clock::rep> m_lastLoss{0};
     int m_bufferBytes = 0;
     bool m_portTaken = false;
-    unsigned m_device = 0;       // that the group is joined on, 0: not known; of the thread once it runs
-    bool m_onLoopback = false;   // the group is joined there for want of a route; of the thread once it runs
-    bool m_rejoining = false;    // since something came last; of the thread
-    bool m_rejoinFailed = false; // likewise
+    unsigned m_device = 0;        // that the group is joined on, 0: not known; of the thread once it runs
+    bool m_deviceUnknown = false; // has been told
+    bool m_onLoopback = false;    // the group is joined there for want of a route; of the thread once it runs
+    bool m_rejoining = false;     // since something came last; of the thread
+    bool m_rejoinFailed = false;  // likewise
     ReceiverCounts m_counts;
 };
 
