@@ -67,10 +67,15 @@ std::optional<std::uint64_t> PlayedPlaces::own(std::int64_t first, std::int64_t 
         const std::int64_t at = shown - offset;
         if (at < m_source[begin] - near || at > m_source.back() + near)
             continue;
-        const auto place = std::lower_bound(m_source.begin(), m_source.end(), at - near);
+        auto place = std::lower_bound(m_source.begin(), m_source.end(), at - near);
         if (place == m_source.end() || *place > at + near)
             return std::nullopt;
-        came[static_cast<std::size_t>(place - m_source.begin())] = true;
+        // Where clips were put together two may be shown at the same time.
+        while (place != m_source.end() && *place <= at + near &&
+               came[static_cast<std::size_t>(place - m_source.begin())])
+            ++place;
+        if (place != m_source.end() && *place <= at + near)
+            came[static_cast<std::size_t>(place - m_source.begin())] = true;
     }
     return static_cast<std::uint64_t>(
         std::count(came.begin() + static_cast<std::ptrdiff_t>(m_hidden), came.end(), true));
