@@ -2,6 +2,7 @@
 // for three fields, or one that has lost some. An encoder behind a decoder returns a frame for each period of
 // it; what passes it on returns its own. And of a source whose timecodes jump among its first frames.
 #include "capture/played_fixture.h"
+#include "capture/stamped_frames.h"
 
 #include <algorithm>
 #include <gmock/gmock.h>
@@ -20,9 +21,6 @@ constexpr std::int64_t period = PTS::units_per_second / 25;
 
 class Played : public PlayedRecording {
 protected:
-    static bool startsPicture(const Packet& packet) {
-        return pid(packet) == videoPid && (packet[1] & 0x40) != 0;
-    }
     // Of these frames, how many are in the file.
     std::size_t recorded(std::span<const CodedFrame> frames) {
         std::set<Packet> file;
@@ -196,6 +194,18 @@ TEST(PlayedPlaces, KnowAFilmByItsFields) {
     EXPECT_EQ(places.own(places.earliest(), period, false), std::nullopt);
 }
 
+// Of clips that were put together the last frame of one may be shown when the first of the next is.
+TEST(PlayedPlaces, OfTwoFramesAtOneTimeAreTwo) {
+    for (const int lost : {-1, 2, 3, 4}) {
+        PlayedPlaces places({0, period, 2 * period, 2 * period, 3 * period}, 0);
+        int frame = 0;
+        for (const int at : {0, 2, 1, 2, 3})
+            if (frame++ != lost)
+                places.came(at * period);
+        EXPECT_EQ(places.own(places.earliest(), period, false), lost < 0 ? 5U : 4U) << lost;
+    }
+}
+
 TEST(PlayedPlaces, OfFramesThatCannotBeShownAreWantedNeitherWay) {
     for (const bool hiddenToo : {false, true}) {
         PlayedPlaces places({0, period, 2 * period, 4 * period, 5 * period}, 2);
@@ -222,6 +232,179 @@ TEST(PlayedPlaces, AreNotKnownWhileOneFrameOfThemHasNone) {
     EXPECT_EQ(places.between(period, 2 * period), 1U);
     EXPECT_EQ(places.between(0, period), 0U);
     EXPECT_EQ(places.own(places.earliest(), period, false), std::nullopt);
+}
+
+// A source that ends with a picture whose B pictures were still to come: it is shown two periods behind the
+// one before.
+class ReturnOfACutSource : public Played, public testing::WithParamInterface<bool> {
+protected:
+    static constexpr int periods = 103;
+    static bool isOwn(int at) { return at != 100 && at != 101; }
+    RecordingPlan plan() {
+        m_file = m_directory.path(std::to_string(++m_recordings) + ".ts");
+        RecordingPlan result = PlayedRecording::plan("10:00:00:00", "10:00:03:23");
+        result.labelledFrames = 96;
+        result.wantedFrames = 101;
+        result.sourceTime = periods * period;
+        for (int at = 0; at < periods; ++at)
+            if (isOwn(at))
+                result.sourceShown.push_back(at * period);
+        return result;
+    }
+    // Without these, and what the encoder goes on with.
+    void play(Recording& r, const std::set<int>& lost, int more) {
+        LabelledStream stream({.timecode = GetParam() ? "00:00:00:00" : "10:00:00:00", .gop = 12});
+        if (GetParam()) {
+            beginRunning(r, stream);
+            feed(r, stream, 9);
+            stream.jumpTo("10:00:00:00");
+        } else {
+            beginSilent(r);
+        }
+        m_source.clear();
+        int at = 0;
+        for (const CodedFrame& frame : stream.frames(periods + more)) {
+            if (at < periods)
+                m_source.push_back(frame);
+            if (!lost.contains(at))
+                feed(r, std::vector{frame});
+            else
+                m_now += m_frameTime;
+            if (++at == periods)
+                r.sourceEnded(m_now);
+        }
+        pass(r, 6s);
+    }
+    std::vector<CodedFrame> m_source;
+    int m_recordings = 0;
+};
+
+TEST_P(ReturnOfACutSource, IsCompleteWithItsLastFrame) {
+    for (const int more : {0, 60}) {
+        Recording r = recording(plan());
+        play(r, {}, more);
+        expectRecorded(r);
+        EXPECT_EQ(recorded(m_source), m_source.size());
+    }
+}
+
+TEST_P(ReturnOfACutSource, IsCompleteWithItsOwnFrames) {
+    Recording r = recording(plan());
+    play(r, {100, 101}, 0);
+    expectRecorded(r);
+}
+
+TEST_P(ReturnOfACutSource, IsNotWithoutItsLastFrame) {
+    for (const std::set<int>& lost : {std::set{102}, std::set{101, 102}, std::set{100, 101, 102}}) {
+        Recording r = recording(plan());
+        play(r, lost, 0);
+        ASSERT_EQ(r.state(), RecordingState::ended);
+        EXPECT_FALSE(r.status().succeeded) << r.status().text;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Encoders, ReturnOfACutSource, testing::Bool(),
+                         [](const auto& runs) { return runs.param ? "Running" : "Silent"; });
+
+// A source that was recorded over an outage of three seconds, of which its play-out takes none.
+class ReturnOfAnOutage : public Played {
+protected:
+    RecordingPlan plan() {
+        m_file = m_directory.path(std::to_string(++m_recordings) + ".ts");
+        RecordingPlan result = PlayedRecording::plan("10:00:00:00", "10:00:01:23");
+        result.labelledFrames = 48;
+        result.sourceTime = sourceFrames * period;
+        result.sourceLeaps = {{76 * period, 75 * period}};
+        return result;
+    }
+    // So many frames come back, that one and those behind it by so much later; one of them may be lost.
+    void play(Recording& r, int frames, std::int64_t ticks, int lost = -1) {
+        LabelledStream stream({.gop = 12, .bFrames = 2, .timecodes = false});
+        beginSilent(r);
+        m_source = stream.frames(frames);
+        if (lost >= 0)
+            m_source.erase(m_source.begin() + lost);
+        for (std::size_t i = 48; i < m_source.size(); ++i)
+            delay(m_source[i], ticks);
+        for (std::size_t i = 0; i < m_source.size(); ++i) {
+            if (i == sourceFrames)
+                r.sourceEnded(m_now);
+            feed(r, std::vector{m_source[i]});
+        }
+        if (m_source.size() <= sourceFrames)
+            r.sourceEnded(m_now);
+        pass(r, 6s);
+    }
+    std::vector<CodedFrame> m_source;
+    int m_recordings = 0;
+};
+
+TEST_F(ReturnOfAnOutage, IsCompleteWithItsFramesOneByOne) {
+    Recording r = recording(plan());
+    play(r, sourceFrames, 0);
+    expectRecorded(r);
+    EXPECT_EQ(recorded(m_source), m_source.size());
+}
+
+TEST_F(ReturnOfAnOutage, IsCompleteAsItIs) {
+    Recording r = recording(plan());
+    play(r, sourceFrames, 3 * 90000);
+    expectRecorded(r);
+    EXPECT_EQ(recorded(m_source), m_source.size());
+}
+
+TEST_F(ReturnOfAnOutage, IsNotWithOneFrameLess) {
+    for (const std::int64_t ticks : {0, 3 * 90000})
+        for (const int lost : {30, 70, 99}) {
+            SCOPED_TRACE(std::to_string(lost) + " of " + std::to_string(ticks));
+            Recording r = recording(plan());
+            play(r, sourceFrames, ticks, lost);
+            expectFailed(r, "Error: 99 of 100 frames came back. ");
+        }
+}
+
+// A decoder may show a frame for some time there: the last come as much later.
+TEST_F(ReturnOfAnOutage, LosesNoneOfAReturnThatIsLongerByWhatADecoderHolds) {
+    Recording r = recording(plan());
+    play(r, sourceFrames + 20, 0);
+    expectRecorded(r);
+    EXPECT_EQ(recorded(m_source), m_source.size());
+}
+
+// Film in 720p, that begins with two frames that cannot be shown: these would take five periods.
+class HiddenFilm : public Played {
+protected:
+    RecordingPlan plan() {
+        m_file = m_directory.path(std::to_string(++m_recordings) + ".ts");
+        RecordingPlan result = PlayedRecording::plan();
+        result.hiddenFrames = 2;
+        result.wantedFrames = 42;
+        std::int64_t place = 0;
+        for (int frame = 0; frame < 42; ++frame) {
+            result.sourceShown.push_back(place * period);
+            place += frame % 2 == 0 ? 2 : 3;
+        }
+        result.sourceTime = result.sourceShown.back() + period;
+        return result;
+    }
+    // As many frames come back.
+    void play(Recording& r, int frames) {
+        LabelledStream stream({.gop = 12, .timecodes = false});
+        beginSilent(r);
+        feed(r, stream, frames);
+        r.sourceEnded(m_now);
+        pass(r, 6s);
+    }
+    int m_recordings = 0;
+};
+
+TEST_F(HiddenFilm, IsCompleteWithAFrameForEachPeriodInWhichItsOthersAreShown) {
+    Recording r = recording(plan()); // the last one begins in the 98th
+    play(r, 98);
+    expectRecorded(r);
+    Recording fewer = recording(plan());
+    play(fewer, 97);
+    expectFailed(fewer, "Error: 97 of 98 frames came back. ");
 }
 
 // The first timecode that comes back says that the source began 25 frames earlier than the later ones say: it

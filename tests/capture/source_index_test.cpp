@@ -2,6 +2,7 @@
 #include "capture/SourceIndex.h"
 #include "capture/labelled_stream.h"
 #include "capture/normalize_streams.h"
+#include "capture/stamped_frames.h"
 #include "foundation/ErrorCodes.h"
 #include "streams/ffprobe.h"
 #include "streams/stream_fixtures.h"
@@ -11,6 +12,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <limits>
+#include <set>
 
 using namespace capture_test;
 using namespace kestrel::capture;
@@ -116,6 +118,206 @@ TEST(SourceIndex, TellsWhenFramesAreShownThatTakeLongerThanTheirNumberTells) {
             EXPECT_THAT(shown(), testing::IsEmpty());
         }
 }
+
+// A file that ends before the B pictures are coded that are shown before its last picture.
+struct Cut {
+    const char* name;
+    bool avc;
+    bool open;
+    int frames;            // in coding order
+    std::set<int> missing; // of those up to the last that is shown
+};
+
+void PrintTo(const Cut& what, std::ostream* out) {
+    *out << what.name;
+}
+
+class CutSource : public testing::TestWithParam<Cut> {
+protected:
+    static constexpr std::int64_t period = PTS::units_per_second / 25;
+    static std::string label(int at) { return LabelRule{3, false}.text(36000LL * 25 + at); }
+    SourceIndex index(bool timecodes = true) {
+        const Cut& cut = GetParam();
+        capture_test::writePackets(
+            join(LabelledStream(
+                     {.gop = 12, .bFrames = 2, .open = cut.open, .timecodes = timecodes, .avc = cut.avc})
+                     .frames(cut.frames)),
+            m_directory.path("source.ts"));
+        return indexOf(m_directory.path("source.ts"));
+    }
+    static int shownFrames() { return GetParam().frames + static_cast<int>(GetParam().missing.size()); }
+    TemporaryDirectory m_directory;
+};
+
+TEST_P(CutSource, TakesTheTimeToTheEndOfTheLastFrameThatIsShown) {
+    const SourceIndex cut = index();
+    EXPECT_EQ(cut.frames, static_cast<std::uint64_t>(GetParam().frames));
+    EXPECT_EQ(cut.time, shownFrames() * period);
+    std::vector<std::int64_t> places;
+    for (int at = 0; at < shownFrames(); ++at)
+        if (!GetParam().missing.contains(at))
+            places.push_back(at * period);
+    EXPECT_EQ(cut.shown, GetParam().missing.empty() ? std::vector<std::int64_t>{} : places);
+}
+
+TEST_P(CutSource, HasLabelsThatRunThroughOnlyWithAllOfThem) {
+    const LabelledFrames found = labelledFrames(index());
+    EXPECT_EQ(found.hidden, GetParam().open ? 2U : 0U);
+    if (GetParam().missing.empty()) {
+        EXPECT_EQ(found.count + found.hidden, static_cast<std::uint64_t>(GetParam().frames));
+        EXPECT_EQ(found.last, label(shownFrames() - 1));
+    } else {
+        EXPECT_LE(found.count + found.hidden, 48U) << "behind the last access point some are missing";
+    }
+}
+
+TEST_P(CutSource, HasTheMarksThatAreLabelsOfItsFrames) {
+    const SourceIndex cut = index();
+    for (int at = 24; at < shownFrames() + 2; ++at) {
+        SCOPED_TRACE(at);
+        MarkedPart part;
+        const MaybeFailure failed = findPart(cut, label(24), label(at), 0, 0, part);
+        const bool is = at < shownFrames() && !GetParam().missing.contains(at);
+        EXPECT_EQ(!failed, is);
+        if (!is && failed) {
+            EXPECT_EQ(failed->code, kestrel::error::invalidMarkOut);
+            EXPECT_THAT(failed->text, HasSubstr("to " + label(shownFrames() - 1)));
+        }
+        if (is) {
+            const bool before = std::none_of(GetParam().missing.begin(), GetParam().missing.end(),
+                                             [at](int missing) { return missing < at; });
+            EXPECT_EQ(part.everyLabel, before);
+        }
+    }
+    MarkedPart part;
+    for (const int missing : GetParam().missing) {
+        const auto failed = findPart(cut, label(missing), label(shownFrames() - 1), 0, 0, part);
+        ASSERT_TRUE(failed);
+        EXPECT_EQ(failed->code, kestrel::error::startTimecodeNotFound);
+    }
+}
+
+// They are counted as they are shown.
+TEST_P(CutSource, HasItsLastFrameWithoutTimecodesToo) {
+    if (GetParam().avc && GetParam().open)
+        return; // counted from another frame
+    const SourceIndex cut = index(false);
+    const auto counted = [](int at) { return LabelRule{3, false}.text(at); };
+    MarkedPart part;
+    EXPECT_FALSE(findPart(cut, counted(24), counted(shownFrames() - 1), 0, 0, part));
+    EXPECT_TRUE(part.counted);
+    EXPECT_EQ(part.everyLabel, GetParam().missing.empty());
+    EXPECT_TRUE(findPart(cut, counted(24), counted(shownFrames()), 0, 0, part));
+}
+
+INSTANTIATE_TEST_SUITE_P(Pictures, CutSource,
+                         testing::Values(Cut{"BehindP", false, false, 50, {49, 50}},
+                                         Cut{"BehindOneB", false, false, 51, {50}},
+                                         Cut{"BehindBothB", false, false, 52, {}},
+                                         Cut{"BehindIOfAnOpenGop", false, true, 49, {48, 49}},
+                                         Cut{"BehindPOfAnOpenGop", false, true, 52, {51, 52}},
+                                         Cut{"BehindPOfH264", true, false, 50, {49, 50}},
+                                         Cut{"BehindOneBOfH264", true, false, 51, {50}},
+                                         Cut{"BehindBothBOfH264", true, false, 52, {}},
+                                         Cut{"BehindIOfAnOpenGopOfH264", true, true, 49, {48, 49}}),
+                         [](const auto& cut) { return std::string(cut.param.name); });
+
+TEST(LabelledFrames, HideOnlyThoseOfAnOpenGopThatAreThere) {
+    TemporaryDirectory directory;
+    for (const bool avc : {false, true}) {
+        std::vector<CodedFrame> frames =
+            LabelledStream({.gop = 12, .bFrames = 2, .open = true, .avc = avc}).frames(48);
+        frames.erase(frames.begin() + 1, frames.begin() + 3);
+        capture_test::writePackets(join(frames), directory.path("source.ts"));
+        const SourceIndex index = indexOf(directory.path("source.ts"));
+        EXPECT_EQ(index.time, 46 * PTS::units_per_second / 25);
+        EXPECT_EQ(labelledFrames(index).hidden, 0U);
+    }
+}
+
+// Frames of one are kept back for longer than those of another before they are shown.
+TEST(SourceIndex, TakesNoTimeBetweenClips) {
+    TemporaryDirectory directory;
+    for (const int bFrames : {0, 2})
+        for (const int cut : {48, 50}) {
+            Packets clips = join(LabelledStream({.gop = 12, .bFrames = 2 - bFrames}).frames(48));
+            const Packets second = join(LabelledStream({.gop = 12, .bFrames = bFrames}).frames(cut));
+            clips.insert(clips.end(), second.begin(), second.end());
+            capture_test::writePackets(clips, directory.path("source.ts"));
+            const int behind = cut == 50 && bFrames == 2 ? 2 : 0; // two B pictures are missing
+            EXPECT_EQ(indexOf(directory.path("source.ts")).time,
+                      (48 + cut + behind) * PTS::units_per_second / 25);
+        }
+}
+
+// Nothing is coded that much earlier than it is shown.
+TEST(SourceIndex, TakesTheTimeOfDecodingWhereATimestampIsWrong) {
+    TemporaryDirectory directory;
+    std::vector<CodedFrame> frames = LabelledStream({.gop = 12, .bFrames = 2}).frames(48);
+    for (Packet& packet : frames[40].packets)
+        if (startsPicture(packet))
+            putTicks(packet, 13, ticksAt(packet, 13) + 5 * 90000);
+    capture_test::writePackets(join(frames), directory.path("source.ts"));
+    const SourceIndex index = indexOf(directory.path("source.ts"));
+    EXPECT_EQ(index.time, 48 * PTS::units_per_second / 25);
+    EXPECT_THAT(index.shown, testing::IsEmpty());
+}
+
+// A source that was recorded over an outage: its timestamps go on later, and what plays it waits only where
+// its PCRs tell it to.
+class OutageSource : public testing::TestWithParam<bool> {
+protected:
+    static constexpr std::int64_t period = PTS::units_per_second / 25;
+    enum class Pcrs { none, silent, announced };
+    SourceIndex index(std::int64_t ticks, Pcrs pcrs, int lost = 0) {
+        std::vector<CodedFrame> frames =
+            LabelledStream({.gop = 10, .bFrames = GetParam() ? 2 : 0, .avc = GetParam()}).frames(100);
+        for (std::size_t i = 50; i < frames.size(); ++i)
+            delay(frames[i], ticks);
+        if (lost > 0)
+            frames.erase(frames.begin() + 75, frames.begin() + 75 + lost);
+        for (std::size_t i = 0; i < frames.size() && pcrs != Pcrs::none; ++i)
+            addPcr(frames[i], pcrs == Pcrs::announced && i == 50);
+        capture_test::writePackets(join(frames), m_directory.path("source.ts"));
+        return indexOf(m_directory.path("source.ts"));
+    }
+    TemporaryDirectory m_directory;
+};
+
+TEST_P(OutageSource, TakesNoTimeWhereThePcrsStepByMoreThanASecond) {
+    for (const std::int64_t ticks : {135000, 270000, 720000}) {
+        SCOPED_TRACE(ticks);
+        const SourceIndex found = index(ticks, Pcrs::silent);
+        EXPECT_EQ(found.frames, 100U);
+        EXPECT_EQ(found.time, 100 * period);
+        EXPECT_THAT(found.shown, testing::IsEmpty());
+        ASSERT_EQ(found.leaps.size(), 1U);
+        EXPECT_EQ(found.leaps[0].excess, 4 * ticks);
+        EXPECT_EQ(found.leaps[0].step, 4 * ticks + period);
+    }
+}
+
+TEST_P(OutageSource, TakesNoTimeWhereAStepIsAnnounced) {
+    EXPECT_EQ(index(45000, Pcrs::announced).time, 100 * period);
+    EXPECT_EQ(index(270000, Pcrs::announced).time, 100 * period);
+}
+
+TEST_P(OutageSource, TakesItsTimeWhereItIsPlayed) {
+    EXPECT_EQ(index(45000, Pcrs::silent).time, 100 * period + 4 * 45000);
+    EXPECT_EQ(index(270000, Pcrs::none).time, 100 * period + 4 * 270000);
+    EXPECT_THAT(index(45000, Pcrs::silent).leaps, testing::IsEmpty());
+}
+
+TEST_P(OutageSource, HasThePlacesOfItsFramesWithoutIt) {
+    const SourceIndex found = index(270000, Pcrs::silent, 3);
+    EXPECT_EQ(found.time, 100 * period);
+    ASSERT_EQ(found.shown.size(), 97U);
+    EXPECT_EQ(found.shown.back(), 99 * period);
+    EXPECT_EQ(found.shown[60], 60 * period);
+}
+
+INSTANTIATE_TEST_SUITE_P(Codecs, OutageSource, testing::Bool(),
+                         [](const auto& codec) { return codec.param ? "H264" : "Mpeg2"; });
 
 TEST(LabelledFrames, OfH264GoFromTheAccessPointItself) {
     TemporaryDirectory directory;
@@ -244,8 +446,9 @@ TEST_F(H264Source, HasEveryLabelBetweenMarksUnlessFramesWereLost) {
         return part.everyLabel;
     };
     EXPECT_TRUE(every(without({})));
-    for (int first = 14; first < 23; ++first)
+    for (int first = 15; first < 23; ++first)
         EXPECT_FALSE(every(without(from(first, 1)))) << first;
+    EXPECT_TRUE(every(without(from(14, 1)))) << "before the part";
     EXPECT_TRUE(every(without(from(56, 1)))) << "behind the part";
 }
 

@@ -27,6 +27,10 @@ public:
     PlayedPlaces(std::vector<std::int64_t> source, std::uint64_t hidden);
 
     [[nodiscard]] bool sourceKnown() const noexcept { return !m_source.empty(); }
+    // From its first frame to its first that is not hidden; 0 while it is not known.
+    [[nodiscard]] std::int64_t hiddenTime() const noexcept {
+        return m_source.empty() ? 0 : m_source[m_hidden] - m_source.front();
+    }
     // Of each frame that came it is known when it is shown.
     [[nodiscard]] bool known() const noexcept { return m_unknown == 0; }
 

@@ -27,7 +27,8 @@ PlayedReturn::PlayedReturn(const RecordingPlan& plan, const Timing& timing)
       m_wantedFrames(plan.wantedFrames), m_labelledFrames(plan.labelledFrames),
       m_hiddenFrames(plan.hiddenFrames), m_firstLabel(plan.markIn), m_longestReturn(timing.longestReturn),
       m_sourceLabels(timing.longestReturn), m_range(plan.markIn, plan.markOut, plan.marksCountPairs),
-      m_longer(m_whole && takesLonger(plan)), m_places(plan.sourceShown, plan.hiddenFrames) {}
+      m_longer(m_whole && takesLonger(plan)), m_places(plan.sourceShown, plan.hiddenFrames),
+      m_leaps(plan.sourceLeaps) {}
 
 Clock::time_point PlayedReturn::begin() const {
     return m_source ? m_source->at : Clock::time_point::max();
@@ -78,6 +79,7 @@ std::optional<std::int64_t> PlayedReturn::position(const Frame& frame) {
 
 void PlayedReturn::picture(const VideoUnit& unit, const Frame& frame) {
     m_delay = displayDelay(unit);
+    noteLeap(frame);
     if (!m_recording)
         notePlace(frame);
     if (!unit.randomAccess) {
@@ -116,9 +118,22 @@ void PlayedReturn::notePlace(const Frame& frame) {
     if (!m_longer || !m_uniform)
         return;
     if (m_delay && frame.clock.unitFrames() <= 1)
-        m_places.came(frame.clock.place().start + *m_delay);
+        m_places.came(frame.clock.place().start - m_leapt + *m_delay);
     else
         m_places.came(std::nullopt);
+}
+
+// The same step as in the source is one that took no time when it was played.
+void PlayedReturn::noteLeap(const Frame& frame) {
+    const std::int64_t begun = frame.clock.place().start;
+    const std::int64_t step = begun - std::exchange(m_begunAt, begun);
+    if (!m_whole || m_leapsCame == m_leaps.size() || frame.now < begin())
+        return;
+    const SourceLeap& leap = m_leaps[m_leapsCame];
+    if (4 * std::llabs(step - leap.step) > frame.clock.period())
+        return;
+    m_leapt += leap.excess;
+    ++m_leapsCame;
 }
 
 // Its label by the timecode before is the source's, by when it is shown.
@@ -228,7 +243,7 @@ void PlayedReturn::noteShown(const Frame& frame) {
     m_unstamped = m_unstamped || !m_delay || frame.clock.unitFrames() > 1;
     if (m_unstamped)
         return;
-    const std::int64_t shown = frame.clock.elapsed() + *m_delay;
+    const std::int64_t shown = elapsed(frame) + *m_delay;
     if (m_early.size() < 2 * mostDelayed) {
         m_firstShown = m_early.empty() ? shown : std::min(m_firstShown, shown);
         m_early.push_back(shown);
@@ -243,8 +258,8 @@ bool PlayedReturn::recorded(unsigned frames, int recordedRate, const Frame& fram
     const bool otherCodec = m_uniform && m_by != By::time && frame.video != m_video;
     const bool others = otherCodec || (recordedRate == m_sourceRateCode && unlikeSource(frame.rateCode));
     const std::int64_t period = frame.clock.period();
-    bool beyond = m_by == By::labels && m_wanted > 0 &&
-                  frame.clock.elapsed() + period / 2 >= m_wanted + m_leading * period;
+    bool beyond =
+        m_by == By::labels && m_wanted > 0 && elapsed(frame) + period / 2 >= m_wanted + m_leading * period;
     if (m_by == By::count && !others) {
         const std::size_t early = m_early.size();
         noteShown(frame);

@@ -178,6 +178,9 @@ private:
     [[nodiscard]] bool shownBehind(const Frame& frame) const;
     [[nodiscard]] bool countComplete(std::uint64_t frames) const;
     void notePlace(const Frame& frame);
+    void noteLeap(const Frame& frame);
+    [[nodiscard]] std::int64_t elapsed(const Frame& frame) const { return frame.clock.elapsed() - m_leapt; }
+    [[nodiscard]] std::int64_t hiddenTime() const;
     [[nodiscard]] bool sourceJumps(const ReturnedLabel& label);
     [[nodiscard]] bool longer() const noexcept;
     [[nodiscard]] bool tooFew(int recordedRate) const noexcept;
@@ -185,6 +188,7 @@ private:
     [[nodiscard]] std::uint64_t onePerPeriod() const;
     [[nodiscard]] bool notKnown(int recordedRate, std::uint64_t frames) const;
     [[nodiscard]] bool lastDecoded(const Frame& frame, std::uint64_t frames) const;
+    [[nodiscard]] bool mayHold(const Frame& frame) const;
     [[nodiscard]] bool playedFor(Clock::time_point now) const;
     [[nodiscard]] bool labelledEndCame(const Frame& frame) const;
     [[nodiscard]] std::uint64_t total() const noexcept;
@@ -261,6 +265,12 @@ private:
     // Of a source whose frames take longer than their number tells; and by labels, when its first is shown.
     PlayedPlaces m_places;
     std::int64_t m_sourceShown = 0;
+    // What passes the source on returns its leaps: how many of them came, and the time that these do not
+    // take.
+    std::vector<SourceLeap> m_leaps;
+    std::size_t m_leapsCame = 0;
+    std::int64_t m_leapt = 0;
+    std::int64_t m_begunAt = 0; // when the picture before is decoded
 };
 
 } // namespace kestrel::capture

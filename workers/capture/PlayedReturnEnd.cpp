@@ -31,8 +31,8 @@ void PlayedReturn::measure(std::uint64_t frames, int rateCode) {
 bool PlayedReturn::shownBehind(const Frame& frame) const {
     const std::int64_t period = frame.clock.period();
     if (m_unstamped || !m_delay)
-        return frame.clock.end() - period / 2 >= m_wanted;
-    return frame.clock.elapsed() + *m_delay + period / 2 >= shownEnd();
+        return frame.clock.end() - m_leapt - period / 2 >= m_wanted;
+    return elapsed(frame) + *m_delay + period / 2 >= shownEnd();
 }
 
 // Whether it is not of the kind that is recorded, which the source has throughout.
@@ -61,8 +61,14 @@ bool PlayedReturn::lastCame(const Frame& frame, std::uint64_t frames) const {
         return m_range.complete();
     // Nothing that was recorded while the source still had frames to come was its last frame.
     if (m_by == By::count)
-        return !mayGoOver() && lastDecoded(frame, frames) && playedFor(frame.now);
+        return !mayGoOver() && lastDecoded(frame, frames) && playedFor(frame.now) && !mayHold(frame);
     return m_by == By::labels && labelledEndCame(frame);
+}
+
+// By count: whether a decoder may have shown a frame for some time where the source leaps, so that its last
+// come as much later.
+bool PlayedReturn::mayHold(const Frame& frame) const {
+    return m_leapsCame < m_leaps.size() && !late(frame.now);
 }
 
 bool PlayedReturn::lastPassed(const Frame& frame) const {
@@ -95,9 +101,9 @@ bool PlayedReturn::lastDecoded(const Frame& frame, std::uint64_t frames) const {
         return frames >= m_wantedFrames + mostReordered;
     bool time = false;
     if (m_unstamped || !m_delay)
-        time = frame.clock.elapsed() + period / 2 >= m_wanted + mostReordered * period;
+        time = elapsed(frame) + period / 2 >= m_wanted + mostReordered * period;
     else
-        time = countComplete(frames) || frame.clock.elapsed() + period / 4 >= shownEnd() - period;
+        time = countComplete(frames) || elapsed(frame) + period / 4 >= shownEnd() - period;
     return time && (m_uniform || !m_rateVaried || frames >= m_wantedFrames);
 }
 
@@ -129,9 +135,15 @@ std::optional<std::uint64_t> PlayedReturn::cameAsItIs() const {
 
 // Frames of a source that takes longer when one comes back for each period.
 std::uint64_t PlayedReturn::onePerPeriod() const {
-    const std::int64_t time = m_by == By::count ? m_wanted : m_sourceTime;
-    const auto all = static_cast<std::uint64_t>((time + m_period / 2 - 1) / m_period);
-    return all - std::min(all, m_hiddenFrames);
+    const std::int64_t time = (m_by == By::count ? m_wanted : m_sourceTime) - hiddenTime();
+    return static_cast<std::uint64_t>(std::max<std::int64_t>((time + m_period / 2 - 1) / m_period, 0));
+}
+
+// For how long those would be shown that cannot be when playing begins with the source's first frame.
+std::int64_t PlayedReturn::hiddenTime() const {
+    return m_places.sourceKnown() ? m_places.hiddenTime()
+                                  : static_cast<std::int64_t>(m_hiddenFrames) *
+                                        MPEG::SH::decode_PCRs_per_frame(m_sourceRateCode);
 }
 
 // Whether nothing tells one that comes back with its own gaps from one that has lost as many frames.
@@ -150,7 +162,7 @@ bool PlayedReturn::playedFor(Clock::time_point now) const {
 bool PlayedReturn::labelledEndCame(const Frame& frame) const {
     // Rather some frames too many than one too few.
     const std::int64_t margin = (m_leading + mostReordered) * frame.clock.period();
-    return m_wanted > 0 && frame.clock.elapsed() + frame.clock.period() / 2 >= m_wanted + margin;
+    return m_wanted > 0 && elapsed(frame) + frame.clock.period() / 2 >= m_wanted + margin;
 }
 
 // Frames of the source that can come back. A decoder that is played those before the first that can be shown
@@ -176,8 +188,7 @@ std::uint64_t PlayedReturn::byNumber(std::uint64_t frames) const {
         return inside(frames);
     if (longer() && m_places.known()) {
         const std::int64_t begin = m_sourceShown - m_period / 2;
-        return m_places.between(begin,
-                                begin + m_sourceTime - static_cast<std::int64_t>(m_hiddenFrames) * m_period);
+        return m_places.between(begin, begin + m_sourceTime - hiddenTime());
     }
     const std::uint64_t no = static_cast<std::uint64_t>(m_before) + m_others;
     return frames - std::min(frames, no);
@@ -198,8 +209,9 @@ std::uint64_t PlayedReturn::expected(int recordedRate, std::uint64_t frames) con
         return std::max<std::uint64_t>(static_cast<std::uint64_t>(MPEG::SH::decode_PCRs_per_frame(code)), 1);
     };
     // The last may be shown for less than its time.
-    const std::uint64_t time = m_uniform && !longer() ? total() * period(m_sourceRateCode)
-                                                      : static_cast<std::uint64_t>(m_sourceTime);
+    const std::int64_t shownTime = m_sourceTime - (longer() ? std::min(hiddenTime(), m_sourceTime) : 0);
+    const std::uint64_t time =
+        m_uniform && !longer() ? total() * period(m_sourceRateCode) : static_cast<std::uint64_t>(shownTime);
     return std::max<std::uint64_t>(time / period(recordedRate), 2) - 1;
 }
 

@@ -3,6 +3,7 @@
 
 #include "Failure.h"
 #include "Limits.h"
+#include "SourceIndex.h"
 
 #include <cstdint>
 #include <string>
@@ -29,6 +30,7 @@ struct RecordingPlan {
     bool sourceUniform = true;
     std::int64_t sourceTime = 0;
     std::vector<std::int64_t> sourceShown; // then: see SourceIndex::shown
+    std::vector<SourceLeap> sourceLeaps;   // that time is without those
     // Marks: each label from mark-in to mark-out is that of a frame of the source.
     bool everyLabel = true;
     std::uint64_t labelledFrames = 0;

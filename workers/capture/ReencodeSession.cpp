@@ -110,6 +110,7 @@ MaybeFailure ReencodeSession::planRecording(RecordingPlan& plan, PlayOutPlan& pl
     plan.sourceUniform = m_index.uniform;
     plan.sourceTime = m_index.time;
     plan.sourceShown = m_index.shown;
+    plan.sourceLeaps = m_index.leaps;
     // An encoder that is not given the source's timecode puts one of its own into the stream.
     plan.useStreamLabels = settings.vtr.vitcSupport;
     plan.source = settings.cmd.sourceFile;

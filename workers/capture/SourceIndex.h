@@ -20,6 +20,14 @@ struct AccessPoint {
     int skipped = 0;             // frames of its GOP that cannot be shown when playing begins here
     bool exact = true;           // the timecode is that of the GOP's first frame; else, of H.264, its own
     int leading = 0;             // H.264: frames that are coded behind it and shown before it
+    std::int64_t shown = 0;      // when the frame is that has its timecode, as in SourceIndex::shown
+};
+
+// The timestamps go on later than the frames before take, but what plays the file does not wait: its PCRs
+// step there by more than a second, or are announced to.
+struct SourceLeap {
+    std::int64_t step = 0;   // from one PES packet to the next (PTS units)
+    std::int64_t excess = 0; // by which that is longer than the frames of the first
 };
 
 struct SourceIndex {
@@ -27,10 +35,16 @@ struct SourceIndex {
     int frameRateCode = 0;
     std::vector<AccessPoint> points; // in the order of the file
     bool uniform = true;             // one frame rate and one codec throughout
-    std::int64_t time = 0; // from the first random access point to the end, by the stream's clock (PTS units)
+    // From the first random access point on, when it is played (PTS units): from the first frame that is
+    // shown to the end of the last where it is known of each when it is shown, else by when they are decoded.
+    std::int64_t time = 0;
     // Where that is longer than their number tells: when the frames from there on are shown, from the first
     // one, in that order (PTS units). Empty where that is not known of each.
     std::vector<std::int64_t> shown{};
+    // Those that exist of the frames that cannot be shown when playing begins with the first random access
+    // point; none where that is not known.
+    std::optional<std::uint64_t> hidden{};
+    std::vector<SourceLeap> leaps{}; // in the order of the file
 };
 
 // Reads the whole file. Ends early, with what was found until then, when cancel is set.
