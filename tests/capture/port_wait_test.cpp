@@ -3,6 +3,7 @@
 #include "capture/StreamClaim.h"
 #include "capture/stalled_disk.h"
 #include "capture/worker_process.h"
+#include "foundation/Eventually.h"
 
 #include <csignal>
 #include <gmock/gmock.h>
@@ -99,8 +100,13 @@ TEST(PortWait, NobodyListensToTheOtherEncoderMeanwhile) {
     EXPECT_FALSE(probe.take(other, 5000));
     probe.release();
     held.release();
-    worker.waitForLog("Encoder 1: receive buffer");
     worker.waitForLog("Encoder 2: receive buffer");
+    // Opened the first time before the second one's port was found taken.
+    EXPECT_TRUE(kestrel::test::eventually([&worker] {
+        const std::string log = worker.log();
+        const std::string opened = "Encoder 1: receive buffer";
+        return log.find(opened) != log.rfind(opened);
+    }));
     EXPECT_TRUE(probe.take(other, 5000)) << "now the worker has it";
     worker.queues.send(CANCEL_MSG);
     EXPECT_EQ(worker.wait(), 0) << worker.log();
@@ -115,6 +121,27 @@ TEST(PortWait, TheAnswerToAJobThatWaitedInVainNamesWhoHasThePort) {
     worker.start();
     EXPECT_EQ(worker.wait(20s), 1) << worker.log();
     EXPECT_THAT(worker.results(), HasSubstr("is already recorded by process " + std::to_string(getpid())));
+}
+
+// The one that was waited for at first may have gone, and another recorder be there.
+TEST(PortWait, TheAnswerNamesThePortThatIsTakenAtTheEnd) {
+    const Encoder encoder;
+    const std::uint32_t other = encoder.address ^ 0x00800000;
+    StreamClaim first;
+    StreamClaim second;
+    ASSERT_FALSE(first.take(other, 5000));
+    ASSERT_FALSE(second.take(encoder.address, 5000));
+    Worker worker;
+    setUp(worker, other, "00:00:02:00");
+    worker.settings.numEncoders = 2;
+    worker.settings.encoders[1].snmpIpAddress = encoder.address;
+    worker.start();
+    worker.waitForLog("Encoder 1: waits up to 6 s for its port: ");
+    first.release();
+    worker.waitForLog("Encoder 2: waits up to 6 s for its port: ");
+    EXPECT_EQ(worker.wait(20s), 1) << worker.log();
+    EXPECT_THAT(worker.results(), HasSubstr("from " + encoder.text + " is already recorded by process " +
+                                            std::to_string(getpid())));
 }
 
 // Where a disk takes its time with the end of a file, the port is not kept as long.

@@ -125,12 +125,12 @@ void EncoderChannel::write() noexcept {
             const Losses losses = currentLosses();
             carryOut();
             // Likewise: what came before is in the ring.
-            const Clock::time_point seen = m_receiver.seenUntil();
+            // Once it is to end nobody listens any more, which is no silence of the stream.
+            const Clock::time_point seen =
+                end == End::none ? m_receiver.seenUntil() : m_receiver.lookedUntil();
             while (m_recording.state() != RecordingState::ended && takePortion())
                 attend();
-            // Once it is to end nobody listens any more, which is no silence of the stream.
-            if (end == End::none)
-                tickAt(seen);
+            tickAt(seen);
             attend();
             if (end == End::cancelled)
                 m_recording.cancel(Clock::now());

@@ -7,6 +7,7 @@
 #include "foundation/Logger.h"
 
 #include <algorithm>
+#include <optional>
 
 namespace kestrel::capture {
 namespace {
@@ -68,16 +69,28 @@ MaybeFailure EncoderGroup::open(const CSettings& settings, const EncoderMap& map
 MaybeFailure EncoderGroup::openPatiently(const std::vector<Opening>& openings, const Timing& timing) {
     const Clock::time_point until = Clock::now() + portWait;
     std::size_t first = 0;
-    const MaybeFailure failed = openAll(openings, timing, first, false);
-    if (!failed || !openings[first].patient || !m_portTaken)
-        return failed;
-    LogUtil::Info(module, "%s: waits up to %.0f s for its port: %s", openings[first].plan.name.c_str(),
-                  std::chrono::duration<double>(portWait).count(), failed->text.c_str());
-    MaybeFailure again = failed;
-    while (again && m_portTaken && openings[first].patient && Clock::now() < until && m_pause(portRetry))
-        again = openAll(openings, timing, first, true);
-    // The first one's text names who has it.
-    return again && m_portTaken ? failed : again;
+    std::optional<std::size_t> announced;
+    for (;;) {
+        const bool again = announced == first;
+        const MaybeFailure failed = openAll(openings, timing, first, again);
+        if (!failed || !m_portTaken)
+            return failed;
+        if (again && announced != first)
+            continue; // another one's, and who has that has not been asked
+        if (!openings[first].patient)
+            return failed;
+        if (announced != first)
+            LogUtil::Info(module, "%s: waits up to %.0f s for its port: %s",
+                          openings[first].plan.name.c_str(), std::chrono::duration<double>(portWait).count(),
+                          failed->text.c_str());
+        announced = first;
+        if (Clock::now() >= until)
+            break;
+        if (!m_pause(portRetry))
+            return failed;
+    }
+    // Who has it now may be another than at first.
+    return openAll(openings, timing, first, false);
 }
 
 // Begins with that one, and tells which failed.

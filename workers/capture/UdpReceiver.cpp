@@ -13,7 +13,6 @@
 #include <cstring>
 #include <ctime>
 #include <iterator>
-#include <limits>
 #include <linux/sock_diag.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -41,8 +40,6 @@ void count(std::atomic<std::uint64_t>& counter, std::uint64_t more = 1) noexcept
 // Bounds one call of drain on a flood, so that a stop is always seen.
 constexpr int batchesPerTurn = 64;
 constexpr int batchesAtStop = 4096;
-
-constexpr Clock::rep threadEnded = std::numeric_limits<Clock::rep>::max();
 
 std::chrono::nanoseconds duration(const timespec& time) noexcept {
     return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
@@ -302,13 +299,16 @@ void UdpReceiver::run() noexcept {
             ::poll(waits, 1, static_cast<int>(gatherTime.count()));
     }
     tellOthers();
-    m_seen.store(threadEnded, std::memory_order_release);
+    m_ended.store(true, std::memory_order_release);
     m_wake.signal();
 }
 
 Clock::time_point UdpReceiver::seenUntil() const noexcept {
-    const Clock::rep seen = m_seen.load(std::memory_order_acquire);
-    return seen == threadEnded ? Clock::now() : Clock::time_point(Clock::duration(seen));
+    return m_ended.load(std::memory_order_acquire) ? Clock::now() : lookedUntil();
+}
+
+Clock::time_point UdpReceiver::lookedUntil() const noexcept {
+    return Clock::time_point(Clock::duration(m_seen.load(std::memory_order_acquire)));
 }
 
 // Takes what waits in the socket. Returns whether there was anything.

@@ -68,6 +68,8 @@ public:
 
     // All that arrived before this time is in the ring, or lost and counted. Once the thread has ended: now.
     [[nodiscard]] Clock::time_point seenUntil() const noexcept;
+    // The same, and once the thread has ended: when it last looked.
+    [[nodiscard]] Clock::time_point lookedUntil() const noexcept;
     // Has the thread look at the socket, and signal wake when that time lies behind this call.
     void look() noexcept { m_look.signal(); }
     // When the last loss, in the socket's buffer or the ring, was seen.
@@ -113,7 +115,8 @@ private:
     RtpSequence m_rtp;
     std::uint32_t m_lastDropCount = 0;
     Clock::time_point m_arrived;       // when the newest datagram did
-    std::atomic<Clock::rep> m_seen{0}; // see seenUntil(); the largest there is once the thread has ended
+    std::atomic<Clock::rep> m_seen{0}; // see lookedUntil()
+    std::atomic<bool> m_ended{false};  // the thread has
     std::atomic<Clock::rep> m_lastLoss{0};
     int m_bufferBytes = 0;
     bool m_portTaken = false;
