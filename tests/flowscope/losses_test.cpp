@@ -8,6 +8,7 @@
 #include <functional>
 #include <gtest/gtest.h>
 #include <utility>
+#include <vector>
 
 using namespace kestrel::flowscope;
 
@@ -42,6 +43,18 @@ Lost datagrams(unsigned every) {
         const auto datagram = static_cast<unsigned>(packet / 7);
         return datagram > 3 && (datagram * 2'654'435'761U >> 8) % every == 0;
     };
+}
+
+// As many packets of the video from that one on as its counter does not tell of, and all others among them.
+Lost fullTurns(const Bytes& bytes, int from, int turns) {
+    int video = 0;
+    int packet = from;
+    for (; video < 16 * turns; ++packet) {
+        const std::size_t at = static_cast<std::size_t>(packet) * PACKET;
+        const bool payload = (bytes.at(at + 3) & 0x10) != 0;
+        video += payload && (bytes[at + 1] & 0x1F) == 1 && bytes[at + 2] == 1 ? 1 : 0;
+    }
+    return burst(from, packet - from);
 }
 
 // Video of 25 a second and sound in a multiplex of that constant rate that null packets fill, with two
@@ -88,7 +101,7 @@ TEST(ALossInAConstantMultiplex, LeavesItsRateWhereItIs) {
 TEST(ALossInAConstantMultiplex, MayHappenManyTimesASecond) {
     for (const double rate : {3'749'600.0, 3'750'000.0, 3'750'400.0}) {
         const Bytes whole = constantMultiplex(rate, 500);
-        for (const unsigned every : {200U, 60U, 15U}) {
+        for (const unsigned every : {200U, 60U, 15U, 6U}) {
             const Analysis analysis = analysed(without(whole, datagrams(every)));
             EXPECT_GT(analysis.findings().count("continuity"), 5U);
             EXPECT_EQ(analysis.muxBitsPerSecond(), rate) << every;
@@ -144,6 +157,26 @@ TEST(ALossInAConstantMultiplex, MayBeOneOfWhichTheFileTellsAlone) {
     EXPECT_LT(rate(false), 3'750'000) << "else nothing is shown here";
 }
 
+TEST(ALossInAConstantMultiplex, MayBeOneOfWhichNoCounterTellsWhereAPictureIsMissing) {
+    for (const double rate : {3'749'600.0, 3'750'000.0, 3'750'400.0}) {
+        const Bytes whole = constantMultiplex(rate, 300);
+        std::vector<int> starts; // of PES packets of the video
+        for (std::size_t at = 0; at < whole.size(); at += PACKET)
+            if (whole[at + 1] == 0x41 && whole[at + 2] == 1)
+                starts.push_back(static_cast<int>(at / PACKET));
+        ASSERT_EQ(starts.size(), 300U);
+        for (const std::size_t picture : {40U, 41U, 150U, 298U})
+            for (const int before : {1, 7, 30})
+                for (const int turns : {1, 2}) {
+                    const Lost lost = fullTurns(whole, starts[picture] - before, turns);
+                    const Analysis analysis = analysed(without(whole, lost));
+                    EXPECT_EQ(analysis.findings().count("continuity"), 0U);
+                    EXPECT_EQ(analysis.muxBitsPerSecond(), rate) << picture << ", " << before;
+                    EXPECT_EQ(analysis.findings().count("PCR jitter"), 0U);
+                }
+    }
+}
+
 TEST(ALossInAConstantMultiplex, OfManySecondsLeavesThoseBeforeAndBehindIt) {
     const Bytes whole = constantMultiplex(3'750'000, 500);
     EXPECT_EQ(analysed(without(whole, burst(12'000, 20'000))).muxBitsPerSecond(), 3'750'000);
@@ -169,6 +202,50 @@ TEST(ALossInAMultiplex, ThatIsNotConstantMakesItNoMoreSo) {
     }
 }
 
+// A multiplex of 1000 packets a second, which its video, of 25 pictures a second, falls behind for eight
+// seconds, by three and a half in all, until small pictures let it catch up. What the time of that picture is
+// off by, in seconds.
+Bytes catchingUp(int wrong = -1, double off = 0) {
+    constexpr std::size_t ROOM = 40; // packets a picture
+    constexpr std::size_t LEAD = 500;
+    Multiplex made;
+    made.association({{1, 0x100}}).map(0x100, 1, VIDEO_PID, {{0x02, VIDEO_PID}});
+    for (std::size_t i = 0; i < 600; ++i) {
+        while (made.packets() + LEAD < i * ROOM)
+            made.null();
+        const std::int64_t dts = 900'000 + static_cast<std::int64_t>(i * ROOM + LEAD) * 90 +
+                                 (static_cast<int>(i) == wrong ? std::llround(off * 90'000) : 0);
+        made.clock(VIDEO_PID, (900'000 + static_cast<std::int64_t>(made.packets()) * 90) * 300);
+        made.pes(VIDEO_PID, pesHeader(dts, dts), mpeg2Picture(2, (i < 200 ? 59 : 9) * 184 - 100));
+    }
+    return made.bytes;
+}
+
+TEST(ALossWhereTheVideoCatchesUp, LeavesTheRateOfTheMultiplex) {
+    constexpr double RATE = 1000.0 * PACKET * 8;
+    const Bytes whole = catchingUp();
+    ASSERT_EQ(analysed(whole).muxBitsPerSecond(), RATE);
+    for (const int from : {11'000, 12'345, 12'800})
+        for (const int count : {5, 311, 455, 606}) {
+            const Analysis analysis = analysed(without(whole, burst(from, count)));
+            EXPECT_EQ(analysis.muxBitsPerSecond(), RATE) << count << " from " << from << " on";
+        }
+}
+
+TEST(ALossWhereTheVideoCatchesUp, LeavesItWhereTheTimeBehindItIsDamagedToo) {
+    // Of picture 260, which begins with packet 12,600 or so.
+    for (const double off : {-1.2, 1.2, -60.0, 3600.0}) {
+        const Bytes whole = catchingUp(260, off);
+        int picture = 0;
+        const Analysis analysis = analysed(without(whole, [&](int packet, int) {
+            picture += (whole[static_cast<std::size_t>(packet) * PACKET + 1] & 0x41) == 0x41 ? 1 : 0;
+            return picture > 225 && picture <= 260; // those before it
+        }));
+        EXPECT_GT(analysis.findings().count("continuity"), 0U);
+        EXPECT_EQ(analysis.muxBitsPerSecond(), 1000.0 * PACKET * 8) << off;
+    }
+}
+
 TEST(TheLossyPace, IsNoneOfTwoRates) {
     // By a fifth of a packet less than two, and by two, so that most intervals lack as many.
     for (const int slower : {24'300, 27'000}) {
@@ -178,6 +255,18 @@ TEST(TheLossyPace, IsNoneOfTwoRates) {
         EXPECT_FALSE(pace.rate()) << slower;
         EXPECT_EQ(pace.lostPackets(), 0);
     }
+}
+
+TEST(TheLossyPace, IsToldByIntervalsMostOfWhichLackPackets) {
+    LossyPace pace;
+    int lost = 0;
+    for (int i = 0; i < 2000; ++i) {
+        lost += i % 8 % 3 == 0 ? 0 : i % 5 == 0 ? 14 : 7;
+        pace.reference(i * 2'700'000LL, i * 200 - lost, false);
+    }
+    ASSERT_TRUE(pace.rate());
+    EXPECT_NEAR(pace.rate()->packetsPerTick * 13'500, 1, 1e-9);
+    EXPECT_NEAR(pace.lostPackets() / lost, 1, 0.02);
 }
 
 TEST(TheLossyPace, DoesNotBridgeAJoinThatIsNearlySeamless) {
@@ -198,6 +287,26 @@ TEST(TheLossyPace, HasNoneOfReferencesThatStandStill) {
     for (int i = 0; i < 100; ++i)
         still.reference(7, i, false);
     EXPECT_FALSE(still.rate());
+}
+
+TEST(AGapOfTheDecodingTimes, LeavesTheJitterOfAClockThatShowsNoLoss) {
+    // Every sixtieth picture has no time, since it is not told where its PES packet begins; one reference is
+    // late.
+    Bytes bytes = constantMultiplex(3'750'000, 300, [](int i) { return i == 180 ? 2700 : 0; });
+    const Analysis whole = analysed(bytes);
+    ASSERT_EQ(whole.findings().count("PCR jitter"), 1U);
+    int pictures = 0;
+    for (std::size_t at = 0; at < bytes.size(); at += PACKET)
+        if (bytes[at + 1] == 0x41 && bytes[at + 2] == 1 && ++pictures % 60 == 0)
+            for (std::size_t i = 4; i < PACKET; ++i)
+                bytes[at + i] = 0xFF;
+    const Analysis analysis = analysed(bytes);
+    EXPECT_EQ(analysis.findings().count("timestamps"), 4U);
+    EXPECT_EQ(analysis.findings().count("continuity"), 0U);
+    EXPECT_EQ(analysis.findings().count("PCR jitter"), 1U);
+    ASSERT_TRUE(analysis.pcrJitterUs());
+    EXPECT_NEAR(*analysis.pcrJitterUs(), *whole.pcrJitterUs(), 0.01);
+    EXPECT_EQ(analysis.muxBitsPerSecond(), whole.muxBitsPerSecond());
 }
 
 // --- the rate of the video
@@ -255,6 +364,19 @@ TEST(TheAlignment, IsThatOfTheHeadersOnEitherSideOfALoss) {
         EXPECT_TRUE(analysed(without(whole, burst(lost, 1))).video()->quadByteAligned()) << lost;
     for (const unsigned every : {4U, 10U, 30U})
         EXPECT_TRUE(analysed(without(whole, datagrams(every))).video()->quadByteAligned()) << every;
+}
+
+TEST(TheAlignment, IsThatOfTheHeadersOnEitherSideOfALossOfWhichNoCounterTells) {
+    const Bytes whole = pictures(ALIGNED);
+    const int packets = static_cast<int>(whole.size()) / PACKET;
+    for (const int count : {16, 32, 48})
+        for (int from = 2; from + count <= packets; ++from) {
+            const Analysis analysis = analysed(without(whole, burst(from, count)));
+            EXPECT_EQ(analysis.findings().count("continuity"), 0U);
+            EXPECT_TRUE(analysis.video()->quadByteAligned()) << count << " from " << from << " on";
+        }
+    const Bytes odd = pictures([](int i) { return static_cast<std::size_t>(2000 + i % 5 * 3); });
+    EXPECT_FALSE(analysed(without(odd, burst(300, 16))).video()->quadByteAligned());
 }
 
 TEST(TheAlignment, BeginsAnewWithAnotherFile) {

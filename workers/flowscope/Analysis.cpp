@@ -85,6 +85,7 @@ bool Analysis::take(const unsigned char* packet) {
 void Analysis::noteLoss(const unsigned char* packet, int pid) {
     m_findings.add("continuity", format("packet %llu: %s", static_cast<unsigned long long>(m_packets - 1),
                                         m_continuity.message()));
+    ++m_losses;
     m_clock.lose();
     if (pid != m_videoPid)
         return;
@@ -95,6 +96,7 @@ void Analysis::noteLoss(const unsigned char* packet, int pid) {
 }
 
 void Analysis::skip(std::uint64_t position, std::uint64_t bytes) {
+    ++m_losses;
     m_clock.lose();
     m_findings.add("sync",
                    format("packet %llu: %llu bytes before it, from byte %llu of the file on, are no packets",

@@ -189,6 +189,7 @@ private:
     unsigned long long m_lastVideoPacket = 0;
     std::uint64_t m_timecodeJumps = 0;           // that have been told
     int m_videoCounter = 0;                      // continuity_counter of the latest packet
+    std::uint64_t m_losses = 0;                  // of any PID, that are told
     std::uint64_t m_lostVideoPackets = 0;        // as the counters tell
     bool m_lostSinceTime = false;                // bytes of video, since the latest time
     VideoTrack::Position m_positionAtTime{0, 0}; // when the latest time came
@@ -216,10 +217,15 @@ private:
         PTS clock{};
         std::uint64_t references = 0;
         std::uint64_t jumps = 0;
+        std::uint64_t losses = 0;
         std::uint64_t nullPackets = 0;
         std::uint64_t packets = 0;
         int lateInARow = 0;
-        bool late = false; // at some time that many of them were
+        bool late = false;    // at some time that many of them were
+        bool bridged = false; // the last step took the two far apart, behind a loss
+        // How far those that count lay ahead of the clock.
+        std::int64_t least = 0;
+        std::int64_t most = 0;
         // Sums of the steps between them, leaps left out, in units of PTS.
         std::int64_t decoded = 0;
         std::int64_t sent = 0; // by the clock

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <utility>
 
 namespace kestrel::flowscope {
 namespace {
@@ -40,6 +41,7 @@ void Analysis::noteLead(PTS rawDts) {
     m_lead.lateInARow = *ahead < 0 && full ? m_lead.lateInARow + 1 : 0;
     m_lead.late = m_lead.late || m_lead.lateInARow >= IN_A_ROW;
 
+    const bool lost = std::exchange(m_lead.losses, m_losses) != m_losses;
     const PTS clock = ofReference(m_lastClock);
     const std::uint64_t jumps = m_clock.jumps() + m_clock.newTimeBases();
     if (!m_lead.dts.is_absent()) {
@@ -47,10 +49,20 @@ void Analysis::noteLead(PTS rawDts) {
         const std::int64_t decoded = unwrapped(rawDts, m_lead.dts) - m_lead.dts;
         const std::int64_t sent = unwrapped(clock, m_lead.clock) - m_lead.clock;
         const bool jumped = jumps != m_lead.jumps && std::abs(sent) > longLeap;
-        if (!jumped && std::abs(decoded - sent) <= longLeap) {
+        const bool together = std::abs(decoded - sent) <= longLeap;
+        // While the video catches up, lost packets may hold more of its time than of the clock's by far. Of a
+        // damaged time among them the next one takes back what it departed by.
+        const bool known = *ahead >= m_lead.least - longLeap && *ahead <= m_lead.most + longLeap;
+        const bool bridged = !together && !jumped && known && (lost || m_lead.bridged);
+        if (!jumped && (together || bridged)) {
             m_lead.decoded += decoded;
             m_lead.sent += sent;
+            m_lead.least = std::min(m_lead.least, *ahead);
+            m_lead.most = std::max(m_lead.most, *ahead);
         }
+        m_lead.bridged = bridged;
+    } else {
+        m_lead.least = m_lead.most = *ahead;
     }
     m_lead.dts = rawDts;
     m_lead.clock = clock;
@@ -84,6 +96,7 @@ void Analysis::takeVideoTimes() {
                                   m_fieldsBeforeTimes == 0 && m_video->beginsDecodable(),
                                   aheadOfClock(rawDts),
                                   allAtRate};
+    const std::uint64_t gaps = m_times.gaps();
     const auto end = m_times.settle(rawDts, place, m_limit.asked(), m_findings);
     const VideoTimes::Times times = m_times.continued(rawPts, rawDts, place);
     if (times.leaps || times.back || times.newBase)
@@ -109,6 +122,11 @@ void Analysis::takeVideoTimes() {
     if (first)
         m_fieldsBeforeTimes = position.shown;
     m_times.take(times, place, m_findings);
+    if (m_times.gaps() != gaps) {
+        // Where packets of video are lost, and sixteen, or a multiple, no counter tells.
+        m_clock.suspectLoss();
+        m_video->realign();
+    }
     if (first)
         noteDelay();
     if (m_limit.asked()) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 namespace kestrel::flowscope {
 namespace {
@@ -31,6 +32,8 @@ void ClockCheck::reference(std::int64_t pcr, std::int64_t packet, bool announced
     }
     m_last = pcr;
     m_lossy.reference(m_elapsed, packet, anew);
+    if (std::exchange(m_suspected, false) && m_lossy.wholeSince() >= m_elapsed)
+        lose();
     if (m_count++ % m_every != 0)
         return;
     m_samples.push_back({m_elapsed, packet, at.value_or(elapsedSeconds())});
@@ -58,6 +61,13 @@ void ClockCheck::lose() {
     while (!m_samples.empty() && m_samples.back().pcr > m_elapsed - SECOND)
         m_samples.pop_back();
     endStretch(false);
+}
+
+void ClockCheck::suspectLoss() {
+    if (m_lossy.wholeSince() > m_elapsed - SECOND)
+        lose();
+    else
+        m_suspected = true;
 }
 
 void ClockCheck::Pace::join(const Pace& other) {

@@ -21,6 +21,9 @@ public:
     // Packets are missing, of any PID: of the multiplex, before the next reference or within the last second.
     // No rate and no jitter is measured across them, unless the clock itself tells how many they are.
     void lose();
+    // Some may be missing of which no counter tells. They are where the clock shows it within the last second
+    // or with the next reference: one that goes on at its pace lacks nothing.
+    void suspectLoss();
 
     // References so far.
     [[nodiscard]] std::uint64_t count() const noexcept { return m_count; }
@@ -111,6 +114,7 @@ private:
     Pace m_pace;                      // of them, too
     bool m_beganByJump = false;       // the stretch
     std::uint64_t m_losses = 0;
+    bool m_suspected = false; // a loss, of which the next reference tells
     LossyPace m_lossy;
 };
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 namespace kestrel::flowscope {
 namespace {
@@ -40,6 +41,7 @@ double LossyPace::Line::packetsAt(double tick) const {
 }
 
 void LossyPace::begin(std::int64_t ticks, std::int64_t packet) {
+    m_wholeSince = ticks;
     m_before.join(m_run);
     m_run = {};
     m_run.firstTick = ticks;
@@ -63,14 +65,22 @@ void LossyPace::reference(std::int64_t ticks, std::int64_t packet, bool anew) {
         const double whole = std::round(missing);
         double most = TOLERANCE * each;
         // A join that is nearly seamless is none of the same line.
-        if (m_run.whole >= LEAST_INTERVALS)
+        const bool known = m_run.whole >= LEAST_INTERVALS;
+        if (known)
             most = std::min(most, TIMES_OFF * m_run.farthest + TICKS_OFF);
         const bool near = tick - m_run.lastTick <= LONGEST_GAP * m_run.lastTick;
         if (!near || whole < 0 || std::abs(missing - whole) * each > most) {
             begin(ticks, packet);
             return;
         }
-        ++(whole == 0 ? m_run.whole : m_run.broken);
+        if (whole == 0) {
+            ++m_run.whole;
+            m_run.proven += std::exchange(m_run.inLine, 0);
+        } else {
+            m_wholeSince = ticks;
+            ++m_run.broken;
+            m_run.inLine += known ? 1 : 0;
+        }
         m_run.lost += whole;
         sent += whole;
     }
@@ -81,7 +91,8 @@ void LossyPace::reference(std::int64_t ticks, std::int64_t packet, bool anew) {
 
 void LossyPace::Sum::join(const Run& run) {
     const double each = run.line.count < 2 ? 0 : run.line.ticksAPacket();
-    if (run.whole < LEAST_INTERVALS || run.whole < run.broken || each <= 0)
+    const int evidence = run.whole + run.proven;
+    if (run.whole < LEAST_INTERVALS || evidence < run.broken - run.proven || each <= 0)
         return;
     least = ticks <= 0 ? each : std::min(least, each);
     most = std::max(most, each);

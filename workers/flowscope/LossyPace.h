@@ -23,6 +23,8 @@ public:
         double farthestTicks; // a reference from the line of those before it and itself
     };
     [[nodiscard]] std::optional<Rate> rate() const;
+    // The latest reference behind which, up to now, nothing is missing and the pace is one.
+    [[nodiscard]] std::int64_t wholeSince() const noexcept { return m_wholeSince; }
     // Packets that are missing where there is a constant pace.
     [[nodiscard]] double lostPackets() const;
 
@@ -50,6 +52,10 @@ private:
         Line line;
         int whole = 0;  // intervals of which nothing is missing
         int broken = 0; // and others
+        // Of these: since the latest whole one, in line within what is usual there, and such that a whole one
+        // came behind. Of another pace, none does.
+        int inLine = 0;
+        int proven = 0;
         double lost = 0;
         double farthest = 0;
     };
@@ -72,6 +78,7 @@ private:
     Run m_run;
     Sum m_before;             // the run
     std::int64_t m_ticks = 0; // of the latest reference
+    std::int64_t m_wholeSince = 0;
 };
 
 } // namespace kestrel::flowscope

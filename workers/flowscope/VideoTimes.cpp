@@ -165,6 +165,7 @@ bool VideoTimes::judgeStep(const Times& times, const Place& place, double frames
     std::string text;
     bool ordinary = !madeUp;
     if (frame > 0 && length > atMost(longer, frames) && !madeUp) {
+        ++m_gaps;
         text = where() + format("a gap of %.1f frames before DTS %lld", length / frame, ticks(times.rawDts));
     } else if (ofHeaders && length < atLeast(shorter)) {
         m_lastShort = true;

@@ -72,6 +72,8 @@ public:
     // Frames between the last time that counts and the latest one, where that does not.
     [[nodiscard]] double framesHeld() const noexcept { return m_framesHeld; }
     [[nodiscard]] PTS lowestPts() const noexcept { return m_lowestPts; }
+    // Steps so far that are longer than their frames: some may be lost of which no counter tells.
+    [[nodiscard]] std::uint64_t gaps() const noexcept { return m_gaps; }
     // Whether time went back without a new time base.
     [[nodiscard]] bool wentBack() const noexcept { return m_shiftBefore.has_value(); }
     // Seconds from the first picture shown to the last, without what the last one lasts.
@@ -144,6 +146,7 @@ private:
     ShowingOrder m_showing;
     StepsByRate m_byRate;
     std::uint64_t m_taken = 0;
+    std::uint64_t m_gaps = 0;
     std::map<std::int64_t, std::uint64_t> m_steps; // how often each
 };
 
