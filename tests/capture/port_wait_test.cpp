@@ -14,6 +14,7 @@ using namespace kestrel::capture;
 using namespace capture_test;
 using namespace std::chrono_literals;
 using testing::HasSubstr;
+using testing::Not;
 using testing::StartsWith;
 
 namespace {
@@ -121,6 +122,21 @@ TEST(PortWait, TheAnswerToAJobThatWaitedInVainNamesWhoHasThePort) {
     worker.start();
     EXPECT_EQ(worker.wait(20s), 1) << worker.log();
     EXPECT_THAT(worker.results(), HasSubstr("is already recorded by process " + std::to_string(getpid())));
+}
+
+// It could never have both, so it does not wait for the first either.
+TEST(PortWait, AJobThatNamesOneStreamTwiceIsRefusedAtOnce) {
+    const Encoder encoder;
+    StreamClaim held;
+    ASSERT_FALSE(held.take(encoder.address, 5000));
+    Worker worker;
+    setUp(worker, encoder.address, "00:00:02:00");
+    worker.settings.numEncoders = 2;
+    worker.settings.encoders[1].snmpIpAddress = encoder.address;
+    worker.start();
+    EXPECT_EQ(worker.wait(20s), 1) << worker.log();
+    EXPECT_THAT(worker.results(), HasSubstr("is already recorded by process " + std::to_string(getpid())));
+    EXPECT_THAT(worker.log(), Not(HasSubstr("waits up to")));
 }
 
 // The one that was waited for at first may have gone, and another recorder be there.

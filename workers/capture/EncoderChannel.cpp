@@ -130,6 +130,9 @@ void EncoderChannel::write() noexcept {
                 end == End::none ? m_receiver.seenUntil() : m_receiver.lookedUntil();
             while (m_recording.state() != RecordingState::ended && takePortion())
                 attend();
+            // Nor is what was lost on this side, of which no more may have come.
+            if (const Clock::time_point lost = m_receiver.lastLoss(); lost > m_lastArrival)
+                m_recording.heard(std::min(lost, seen));
             tickAt(seen);
             attend();
             if (end == End::cancelled)

@@ -54,12 +54,13 @@ MaybeFailure EncoderGroup::open(const CSettings& settings, const EncoderMap& map
                              "%s: what anybody sends to UDP port %d of this host is recorded: %s names no "
                              "address",
                              plan.name.c_str(), source.port, source.origin.c_str());
-        // Two receptions of one stream never come to terms.
-        const bool twice = std::any_of(openings.begin(), openings.end(), [&source](const Opening& other) {
-            return other.source.port == source.port && other.source.address == source.address &&
-                   other.source.sender == source.sender;
-        });
-        openings.push_back({source, plan, &reception, m_pause && !twice});
+        bool patient = m_pause != nullptr;
+        for (Opening& other : openings)
+            if (other.source.port == source.port && other.source.address == source.address &&
+                other.source.sender == source.sender)
+                // Two receptions of one stream never come to terms.
+                other.patient = patient = false;
+        openings.push_back({source, plan, &reception, patient});
     }
     return openPatiently(openings, timing);
 }
