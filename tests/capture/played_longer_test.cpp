@@ -363,6 +363,25 @@ TEST_F(ReturnOfAnOutage, IsNotWithOneFrameLess) {
         }
 }
 
+// So may that of an encoder that sends all the time: while a frame is held, its number says nothing.
+TEST_F(ReturnOfAnOutage, OfARunningEncoderIsRecordedToTheLastFrameToo) {
+    Recording r = recording(plan());
+    LabelledStream stream({.timecode = "09:00:00:00", .gop = 12, .avc = true});
+    beginRunning(r, stream, "10:00:00:00");
+    stream.jumpTo("10:00:00:00");
+    m_source = stream.frames(48);
+    feed(r, m_source);
+    LabelledStream held = stream;
+    feed(r, held.frames(75));
+    r.sourceEnded(m_now);
+    stream.jumpTo("10:00:04:23");
+    const std::vector<CodedFrame> rest = stream.frames(52);
+    feed(r, rest);
+    pass(r, 6s);
+    ASSERT_EQ(r.state(), RecordingState::ended);
+    EXPECT_EQ(recorded(rest), rest.size());
+}
+
 // A decoder may show a frame for some time there: the last come as much later.
 TEST_F(ReturnOfAnOutage, LosesNoneOfAReturnThatIsLongerByWhatADecoderHolds) {
     Recording r = recording(plan());

@@ -62,11 +62,11 @@ bool PlayedReturn::lastCame(const Frame& frame, std::uint64_t frames) const {
     // Nothing that was recorded while the source still had frames to come was its last frame.
     if (m_by == By::count)
         return !mayGoOver() && lastDecoded(frame, frames) && playedFor(frame.now) && !mayHold(frame);
-    return m_by == By::labels && labelledEndCame(frame);
+    return m_by == By::labels && labelledEndCame(frame) && !mayHold(frame);
 }
 
-// By count: whether a decoder may have shown a frame for some time where the source leaps, so that its last
-// come as much later.
+// Whether a decoder may have shown a frame for some time where the source leaps, so that its last come as
+// much later.
 bool PlayedReturn::mayHold(const Frame& frame) const {
     return m_leapsCame < m_leaps.size() && !late(frame.now);
 }
