@@ -66,6 +66,27 @@ TEST_F(MezzanineRecording, FindsAMarkInAtTheVeryBeginOfThePlayOut) {
     EXPECT_THAT(r.status().text, HasSubstr("from 09:59:59:20 to 10:00:00:24, 5 frames before mark-in"));
 }
 
+// A hole of the source and frames that were lost look the same then.
+TEST_F(MezzanineRecording, OfASourceThatLacksFramesBetweenTheMarksTellsThatOthersMayToo) {
+    for (const bool everyLabel : {true, false}) {
+        RecordingPlan asked = marks();
+        asked.everyLabel = everyLabel;
+        asked.overwrite = true;
+        Recording r = recording(asked);
+        beginSilent(r, "10:00:00:00");
+        LabelledStream stream(idle());
+        feed(r, stream, 80);
+        expectRecorded(r);
+        const auto told =
+            HasSubstr(", the source has no frame for some timecodes between the marks: not known "
+                      "whether all others came back");
+        if (everyLabel)
+            EXPECT_THAT(r.status().text, Not(told));
+        else
+            EXPECT_THAT(r.status().text, told);
+    }
+}
+
 // The decoder still shows the end of a play-out before.
 TEST_F(MezzanineRecording, DoesNotTakeTimecodesFromBeforeForTheSources) {
     RecordingPlan asked = marks();

@@ -276,7 +276,11 @@ void Recording::finishComplete(const std::string& besides) {
                                  "the timecode goes past mark-out, to " +
                                      rule.text(m_label.value_or(m_range.out()))));
     }
-    finish(true, recorded() + besides);
+    const bool unknown = m_plan.mode == CaptureMode::marks && m_plan.played && !m_plan.everyLabel;
+    finish(true, recorded() + besides +
+                     (unknown ? ", the source has no frame for some timecodes between the marks: not known "
+                                "whether all others came back"
+                              : ""));
 }
 
 // What is held begins the frame after the last.
