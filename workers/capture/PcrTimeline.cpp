@@ -20,6 +20,13 @@ std::int64_t pcrOf(const unsigned char* packet) noexcept {
     return base * 300 + ((field[5] & 1) << 8 | field[6]);
 }
 
+std::int64_t pcrStep(std::int64_t pcr, std::int64_t next) noexcept {
+    constexpr std::int64_t range = (std::int64_t{1} << 33) * 300;
+    constexpr std::int64_t longestStep = 27'000'000;
+    const std::int64_t step = (next - pcr + range) % range;
+    return step <= longestStep ? step : -1;
+}
+
 bool isDiscontinuity(const unsigned char* packet) noexcept {
     const ts::bytes field = ts::adaptation_field(packet);
     return !field.empty() && (field[0] & 0x80);
@@ -35,8 +42,8 @@ void PcrTimeline::take(PacketWindow& window, std::size_t index, const ProgramTab
         return;
     if (!tables.pcrPids().empty() && !tables.isPcr(number))
         return;
-    const Ticks step = (pcr - m_last + range) % range;
-    if (m_pid >= 0 && step > 0 && step <= longestStep && index > m_lastAt && !isDiscontinuity(packet))
+    const Ticks step = pcrStep(m_last, pcr);
+    if (m_pid >= 0 && step > 0 && index > m_lastAt && !isDiscontinuity(packet))
         m_ticksEach = static_cast<double>(step) / static_cast<double>(index - m_lastAt);
     if (known())
         timeUntil(window, index);

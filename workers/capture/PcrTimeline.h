@@ -11,6 +11,8 @@ namespace kestrel::capture {
 
 // The PCR of a packet in 27 MHz ticks (ISO/IEC 13818-1, 2.4.3.5); -1 when it has none.
 [[nodiscard]] std::int64_t pcrOf(const unsigned char* packet) noexcept;
+// From one PCR of a clock to the next, in 27 MHz ticks; -1 when it is no time: more than a second, or back.
+[[nodiscard]] std::int64_t pcrStep(std::int64_t pcr, std::int64_t next) noexcept;
 // discontinuity_indicator.
 [[nodiscard]] bool isDiscontinuity(const unsigned char* packet) noexcept;
 
@@ -36,10 +38,6 @@ public:
     [[nodiscard]] bool known() const noexcept { return m_ticksEach > 0; }
 
 private:
-    static constexpr Ticks range = (Ticks{1} << 33) * 300;
-    // PCRs further apart, one second, say nothing of the time between them.
-    static constexpr Ticks longestStep = 27'000'000;
-
     void timeUntil(PacketWindow& window, std::size_t end);
 
     int m_pid = -1; // whose PCRs are the clock

@@ -5,17 +5,6 @@
 #include <algorithm>
 
 namespace kestrel::capture {
-namespace {
-
-// PCRs of a clock that goes on are no further apart, and the later one is not the earlier; see PcrTimeline.
-bool leaps(std::int64_t pcr, std::int64_t next) noexcept {
-    constexpr std::int64_t range = (std::int64_t{1} << 33) * 300;
-    constexpr std::int64_t longestStep = 27'000'000;
-    return (next - pcr + range) % range > longestStep;
-}
-
-} // namespace
-
 void SourceLeaps::take(const unsigned char* packet, std::uint64_t offset) {
     const int number = ts::pid(packet);
     if (m_tables.carries(number) && !(packet[1] & 0x80) && m_tables.take(packet, 0) && m_pid >= 0 &&
@@ -27,10 +16,10 @@ void SourceLeaps::take(const unsigned char* packet, std::uint64_t offset) {
     if (pcr < 0 || (!m_tables.pcrPids().empty() && !m_tables.isPcr(number)))
         return;
     const Stretch before{m_pcrAt, offset};
-    if (m_pid >= 0 && (leaps(m_pcr, pcr) || isDiscontinuity(packet)) && m_steps.size() < most) {
+    if (m_pid >= 0 && (pcrStep(m_pcr, pcr) < 0 || isDiscontinuity(packet)) && m_steps.size() < most) {
         m_steps.push_back(before);
         for (const Late& late : m_open)
-            if (late.where.meets(before))
+            if (late.where.meets(before) && m_found.size() < most)
                 m_found.push_back(late.leap);
         m_open.clear();
     }
@@ -41,6 +30,8 @@ void SourceLeaps::take(const unsigned char* packet, std::uint64_t offset) {
 }
 
 void SourceLeaps::late(const Leap& leap, std::uint64_t from, std::uint64_t to) {
+    if (m_found.size() >= most)
+        return;
     const Stretch where{from, to};
     for (auto step = m_steps.rbegin(); step != m_steps.rend() && step->to > from; ++step)
         if (step->meets(where)) {

@@ -42,6 +42,7 @@ private:
         Leap leap;
         Stretch where;
     };
+    // Of each list; a damaged file may have one in every few packets.
     static constexpr std::size_t most = 1'000'000;
 
     ProgramTables m_tables;
