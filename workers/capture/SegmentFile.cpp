@@ -50,9 +50,13 @@ MaybeFailure SegmentFile::create(const std::string& path, bool overwrite) {
         return detailed(failure(error::outputFileNotOpened, path.c_str()), errnoText(errno));
     }
     m_path = path;
+    struct stat status {};
+    // Any number of jobs may write to /dev/null.
+    if (::fstat(m_fd.get(), &status) == 0 && !S_ISREG(status.st_mode))
+        return std::nullopt;
     MaybeFailure failed = hold();
-    if (!failed && overwrite)
-        failed = empty();
+    if (!failed && overwrite && ::ftruncate(m_fd.get(), 0) != 0)
+        failed = writeFailure(errno);
     if (failed)
         m_fd.reset();
     return failed;
@@ -60,10 +64,6 @@ MaybeFailure SegmentFile::create(const std::string& path, bool overwrite) {
 
 // Gone with the descriptor, so with the process, however that ends.
 MaybeFailure SegmentFile::hold() {
-    // Any number of jobs may write to /dev/null.
-    struct stat status {};
-    if (::fstat(m_fd.get(), &status) == 0 && !S_ISREG(status.st_mode))
-        return std::nullopt;
     if (keepsReadersOut(m_fd.get())) {
         LogUtil::Info(module, "%s lies on an SMB share: that it is being written is not shown to other jobs",
                       m_path.c_str());
@@ -82,13 +82,6 @@ MaybeFailure SegmentFile::hold() {
                      "%s cannot be locked, so another job that overwrites it would not be refused: %s",
                      m_path.c_str(), errnoText(errno).c_str());
     return std::nullopt;
-}
-
-MaybeFailure SegmentFile::empty() {
-    struct stat status {};
-    if (::fstat(m_fd.get(), &status) != 0 || !S_ISREG(status.st_mode) || ::ftruncate(m_fd.get(), 0) == 0)
-        return std::nullopt;
-    return writeFailure(errno);
 }
 
 MaybeFailure SegmentFile::append(const Packet& packet) {

@@ -36,7 +36,6 @@ public:
 
 private:
     [[nodiscard]] MaybeFailure hold();
-    [[nodiscard]] MaybeFailure empty();
     MaybeFailure writeFailure(int error);
 
     UniqueFd m_fd;
