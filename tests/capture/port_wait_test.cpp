@@ -25,11 +25,14 @@ struct Encoder {
     std::string text = "127.101." + std::to_string(address >> 8 & 255) + "." + std::to_string(address & 255);
 };
 
+void addEncoder(Worker& worker, std::uint32_t encoder) {
+    worker.settings.encoders[static_cast<std::size_t>(worker.settings.numEncoders++)].snmpIpAddress = encoder;
+}
+
 void setUp(Worker& worker, std::uint32_t encoder, const char* duration) {
     worker.settings.cmd.jobType = CSettings::JOB_TIMED;
     std::snprintf(worker.settings.cmd.duration, sizeof worker.settings.cmd.duration, "%s", duration);
-    worker.settings.numEncoders = 1;
-    worker.settings.encoders[0].snmpIpAddress = encoder;
+    addEncoder(worker, encoder);
 }
 
 constexpr const char* waits = "Encoder 1: waits up to 6 s for its port: ";
@@ -93,8 +96,7 @@ TEST(PortWait, NobodyListensToTheOtherEncoderMeanwhile) {
     ASSERT_FALSE(held.take(encoder.address, 5000));
     Worker worker;
     setUp(worker, other, "00:00:02:00");
-    worker.settings.numEncoders = 2;
-    worker.settings.encoders[1].snmpIpAddress = encoder.address;
+    addEncoder(worker, encoder.address);
     worker.start();
     worker.waitForLog("Encoder 2: waits up to 6 s for its port: ");
     StreamClaim probe;
@@ -131,8 +133,7 @@ TEST(PortWait, AJobThatNamesOneStreamTwiceIsRefusedAtOnce) {
     ASSERT_FALSE(held.take(encoder.address, 5000));
     Worker worker;
     setUp(worker, encoder.address, "00:00:02:00");
-    worker.settings.numEncoders = 2;
-    worker.settings.encoders[1].snmpIpAddress = encoder.address;
+    addEncoder(worker, encoder.address);
     worker.start();
     EXPECT_EQ(worker.wait(20s), 1) << worker.log();
     EXPECT_THAT(worker.results(), HasSubstr("is already recorded by process " + std::to_string(getpid())));
@@ -149,8 +150,7 @@ TEST(PortWait, TheAnswerNamesThePortThatIsTakenAtTheEnd) {
     ASSERT_FALSE(second.take(encoder.address, 5000));
     Worker worker;
     setUp(worker, other, "00:00:02:00");
-    worker.settings.numEncoders = 2;
-    worker.settings.encoders[1].snmpIpAddress = encoder.address;
+    addEncoder(worker, encoder.address);
     worker.start();
     worker.waitForLog("Encoder 1: waits up to 6 s for its port: ");
     first.release();
