@@ -88,11 +88,9 @@ double Analysis::videoBitsPerSecond() const {
     return bits / duration;
 }
 
-// The counters turn at 16. Where the multiplex is of constant rate its clock tells of more, of any PID;
-// elsewhere the frames that are missing do.
+// The counters turn at 16, and may have been written anew behind the loss. Where the multiplex is of constant
+// rate its clock tells of more, of any PID; elsewhere the frames that are missing do.
 double Analysis::lostVideoBits(double bitsPerSecond) const {
-    if (m_lostVideoPackets == 0)
-        return 0;
     constexpr double PAYLOAD_BITS = 184 * 8;
     const double packets = std::max(static_cast<double>(m_lostVideoPackets), m_clock.lostPackets());
     const double rate = m_video->format().rate();
