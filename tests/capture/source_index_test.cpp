@@ -1,5 +1,6 @@
 // What a file consists of, and the part of it that marks ask for.
 #include "capture/SourceIndex.h"
+#include "capture/indexed_source.h"
 #include "capture/labelled_stream.h"
 #include "capture/normalize_streams.h"
 #include "capture/stamped_frames.h"
@@ -21,14 +22,6 @@ using testing::HasSubstr;
 using testing::StartsWith;
 
 namespace {
-
-SourceIndex indexOf(const std::string& file) {
-    SourceIndex index;
-    const std::atomic<bool> never{false};
-    const MaybeFailure failed = indexSource(file, never, index);
-    EXPECT_FALSE(failed) << failed->text;
-    return index;
-}
 
 TEST(SourceIndex, CountsFramesAndFindsAccessPoints) {
     for (const char* name : {"m2_sd_25", "m2_sd_2997_drop", "h264_main", "m2_sd_25_fields"}) {
@@ -262,62 +255,6 @@ TEST(SourceIndex, TakesTheTimeOfDecodingWhereATimestampIsWrong) {
     EXPECT_EQ(index.time, 48 * PTS::units_per_second / 25);
     EXPECT_THAT(index.shown, testing::IsEmpty());
 }
-
-// A source that was recorded over an outage: its timestamps go on later, and what plays it waits only where
-// its PCRs tell it to.
-class OutageSource : public testing::TestWithParam<bool> {
-protected:
-    static constexpr std::int64_t period = PTS::units_per_second / 25;
-    enum class Pcrs { none, silent, announced };
-    SourceIndex index(std::int64_t ticks, Pcrs pcrs, int lost = 0) {
-        std::vector<CodedFrame> frames =
-            LabelledStream({.gop = 10, .bFrames = GetParam() ? 2 : 0, .avc = GetParam()}).frames(100);
-        for (std::size_t i = 50; i < frames.size(); ++i)
-            delay(frames[i], ticks);
-        if (lost > 0)
-            frames.erase(frames.begin() + 75, frames.begin() + 75 + lost);
-        for (std::size_t i = 0; i < frames.size() && pcrs != Pcrs::none; ++i)
-            addPcr(frames[i], pcrs == Pcrs::announced && i == 50);
-        capture_test::writePackets(join(frames), m_directory.path("source.ts"));
-        return indexOf(m_directory.path("source.ts"));
-    }
-    TemporaryDirectory m_directory;
-};
-
-TEST_P(OutageSource, TakesNoTimeWhereThePcrsStepByMoreThanASecond) {
-    for (const std::int64_t ticks : {135000, 270000, 720000}) {
-        SCOPED_TRACE(ticks);
-        const SourceIndex found = index(ticks, Pcrs::silent);
-        EXPECT_EQ(found.frames, 100U);
-        EXPECT_EQ(found.time, 100 * period);
-        EXPECT_THAT(found.shown, testing::IsEmpty());
-        ASSERT_EQ(found.leaps.size(), 1U);
-        EXPECT_EQ(found.leaps[0].excess, 4 * ticks);
-        EXPECT_EQ(found.leaps[0].step, 4 * ticks + period);
-    }
-}
-
-TEST_P(OutageSource, TakesNoTimeWhereAStepIsAnnounced) {
-    EXPECT_EQ(index(45000, Pcrs::announced).time, 100 * period);
-    EXPECT_EQ(index(270000, Pcrs::announced).time, 100 * period);
-}
-
-TEST_P(OutageSource, TakesItsTimeWhereItIsPlayed) {
-    EXPECT_EQ(index(45000, Pcrs::silent).time, 100 * period + 4 * 45000);
-    EXPECT_EQ(index(270000, Pcrs::none).time, 100 * period + 4 * 270000);
-    EXPECT_THAT(index(45000, Pcrs::silent).leaps, testing::IsEmpty());
-}
-
-TEST_P(OutageSource, HasThePlacesOfItsFramesWithoutIt) {
-    const SourceIndex found = index(270000, Pcrs::silent, 3);
-    EXPECT_EQ(found.time, 100 * period);
-    ASSERT_EQ(found.shown.size(), 97U);
-    EXPECT_EQ(found.shown.back(), 99 * period);
-    EXPECT_EQ(found.shown[60], 60 * period);
-}
-
-INSTANTIATE_TEST_SUITE_P(Codecs, OutageSource, testing::Bool(),
-                         [](const auto& codec) { return codec.param ? "H264" : "Mpeg2"; });
 
 TEST(LabelledFrames, OfH264GoFromTheAccessPointItself) {
     TemporaryDirectory directory;

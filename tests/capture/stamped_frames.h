@@ -35,7 +35,7 @@ inline void delay(CodedFrame& frame, std::int64_t ticks) {
 }
 
 // Puts a PCR before each frame, half a second before it is decoded.
-inline void addPcr(CodedFrame& frame, bool announced = false) {
+inline void addPcr(CodedFrame& frame, bool announced = false, int onPid = videoPid) {
     std::int64_t base = 0;
     Packet pcr{};
     pcr.fill(0xFF);
@@ -45,8 +45,8 @@ inline void addPcr(CodedFrame& frame, bool announced = false) {
             pcr[3] = static_cast<unsigned char>(0x20 | ((packet[3] - 1) & 15)); // it has no payload
         }
     pcr[0] = 0x47;
-    pcr[1] = videoPid >> 8;
-    pcr[2] = videoPid & 0xFF;
+    pcr[1] = static_cast<unsigned char>(onPid >> 8);
+    pcr[2] = static_cast<unsigned char>(onPid & 0xFF);
     pcr[4] = 183;
     pcr[5] = announced ? 0x90 : 0x10;
     for (int i = 0; i < 4; ++i)

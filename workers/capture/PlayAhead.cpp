@@ -90,10 +90,9 @@ MaybeFailure PlayAhead::read() {
                 continue;
         }
         takePackets();
-        const bool silent = m_window.count() - m_timeline.timed() > mostHeld;
-        if (m_fileEnded || silent)
+        if (m_fileEnded)
             m_timeline.settle(m_window);
-        if ((m_fileEnded || silent) && !m_timeline.known())
+        if ((m_fileEnded || m_window.count() > PcrClock::mostSilent) && !m_timeline.known())
             return detailed(failure(error::bitrateNotCalculated),
                             m_file.path() + " has no PCRs to play it by");
         give(m_fileEnded ? 1 : blockPackets);

@@ -63,8 +63,6 @@ public:
 
 private:
     static constexpr std::size_t blockPackets = 512;
-    // As many packets are searched for the next PCR.
-    static constexpr std::size_t mostHeld = 49'152;
 
     void run() noexcept;
     [[nodiscard]] MaybeFailure read();

@@ -22,6 +22,8 @@ constexpr int dropFlag = 1 << 24; // of the 25 bits of a GOP's timecode
 constexpr std::size_t mostPoints = 6'000'000;
 constexpr std::size_t mostFrames = mostPoints;
 constexpr std::int64_t longestReordering = PTS::units_per_second;
+// By so many frames one may be shown for longer than the stream's period without anything missing.
+constexpr std::int64_t longestShown = 2;
 
 class Indexer {
 public:
@@ -90,7 +92,7 @@ private:
         const std::int64_t step = m_frames.unitTime() - m_lastTime;
         const std::int64_t excess = step - period * m_lastFrames;
         // Frames of a film are shown for that long themselves.
-        if (m_lastFrames > 0 && period > 0 && excess > 2 * period)
+        if (m_lastFrames > 0 && period > 0 && excess > longestShown * period)
             m_leaps.late({m_index.shown.size(), m_frames.unitTime(), {step, excess}}, m_lastAt, m_unitAt);
         if (m_lastFrames == 0 || wrapped(unit.dts, m_lastDts) != step)
             m_stretch = {m_index.shown.size(), m_frames.unitTime()};
@@ -104,7 +106,8 @@ private:
         auto& shown = m_index.shown;
         std::int64_t excess = 0;
         std::size_t frame = 0;
-        for (const SourceLeaps::Leap& leap : m_leaps.found()) {
+        const std::int64_t period = MPEG::SH::decode_PCRs_per_frame(m_index.frameRateCode);
+        for (const SourceLeaps::Leap& leap : m_leaps.found(longestShown * period)) {
             for (; frame < std::min(leap.frame, shown.size()); ++frame)
                 shown[frame] -= excess;
             if (leap.frame > m_stretch.frame) {

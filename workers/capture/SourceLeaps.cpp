@@ -1,51 +1,53 @@
 #include "SourceLeaps.h"
 
 #include "mpeg/packet_view.h"
+#include "mpeg/pts.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace kestrel::capture {
+namespace {
+
+constexpr std::int64_t ticksEachUnit = 27'000'000 / PTS::units_per_second;
+
+} // namespace
+
 void SourceLeaps::take(const unsigned char* packet, std::uint64_t offset) {
-    const int number = ts::pid(packet);
-    if (m_tables.carries(number) && !(packet[1] & 0x80) && m_tables.take(packet, 0) && m_pid >= 0 &&
-        !m_tables.pcrPids().empty() && !m_tables.isPcr(m_pid))
-        m_pid = -1;
-    if (m_pid >= 0 && number != m_pid)
+    if (m_tables.carries(ts::pid(packet)) && !(packet[1] & 0x80) && m_tables.take(packet, 0))
+        m_clock.follow(m_tables);
+    if (!m_clock.take(packet, m_tables))
         return;
-    const std::int64_t pcr = pcrOf(packet);
-    if (pcr < 0 || (!m_tables.pcrPids().empty() && !m_tables.isPcr(number)))
-        return;
-    const Stretch before{m_pcrAt, offset};
-    if (m_pid >= 0 && (pcrStep(m_pcr, pcr) < 0 || isDiscontinuity(packet)) && m_steps.size() < most) {
-        m_steps.push_back(before);
-        for (const Late& late : m_open)
-            if (late.where.meets(before) && m_found.size() < most)
-                m_found.push_back(late.leap);
-        m_open.clear();
-    }
-    std::erase_if(m_open, [offset](const Late& late) { return late.where.to <= offset; });
-    m_pid = number;
-    m_pcr = pcr;
-    m_pcrAt = offset;
+    const std::uint64_t before = std::exchange(m_pcrAt, offset);
+    if (const std::int64_t time = m_clock.unplayed() / ticksEachUnit; time > 0 && m_unplayed.size() < most)
+        m_unplayed.push_back({before, offset, time});
 }
 
 void SourceLeaps::late(const Leap& leap, std::uint64_t from, std::uint64_t to) {
-    if (m_found.size() >= most)
-        return;
-    const Stretch where{from, to};
-    for (auto step = m_steps.rbegin(); step != m_steps.rend() && step->to > from; ++step)
-        if (step->meets(where)) {
-            m_found.push_back(leap);
-            return;
-        }
-    if (m_pcrAt < to && m_open.size() < most)
-        m_open.push_back({leap, where});
+    if (m_late.size() < most)
+        m_late.push_back({leap, from, to});
 }
 
-const std::vector<SourceLeaps::Leap>& SourceLeaps::found() {
-    std::sort(m_found.begin(), m_found.end(),
-              [](const Leap& one, const Leap& other) { return one.frame < other.frame; });
-    return m_found;
+std::vector<SourceLeaps::Leap> SourceLeaps::found(std::int64_t least) {
+    std::vector<Leap> leaps;
+    auto first = m_unplayed.begin();
+    for (Late& late : m_late) {
+        while (first != m_unplayed.end() && first->to <= late.from)
+            ++first;
+        SourceLeap& size = late.leap.size;
+        const std::int64_t later = std::exchange(size.excess, 0);
+        for (auto step = first; step != m_unplayed.end() && step->from < late.to; ++step) {
+            const std::int64_t time = std::min(step->time, later - size.excess);
+            size.excess += time;
+            step->time -= time;
+        }
+        // At its pace what is between two PCRs is played to some milliseconds only.
+        if (later - size.excess <= least / 2)
+            size.excess = later;
+        if (size.excess > least)
+            leaps.push_back(late.leap);
+    }
+    return leaps;
 }
 
 } // namespace kestrel::capture

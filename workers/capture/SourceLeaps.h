@@ -1,7 +1,7 @@
 // Where a file's timestamps go on later while what plays it does not wait.
 #pragma once
 
-#include "PcrTimeline.h"
+#include "PcrClock.h"
 #include "ProgramTables.h"
 #include "SourceIndex.h"
 
@@ -11,8 +11,8 @@
 
 namespace kestrel::capture {
 
-// A step of the PCRs that says nothing of the time between, see PcrTimeline, is played at the pace there was.
-// The frames behind it have timestamps that are as much later; which step of theirs that is tells where both
+// What plays the file does not wait for all the time by which its clock goes on, see PcrClock. The frames
+// behind such a place have timestamps that are as much later; which step of theirs that is tells where both
 // are in the file.
 class SourceLeaps {
 public:
@@ -21,37 +21,36 @@ public:
         std::int64_t time = 0; // by the timestamps, when that begins
         SourceLeap size;
     };
+    // Of each list; a damaged file may have one in every few packets. Those behind are taken for played.
+    static constexpr std::size_t most = 200'000;
 
     // Takes the next packet, which is that many bytes into the file.
     void take(const unsigned char* packet, std::uint64_t offset);
-    // A frame is later than those before take. It begins there, the PES packet before it began there.
+    // A frame is later than those before take. It begins there, the PES packet before it began there. In the
+    // order of the file.
     void late(const Leap& leap, std::uint64_t from, std::uint64_t to);
-    // In the order of the file; nothing more comes.
-    [[nodiscard]] const std::vector<Leap>& found();
+    // In the order of the file; nothing more comes. Each with the time by which the frame is later and that
+    // is not played, if that is more than `least` (PTS units).
+    [[nodiscard]] std::vector<Leap> found(std::int64_t least);
 
 private:
-    // Bytes of the file, the ends not among them.
-    struct Stretch {
+    // Of the file, the bytes at the ends not among them.
+    struct Unplayed {
         std::uint64_t from = 0;
         std::uint64_t to = 0;
-        [[nodiscard]] bool meets(const Stretch& other) const noexcept {
-            return from < other.to && other.from < to;
-        }
+        std::int64_t time = 0; // PTS units
     };
     struct Late {
         Leap leap;
-        Stretch where;
+        std::uint64_t from = 0;
+        std::uint64_t to = 0;
     };
-    // Of each list; a damaged file may have one in every few packets.
-    static constexpr std::size_t most = 1'000'000;
 
     ProgramTables m_tables;
-    int m_pid = -1; // whose PCRs are the clock
-    std::int64_t m_pcr = 0;
+    PcrClock m_clock;
     std::uint64_t m_pcrAt = 0;
-    std::vector<Stretch> m_steps; // of the PCRs
-    std::vector<Late> m_open;     // the PCR behind them has not come
-    std::vector<Leap> m_found;
+    std::vector<Unplayed> m_unplayed;
+    std::vector<Late> m_late;
 };
 
 } // namespace kestrel::capture
