@@ -14,8 +14,6 @@ namespace {
 constexpr const char* MODULE = "CMessageProcessor";
 constexpr const char* SEPARATORS = ",";
 
-using Arguments = char[kestrel::maxArguments][kestrel::argumentCapacity];
-
 std::unique_ptr<Message> refuseOutOfBounds(const kestrel::ArgumentSplit& split) {
     char text[300];
     if (split.tooMany())
@@ -35,9 +33,10 @@ std::unique_ptr<Message> createRequest(const char* line) {
     const kestrel::ArgumentSplit split = kestrel::splitArguments(line, SEPARATORS);
     if (!split.withinBounds())
         return refuseOutOfBounds(split);
-    Arguments arguments = {};
-    const int count = CMessageProcessor::getArgumentList(line, arguments);
-    return std::unique_ptr<Message>(Message::createRequestMessage(arguments, count));
+    // Not on the stack: each connection's thread is new, and so would be the pages.
+    const auto arguments = std::make_unique<char[][kestrel::argumentCapacity]>(kestrel::maxArguments);
+    const int count = CMessageProcessor::getArgumentList(line, arguments.get());
+    return std::unique_ptr<Message>(Message::createRequestMessage(arguments.get(), count));
 }
 
 // One request gets one line: what it is answered with may come from the request itself, or from a worker.

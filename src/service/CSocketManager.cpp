@@ -85,6 +85,7 @@ CSocketManager::~CSocketManager() {
         shutDownConnections();
         for (const pthread_t thread : m_living)
             joinPosixThread(thread, nullptr);
+        waitForLeaving();
         LogUtil::Info(MODULE, "Socket Manager got destructed...");
     } catch (...) {
         LogUtil::Error(MODULE, "Exception while destructing SocketManager... ");
@@ -102,6 +103,13 @@ void CSocketManager::shutDownConnections() {
         if (slot.helper)
             slot.helper->shutDown();
     }
+}
+
+// For threads that freed their slot, and so are not joined, but still close their connection.
+void CSocketManager::waitForLeaving() {
+    MutexLock lock(m_pInternalData);
+    while (m_leaving > 0)
+        pthread_cond_wait(&m_allLeft, m_pInternalData.native());
 }
 
 int CSocketManager::setupSocketServer(unsigned short port) {
@@ -253,22 +261,33 @@ void CSocketManager::closeSocketHelperHandle(void* /*helper*/) {
     destroySocketHelper(pthread_self());
 }
 
+// The slot is free before the connection is closed, so that a client that saw the end finds it free; and the
+// lock is given back before, so that the next client's thread is started while this one writes its last
+// lines.
 bool CSocketManager::destroySocketHelper(pthread_t thread) {
-    MutexLock lock(m_pInternalData);
-    const auto slot = std::find_if(m_slots.begin(), m_slots.end(), [&](const Slot& candidate) {
-        return candidate.thread && pthread_equal(*candidate.thread, thread) != 0;
-    });
-    if (slot == m_slots.end())
-        return false;
-    slot->helper.reset();
-    if (!m_closing)
-        pthread_detach(thread);
-    slot->thread.reset();
-    const bool wasFull = m_handlesInUse == static_cast<int>(m_slots.size());
-    --m_handlesInUse;
-    LogUtil::Debug(MODULE, "Number of handles: %d", m_handlesInUse);
+    std::unique_ptr<CSocketHelper> helper;
+    int inUse = 0;
+    {
+        MutexLock lock(m_pInternalData);
+        const auto slot = std::find_if(m_slots.begin(), m_slots.end(), [&](const Slot& candidate) {
+            return candidate.thread && pthread_equal(*candidate.thread, thread) != 0;
+        });
+        if (slot == m_slots.end())
+            return false;
+        helper = std::move(slot->helper);
+        if (!m_closing)
+            pthread_detach(thread);
+        slot->thread.reset();
+        if (m_handlesInUse == static_cast<int>(m_slots.size()))
+            wake();
+        inUse = --m_handlesInUse;
+        ++m_leaving;
+    }
+    helper.reset();
+    LogUtil::Debug(MODULE, "Number of handles: %d", inUse);
     LogUtil::Info(MODULE, "CSocketManager.destroySocketHelper - destroyed successfully...");
-    if (wasFull)
-        wake();
+    MutexLock lock(m_pInternalData);
+    if (--m_leaving == 0)
+        pthread_cond_broadcast(&m_allLeft);
     return true;
 }

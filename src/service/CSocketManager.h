@@ -71,6 +71,7 @@ private:
     void waitForEvent(bool listening) const;
     void wake() const noexcept;
     void shutDownConnections();
+    void waitForLeaving();
 
     const int m_backlog;
     kestrel::UniqueFd m_listener;
@@ -79,6 +80,8 @@ private:
     std::vector<pthread_t> m_living; // connection threads that the destructor joins
     int m_handlesInUse GUARDED_BY(m_pInternalData) = 0;
     bool m_closing GUARDED_BY(m_pInternalData) = false;
+    int m_leaving GUARDED_BY(m_pInternalData) = 0; // threads without a slot that still close their connection
+    pthread_cond_t m_allLeft = PTHREAD_COND_INITIALIZER; // m_leaving came to 0
     std::atomic<bool> m_stop{false};
     bool m_acceptFailing = false; // of the accept loop
 };

@@ -410,6 +410,20 @@ TEST_F(Slots, ANegativeNumberOfSlotsIsNone) {
     EXPECT_TRUE(closedByPeer(handOver(manager, false, -1)));
 }
 
+TEST_F(Slots, TheEndWaitsForThreadsThatHaveLeftTheirSlotButNotTheirConnection) {
+    constexpr int ROUNDS = 200;
+    const std::string left = "CSocketManager.destroySocketHelper - destroyed successfully...";
+    lines.emplace();
+    for (int round = 1; round <= ROUNDS; ++round) {
+        {
+            CSocketManager manager(1);
+            const UniqueFd client = handOver(manager, true, 0);
+            ASSERT_EQ(ping(client), "TRUE - ALIVE\n");
+        }
+        ASSERT_EQ(countOf(lines->text(), left), round);
+    }
+}
+
 TEST_F(Slots, AThreadWithoutASlotFreesNothing) {
     CSocketManager manager(1);
     EXPECT_FALSE(manager.destroySocketHelper(pthread_self()));
