@@ -32,7 +32,7 @@ void ClockCheck::reference(std::int64_t pcr, std::int64_t packet, bool announced
     }
     m_last = pcr;
     m_lossy.reference(m_elapsed, packet, anew);
-    if (std::exchange(m_suspected, false) && m_lossy.wholeSince() >= m_elapsed)
+    if (std::exchange(m_suspected, false) && m_lossy.leftBehind(m_elapsed - 1))
         lose();
     if (m_count++ % m_every != 0)
         return;
@@ -64,7 +64,7 @@ void ClockCheck::lose() {
 }
 
 void ClockCheck::suspectLoss() {
-    if (m_lossy.wholeSince() > m_elapsed - SECOND)
+    if (m_lossy.leftBehind(m_elapsed - SECOND))
         lose();
     else
         m_suspected = true;
@@ -140,7 +140,7 @@ bool ClockCheck::constantRate() const {
 
 std::optional<ClockCheck::ConstantRate> ClockCheck::rate() const {
     // Half of what a reference is off by: the line leads through others that may be off, too.
-    if (const auto lossy = m_losses == 0 ? std::nullopt : m_lossy.rate())
+    if (const auto lossy = m_losses == 0 ? std::nullopt : m_lossy.rate(m_losses))
         return ConstantRate{static_cast<double>(SECOND) * lossy->packetsPerTick,
                             lossy->farthestTicks / 2 / TICKS_PER_US};
     Pace pace = paceOfStretch(false);

@@ -21,8 +21,8 @@ public:
     // Packets are missing, of any PID: of the multiplex, before the next reference or within the last second.
     // No rate and no jitter is measured across them, unless the clock itself tells how many they are.
     void lose();
-    // Some may be missing of which no counter tells. They are where the clock shows it within the last second
-    // or with the next reference: one that goes on at its pace lacks nothing.
+    // Some may be missing of which no counter tells. They are where the clock leaves a known pace within the
+    // last second or with the next reference: one that goes on at its pace lacks nothing.
     void suspectLoss();
 
     // References so far.
@@ -55,7 +55,7 @@ public:
     // five tenths of a second instead. Where packets are lost, with those that the clock tells of.
     [[nodiscard]] std::optional<ConstantRate> rate() const;
     // Packets that are missing at a constant rate; 0 where none are known to be lost.
-    [[nodiscard]] double lostPackets() const { return m_losses == 0 ? 0 : m_lossy.lostPackets(); }
+    [[nodiscard]] double lostPackets() const { return m_losses == 0 ? 0 : m_lossy.lostPackets(m_losses); }
     // Seconds from the first reference to the last, jumps left out.
     [[nodiscard]] double elapsedSeconds() const noexcept { return static_cast<double>(m_elapsed) / 27e6; }
 

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <utility>
 
 namespace kestrel::flowscope {
 namespace {
@@ -14,7 +13,7 @@ constexpr double TOLERANCE = 0.1;
 constexpr double TIMES_OFF = 4;
 constexpr double TICKS_OFF = 27;
 // Fewer intervals may be in line by chance.
-constexpr int LEAST_INTERVALS = 5;
+constexpr double LEAST_INTERVALS = 5;
 
 } // namespace
 
@@ -41,7 +40,6 @@ double LossyPace::Line::packetsAt(double tick) const {
 }
 
 void LossyPace::begin(std::int64_t ticks, std::int64_t packet) {
-    m_wholeSince = ticks;
     m_before.join(m_run);
     m_run = {};
     m_run.firstTick = ticks;
@@ -68,19 +66,14 @@ void LossyPace::reference(std::int64_t ticks, std::int64_t packet, bool anew) {
         const bool known = m_run.whole >= LEAST_INTERVALS;
         if (known)
             most = std::min(most, TIMES_OFF * m_run.farthest + TICKS_OFF);
+        if (known && whole != 0)
+            m_left = ticks;
         const bool near = tick - m_run.lastTick <= LONGEST_GAP * m_run.lastTick;
         if (!near || whole < 0 || std::abs(missing - whole) * each > most) {
             begin(ticks, packet);
             return;
         }
-        if (whole == 0) {
-            ++m_run.whole;
-            m_run.proven += std::exchange(m_run.inLine, 0);
-        } else {
-            m_wholeSince = ticks;
-            ++m_run.broken;
-            m_run.inLine += known ? 1 : 0;
-        }
+        ++(whole == 0 ? m_run.whole : m_run.broken);
         m_run.lost += whole;
         sent += whole;
     }
@@ -91,14 +84,14 @@ void LossyPace::reference(std::int64_t ticks, std::int64_t packet, bool anew) {
 
 void LossyPace::Sum::join(const Run& run) {
     const double each = run.line.count < 2 ? 0 : run.line.ticksAPacket();
-    const int evidence = run.whole + run.proven;
-    if (run.whole < LEAST_INTERVALS || evidence < run.broken - run.proven || each <= 0)
+    if (run.whole < LEAST_INTERVALS || each <= 0)
         return;
     least = ticks <= 0 ? each : std::min(least, each);
     most = std::max(most, each);
     ticks += run.lastTick;
     packetsSquared += run.line.centredSquares();
     packetsByTicks += run.line.centredProducts();
+    broken += run.broken;
     lost += run.lost;
     farthest = std::max(farthest, run.farthest);
 }
@@ -109,22 +102,25 @@ LossyPace::Sum LossyPace::all() const {
     return sum;
 }
 
-bool LossyPace::constant(const Sum& sum) const {
+bool LossyPace::constant(const Sum& sum, std::uint64_t losses) const {
     constexpr double ALIKE = 0.01;
+    // Of null packets that are lost in between no counter tells.
+    constexpr double INTERVALS_A_LOSS = 3;
     const bool longEnough = sum.ticks >= SECOND / 2 && sum.ticks >= static_cast<double>(m_ticks) / 2;
-    return longEnough && sum.most - sum.least <= ALIKE * sum.most;
+    const bool explained = sum.broken <= INTERVALS_A_LOSS * static_cast<double>(losses);
+    return longEnough && explained && sum.most - sum.least <= ALIKE * sum.most;
 }
 
-std::optional<LossyPace::Rate> LossyPace::rate() const {
+std::optional<LossyPace::Rate> LossyPace::rate(std::uint64_t losses) const {
     const Sum sum = all();
-    if (!constant(sum))
+    if (!constant(sum, losses))
         return std::nullopt;
     return Rate{sum.packetsSquared / sum.packetsByTicks, sum.farthest};
 }
 
-double LossyPace::lostPackets() const {
+double LossyPace::lostPackets(std::uint64_t losses) const {
     const Sum sum = all();
-    return constant(sum) ? sum.lost : 0;
+    return constant(sum, losses) ? sum.lost : 0;
 }
 
 } // namespace kestrel::flowscope

@@ -17,16 +17,17 @@ public:
     void reference(std::int64_t ticks, std::int64_t packet, bool anew);
 
     // By the lines nearest to the references (least squares), with the lost packets. Nothing unless
-    // references follow each other at one pace for half of the time, and half a second, at least.
+    // references follow each other at one pace for half of the time, and half a second, at least, and so many
+    // losses explain what they lack: of null packets that were taken out nothing tells.
     struct Rate {
         double packetsPerTick;
         double farthestTicks; // a reference from the line of those before it and itself
     };
-    [[nodiscard]] std::optional<Rate> rate() const;
-    // The latest reference behind which, up to now, nothing is missing and the pace is one.
-    [[nodiscard]] std::int64_t wholeSince() const noexcept { return m_wholeSince; }
-    // Packets that are missing where there is a constant pace.
-    [[nodiscard]] double lostPackets() const;
+    [[nodiscard]] std::optional<Rate> rate(std::uint64_t losses) const;
+    // Packets that are missing where there is such a pace; else 0.
+    [[nodiscard]] double lostPackets(std::uint64_t losses) const;
+    // Whether a reference behind that time, in ticks, has not kept to a pace that was known.
+    [[nodiscard]] bool leftBehind(std::int64_t ticks) const noexcept { return m_left && *m_left > ticks; }
 
 private:
     // A straight line through references.
@@ -50,12 +51,8 @@ private:
         std::int64_t firstPacket = 0;
         double lastTick = 0; // from the first
         Line line;
-        int whole = 0;  // intervals of which nothing is missing
-        int broken = 0; // and others
-        // Of these: since the latest whole one, in line within what is usual there, and such that a whole one
-        // came behind. Of another pace, none does.
-        int inLine = 0;
-        int proven = 0;
+        double whole = 0;  // intervals of which nothing is missing
+        double broken = 0; // and others
         double lost = 0;
         double farthest = 0;
     };
@@ -66,6 +63,7 @@ private:
         double most = 0;
         double packetsSquared = 0;
         double packetsByTicks = 0;
+        double broken = 0;
         double lost = 0;
         double farthest = 0;
 
@@ -73,12 +71,12 @@ private:
     };
     void begin(std::int64_t ticks, std::int64_t packet);
     [[nodiscard]] Sum all() const;
-    [[nodiscard]] bool constant(const Sum& sum) const;
+    [[nodiscard]] bool constant(const Sum& sum, std::uint64_t losses) const;
 
     Run m_run;
-    Sum m_before;             // the run
-    std::int64_t m_ticks = 0; // of the latest reference
-    std::int64_t m_wholeSince = 0;
+    Sum m_before;                       // the run
+    std::int64_t m_ticks = 0;           // of the latest reference
+    std::optional<std::int64_t> m_left; // the latest that has not kept to a pace
 };
 
 } // namespace kestrel::flowscope
