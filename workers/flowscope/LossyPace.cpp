@@ -105,7 +105,7 @@ LossyPace::Sum LossyPace::all() const {
 bool LossyPace::constant(const Sum& sum, std::uint64_t losses) const {
     constexpr double ALIKE = 0.01;
     // Of null packets that are lost in between no counter tells.
-    constexpr double INTERVALS_A_LOSS = 3;
+    constexpr double INTERVALS_A_LOSS = 2;
     const bool longEnough = sum.ticks >= SECOND / 2 && sum.ticks >= static_cast<double>(m_ticks) / 2;
     const bool explained = sum.broken <= INTERVALS_A_LOSS * static_cast<double>(losses);
     return longEnough && explained && sum.most - sum.least <= ALIKE * sum.most;
