@@ -61,10 +61,9 @@ public:
 
     const char* text(const char* key) const { return m_section->Attribute(key); }
 
-    // The integer of that key, where it is least at least and largest at most. Every integer that is read
-    // stays in the scratch integer.
-    bool integer(const char* key, int& value, int least = std::numeric_limits<int>::min(),
-                 int largest = std::numeric_limits<int>::max()) {
+    // The integer of that key, where it is least at least. Every integer that is read stays in the scratch
+    // integer.
+    bool integer(const char* key, int& value, int least = std::numeric_limits<int>::min()) {
         const char* const given = text(key);
         if (given == nullptr)
             return false;
@@ -73,10 +72,6 @@ public:
             return false;
         if (*number < least) {
             complain(key, given, "is less than " + std::to_string(least), holds(value));
-            return false;
-        }
-        if (*number > largest) {
-            complain(key, given, "is more than " + std::to_string(largest), holds(value));
             return false;
         }
         value = *number;
@@ -249,7 +244,7 @@ std::optional<LoggingSection> readLogging(ProfileReader& profile, BaseLogger::_L
     if (!profile.enter("Logging"))
         return std::nullopt;
     LoggingSection section{profile.text("LOG_FILENAME"), defaultLevel};
-    profile.integer("LOG_LEVEL", section.level, std::numeric_limits<int>::min(), BaseLogger::Fatal);
+    profile.integer("LOG_LEVEL", section.level);
     const char* const ip = profile.text("LOG_IP");
     if (ip == nullptr || *ip == '\0')
         return section;
@@ -302,6 +297,13 @@ void setUpLogging(const LoggingSection& section, const char* defaultLogFile) {
     if (log == nullptr)
         return;
     openLog(*log, section.file != nullptr ? section.file : cStringUtil::cValue(defaultLogFile));
+    // While it still can be: with such a level no line is written.
+    if (section.level > BaseLogger::Fatal)
+        LogUtil::Warning(
+            MODULE,
+            "Profile section Logging, key LOG_LEVEL: %d is above %d, the highest level of a line: "
+            "nothing more is logged",
+            section.level, static_cast<int>(BaseLogger::Fatal));
     log->setDefaultLogLevel(section.level);
     if (section.ip != nullptr)
         log->addNetLogger(section.ip, section.port);

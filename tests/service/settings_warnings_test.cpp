@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
 
@@ -106,13 +107,14 @@ TEST_F(SettingsWarnings, NumbersOfTheLoggingSectionAreCheckedToo) {
     EXPECT_THAT(log(), HasSubstr("Profile section Logging, key LOG_PORT: \"here\" is not an integer"));
 }
 
-TEST_F(SettingsWarnings, ALevelThatThereIsNotKeepsTheDefaultAndIsLogged) {
+TEST_F(SettingsWarnings, ALevelAboveAllEndsTheLogAndIsItsLastLine) {
     writeProfile("<R><Logging LOG_LEVEL='5'/></R>");
     EXPECT_EQ(CManagerLib::GetSettings(settings, true, (root + "d.log").c_str(), BaseLogger::Warning), 0);
-    EXPECT_EQ(LogUtil::GetInstance()->getDefaultLogLevel(), BaseLogger::Warning);
-    EXPECT_THAT(log(),
-                HasSubstr("[Manager:Warning] Profile section Logging, key LOG_LEVEL: \"5\" is more than "
-                          "4, 2 holds\r\n"));
+    EXPECT_EQ(LogUtil::GetInstance()->getDefaultLogLevel(), 5);
+    LogUtil::Fatal("Manager", "not written");
+    EXPECT_THAT(
+        log(), EndsWith("[Manager:Warning] Profile section Logging, key LOG_LEVEL: 5 is above 4, the highest "
+                        "level of a line: nothing more is logged\r\n"));
     writeProfile("<R><Logging LOG_LEVEL='4'/></R>");
     EXPECT_EQ(CManagerLib::GetSettings(settings, true, (root + "e.log").c_str(), BaseLogger::Warning), 0);
     EXPECT_EQ(LogUtil::GetInstance()->getDefaultLogLevel(), BaseLogger::Fatal);
