@@ -117,8 +117,7 @@ bool isDeckQueue(std::string_view name) {
 
 // Whether a service that runs has the deck queues: it locks one of them.
 bool decksAreServed() {
-    const UniqueFd queue(
-        open((queueDirectory() + ("/" + std::string(TO_DECKS))).c_str(), O_RDONLY | O_CLOEXEC));
+    const UniqueFd queue(open(queueDirectory().append("/").append(TO_DECKS).c_str(), O_RDONLY | O_CLOEXEC));
     return queue.valid() && flock(queue.get(), LOCK_EX | LOCK_NB) != 0;
 }
 
