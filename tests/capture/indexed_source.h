@@ -26,4 +26,16 @@ inline kestrel::capture::SourceIndex indexOf(const std::vector<CodedFrame>& fram
     return indexOf(directory.path("source.ts"));
 }
 
+// 1000 frames at 25 a second, a GOP of 25 every second from 10:00:00:00 on, with two frames that cannot be
+// shown when playing begins there; each frame has 10 packets.
+inline kestrel::capture::SourceIndex regular(bool timecodes = true) {
+    kestrel::capture::SourceIndex index{1000, 3, {}};
+    for (int second = 0; second < 40; ++second)
+        index.points.push_back(
+            {static_cast<std::uint64_t>(second) * 25 * 10 * 188, static_cast<std::uint64_t>(second) * 25,
+             timecodes ? std::optional<int>(10 << 19 | 1 << 12 | second << 6) : std::nullopt,
+             second == 0 ? 0 : 2});
+    return index;
+}
+
 } // namespace capture_test

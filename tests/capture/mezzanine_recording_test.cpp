@@ -68,9 +68,9 @@ TEST_F(MezzanineRecording, FindsAMarkInAtTheVeryBeginOfThePlayOut) {
 
 // A hole of the source and frames that were lost look the same then.
 TEST_F(MezzanineRecording, OfASourceThatLacksFramesBetweenTheMarksTellsThatOthersMayToo) {
-    for (const bool everyLabel : {true, false}) {
+    for (const bool known : {true, false}) {
         RecordingPlan asked = marks();
-        asked.everyLabel = everyLabel;
+        asked.labelsKnown = known;
         asked.overwrite = true;
         Recording r = recording(asked);
         beginSilent(r, "10:00:00:00");
@@ -78,12 +78,76 @@ TEST_F(MezzanineRecording, OfASourceThatLacksFramesBetweenTheMarksTellsThatOther
         feed(r, stream, 80);
         expectRecorded(r);
         const auto told =
-            HasSubstr(", the source has no frame for some timecodes between the marks: not known "
+            HasSubstr(", the source may have no frame for some timecodes between the marks: not known "
                       "whether all others came back");
-        if (everyLabel)
+        if (known)
             EXPECT_THAT(r.status().text, Not(told));
         else
             EXPECT_THAT(r.status().text, told);
+    }
+}
+
+// Which timecodes the source has no frame for is known; the others are all looked for.
+TEST_F(MezzanineRecording, OfASourceThatIsKnownToLackFramesHasAllOthers) {
+    for (const int lost : {-1, 4, 16, 23})
+        for (const int lacks : {10, 19}) { // five from there on
+            SCOPED_TRACE(std::to_string(lost) + " without " + std::to_string(lacks));
+            RecordingPlan asked = marks();
+            asked.useStreamLabels = true;
+            asked.overwrite = true;
+            asked.labelsLacking.resize(static_cast<std::size_t>(lacks) + 5);
+            std::fill(asked.labelsLacking.begin() + lacks, asked.labelsLacking.end(), true);
+            const bool gone = lost >= lacks && lost < lacks + 5;
+            Recording r = recording(asked);
+            beginSilent(r, "10:00:00:00");
+            LabelledStream stream({.gop = 10, .avc = true});
+            std::vector<CodedFrame> frames = stream.frames(80);
+            const std::vector<std::string> labels = labelsFrom("10:00:01:00", 25);
+            std::erase_if(frames, [&](const CodedFrame& frame) {
+                const auto at = std::find(labels.begin(), labels.end(), frame.label) - labels.begin();
+                return at == lost || (at >= lacks && at < lacks + 5);
+            });
+            feed(r, frames);
+            r.sourceEnded(m_now);
+            pass(r, 6s);
+            EXPECT_THAT(r.status().text, Not(HasSubstr("not known")));
+            if (lost < 0 || gone) {
+                expectRecorded(r);
+                continue;
+            }
+            expectFailed(r, "Error: ");
+            EXPECT_THAT(r.status().text, HasSubstr("(1 frame between the marks did not come back)"));
+        }
+}
+
+// The timecodes ran on over an outage that the play-out does not wait for: those behind it come before they
+// are due.
+TEST_F(MezzanineRecording, OverAnOutageHasTheFramesOnBothItsSides) {
+    for (const bool lost : {false, true}) {
+        RecordingPlan asked = marks();
+        asked.markOut = "10:00:04:24";
+        asked.useStreamLabels = true;
+        asked.overwrite = true;
+        asked.labelsLacking.resize(5 + 75);
+        std::fill(asked.labelsLacking.begin() + 5, asked.labelsLacking.end(), true);
+        asked.sourceLeaps = {{76 * PTS::units_per_second / 25, 75 * PTS::units_per_second / 25}};
+        Recording r = recording(asked);
+        beginSilent(r, "10:00:00:00");
+        LabelledStream stream({.gop = 10, .avc = true});
+        feed(r, stream, 30);
+        stream.jumpTo("10:00:04:05");
+        std::vector<CodedFrame> behind = stream.frames(50);
+        if (lost)
+            behind.erase(behind.begin() + 12);
+        feed(r, behind);
+        r.sourceEnded(m_now);
+        pass(r, 6s);
+        if (!lost)
+            expectRecorded(r);
+        else
+            expectFailed(r, "Error: ");
+        EXPECT_THAT(r.status().text, HasSubstr("from 10:00:00:20 to 10:00:04:24"));
+        EXPECT_THAT(r.status().text, Not(HasSubstr("counted")));
     }
 }
 

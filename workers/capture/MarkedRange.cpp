@@ -49,6 +49,9 @@ MaybeFailure MarkedRange::settle(const LabelRule& rule) {
     m_in = *in;
     // A pair ends with its second frame.
     m_length = (*out - *in + rule.perDay()) % rule.perDay() + (m_pairs && rule.doubled() ? 2 : 1);
+    m_lackingLast.reset();
+    for (std::int64_t left = 0; left < std::min(lastLabels, m_length); ++left)
+        m_lackingLast[static_cast<std::size_t>(left)] = lacks(m_length - 1 - left);
     return std::nullopt;
 }
 
@@ -112,6 +115,11 @@ bool MarkedRange::between(std::int64_t position) const {
            (at < m_byClock.between.size() && m_byClock.between[at]);
 }
 
+bool MarkedRange::lacks(std::int64_t position) const {
+    const auto at = static_cast<std::size_t>(position);
+    return at < m_lacking.size() && m_lacking[at];
+}
+
 bool MarkedRange::complete() const {
     const std::int64_t all = std::min(m_length - m_first, lastLabels);
     const auto seen = last();
@@ -132,7 +140,7 @@ std::int64_t MarkedRange::missing() const {
 std::int64_t MarkedRange::absent() const {
     std::int64_t absent = 0;
     for (std::int64_t at = 0; at < m_length; ++at)
-        absent += between(at) ? 0 : 1;
+        absent += between(at) || lacks(at) ? 0 : 1;
     return absent;
 }
 

@@ -16,9 +16,10 @@ namespace kestrel::capture {
 // two from beyond mark-out that the last ones refer to.
 class MarkedRange {
 public:
-    // pairs: the marks count pairs of frames at the double rates.
-    MarkedRange(std::string in, std::string out, bool pairs)
-        : m_inText(std::move(in)), m_outText(std::move(out)), m_pairs(pairs) {}
+    // pairs: the marks count pairs of frames at the double rates. lacking: labels that no frame has, by the
+    // distance to mark-in.
+    MarkedRange(std::string in, std::string out, bool pairs, std::vector<bool> lacking = {})
+        : m_inText(std::move(in)), m_outText(std::move(out)), m_pairs(pairs), m_lacking(std::move(lacking)) {}
 
     // Checks what can be checked without a frame rate.
     [[nodiscard]] static MaybeFailure check(const std::string& in, const std::string& out);
@@ -70,11 +71,16 @@ private:
         std::bitset<lastLabels> last; // by the distance to mark-out
         std::vector<bool> between;    // by position
     };
-    [[nodiscard]] std::bitset<lastLabels> last() const { return m_taken.last | m_byClock.last; }
+    [[nodiscard]] std::bitset<lastLabels> last() const {
+        return m_taken.last | m_byClock.last | m_lackingLast;
+    }
     [[nodiscard]] bool between(std::int64_t position) const;
+    [[nodiscard]] bool lacks(std::int64_t position) const;
 
     std::string m_inText, m_outText;
     bool m_pairs;
+    std::vector<bool> m_lacking;
+    std::bitset<lastLabels> m_lackingLast; // by the distance to mark-out
     LabelRule m_rule;
     std::int64_t m_in = 0, m_length = 0;
 

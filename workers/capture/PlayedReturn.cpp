@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <numeric>
 #include <utility>
 
 namespace kestrel::capture {
@@ -19,6 +20,11 @@ bool takesLonger(const RecordingPlan& plan) {
            plan.sourceTime > static_cast<std::int64_t>(plan.wantedFrames) * period + period / 2;
 }
 
+std::int64_t unplayed(const RecordingPlan& plan) {
+    return std::accumulate(plan.sourceLeaps.begin(), plan.sourceLeaps.end(), std::int64_t{0},
+                           [](std::int64_t sum, const SourceLeap& leap) { return sum + leap.excess; });
+}
+
 } // namespace
 
 PlayedReturn::PlayedReturn(const RecordingPlan& plan, const Timing& timing)
@@ -26,9 +32,9 @@ PlayedReturn::PlayedReturn(const RecordingPlan& plan, const Timing& timing)
       m_sourceRateCode(plan.sourceRateCode), m_uniform(plan.sourceUniform), m_sourceTime(plan.sourceTime),
       m_wantedFrames(plan.wantedFrames), m_labelledFrames(plan.labelledFrames),
       m_hiddenFrames(plan.hiddenFrames), m_firstLabel(plan.markIn), m_longestReturn(timing.longestReturn),
-      m_sourceLabels(timing.longestReturn), m_range(plan.markIn, plan.markOut, plan.marksCountPairs),
-      m_longer(m_whole && takesLonger(plan)), m_places(plan.sourceShown, plan.hiddenFrames),
-      m_leaps(plan.sourceLeaps) {}
+      m_sourceLabels(timing.longestReturn, unplayed(plan)),
+      m_range(plan.markIn, plan.markOut, plan.marksCountPairs), m_longer(m_whole && takesLonger(plan)),
+      m_places(plan.sourceShown, plan.hiddenFrames), m_leaps(plan.sourceLeaps) {}
 
 Clock::time_point PlayedReturn::begin() const {
     return m_source ? m_source->at : Clock::time_point::max();

@@ -18,8 +18,8 @@ constexpr const char* module = "Capture";
 Recording::Recording(RecordingPlan plan, const Timing& timing, Clock::time_point now)
     : m_plan(std::move(plan)), m_timing(timing), m_armed(m_plan.armed), m_file(m_plan.name),
       m_labels(m_plan.useStreamLabels, m_plan.marksCountPairs, m_plan.labelTolerance),
-      m_range(m_plan.markIn, m_plan.markOut, m_plan.marksCountPairs), m_played(m_plan, timing), m_now(now),
-      m_armedAt(std::max(now, m_plan.begin)), m_lastPacket(now) {
+      m_range(m_plan.markIn, m_plan.markOut, m_plan.marksCountPairs, m_plan.labelsLacking),
+      m_played(m_plan, timing), m_now(now), m_armedAt(std::max(now, m_plan.begin)), m_lastPacket(now) {
     m_held.reserve(heldPackets);
     if (m_plan.played && m_plan.mode == CaptureMode::marks)
         m_probe.emplace(m_plan.useStreamLabels, m_plan.sourceRateCode, m_timing.longestReturn);

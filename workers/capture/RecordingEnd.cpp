@@ -265,7 +265,7 @@ void Recording::finishComplete(const std::string& besides) {
                                  recorded() + besides);
     if (m_plan.mode == CaptureMode::marks) {
         const LabelRule& rule = m_rule;
-        const std::int64_t absent = m_plan.everyLabel ? m_range.absent() : m_range.missing();
+        const std::int64_t absent = m_plan.labelsKnown ? m_range.absent() : m_range.missing();
         if (m_plan.played && absent > 0)
             return fail(detailed(failure(error::captureDiscontinuity),
                                  counted(static_cast<std::uint64_t>(absent), "frame") +
@@ -276,11 +276,12 @@ void Recording::finishComplete(const std::string& besides) {
                                  "the timecode goes past mark-out, to " +
                                      rule.text(m_label.value_or(m_range.out()))));
     }
-    const bool unknown = m_plan.mode == CaptureMode::marks && m_plan.played && !m_plan.everyLabel;
-    finish(true, recorded() + besides +
-                     (unknown ? ", the source has no frame for some timecodes between the marks: not known "
-                                "whether all others came back"
-                              : ""));
+    const bool unknown = m_plan.mode == CaptureMode::marks && m_plan.played && !m_plan.labelsKnown;
+    finish(true,
+           recorded() + besides +
+               (unknown ? ", the source may have no frame for some timecodes between the marks: not known "
+                          "whether all others came back"
+                        : ""));
 }
 
 // What is held begins the frame after the last.

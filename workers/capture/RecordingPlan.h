@@ -29,10 +29,12 @@ struct RecordingPlan {
     // than their number tells: some of a film are shown for three fields.
     bool sourceUniform = true;
     std::int64_t sourceTime = 0;
-    std::vector<std::int64_t> sourceShown; // then: see SourceIndex::shown
-    std::vector<SourceLeap> sourceLeaps;   // that time is without those
-    // Marks: each label from mark-in to mark-out is that of a frame of the source.
-    bool everyLabel = true;
+    std::vector<std::int64_t> sourceShown; // then: see longerPlaces()
+    std::vector<SourceLeap> sourceLeaps;   // that time is without those; of what is played
+    // Marks: it is known which labels from mark-in to mark-out are those of frames of the source. All but
+    // these, by the distance to mark-in.
+    bool labelsKnown = true;
+    std::vector<bool> labelsLacking;
     std::uint64_t labelledFrames = 0;
     std::uint64_t hiddenFrames = 0; // of those wanted, before the first that has such a label
     int rollingMinutes = 0;         // rolling: length of a segment

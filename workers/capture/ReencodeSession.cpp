@@ -1,6 +1,7 @@
 #include "ReencodeSession.h"
 
 #include "CountedNoun.h"
+#include "FileLabels.h"
 #include "Ipv4.h"
 #include "OutputNames.h"
 #include "ResultsText.h"
@@ -109,7 +110,7 @@ MaybeFailure ReencodeSession::planRecording(RecordingPlan& plan, PlayOutPlan& pl
     plan.sourceRateCode = m_index.frameRateCode;
     plan.sourceUniform = m_index.uniform;
     plan.sourceTime = m_index.time;
-    plan.sourceShown = m_index.shown;
+    plan.sourceShown = longerPlaces(m_index);
     plan.sourceLeaps = m_index.leaps;
     // An encoder that is not given the source's timecode puts one of its own into the stream.
     plan.useStreamLabels = settings.vtr.vitcSupport;
@@ -133,7 +134,9 @@ MaybeFailure ReencodeSession::planRecording(RecordingPlan& plan, PlayOutPlan& pl
         return failed;
     play.begin = m_part.begin;
     play.end = m_part.end;
-    plan.everyLabel = m_part.everyLabel;
+    plan.labelsKnown = m_part.labelsKnown;
+    plan.labelsLacking = m_part.lacking;
+    plan.sourceLeaps = m_part.leaps;
     // What comes back cannot have the timecodes of a source that has none.
     plan.useStreamLabels = plan.useStreamLabels && !m_part.counted;
     const bool toEnd = m_part.end == std::numeric_limits<std::uint64_t>::max();

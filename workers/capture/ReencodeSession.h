@@ -3,6 +3,7 @@
 #pragma once
 
 #include "EncoderGroup.h"
+#include "MarkedPart.h"
 #include "PlayOut.h"
 #include "Session.h"
 #include "SourceIndex.h"

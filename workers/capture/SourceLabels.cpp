@@ -32,8 +32,8 @@ bool near(const std::optional<std::int64_t>& other, const ReturnedLabel& label, 
 
 bool SourceLabels::possible(const ReturnedLabel& label) const {
     return label.period > 0 && label.since >= Clock::duration::zero() && label.frame >= 0 &&
-           label.frame * label.period <= unitsOf(label.since + early) && !near(m_before, label, 2) &&
-           !near(m_refused, label, 2);
+           label.frame * label.period <= unitsOf(label.since + early) + m_unplayed &&
+           !near(m_before, label, 2) && !near(m_refused, label, 2);
 }
 
 bool SourceLabels::confirms(const ReturnedLabel& label) {

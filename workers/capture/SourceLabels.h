@@ -20,7 +20,9 @@ struct ReturnedLabel {
 
 class SourceLabels {
 public:
-    explicit SourceLabels(milliseconds longestReturn) : m_longestReturn(longestReturn) {}
+    // unplayed: by so much the source's timecodes may get ahead of its play-out, see SourceLeap (PTS units).
+    explicit SourceLabels(milliseconds longestReturn, std::int64_t unplayed = 0)
+        : m_longestReturn(longestReturn), m_unplayed(unplayed) {}
 
     // Takes a timecode. True when it and the one before can be the source's and go on from each other. None
     // of the source's comes back more than the longest return behind its time.
@@ -37,6 +39,7 @@ public:
 
 private:
     milliseconds m_longestReturn;
+    std::int64_t m_unplayed;
     // When the first frame played would be shown, by the last timecode before the begin, by the last that
     // could not be the source's, and by the last that can.
     std::optional<std::int64_t> m_before;

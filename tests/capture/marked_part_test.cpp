@@ -1,0 +1,239 @@
+// The part of a source that marks ask for.
+#include "capture/FileLabels.h"
+#include "capture/MarkedPart.h"
+#include "capture/indexed_source.h"
+#include "capture/stamped_frames.h"
+#include "foundation/ErrorCodes.h"
+
+#include <algorithm>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <limits>
+
+using namespace capture_test;
+using namespace kestrel::capture;
+
+namespace {
+
+std::uint64_t atSecond(int second) {
+    return static_cast<std::uint64_t>(second) * 25 * 10 * 188;
+}
+
+struct Found {
+    MarkedPart part;
+    MaybeFailure failed;
+};
+
+Found part(const SourceIndex& index, const char* in, const char* out, int before = 3, int behind = 4) {
+    Found found;
+    found.failed = findPart(index, in, out, before, behind, found.part);
+    return found;
+}
+
+TEST(MarkedPart, BeginsAtAnAccessPointSecondsBeforeMarkInAndEndsSecondsBehindMarkOut) {
+    const Found found = part(regular(), "10:00:20:00", "10:00:22:12");
+    ASSERT_FALSE(found.failed) << found.failed->text;
+    // At 17 s its first two frames would be missing of the three seconds.
+    EXPECT_EQ(found.part.begin, atSecond(16));
+    EXPECT_EQ(found.part.firstLabel, "10:00:16:02");
+    EXPECT_EQ(found.part.end, atSecond(27));
+    EXPECT_FALSE(found.part.counted);
+}
+
+TEST(MarkedPart, IsCutAtTheEndsOfTheFile) {
+    const Found found = part(regular(), "10:00:01:00", "10:00:38:00", 20, 20);
+    ASSERT_FALSE(found.failed);
+    EXPECT_EQ(found.part.begin, 0U);
+    EXPECT_EQ(found.part.firstLabel, "10:00:00:00");
+    EXPECT_EQ(found.part.end, std::numeric_limits<std::uint64_t>::max());
+    const Found all = part(regular(), "10:00:00:00", "10:00:39:24", 0, 0);
+    ASSERT_FALSE(all.failed) << all.failed->text;
+}
+
+TEST(MarkedPart, PassesOverAnAccessPointWithoutATimecode) {
+    SourceIndex index = regular();
+    index.points.at(11).timecode.reset();
+    const Found found = part(index, "10:00:10:00", "10:00:12:00");
+    ASSERT_FALSE(found.failed) << found.failed->text;
+    EXPECT_EQ(found.part.begin, atSecond(6));
+    EXPECT_EQ(found.part.firstLabel, "10:00:06:02");
+}
+
+TEST(MarkedPart, IsTheFirstOneWhereLabelsBeginAnewBehindIt) {
+    SourceIndex index = regular();
+    for (std::size_t second = 30; second < index.points.size(); ++second)
+        index.points[second].timecode = regular().points[second - 30].timecode;
+    const Found found = part(index, "10:00:15:00", "10:00:18:00");
+    ASSERT_FALSE(found.failed) << found.failed->text;
+    EXPECT_EQ(found.part.begin, atSecond(11));
+    EXPECT_EQ(found.part.end, atSecond(22));
+}
+
+TEST(MarkedPart, CountsFromTheFirstFrameWithoutTimecodes) {
+    const Found found = part(regular(false), "00:00:20:00", "00:00:22:00");
+    ASSERT_FALSE(found.failed);
+    EXPECT_TRUE(found.part.counted);
+    EXPECT_EQ(found.part.begin, atSecond(16));
+    EXPECT_EQ(found.part.firstLabel, "00:00:16:02");
+}
+
+// An encoder that was given no timecode repeated the same one.
+TEST(MarkedPart, CountsFromTheFirstFrameWhereTimecodesStandStill) {
+    for (const int label : {1 << 12, 10 << 19 | 1 << 12}) {
+        SourceIndex index = regular();
+        for (AccessPoint& point : index.points)
+            point.timecode = label;
+        const Found found = part(index, "00:00:20:00", "00:00:22:00");
+        ASSERT_FALSE(found.failed) << found.failed->text;
+        EXPECT_TRUE(found.part.counted);
+        EXPECT_EQ(found.part.begin, atSecond(16));
+        EXPECT_EQ(found.part.firstLabel, "00:00:16:02");
+        EXPECT_EQ(found.part.end, atSecond(26));
+    }
+}
+
+// A single timecode tells nothing of that.
+TEST(MarkedPart, TakesTheTimecodeOfAnOnlyGop) {
+    SourceIndex index = regular();
+    index.points.resize(1);
+    const Found found = part(index, "10:00:20:00", "10:00:22:00");
+    ASSERT_FALSE(found.failed) << found.failed->text;
+    EXPECT_FALSE(found.part.counted);
+}
+
+// The same that a re-encode names as the source's first.
+TEST(MarkedPart, HasEveryLabelWhereTheTimecodesCountFrames) {
+    SourceIndex index = regular();
+    const auto every = [&index] {
+        MarkedPart part;
+        EXPECT_FALSE(findPart(index, "10:00:10:00", "10:00:19:24", 1, 1, part));
+        return part.labelsKnown;
+    };
+    EXPECT_TRUE(every());
+    index.points[30].timecode = 11 << 19 | 1 << 12; // behind the part
+    EXPECT_TRUE(every());
+    for (std::size_t second = 15; second < 30; ++second)
+        *index.points[second].timecode += 2;
+    EXPECT_FALSE(every());
+    index = regular();
+    index.points[15].timecode.reset();
+    EXPECT_FALSE(every());
+}
+
+TEST(MarkedPart, HasEveryLabelThatIsCountedWhereFramesTakeTheirTime) {
+    SourceIndex index = regular(false);
+    const auto every = [&index] {
+        MarkedPart part;
+        EXPECT_FALSE(findPart(index, "00:00:10:00", "00:00:19:24", 1, 1, part));
+        EXPECT_TRUE(part.counted);
+        return part.labelsKnown;
+    };
+    index.time = 40 * PTS::units_per_second;
+    EXPECT_TRUE(every());
+    index.time = 50 * PTS::units_per_second; // as of frames of which some are shown for three fields
+    EXPECT_FALSE(every());
+}
+
+TEST(MarkedPart, DoesNotHaveFramesThatCannotBeShown) {
+    SourceIndex index = regular();
+    index.points.front().skipped = 2;
+    EXPECT_EQ(
+        part(index, "10:00:00:01", "10:00:10:00").failed->text,
+        "Error: Start timecode 10:00:00:01 cannot be found. (the source has 10:00:00:02 to 10:00:39:24)");
+    EXPECT_FALSE(part(index, "10:00:00:02", "10:00:10:00").failed);
+    EXPECT_EQ(labelledFrames(index).first, "10:00:00:02");
+}
+
+TEST(MarkedPart, RefusesMarksThatTheFileDoesNotHave) {
+    EXPECT_EQ(
+        part(regular(), "09:00:00:00", "10:00:10:00").failed->text,
+        "Error: Start timecode 09:00:00:00 cannot be found. (the source has 10:00:00:00 to 10:00:39:24)");
+    EXPECT_EQ(part(regular(), "10:00:40:00", "10:00:41:00").failed->code,
+              kestrel::error::startTimecodeNotFound);
+    EXPECT_EQ(part(regular(), "10:00:39:00", "10:00:40:00").failed->code, kestrel::error::invalidMarkOut);
+    EXPECT_EQ(part(regular(), "10:00:20:00", "10:00:19:00").failed->code, kestrel::error::invalidMarkOut);
+    EXPECT_EQ(part(regular(), "soon", "10:00:19:00").failed->code, kestrel::error::invalidMarkIn);
+    EXPECT_EQ(part(regular(), "10:00:19:25", "10:00:20:00").failed->code, kestrel::error::invalidMarkIn);
+    EXPECT_EQ(part({}, "10:00:19:00", "10:00:20:00").failed->code, kestrel::error::startTimecodeNotFound);
+}
+
+// A source that was recorded over an outage of three seconds, of which its play-out takes none: its timecodes
+// ran on meanwhile, or count its frames. Of one frame it may be unknown when it is shown.
+struct Outage {
+    bool runs;
+    bool stamped;
+    bool avc;
+};
+
+class MarkedOutage : public testing::TestWithParam<Outage> {
+protected:
+    static SourceIndex index() {
+        LabelledStream stream({.gop = 10, .avc = GetParam().avc});
+        std::vector<CodedFrame> frames = stream.frames(50);
+        if (GetParam().runs)
+            stream.jumpTo("10:00:05:00");
+        for (CodedFrame& frame : stream.frames(50)) {
+            delay(frame, 270000);
+            frames.push_back(frame);
+        }
+        for (CodedFrame& frame : frames)
+            addPcr(frame);
+        if (!GetParam().stamped)
+            for (Packet& packet : frames[72].packets)
+                if (startsPicture(packet)) {
+                    packet[11] = 0;
+                    std::fill_n(packet.begin() + 13, 10, static_cast<unsigned char>(0xFF));
+                }
+        SourceIndex index = indexOf(frames);
+        EXPECT_EQ(index.leaps.size(), 1U);
+        EXPECT_EQ(index.shown.empty(), !GetParam().stamped);
+        return index;
+    }
+    // Of a label behind the outage, as it would be without it.
+    static std::string behind(int frame) {
+        return LabelRule{3, false}.text(36000LL * 25 + 50 + frame + (GetParam().runs ? 75 : 0));
+    }
+};
+
+TEST_P(MarkedOutage, HasTheMarksBehindIt) {
+    MarkedPart part;
+    const MaybeFailure failed = findPart(index(), behind(12), behind(49), 0, 0, part);
+    EXPECT_FALSE(failed) << failed->text;
+    EXPECT_EQ(part.firstLabel, behind(10));
+    EXPECT_TRUE(part.labelsKnown);
+    EXPECT_TRUE(part.lacking.empty());
+    EXPECT_TRUE(part.leaps.empty());
+}
+
+TEST_P(MarkedOutage, HasNoneBehindItsEnd) {
+    MarkedPart part;
+    const MaybeFailure failed = findPart(index(), behind(12), behind(50), 0, 0, part);
+    ASSERT_TRUE(failed);
+    EXPECT_EQ(failed->code, kestrel::error::invalidMarkOut);
+    EXPECT_THAT(failed->text, testing::EndsWith("the source has 10:00:00:00 to " + behind(49) + ")"));
+}
+
+TEST_P(MarkedOutage, TellsWhichLabelsAreThoseOfFramesOverIt) {
+    MarkedPart part;
+    ASSERT_FALSE(findPart(index(), "10:00:01:20", behind(5), 0, 0, part));
+    EXPECT_EQ(part.labelsKnown, GetParam().stamped || !GetParam().runs);
+    std::vector<bool> lacking;
+    if (GetParam().runs && GetParam().stamped) {
+        lacking.resize(5 + 75);
+        std::fill(lacking.begin() + 5, lacking.end(), true);
+    }
+    EXPECT_EQ(part.lacking, lacking);
+    EXPECT_EQ(part.leaps.size(), 1U);
+}
+
+INSTANTIATE_TEST_SUITE_P(Sources, MarkedOutage,
+                         testing::Values(Outage{true, true, false}, Outage{true, true, true},
+                                         Outage{true, false, false}, Outage{false, true, false},
+                                         Outage{false, true, true}, Outage{false, false, false}),
+                         [](const auto& source) {
+                             return std::string(source.param.runs ? "Runs" : "Counts") +
+                                    (source.param.stamped ? "" : "Unstamped") +
+                                    (source.param.avc ? "H264" : "Mpeg2");
+                         });
+
+} // namespace
