@@ -110,6 +110,24 @@ TEST_F(QueryLimits, TheFrameRateOfH264HasTheSameLimit) {
     }
 }
 
+TEST_F(QueryLimits, TheVideoPidIsLookedForUntilThereIsVideo) {
+    constexpr long SPARSE = 2'000'000'000 / 188 * 188;
+    const auto bytesReadFor = [this](int streamType) {
+        maker = TsMaker();
+        maker.tables({{streamType, VIDEO}});
+        const std::string path = write();
+        std::filesystem::resize_file(path, SPARSE);
+        const long before = bytesRead();
+        EXPECT_EQ(MpegWrapper::GetVideoPid(path.c_str()), 3);
+        return bytesRead() - before;
+    };
+    for (const int video : {0x01, 0x02, 0x1B})
+        EXPECT_LT(bytesReadFor(video), 1'000'000) << "stream type " << video;
+    const long withoutVideo = bytesReadFor(0x0F);
+    EXPECT_GE(withoutVideo, 20'000'000);
+    EXPECT_LT(withoutVideo, 22'000'000);
+}
+
 TEST_F(QueryLimits, DecodingTimesAreLookedForInTheWholeFile) {
     fillTo(LIMIT + 10);
     maker.tables({{0x02, VIDEO}});
@@ -120,6 +138,18 @@ TEST_F(QueryLimits, DecodingTimesAreLookedForInTheWholeFile) {
     const auto [first, last] = GetDTSBounds::parse_file(file.get(), static_cast<long>(maker.bytes.size()));
     EXPECT_EQ(first.ticks(), 3600);
     EXPECT_EQ(last.ticks(), 7200);
+}
+
+// --- tables that change
+
+TEST_F(QueryLimits, AMapThatMovesIsFollowed) {
+    maker.tables({{0x0F, 0x101}});
+    maker.tables({{0x02, VIDEO}}, 0x1001);
+    // On the PID that the association table no longer names.
+    maker.map({{0x1B, 0x300}});
+    for (int i = 0; i < 3; ++i)
+        gop();
+    EXPECT_EQ(ask(write()), ALL);
 }
 
 // --- large files
