@@ -45,6 +45,18 @@ private:
     }();
 };
 
+// 16 s of MPEG-2 with AC-3, interlaced, in GOPs of 12.
+void encode(const std::string& picture, const std::string& rate, const std::string& audioRate,
+            const std::string& path) {
+    const std::string command =
+        "ffmpeg -v error -nostdin -f lavfi -i testsrc2=" + picture +
+        " -f lavfi -i sine=frequency=1000:sample_rate=48000 -t 16 -c:v mpeg2video " + rate +
+        " -flags +ildct+ilme -top 1 -g 12 -bf 2 -timecode 10:00:00:00 -c:a ac3 -b:a " + audioRate +
+        " -f mpegts " + path;
+    if (std::system(command.c_str()) != 0)
+        giveUp("ffmpeg could not make the clip");
+}
+
 } // namespace
 
 BenchDirectory::BenchDirectory(const std::string& parent) {
@@ -60,15 +72,13 @@ BenchDirectory::~BenchDirectory() {
 }
 
 void makeClip(const std::string& path) {
-    const std::string command =
-        "ffmpeg -v error -nostdin -f lavfi -i testsrc2=size=1920x1080:rate=25,noise=alls=40:allf=t -f lavfi "
-        "-i "
-        "sine=frequency=1000:sample_rate=48000 -t 16 -c:v mpeg2video -b:v 18M -minrate 18M -maxrate 18M "
-        "-bufsize 8M -flags +ildct+ilme -top 1 -g 12 -bf 2 -timecode 10:00:00:00 -c:a ac3 -b:a 384k "
-        "-f mpegts " +
-        path;
-    if (std::system(command.c_str()) != 0)
-        giveUp("ffmpeg could not make the clip");
+    encode("size=1920x1080:rate=25,noise=alls=40:allf=t", "-b:v 18M -minrate 18M -maxrate 18M -bufsize 8M",
+           "384k", path);
+}
+
+void makeSmallClip(const std::string& path) {
+    encode("size=720x576:rate=25,noise=alls=40:allf=t", "-b:v 5M -minrate 5M -maxrate 5M -bufsize 1835k",
+           "192k", path);
 }
 
 void repeatClip(const std::string& clip, const std::string& path, long long bytes) {

@@ -22,6 +22,9 @@ private:
 // Encodes a clip of 1080i MPEG-2 at the 18 Mb/s of an HD delivery, with AC-3 (ffmpeg), or ends the program.
 void makeClip(const std::string& path);
 
+// The same for 576i MPEG-2 at 5 Mb/s, that of an SD ingest.
+void makeSmallClip(const std::string& path);
+
 // Appends the clip to itself until the file has that many bytes. The continuity counters of each PID go on
 // over the joints; timestamps start anew.
 void repeatClip(const std::string& clip, const std::string& path, long long bytes);
