@@ -226,10 +226,10 @@ TEST(ALossInAMultiplex, OfAFewPacketsAnIntervalMakesItNoMoreConstant) {
     for (int i = 0; i < 600; ++i) {
         const std::int64_t dts = 90'000 + i * 3600;
         made.clock(VIDEO_PID, (dts - 9000 + (i >= 300 ? 9'000'000 : 0)) * 300, i == 300);
-        const std::size_t packets = i % 3 == 0 ? 13 : 3 + static_cast<std::size_t>(i * i) % 4;
+        const std::size_t packets = i % 3 == 0 ? 13 : 1;
         made.pes(VIDEO_PID, pesHeader(dts + (i >= 300 ? 9'000'000 : 0)),
                  mpeg2Picture(2, packets * 184 - 100));
-        if (i % 50 == 0)
+        if (i % 4 == 0)
             made.null();
     }
     const double mean = analysed(made.bytes).muxBitsPerSecond();

@@ -15,6 +15,28 @@ constexpr double TICKS_PER_US = 27;
 
 } // namespace
 
+// Of references that all keep to about that pace, in ticks a packet, the two that lie farthest apart.
+std::pair<ClockCheck::Sample, ClockCheck::Sample> ClockCheck::outermost(std::span<const Sample> samples,
+                                                                        double pace) {
+    const Sample& first = samples.front();
+    const auto off = [&](const Sample& sample) {
+        return static_cast<double>(sample.pcr - first.pcr) -
+               pace * static_cast<double>(sample.packet - first.packet);
+    };
+    // Never the same one.
+    std::size_t least = 0;
+    std::size_t most = 1;
+    if (off(samples[0]) > off(samples[1]))
+        std::swap(least, most);
+    for (std::size_t i = 2; i < samples.size(); ++i) {
+        if (off(samples[i]) < off(samples[least]))
+            least = i;
+        else if (off(samples[i]) > off(samples[most]))
+            most = i;
+    }
+    return {samples[std::min(least, most)], samples[std::max(least, most)]};
+}
+
 void ClockCheck::reference(std::int64_t pcr, std::int64_t packet, bool announced, std::optional<double> at) {
     bool anew = false;
     if (m_last >= 0) {
@@ -34,16 +56,34 @@ void ClockCheck::reference(std::int64_t pcr, std::int64_t packet, bool announced
     m_lossy.reference(m_elapsed, packet, anew);
     if (std::exchange(m_suspected, false) && m_lossy.leftBehind(m_elapsed - 1))
         lose();
-    if (m_count++ % m_every != 0)
+    ++m_count;
+    keep({m_elapsed, packet, at.value_or(elapsedSeconds())});
+}
+
+void ClockCheck::keep(const Sample& sample) {
+    m_samples.push_back(sample);
+    const Sample& from = m_samples.front();
+    const auto packets = static_cast<double>(sample.packet - from.packet);
+    const double slope = packets > 0 ? static_cast<double>(sample.pcr - from.pcr) / packets : 0;
+    const auto thin = [&](std::size_t begin, std::size_t count, std::size_t to) {
+        const auto two = outermost(std::span<const Sample>(m_samples).subspan(begin, count), slope);
+        m_samples[to] = two.first;
+        m_samples[to + 1] = two.second;
+    };
+    if (++m_inGroup > 2) {
+        thin(m_samples.size() - 3, 3, m_samples.size() - 3);
+        m_samples.pop_back();
+    }
+    if (m_inGroup < m_group)
         return;
-    m_samples.push_back({m_elapsed, packet, at.value_or(elapsedSeconds())});
+    m_inGroup = 0;
     if (m_samples.size() < MOST_SAMPLES)
         return;
-    // Every second one is dropped, so that a recording of days takes no more room.
-    for (std::size_t i = 0; i < MOST_SAMPLES / 2; ++i)
-        m_samples[i] = m_samples[2 * i];
+    // Two groups become one, so that a recording of days takes no more room.
+    for (std::size_t i = 0; i < MOST_SAMPLES; i += 4)
+        thin(i, 4, i / 2);
     m_samples.resize(MOST_SAMPLES / 2);
-    m_every *= 2;
+    m_group *= 2;
 }
 
 void ClockCheck::endStretch(bool byJump) {
@@ -51,6 +91,8 @@ void ClockCheck::endStretch(bool byJump) {
     m_pace.join(paceOfStretch(byJump));
     m_beganByJump = byJump;
     m_samples.clear();
+    m_group = leastGroup;
+    m_inGroup = 0;
 }
 
 void ClockCheck::lose() {
@@ -102,27 +144,38 @@ ClockCheck::Pace ClockCheck::paceOf(std::span<const Sample> samples, std::int64_
     if (pace.spans == 0)
         return pace;
     const auto whole = samples.first(begin + 1);
-    double packets = 0;
-    double ticks = 0;
-    const Sample& first = whole.front();
-    for (const Sample& sample : whole) {
-        packets += static_cast<double>(sample.packet - first.packet);
-        ticks += static_cast<double>(sample.pcr - first.pcr);
-    }
-    packets /= static_cast<double>(whole.size());
-    ticks /= static_cast<double>(whole.size());
-    for (const Sample& sample : whole) {
-        const double distance = static_cast<double>(sample.packet - first.packet) - packets;
-        pace.packetsSquared += distance * distance;
-        pace.packetsByTicks += distance * (static_cast<double>(sample.pcr - first.pcr) - ticks);
-    }
-    // Which packet bears a reference is exact, its time is not: ticks by packets, not packets by ticks.
-    const double slope = pace.packetsSquared > 0 ? pace.packetsByTicks / pace.packetsSquared : 0;
+    const Line line = lineOf(whole);
+    pace.packetsSquared = line.packetsSquared;
+    pace.packetsByTicks = line.packetsByTicks;
     for (const Sample& sample : whole)
-        pace.farthest = std::max(
-            pace.farthest, std::abs(static_cast<double>(sample.pcr - first.pcr) - ticks -
-                                    slope * (static_cast<double>(sample.packet - first.packet) - packets)));
+        pace.farthest = std::max(pace.farthest, line.distance(sample));
     return pace;
+}
+
+ClockCheck::Line ClockCheck::lineOf(std::span<const Sample> samples) {
+    Line line;
+    if (samples.empty())
+        return line;
+    line.first = samples.front();
+    for (const Sample& sample : samples) {
+        line.packets += static_cast<double>(sample.packet - line.first.packet);
+        line.ticks += static_cast<double>(sample.pcr - line.first.pcr);
+    }
+    line.packets /= static_cast<double>(samples.size());
+    line.ticks /= static_cast<double>(samples.size());
+    for (const Sample& sample : samples) {
+        const double distance = static_cast<double>(sample.packet - line.first.packet) - line.packets;
+        line.packetsSquared += distance * distance;
+        line.packetsByTicks += distance * (static_cast<double>(sample.pcr - line.first.pcr) - line.ticks);
+    }
+    return line;
+}
+
+// Which packet bears a reference is exact, its time is not: ticks by packets, not packets by ticks.
+double ClockCheck::Line::distance(const Sample& sample) const {
+    const double slope = packetsSquared > 0 ? packetsByTicks / packetsSquared : 0;
+    return std::abs(static_cast<double>(sample.pcr - first.pcr) - ticks -
+                    slope * (static_cast<double>(sample.packet - first.packet) - packets));
 }
 
 ClockCheck::Pace ClockCheck::paceOfStretch(bool endsByJump) const {
@@ -157,23 +210,13 @@ std::optional<ClockCheck::ConstantRate> ClockCheck::rate() const {
                         pace.farthest / TICKS_PER_US};
 }
 
-// From the line between the first and the last reference of the stretch.
-double ClockCheck::distanceUs(const Sample& sample) const {
-    const Sample& first = m_samples.front();
-    const Sample& last = m_samples.back();
-    const double rate =
-        static_cast<double>(last.pcr - first.pcr) / static_cast<double>(last.packet - first.packet);
-    return std::abs(static_cast<double>(sample.pcr - first.pcr) -
-                    rate * static_cast<double>(sample.packet - first.packet)) /
-           TICKS_PER_US;
-}
-
 std::optional<ClockCheck::Distance> ClockCheck::ofStretch() const {
     if (!constantRate())
         return std::nullopt;
     Distance most{0, m_samples.front().packet};
+    const Line line = lineOf(m_samples);
     for (const Sample& sample : m_samples)
-        if (const double us = distanceUs(sample); us > most.us)
+        if (const double us = line.distance(sample) / TICKS_PER_US; us > most.us)
             most = {us, sample.packet};
     return most;
 }
@@ -195,9 +238,11 @@ std::optional<std::int64_t> ClockCheck::jitterPacket() const {
 
 PeakProfile ClockCheck::jitterOverTime() const {
     PeakProfile profile;
-    if (constantRate())
-        for (const Sample& sample : m_samples)
-            profile.add(sample.at, distanceUs(sample));
+    if (!constantRate())
+        return profile;
+    const Line line = lineOf(m_samples);
+    for (const Sample& sample : m_samples)
+        profile.add(sample.at, line.distance(sample) / TICKS_PER_US);
     return profile;
 }
 

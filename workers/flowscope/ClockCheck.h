@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <optional>
 #include <span>
+#include <utility>
 #include <vector>
 
 namespace kestrel::flowscope {
@@ -66,24 +67,41 @@ public:
     [[nodiscard]] PeakProfile jitterOverTime() const;
 
 private:
+    static constexpr std::uint64_t leastGroup = 2;
     struct Sample {
         std::int64_t pcr;
         std::int64_t packet;
         double at; // in the plots
     };
+    // The straight line nearest to the references (least squares).
+    struct Line {
+        Sample first{};
+        // Of the mean reference, from the first.
+        double packets = 0;
+        double ticks = 0;
+        // Sums over all of them, by their distances from the mean one.
+        double packetsSquared = 0;
+        double packetsByTicks = 0;
+
+        // Of a reference, in ticks.
+        [[nodiscard]] double distance(const Sample& sample) const;
+    };
+    [[nodiscard]] static Line lineOf(std::span<const Sample> samples);
     // How packets pass in equal spans of time.
     struct Pace {
         int spans = 0;
         double least = 0; // packets a tick of any span
         double most = 0;
-        // Sums over the references within the spans, by their distances from the mean one.
+        // Of the lines of the references within the spans.
         double packetsSquared = 0;
         double packetsByTicks = 0;
-        double farthest = 0; // ticks of a reference from the line
+        double farthest = 0; // ticks of a reference from its line
 
         void join(const Pace& other);
         [[nodiscard]] bool constant(int spansWanted) const;
     };
+    void keep(const Sample& sample);
+    [[nodiscard]] static std::pair<Sample, Sample> outermost(std::span<const Sample> samples, double pace);
     // Of spans that are no shorter than that many ticks.
     [[nodiscard]] static Pace paceOf(std::span<const Sample> samples, std::int64_t shortest);
     // Without what a damaged reference may have spoilt: a second behind the jump that began the stretch, and
@@ -92,7 +110,6 @@ private:
     // The next reference begins another one.
     void endStretch(bool byJump);
     [[nodiscard]] bool constantRate() const;
-    [[nodiscard]] double distanceUs(const Sample& sample) const;
     struct Distance {
         double us;
         std::int64_t packet;
@@ -108,8 +125,10 @@ private:
     std::int64_t m_last = -1;
     std::int64_t m_elapsed = 0; // since the first reference, without the jumps
     PeakProfile m_intervals;
-    std::vector<Sample> m_samples;    // of the stretch since the last jump or loss; times as m_elapsed
-    std::uint64_t m_every = 1;        // a sample is kept of so many references
+    std::vector<Sample> m_samples; // of the stretch since the last jump or loss; times as m_elapsed
+    // Of so many references the two are kept that lie farthest apart: one that is off is always among them.
+    std::uint64_t m_group = leastGroup;
+    std::uint64_t m_inGroup = 0;      // references of the last one, while it is not whole
     std::optional<Distance> m_jitter; // of the stretches before
     Pace m_pace;                      // of them, too
     bool m_beganByJump = false;       // the stretch
