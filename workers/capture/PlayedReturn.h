@@ -187,6 +187,7 @@ private:
     [[nodiscard]] std::optional<std::uint64_t> cameAsItIs() const;
     [[nodiscard]] std::uint64_t onePerPeriod() const;
     [[nodiscard]] bool notKnown(int recordedRate, std::uint64_t frames) const;
+    [[nodiscard]] bool mayRepeat(std::uint64_t frames) const;
     [[nodiscard]] bool lastDecoded(const Frame& frame, std::uint64_t frames) const;
     [[nodiscard]] bool mayHold(const Frame& frame) const;
     [[nodiscard]] bool playedFor(Clock::time_point now) const;

@@ -154,6 +154,16 @@ bool PlayedReturn::notKnown(int recordedRate, std::uint64_t frames) const {
     return few && (!m_places.known() || (!m_places.sourceKnown() && byNumber(frames) <= total()));
 }
 
+// Whether more came than the source has, of which a decoder may have repeated some where the source leaps:
+// those may stand for others that were lost.
+bool PlayedReturn::mayRepeat(std::uint64_t frames) const {
+    if (told() || m_by == By::time || m_leapsCame == m_leaps.size())
+        return false;
+    const std::int64_t came = (static_cast<std::int64_t>(frames) - m_before) * m_period;
+    const std::int64_t wanted = m_wanted - (m_by == By::labels ? m_leadIn * m_period : 0) - hiddenTime();
+    return came > wanted + m_period / 2;
+}
+
 bool PlayedReturn::playedFor(Clock::time_point now) const {
     return m_sourceEnded || (m_wanted > 0 && now >= begin() + timeOf(m_wanted));
 }
@@ -229,6 +239,9 @@ std::string PlayedReturn::describe(int recordedRate, std::uint64_t frames, bool 
     if (ended && notKnown(recordedRate, frames) && byNumber(frames) >= total())
         text += ", some of the source's frames are shown for longer, and not all have timestamps: not known "
                 "whether it is complete";
+    if (ended && mayRepeat(frames) && returned(frames) >= expected(recordedRate, frames))
+        text += ", a decoder may have shown frames for longer where the source's timestamps leap: not known "
+                "whether all others came back";
     if (m_by == By::labels || (told() && ended && absent() > 0)) {
         text += ", by the source's timecodes from " + m_range.text(m_offset) + " to " +
                 m_range.text(m_offset + std::min(m_range.highest(), m_range.length() - 1));
