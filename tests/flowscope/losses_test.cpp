@@ -268,17 +268,19 @@ TEST(ALossWhereTheVideoCatchesUp, LeavesTheRateOfTheMultiplex) {
 }
 
 TEST(ALossWhereTheVideoCatchesUp, LeavesItWhereTheTimeBehindItIsDamagedToo) {
-    // Of picture 260, which begins with packet 12,600 or so.
-    for (const double off : {-1.2, 1.2, -60.0, 3600.0}) {
-        const Bytes whole = catchingUp(260, off);
-        int picture = 0;
-        const Analysis analysis = analysed(without(whole, [&](int packet, int) {
-            picture += (whole[static_cast<std::size_t>(packet) * PACKET + 1] & 0x41) == 0x41 ? 1 : 0;
-            return picture > 225 && picture <= 260; // those before it
-        }));
-        EXPECT_GT(analysis.findings().count("continuity"), 0U);
-        EXPECT_EQ(analysis.muxBitsPerSecond(), 1000.0 * PACKET * 8) << off;
-    }
+    for (const int lost : {5, 35, 60})
+        for (const double off : {-0.9, 0.9, -1.2, 1.2, 3.0, -3.0, -60.0, 3600.0}) {
+            const Bytes whole = catchingUp(260, off);
+            int picture = -1;
+            const Analysis analysis = analysed(without(whole, [&](int packet, int pid) {
+                const bool start = (whole[static_cast<std::size_t>(packet) * PACKET + 1] & 0x40) != 0;
+                picture += pid == VIDEO_PID && start ? 1 : 0;
+                return picture >= 260 - lost && picture < 260; // those before it
+            }));
+            EXPECT_GT(analysis.findings().count("continuity"), 0U);
+            EXPECT_GT(analysis.findings().count("timestamps"), 0U);
+            EXPECT_EQ(analysis.muxBitsPerSecond(), 1000.0 * PACKET * 8) << lost << ", " << off;
+        }
 }
 
 TEST(TheLossyPace, IsNoneOfTwoRates) {

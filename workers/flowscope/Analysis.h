@@ -212,7 +212,7 @@ private:
     std::uint64_t m_ratedVideoBytes = 0;
     // Of the decoding times that were compared with the clock.
     struct Lead {
-        // What there was at the last one.
+        // What there was at the last one that was not left out.
         PTS dts{};
         PTS clock{};
         std::uint64_t references = 0;
@@ -222,7 +222,8 @@ private:
         std::uint64_t packets = 0;
         int lateInARow = 0;
         bool late = false;    // at some time that many of them were
-        bool bridged = false; // the last step took the two far apart, behind a loss
+        bool bridged = false; // the last step led over a loss, or took the two far apart behind one
+        bool apart = false;   // the one behind it did, and was left out
         // How far those that count lay ahead of the clock.
         std::int64_t least = 0;
         std::int64_t most = 0;

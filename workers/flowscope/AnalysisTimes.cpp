@@ -41,7 +41,6 @@ void Analysis::noteLead(PTS rawDts) {
     m_lead.lateInARow = *ahead < 0 && full ? m_lead.lateInARow + 1 : 0;
     m_lead.late = m_lead.late || m_lead.lateInARow >= IN_A_ROW;
 
-    const bool lost = std::exchange(m_lead.losses, m_losses) != m_losses;
     const PTS clock = ofReference(m_lastClock);
     const std::uint64_t jumps = m_clock.jumps() + m_clock.newTimeBases();
     if (!m_lead.dts.is_absent()) {
@@ -53,17 +52,23 @@ void Analysis::noteLead(PTS rawDts) {
         // While the video catches up, lost packets may hold more of its time than of the clock's by far. Of a
         // damaged time among them the next one takes back what it departed by.
         const bool known = *ahead >= m_lead.least - longLeap && *ahead <= m_lead.most + longLeap;
-        const bool bridged = !together && !jumped && known && (lost || m_lead.bridged);
-        if (!jumped && (together || bridged)) {
+        const bool lost = m_losses != m_lead.losses;
+        const bool counts = !jumped && (together || (known && (lost || m_lead.bridged)));
+        // A single one that leads apart is left out, as if it had not come.
+        if (!counts && !jumped && !std::exchange(m_lead.apart, true))
+            return;
+        if (counts) {
             m_lead.decoded += decoded;
             m_lead.sent += sent;
             m_lead.least = std::min(m_lead.least, *ahead);
             m_lead.most = std::max(m_lead.most, *ahead);
         }
-        m_lead.bridged = bridged;
+        m_lead.bridged = counts && (lost || !together);
     } else {
         m_lead.least = m_lead.most = *ahead;
     }
+    m_lead.apart = false;
+    m_lead.losses = m_losses;
     m_lead.dts = rawDts;
     m_lead.clock = clock;
     m_lead.jumps = jumps;
