@@ -117,7 +117,8 @@ bool isDeckQueue(std::string_view name) {
 
 // Whether a service that runs has the deck queues: it locks one of them.
 bool decksAreServed() {
-    const UniqueFd queue(open(queueDirectory().append("/").append(TO_DECKS).c_str(), O_RDONLY | O_CLOEXEC));
+    const std::filesystem::path name = std::filesystem::path(queueDirectory()) / TO_DECKS;
+    const UniqueFd queue(open(name.c_str(), O_RDONLY | O_CLOEXEC));
     return queue.valid() && flock(queue.get(), LOCK_EX | LOCK_NB) != 0;
 }
 
