@@ -318,6 +318,20 @@ TEST(Clock, AStretchBehindALongOneIsLookedAtAsCloselyAsAny) {
     EXPECT_EQ(clock.jitterPacket(), 10'005'000);
 }
 
+TEST(Clock, NothingIsLostWhereNoPaceIsKnownYet) {
+    for (const bool atBeginning : {true, false}) {
+        ClockCheck clock;
+        if (!atBeginning)
+            addSteady(clock, 101, 1000 * MS, 0);
+        for (int i = 0; i < 101; ++i) {
+            clock.reference((90'000 + i * 40) * MS + (i == 2 ? 27 : 0), 20'000 + i * 100, i == 0);
+            if (i == 3)
+                clock.suspectLoss();
+        }
+        EXPECT_NEAR(clock.jitterUs().value_or(-1), 1, 0.01) << "of the reference before that";
+    }
+}
+
 // --- rates and findings
 
 TEST(Rates, AreThoseOfEachSecond) {
