@@ -93,6 +93,26 @@ TEST_F(KernelDrops, OnceCountedTheyAreNotCountedAgain) {
     EXPECT_EQ(receiver->counts().datagrams + receiver->counts().kernelDrops, sent + (more.size() + 6) / 7);
 }
 
+// Those that waited in the socket came before.
+TEST_F(KernelDrops, LieBeforeTheFirstDatagramThatFoundRoomAgain) {
+    const auto deadline = Clock::now() + std::chrono::seconds(10);
+    while (receiver->counts().datagrams + receiver->counts().kernelDrops < sent && Clock::now() < deadline)
+        std::this_thread::yield();
+    Sender("127.0.0.1", source.port).send(StreamBuilder().frames(20));
+    receiver->stop();
+    const std::uint64_t before = (sent - receiver->counts().kernelDrops) * 7;
+    std::vector<std::uint64_t> behindLoss;
+    std::uint64_t taken = 0;
+    for (auto part = ring.portion(portionPackets); !part.packets.empty();
+         part = ring.portion(portionPackets)) {
+        if (part.afterLoss)
+            behindLoss.push_back(taken);
+        taken += part.packets.size();
+        ring.consume(part.packets.size());
+    }
+    EXPECT_EQ(behindLoss, std::vector<std::uint64_t>{before});
+}
+
 TEST(DropsOfAWorker, StandInTheResultsOfTheWorkerAndInItsLog) {
     Worker worker;
     const int port = worker.addEncoder();

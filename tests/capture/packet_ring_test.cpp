@@ -45,6 +45,25 @@ TEST(PacketRing, GivesInOnePortionWhatArrivedTogether) {
     EXPECT_TRUE(ring.portion(100).packets.empty());
 }
 
+TEST(PacketRing, BeginsAPortionBehindALoss) {
+    PacketRing ring(4);
+    const std::vector<unsigned char> bytes(2 * packetSize, 0x47);
+    EXPECT_EQ(ring.push(bytes), 2u);
+    EXPECT_EQ(ring.push(bytes, {}, true), 2u);
+    EXPECT_EQ(ring.portion(100).packets.size(), 2u);
+    EXPECT_FALSE(ring.portion(100).afterLoss);
+    ring.consume(2);
+    EXPECT_EQ(ring.portion(100).packets.size(), 2u) << "it is before the first only";
+    EXPECT_TRUE(ring.portion(100).afterLoss);
+    EXPECT_TRUE(ring.portion(1).afterLoss);
+    ring.consume(1);
+    EXPECT_FALSE(ring.portion(100).afterLoss);
+    EXPECT_EQ(ring.push(bytes), 2u) << "where the one behind the loss lay";
+    ring.consume(1);
+    EXPECT_EQ(ring.portion(100).packets.size(), 2u);
+    EXPECT_FALSE(ring.portion(100).afterLoss);
+}
+
 TEST(PacketRing, TakesMemoryOnlyForWhatLiesInIt) {
 #if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
     GTEST_SKIP() << "the sanitizer has memory of its own for each byte";

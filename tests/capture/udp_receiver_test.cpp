@@ -84,6 +84,28 @@ TEST(UdpReceiver, WhatTheRingHasNoRoomForIsCounted) {
     EXPECT_EQ(receiver.counts().kernelDrops, 0u);
 }
 
+TEST(UdpReceiver, TheFirstPacketThatFindsRoomAgainComesBehindALoss) {
+    StreamSource source;
+    source.address = 0x7F000001;
+    source.port = freePort();
+    PacketRing ring(64);
+    WakeEvent wake;
+    UdpReceiver receiver(source, ring, wake);
+    ASSERT_FALSE(receiver.open());
+    ASSERT_FALSE(receiver.start());
+    Sender sender("127.0.0.1", source.port);
+    sender.send(Packets(70, Packet{0x47}));
+    const auto deadline = Clock::now() + std::chrono::seconds(10);
+    while (receiver.counts().overflow < 6 && Clock::now() < deadline)
+        std::this_thread::yield();
+    EXPECT_FALSE(ring.portion(64).afterLoss);
+    ring.consume(64);
+    sender.send(Packets(7, Packet{0x47}));
+    receiver.stop();
+    EXPECT_EQ(ring.portion(64).packets.size(), 7u);
+    EXPECT_TRUE(ring.portion(64).afterLoss);
+}
+
 TEST(UdpReceiver, PacketsWithoutSyncAndStrayBytesAreLeftOut) {
     StreamSource source;
     source.address = 0x7F000001;

@@ -41,8 +41,8 @@ protected:
         m_timing.givenUp = 400ms;
     }
     // Records what is sent while the disk takes nothing, and lets it go on then.
-    RecordingStatus record(const std::function<void(Sender&)>& send) {
-        EncoderChannel channel(m_source, m_plan, m_turned, m_timing);
+    RecordingStatus record(const std::function<void(Sender&)>& send, std::size_t ring = ringPackets) {
+        EncoderChannel channel(m_source, m_plan, m_turned, m_timing, ring);
         EXPECT_FALSE(channel.open());
         EXPECT_FALSE(channel.start());
         Sender sender("127.0.0.1", m_source.port);
@@ -115,6 +115,32 @@ TEST_F(WriterStall, ASilenceOfTheStreamMeanwhileIsToldAllTheSame) {
     EXPECT_TRUE(status.succeeded);
     EXPECT_THAT(status.text, StartsWith("Recorded 00:00:01:00 (25 frames"));
     EXPECT_THAT(status.text, HasSubstr(", stream stopped 1 time"));
+}
+
+TEST_F(WriterStall, ASilenceBeforeTheRingOverflowsIsToldAllTheSame) {
+    StreamBuilder builder(shape);
+    const RecordingStatus status = record(
+        [&](Sender& sender) {
+            sendLive(sender, builder.frames(10), 10);
+            std::this_thread::sleep_for(2 * m_timing.stall);
+            sendLive(sender, builder.frames(30), 30);
+        },
+        512);
+    EXPECT_THAT(status.text, HasSubstr(", stream stopped 1 time"));
+}
+
+// The disk stalls for that long.
+TEST_F(WriterStall, WhatTheRingHadNoRoomForIsNoSilence) {
+    m_plan.duration = "00:00:02:00";
+    const RecordingStatus status = record(
+        [&](Sender& sender) {
+            StreamBuilder builder(shape);
+            sendLive(sender, builder.frames(40), 40);
+            ASSERT_TRUE(m_disk.takeUpTo(400 * packetSize));
+            sendLive(sender, builder.frames(20), 20);
+        },
+        512);
+    EXPECT_THAT(status.text, Not(HasSubstr("stopped")));
 }
 
 TEST_F(WriterStall, AStreamThatEndsMeanwhileEndsTheRecording) {

@@ -21,8 +21,8 @@ constexpr int lookTimeMs = 100;
 } // namespace
 
 EncoderChannel::EncoderChannel(const StreamSource& source, RecordingPlan plan, WakeEvent& turned,
-                               const Timing& timing)
-    : m_name(plan.name), m_sender(source.sender), m_ring(ringPackets), m_turned(turned),
+                               const Timing& timing, std::size_t ring)
+    : m_name(plan.name), m_sender(source.sender), m_ring(ring), m_turned(turned),
       m_receiver(source, m_ring, m_arrived), m_recording(std::move(plan), timing, Clock::now()) {
     // While the file is closed the port is free already for the recorder that comes next.
     m_recording.whenOver([this] { m_receiver.stop(); });
@@ -130,7 +130,7 @@ void EncoderChannel::write() noexcept {
                 end == End::none ? m_receiver.seenUntil() : m_receiver.lookedUntil();
             while (m_recording.state() != RecordingState::ended && takePortion())
                 attend();
-            // Nor is what was lost on this side, of which no more may have come.
+            // Nor is what was lost on this side, behind which nothing may have come yet.
             if (const Clock::time_point lost = m_receiver.lastLoss(); lost > m_lastArrival)
                 m_recording.heard(std::min(lost, seen));
             tickAt(seen);
@@ -177,7 +177,7 @@ bool EncoderChannel::takePortion() {
     }
     noteDelay(portion.first);
     // What was lost on this side came all the same.
-    if (m_receiver.lastLoss() > m_lastArrival)
+    if (portion.afterLoss)
         m_recording.heard(portion.first);
     m_lastArrival = portion.last;
     tickAt(portion.first);

@@ -15,9 +15,10 @@ namespace kestrel::capture {
 
 class EncoderChannel {
 public:
-    // turned is signalled when the state of the recording, or what it tells of its marks, has changed.
+    // turned is signalled when the state of the recording, or what it tells of its marks, has changed. ring:
+    // packets for which there is room between its threads.
     EncoderChannel(const StreamSource& source, RecordingPlan plan, WakeEvent& turned,
-                   const Timing& timing = {});
+                   const Timing& timing = {}, std::size_t ring = ringPackets);
     ~EncoderChannel();
     EncoderChannel(const EncoderChannel&) = delete;
     EncoderChannel& operator=(const EncoderChannel&) = delete;

@@ -20,16 +20,20 @@ public:
     // Room for at least that many packets, rounded up to a power of two.
     explicit PacketRing(std::size_t packets);
 
-    // Producer: copies whole packets in, which arrived at that time, and publishes them together. Returns how
-    // many found room; the rest were not taken.
-    std::size_t push(std::span<const unsigned char> packets, Clock::time_point arrived = {}) noexcept;
+    // Producer: copies whole packets in, which arrived at that time, and publishes them together. afterLoss:
+    // something was lost between the packet pushed last and the first of these. Returns how many found room;
+    // the rest were not taken.
+    std::size_t push(std::span<const unsigned char> packets, Clock::time_point arrived = {},
+                     bool afterLoss = false) noexcept;
 
     // Consumer: the oldest packets that lie in one piece; empty when there are none. Valid until consume.
     [[nodiscard]] std::span<const Packet> readable() const noexcept;
-    // Packets that arrived together, within the time for which the receiver lets them gather.
+    // Packets that arrived together, within the time for which the receiver lets them gather, and without a
+    // loss between them.
     struct Portion {
         Clock::time_point first; // when the first of them arrived, and the last
         Clock::time_point last;
+        bool afterLoss = false; // something was lost before the first
         std::span<const Packet> packets;
     };
     // Consumer: the first of readable(), at most so many.
@@ -42,7 +46,12 @@ public:
 private:
     std::size_t m_mask;
     std::unique_ptr<Packet[]> m_slots;
-    std::unique_ptr<Clock::rep[]> m_arrivals; // of each slot
+    // Left as the memory comes, until packets do.
+    struct Arrival {
+        Clock::rep at;
+        bool afterLoss;
+    };
+    std::unique_ptr<Arrival[]> m_arrivals; // of each slot
     // Packets ever pushed and ever consumed, each on a cache line of its own.
     alignas(64) std::atomic<std::size_t> m_pushed{0};
     alignas(64) std::atomic<std::size_t> m_consumed{0};

@@ -45,6 +45,18 @@ std::chrono::nanoseconds duration(const timespec& time) noexcept {
     return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
 }
 
+// What the kernel tells of a datagram besides its bytes; false where it does not.
+template <typename Value>
+bool told(const msghdr& header, int type, Value& value) noexcept {
+    for (const cmsghdr* at = CMSG_FIRSTHDR(&header); at;
+         at = CMSG_NXTHDR(const_cast<msghdr*>(&header), const_cast<cmsghdr*>(at)))
+        if (at->cmsg_level == SOL_SOCKET && at->cmsg_type == type && at->cmsg_len >= CMSG_LEN(sizeof value)) {
+            std::memcpy(&value, CMSG_DATA(at), sizeof value);
+            return true;
+        }
+    return false;
+}
+
 std::chrono::nanoseconds wallTime() noexcept {
     timespec time{};
     ::clock_gettime(CLOCK_REALTIME, &time);
@@ -58,9 +70,9 @@ struct UdpReceiver::Batch {
     std::array<sockaddr_in, receiveBatch> senders{};
     std::array<iovec, receiveBatch> parts{};
     std::array<mmsghdr, receiveBatch> messages{};
-    // For the time of arrival.
+    // For the time of arrival and what was dropped before.
     struct alignas(cmsghdr) Control {
-        std::array<unsigned char, CMSG_SPACE(sizeof(timespec))> bytes{};
+        std::array<unsigned char, CMSG_SPACE(sizeof(timespec)) + CMSG_SPACE(sizeof(std::uint32_t))> bytes{};
     };
     std::array<Control, receiveBatch> controls{};
     std::vector<unsigned char> bytes = std::vector<unsigned char>(receiveBatch * datagramBytes);
@@ -94,6 +106,7 @@ MaybeFailure UdpReceiver::open(bool again) {
     if (!m_socket.valid() || !m_stop.valid() || !m_look.valid())
         return detailed(failure(error::startCaptureFailed), "socket: " + errnoText(errno));
     setFlag(m_socket.get(), SOL_SOCKET, SO_TIMESTAMPNS, 1);
+    setFlag(m_socket.get(), SOL_SOCKET, SO_RXQ_OVFL, 1);
     m_arrived = Clock::now();
     m_seen.store(m_arrived.time_since_epoch().count(), std::memory_order_relaxed);
     MaybeFailure failed;
@@ -352,22 +365,24 @@ void UdpReceiver::noteArrival(const mmsghdr& message, Clock::time_point now,
                               std::chrono::nanoseconds wall) noexcept {
     const Clock::time_point seen{Clock::duration(m_seen.load(std::memory_order_relaxed))};
     Clock::time_point at = now;
-    const cmsghdr* const told = CMSG_FIRSTHDR(&message.msg_hdr);
-    if (told && told->cmsg_level == SOL_SOCKET && told->cmsg_type == SCM_TIMESTAMPNS) {
-        timespec time{};
-        std::memcpy(&time, CMSG_DATA(told), sizeof time);
+    timespec time{};
+    if (told(message.msg_hdr, SCM_TIMESTAMPNS, time)) {
         const auto ago = std::clamp<std::chrono::nanoseconds>(wall - duration(time), {}, now - seen);
         at = now - std::chrono::duration_cast<Clock::duration>(ago);
     }
     m_arrived = std::max(at, m_arrived);
+    // Not told while nothing has been dropped.
+    std::uint32_t drops = 0;
+    if (told(message.msg_hdr, SO_RXQ_OVFL, drops) && drops != std::exchange(m_dropsBefore, drops))
+        m_afterLoss = true;
 }
 
 void UdpReceiver::noteLoss() noexcept {
     m_lastLoss.store(Clock::now().time_since_epoch().count(), std::memory_order_relaxed);
 }
 
-// By the socket's own account rather than by the one that comes with each datagram (SO_RXQ_OVFL): that one
-// knows nothing of what was dropped behind the last datagram that found room.
+// By the socket's own account rather than by the one that comes with each datagram (SO_RXQ_OVFL), which tells
+// where in the stream: that one knows nothing of what was dropped behind the last datagram that found room.
 void UdpReceiver::countKernelDrops() noexcept {
     std::array<std::uint32_t, SK_MEMINFO_VARS> account{};
     socklen_t size = sizeof account;
@@ -430,9 +445,11 @@ void UdpReceiver::takePackets(std::span<const unsigned char> packets) noexcept {
         while (run < packets.size() && packets[run] == 0x47)
             run += packetSize;
         if (run != 0) {
-            const std::size_t taken = m_ring.push(packets.first(run), m_arrived);
+            const std::size_t taken = m_ring.push(packets.first(run), m_arrived, m_afterLoss);
             count(m_counts.packets, taken);
+            m_afterLoss = m_afterLoss && taken == 0;
             if (taken < run / packetSize) {
+                m_afterLoss = true;
                 noteLoss();
                 count(m_counts.overflow, run / packetSize - taken);
             }

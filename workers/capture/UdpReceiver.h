@@ -44,8 +44,9 @@ struct ReceiverCounts {
 
 // A socket and the thread that empties it. The thread never waits for anything but the socket: it takes
 // datagrams in batches, lets them gather a few milliseconds between batches, and counts what the ring has no
-// room for. Each packet is told with the time at which the kernel received it, however late it is taken. A
-// group of which nothing comes is joined again now and then: its network device may be another.
+// room for. Each packet is told with the time at which the kernel received it, however late it is taken, and
+// the first behind a loss as such. A group of which nothing comes is joined again now and then: its network
+// device may be another.
 class UdpReceiver {
 public:
     // Packets go to ring; wake is signalled after each batch. Both outlive the receiver.
@@ -72,7 +73,8 @@ public:
     [[nodiscard]] Clock::time_point lookedUntil() const noexcept;
     // Has the thread look at the socket, and signal wake when that time lies behind this call.
     void look() noexcept { m_look.signal(); }
-    // When the last loss, in the socket's buffer or the ring, was seen.
+    // When the last loss, in the socket's buffer or the ring, was seen: of one behind which nothing came, the
+    // ring does not tell.
     [[nodiscard]] Clock::time_point lastLoss() const noexcept {
         return Clock::time_point(Clock::duration(m_lastLoss.load(std::memory_order_relaxed)));
     }
@@ -114,6 +116,8 @@ private:
     std::unique_ptr<Batch> m_batch;
     RtpSequence m_rtp;
     std::uint32_t m_lastDropCount = 0;
+    std::uint32_t m_dropsBefore = 0;   // the newest datagram, by the same count
+    bool m_afterLoss = false;          // something was lost since a packet last found room in the ring
     Clock::time_point m_arrived;       // when the newest datagram did
     std::atomic<Clock::rep> m_seen{0}; // see lookedUntil()
     std::atomic<bool> m_ended{false};  // the thread has
