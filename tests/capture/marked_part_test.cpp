@@ -179,13 +179,14 @@ protected:
         for (CodedFrame& frame : frames)
             addPcr(frame);
         if (!GetParam().stamped)
-            for (Packet& packet : frames[72].packets)
+            for (Packet& packet : frames[22].packets)
                 if (startsPicture(packet)) {
                     packet[11] = 0;
                     std::fill_n(packet.begin() + 13, 10, static_cast<unsigned char>(0xFF));
                 }
         SourceIndex index = indexOf(frames);
         EXPECT_EQ(index.leaps.size(), 1U);
+        EXPECT_EQ(index.leaps.front().frame, 50U);
         EXPECT_EQ(index.shown.empty(), !GetParam().stamped);
         return index;
     }

@@ -20,7 +20,10 @@ bool takesLonger(const RecordingPlan& plan) {
            plan.sourceTime > static_cast<std::int64_t>(plan.wantedFrames) * period + period / 2;
 }
 
+// The timecodes of a whole source are looked for as far as they count its frames.
 std::int64_t unplayed(const RecordingPlan& plan) {
+    if (plan.mode != CaptureMode::marks)
+        return 0;
     return std::accumulate(plan.sourceLeaps.begin(), plan.sourceLeaps.end(), std::int64_t{0},
                            [](std::int64_t sum, const SourceLeap& leap) { return sum + leap.excess; });
 }

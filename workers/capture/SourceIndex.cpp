@@ -51,7 +51,7 @@ private:
             isBefore(unit.pts, m_pointShown))
             ++m_index.points.back().leading;
         if (!m_index.points.empty() || unit.randomAccess)
-            noteShown(unit);
+            noteShown(unit, m_index.points.empty() ? 0 : before - m_index.points.front().frame);
         if (!unit.randomAccess || m_index.points.size() >= mostPoints)
             return;
         if (m_index.points.empty())
@@ -69,10 +69,11 @@ private:
         return ((stamp - other) % wrap + wrap) % wrap;
     }
     static bool isBefore(PTS stamp, PTS other) { return wrapped(stamp, other).value_or(0) > wrap / 2; }
-    void noteShown(const VideoUnit& unit) {
+    // The next frame is that one, counted from the first random access point.
+    void noteShown(const VideoUnit& unit, std::uint64_t frame) {
         if (unit.frames == 0)
             return;
-        noteStep(unit);
+        noteStep(unit, static_cast<std::size_t>(frame));
         const auto delay = displayDelay(unit);
         if (unit.frames == 1 && delay && m_index.shown.size() < mostFrames)
             m_index.shown.push_back(m_frames.unitTime() + *delay);
@@ -80,15 +81,15 @@ private:
             m_shownUnknown = true;
     }
     // From the unit before, for as long as its frames take or for longer.
-    void noteStep(const VideoUnit& unit) {
+    void noteStep(const VideoUnit& unit, std::size_t frame) {
         const std::int64_t period = MPEG::SH::decode_PCRs_per_frame(m_frames.frameRateCode());
         const std::int64_t step = m_frames.unitTime() - m_lastTime;
         const std::int64_t excess = step - period * m_lastFrames;
         // Frames of a film are shown for that long themselves.
         if (m_lastFrames > 0 && period > 0 && excess > longestShown * period)
-            m_leaps.late({m_index.shown.size(), m_frames.unitTime(), {step, excess}}, m_lastAt, m_unitAt);
+            m_leaps.late({frame, m_frames.unitTime(), {step, excess}}, m_lastAt, m_unitAt);
         if (m_lastFrames == 0 || wrapped(unit.dts, m_lastDts) != step)
-            m_stretch = {m_index.shown.size(), m_frames.unitTime()};
+            m_stretch = {frame, m_frames.unitTime()};
         m_lastDts = unit.dts;
         m_lastTime = m_frames.unitTime();
         m_lastFrames = unit.frames;

@@ -28,7 +28,7 @@ struct SourceLeap {
     std::int64_t step = 0; // from one PES packet to the next (PTS units)
     std::int64_t excess =
         0;                 // by which that is longer than the frames of the first, as far as it is not played
-    std::size_t frame = 0; // the first one behind it, in SourceIndex::shown
+    std::size_t frame = 0; // the first one behind it, from the first random access point on
 };
 
 struct SourceIndex {
