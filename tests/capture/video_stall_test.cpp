@@ -59,4 +59,35 @@ TEST_F(VideoStall, AStreamThatStopsWithItsVideoAndComesBackWithItsSoundIsCounted
     EXPECT_EQ(r.status().stops, 2u) << "nothing more is lost now";
 }
 
+// Something is lost more often than that: what comes between tells that there is no video.
+TEST_F(VideoStall, ALossExcusesOnlyTheGapItLiesIn) {
+    Recording r = recording(plan(CaptureMode::manual));
+    LabelledStream stream;
+    r.take(join(stream.frames(10)), m_now);
+    m_now += 40ms;
+    for (int i = 0; i < 3; ++i) { // 0.6 s with sound alone, after 1 s in which all was lost
+        EXPECT_EQ(r.status().stops, 0u);
+        feed(r, packetOf(audioPid), 600ms);
+        m_now += 960ms;
+        r.heard(m_now - 500ms); // known before more comes
+        r.heard(m_now);
+    }
+    feed(r, packetOf(audioPid), 400ms);
+    EXPECT_EQ(r.status().stops, 1u);
+}
+
+TEST_F(VideoStall, AVideoThatIsLostWithAllElseHasNotStopped) {
+    Recording r = recording(plan(CaptureMode::manual));
+    LabelledStream stream;
+    r.take(join(stream.frames(10)), m_now);
+    for (int i = 0; i < 5; ++i) {
+        m_now += 3s;
+        r.heard(m_now);
+        r.tick(m_now);
+        feed(r, packetOf(audioPid), 400ms);
+        r.take(join(stream.frames(2)), m_now);
+    }
+    EXPECT_EQ(r.status().stops, 0u);
+}
+
 } // namespace

@@ -72,7 +72,7 @@ void Recording::take(std::span<const Packet> packets, Clock::time_point now) {
         return;
     if (m_stopped) {
         m_stopped = false;
-        m_back = now;
+        m_videoFrom = now;
         LogUtil::Info(module, "%s: the stream is back after %.1f s, with PID %d", m_plan.name.c_str(),
                       std::chrono::duration<double>(now - m_lastPacket).count(),
                       ts::pid(packets.front().data()));
@@ -94,8 +94,10 @@ void Recording::take(std::span<const Packet> packets, Clock::time_point now) {
 }
 
 void Recording::heard(Clock::time_point now) {
-    if (!m_stopped)
-        m_lastPacket = m_back = std::max(now, m_lastPacket);
+    if (m_stopped || now <= m_lastPacket)
+        return;
+    m_videoFrom = std::max(m_videoFrom, m_lastFrame) + (now - m_lastPacket);
+    m_lastPacket = now;
 }
 
 void Recording::takePacket(const Packet& packet) {

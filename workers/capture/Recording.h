@@ -233,7 +233,9 @@ private:
     Clock::time_point m_lastFrame;
     std::optional<Clock::time_point> m_sourceEnded;
     bool m_stopped = false;
-    Clock::time_point m_back; // when the stream last came again after it had stopped
+    // The video counts as missing from its last frame, or from here: when the stream came again after it had
+    // stopped, and later by the gaps in which something was lost.
+    Clock::time_point m_videoFrom;
     bool m_videoStopped = false;
     std::uint64_t m_lastVideo = 0; // the newest packet of the video, by its number in the file
     unsigned m_stops = 0;

@@ -163,7 +163,7 @@ void Recording::tickWaiting() {
 // source has ended, or that the last frame has come, is no trouble.
 void Recording::noteVideoStall() {
     if (m_videoStopped || m_sourceEnded || m_state != RecordingState::recording ||
-        m_now - std::max(m_lastFrame, m_back) < m_timing.stall || lastFrameCame())
+        m_now - std::max(m_lastFrame, m_videoFrom) < m_timing.stall || lastFrameCame())
         return;
     m_videoStopped = true;
     ++m_stops;
