@@ -407,6 +407,27 @@ TEST(ALossInConstantVideo, HidesNotThatItIsFarBelowTheRateOfItsHeaders) {
         EXPECT_LT(analysed(without(whole, lost)).videoBitsPerSecond(), 1.45e6);
 }
 
+TEST(ALossInVideoThatDoesNotSayWhetherItIsConstant, LeavesTheOtherSeconds) {
+    const auto video = [](std::size_t later) {
+        Multiplex made;
+        made.association({{1, 0x100}}).map(0x100, 1, VIDEO_PID, {{0x1B, VIDEO_PID}});
+        for (int i = 0; i < 250; ++i) // filler data
+            made.pes(VIDEO_PID, pesHeader(90'000 + i * 3600),
+                     Bytes{0, 0, 1, 0x0C} + filler(i < 200 ? 3000 : later));
+        return made.bytes;
+    };
+    const Bytes whole = video(3000);
+    ASSERT_TRUE(analysed(whole).constantBitRate());
+    // A second has 425 packets.
+    for (const int from : {3, 500, 2'000, 4'000})
+        for (const int count : {1, 30, 100, 300, 1'000, 1'360})
+            EXPECT_TRUE(analysed(without(whole, burst(from, count))).constantBitRate())
+                << count << ", " << from;
+    EXPECT_FALSE(analysed(without(whole, datagrams(8))).constantBitRate())
+        << "of no second anything is known";
+    EXPECT_FALSE(analysed(without(video(2000), burst(500, 30))).constantBitRate());
+}
+
 // --- alignment
 
 // A picture with a sequence header in each PES packet, of that many bytes.

@@ -102,11 +102,13 @@ void Analysis::takeVideoTimes() {
                                   aheadOfClock(rawDts),
                                   allAtRate};
     const std::uint64_t gaps = m_times.gaps();
+    const double known = m_times.decodingSeconds(m_times.latestDts());
     const auto end = m_times.settle(rawDts, place, m_limit.asked(), m_findings);
     const VideoTimes::Times times = m_times.continued(rawPts, rawDts, place);
     if (times.leaps || times.back || times.newBase)
         m_video->realign(); // it may be another file
-    m_lostSinceTime = false;
+    // The next time tells how far one leads that is held.
+    bool lost = std::exchange(m_lostSinceTime, m_lostSinceTime && times.leaps);
     if (end && *end < m_atLeaps.size()) {
         *m_video = m_atLeaps[*end].video; // the picture that leapt is one too many, too
         m_positionAtTime = m_atLeaps[*end].position;
@@ -131,7 +133,11 @@ void Analysis::takeVideoTimes() {
         // Where packets of video are lost, and sixteen, or a multiple, no counter tells.
         m_clock.suspectLoss();
         m_video->realign();
+        lost = true;
     }
+    const double latest = m_times.decodingSeconds(m_times.latestDts());
+    if (lost || latest - known > kestrel::flowscope::seconds(longLeap))
+        m_videoRates.lose(known, latest);
     if (first)
         noteDelay();
     if (m_limit.asked()) {

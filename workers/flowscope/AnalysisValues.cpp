@@ -127,11 +127,7 @@ bool Analysis::constantBitRate() const {
     // A stream that does not say: its slowest second within a twentieth of its fastest. Not the multiplex's,
     // which null packets make constant whatever the video does.
     constexpr double TOLERANCE = 0.05;
-    const std::vector<double> rates = m_videoRates.bitsPerSecond();
-    if (rates.size() < 2)
-        return false;
-    const auto [least, most] = std::minmax_element(rates.begin(), rates.end());
-    return *most - *least <= TOLERANCE * *most;
+    return m_videoRates.constant(TOLERANCE);
 }
 
 double Analysis::nullPercent() const {

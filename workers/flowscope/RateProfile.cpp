@@ -27,17 +27,42 @@ std::size_t stepAt(std::vector<T>& steps, int& length, double seconds, Join join
 
 } // namespace
 
+RateProfile::Step& RateProfile::at(double seconds) {
+    return m_steps[stepAt(m_steps, m_length, seconds, [](const Step& a, const Step& b) {
+        return Step{a.bytes + b.bytes, a.lacksSome || b.lacksSome};
+    })];
+}
+
 void RateProfile::add(double seconds, std::uint64_t bytes) {
-    const std::size_t step =
-        stepAt(m_bytes, m_step, seconds, [](std::uint64_t a, std::uint64_t b) { return a + b; });
-    m_bytes[step] += bytes;
+    at(seconds).bytes += bytes;
+}
+
+void RateProfile::lose(double from, double to) {
+    for (double seconds = from; seconds < to; seconds += m_length)
+        at(seconds).lacksSome = true;
+    at(to).lacksSome = true;
+}
+
+double RateProfile::bitsPerSecond(const Step& step) const {
+    return static_cast<double>(step.bytes) * 8 / m_length;
 }
 
 std::vector<double> RateProfile::bitsPerSecond() const {
     std::vector<double> rates;
-    for (std::size_t i = 0; i + 1 < m_bytes.size(); ++i)
-        rates.push_back(static_cast<double>(m_bytes[i]) * 8 / m_step);
+    for (std::size_t i = 0; i + 1 < m_steps.size(); ++i)
+        rates.push_back(bitsPerSecond(m_steps[i]));
     return rates;
+}
+
+bool RateProfile::constant(double tolerance) const {
+    std::vector<double> rates;
+    for (std::size_t i = 0; i + 1 < m_steps.size(); ++i)
+        if (!m_steps[i].lacksSome)
+            rates.push_back(bitsPerSecond(m_steps[i]));
+    if (rates.size() < 2 || 2 * rates.size() + 1 < m_steps.size())
+        return false;
+    const auto [least, most] = std::minmax_element(rates.begin(), rates.end());
+    return *most - *least <= tolerance * *most;
 }
 
 void PeakProfile::add(double seconds, double value) {

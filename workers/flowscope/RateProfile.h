@@ -15,15 +15,27 @@ public:
 
     // So many bytes at that time in seconds from the beginning; times before it count as the beginning.
     void add(double seconds, std::uint64_t bytes);
+    // Bytes are missing between those times.
+    void lose(double from, double to);
 
     // Seconds of one step.
-    [[nodiscard]] int stepSeconds() const noexcept { return m_step; }
+    [[nodiscard]] int stepSeconds() const noexcept { return m_length; }
     // Bits per second of each step but the last, which is not whole.
     [[nodiscard]] std::vector<double> bitsPerSecond() const;
+    // Whether they are all the same within that share of the most, as far as nothing is missing. Not known,
+    // and so not, of fewer than two such steps, or where more than every other lacks bytes.
+    [[nodiscard]] bool constant(double tolerance) const;
 
 private:
-    std::vector<std::uint64_t> m_bytes;
-    int m_step = 1;
+    struct Step {
+        std::uint64_t bytes = 0;
+        bool lacksSome = false;
+    };
+    Step& at(double seconds);
+    [[nodiscard]] double bitsPerSecond(const Step& step) const;
+
+    std::vector<Step> m_steps;
+    int m_length = 1;
 };
 
 // The largest value of each step.
