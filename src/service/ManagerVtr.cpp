@@ -35,6 +35,8 @@ constexpr int END_KILLED_MS = 3'000;
 constexpr int LOOK_MS = 100;
 // Requests of workers that may wait for their answers at once.
 constexpr std::size_t MOST_RELAYED = 64;
+// Behind the text of an error.
+constexpr const char* NOT_CONFIGURED = " (no deck control is configured: DeckCtrl EXE of the profile)";
 
 int asCode(long code) {
     return static_cast<int>(code);
@@ -47,6 +49,7 @@ void setError(_VTRCmdData& record, long code, const std::string& text) {
 
 bool sameCommand(const _VTRCmdData& a, const _VTRCmdData& b) {
     return a.commandKind == b.commandKind &&
+           (a.commandKind != kestrel::vtrTransport || a.transportCode == b.transportCode) &&
            kestrel::fieldText(a.serialPort) == kestrel::fieldText(b.serialPort);
 }
 
@@ -214,8 +217,7 @@ void CManagerLib::refuseWorkersRequest(_VTRCmdData& record) {
         const std::string port(kestrel::fieldText(record.serialPort));
         record.errorCode = asCode(kestrel::error::vtrNotConnected);
         kestrel::formatText(record.errorText, LOG_MSG(kestrel::error::vtrNotConnected), port.c_str());
-        kestrel::appendText(record.errorText,
-                            " (no deck control is configured: DeckCtrl EXE of the profile)");
+        kestrel::appendText(record.errorText, NOT_CONFIGURED);
     } else
         setError(record, kestrel::error::vtrSendQueueMissing, LOG_MSG(kestrel::error::vtrSendQueueMissing));
     SendQueueMessage(record.replyQueueName, VTR_CMD_RESPONSE_MSG, &record, sizeof record);
@@ -301,9 +303,13 @@ void CManagerLib::handleVTRCmdRequest(_VTRCmdData record) {
 // second: the first one tells it, the others are counted. A send that fails with the process there is told
 // each time.
 void CManagerLib::logUnsentRequest() {
-    const bool outage = m_settings.deckCtrlExe[0] != '\0' && !m_deckRunning;
-    if (!outage || m_refusedInOutage++ == 0)
-        LogUtil::Error(MODULE, LOG_MSG(kestrel::error::queueSendFailed), m_toVtrQueueName);
+    const bool configured = m_settings.deckCtrlExe[0] != '\0';
+    const bool outage = configured && !m_deckRunning;
+    if (outage && m_refusedInOutage++ > 0)
+        return;
+    char text[300];
+    kestrel::formatText(text, LOG_MSG(kestrel::error::queueSendFailed), m_toVtrQueueName);
+    LogUtil::Error(MODULE, "%s%s", text, configured ? "" : NOT_CONFIGURED);
 }
 
 // An answer ends an outage, and not the start of a process: one that cannot do its work ends at once again.

@@ -188,6 +188,13 @@ TEST_F(DeckBridge, AnAnswerOfTheSameDeckToAnotherKindOfRequestIsDropped) {
                 HasSubstr("A late answer of the VTR process is dropped: command 6, port COM1"));
 }
 
+TEST_F(DeckBridge, ASuccessOfAnEarlierCommandIsNotThatOfTheNext) {
+    start("--other-command --error 5:tape-jammed");
+    EXPECT_EQ(service.ask("VTR_CMD,COM1,0,Pause"), "FALSE - tape-jammed");
+    EXPECT_THAT(service.log(),
+                HasSubstr("A late answer of the VTR process is dropped: command 0, port COM1"));
+}
+
 TEST_F(DeckBridge, AnAnswerThatNobodyWaitsForIsDropped) {
     start();
     _VTRCmdData record{};
@@ -290,6 +297,24 @@ TEST_F(DeckBridgeOfAWorker, ARequestThatTheProcessTookWithItIsAnsweredToo) {
     }
     EXPECT_EQ(answersWaiting(), 0);
     letTheJobComplete();
+}
+
+TEST_F(DeckBridge, WithoutADeckProcessAClientsRequestIsATimeoutAndTheLogSaysWhy) {
+    service.start();
+    EXPECT_EQ(service.ask("VTR_CURRENT_TIME,COM1"), "FALSE - Error: Timeout waiting for response from VTR.");
+    EXPECT_THAT(service.log(),
+                HasSubstr("[Manager:Error] Error: Failed to send message on queue /to_vtr_proc_q. (no "
+                          "deck control is configured: DeckCtrl EXE of the profile)\r\n"));
+}
+
+TEST_F(DeckBridge, ARequestThatFindsNoRoomIsATimeout) {
+    start("--deaf");
+    const JoinedQueue toDeck("/to_vtr_proc_q");
+    while (toDeck.waiting() < 10)
+        toDeck.send(VTR_CMD_REQUEST_MSG, _VTRCmdData{});
+    EXPECT_EQ(service.ask("VTR_CURRENT_TIME,COM1"), "FALSE - Error: Timeout waiting for response from VTR.");
+    EXPECT_THAT(service.log(),
+                HasSubstr("[Manager:Error] Error: Failed to send message on queue /to_vtr_proc_q.\r\n"));
 }
 
 TEST_F(DeckBridgeOfAWorker, ARequestWhileTheProcessIsDownIsAnsweredAtOnce) {

@@ -5,6 +5,7 @@
 //   --ignore N           do not answer the first N requests
 //   --late               answer the ignored requests, too, right before the next answer
 //   --other-port         precede each answer by one of another deck
+//   --other-command      precede each answer to a transport command by a success of another, of the same deck
 //   --other-kind         precede each answer by one of the same deck to a request of another kind
 //   --noise              precede each answer by messages that are none
 //   --exit-on N:CODE     end with that code on the Nth request, counted over all lives in the file COUNT
@@ -30,7 +31,8 @@ namespace {
 struct Options {
     std::string record, count, errorText, in, out;
     int errorCode = 0, ignore = 0, exitOn = 0, exitCode = 0;
-    bool late = false, otherPort = false, otherKind = false, noise = false, deaf = false, stubborn = false;
+    bool late = false, otherPort = false, otherKind = false, otherCommand = false, noise = false,
+         deaf = false, stubborn = false;
 };
 
 std::pair<int, std::string> numberAndText(const std::string& text) {
@@ -64,6 +66,7 @@ Options read(int argc, char** argv) {
         options.late |= word == "--late";
         options.otherPort |= word == "--other-port";
         options.otherKind |= word == "--other-kind";
+        options.otherCommand |= word == "--other-command";
         options.noise |= word == "--noise";
         options.deaf |= word == "--deaf";
         options.stubborn |= word == "--stubborn";
@@ -113,6 +116,12 @@ void answer(const Options& options, mqd_t out, _VTRCmdData record) {
         other.commandKind = record.commandKind == 6 ? 7 : 6;
         other.seeking = record.seeking == 0 ? 1 : 0;
         std::strcpy(other.timecode, "09:09:09:09");
+        send(out, 9, &other, sizeof other);
+    }
+    if (options.otherCommand && record.commandKind == 0) {
+        _VTRCmdData other = record;
+        other.transportCode = record.transportCode == 1 ? 10 : 1;
+        other.errorCode = 0;
         send(out, 9, &other, sizeof other);
     }
     send(out, 9, &record, sizeof record);
