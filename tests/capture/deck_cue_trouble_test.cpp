@@ -271,7 +271,7 @@ TEST(DeckCue, ErrorAnswersEndInTheTextThatFits) {
         {"current time", vtrCurrentTime, 0, true, 20080, "NAK", 1},
         {"current time", vtrCurrentTime, 0, true, 20063, "NAK", 1},
         {"current time", vtrCurrentTime, 0, true, 20061,
-         "NAK (COM1: the deck-control process has ended) (3 attempts)", 3},
+         "NAK (COM1: the deck control takes no requests) (3 attempts)", 3},
         {"current time", vtrCurrentTime, 0, true, 20062, "NAK", 1},
         {"go to 09:59:52:00", vtrGoTo, 0, true, 20081,
          "Error: Preroll to 09:59:52:00 for VTR at COM1 failed. (NAK, at 10:20:00:00) (3 attempts)", 3},
@@ -334,8 +334,8 @@ TEST(DeckCue, ADeckProcessThatStaysAwayIsGivenUpAndTheDeckSaidToRun) {
     bench.deck.refuse = [&](const _VTRCmdData&) {
         return refusal(20061, "Error: Cannot send VTR command.  Send queue not available.");
     };
-    EXPECT_EQ(bench.failure(), "Error: Cannot send VTR command.  Send queue not available. (COM1: the "
-                               "deck-control process has ended) (3 attempts)");
+    EXPECT_EQ(bench.failure(), "Error: Cannot send VTR command.  Send queue not available. (COM1: the deck "
+                               "control takes no requests) (3 attempts)");
     EXPECT_EQ(bench.cue.leftRunning(), "Error: Cannot send VTR command.  Send queue not available.");
     EXPECT_GE(bench.now - begin, 6s);
     EXPECT_LE(bench.now - begin, 12s);
@@ -344,7 +344,7 @@ TEST(DeckCue, ADeckProcessThatStaysAwayIsGivenUpAndTheDeckSaidToRun) {
 TEST(DeckCue, ADeckThatWasNeverMovedIsNotSaidToRun) {
     Bench bench(internal());
     bench.deck.refuse = [&](const _VTRCmdData&) { return refusal(20061, "down"); };
-    EXPECT_EQ(bench.failure(), "down (COM1: the deck-control process has ended) (3 attempts)");
+    EXPECT_EQ(bench.failure(), "down (COM1: the deck control takes no requests) (3 attempts)");
     EXPECT_EQ(bench.cue.leftRunning(), "");
 }
 

@@ -310,7 +310,7 @@ TEST(VtrCapture, ADeckProcessThatIsStartedAgainDuringTheCueCostsAnAttempt) {
     EXPECT_EQ(endsOf(worker.path("out/news.ts"), 3).first, in);
     EXPECT_EQ(endsOf(worker.path("out/news.ts"), 3).last, "10:00:10:00");
     EXPECT_THAT(worker.log(), HasSubstr("attempt 1 of 2: Error: Cannot send VTR command.  Send queue not "
-                                        "available. (COM1: the deck-control process has ended)"));
+                                        "available. (COM1: the deck control takes no requests)"));
 }
 
 TEST(VtrCapture, ADeckThatStopsWhileItIsRecordedIsToldWithWhatIsRecorded) {
@@ -370,9 +370,9 @@ TEST(VtrCapture, ADeckThatIsNotStoppedAfterTheRecordingIsTold) {
     studio.serve(worker.queues);
     worker.start();
     EXPECT_EQ(worker.wait(40s), 0) << "recorded as asked\n" << worker.log();
-    EXPECT_THAT(worker.results(),
-                AllOf(StartsWith("Recorded 00:00:0"), EndsWith("; the deck was not stopped: Error: Command 0 "
-                                                               "to VTR at COM1 failed. (LOCAL)")));
+    EXPECT_THAT(worker.results(), AllOf(StartsWith("Recorded 00:00:0"),
+                                        EndsWith("; the last pause was not confirmed: Error: Command 0 "
+                                                 "to VTR at COM1 failed. (LOCAL)")));
 }
 
 TEST(VtrCapture, ResultsThatAreLongerThanTheServiceKeepsAreCutAndTerminated) {

@@ -194,7 +194,7 @@ TEST(TapeCaptureTrouble, ADeckProcessKilledWhileTheTapeIsRecordedDoesNotEndTheRe
     suite.killDeckProcess();
     suite.expectMarks("10:00:17:05");
     EXPECT_EQ(suite.count(Block(Code::play)), 1);
-    EXPECT_THAT(suite.service.ask("JOB_RESULTS,1"), Not(HasSubstr("the deck was not stopped")));
+    EXPECT_THAT(suite.service.ask("JOB_RESULTS,1"), Not(HasSubstr("the last pause was not confirmed")));
 }
 
 TEST(TapeCaptureTrouble, ADeckProcessThatIsGoneForGoodWhileTheTapeIsRecordedIsToldAtTheEnd) {
@@ -204,10 +204,11 @@ TEST(TapeCaptureTrouble, ADeckProcessThatIsGoneForGoodWhileTheTapeIsRecordedIsTo
     std::filesystem::remove(suite.program());
     suite.killDeckProcess();
     EXPECT_EQ(suite.service.waitForState("1", "COMPLETE", 40s), "TRUE - COMPLETE");
-    EXPECT_THAT(suite.service.ask("JOB_RESULTS,1"),
-                AllOf(HasSubstr("from 10:00:12:00 to 10:00:17:05"),
-                      HasSubstr("; the deck was not stopped: Error: Cannot send VTR command.  Send queue not "
-                                "available.")));
+    EXPECT_THAT(
+        suite.service.ask("JOB_RESULTS,1"),
+        AllOf(HasSubstr("from 10:00:12:00 to 10:00:17:05"),
+              HasSubstr("; the last pause was not confirmed: Error: Cannot send VTR command.  Send queue not "
+                        "available.")));
     EXPECT_EQ(suite.deck->state(), Transport::State::play);
 }
 
@@ -246,8 +247,8 @@ TEST(TapeCaptureTrouble, ADeckProcessThatIsGoneForGoodBeforeMarkInIsAClearFailur
     suite.begin(cuedTape.out);
     EXPECT_EQ(suite.service.waitForState("1", "ERROR", 60s), "TRUE - ERROR");
     EXPECT_EQ(suite.service.ask("JOB_RESULTS,1"),
-              "TRUE - Error: Cannot send VTR command.  Send queue not available. (COM1: the deck-control "
-              "process has ended) (6 attempts)");
+              "TRUE - Error: Cannot send VTR command.  Send queue not available. (COM1: the deck control "
+              "takes no requests) (6 attempts)");
     EXPECT_FALSE(std::filesystem::exists(suite.file()));
 }
 

@@ -17,7 +17,8 @@ constexpr const char* module = "Deck";
 void DeckCue::refused(const Failure& why, bool answered, Clock::time_point now) {
     if (m_phase == Phase::finished)
         return;
-    // The service answers so for a deck process that has ended. It starts another one, soon at first.
+    // The service answers so for a deck process that has ended, of which it starts another one, soon at
+    // first, and for one that reads no more.
     const bool processEnded = answered && why.code == error::vtrSendQueueMissing;
     if (m_phase == Phase::pausing) {
         if (processEnded && now + m_timing.retry < m_limit)
@@ -40,7 +41,7 @@ void DeckCue::refused(const Failure& why, bool answered, Clock::time_point now) 
     if (unreachable)
         return fail(why, now);
     if (processEnded)
-        return trouble(detailed(why, m_plan.port + ": the deck-control process has ended"), now,
+        return trouble(detailed(why, m_plan.port + ": the deck control takes no requests"), now,
                        m_timing.restart);
     if (m_phase == Phase::recueing) {
         enter(Phase::locating);

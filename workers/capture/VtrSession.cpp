@@ -161,7 +161,7 @@ Outcome VtrSession::end() {
         std::none_of(parts.begin(), parts.end(), [](const ResultsPart& part) { return part.failure; });
     // No failure of the recording; but somebody has to look after the tape.
     if (!m_cue.leftRunning().empty())
-        parts.push_back({"; the deck was not stopped: " + m_cue.leftRunning(), true});
+        parts.push_back({"; the last pause was not confirmed: " + m_cue.leftRunning(), true});
     return {succeeded, resultsText(parts)};
 }
 
