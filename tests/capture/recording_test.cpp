@@ -1,6 +1,8 @@
 // The recording of one encoder, fed with prepared packets and a clock of the test's own.
+#include "capture/captured_log.h"
 #include "capture/recording_fixture.h"
 #include "capture/stream_builder.h"
+#include "capture/stream_variants.h"
 #include "foundation/ErrorCodes.h"
 
 #include <fstream>
@@ -253,6 +255,19 @@ TEST_F(RecordingTest, AStreamThatIsGoneAfterTheBeginIsMeasuredFromItsLastPacket)
     EXPECT_EQ(r.deadline(), asked.begin + 30s) << "no random access point in all the time";
     r.tick(asked.begin + 30s);
     EXPECT_THAT(r.status().text, HasSubstr("(no random access point in the video)"));
+}
+
+TEST_F(RecordingTest, AProgramWithoutVideoIsToldAsSuch) {
+    const CapturedLog log;
+    Recording r = recording(plan(CaptureMode::manual));
+    const Packets sound = Reprogrammer()(StreamBuilder().frames(30), {.videoType = 3});
+    r.take(sound, m_now);
+    EXPECT_EQ(log.count("[Capture:Warning] Encoder 1: the program has no video that can be recorded\r\n"), 1)
+        << log.text();
+    feed(r, packetOf(audioPid), 31s);
+    EXPECT_EQ(r.status().text,
+              "Error: Start Capture timed out. (the program has no video that can be recorded)");
+    EXPECT_FALSE(r.status().succeeded);
 }
 
 TEST_F(RecordingTest, CancelWhileWaitingEndsAtOnceAndSaysSo) {

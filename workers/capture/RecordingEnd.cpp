@@ -156,7 +156,9 @@ void Recording::tickWaiting() {
         return fail(detailed(failure(error::vitcLockNoTimecode),
                              m_plan.useStreamLabels ? "the stream has no timecodes, and no other time is told"
                                                     : "no deck time is told"));
-    fail(detailed(failure(error::startCaptureTimeout), "no random access point in the video"));
+    fail(detailed(failure(error::startCaptureTimeout), m_analyzer.videoPid() < 0
+                                                           ? "the program has no video that can be recorded"
+                                                           : "no random access point in the video"));
 }
 
 // The video of a stream whose other parts go on. What stops with the stream is told by tickStall; that a
