@@ -73,6 +73,15 @@ TEST(CaptureDuration, AnImpossibleOneIsRefusedBeforeAnyStream) {
     EXPECT_EQ(failed->code, kestrel::error::durationTooLong);
 }
 
+TEST(LengthText, HasTheDaysInFront) {
+    constexpr std::uint64_t day = 24u * 3600 * 25;
+    EXPECT_EQ(lengthText(day - 1, 3), "23:59:59:24");
+    EXPECT_EQ(lengthText(day, 3), "1d 00:00:00:00");
+    EXPECT_EQ(lengthText(10 * day + 26, 3), "10d 00:00:01:01");
+    EXPECT_EQ(lengthText(2589408, 4), "1d 00:00:00;00") << "of drop frame";
+    EXPECT_EQ(lengthText(25, 0), "an unknown time");
+}
+
 class TimedRecording : public testing::Test {
 protected:
     TemporaryDirectory m_directory;

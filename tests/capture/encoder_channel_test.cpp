@@ -132,6 +132,26 @@ TEST_F(EncoderChannelTest, LossesBehindTheBeginningOfABacklogAreCounted) {
     EXPECT_EQ(channel.losses(), ", 3 RTP datagrams missing");
 }
 
+TEST_F(EncoderChannelTest, AnRtpSequenceThatBeginsAnewIsLoggedAndIsNoLoss) {
+    const CapturedLog log;
+    EncoderChannel channel(m_source, m_plan, m_turned);
+    ASSERT_FALSE(channel.open());
+    StreamBuilder builder;
+    Sender sender("127.0.0.1", m_source.port);
+    sender.sendRtp(builder.frames(12));
+    sender.skip(20000);
+    sender.sendRtp(builder.frames(12));
+    ASSERT_FALSE(channel.start());
+    ASSERT_TRUE(waitFor(channel, records));
+    channel.cancel();
+    channel.join();
+    EXPECT_EQ(channel.losses(), "");
+    channel.logLosses();
+    channel.logLosses();
+    EXPECT_EQ(log.count("[Capture:Warning] Encoder 1: the RTP sequence began anew, 1 time\r\n"), 1)
+        << log.text();
+}
+
 // As an encoder sends that fills datagrams without regard for packets.
 TEST_F(EncoderChannelTest, DatagramsThatAreNoTransportStreamAreCountedAndTheirSizeIsLogged) {
     const CapturedLog log;

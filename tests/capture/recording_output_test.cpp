@@ -50,6 +50,30 @@ TEST_F(RecordingOutput, WithinALockedDirectoryAllIsAllowed) {
     EXPECT_FALSE(check(m_directory.path("main/out.ts")));
 }
 
+TEST_F(RecordingOutput, ADirectoryIsNoFile) {
+    for (const char* output : {"main", "main/", "main/new/"}) {
+        m_plan.lockDirectory = false;
+        const std::string path = m_directory.path(output);
+        const auto failed = check(path);
+        ASSERT_TRUE(failed) << output;
+        EXPECT_EQ(failed->code, kestrel::error::invalidFilename) << output;
+        EXPECT_EQ(failed->text, "Error: Invalid filename. (" + path + ")");
+    }
+    EXPECT_FALSE(std::filesystem::exists(m_directory.path("main/new"))) << "nothing is made";
+}
+
+TEST_F(RecordingOutput, ASegmentHasALength) {
+    m_plan.mode = CaptureMode::rolling;
+    for (const int minutes : {0, -1}) {
+        m_plan.rollingMinutes = minutes;
+        const auto failed = check(m_directory.path("main/out.ts"));
+        ASSERT_TRUE(failed) << minutes;
+        EXPECT_EQ(failed->code, kestrel::error::invalidRollingDuration);
+    }
+    m_plan.rollingMinutes = 1;
+    EXPECT_FALSE(check(m_directory.path("main/out.ts")));
+}
+
 TEST_F(RecordingOutput, AnUnlockedDirectoryMayBeLeft) {
     m_plan.lockDirectory = false;
     EXPECT_FALSE(check(m_directory.path("out.ts")));

@@ -1,4 +1,5 @@
 #include "capture/ServiceLink.h"
+#include "capture/captured_log.h"
 #include "capture/worker_process.h"
 
 #include <gtest/gtest.h>
@@ -48,15 +49,21 @@ TEST(ServiceLink, DoesWithoutQueuesThatAreNotThereOrGoAway) {
     none.sendResults("text");
     EXPECT_FALSE(none.cancelReceived());
 
+    const CapturedLog log;
     auto queues = std::make_unique<ServiceQueues>();
+    const std::string name = queues->updateName();
     ServiceLink link;
-    link.connect(queues->updateName(), queues->managerName());
+    link.connect(name, queues->managerName());
     queues.reset();
     for (int i = 0; i < 30; ++i)
         link.sendHeartbeat();
     const auto begin = Clock::now();
     link.sendResults("text");
     EXPECT_LT(Clock::now() - begin, std::chrono::seconds(1)) << "nobody to wait for";
+    EXPECT_EQ(log.count("Warning] Queue " + name +
+                        " has been removed: the recording goes on, end it with SIGTERM\r\n"),
+              1)
+        << log.text();
 }
 
 } // namespace

@@ -110,9 +110,36 @@ TEST(CaptureRefusal, ASecondEncoderThatCannotBeReceivedStopsTheFirst) {
     Worker worker;
     worker.addEncoder();
     worker.addEncoder();
-    worker.settings.encoders[1].port = worker.settings.encoders[0].port;
+    worker.settings.encoders[1].ipAddress = 0xE0000001; // of a group that nobody joins on such an interface
+    worker.settings.encoders[1].snmpIpAddress = 0x0A010203;
+    std::ofstream(worker.path("map.xml"))
+        << R"(<Encoders><Encoder CONTROL_ADDRESS="10.1.2.3" PORT="1" INTERFACE="192.0.2.1"/></Encoders>)";
+    worker.extraOptions = {"-encoders", worker.path("map.xml")};
     expectRefused(worker);
-    EXPECT_THAT(worker.results(), HasSubstr("Address already in use"));
+    EXPECT_THAT(worker.results(), HasSubstr("(join 224.0.0.1 on interface 192.0.2.1: "));
+    EXPECT_THAT(worker.log(), HasSubstr("Encoder 1: receive buffer"));
+}
+
+TEST(CaptureRefusal, ARollingCaptureWithoutALength) {
+    for (const int minutes : {0, -5}) {
+        Worker worker;
+        worker.addEncoder();
+        worker.settings.cmd.jobType = CSettings::JOB_ROLLING;
+        worker.settings.cmd.rollingDurationMin = minutes;
+        expectRefused(worker);
+        EXPECT_EQ(worker.results(),
+                  "Error: Invalid Rolling Capture duration " + std::to_string(minutes) + ".");
+    }
+}
+
+TEST(CaptureRefusal, AnOutputThatIsADirectory) {
+    Worker worker;
+    worker.addEncoder();
+    std::filesystem::create_directories(worker.path("out/day"));
+    std::snprintf(worker.settings.cmd.outputFile, sizeof worker.settings.cmd.outputFile, "%s",
+                  worker.path("out/day").c_str());
+    expectRefused(worker);
+    EXPECT_EQ(worker.results(), "Error: Invalid filename. (" + worker.path("out/day") + ")");
 }
 
 // The profile's options stand before those of the service, which tell where the mistake can be reported.

@@ -74,6 +74,25 @@ TEST_F(WriterStall, LosesNothingOfATimedCaptureThatIsOverMeanwhile) {
     EXPECT_THAT(log.text(), Not(HasSubstr("has stopped")));
 }
 
+TEST_F(WriterStall, WhenTheRecorderIsNoLongerLateTheLogTells) {
+    m_plan.mode = CaptureMode::manual;
+    const CapturedLog log;
+    EncoderChannel channel(m_source, m_plan, m_turned, m_timing);
+    ASSERT_FALSE(channel.open());
+    ASSERT_FALSE(channel.start());
+    StreamBuilder builder(shape);
+    Sender sender("127.0.0.1", m_source.port);
+    Packets sent = builder.frames(40);
+    sendLive(sender, sent, 40); // longer than lateTime
+    ASSERT_TRUE(m_disk.takeUpTo(sent.size() * packetSize));
+    sent = builder.frames(10);
+    sendLive(sender, sent, 10);
+    channel.cancel();
+    EXPECT_TRUE(m_disk.takeAll());
+    channel.join();
+    EXPECT_EQ(log.count("Encoder 1: no longer behind the stream\r\n"), 1) << log.text();
+}
+
 TEST_F(WriterStall, DoesNotCutTheLastFrame) {
     m_timing.stall = 1000ms; // longer than what was received waits to be written
     StreamBuilder builder({.packetsPerFrame = 600});
