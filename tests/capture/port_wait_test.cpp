@@ -6,6 +6,7 @@
 #include "foundation/Eventually.h"
 
 #include <csignal>
+#include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <thread>
@@ -136,8 +137,69 @@ TEST(PortWait, AJobThatNamesOneStreamTwiceIsRefusedAtOnce) {
     addEncoder(worker, encoder.address);
     worker.start();
     EXPECT_EQ(worker.wait(20s), 1) << worker.log();
-    EXPECT_THAT(worker.results(), HasSubstr("is already recorded by process " + std::to_string(getpid())));
+    EXPECT_EQ(worker.results(), "Error: Start Capture failed. (Encoder 1 at " + encoder.text +
+                                    " and Encoder 2 at " + encoder.text +
+                                    " of this job cannot both receive on UDP port 5000)");
     EXPECT_THAT(worker.log(), Not(HasSubstr("waits up to")));
+}
+
+TEST(PortWait, AJobWhoseReceptionsExcludeEachOtherIsRefusedAtOnce) {
+    const Encoder encoder;
+    constexpr std::uint32_t any = 0;
+    constexpr std::uint32_t loopback = 0x7F000001;
+    constexpr std::uint32_t group = 0xEFFF4D01;
+    const auto told = [&](std::uint32_t first, std::uint32_t second) {
+        Worker worker;
+        const int port = freePort();
+        for (const std::uint32_t address : {first, second}) {
+            auto& reception =
+                worker.settings.encoders[static_cast<std::size_t>(worker.settings.numEncoders++)];
+            reception.ipAddress = address;
+            reception.port = port;
+        }
+        worker.start();
+        EXPECT_EQ(worker.wait(20s), 1) << worker.log();
+        EXPECT_THAT(worker.log(), Not(HasSubstr("waits up to")));
+        const std::string text = worker.results();
+        EXPECT_THAT(text, HasSubstr("of this job cannot both receive on UDP port " + std::to_string(port)));
+        return text;
+    };
+    EXPECT_THAT(told(any, loopback), HasSubstr("(Encoder 1 at 0.0.0.0 and Encoder 2 at 127.0.0.1 of"));
+    EXPECT_THAT(told(loopback, any), HasSubstr("(Encoder 1 at 127.0.0.1 and Encoder 2 at 0.0.0.0 of"));
+    EXPECT_THAT(told(loopback, loopback), HasSubstr("(Encoder 1 at 127.0.0.1 and Encoder 2 at 127.0.0.1 of"));
+    EXPECT_THAT(told(group, any), HasSubstr("(Encoder 1 at 239.255.77.1 and Encoder 2 at 0.0.0.0 of"));
+}
+
+// One group twice, and two addresses of this host.
+TEST(PortWait, AJobWhoseReceptionsDoNotExcludeEachOtherReceivesBoth) {
+    for (const auto& [first, second] :
+         {std::pair{0xEFFF4D01u, 0xEFFF4D01u}, {0x7F000001u, 0x7F000002u}, {0xEFFF4D01u, 0x7F000001u}}) {
+        Worker worker;
+        const int port = freePort();
+        worker.settings.numEncoders = 2;
+        std::ofstream map(worker.path("map.xml"));
+        map << "<Encoders>";
+        int line = 0;
+        for (const std::uint32_t address : {first, second}) {
+            auto& reception = worker.settings.encoders[static_cast<std::size_t>(line++)];
+            reception.snmpIpAddress = 0x0A010200 | static_cast<std::uint32_t>(line);
+            reception.ipAddress = address;
+            reception.port = port;
+            map << "<Encoder CONTROL_ADDRESS=\"10.1.2." << line << "\" PORT=\"1\" INTERFACE=\"127.0.0.1\"/>";
+        }
+        map << "</Encoders>";
+        map.close();
+        worker.extraOptions = {"-encoders", worker.path("map.xml")};
+        worker.start();
+        worker.waitForLog("Encoder 2: receive buffer");
+        const bool unicast = second == 0x7F000001u || second == 0x7F000002u;
+        const std::string ignored =
+            "Encoder 2: INTERFACE 127.0.0.1 of the encoder map is ignored: its stream "
+            "comes to no multicast group";
+        EXPECT_EQ(worker.log().find(ignored) != std::string::npos, unicast);
+        worker.queues.send(CANCEL_MSG);
+        EXPECT_EQ(worker.wait(), 1);
+    }
 }
 
 // The one that was waited for at first may have gone, and another recorder be there.

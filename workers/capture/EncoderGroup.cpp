@@ -22,6 +22,20 @@ int firstReception(const CSettings& settings) {
     return secondOnly ? 1 : 0;
 }
 
+// Whether one of them is refused where the other receives.
+bool clash(const StreamSource& one, const StreamSource& other) noexcept {
+    if (one.port != other.port)
+        return false;
+    if (one.sender != 0 && other.sender != 0)
+        return one.sender == other.sender;
+    const auto shares = [](const StreamSource& source) {
+        return source.sender != 0 || isMulticast(source.address);
+    };
+    if (shares(one) && shares(other))
+        return false;
+    return one.address == other.address || one.address == 0 || other.address == 0;
+}
+
 } // namespace
 
 MaybeFailure EncoderGroup::open(const CSettings& settings, const EncoderMap& map, RecordingPlan plan,
@@ -54,13 +68,19 @@ MaybeFailure EncoderGroup::open(const CSettings& settings, const EncoderMap& map
                              "%s: what anybody sends to UDP port %d of this host is recorded: %s names no "
                              "address",
                              plan.name.c_str(), source.port, source.origin.c_str());
-        bool patient = m_pause != nullptr;
-        for (Opening& other : openings)
-            if (other.source.port == source.port && other.source.address == source.address &&
-                other.source.sender == source.sender)
-                // Two receptions of one stream never come to terms.
-                other.patient = patient = false;
-        openings.push_back({source, plan, &reception, patient});
+        if (source.interfaceAddress != 0 && !isMulticast(source.address))
+            LogUtil::Warning(module,
+                             "%s: INTERFACE %s of the encoder map is ignored: its stream comes to no "
+                             "multicast group",
+                             plan.name.c_str(), addressText(source.interfaceAddress).c_str());
+        // They would never come to terms.
+        for (const Opening& other : openings)
+            if (clash(other.source, source))
+                return detailed(failure(error::startCaptureFailed),
+                                format("%s at %s and %s at %s of this job cannot both receive on UDP port %d",
+                                       other.plan.name.c_str(), other.plan.shownAddress.c_str(),
+                                       plan.name.c_str(), plan.shownAddress.c_str(), source.port));
+        openings.push_back({source, plan, &reception});
     }
     return openPatiently(openings, timing);
 }
@@ -78,7 +98,7 @@ MaybeFailure EncoderGroup::openPatiently(const std::vector<Opening>& openings, c
             return failed;
         if (again && announced != first)
             continue; // another one's, and who has that has not been asked
-        if (!openings[first].patient)
+        if (!m_pause)
             return failed;
         if (announced != first)
             LogUtil::Info(module, "%s: waits up to %.0f s for its port: %s",

@@ -83,12 +83,11 @@ private:
         [[nodiscard]] std::string text(const RecordingStatus& status) const;
     };
 
-    // A channel that is to be opened; patient: its port may be waited for.
+    // A channel that is to be opened.
     struct Opening {
         StreamSource source;
         RecordingPlan plan;
         const CSettings::EncoderReception* reception;
-        bool patient;
     };
 
     [[nodiscard]] MaybeFailure openPatiently(const std::vector<Opening>& openings, const Timing& timing);
