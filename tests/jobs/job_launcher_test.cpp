@@ -4,14 +4,17 @@
 #include "foundation/PosixWrappers.h"
 #include "foundation/ProcessTree.h"
 #include "foundation/QueueMessages.h"
+#include "foundation/WaitUntilAsleep.h"
 #include "job_workers.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
+#include <thread>
 
 using kestrel::test::childrenOf;
 using kestrel::test::threadsOf;
@@ -26,6 +29,39 @@ pid_t firstChild() {
     const std::vector<pid_t> children = childrenOf(getpid());
     return children.empty() ? 0 : children.front();
 }
+
+// A queue of the launcher's as others see it, also when its name is gone.
+class OtherEnd {
+public:
+    explicit OtherEnd(const char* name) : m_queue(mq_open(name, O_RDWR | O_CLOEXEC)) {
+        EXPECT_GE(m_queue, 0) << name;
+    }
+    ~OtherEnd() { mq_close(m_queue); }
+    OtherEnd(const OtherEnd&) = delete;
+    OtherEnd& operator=(const OtherEnd&) = delete;
+
+    // False when there was no room for it within the time.
+    [[nodiscard]] bool send(const std::string& text) const {
+        timespec limit{};
+        clock_gettime(CLOCK_REALTIME, &limit);
+        limit.tv_sec += 20;
+        return mq_timedsend(m_queue, text.data(), text.size(), 0, &limit) == 0;
+    }
+    // Empty when none waits.
+    [[nodiscard]] std::string receive() const {
+        char bytes[1000];
+        timespec now{};
+        const ssize_t length = mq_timedreceive(m_queue, bytes, sizeof bytes, nullptr, &now);
+        return {bytes, static_cast<std::size_t>(std::max<ssize_t>(length, 0))};
+    }
+    [[nodiscard]] long waiting() const {
+        mq_attr attributes{};
+        return mq_getattr(m_queue, &attributes) == 0 ? attributes.mq_curmsgs : -1;
+    }
+
+private:
+    mqd_t m_queue;
+};
 
 } // namespace
 
@@ -269,6 +305,39 @@ TEST_F(JobLauncherTest, CreatedQueuesHaveTheDocumentedAttributes) {
     EXPECT_EQ(JobLauncher::flushAndDestroyQueue(name, queue), 0) << "waiting messages do not hold it up";
     EXPECT_FALSE(queueExists(name));
     EXPECT_EQ(fcntl(queue, F_GETFD), -1);
+}
+
+TEST_F(JobLauncherTest, DestroyingAQueueDropsAsManyMessagesAsItHeld) {
+    char name[] = "/job_update_q_901041";
+    int queue = -1;
+    ASSERT_EQ(JobLauncher::createQueue(name, queue), 0);
+    const OtherEnd other(name);
+    for (int i = 0; i < 10; ++i)
+        ASSERT_EQ(sendMsg(queue, "held", 4), 0);
+    std::atomic<pid_t> waiting{0};
+    std::thread sender([&] {
+        waiting = gettid();
+        EXPECT_TRUE(other.send("late")) << "a sender that waits for room is let go";
+    });
+    waitUntilAsleep(waiting);
+    EXPECT_EQ(JobLauncher::flushAndDestroyQueue(name, queue), 0);
+    sender.join();
+    EXPECT_EQ(other.receive(), "late");
+    EXPECT_EQ(other.waiting(), 0);
+}
+
+TEST_F(JobLauncherTest, MessagesStillWaitingWhenTheWorkerHasEndedAreDropped) {
+    CaptureManualJob job(901042);
+    const std::string held = file("held");
+    ASSERT_EQ(launch(job, "hold:" + held), 0);
+    const OtherEnd toWorker(job.mgrQueueName);
+    for (int i = 0; i < 3; ++i)
+        ASSERT_TRUE(toWorker.send("unread"));
+    std::ofstream(held).flush();
+    EXPECT_TRUE(allEnded());
+    EXPECT_EQ(job.state(), Job::COMPLETE);
+    EXPECT_EQ(toWorker.waiting(), 0);
+    EXPECT_FALSE(queueExists(job.mgrQueueName));
 }
 
 TEST_F(JobLauncherTest, ASecondReaderOfTheQueueDoesNotHangTheWatching) {
