@@ -38,9 +38,11 @@ public:
     OwnQueue& operator=(const OwnQueue&) = delete;
 
     char* name() { return m_name.data(); }
-    std::string receive() {
+    std::string receive(unsigned* priority = nullptr) {
         int length = 0;
-        EXPECT_EQ(receiveMsg(m_queue, m_room.data(), static_cast<int>(m_room.size()), &length), 0);
+        EXPECT_EQ(
+            receivePriorityMsg(m_queue, m_room.data(), static_cast<int>(m_room.size()), &length, priority),
+            0);
         return {m_room.data(), static_cast<std::size_t>(std::max(length, 0))};
     }
     // Messages that wait.
@@ -390,6 +392,14 @@ TEST_F(ManagerJobs, AMessageGoesOnTheNamedQueue) {
     ASSERT_EQ(queue.waiting(), 2);
     EXPECT_EQ(queue.receive(), typeBytes(RESULTS_MSG) + std::string("payload\0", 8));
     EXPECT_EQ(queue.receive(), typeBytes(EXIT_MSG)) << "in order, without a payload";
+}
+
+TEST_F(ManagerJobs, AMessageHasPriorityZero) {
+    OwnQueue queue;
+    EXPECT_EQ(manager().SendQueueMessage(queue.name(), EXIT_MSG, nullptr, 0), 0);
+    unsigned priority = 99;
+    queue.receive(&priority);
+    EXPECT_EQ(priority, 0U);
 }
 
 TEST_F(ManagerJobs, TheQueueIsOpenedAndClosedForEachMessage) {

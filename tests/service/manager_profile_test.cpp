@@ -77,26 +77,41 @@ TEST_F(ManagerProfile, AManagerFixesThePathOfTheProfile) {
     EXPECT_EQ(settings.heartbeatTimeoutSecs, 3);
 }
 
-TEST_F(ManagerProfile, TheStopClientReadsThePortWithoutAManager) {
-    unsigned short port = 0;
-    const kestrel::UniqueFd listener = boundSocket(SOCK_STREAM, port);
-    ASSERT_EQ(listen(listener.get(), 1), 0);
-    writeProfile("<R>" + section("WebServicesComm", "PORT_NUMBER", std::to_string(port)) + "</R>");
+// The stop client, and a service that answers it as the test says.
+class StopClient : public SettingsTest {
+protected:
+    // What the client prints.
+    std::string outputFor(const std::string& answer) {
+        unsigned short port = 0;
+        const kestrel::UniqueFd listener = boundSocket(SOCK_STREAM, port);
+        EXPECT_EQ(listen(listener.get(), 1), 0);
+        writeProfile("<R>" + section("WebServicesComm", "PORT_NUMBER", std::to_string(port)) + "</R>");
+        std::thread server([&] {
+            const kestrel::UniqueFd peer(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+            char buffer[100];
+            const ssize_t count = recv(peer.get(), buffer, sizeof buffer, 0);
+            request.assign(buffer, count > 0 ? static_cast<std::size_t>(count) : 0);
+            sendText(peer, answer);
+        });
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(kestrel::stopService(), 0);
+        server.join();
+        return testing::internal::GetCapturedStdout();
+    }
+
     std::string request;
-    std::thread server([&] {
-        const kestrel::UniqueFd peer(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
-        char buffer[100];
-        const ssize_t count = recv(peer.get(), buffer, sizeof buffer, 0);
-        request.assign(buffer, count > 0 ? static_cast<std::size_t>(count) : 0);
-        sendText(peer, "TRUE - a good long answer\n");
-    });
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(kestrel::stopService(), 0);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "TRUE - a good long answer\n\n");
-    server.join();
+};
+
+TEST_F(StopClient, ReadsThePortWithoutAManager) {
+    EXPECT_EQ(outputFor("TRUE - a good long answer\n"), "TRUE - a good long answer\n\n");
     EXPECT_EQ(request, "STOP_SERVICE\r\n");
     EXPECT_EQ(CManagerLib::m_instance, nullptr);
     EXPECT_EQ(log(), "") << "the client sets up no logging";
+}
+
+TEST_F(StopClient, PrintsTheRestOfItsRequestBehindAShorterAnswer) {
+    EXPECT_EQ(outputFor("OK\n"), "OK\nP_SERVICE\r\n\n");
+    EXPECT_EQ(outputFor(std::string("OK\0", 3)), "OK\n") << "a zero ends the answer";
 }
 
 TEST_F(ManagerProfile, AManagerWithoutAProfileLogsSoIntoTheDefaultFileAtLevelOne) {

@@ -197,4 +197,20 @@ TEST(ProcessorFailures, AnAnswerThatCannotBeSentIsLogged) {
     EXPECT_TRUE(helper.sendToSocket(text));
 }
 
+TEST(ProcessorFailures, AnAnswerThatIsSentInPartIsNotSentAgain) {
+    const CapturedLog lines;
+    int pair[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
+    const UniqueFd client(pair[0]);
+    {
+        CSocketHelper helper(pair[1], new CMessageProcessor);
+        char text[] = "TRUE - ALIVE";
+        systemRefusals().sent = 4;
+        EXPECT_TRUE(helper.sendToSocket(text)) << "a part is no failure";
+    }
+    EXPECT_EQ(receive(client), "") << "neither the rest nor the whole";
+    EXPECT_THAT(lines.text(),
+                HasSubstr("[CSocketHelper:Debug] CSocketHelper::sendToSocket sent len 4- Exiting\r\n"));
+}
+
 } // namespace
