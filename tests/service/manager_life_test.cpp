@@ -166,6 +166,26 @@ TEST_F(ManagerLife, ItCanBeStartedAgainAfterItsEnd) {
     }
 }
 
+// One whose manager stays, with the flag and both events of that end.
+TEST_F(ManagerLife, ARunAfterAnEndKnowsNothingOfThatEnd) {
+    const auto runAfterAnEnd = [this] {
+        EXPECT_EQ(CManagerLib::Run(), 0);
+        CManagerLib::GetInstance()->setShutdownEvent();
+        EXPECT_EQ(CManagerLib::GetInstance()->shutdown(), 0);
+        auto run = std::async(std::launch::async, CManagerLib::RunCmdLine);
+        waitUntilItAnswers();
+        return run;
+    };
+    auto run = runAfterAnEnd();
+    raise(SIGINT);
+    EXPECT_EQ(run.get(), 1) << "it waited until the signal";
+    EXPECT_THAT(log(), Not(HasSubstr("Received Shutdown Request")));
+    run = runAfterAnEnd();
+    EXPECT_EQ(ask("STOP_SERVICE"), "TRUE - Shutdown Signalled to Kestrel Manager Service\n");
+    EXPECT_EQ(run.get(), 0) << "it did not take the request for a signal";
+    EXPECT_EQ(CManagerLib::m_instance, nullptr);
+}
+
 TEST_F(ManagerLife, APortInUseIsMinusOneAndNothingStays) {
     const kestrel::UniqueFd other = boundSocket(SOCK_STREAM, port);
     ASSERT_EQ(listen(other.get(), 1), 0);

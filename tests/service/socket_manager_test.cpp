@@ -7,13 +7,16 @@
 
 #include <algorithm>
 #include <chrono>
+#include <ctime>
 #include <filesystem>
 #include <gmock/gmock.h>
 #include <iterator>
 #include <netinet/tcp.h>
 #include <optional>
+#include <pthread.h>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 using kestrel::UniqueFd;
@@ -263,6 +266,30 @@ TEST_F(SocketServer, AClientWaitsInTheBacklogUntilASlotFrees) {
     EXPECT_FALSE(readable(second, 200)) << "the only slot is taken";
     first.reset();
     EXPECT_EQ(receive(second), "TRUE - ALIVE\n");
+}
+
+TEST_F(SocketServer, WhileEverySlotIsInUseClientsThatWaitDoNotWakeIt) {
+    start(1);
+    UniqueFd first = connectTo(port);
+    const UniqueFd second = connectTo(port);
+    ASSERT_TRUE(sendText(second, "PING_SERVICE"));
+    clockid_t clock{};
+    ASSERT_EQ(pthread_getcpuclockid(acceptor.native_handle(), &clock), 0);
+    const auto used = [clock] {
+        timespec time{};
+        EXPECT_EQ(clock_gettime(clock, &time), 0);
+        return std::make_pair(time.tv_sec, time.tv_nsec);
+    };
+    // The first rounds may still see it accept the first client. A thread that sleeps uses nothing at all.
+    bool slept = false;
+    for (int round = 0; round < 20 && !slept; ++round) {
+        const auto before = used();
+        EXPECT_FALSE(readable(second, 200)) << "the only slot is taken";
+        slept = used() == before;
+    }
+    EXPECT_TRUE(slept);
+    first.reset();
+    EXPECT_EQ(receive(second), "TRUE - ALIVE\n") << "the slot that frees does";
 }
 
 TEST_F(SocketServer, ASlotThatFreesServesTheNextClient) {
