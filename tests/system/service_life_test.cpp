@@ -134,6 +134,17 @@ TEST_P(OtherWords, DoNothingAndExitZero) {
 INSTANTIATE_TEST_SUITE_P(Each, OtherWords,
                          testing::Values("install", "uninstall", "Debug", "START", "stopx", "--help"));
 
+TEST(ServiceLife, AnArgumentBehindTheWordIsIgnored) {
+    const ServiceUnderTest service;
+    const Ended stopped = endOf(*service.run("stop", "now"));
+    EXPECT_EQ(stopped.output, "Could not connect to port " + std::to_string(service.port()) +
+                                  " to send stop message: errno=111\n");
+    EXPECT_EQ(stopped.code, 255);
+    const Ended installed = endOf(*service.run("install", "stop"));
+    EXPECT_EQ(installed.output, "");
+    EXPECT_EQ(installed.code, 0);
+}
+
 TEST(ServiceLife, WithoutAWordItRunsInTheForegroundAndDetachesOnlyAfterTheEnd) {
     ServiceUnderTest service;
     const auto process = service.run("");

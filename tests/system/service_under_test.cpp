@@ -228,10 +228,11 @@ void ServiceUnderTest::writeProfile() const {
     out << "</KestrelManager>\n";
 }
 
-std::unique_ptr<Child> ServiceUnderTest::run(const std::string& word) const {
+std::unique_ptr<Child> ServiceUnderTest::run(const std::string& word, const std::string& further) const {
     std::vector<std::string> argv{KESTREL_MANAGER_UNDER_TEST};
-    if (!word.empty())
-        argv.push_back(word);
+    for (const std::string& argument : {word, further})
+        if (!argument.empty())
+            argv.push_back(argument);
     return run(argv);
 }
 

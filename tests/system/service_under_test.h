@@ -87,8 +87,8 @@ public:
     // Starts "KestrelManager debug" and waits until it answers. preparation: shell commands whose effects on
     // their process the service inherits, e.g. "umask 0".
     void start(const std::string& preparation = {});
-    // Starts the program with that word and does not wait for anything.
-    std::unique_ptr<Child> run(const std::string& word) const;
+    // Starts the program with that word, and a further one if given, and does not wait for anything.
+    std::unique_ptr<Child> run(const std::string& word, const std::string& further = {}) const;
 
     // One request on a connection of its own; the answer without its LF.
     std::string ask(std::string_view line) const;
