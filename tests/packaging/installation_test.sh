@@ -26,6 +26,20 @@ has "$text" "KESTREL_LOG_PARENT_DIR has no closing slash"
 text=$(configure -DKESTREL_CONFIG_PARENT_DIR="$scratch/conf/" -DKESTREL_LOG_PARENT_DIR="$scratch/logs/")
 [[ $text != *slash* ]] || fail "$text"
 
+# Without a word about them the directories are the documented ones.
+default=$scratch/default
+"$KESTREL_CMAKE" -S "$KESTREL_SOURCE_ROOT" -B "$default" -DKESTREL_BUILD_TESTS=OFF >/dev/null
+"$KESTREL_CMAKE" --build "$default" --target kestrel_directories >/dev/null
+cat >"$scratch/directories.cpp" <<'EOF'
+#include <cstdio>
+extern char KESTREL_CONFIG_PARENT_DIR[260];
+extern char KESTREL_LOG_PARENT_DIR[260];
+int main() { std::printf("%s %s", KESTREL_CONFIG_PARENT_DIR, KESTREL_LOG_PARENT_DIR); }
+EOF
+"$CXX" "$scratch/directories.cpp" "$default/src/service/libkestrel_directories.a" -o "$scratch/directories"
+directories=$("$scratch/directories")
+[[ $directories == "/opt/vellumtv/hub/conf/verifier/ /usr/local/ormondtv/kestrel/logs/" ]] || fail "$directories"
+
 # The profile is told of, the new one and the one that is kept.
 install_profile() { "$KESTREL_CMAKE" --install "$scratch/build" --component profile 2>&1; }
 profile=$scratch/conf/KestrelManagerProfile.xml
