@@ -309,6 +309,18 @@ TEST(Clock, OneReferenceThatIsOffCountsHoweverManyThereAre) {
         }
 }
 
+TEST(Clock, OneReferenceThatIsFarOffLeavesTheRateConstant) {
+    for (const int count : {200, 5'000, 50'000, 450'000})
+        for (const int off : {30, 75, 76, 77, 100, 101, 102, 150})
+            for (const std::int64_t ticks : {5 * MS, 20 * MS, -20 * MS, 39 * MS}) {
+                ClockCheck clock;
+                addSteady(clock, count, 1000 * MS, 0, off * (count / 200), static_cast<int>(ticks));
+                EXPECT_GT(clock.jitterUs().value_or(-1), 4'500) << off << " of " << count << ", " << ticks;
+                ASSERT_TRUE(clock.rate()) << off << " of " << count << ", " << ticks;
+                EXPECT_NEAR(clock.rate()->packetsPerSecond / 2500, 1, 1e-3);
+            }
+}
+
 TEST(Clock, AStretchBehindALongOneIsLookedAtAsCloselyAsAny) {
     ClockCheck clock;
     addSteady(clock, 100'000, 0, 0);

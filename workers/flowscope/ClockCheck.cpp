@@ -131,11 +131,20 @@ bool ClockCheck::Pace::constant(int spansWanted) const {
 ClockCheck::Pace ClockCheck::paceOf(std::span<const Sample> samples, std::int64_t shortest) {
     Pace pace;
     std::size_t begin = 0;
+    const auto rateOf = [&](std::size_t from, std::size_t to) {
+        return static_cast<double>(samples[to].packet - samples[from].packet) /
+               static_cast<double>(samples[to].pcr - samples[from].pcr);
+    };
     for (std::size_t i = 1; i < samples.size(); ++i) {
         if (samples[i].pcr - samples[begin].pcr < shortest)
             continue;
-        const double rate = static_cast<double>(samples[i].packet - samples[begin].packet) /
-                            static_cast<double>(samples[i].pcr - samples[begin].pcr);
+        // Of two the one that is nearer to the mean ends a span: a single one that is off ends none.
+        const auto departure = [&](std::size_t end) {
+            return std::abs(rateOf(begin, end) - rateOf(0, samples.size() - 1));
+        };
+        if (i + 1 < samples.size() && departure(i + 1) < departure(i))
+            ++i;
+        const double rate = rateOf(begin, i);
         pace.least = pace.spans == 0 ? rate : std::min(pace.least, rate);
         pace.most = std::max(pace.most, rate);
         ++pace.spans;
