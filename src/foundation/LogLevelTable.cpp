@@ -37,6 +37,13 @@ std::int32_t LogLevelTable::levelOf(const char* module) const noexcept {
     return entry ? entry->level.load(std::memory_order_relaxed) : m_default->load(std::memory_order_relaxed);
 }
 
+std::int32_t LogLevelTable::lowestLevel() const noexcept {
+    std::int32_t lowest = defaultLevel();
+    for (const auto& entry : m_entries)
+        lowest = std::min(lowest, entry->level.load(std::memory_order_relaxed));
+    return lowest;
+}
+
 bool LogLevelTable::setLevel(const char* module, std::int32_t level) noexcept {
     Entry* entry = find(module);
     if (entry)

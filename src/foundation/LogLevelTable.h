@@ -22,6 +22,8 @@ public:
 
     // The level of a module, or the default level.
     [[nodiscard]] std::int32_t levelOf(const char* module) const noexcept;
+    // The lowest level of any module: messages below it are filtered whatever their module.
+    [[nodiscard]] std::int32_t lowestLevel() const noexcept;
     // Changes the level of a module; false when the table does not have it.
     bool setLevel(const char* module, std::int32_t level) noexcept;
 

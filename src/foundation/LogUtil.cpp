@@ -164,7 +164,7 @@ LogUtil* LogUtil::instanceLocked() {
     if (!m_instance) {
         try {
             m_instance = new LogUtil;
-            publishedLevels = m_instance->m_levels;
+            m_instance->publishLevels();
         } catch (...) {
             return nullptr;
         }
@@ -180,6 +180,14 @@ LogUtil* LogUtil::GetInstance() {
     return instanceLocked();
 }
 
+// To those who ask without a lock.
+void LogUtil::publishLevels() {
+    if (m_instance != this)
+        return;
+    publishedLevels = m_levels;
+    m_lowest = m_levels.load()->lowestLevel();
+}
+
 void LogUtil::Cleanup() {
     if (!m_mutex)
         return;
@@ -189,6 +197,7 @@ void LogUtil::Cleanup() {
         return;
     m_instance = nullptr;
     publishedLevels = nullptr;
+    m_lowest = std::numeric_limits<std::int32_t>::min();
     while (log->m_holds > 0)
         pthread_cond_wait(&holdsReleased, m_mutex->native());
     delete log;
@@ -238,13 +247,10 @@ void LogUtil::setLogLevel(const char* module, _LogLevel level) {
     module = nameOf(module);
     MutexLock lock(*m_mutex);
     m_moduleLevels[module] = level;
-    LogLevelTable* levels = m_levels;
-    if (levels->setLevel(module, level))
-        return;
-    levels = keep(levels->with(module, level));
-    m_levels = levels;
-    if (m_instance == this)
-        publishedLevels = levels;
+    LogLevelTable* const levels = m_levels;
+    if (!levels->setLevel(module, level))
+        m_levels = keep(levels->with(module, level));
+    publishLevels();
 }
 
 std::int32_t LogUtil::getDefaultLogLevel() const noexcept {
@@ -252,7 +258,9 @@ std::int32_t LogUtil::getDefaultLogLevel() const noexcept {
 }
 
 void LogUtil::setDefaultLogLevel(std::int32_t level) {
+    MutexLock lock(*m_mutex);
     m_levels.load()->setDefaultLevel(level);
+    publishLevels();
 }
 
 char* LogUtil::newFormatLogMsg(const char* module, _LogLevel level, const char* text) {
@@ -309,12 +317,12 @@ bool LogUtil::logList(const char* module, _LogLevel level, const wchar_t* format
     return write(module, level, format, args);
 }
 
-bool LogUtil::IsFiltered(const char* module, _LogLevel level) noexcept {
+bool LogUtil::isFilteredByModule(const char* module, _LogLevel level) noexcept {
     return isFiltered(publishedLevels.load(std::memory_order_acquire), module, level);
 }
 
 bool LogUtil::LogList(const char* module, _LogLevel level, const char* format, va_list args) {
-    if (isFiltered(publishedLevels, module, level))
+    if (IsFiltered(module, level))
         return true;
     const ErrnoKeeper keeper;
     const Hold hold;
@@ -323,7 +331,7 @@ bool LogUtil::LogList(const char* module, _LogLevel level, const char* format, v
 }
 
 bool LogUtil::LogList(const char* module, _LogLevel level, const wchar_t* format, va_list args) {
-    if (isFiltered(publishedLevels, module, level))
+    if (IsFiltered(module, level))
         return true;
     const ErrnoKeeper keeper;
     const Hold hold;

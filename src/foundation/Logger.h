@@ -17,6 +17,7 @@
 #include <cstdio>
 #include <ctime>
 #include <iosfwd>
+#include <limits>
 #include <map>
 #include <memory>
 #include <pthread.h>
@@ -214,7 +215,9 @@ public:
     static bool Fatal(const char* module, const wchar_t* format, ...);
     // Whether a message of that module and level would be dropped: for callers that have several to make,
     // very often. Takes no lock.
-    static bool IsFiltered(const char* module, _LogLevel level) noexcept;
+    static bool IsFiltered(const char* module, _LogLevel level) noexcept {
+        return level < m_lowest.load(std::memory_order_relaxed) || isFilteredByModule(module, level);
+    }
     static bool Log(const char* module, _LogLevel level, const char* format, ...)
         __attribute__((format(printf, 3, 4)));
     static bool Log(const char* module, _LogLevel level, const wchar_t* format, ...);
@@ -264,6 +267,11 @@ private:
     template <typename Char>
     bool writeLine(const Char* line);
     static LogUtil* instanceLocked() REQUIRES(*m_mutex);
+    static bool isFilteredByModule(const char* module, _LogLevel level) noexcept;
+    void publishLevels() REQUIRES(*m_mutex);
+
+    // Of the one object: its lowest level, so that most of the filtered messages cost one look.
+    static inline std::atomic<std::int32_t> m_lowest{std::numeric_limits<std::int32_t>::min()};
 
     std::vector<std::unique_ptr<BaseLogger>> m_loggers GUARDED_BY(*m_mutex);
     std::map<const char*, _LogLevel, mapCmp> m_moduleLevels GUARDED_BY(*m_mutex);

@@ -107,6 +107,22 @@ TEST_F(LoggerTest, FilteredCallTakesNoLock) {
     EXPECT_EQ(out.str(), "");
 }
 
+TEST_F(LoggerTest, ALevelThatGoesDownIsSeenAtOnce) {
+    log->setDefaultLogLevel(BaseLogger::Fatal);
+    log->setLogLevel("A", BaseLogger::Fatal);
+    EXPECT_TRUE(LogUtil::IsFiltered("A", BaseLogger::Info));
+    log->setLogLevel("A", BaseLogger::Info);
+    EXPECT_FALSE(LogUtil::IsFiltered("A", BaseLogger::Info));
+    EXPECT_TRUE(LogUtil::IsFiltered("B", BaseLogger::Info));
+    log->setLogLevel("B", BaseLogger::Debug);
+    EXPECT_FALSE(LogUtil::IsFiltered("B", BaseLogger::Debug));
+    log->setDefaultLogLevel(-1);
+    EXPECT_FALSE(LogUtil::IsFiltered("C", BaseLogger::Debug));
+    log->setDefaultLogLevel(BaseLogger::Fatal);
+    LogUtil::Cleanup();
+    EXPECT_FALSE(LogUtil::IsFiltered("C", BaseLogger::Debug)) << "a new object writes everything";
+}
+
 TEST_F(LoggerTest, LevelsMayChangeWhileOthersLog) {
     static const std::vector<std::string> modules = [] {
         std::vector<std::string> names;
