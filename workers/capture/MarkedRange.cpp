@@ -117,7 +117,18 @@ bool MarkedRange::between(std::int64_t position) const {
 
 bool MarkedRange::lacks(std::int64_t position) const {
     const auto at = static_cast<std::size_t>(position);
-    return at < m_lacking.size() && m_lacking[at];
+    return position >= 0 && at < m_lacking.size() && m_lacking[at];
+}
+
+// One that stands alone between such as no frame has is not told from one that stands for a timecode that
+// the encoder has made up: nothing goes on from it.
+bool MarkedRange::doubtful(std::int64_t position) const {
+    if (lacks(position - 1) && lacks(position + 1))
+        return true;
+    for (std::int64_t at = position - 1; at >= std::max<std::int64_t>(position - m_doubt, 0); --at)
+        if (lacks(at))
+            return true;
+    return false;
 }
 
 bool MarkedRange::complete() const {
@@ -137,24 +148,24 @@ std::int64_t MarkedRange::missing() const {
     return left;
 }
 
-std::int64_t MarkedRange::absent() const {
-    std::int64_t absent = 0;
+std::int64_t MarkedRange::without(bool doubtful) const {
+    std::int64_t without = 0;
     for (std::int64_t at = 0; at < m_length; ++at)
-        absent += between(at) || lacks(at) ? 0 : 1;
-    return absent;
+        without += !between(at) && !lacks(at) && this->doubtful(at) == doubtful ? 1 : 0;
+    return without;
 }
 
 std::string MarkedRange::describe(LabelOrigin origin, bool ended) const {
     std::string text = ", from " + m_rule.text(m_in + m_first) + " to " + m_rule.text(m_in + m_highest);
     if (m_first < 0)
         text += ", " + frameCount(-m_first) + " before mark-in";
-    if (!between(0))
+    if (!between(0) && !doubtful(0))
         text += ", the frame at mark-in is missing";
     if (m_first + m_leading > 0)
         text += ", the first " + frameCount(m_first + m_leading) + " from mark-in need the GOP before";
     if (m_beyond > 0)
         text += ", " + frameCount(m_beyond) + " beyond mark-out";
-    if (ended && missing() != 0)
+    if (ended && missing() != 0 && !doubtful(m_length - 1))
         text += ", the frame at mark-out is missing";
     const auto& clocked = m_byClock.between;
     if (const auto until = std::find(clocked.rbegin(), clocked.rend(), true); until != clocked.rend())

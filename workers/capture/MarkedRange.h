@@ -46,6 +46,8 @@ public:
     void note(std::int64_t first, std::int64_t last);
     // Frames were taken that have these labels by the time at which they are shown; they carry none.
     void noteByClock(std::int64_t first, std::int64_t last);
+    // So many frames behind a label that no frame has may have come with labels that were merely counted on.
+    void doubt(std::int64_t frames) noexcept { m_doubt = frames; }
     // Those frames do not count after all: the source's carry labels.
     void dropByClock();
     // Position of the highest label taken.
@@ -54,8 +56,10 @@ public:
     [[nodiscard]] bool complete() const;
     // Frames that are missing just before mark-out; 0 when its own has come.
     [[nodiscard]] std::int64_t missing() const;
-    // Frames from mark-in to mark-out that are missing, wherever.
-    [[nodiscard]] std::int64_t absent() const;
+    // Frames from mark-in to mark-out that are missing for certain, wherever.
+    [[nodiscard]] std::int64_t absent() const { return without(false); }
+    // Those that were not seen, but may be there.
+    [[nodiscard]] std::int64_t doubted() const { return without(true); }
     // The label at a position.
     [[nodiscard]] std::string text(std::int64_t position) const { return m_rule.text(m_in + position); }
 
@@ -76,6 +80,8 @@ private:
     }
     [[nodiscard]] bool between(std::int64_t position) const;
     [[nodiscard]] bool lacks(std::int64_t position) const;
+    [[nodiscard]] bool doubtful(std::int64_t position) const;
+    [[nodiscard]] std::int64_t without(bool doubtful) const;
 
     std::string m_inText, m_outText;
     bool m_pairs;
@@ -87,6 +93,7 @@ private:
     // Positions.
     std::int64_t m_first = 0, m_highest = 0;
     std::int64_t m_leading = 0, m_beyond = 0;
+    std::int64_t m_doubt = 0;
     Taken m_taken, m_byClock;
 };
 

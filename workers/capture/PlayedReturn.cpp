@@ -100,8 +100,10 @@ void PlayedReturn::picture(const VideoUnit& unit, const Frame& frame) {
     }
     const auto at = position(frame);
     const std::int64_t period = frame.clock.period();
-    if (unit.gopTimecode)
+    if (unit.gopTimecode) {
         m_candidate = false;
+        m_sinceTimecode = 0;
+    }
     if (period == 0)
         return m_own.breakOff();
     if (!at)
@@ -194,6 +196,8 @@ void PlayedReturn::notePairs(const VideoUnit& unit, const Frame& frame) {
 
 std::vector<OwnLabels::Range> PlayedReturn::note(std::int64_t first, std::int64_t last) {
     m_own.add(first, last);
+    m_sinceTimecode += std::max<std::int64_t>(last - first + 1, 0);
+    m_countedOn = std::max(m_countedOn, m_sinceTimecode - 1);
     if (m_whole && !m_recording)
         return {};
     auto ranges = m_own.take();

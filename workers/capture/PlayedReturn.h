@@ -94,6 +94,8 @@ public:
     void trustLabels();
     // Other video begins.
     void breakOff() noexcept { m_own.breakOff(); }
+    // Frames that come at the most behind one that has a timecode, without any.
+    [[nodiscard]] std::int64_t countedOn() const noexcept { return m_eachLabelled ? 0 : m_countedOn; }
     // Whether the current label is the source's; of labels that were told, always.
     [[nodiscard]] bool owns(const Frame& frame) const;
 
@@ -249,7 +251,9 @@ private:
     std::optional<LabelPair> m_pair;
     unsigned m_single = 0;
     unsigned m_paired = 0;
-    bool m_eachLabelled = false; // pictures that are no random access points have a timecode
+    bool m_eachLabelled = false;      // pictures that are no random access points have a timecode
+    std::int64_t m_sinceTimecode = 0; // frames from the last one on, that one among them
+    std::int64_t m_countedOn = 0;
 
     // By count: when pictures are shown, from the beginning by the stream's clock.
     std::optional<std::int64_t> m_delay; // of the current picture, from when it is decoded; none: not known

@@ -265,8 +265,11 @@ void Recording::finishComplete(const std::string& besides) {
         return finish(false, format("Error: %" PRIu64 " of %" PRIu64 " frames came back%s. ", returned,
                                     expected, m_played.othersMayBe(m_file.frames()) ? " for certain" : "") +
                                  recorded() + besides);
+    bool known = m_plan.mode != CaptureMode::marks || !m_plan.played || m_plan.labelsKnown;
     if (m_plan.mode == CaptureMode::marks) {
         const LabelRule& rule = m_rule;
+        m_range.doubt(m_played.countedOn());
+        known = known && m_range.doubted() == 0;
         const std::int64_t absent = m_plan.labelsKnown ? m_range.absent() : m_range.missing();
         if (m_plan.played && absent > 0)
             return fail(detailed(failure(error::captureDiscontinuity),
@@ -278,12 +281,11 @@ void Recording::finishComplete(const std::string& besides) {
                                  "the timecode goes past mark-out, to " +
                                      rule.text(m_label.value_or(m_range.out()))));
     }
-    const bool unknown = m_plan.mode == CaptureMode::marks && m_plan.played && !m_plan.labelsKnown;
     finish(true,
            recorded() + besides +
-               (unknown ? ", the source may have no frame for some timecodes between the marks: not known "
-                          "whether all others came back"
-                        : ""));
+               (!known ? ", the source may have no frame for some timecodes between the marks: not known "
+                         "whether all others came back"
+                       : ""));
 }
 
 // What is held begins the frame after the last.
