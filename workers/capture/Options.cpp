@@ -104,9 +104,9 @@ std::string usage(const std::string& program) {
            "A Decoder of the map is sent RTP instead of plain UDP when a source file is played to it.\n"
            "\n"
            "SIGTERM and SIGINT end a recording like the cancel message. Exit code 0: recorded as asked, or\n"
-           "cancelled after something was recorded; a timed capture that is cancelled before anything was\n"
-           "recorded exits 0 as well, and its results say \"nothing recorded\". 1: anything else; the\n"
-           "results say why. 2: wrong command line.\n";
+           "cancelled after something was recorded; a timed capture or a re-encode that is cancelled before\n"
+           "anything was recorded exits 0 as well, and its results say \"nothing recorded\". 1: anything\n"
+           "else; the results say why. 2: wrong command line.\n";
 }
 
 } // namespace kestrel::capture

@@ -20,7 +20,8 @@ void count(std::map<int, std::uint64_t>& counts, int value) {
         ++counts[value];
 }
 
-int mostFrequent(const std::map<int, std::uint64_t>& counts) {
+int mostFrequent(const std::map<int, std::uint64_t>& whole, const std::map<int, std::uint64_t>& lossy) {
+    const auto& counts = whole.empty() ? lossy : whole;
     const auto best = std::max_element(counts.begin(), counts.end(),
                                        [](const auto& a, const auto& b) { return a.second < b.second; });
     return best == counts.end() ? 0 : best->first;
@@ -29,36 +30,46 @@ int mostFrequent(const std::map<int, std::uint64_t>& counts) {
 } // namespace
 
 void GopStatistics::frame(char type, bool beginsGroup) {
-    if (beginsGroup && m_length > 0)
+    // What a group lacks at its beginning is not known, either.
+    const bool behindLoss = m_lossAhead > 0;
+    if (beginsGroup && m_length > 0) {
         closeGroup();
+        m_lossy = behindLoss;
+    }
     if (type == 'B') {
         if (m_run >= 0)
             ++m_run;
     } else {
         closeRun();
         m_run = 0;
+        m_lossyRun = m_lossAhead > 1;
         m_predicted = m_predicted || type == 'P';
     }
     if (m_length < COMPARED_FRAMES)
         m_current += type;
     ++m_length;
+    m_lossAhead -= behindLoss ? 1 : 0;
+}
+
+void GopStatistics::lose(bool oneBegun) {
+    m_lossy = m_lossyRun = true;
+    m_lossAhead = std::max(m_lossAhead, oneBegun ? 2U : 1U);
 }
 
 // B frames before the first anchor, and those behind the last one, may be cut.
 void GopStatistics::closeRun() {
     if (m_run >= 0)
-        count(m_runs, m_run);
+        count(m_lossyRun ? m_lossyRuns : m_runs, m_run);
 }
 
 void GopStatistics::closeGroup() {
     ++m_groups;
     // The first group of a stream is shorter: no B frames of an open group come before its I.
     if (m_groups > 1) {
-        count(m_sizes, bounded(m_length));
-        if (m_pattern.empty())
+        count(m_lossy ? m_lossySizes : m_sizes, bounded(m_length));
+        if (!m_lossy && m_pattern.empty())
             m_pattern = m_current;
-        else if (m_pattern != m_current)
-            m_differing = true;
+        m_differing = m_differing || (!m_lossy && m_pattern != m_current);
     } else {
         m_first = m_length;
         m_run = std::max(m_run, 0);
@@ -68,11 +79,12 @@ void GopStatistics::closeGroup() {
 }
 
 int GopStatistics::size() const {
-    return m_sizes.empty() ? bounded(std::max(m_first, m_length)) : mostFrequent(m_sizes);
+    const bool none = m_sizes.empty() && m_lossySizes.empty();
+    return none ? bounded(std::max(m_first, m_length)) : mostFrequent(m_sizes, m_lossySizes);
 }
 
 std::string GopStatistics::structure() const {
-    const std::string between(static_cast<std::size_t>(mostFrequent(m_runs)), 'B');
+    const std::string between(static_cast<std::size_t>(mostFrequent(m_runs, m_lossyRuns)), 'B');
     if (m_predicted)
         return "I" + between + "P";
     return between.empty() ? "I" : "I" + between;

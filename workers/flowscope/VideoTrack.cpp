@@ -29,6 +29,11 @@ void VideoTrack::skip() {
     realign();
 }
 
+void VideoTrack::realign() {
+    m_realign = true;
+    m_gops.lose(position().decoded != m_position.decoded);
+}
+
 void VideoTrack::end() {
     if (m_headerWanted > 0)
         endHeader();

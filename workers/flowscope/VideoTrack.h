@@ -46,9 +46,9 @@ public:
     void feed(std::span<const unsigned char> bytes);
     // Bytes were lost: what was being read is dropped.
     void skip();
-    // How many bytes there were up to here is not known, or no matter: the alignment begins anew with the
-    // next header.
-    void realign() noexcept { m_realign = true; }
+    // How many bytes there were up to here is not known, or no matter, nor whether pictures are missing: the
+    // alignment begins anew with the next header, and the group of pictures is not whole.
+    void realign();
     // So many bytes of the elementary stream that cannot be looked into, behind others that were lost.
     void count(std::uint64_t bytes) { m_bytes += bytes; }
     // No more bytes come.
