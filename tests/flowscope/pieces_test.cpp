@@ -300,7 +300,7 @@ TEST(Clock, OneReferenceThatIsOffCountsHoweverManyThereAre) {
                 for (int i = 0; i < count; ++i)
                     clock.reference((1000 + i * 40) * MS + (i == off ? ticks : i * 7 % 9 - 4), i * 100);
                 EXPECT_NEAR(clock.jitterUs().value_or(-1), std::abs(ticks) / 27.0,
-                            0.4 + std::abs(ticks) * 2e-4);
+                            0.4 + std::abs(ticks) * 1e-3);
                 EXPECT_EQ(clock.jitterPacket(), off * 100) << off << " of " << count << ", " << ticks;
                 const auto peaks = clock.jitterOverTime().peaks();
                 ASSERT_FALSE(peaks.empty());

@@ -12,6 +12,12 @@ constexpr std::int64_t SECOND = 27'000'000;
 constexpr std::int64_t LONGEST_INTERVAL = SECOND / 10;
 constexpr std::size_t MOST_SAMPLES = 4096;
 constexpr double TICKS_PER_US = 27;
+// Of one line that jitter is measured from, and of the part of it that the next one leads through, too: what
+// bends a line at its end is off in the middle of another.
+constexpr std::int64_t LINE = 10 * SECOND;
+constexpr std::int64_t LINE_STEP = LINE / 2;
+// References that are held for it. Where more come, lines are shorter.
+constexpr std::size_t MOST_RECENT = 16'384;
 
 } // namespace
 
@@ -57,7 +63,39 @@ void ClockCheck::reference(std::int64_t pcr, std::int64_t packet, bool announced
     if (std::exchange(m_suspected, false) && m_lossy.leftBehind(m_elapsed - 1))
         lose();
     ++m_count;
-    keep({m_elapsed, packet, at.value_or(elapsedSeconds())});
+    const Sample sample{m_elapsed, packet, at.value_or(elapsedSeconds())};
+    keep(sample);
+    keepRecent(sample);
+}
+
+void ClockCheck::keepRecent(const Sample& sample) {
+    m_recent.push_back(sample);
+    const auto before = [this](std::int64_t ticks) {
+        return std::lower_bound(m_recent.begin(), m_recent.end(), m_recent.front().pcr + ticks,
+                                [](const Sample& each, std::int64_t pcr) { return each.pcr < pcr; });
+    };
+    auto end = m_recent.begin() + MOST_RECENT / 2;
+    auto step = m_recent.begin() + MOST_RECENT / 4;
+    // Of the last second it is not known yet whether packets are lost there.
+    if (sample.pcr - m_recent.front().pcr >= LINE + SECOND) {
+        end = before(LINE);
+        step = before(LINE_STEP);
+    } else if (m_recent.size() < MOST_RECENT) {
+        return;
+    }
+    measure({m_recent.begin(), end}, m_farthest, m_jitterOverTime);
+    m_recent.erase(m_recent.begin(), step);
+}
+
+void ClockCheck::measure(std::span<const Sample> samples, std::optional<Distance>& farthest,
+                         PeakProfile& overTime) {
+    const Line line = lineOf(samples);
+    for (const Sample& sample : samples) {
+        const double us = line.distance(sample) / TICKS_PER_US;
+        if (!farthest || us > farthest->us)
+            farthest = {us, sample.packet};
+        overTime.add(sample.at, us);
+    }
 }
 
 void ClockCheck::keep(const Sample& sample) {
@@ -93,6 +131,9 @@ void ClockCheck::endStretch(bool byJump) {
     m_samples.clear();
     m_group = leastGroup;
     m_inGroup = 0;
+    m_recent.clear();
+    m_farthest.reset();
+    m_jitterOverTime = {};
 }
 
 void ClockCheck::lose() {
@@ -100,8 +141,9 @@ void ClockCheck::lose() {
     if (m_samples.empty())
         return;
     // The counter of a PID tells of a loss when its next packet comes.
-    while (!m_samples.empty() && m_samples.back().pcr > m_elapsed - SECOND)
-        m_samples.pop_back();
+    for (auto* const samples : {&m_samples, &m_recent})
+        while (!samples->empty() && samples->back().pcr > m_elapsed - SECOND)
+            samples->pop_back();
     endStretch(false);
 }
 
@@ -222,12 +264,10 @@ std::optional<ClockCheck::ConstantRate> ClockCheck::rate() const {
 std::optional<ClockCheck::Distance> ClockCheck::ofStretch() const {
     if (!constantRate())
         return std::nullopt;
-    Distance most{0, m_samples.front().packet};
-    const Line line = lineOf(m_samples);
-    for (const Sample& sample : m_samples)
-        if (const double us = line.distance(sample) / TICKS_PER_US; us > most.us)
-            most = {us, sample.packet};
-    return most;
+    std::optional<Distance> farthest = m_farthest;
+    PeakProfile overTime;
+    measure(m_recent, farthest, overTime);
+    return farthest;
 }
 
 std::optional<ClockCheck::Distance> ClockCheck::ofAll() const {
@@ -246,12 +286,11 @@ std::optional<std::int64_t> ClockCheck::jitterPacket() const {
 }
 
 PeakProfile ClockCheck::jitterOverTime() const {
-    PeakProfile profile;
     if (!constantRate())
-        return profile;
-    const Line line = lineOf(m_samples);
-    for (const Sample& sample : m_samples)
-        profile.add(sample.at, line.distance(sample) / TICKS_PER_US);
+        return {};
+    PeakProfile profile = m_jitterOverTime;
+    std::optional<Distance> farthest;
+    measure(m_recent, farthest, profile);
     return profile;
 }
 
