@@ -13,6 +13,7 @@
 #include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <map>
 #include <poll.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
@@ -93,6 +94,14 @@ Bytes payloads(const std::vector<Arrival>& arrivals, std::size_t head = 0) {
         bytes.insert(bytes.end(), arrival.bytes.begin() + static_cast<std::ptrdiff_t>(head),
                      arrival.bytes.end());
     return bytes;
+}
+
+Packets packetsOf(const Decoder& decoder) {
+    const Bytes bytes = payloads(decoder.arrivals);
+    Packets packets(bytes.size() / 188);
+    for (std::size_t i = 0; i < packets.size(); ++i)
+        std::copy_n(bytes.begin() + static_cast<std::ptrdiff_t>(i * 188), 188, packets[i].begin());
+    return packets;
 }
 
 Bytes fileBytes(const std::string& path) {
@@ -374,8 +383,143 @@ TEST(PlayOut, PlaysOnlyThePartAskedFor) {
     part.begin = 188 * 1000;
     part.end = 188 * 1700;
     Playing(part).play(decoder);
-    const Bytes whole = fileBytes(file);
-    EXPECT_EQ(payloads(decoder.arrivals), Bytes(whole.begin() + 188 * 1000, whole.begin() + 188 * 1700));
+    const Packets whole = readPackets(file);
+    const Packets played = packetsOf(decoder);
+    ASSERT_EQ(played.size(), 2U + 700U);
+    EXPECT_EQ(pid(played[0]), 0);
+    EXPECT_EQ(pid(played[1]), 0x1000);
+    EXPECT_EQ(Packets(played.begin() + 2, played.end()), Packets(whole.begin() + 1000, whole.begin() + 1700));
+    EXPECT_EQ(brokenCounters(played), 0);
+}
+
+// What a file holds beside its tables: PCRs, and packets of no meaning between them.
+class TabledFile {
+public:
+    void section(int pid, const Bytes& section) {
+        for (Packet packet : sectionPackets(pid, section)) {
+            packet[3] = static_cast<unsigned char>(0x10 | (m_counters[pid]++ & 15));
+            packets.push_back(packet);
+        }
+    }
+    void filling(int times) {
+        for (int i = 0; i < times; ++i) {
+            packets.push_back(makePacket({.counter = m_counters[0x100]++ & 15, .pcr = m_pcr}));
+            for (int more = 0; more < 13; ++more)
+                packets.push_back(makePacket({.pid = 0x300, .counter = m_counters[0x300]++ & 15}));
+            m_pcr += 4 * millisecond;
+        }
+    }
+    // What is played of it from that packet on.
+    Packets playedFrom(std::size_t begin) const {
+        TemporaryDirectory directory;
+        Decoder decoder;
+        PlayOutPlan part = plan(written(directory, joined(packets)), decoder);
+        part.begin = begin * 188;
+        const PlayOutStatus status = Playing(part).play(decoder);
+        EXPECT_FALSE(status.failed) << status.failed->text;
+        return packetsOf(decoder);
+    }
+    // These tables come first, then the packets from there on.
+    void expectPlayed(std::size_t begin, const Packets& tables) const {
+        const Packets played = playedFrom(begin);
+        ASSERT_EQ(played.size(), tables.size() + packets.size() - begin);
+        for (std::size_t i = 0; i < tables.size(); ++i) {
+            Packet packet = played[i];
+            packet[3] = tables[i][3];
+            EXPECT_EQ(packet, tables[i]) << i;
+        }
+        EXPECT_EQ(Packets(played.begin() + static_cast<std::ptrdiff_t>(tables.size()), played.end()),
+                  Packets(packets.begin() + static_cast<std::ptrdiff_t>(begin), packets.end()));
+        EXPECT_EQ(brokenCounters(played), 0);
+    }
+
+    Packets packets;
+
+private:
+    std::map<int, int> m_counters;
+    std::int64_t m_pcr = 1000 * millisecond;
+};
+
+void append(Packets& to, const Packets& more) {
+    to.insert(to.end(), more.begin(), more.end());
+}
+
+// Two programs, the tables of one in several packets and replaced by another version, and all of them again
+// behind the place.
+TEST(PlayOut, BeginsAPartWithTheTablesThatHoldThere) {
+    const std::vector<Program> programs{
+        {}, {.number = 2, .pmtPid = 0x1001, .pcrPid = 0x200, .videoPid = 0x200, .descriptorBytes = 400}};
+    Program renewed = programs[1];
+    renewed.version = 1;
+    renewed.descriptorBytes = 300;
+    TabledFile file;
+    file.section(0, patSection(programs));
+    file.section(0x1000, pmtSection(programs[0]));
+    file.section(0x1001, pmtSection(programs[1]));
+    file.filling(10);
+    for (int i = 0; i < 20; ++i) {
+        file.section(0, patSection(programs));
+        file.section(0x1001, pmtSection(renewed));
+    }
+    file.filling(5);
+    const std::size_t begin = file.packets.size();
+    file.filling(10);
+    file.section(0, patSection(programs));
+    file.section(0x1000, pmtSection(programs[0]));
+    file.section(0x1001, pmtSection(renewed));
+    file.filling(10);
+    Packets tables = sectionPackets(0, patSection(programs));
+    append(tables, sectionPackets(0x1000, pmtSection(programs[0])));
+    append(tables, sectionPackets(0x1001, pmtSection(renewed)));
+    ASSERT_GE(tables.size(), 4U);
+    file.expectPlayed(begin, tables);
+}
+
+// However far before it they came last: here 5 MB.
+TEST(PlayOut, FindsTablesThatComeRarely) {
+    TabledFile file;
+    file.section(0, patSection({{}}));
+    file.section(0x1000, pmtSection({}));
+    file.filling(2000);
+    const std::size_t begin = file.packets.size();
+    file.filling(20);
+    file.section(0, patSection({{}}));
+    file.section(0x1000, pmtSection({}));
+    file.filling(5);
+    Packets tables = sectionPackets(0, patSection({{}}));
+    append(tables, sectionPackets(0x1000, pmtSection({})));
+    file.expectPlayed(begin, tables);
+}
+
+// A section that is open at the place is not in force yet; its packets count all the same.
+TEST(PlayOut, BeginsAPartInTheMiddleOfATable) {
+    const Program program{.descriptorBytes = 400};
+    TabledFile file;
+    for (int i = 0; i < 2; ++i) {
+        file.section(0, patSection({program}));
+        file.section(0x1000, pmtSection(program));
+        file.filling(10);
+    }
+    const std::size_t begin = file.packets.size() - 10 * 14 - 1;
+    ASSERT_EQ(pid(file.packets[begin]), 0x1000);
+    Packets tables = sectionPackets(0, patSection({program}));
+    append(tables, sectionPackets(0x1000, pmtSection(program)));
+    file.expectPlayed(begin, tables);
+}
+
+TEST(PlayOut, PlaysAPartAsItIsWhereNoProgramIsKnownBefore) {
+    for (const bool pat : {true, false}) {
+        TabledFile file;
+        if (pat)
+            file.section(0, patSection({{}}));
+        file.filling(10);
+        const std::size_t begin = file.packets.size();
+        file.filling(5);
+        file.section(0, patSection({{}}));
+        file.section(0x1000, pmtSection({}));
+        file.filling(5);
+        file.expectPlayed(begin, {});
+    }
 }
 
 TEST(PlayOut, LeavesOutForeignBytes) {

@@ -327,6 +327,51 @@ TEST(Reencode, OfAMezzanineCountsFromTheFirstFramePlayedWhenTheEncoderHasNoTimec
     EXPECT_GT(number, 25 - 12) << first.text();
 }
 
+struct Counted {
+    const char* name;
+    const char* encoder; // ffmpeg's options
+    const char* markIn;
+    const char* markOut;
+};
+
+void PrintTo(const Counted& source, std::ostream* out) {
+    *out << source.name;
+}
+
+class CountedMezzanine : public testing::TestWithParam<Counted> {};
+
+// The equipment passes the source on: what plays it must let it know the program with the first frame, or it
+// begins with the next GOP, and the count with it.
+TEST_P(CountedMezzanine, OfThePartInTheMiddleHasExactlyTheFramesOfTheMarks) {
+    const std::string source = kestrel::test::makeStream(
+        std::string("counted_middle_") + GetParam().name,
+        std::string("-f lavfi -i testsrc2=s=352x288:r=25 -t 12 ") + GetParam().encoder +
+            " -g 25 -keyint_min 25 -bf 0 -b:v 1000k -f mpegts");
+    Job job(source, CSettings::JOB_MEZZANINE);
+    job.marks(GetParam().markIn, GetParam().markOut);
+    job.settings.decoder.startAppend = 2;
+    job.settings.decoder.endAppend = 1;
+    job.settings.vtr.vitcSupport = false;
+    job.equipment();
+    EXPECT_EQ(job.run(), 0) << job.log() << job.results();
+    EXPECT_THAT(job.results(), HasSubstr(", counted from the first frame"));
+    const auto played = kestrel::test::Ffprobe(source).packets("v:0");
+    const auto recorded = kestrel::test::Ffprobe(job.output()).packets("v:0");
+    ASSERT_EQ(played.size(), 300U);
+    ASSERT_EQ(recorded.size(), 25U) << job.results();
+    EXPECT_EQ(recorded.front().pts, played[150].pts);
+    EXPECT_EQ(recorded.back().pts, played[174].pts);
+    EXPECT_EQ(continuityErrors(readPackets(job.output())), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Sources, CountedMezzanine,
+    testing::Values(Counted{"h264", "-c:v libx264 -preset ultrafast -sc_threshold 0", "00:00:06:00",
+                            "00:00:06:24"},
+                    Counted{"mpeg2", "-c:v mpeg2video -sc_threshold 1000000000 -timecode 10:00:00:00",
+                            "10:00:06:00", "10:00:06:24"}),
+    [](const auto& source) { return std::string(source.param.name); });
+
 // It counts its frames from zero, and its count goes through the marks a second too late.
 TEST(Reencode, OfAMezzanineDoesNotTakeTheCountOfARealEncoderForTheSourcesTimecodes) {
     // Labels from 00:00:00:00 on.

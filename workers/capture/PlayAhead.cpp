@@ -1,5 +1,6 @@
 #include "PlayAhead.h"
 
+#include "TablesBefore.h"
 #include "foundation/ErrorCodes.h"
 #include "mpeg/packet_view.h"
 
@@ -20,7 +21,8 @@ PlayAhead::~PlayAhead() {
 MaybeFailure PlayAhead::start(const std::string& path, std::uint64_t begin, std::uint64_t end) {
     if (auto failed = m_file.open(path))
         return failed;
-    m_file.part(begin, end);
+    m_begin = begin;
+    m_end = end;
     try {
         m_thread = std::thread([this] { run(); });
     } catch (const std::system_error&) {
@@ -80,6 +82,10 @@ void PlayAhead::run() noexcept {
 }
 
 MaybeFailure PlayAhead::read() {
+    if (m_begin > 0)
+        if (auto failed = tablesBefore(m_file, m_begin, m_stopped, m_first))
+            return failed;
+    m_file.part(m_begin, m_end);
     while (!m_fileEnded && !stopped()) {
         if (auto failed = readMore())
             return failed;
@@ -162,14 +168,19 @@ void PlayAhead::handOver(std::size_t count) {
         }
     }
     const auto bytes = m_window.packets(m_given, m_given + count);
-    block.bytes.assign(bytes.begin(), bytes.end());
+    block.bytes.clear();
     block.times.clear();
+    for (const Packet& table : std::exchange(m_first, {})) {
+        block.bytes.insert(block.bytes.end(), table.begin(), table.end());
+        block.times.push_back(m_window.note(m_given).time);
+    }
+    block.bytes.insert(block.bytes.end(), bytes.begin(), bytes.end());
     for (std::size_t i = 0; i < count; ++i)
         block.times.push_back(m_window.note(m_given + i).time);
     m_given += count;
     {
         const MutexLock lock(m_mutex);
-        m_packets += count;
+        m_packets += block.count();
         m_blocks.push_back(std::move(block));
     }
     m_arrived.signal();

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "Failure.h"
+#include "PacketRing.h"
 #include "PacketWindow.h"
 #include "PcrTimeline.h"
 #include "SourceFile.h"
@@ -43,7 +44,8 @@ public:
     PlayAhead(const PlayAhead&) = delete;
     PlayAhead& operator=(const PlayAhead&) = delete;
 
-    // Opens the part of the file and starts to read.
+    // Opens the part of the file and starts to read. Where it does not begin with the file, the program
+    // tables that hold there come first: a decoder knows the first picture only with them.
     [[nodiscard]] MaybeFailure start(const std::string& path, std::uint64_t begin, std::uint64_t end);
     // Ends it before its next read.
     void cancel() noexcept;
@@ -77,6 +79,9 @@ private:
 
     // Of the thread, once that runs.
     SourceFile m_file;
+    std::uint64_t m_begin = 0; // the part of it, in bytes
+    std::uint64_t m_end = 0;
+    std::vector<Packet> m_first; // to be given before it
     bool m_fileEnded = false;
     bool m_inSync = true;
     SourceShape m_shape = SourceShape::unknown;
