@@ -345,11 +345,12 @@ protected:
     int m_recordings = 0;
 };
 
-TEST_F(ReturnOfAnOutage, IsCompleteWithItsFramesOneByOne) {
+// A decoder may have shown one twice and left out another.
+TEST_F(ReturnOfAnOutage, IsRecordedWithItsFramesOneByOne) {
     Recording r = recording(plan());
     play(r, sourceFrames, 0);
     expectRecorded(r);
-    EXPECT_THAT(r.status().text, Not(tellsOfRepeats()));
+    EXPECT_THAT(r.status().text, tellsOfRepeats());
     EXPECT_EQ(recorded(m_source), m_source.size());
 }
 

@@ -154,14 +154,14 @@ bool PlayedReturn::notKnown(int recordedRate, std::uint64_t frames) const {
     return few && (!m_places.known() || (!m_places.sourceKnown() && byNumber(frames) <= total()));
 }
 
-// Whether more came than the source has, of which a decoder may have repeated some where the source leaps:
-// those may stand for others that were lost.
+// Whether a decoder may have repeated some frames where the source leaps: those may stand for others that
+// were lost.
 bool PlayedReturn::mayRepeat(std::uint64_t frames) const {
     if (told() || m_by == By::time || m_leapsCame == m_leaps.size())
         return false;
     const std::int64_t came = (static_cast<std::int64_t>(frames) - m_before) * m_period;
     const std::int64_t wanted = m_wanted - (m_by == By::labels ? m_leadIn * m_period : 0) - hiddenTime();
-    return came > wanted + m_period / 2;
+    return came + m_period / 2 >= wanted;
 }
 
 bool PlayedReturn::playedFor(Clock::time_point now) const {
