@@ -227,6 +227,13 @@ TEST_P(MarkedOutage, TellsWhichLabelsAreThoseOfFramesOverIt) {
     EXPECT_EQ(part.leaps.size(), 1U);
 }
 
+// It is played, but moves no mark.
+TEST_P(MarkedOutage, HasNoLeapBehindMarkOut) {
+    MarkedPart part;
+    ASSERT_FALSE(findPart(index(), "10:00:01:00", "10:00:01:20", 1, 5, part));
+    EXPECT_TRUE(part.leaps.empty());
+}
+
 INSTANTIATE_TEST_SUITE_P(Sources, MarkedOutage,
                          testing::Values(Outage{true, true, false}, Outage{true, true, true},
                                          Outage{true, false, false}, Outage{false, true, false},

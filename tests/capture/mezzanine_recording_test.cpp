@@ -205,6 +205,32 @@ TEST_F(MezzanineRecording, DoesNotMissAFrameThatStandsAloneInAnOutage) {
     EXPECT_THAT(r.status().text, HasSubstr("not known whether all others came back"));
 }
 
+// Whether its timecodes go on with what is played, and whether the decoder does not wait, a count cannot
+// know.
+TEST_F(MezzanineRecording, CountedOverALeapTellsThatTheMarksMayBeOff) {
+    for (const bool leaps : {true, false})
+        for (const bool running : {true, false}) {
+            RecordingPlan asked = marks();
+            asked.overwrite = true;
+            if (leaps)
+                asked.sourceLeaps = {{3 * PTS::units_per_second, 3 * PTS::units_per_second - 14400}};
+            Recording r = recording(asked);
+            LabelledStream stream(idle());
+            if (running)
+                beginRunning(r, stream, "10:00:00:00");
+            else
+                beginSilent(r, "10:00:00:00");
+            feed(r, stream, 120);
+            expectRecorded(r);
+            const auto told =
+                HasSubstr(", the source's timestamps leap before mark-out: the marks may be off");
+            if (leaps)
+                EXPECT_THAT(r.status().text, told);
+            else
+                EXPECT_THAT(r.status().text, Not(told));
+        }
+}
+
 // The decoder still shows the end of a play-out before.
 TEST_F(MezzanineRecording, DoesNotTakeTimecodesFromBeforeForTheSources) {
     RecordingPlan asked = marks();

@@ -52,9 +52,10 @@ MaybeFailure findPart(const SourceIndex& index, const std::string& markIn, const
         beginPassed = beginPassed || at > first - frames(secondsBefore);
         if (!beginPassed)
             begin = &point;
+        if (at > last)
+            endFrame = std::min(endFrame, point.frame);
         if (at > last + frames(secondsBehind)) {
             part.end = point.offset;
-            endFrame = point.frame;
             break;
         }
     }

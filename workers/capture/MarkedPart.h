@@ -21,7 +21,7 @@ struct MarkedPart {
     // distance to mark-in.
     bool labelsKnown = false;
     std::vector<bool> lacking{};
-    std::vector<SourceLeap> leaps{}; // within the part
+    std::vector<SourceLeap> leaps{}; // within the part, up to the random access point behind mark-out
 };
 
 // Finds the part from a random access point so many seconds before mark-in to so many behind mark-out, cut at

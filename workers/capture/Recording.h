@@ -133,6 +133,7 @@ private:
     [[nodiscard]] PlayedReturn::Frame frame() const;
     void followVideo();
     [[nodiscard]] bool byStreamLabels() const noexcept;
+    [[nodiscard]] bool countedOverLeap() const noexcept;
     [[nodiscard]] bool endsWithOthers() const;
     [[nodiscard]] bool unlikeSource() const noexcept;
     [[nodiscard]] std::string describePlayed() const;

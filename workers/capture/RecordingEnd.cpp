@@ -265,12 +265,13 @@ void Recording::finishComplete(const std::string& besides) {
         return finish(false, format("Error: %" PRIu64 " of %" PRIu64 " frames came back%s. ", returned,
                                     expected, m_played.othersMayBe(m_file.frames()) ? " for certain" : "") +
                                  recorded() + besides);
-    bool known = m_plan.mode != CaptureMode::marks || !m_plan.played || m_plan.labelsKnown;
+    bool unknown = false;
     if (m_plan.mode == CaptureMode::marks) {
         const LabelRule& rule = m_rule;
+        const bool each = m_plan.labelsKnown && !countedOverLeap();
         m_range.doubt(m_played.countedOn());
-        known = known && m_range.doubted() == 0;
-        const std::int64_t absent = m_plan.labelsKnown ? m_range.absent() : m_range.missing();
+        const std::int64_t absent = each ? m_range.absent() : m_range.missing();
+        unknown = m_plan.played && (!each || m_range.doubted() > 0);
         if (m_plan.played && absent > 0)
             return fail(detailed(failure(error::captureDiscontinuity),
                                  counted(static_cast<std::uint64_t>(absent), "frame") +
@@ -283,9 +284,9 @@ void Recording::finishComplete(const std::string& besides) {
     }
     finish(true,
            recorded() + besides +
-               (!known ? ", the source may have no frame for some timecodes between the marks: not known "
-                         "whether all others came back"
-                       : ""));
+               (unknown ? ", the source may have no frame for some timecodes between the marks: not known "
+                          "whether all others came back"
+                        : ""));
 }
 
 // What is held begins the frame after the last.

@@ -53,6 +53,14 @@ bool Recording::byStreamLabels() const noexcept {
     return m_plan.played && m_labels.origin() == LabelOrigin::stream;
 }
 
+// Whether the marks of a mezzanine were found by a count that an encoder, or the source's own timecodes, need
+// not go on with: over a leap.
+bool Recording::countedOverLeap() const noexcept {
+    const LabelOrigin origin = m_labels.origin();
+    return m_plan.played && (origin == LabelOrigin::counted || origin == LabelOrigin::deck) &&
+           !m_plan.sourceLeaps.empty();
+}
+
 // Whether what comes now has another frame rate than the source.
 bool Recording::unlikeSource() const noexcept {
     return m_played.unlikeSource(m_analyzer.frameRateCode());
@@ -171,7 +179,10 @@ std::string Recording::describePlayed() const {
     if (m_probeCut)
         return ", ended before it was known whether its timecodes are the source's";
     if (m_plan.mode == CaptureMode::marks)
-        return m_labels.origin() == LabelOrigin::deck ? ", counted from when the play-out began" : "";
+        return std::string(m_labels.origin() == LabelOrigin::deck ? ", counted from when the play-out began"
+                                                                  : "") +
+               (countedOverLeap() ? ", the source's timestamps leap before mark-out: the marks may be off"
+                                  : "");
     return m_played.describe(recordedRate(), m_file.frames(), m_complete);
 }
 
