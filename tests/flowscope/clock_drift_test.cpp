@@ -72,6 +72,20 @@ TEST(AClockThatDrifts, ShowsEachReferenceThatIsOff) {
     EXPECT_GT(clockOf(60'000, sine, 31'234, 19).jitterUs().value_or(0), 0.62);
 }
 
+TEST(AClockThatDrifts, HasNoMoreJitterThanItsReferences) {
+    // Late by ever more, and then early, within what is allowed; and one differently from the next.
+    for (const int each : {101, 250, 307, 1'000})
+        for (const bool slow : {true, false}) {
+            ClockCheck clock;
+            for (int i = 0; i < 7'500; ++i) {
+                const auto mixed = static_cast<int>(static_cast<unsigned>(i * each) * 2'654'435'761U >> 8);
+                const int off = slow ? i % each * 24 / each - 12 : mixed % 25 - 12;
+                clock.reference(SECOND + ticksOf(i, steady(0)) + off, i * 100);
+            }
+            EXPECT_LE(clock.jitterUs().value_or(9), ClockCheck::jitterLimitUs) << each;
+        }
+}
+
 TEST(AClockThatDrifts, ShowsEachOneWhereTheyComeInEveryPacket) {
     // 12,500 a second, so that no line takes ten.
     constexpr int EACH = 500;

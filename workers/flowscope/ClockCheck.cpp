@@ -12,10 +12,9 @@ constexpr std::int64_t SECOND = 27'000'000;
 constexpr std::int64_t LONGEST_INTERVAL = SECOND / 10;
 constexpr std::size_t MOST_SAMPLES = 4096;
 constexpr double TICKS_PER_US = 27;
-// Of one line that jitter is measured from, and of the part of it that the next one leads through, too: what
-// bends a line at its end is off in the middle of another.
-constexpr std::int64_t LINE = 10 * SECOND;
-constexpr std::int64_t LINE_STEP = LINE / 2;
+// Of one line that jitter is measured from. What is off at its ends bends it, so only those in its middle
+// third are measured by it, and at the beginning and end of a stretch those that are in no other's.
+constexpr std::int64_t LINE = 12 * SECOND;
 // References that are held for it. Where more come, lines are shorter.
 constexpr std::size_t MOST_RECENT = 16'384;
 
@@ -74,22 +73,31 @@ void ClockCheck::keepRecent(const Sample& sample) {
         return std::lower_bound(m_recent.begin(), m_recent.end(), m_recent.front().pcr + ticks,
                                 [](const Sample& each, std::int64_t pcr) { return each.pcr < pcr; });
     };
-    auto end = m_recent.begin() + MOST_RECENT / 2;
-    auto step = m_recent.begin() + MOST_RECENT / 4;
+    auto third = m_recent.begin() + MOST_RECENT / 4;
+    auto measured = third + MOST_RECENT / 4;
+    auto end = measured + MOST_RECENT / 4;
     // Of the last second it is not known yet whether packets are lost there.
     if (sample.pcr - m_recent.front().pcr >= LINE + SECOND) {
+        third = before(LINE / 3);
+        measured = before(2 * LINE / 3);
         end = before(LINE);
-        step = before(LINE_STEP);
     } else if (m_recent.size() < MOST_RECENT) {
         return;
     }
-    measure({m_recent.begin(), end}, m_farthest, m_jitterOverTime);
-    m_recent.erase(m_recent.begin(), step);
+    measure(lineOf({m_recent.begin(), end}), {m_recent.begin() + m_measured, measured}, m_farthest,
+            m_jitterOverTime);
+    m_measured = measured - third;
+    m_recent.erase(m_recent.begin(), third);
 }
 
-void ClockCheck::measure(std::span<const Sample> samples, std::optional<Distance>& farthest,
+void ClockCheck::measureRest(std::optional<Distance>& farthest, PeakProfile& overTime) const {
+    const std::span<const Sample> all(m_recent);
+    const auto measured = std::min(all.size(), static_cast<std::size_t>(m_measured));
+    measure(lineOf(all), all.subspan(measured), farthest, overTime);
+}
+
+void ClockCheck::measure(const Line& line, std::span<const Sample> samples, std::optional<Distance>& farthest,
                          PeakProfile& overTime) {
-    const Line line = lineOf(samples);
     for (const Sample& sample : samples) {
         const double us = line.distance(sample) / TICKS_PER_US;
         if (!farthest || us > farthest->us)
@@ -132,6 +140,7 @@ void ClockCheck::endStretch(bool byJump) {
     m_group = leastGroup;
     m_inGroup = 0;
     m_recent.clear();
+    m_measured = 0;
     m_farthest.reset();
     m_jitterOverTime = {};
 }
@@ -266,7 +275,7 @@ std::optional<ClockCheck::Distance> ClockCheck::ofStretch() const {
         return std::nullopt;
     std::optional<Distance> farthest = m_farthest;
     PeakProfile overTime;
-    measure(m_recent, farthest, overTime);
+    measureRest(farthest, overTime);
     return farthest;
 }
 
@@ -290,7 +299,7 @@ PeakProfile ClockCheck::jitterOverTime() const {
         return {};
     PeakProfile profile = m_jitterOverTime;
     std::optional<Distance> farthest;
-    measure(m_recent, farthest, profile);
+    measureRest(farthest, profile);
     return profile;
 }
 

@@ -41,8 +41,8 @@ public:
     // What 2.4.2.2 allows.
     static constexpr double jitterLimitUs = 0.5;
     // Largest distance of a reference from where a constant rate would put it, in microseconds, over the
-    // stretches between jumps: from the lines of ten seconds each, since the clock may drift by 0.075 Hz a
-    // second (2.4.2.1), which is within 0.03 us there. Nothing where no stretch has a constant rate: each of
+    // stretches between jumps: from lines of twelve seconds each, since the clock may drift by 0.075 Hz a
+    // second (2.4.2.1), which is within 0.04 us there. Nothing where no stretch has a constant rate: each of
     // its seconds the same within a hundredth, and at least two of them.
     [[nodiscard]] std::optional<double> jitterUs() const;
     // The packet of the reference that lies so far off.
@@ -107,9 +107,9 @@ private:
     };
     void keep(const Sample& sample);
     void keepRecent(const Sample& sample);
-    // Distances of the references from their own line.
-    static void measure(std::span<const Sample> samples, std::optional<Distance>& farthest,
+    static void measure(const Line& line, std::span<const Sample> samples, std::optional<Distance>& farthest,
                         PeakProfile& overTime);
+    void measureRest(std::optional<Distance>& farthest, PeakProfile& overTime) const;
     [[nodiscard]] static std::pair<Sample, Sample> outermost(std::span<const Sample> samples, double pace);
     // Of spans that are no shorter than that many ticks.
     [[nodiscard]] static Pace paceOf(std::span<const Sample> samples, std::int64_t shortest);
@@ -133,9 +133,10 @@ private:
     std::vector<Sample> m_samples; // of the stretch since the last jump or loss; times as m_elapsed
     // Of so many references the two are kept that lie farthest apart: one that is off is always among them.
     std::uint64_t m_group = leastGroup;
-    std::uint64_t m_inGroup = 0;  // references of the last one, while it is not whole
-    std::vector<Sample> m_recent; // all of the latest seconds, of the same stretch
-    // From the lines that were measured of the stretch.
+    std::uint64_t m_inGroup = 0;   // references of the last one, while it is not whole
+    std::vector<Sample> m_recent;  // all of the latest seconds, of the same stretch
+    std::ptrdiff_t m_measured = 0; // of these
+    // Of those that were measured of the stretch.
     std::optional<Distance> m_farthest;
     PeakProfile m_jitterOverTime;
     std::optional<Distance> m_jitter; // of the stretches before
