@@ -157,12 +157,13 @@ TEST(MarkedPart, RefusesMarksThatTheFileDoesNotHave) {
     EXPECT_EQ(part({}, "10:00:19:00", "10:00:20:00").failed->code, kestrel::error::startTimecodeNotFound);
 }
 
-// A source that was recorded over an outage of three seconds, of which its play-out takes none: its timecodes
-// ran on meanwhile, or count its frames. Of one frame it may be unknown when it is shown.
+// A source that was recorded over an outage, of three seconds or of twenty, of which its play-out takes none:
+// its timecodes ran on meanwhile, or count its frames. Of one frame it may be unknown when it is shown.
 struct Outage {
     bool runs;
     bool stamped;
     bool avc;
+    int seconds = 3;
 };
 
 class MarkedOutage : public testing::TestWithParam<Outage> {
@@ -171,9 +172,9 @@ protected:
         LabelledStream stream({.gop = 10, .avc = GetParam().avc});
         std::vector<CodedFrame> frames = stream.frames(50);
         if (GetParam().runs)
-            stream.jumpTo("10:00:05:00");
+            stream.jumpTo(labelAt(50 + 25 * GetParam().seconds));
         for (CodedFrame& frame : stream.frames(50)) {
-            delay(frame, 270000);
+            delay(frame, 90000 * GetParam().seconds);
             frames.push_back(frame);
         }
         for (CodedFrame& frame : frames)
@@ -192,8 +193,10 @@ protected:
     }
     // Of a label behind the outage, as it would be without it.
     static std::string behind(int frame) {
-        return LabelRule{3, false}.text(36000LL * 25 + 50 + frame + (GetParam().runs ? 75 : 0));
+        return labelAt(50 + frame + (GetParam().runs ? 25 * GetParam().seconds : 0));
     }
+    // Of the frame at that place.
+    static std::string labelAt(int place) { return LabelRule{3, false}.text(36000LL * 25 + place); }
 };
 
 TEST_P(MarkedOutage, HasTheMarksBehindIt) {
@@ -220,7 +223,7 @@ TEST_P(MarkedOutage, TellsWhichLabelsAreThoseOfFramesOverIt) {
     EXPECT_EQ(part.labelsKnown, GetParam().stamped || !GetParam().runs);
     std::vector<bool> lacking;
     if (GetParam().runs && GetParam().stamped) {
-        lacking.resize(5 + 75);
+        lacking.resize(5 + 25 * static_cast<std::size_t>(GetParam().seconds));
         std::fill(lacking.begin() + 5, lacking.end(), true);
     }
     EXPECT_EQ(part.lacking, lacking);
@@ -237,11 +240,15 @@ TEST_P(MarkedOutage, HasNoLeapBehindMarkOut) {
 INSTANTIATE_TEST_SUITE_P(Sources, MarkedOutage,
                          testing::Values(Outage{true, true, false}, Outage{true, true, true},
                                          Outage{true, false, false}, Outage{false, true, false},
-                                         Outage{false, true, true}, Outage{false, false, false}),
+                                         Outage{false, true, true}, Outage{false, false, false},
+                                         Outage{true, true, false, 20}, Outage{true, true, true, 20},
+                                         Outage{true, false, false, 20}, Outage{false, true, false, 20},
+                                         Outage{false, true, true, 20}, Outage{false, false, false, 20}),
                          [](const auto& source) {
                              return std::string(source.param.runs ? "Runs" : "Counts") +
                                     (source.param.stamped ? "" : "Unstamped") +
-                                    (source.param.avc ? "H264" : "Mpeg2");
+                                    (source.param.avc ? "H264" : "Mpeg2") +
+                                    (source.param.seconds > 3 ? "Long" : "");
                          });
 
 } // namespace

@@ -362,6 +362,16 @@ TEST_F(ReturnOfAnOutage, IsCompleteAsItIs) {
     EXPECT_EQ(recorded(m_source), m_source.size());
 }
 
+TEST_F(ReturnOfAnOutage, IsCompleteAsItIsHoweverLongThatLasted) {
+    RecordingPlan asked = plan();
+    asked.sourceLeaps = {{501 * period, 500 * period}};
+    Recording r = recording(asked);
+    play(r, sourceFrames, 20 * 90000);
+    expectRecorded(r);
+    EXPECT_THAT(r.status().text, Not(tellsOfRepeats()));
+    EXPECT_EQ(recorded(m_source), m_source.size());
+}
+
 TEST_F(ReturnOfAnOutage, IsNotWithOneFrameLess) {
     for (const std::int64_t ticks : {0, 3 * 90000})
         for (const int lost : {30, 70, 99}) {

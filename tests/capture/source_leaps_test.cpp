@@ -73,6 +73,27 @@ TEST_P(OutageSource, TakesNoTimeWhereTheClockMovesToAnotherPid) {
     EXPECT_THAT(index(0, Pcrs::moved).leaps, testing::IsEmpty());
 }
 
+// The clock of the stream takes no such step for time.
+TEST_P(OutageSource, TakesNoTimeHoweverLongItIs) {
+    for (const std::int64_t ticks : {900'000, 1'080'000, 360'000'000}) {
+        SCOPED_TRACE(ticks);
+        const SourceIndex found = index(ticks, Pcrs::silent);
+        EXPECT_EQ(found.time, 100 * period);
+        EXPECT_THAT(longerPlaces(found), testing::IsEmpty());
+        ASSERT_EQ(found.leaps.size(), 1U);
+        EXPECT_EQ(found.leaps[0].frame, 50U);
+        EXPECT_EQ(found.leaps[0].excess, 4 * ticks);
+        EXPECT_EQ(found.leaps[0].step, 4 * ticks + period);
+        ASSERT_EQ(found.shown.size(), 100U);
+        EXPECT_EQ(found.shown[50] - found.shown[49], index(270000, Pcrs::silent).shown[50] -
+                                                         index(270000, Pcrs::silent).shown[49] +
+                                                         4 * (ticks - 270000));
+    }
+    EXPECT_EQ(index(1'080'000, Pcrs::announced).leaps.size(), 1U);
+    EXPECT_THAT(index(1'080'000, Pcrs::none).leaps, testing::IsEmpty()) << "the timestamps begin anew";
+    EXPECT_THAT(index(-90'000, Pcrs::silent).leaps, testing::IsEmpty()) << "they go back";
+}
+
 // A new time base: the PCRs step by half a second, the timestamps, of a clip that begins later, by two.
 TEST_P(OutageSource, TakesWhatOfItsTimeIsPlayed) {
     std::vector<CodedFrame> frames =

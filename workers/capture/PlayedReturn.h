@@ -180,7 +180,7 @@ private:
     [[nodiscard]] bool shownBehind(const Frame& frame) const;
     [[nodiscard]] bool countComplete(std::uint64_t frames) const;
     void notePlace(const Frame& frame);
-    void noteLeap(const Frame& frame);
+    void noteLeap(const VideoUnit& unit, const Frame& frame);
     [[nodiscard]] std::int64_t elapsed(const Frame& frame) const { return frame.clock.elapsed() - m_leapt; }
     [[nodiscard]] std::int64_t hiddenTime() const;
     [[nodiscard]] bool sourceJumps(const ReturnedLabel& label);
@@ -276,6 +276,7 @@ private:
     std::size_t m_leapsCame = 0;
     std::int64_t m_leapt = 0;
     std::int64_t m_begunAt = 0; // when the picture before is decoded
+    PTS m_begunDts;
 };
 
 } // namespace kestrel::capture

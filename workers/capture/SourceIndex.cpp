@@ -86,8 +86,11 @@ private:
         const std::int64_t step = m_frames.unitTime() - m_lastTime;
         const std::int64_t excess = step - period * m_lastFrames;
         // Frames of a film are shown for that long themselves.
+        const std::int64_t stamped = wrapped(unit.dts, m_lastDts).value_or(step);
         if (m_lastFrames > 0 && period > 0 && excess > longestShown * period)
             m_leaps.late({frame, m_frames.unitTime(), {step, excess}}, m_lastAt, m_unitAt);
+        else if (m_lastFrames > 0 && period > 0 && stamped >= StreamClock::largestStep && stamped < wrap / 2)
+            m_leaps.late({frame, m_frames.unitTime(), {stamped, stamped - step}, false}, m_lastAt, m_unitAt);
         if (m_lastFrames == 0 || wrapped(unit.dts, m_lastDts) != step)
             m_stretch = {frame, m_frames.unitTime()};
         m_lastDts = unit.dts;
@@ -98,14 +101,24 @@ private:
     // What is played for no longer than its frames take.
     void finishLeaps() {
         const std::int64_t period = MPEG::SH::decode_PCRs_per_frame(m_index.frameRateCode);
+        std::int64_t later = 0;
+        std::size_t from = 0;
+        const auto moveUntil = [&](std::size_t frame) {
+            for (; from < std::min(frame, m_index.shown.size()); ++from)
+                m_index.shown[from] += later;
+        };
         for (const SourceLeaps::Leap& leap : m_leaps.found(longestShown * period)) {
+            moveUntil(leap.frame);
+            later += leap.clocked ? 0 : leap.later;
             if (leap.frame > m_stretch.frame)
                 m_stretch = {leap.frame, leap.time};
-            m_index.time -= leap.size.excess;
-            m_unplayed += leap.size.excess;
+            const std::int64_t unplayed = leap.size.excess - (leap.clocked ? 0 : leap.later);
+            m_index.time -= unplayed;
+            m_unplayed += unplayed;
             m_index.leaps.push_back(leap.size);
             m_index.leaps.back().frame = leap.frame;
         }
+        moveUntil(m_index.shown.size());
     }
     void finishShown() {
         auto& shown = m_index.shown;

@@ -35,7 +35,7 @@ std::vector<SourceLeaps::Leap> SourceLeaps::found(std::int64_t least) {
         while (first != m_unplayed.end() && first->to <= late.from)
             ++first;
         SourceLeap& size = late.leap.size;
-        const std::int64_t later = std::exchange(size.excess, 0);
+        const std::int64_t later = late.leap.later = std::exchange(size.excess, 0);
         for (auto step = first; step != m_unplayed.end() && step->from < late.to; ++step) {
             const std::int64_t time = std::min(step->time, later - size.excess);
             size.excess += time;
@@ -44,7 +44,9 @@ std::vector<SourceLeaps::Leap> SourceLeaps::found(std::int64_t least) {
         // At its pace what is between two PCRs is played to some milliseconds only.
         if (later - size.excess <= least / 2)
             size.excess = later;
-        if (size.excess > least)
+        // Of one that the PCRs do not follow the timestamp is wrong, or begins anew.
+        const bool followed = late.leap.clocked || later - size.excess < PTS::units_per_second;
+        if (size.excess > least && followed)
             leaps.push_back(late.leap);
     }
     return leaps;

@@ -20,6 +20,8 @@ public:
         std::size_t frame = 0; // the first one behind it
         std::int64_t time = 0; // by the timestamps, when that begins
         SourceLeap size;
+        bool clocked = true;    // the stream's clock takes the step for time, which it does of no long one
+        std::int64_t later = 0; // than the frames of the PES packet before it, by that step
     };
     // Of each list; a damaged file may have one in every few packets. Those behind are taken for played.
     static constexpr std::size_t most = 200'000;

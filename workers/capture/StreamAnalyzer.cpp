@@ -13,8 +13,7 @@ namespace kestrel::capture {
 namespace {
 
 constexpr std::int64_t wrap = std::int64_t{4} << 33; // the 33-bit clock in PTS units
-constexpr std::int64_t largestStep = 10 * PTS::units_per_second;
-constexpr std::int64_t jitter = 8; // two ticks of the 90 kHz clock
+constexpr std::int64_t jitter = 8;                   // two ticks of the 90 kHz clock
 
 constexpr std::size_t pesFixedHead = 9;
 constexpr std::size_t pmtFixedHead = 12;

@@ -14,6 +14,9 @@ namespace kestrel::capture {
 // and to its jumps.
 class StreamClock {
 public:
+    // A step of that much or more is no time: the frames take theirs (PTS units).
+    static constexpr std::int64_t largestStep = 10 * PTS::units_per_second;
+
     // The next frame begins, with this timestamp (or none), after `frames` frames since the last call.
     void advance(PTS stamp, unsigned frames, int frameRateCode) noexcept;
     // Time by the stream since the first frame, in PTS units.
