@@ -167,6 +167,11 @@ TEST(PortWait, AJobWhoseReceptionsExcludeEachOtherIsRefusedAtOnce) {
     EXPECT_THAT(told(any, loopback), HasSubstr("(Encoder 1 at 0.0.0.0 and Encoder 2 at 127.0.0.1 of"));
     EXPECT_THAT(told(loopback, any), HasSubstr("(Encoder 1 at 127.0.0.1 and Encoder 2 at 0.0.0.0 of"));
     EXPECT_THAT(told(loopback, loopback), HasSubstr("(Encoder 1 at 127.0.0.1 and Encoder 2 at 127.0.0.1 of"));
+    // Not of this host, so that any address of it is received on.
+    constexpr std::uint32_t foreign = 0xC0000201;
+    EXPECT_THAT(told(foreign, foreign + 1),
+                HasSubstr("(Encoder 1 at 192.0.2.1 and Encoder 2 at 192.0.2.2 of"));
+    EXPECT_THAT(told(loopback, foreign), HasSubstr("(Encoder 1 at 127.0.0.1 and Encoder 2 at 192.0.2.1 of"));
     EXPECT_THAT(told(group, any), HasSubstr("(Encoder 1 at 239.255.77.1 and Encoder 2 at 0.0.0.0 of"));
 }
 

@@ -5,9 +5,14 @@
 #include "StreamSource.h"
 #include "foundation/ErrorCodes.h"
 #include "foundation/Logger.h"
+#include "foundation/UniqueFd.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <netinet/in.h>
 #include <optional>
+#include <sys/socket.h>
 
 namespace kestrel::capture {
 namespace {
@@ -22,6 +27,20 @@ int firstReception(const CSettings& settings) {
     return secondOnly ? 1 : 0;
 }
 
+// Where a stream is received: at any address of this host, too, if it comes to one that is not this host's.
+std::uint32_t receivingAddress(const StreamSource& source) noexcept {
+    if (source.address == 0 || isMulticast(source.address))
+        return source.address;
+    const UniqueFd probe(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_in local{};
+    local.sin_family = AF_INET;
+    local.sin_addr.s_addr = htonl(source.address);
+    const bool foreign = probe.valid() &&
+                         ::bind(probe.get(), reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0 &&
+                         errno == EADDRNOTAVAIL;
+    return foreign ? INADDR_ANY : source.address;
+}
+
 // Whether one of them is refused where the other receives.
 bool clash(const StreamSource& one, const StreamSource& other) noexcept {
     if (one.port != other.port)
@@ -33,7 +52,9 @@ bool clash(const StreamSource& one, const StreamSource& other) noexcept {
     };
     if (shares(one) && shares(other))
         return false;
-    return one.address == other.address || one.address == 0 || other.address == 0;
+    const std::uint32_t address = receivingAddress(one);
+    const std::uint32_t another = receivingAddress(other);
+    return address == another || address == INADDR_ANY || another == INADDR_ANY;
 }
 
 } // namespace
