@@ -195,6 +195,11 @@ TEST_F(DeckBridge, ASuccessOfAnEarlierCommandIsNotThatOfTheNext) {
                 HasSubstr("A late answer of the VTR process is dropped: command 0, port COM1"));
 }
 
+TEST_F(DeckBridge, AnAnswerWithoutATransportCodeIsThatToTheCommandThatWaits) {
+    start("--no-code");
+    EXPECT_EQ(service.ask("VTR_CMD,COM1,0,Pause"), "TRUE");
+}
+
 TEST_F(DeckBridge, AnAnswerThatNobodyWaitsForIsDropped) {
     start();
     _VTRCmdData record{};

@@ -6,6 +6,7 @@
 //   --late               answer the ignored requests, too, right before the next answer
 //   --other-port         precede each answer by one of another deck
 //   --other-command      precede each answer to a transport command by a success of another, of the same deck
+//   --no-code            give no transport code back
 //   --other-kind         precede each answer by one of the same deck to a request of another kind
 //   --noise              precede each answer by messages that are none
 //   --exit-on N:CODE     end with that code on the Nth request, counted over all lives in the file COUNT
@@ -31,8 +32,8 @@ namespace {
 struct Options {
     std::string record, count, errorText, in, out;
     int errorCode = 0, ignore = 0, exitOn = 0, exitCode = 0;
-    bool late = false, otherPort = false, otherKind = false, otherCommand = false, noise = false,
-         deaf = false, stubborn = false;
+    bool late = false, otherPort = false, otherKind = false, otherCommand = false, noCode = false,
+         noise = false, deaf = false, stubborn = false;
 };
 
 std::pair<int, std::string> numberAndText(const std::string& text) {
@@ -67,6 +68,7 @@ Options read(int argc, char** argv) {
         options.otherPort |= word == "--other-port";
         options.otherKind |= word == "--other-kind";
         options.otherCommand |= word == "--other-command";
+        options.noCode |= word == "--no-code";
         options.noise |= word == "--noise";
         options.deaf |= word == "--deaf";
         options.stubborn |= word == "--stubborn";
@@ -124,6 +126,8 @@ void answer(const Options& options, mqd_t out, _VTRCmdData record) {
         other.errorCode = 0;
         send(out, 9, &other, sizeof other);
     }
+    if (options.noCode)
+        record.transportCode = 0;
     send(out, 9, &record, sizeof record);
 }
 
