@@ -56,7 +56,7 @@ public:
     static Mutex m_pInternalData;
 
 private:
-    // One connection. A thread without a helper has ended and waits to be joined.
+    // One connection: both, or neither while it is free.
     struct Slot {
         std::optional<pthread_t> thread;
         std::unique_ptr<CSocketHelper> helper;

@@ -297,6 +297,8 @@ void setUpLogging(const LoggingSection& section, const char* defaultLogFile) {
     if (log == nullptr)
         return;
     openLog(*log, section.file != nullptr ? section.file : cStringUtil::cValue(defaultLogFile));
+    if (section.ip != nullptr)
+        log->addNetLogger(section.ip, section.port);
     // While it still can be: with such a level no line is written.
     if (section.level > BaseLogger::Fatal)
         LogUtil::Warning(
@@ -305,8 +307,6 @@ void setUpLogging(const LoggingSection& section, const char* defaultLogFile) {
             "nothing more is logged",
             section.level, static_cast<int>(BaseLogger::Fatal));
     log->setDefaultLogLevel(section.level);
-    if (section.ip != nullptr)
-        log->addNetLogger(section.ip, section.port);
 }
 
 void readSections(ProfileReader& profile, Settings& settings) {
