@@ -22,8 +22,9 @@ namespace {
 
 // An address of the loopback network that belongs to this test alone.
 struct Encoder {
-    std::uint32_t address = 0x7F650000 | (static_cast<std::uint32_t>(getpid()) & 0xFFFE) | 1;
-    std::string text = "127.101." + std::to_string(address >> 8 & 255) + "." + std::to_string(address & 255);
+    std::uint32_t address = 0x7F400000 | (static_cast<std::uint32_t>(getpid()) & 0x3FFFFF);
+    std::string text = "127." + std::to_string(address >> 16 & 255) + "." +
+                       std::to_string(address >> 8 & 255) + "." + std::to_string(address & 255);
 };
 
 void addEncoder(Worker& worker, std::uint32_t encoder) {
