@@ -10,6 +10,7 @@
 #include <functional>
 #include <gtest/gtest.h>
 #include <numbers>
+#include <vector>
 
 using namespace kestrel::flowscope;
 
@@ -70,6 +71,29 @@ TEST(AClockThatDrifts, ShowsEachReferenceThatIsOff) {
             EXPECT_GT(highest(clock.jitterOverTime()), 0.62) << off;
         }
     EXPECT_GT(clockOf(60'000, sine, 31'234, 19).jitterUs().value_or(0), 0.62);
+}
+
+// References that come more and less often: so many in so many seconds, one after the other.
+TEST(AClockThatDrifts, HasNoJitterWhereItsReferencesComeMoreAndLessOften) {
+    struct Span {
+        int references;
+        double seconds;
+    };
+    for (const std::vector<Span>& spans :
+         {std::vector<Span>{{100, 4}, {12'000, 4}, {130, 5.2}, {8'000, 1}, {100, 3}},
+          {{4'200, 1}, {4'100, 9}, {8'100, 2.6}, {200, 6}}})
+        for (int off = -1; off < 16'000; off = off < 0 ? 0 : off + 1'009) {
+            ClockCheck clock;
+            double time = 0;
+            int reference = 0;
+            for (const auto& [references, seconds] : spans)
+                for (int i = 0; i < references; ++i, time += seconds / references, ++reference)
+                    clock.reference(SECOND + std::llround(time * HERTZ) + (reference == off ? 27 : 0),
+                                    std::llround(time * 1e8));
+            const double jitter = clock.jitterUs().value_or(-1);
+            EXPECT_TRUE(off >= 0 && off < reference ? jitter > 0.9 : jitter >= 0 && jitter < 0.1)
+                << jitter << " us, " << off;
+        }
 }
 
 TEST(AClockThatDrifts, HasNoMoreJitterThanItsReferences) {

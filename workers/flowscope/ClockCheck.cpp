@@ -69,31 +69,36 @@ void ClockCheck::reference(std::int64_t pcr, std::int64_t packet, bool announced
 
 void ClockCheck::keepRecent(const Sample& sample) {
     m_recent.push_back(sample);
-    const auto before = [this](std::int64_t ticks) {
-        return std::lower_bound(m_recent.begin(), m_recent.end(), m_recent.front().pcr + ticks,
-                                [](const Sample& each, std::int64_t pcr) { return each.pcr < pcr; });
+    const std::int64_t begin = m_recent.front().pcr;
+    const auto countBefore = [&](std::int64_t ticks) {
+        const auto place =
+            std::lower_bound(m_recent.begin(), m_recent.end(), begin + ticks,
+                             [](const Sample& each, std::int64_t pcr) { return each.pcr < pcr; });
+        return static_cast<std::size_t>(place - m_recent.begin());
     };
-    auto third = m_recent.begin() + MOST_RECENT / 4;
-    auto measured = third + MOST_RECENT / 4;
-    auto end = measured + MOST_RECENT / 4;
+    std::size_t third = MOST_RECENT / 4;
+    std::size_t measured = 2 * third;
+    std::size_t end = 3 * third;
     // Of the last second it is not known yet whether packets are lost there.
-    if (sample.pcr - m_recent.front().pcr >= LINE + SECOND) {
-        third = before(LINE / 3);
-        measured = before(2 * LINE / 3);
-        end = before(LINE);
+    if (sample.pcr - begin >= LINE + SECOND) {
+        third = countBefore(LINE / 3);
+        measured = countBefore(2 * LINE / 3);
+        end = countBefore(LINE);
     } else if (m_recent.size() < MOST_RECENT) {
         return;
     }
-    measure(lineOf({m_recent.begin(), end}), {m_recent.begin() + m_measured, measured}, m_farthest,
+    // Where references come more or less often than before, more may have been measured by the line before.
+    measured = std::max(measured, m_measured);
+    const std::span<const Sample> all(m_recent);
+    measure(lineOf(all.first(end)), all.subspan(m_measured, measured - m_measured), m_farthest,
             m_jitterOverTime);
     m_measured = measured - third;
-    m_recent.erase(m_recent.begin(), third);
+    m_recent.erase(m_recent.begin(), m_recent.begin() + static_cast<std::ptrdiff_t>(third));
 }
 
 void ClockCheck::measureRest(std::optional<Distance>& farthest, PeakProfile& overTime) const {
     const std::span<const Sample> all(m_recent);
-    const auto measured = std::min(all.size(), static_cast<std::size_t>(m_measured));
-    measure(lineOf(all), all.subspan(measured), farthest, overTime);
+    measure(lineOf(all), all.subspan(std::min(all.size(), m_measured)), farthest, overTime);
 }
 
 void ClockCheck::measure(const Line& line, std::span<const Sample> samples, std::optional<Distance>& farthest,

@@ -133,9 +133,9 @@ private:
     std::vector<Sample> m_samples; // of the stretch since the last jump or loss; times as m_elapsed
     // Of so many references the two are kept that lie farthest apart: one that is off is always among them.
     std::uint64_t m_group = leastGroup;
-    std::uint64_t m_inGroup = 0;   // references of the last one, while it is not whole
-    std::vector<Sample> m_recent;  // all of the latest seconds, of the same stretch
-    std::ptrdiff_t m_measured = 0; // of these
+    std::uint64_t m_inGroup = 0;  // references of the last one, while it is not whole
+    std::vector<Sample> m_recent; // all of the latest seconds, of the same stretch
+    std::size_t m_measured = 0;   // of these
     // Of those that were measured of the stretch.
     std::optional<Distance> m_farthest;
     PeakProfile m_jitterOverTime;
