@@ -231,6 +231,23 @@ TEST_F(MezzanineRecording, CountedOverALeapTellsThatTheMarksMayBeOff) {
         }
 }
 
+// All labels of the marks lie behind it then.
+TEST_F(MezzanineRecording, CountedBehindALeapMissesAFrameBetweenTheMarksAllTheSame) {
+    RecordingPlan asked = marks();
+    asked.sourceLeaps = {{3 * PTS::units_per_second, 3 * PTS::units_per_second - 14400}};
+    Recording r = recording(asked);
+    LabelledStream stream(idle());
+    beginSilent(r, "10:00:00:00");
+    std::vector<CodedFrame> frames = stream.frames(120);
+    frames.erase(frames.begin() + 40);
+    feed(r, frames);
+    r.sourceEnded(m_now);
+    pass(r, 6s);
+    expectFailed(r, "Error: ");
+    EXPECT_THAT(r.status().text, HasSubstr("(1 frame between the marks did not come back)"));
+    EXPECT_THAT(r.status().text, HasSubstr("the marks may be off"));
+}
+
 // The decoder still shows the end of a play-out before.
 TEST_F(MezzanineRecording, DoesNotTakeTimecodesFromBeforeForTheSources) {
     RecordingPlan asked = marks();

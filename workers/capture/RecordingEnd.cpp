@@ -268,7 +268,9 @@ void Recording::finishComplete(const std::string& besides) {
     bool unknown = false;
     if (m_plan.mode == CaptureMode::marks) {
         const LabelRule& rule = m_rule;
-        const bool each = m_plan.labelsKnown && !countedOverLeap();
+        // A count that went on over a leap knows not which frames have the labels behind one; on the way to
+        // mark-in it only moves them all.
+        const bool each = m_plan.labelsKnown && (m_plan.labelsLacking.empty() || !countedOverLeap());
         m_range.doubt(m_played.countedOn());
         const std::int64_t absent = each ? m_range.absent() : m_range.missing();
         unknown = m_plan.played && (!each || m_range.doubted() > 0);
