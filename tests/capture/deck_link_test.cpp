@@ -114,6 +114,11 @@ TEST(DeckLink, AnswersToOtherRequestsAreDropped) {
     EXPECT_TRUE(bench.deck.busy());
     EXPECT_TRUE(bench.answer(pause));
     EXPECT_FALSE(bench.answer(pause)) << "nothing waits any more";
+    // A deck process need not give the code back.
+    bench.deck.send(playRequest(), bench.now);
+    _VTRCmdData withoutCode = bench.command();
+    withoutCode.transportCode = 0;
+    EXPECT_TRUE(bench.answer(withoutCode));
 }
 
 TEST(DeckLink, AnErrorAnswerFailsWithTheDecksCodeAndText) {

@@ -103,7 +103,7 @@ TEST(StreamClaim, AnotherProcessIsNamedAndItsClaimDiesWithIt) {
 // Two jobs for one encoder: the address lies in the loopback network and belongs to this test alone.
 TEST(StreamClaim, ASecondWorkerForTheSameEncoderFailsAndDisturbsNobody) {
     const auto own = static_cast<std::uint32_t>(getpid());
-    const std::uint32_t encoder = 0x7F640000 | (own & 0xFFFE) | 1;
+    const std::uint32_t encoder = 0x7F640000 | (own & 0xFFFF);
     const auto text = "127.100." + std::to_string(encoder >> 8 & 255) + "." + std::to_string(encoder & 255);
     Worker first;
     Worker second;
