@@ -257,13 +257,25 @@ std::string readText(const std::string& file) {
     return text.str();
 }
 
-Packets readPackets(const std::string& file) {
-    const std::string text = readText(file);
-    EXPECT_EQ(text.size() % 188, 0u) << file;
+namespace {
+
+Packets wholePackets(const std::string& text) {
     Packets packets(text.size() / 188);
     for (std::size_t i = 0; i < packets.size(); ++i)
         std::copy_n(text.begin() + static_cast<std::ptrdiff_t>(i * 188), 188, packets[i].begin());
     return packets;
+}
+
+} // namespace
+
+Packets readPackets(const std::string& file) {
+    const std::string text = readText(file);
+    EXPECT_EQ(text.size() % 188, 0u) << file;
+    return wholePackets(text);
+}
+
+Packets readPacketsOfKilled(const std::string& file) {
+    return wholePackets(readText(file));
 }
 
 std::vector<std::string> filesIn(const std::string& directory) {

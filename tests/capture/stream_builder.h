@@ -68,6 +68,8 @@ private:
 };
 
 Packets readPackets(const std::string& file); // fails the test when it holds anything but whole packets
+// Of a file whose writer was killed, maybe inside a write: a last packet that is cut is left out.
+Packets readPacketsOfKilled(const std::string& file);
 void writePackets(const Packets& packets, const std::string& file);
 std::string readText(const std::string& file);
 std::vector<std::string> filesIn(const std::string& directory); // sorted paths

@@ -64,7 +64,7 @@ TEST(ManualCapture, AnExistingFileIsKept) {
     EXPECT_EQ(readText(worker.path("out/news.ts")), "precious");
 }
 
-TEST(ManualCapture, KilledItLeavesWholePackets) {
+TEST(ManualCapture, KilledItLeavesATransportStream) {
     Worker worker;
     const int port = worker.addEncoder();
     worker.start();
@@ -73,7 +73,7 @@ TEST(ManualCapture, KilledItLeavesWholePackets) {
     Sender("127.0.0.1", port).send(sent, 60e6);
     worker.signal(SIGKILL);
     EXPECT_EQ(worker.wait(), 128 + SIGKILL);
-    const Packets file = readPackets(worker.path("out/news.ts"));
+    const Packets file = readPacketsOfKilled(worker.path("out/news.ts"));
     EXPECT_GT(file.size(), 10000u);
     EXPECT_EQ(continuityErrors(file), 0);
     EXPECT_EQ(positionOf(Packets(file.begin() + 2, file.end()), sent), 2);

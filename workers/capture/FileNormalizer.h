@@ -35,7 +35,7 @@ struct NormalizeStatus {
     std::uint64_t bytes = 0; // written
 };
 
-// The output grows in whole packets and is a transport stream at any moment.
+// The output grows in whole packets and is a transport stream at any moment (see SegmentFile).
 class FileNormalizer {
 public:
     // ended is signalled when it is over.

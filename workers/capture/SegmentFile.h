@@ -12,7 +12,8 @@
 namespace kestrel::capture {
 
 // Whole packets are appended, never anything else, so the file is a transport stream at any moment. What is
-// appended reaches the file in blocks, at the latest with flush().
+// appended reaches the file in blocks, at the latest with flush(). The kernel ends the write of a process
+// that is killed at a page: only then may the last packet of a file be cut, which readers leave out.
 class SegmentFile {
 public:
     SegmentFile();
