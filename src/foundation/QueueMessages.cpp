@@ -1,5 +1,7 @@
 #include "foundation/QueueMessages.h"
 
+#include "foundation/FixedText.h"
+
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -43,3 +45,15 @@ GenericFlatMsg::GenericFlatMsg(unsigned char* bytes, int length) {
 GenericFlatMsg::~GenericFlatMsg() {
     std::free(payload);
 }
+
+namespace kestrel {
+
+bool answersRequest(const _VTRCmdData& answer, const _VTRCmdData& request) noexcept {
+    if (answer.commandKind != request.commandKind ||
+        fieldText(answer.serialPort) != fieldText(request.serialPort))
+        return false;
+    return answer.commandKind != vtrTransport || answer.transportCode == 0 ||
+           answer.transportCode == request.transportCode;
+}
+
+} // namespace kestrel

@@ -109,6 +109,15 @@ static_assert(offsetof(_VTRCmdData, errorText) == 184);
 static_assert(sizeof(_VTRCmdData) == 488);
 static_assert(std::is_trivial_v<_VTRCmdData> && std::is_standard_layout_v<_VTRCmdData>);
 
+namespace kestrel {
+
+// Whether a record that came from the deck process answers that request: of its port and command and, of a
+// transport command, with its code or none. Only these are told apart by their code, and a deck process need
+// not give it back.
+[[nodiscard]] bool answersRequest(const _VTRCmdData& answer, const _VTRCmdData& request) noexcept;
+
+} // namespace kestrel
+
 // Progress of one encoder of a capture job, sent by the capture worker.
 struct _CaptureJobStatusData {
     std::int32_t encoderIndex;

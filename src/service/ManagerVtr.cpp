@@ -47,14 +47,6 @@ void setError(_VTRCmdData& record, long code, const std::string& text) {
     kestrel::copyText(record.errorText, text);
 }
 
-// A deck process that gives no transport code back is taken to mean the one that was asked for.
-bool answers(const _VTRCmdData& answer, const _VTRCmdData& request) {
-    const bool sameCode = answer.transportCode == request.transportCode || answer.transportCode == 0;
-    return answer.commandKind == request.commandKind &&
-           (answer.commandKind != kestrel::vtrTransport || sameCode) &&
-           kestrel::fieldText(answer.serialPort) == kestrel::fieldText(request.serialPort);
-}
-
 // Whether a service that lives has that queue: it holds a lock on it, which goes with its process.
 bool anotherServiceHas(const char* queueName) {
     const kestrel::UniqueFd queue(mq_open(queueName, O_RDONLY | O_CLOEXEC));
@@ -203,7 +195,7 @@ void CManagerLib::rememberRelayed(const _VTRCmdData& record) {
 bool CManagerLib::forgetRelayed(const _VTRCmdData& answer) {
     MutexLock lock(m_relayedMutex);
     const auto found = std::find_if(m_relayed.begin(), m_relayed.end(), [&](const _VTRCmdData& record) {
-        return answers(answer, record) &&
+        return kestrel::answersRequest(answer, record) &&
                kestrel::fieldText(record.replyQueueName) == kestrel::fieldText(answer.replyQueueName);
     });
     if (found == m_relayed.end())
@@ -260,7 +252,7 @@ void CManagerLib::takeDeckAnswer(_VTRCmdData& record) {
         return;
     }
     MutexLock lock(m_vtrResponseMutex);
-    if (m_vtrCmdResponse == nullptr || !answers(record, *m_vtrCmdResponse)) {
+    if (m_vtrCmdResponse == nullptr || !kestrel::answersRequest(record, *m_vtrCmdResponse)) {
         LogUtil::Info(MODULE, "A late answer of the VTR process is dropped: command %d, port %.12s",
                       record.commandKind, record.serialPort);
         return;

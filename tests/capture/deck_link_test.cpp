@@ -114,11 +114,22 @@ TEST(DeckLink, AnswersToOtherRequestsAreDropped) {
     EXPECT_TRUE(bench.deck.busy());
     EXPECT_TRUE(bench.answer(pause));
     EXPECT_FALSE(bench.answer(pause)) << "nothing waits any more";
+}
+
+TEST(DeckLink, TheTransportCodeCountsForTransportCommandsOnly) {
+    Bench bench;
     // A deck process need not give the code back.
     bench.deck.send(playRequest(), bench.now);
-    _VTRCmdData withoutCode = bench.command();
-    withoutCode.transportCode = 0;
-    EXPECT_TRUE(bench.answer(withoutCode));
+    _VTRCmdData answer = bench.command();
+    answer.transportCode = 0;
+    EXPECT_TRUE(bench.answer(answer));
+    for (const DeckRequest& request :
+         {goToRequest("01:00:00:00"), timeRequest(), seekingRequest(), shuttleRequest(2)}) {
+        bench.deck.send(request, bench.now);
+        answer = bench.command();
+        answer.transportCode = kestrel::vtrPauseCode;
+        EXPECT_TRUE(bench.answer(answer)) << request.text();
+    }
 }
 
 TEST(DeckLink, AnErrorAnswerFailsWithTheDecksCodeAndText) {

@@ -1,4 +1,5 @@
 // The record on the message queues and the records inside it.
+#include "foundation/FixedText.h"
 #include "foundation/QueueMessages.h"
 
 #include <cstring>
@@ -130,6 +131,31 @@ TEST(VtrCommandRecord, CodesHaveTheirNumbers) {
     EXPECT_EQ(kestrel::vtrStepReverseCode, 6);
     EXPECT_EQ(kestrel::vtrShuttleCode, 7);
     EXPECT_EQ(kestrel::vtrPauseCode, 10);
+}
+
+TEST(VtrCommandRecord, AnswersTheRequestOfItsPortAndCommand) {
+    const auto record = [](std::int32_t kind, std::int32_t code, const char* port) {
+        _VTRCmdData result{};
+        result.commandKind = kind;
+        result.transportCode = code;
+        kestrel::copyText(result.serialPort, port);
+        return result;
+    };
+    const _VTRCmdData play = record(kestrel::vtrTransport, kestrel::vtrPlayCode, "COM1");
+    EXPECT_TRUE(kestrel::answersRequest(play, play));
+    EXPECT_TRUE(kestrel::answersRequest(record(kestrel::vtrTransport, 0, "COM1"), play));
+    EXPECT_FALSE(kestrel::answersRequest(record(kestrel::vtrTransport, kestrel::vtrPauseCode, "COM1"), play));
+    EXPECT_FALSE(kestrel::answersRequest(record(kestrel::vtrTransport, kestrel::vtrPlayCode, "COM10"), play));
+    EXPECT_FALSE(
+        kestrel::answersRequest(record(kestrel::vtrCurrentTime, kestrel::vtrPlayCode, "COM1"), play));
+    // Other commands are told apart by their kind; what they have for a code means nothing.
+    for (const std::int32_t kind :
+         {kestrel::vtrGoTo, kestrel::vtrCurrentTime, kestrel::vtrIsSeeking, kestrel::vtrShuttle})
+        EXPECT_TRUE(kestrel::answersRequest(record(kind, 99, "COM1"), record(kind, 7, "COM1"))) << kind;
+    // A port that fills its field has no terminator.
+    _VTRCmdData full = play;
+    std::memset(full.serialPort, 'x', sizeof full.serialPort);
+    EXPECT_TRUE(kestrel::answersRequest(full, full));
 }
 
 TEST(CaptureStatusRecord, HasItsFieldsAtFixedBytes) {

@@ -122,10 +122,7 @@ DeckAnswer DeckLink::ended(MaybeFailure failed, Clock::time_point now) {
 }
 
 std::optional<DeckAnswer> DeckLink::take(const _VTRCmdData& record, Clock::time_point now) {
-    // A deck process that gives no transport code back is taken to mean the one that was asked for.
-    const bool sameCode = record.transportCode == m_request.code || record.transportCode == 0;
-    if (!m_busy || m_unsent || record.commandKind != m_request.kind || !sameCode ||
-        fieldText(record.serialPort) != m_port)
+    if (!m_busy || m_unsent || !answersRequest(record, m_record))
         return std::nullopt;
     if (record.errorCode != 0) {
         const std::string text(fieldText(record.errorText));

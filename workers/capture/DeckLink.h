@@ -48,8 +48,7 @@ struct DeckLinkTiming {
     milliseconds roomCheck{20};
 };
 
-// One request at a time. Answers to earlier requests are told apart by port, kind and transport code and
-// dropped.
+// One request at a time. Answers to earlier requests are told apart (see answersRequest) and dropped.
 class DeckLink {
 public:
     DeckLink(ServiceLink& link, std::string port, const DeckLinkTiming& timing = {})
