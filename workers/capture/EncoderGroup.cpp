@@ -3,16 +3,14 @@
 #include "Ipv4.h"
 #include "OutputNames.h"
 #include "StreamSource.h"
+#include "UdpReceiver.h"
 #include "foundation/ErrorCodes.h"
 #include "foundation/Logger.h"
-#include "foundation/UniqueFd.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdint>
 #include <netinet/in.h>
 #include <optional>
-#include <sys/socket.h>
 
 namespace kestrel::capture {
 namespace {
@@ -25,20 +23,6 @@ int firstReception(const CSettings& settings) {
     const bool secondOnly =
         settings.numEncoders == 1 && first.ipAddress == 0 && first.port == 0 && first.snmpIpAddress == 0;
     return secondOnly ? 1 : 0;
-}
-
-// Where a stream is received: at any address of this host, too, if it comes to one that is not this host's.
-std::uint32_t receivingAddress(const StreamSource& source) noexcept {
-    if (source.address == 0 || isMulticast(source.address))
-        return source.address;
-    const UniqueFd probe(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    sockaddr_in local{};
-    local.sin_family = AF_INET;
-    local.sin_addr.s_addr = htonl(source.address);
-    const bool foreign = probe.valid() &&
-                         ::bind(probe.get(), reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0 &&
-                         errno == EADDRNOTAVAIL;
-    return foreign ? INADDR_ANY : source.address;
 }
 
 // Whether one of them is refused where the other receives.

@@ -65,6 +65,14 @@ std::chrono::nanoseconds wallTime() noexcept {
 
 } // namespace
 
+std::uint32_t receivingAddress(const StreamSource& source) noexcept {
+    if (source.address == INADDR_ANY || isMulticast(source.address))
+        return source.address;
+    const UniqueFd probe(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const bool foreign = probe.valid() && !bindTo(probe.get(), source.address, 0) && errno == EADDRNOTAVAIL;
+    return foreign ? INADDR_ANY : source.address;
+}
+
 // The buffers of one recvmmsg(2).
 struct UdpReceiver::Batch {
     std::array<sockaddr_in, receiveBatch> senders{};
@@ -147,10 +155,8 @@ MaybeFailure UdpReceiver::bindSocket() {
     // other's stream, so the second is refused, except where the kernel tells senders apart (below).
     if (isMulticast(m_source.address) || m_source.sender != 0)
         setFlag(fd, SOL_SOCKET, SO_REUSEADDR, 1);
-    // Bound to the group, a socket does not get the other groups of that port. An address that is not one of
-    // this host is the encoder's view of a path we cannot see: any local address will do then.
-    if (!bindTo(fd, m_source.address, m_source.port) &&
-        !(errno == EADDRNOTAVAIL && bindTo(fd, INADDR_ANY, m_source.port))) {
+    // Bound to the group, a socket does not get the other groups of that port.
+    if (!bindTo(fd, receivingAddress(m_source), m_source.port)) {
         m_portTaken = errno == EADDRINUSE;
         const char* const whatToDo =
             m_portTaken ? "; end the recording or program that receives there, or let the encoder "

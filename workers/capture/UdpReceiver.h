@@ -42,6 +42,10 @@ struct ReceiverCounts {
     std::atomic<bool> rtp{false}; // the stream comes in RTP
 };
 
+// The address that a receiver of this source binds its socket to, in host order. A group's or this host's is
+// the one named; one that is neither is the encoder's view of a path we cannot see: any local address then.
+[[nodiscard]] std::uint32_t receivingAddress(const StreamSource& source) noexcept;
+
 // A socket and the thread that empties it. The thread never waits for anything but the socket: it takes
 // datagrams in batches, lets them gather a few milliseconds between batches, and counts what the ring has no
 // room for. Each packet is told with the time at which the kernel received it, however late it is taken, and
