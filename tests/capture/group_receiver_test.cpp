@@ -43,6 +43,25 @@ bool makeDevice() {
            network("route add 239.0.0.0/8 dev camera0");
 }
 
+// The log of this process in a file, which may be read while the receiver's thread writes.
+class LogInAFile {
+public:
+    LogInAFile() {
+        m_lines << std::unitbuf;
+        LogUtil::GetInstance()->addStreamLogger(&m_lines);
+    }
+    ~LogInAFile() { LogUtil::Cleanup(); }
+    LogInAFile(const LogInAFile&) = delete;
+    LogInAFile& operator=(const LogInAFile&) = delete;
+
+    bool has(const std::string& part) const { return readText(m_name).find(part) != std::string::npos; }
+
+private:
+    TemporaryDirectory m_directory;
+    const std::string m_name = m_directory.path("log");
+    std::ofstream m_lines{m_name};
+};
+
 // A receiver of 239.1.1.1 in this thread's network namespace.
 struct GroupReceiver {
     GroupReceiver() : receiver(source(), ring, wake) {}
@@ -75,14 +94,7 @@ TEST(UdpReceiver, AGroupIsReceivedAgainWhenItsNetworkDeviceIsMadeAnew) {
             GTEST_SKIP() << "no network namespace to be had: " << std::strerror(errno);
         if (!makeDevice())
             GTEST_SKIP() << "no network device to be had";
-        // A file, which may be read while the receiver's thread writes.
-        const TemporaryDirectory directory;
-        std::ofstream lines(directory.path("log"));
-        lines << std::unitbuf;
-        LogUtil::GetInstance()->addStreamLogger(&lines);
-        const auto logged = [&directory](const std::string& part) {
-            return readText(directory.path("log")).find(part) != std::string::npos;
-        };
+        const LogInAFile log;
         GroupReceiver group;
         ASSERT_NO_FATAL_FAILURE(group.start());
         const Packets sent(7, Packet{0x47});
@@ -92,10 +104,10 @@ TEST(UdpReceiver, AGroupIsReceivedAgainWhenItsNetworkDeviceIsMadeAnew) {
         ASSERT_TRUE(network("link delete camera0"));
         // As long as there is none, joining again fails, which must not be the end of it.
         const auto deadline = Clock::now() + std::chrono::seconds(15);
-        while (!logged("Cannot join group 239.1.1.1 again: ") && Clock::now() < deadline) {
+        while (!log.has("Cannot join group 239.1.1.1 again: ") && Clock::now() < deadline) {
             group.waitForMore(20);
         }
-        EXPECT_TRUE(logged("Cannot join group 239.1.1.1 again: "));
+        EXPECT_TRUE(log.has("Cannot join group 239.1.1.1 again: "));
         ASSERT_TRUE(makeDevice());
         Packets again;
         while (again.empty() && Clock::now() < deadline) {
@@ -106,8 +118,7 @@ TEST(UdpReceiver, AGroupIsReceivedAgainWhenItsNetworkDeviceIsMadeAnew) {
         }
         group.receiver.stop();
         EXPECT_FALSE(again.empty());
-        EXPECT_TRUE(logged("Nothing has come of group 239.1.1.1 for 2 s: it is joined again every 3 s"));
-        LogUtil::Cleanup();
+        EXPECT_TRUE(log.has("Nothing has come of group 239.1.1.1 for 2 s: it is joined again every 3 s"));
     }).join();
 }
 
@@ -205,26 +216,20 @@ TEST(UdpReceiver, AGroupWithoutARouteIsReceivedOnLoopbackUntilThereIsOne) {
             GTEST_SKIP() << "no network namespace to be had: " << std::strerror(errno);
         if (!network("link set lo up"))
             GTEST_SKIP() << "no network device to be had";
-        const TemporaryDirectory directory;
-        std::ofstream lines(directory.path("log"));
-        lines << std::unitbuf;
-        LogUtil::GetInstance()->addStreamLogger(&lines);
-        const auto logged = [&directory](const std::string& part) {
-            return readText(directory.path("log")).find(part) != std::string::npos;
-        };
+        const LogInAFile log;
         GroupReceiver group;
         ASSERT_NO_FATAL_FAILURE(group.start());
-        EXPECT_TRUE(logged("Warning] No route for group 239.1.1.1: joined on the loopback interface\r\n"));
+        EXPECT_TRUE(log.has("Warning] No route for group 239.1.1.1: joined on the loopback interface\r\n"));
         EXPECT_EQ(devicesOfGroup(), std::set<std::string>{"lo"});
         const Packet first = packetOf(0x100);
         sendOn("127.0.0.1", first);
         EXPECT_EQ(collect(group.ring, group.wake, 1), Packets{first});
 
         // It is joined there again as long as there is no other.
-        EXPECT_TRUE(waitUntil(group, [&] { return logged("Nothing has come of group 239.1.1.1 for 2 s"); }));
+        EXPECT_TRUE(waitUntil(group, [&] { return log.has("Nothing has come of group 239.1.1.1 for 2 s"); }));
         sendOn("127.0.0.1", first);
         EXPECT_EQ(collect(group.ring, group.wake, 1), Packets{first});
-        EXPECT_FALSE(logged("Cannot join"));
+        EXPECT_FALSE(log.has("Cannot join"));
 
         if (makeDevice()) {
             EXPECT_TRUE(
@@ -234,7 +239,6 @@ TEST(UdpReceiver, AGroupWithoutARouteIsReceivedOnLoopbackUntilThereIsOne) {
             EXPECT_EQ(collect(group.ring, group.wake, 1), Packets{second});
         }
         group.receiver.stop();
-        LogUtil::Cleanup();
     }).join();
 }
 

@@ -10,6 +10,23 @@ using namespace capture_test;
 
 namespace {
 
+// One that is open, with room for 64 packets.
+class ReceiverOnLoopback : public testing::Test {
+protected:
+    static StreamSource freePortOfLoopback() {
+        StreamSource found;
+        found.address = 0x7F000001;
+        found.port = freePort();
+        return found;
+    }
+    void SetUp() override { ASSERT_FALSE(receiver.open()); }
+
+    const StreamSource source = freePortOfLoopback();
+    PacketRing ring{64};
+    WakeEvent wake;
+    UdpReceiver receiver{source, ring, wake};
+};
+
 TEST(UdpReceiver, EncodersThatShareAPortAreToldApartByTheirAddress) {
     const int port = freePort();
     PacketRing rings[2] = {PacketRing(4096), PacketRing(4096)};
@@ -33,26 +50,12 @@ TEST(UdpReceiver, EncodersThatShareAPortAreToldApartByTheirAddress) {
     EXPECT_TRUE(collect(rings[1], wakes[1], second.size()) == second);
 }
 
-TEST(UdpReceiver, ASecondReceiverOfAUnicastPortIsRefused) {
-    StreamSource source;
-    source.address = 0x7F000001;
-    source.port = freePort();
-    PacketRing ring(16);
-    WakeEvent wake;
-    UdpReceiver first(source, ring, wake);
-    ASSERT_FALSE(first.open());
+TEST_F(ReceiverOnLoopback, ASecondOneOfItsPortIsRefused) {
     UdpReceiver second(source, ring, wake);
     EXPECT_TRUE(second.open());
 }
 
-TEST(UdpReceiver, WhatTheRingHasNoRoomForIsCounted) {
-    StreamSource source;
-    source.address = 0x7F000001;
-    source.port = freePort();
-    PacketRing ring(64);
-    WakeEvent wake;
-    UdpReceiver receiver(source, ring, wake);
-    ASSERT_FALSE(receiver.open());
+TEST_F(ReceiverOnLoopback, WhatTheRingHasNoRoomForIsCounted) {
     ASSERT_FALSE(receiver.start());
     Sender("127.0.0.1", source.port).send(Packets(700, Packet{0x47}));
     receiver.stop();
@@ -61,14 +64,7 @@ TEST(UdpReceiver, WhatTheRingHasNoRoomForIsCounted) {
     EXPECT_EQ(receiver.counts().kernelDrops, 0u);
 }
 
-TEST(UdpReceiver, TheFirstPacketThatFindsRoomAgainComesBehindALoss) {
-    StreamSource source;
-    source.address = 0x7F000001;
-    source.port = freePort();
-    PacketRing ring(64);
-    WakeEvent wake;
-    UdpReceiver receiver(source, ring, wake);
-    ASSERT_FALSE(receiver.open());
+TEST_F(ReceiverOnLoopback, TheFirstPacketThatFindsRoomAgainComesBehindALoss) {
     ASSERT_FALSE(receiver.start());
     Sender sender("127.0.0.1", source.port);
     sender.send(Packets(70, Packet{0x47}));
@@ -83,14 +79,7 @@ TEST(UdpReceiver, TheFirstPacketThatFindsRoomAgainComesBehindALoss) {
     EXPECT_TRUE(ring.portion(64).afterLoss);
 }
 
-TEST(UdpReceiver, PacketsWithoutSyncAndStrayBytesAreLeftOut) {
-    StreamSource source;
-    source.address = 0x7F000001;
-    source.port = freePort();
-    PacketRing ring(64);
-    WakeEvent wake;
-    UdpReceiver receiver(source, ring, wake);
-    ASSERT_FALSE(receiver.open());
+TEST_F(ReceiverOnLoopback, PacketsWithoutSyncAndStrayBytesAreLeftOut) {
     ASSERT_FALSE(receiver.start());
     Sender sender("127.0.0.1", source.port);
     std::vector<unsigned char> bytes(3 * packetSize + 5, 0);
@@ -159,14 +148,7 @@ TEST(UdpReceiver, OthersAreToldThoughAnotherRecorderTakesItsOwn) {
 }
 
 // A process that did not run for a while finds all of it at once.
-TEST(UdpReceiver, PacketsAreToldWithTheTimeAtWhichTheyArrivedHoweverLateTheyAreTaken) {
-    StreamSource source;
-    source.address = 0x7F000001;
-    source.port = freePort();
-    PacketRing ring(64);
-    WakeEvent wake;
-    UdpReceiver receiver(source, ring, wake);
-    ASSERT_FALSE(receiver.open());
+TEST_F(ReceiverOnLoopback, PacketsAreToldWithTheTimeAtWhichTheyArrivedHoweverLateTheyAreTaken) {
     Sender sender("127.0.0.1", source.port);
     constexpr auto pause = std::chrono::milliseconds(300);
     const auto begin = Clock::now();

@@ -181,12 +181,23 @@ TEST(ProcessorFailures, AnExceptionIsAnAnswerAndALine) {
     EXPECT_STREQ(response, "TRUE - ALIVE") << "the next one is served";
 }
 
+// Both ends of one; a CSocketHelper owns the served one.
+struct Connection {
+    Connection() {
+        int pair[2] = {-1, -1};
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
+        client.reset(pair[0]);
+        served = pair[1];
+    }
+
+    UniqueFd client;
+    int served = -1;
+};
+
 TEST(ProcessorFailures, AnAnswerThatCannotBeSentIsLogged) {
     const CapturedLog lines;
-    int pair[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
-    const UniqueFd client(pair[0]);
-    CSocketHelper helper(pair[1], new CMessageProcessor);
+    const Connection connection;
+    CSocketHelper helper(connection.served, new CMessageProcessor);
     char text[] = "TRUE";
     {
         const Refusal refusal(systemRefusals().send, EPIPE);
@@ -199,16 +210,14 @@ TEST(ProcessorFailures, AnAnswerThatCannotBeSentIsLogged) {
 
 TEST(ProcessorFailures, AnAnswerThatIsSentInPartIsNotSentAgain) {
     const CapturedLog lines;
-    int pair[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
-    const UniqueFd client(pair[0]);
+    const Connection connection;
     {
-        CSocketHelper helper(pair[1], new CMessageProcessor);
+        CSocketHelper helper(connection.served, new CMessageProcessor);
         char text[] = "TRUE - ALIVE";
         systemRefusals().sent = 4;
         EXPECT_TRUE(helper.sendToSocket(text)) << "a part is no failure";
     }
-    EXPECT_EQ(receive(client), "") << "neither the rest nor the whole";
+    EXPECT_EQ(receive(connection.client), "") << "neither the rest nor the whole";
     EXPECT_THAT(lines.text(),
                 HasSubstr("[CSocketHelper:Debug] CSocketHelper::sendToSocket sent len 4- Exiting\r\n"));
 }
