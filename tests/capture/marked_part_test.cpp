@@ -180,11 +180,7 @@ protected:
         for (CodedFrame& frame : frames)
             addPcr(frame);
         if (!GetParam().stamped)
-            for (Packet& packet : frames[22].packets)
-                if (startsPicture(packet)) {
-                    packet[11] = 0;
-                    std::fill_n(packet.begin() + 13, 10, static_cast<unsigned char>(0xFF));
-                }
+            unstamp(frames[22]);
         SourceIndex index = indexOf(frames);
         EXPECT_EQ(index.leaps.size(), 1U);
         EXPECT_EQ(index.leaps.front().frame, 50U);

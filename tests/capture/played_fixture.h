@@ -4,8 +4,11 @@
 
 #include "capture/labelled_stream.h"
 #include "capture/recording_fixture.h"
+#include "capture/stamped_frames.h"
 
+#include <algorithm>
 #include <gtest/gtest.h>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -84,6 +87,16 @@ protected:
         ASSERT_EQ(r.state(), kestrel::capture::RecordingState::ended);
         EXPECT_FALSE(r.status().succeeded);
         EXPECT_TRUE(r.status().text.starts_with(begin)) << r.status().text;
+    }
+    // The labels of those of these frames that are in the file.
+    std::vector<std::string> recordedOf(const std::vector<CodedFrame>& frames) {
+        const Packets packets = readPackets(m_file);
+        const std::set<Packet> file(packets.begin(), packets.end());
+        std::vector<std::string> labels;
+        for (const CodedFrame& frame : frames)
+            if (file.contains(*std::ranges::find_if(frame.packets, startsPicture)))
+                labels.push_back(frame.label);
+        return labels;
     }
     std::size_t fileFrames() { return static_cast<std::size_t>(pictures(readPackets(m_file))); }
 

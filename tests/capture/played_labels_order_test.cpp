@@ -31,7 +31,7 @@ protected:
 TEST_P(LabelsOfPictures, AreAllSeenWhereverInAGopTheSourceBegins) {
     for (int first = 80; first < 92; ++first) {
         SCOPED_TRACE(first);
-        m_file = m_directory.path(std::to_string(first) + ".ts");
+        nextFile();
         Recording r = recording(labelledPlan());
         LabelledStream stream(shape());
         stream.switchAt(first, "10:00:00:00");
@@ -49,7 +49,7 @@ TEST_P(LabelsOfPictures, AreAllSeenWhereverInAGopTheSourceBegins) {
 TEST_P(LabelsOfPictures, AreAllSeenThoughTheDecoderStandsStillInBetween) {
     for (int first = 80; first < 92; ++first) {
         SCOPED_TRACE(first);
-        m_file = m_directory.path(std::to_string(first) + ".ts");
+        nextFile();
         Recording r = recording(labelledPlan());
         LabelledStream stream(shape());
         stream.switchAt(first, "10:00:00:00");
@@ -69,7 +69,7 @@ TEST_P(LabelsOfPictures, AreAllSeenThoughTheDecoderStandsStillInBetween) {
 TEST_P(LabelsOfPictures, TellThatTheFirstFramesDidNotComeBack) {
     for (const int lost : {1, 6, 20}) {
         SCOPED_TRACE(lost);
-        m_file = m_directory.path(std::to_string(lost) + ".ts");
+        nextFile();
         Recording r = recording(labelledPlan());
         LabelledStream stream(shape());
         stream.switchAt(91 + lost, labelsFrom("10:00:00:00", lost + 1).back());
@@ -140,7 +140,7 @@ protected:
         shape.gop = 15;
         for (int first = 80; first < 95; ++first) {
             SCOPED_TRACE(std::to_string(shape.bFrames) + " B from " + std::to_string(first));
-            m_file = m_directory.path(std::to_string(shape.bFrames * 100 + first) + ".ts");
+            nextFile();
             Recording r = recording(labelledPlan());
             LabelledStream stream(shape);
             stream.switchAt(first, "10:00:00:00");
@@ -184,7 +184,7 @@ protected:
     // Feeds the source's frames behind so many others, without those of the given labels.
     void run(int others, Before before, const std::vector<std::string>& lost = {},
              int frames = sourceFrames) {
-        m_file = m_directory.path(std::to_string(++m_recordings) + ".ts");
+        nextFile();
         m_now = Clock::time_point(std::chrono::seconds(1000 + 100 * m_recordings));
         RecordingPlan asked = plan("10:00:00:00", labelsFrom("10:00:00:00", frames).back());
         asked.wantedFrames = asked.labelledFrames = static_cast<std::uint64_t>(frames);
@@ -212,7 +212,6 @@ protected:
     Recording& made() { return *m_made; }
     std::optional<Recording> m_made;
     std::vector<std::string> m_there;
-    int m_recordings = 0;
 };
 
 TEST_P(OthersFirst, TheLastFrameIsInTheFileAndTheOthersAreNotCounted) {
@@ -263,7 +262,7 @@ INSTANTIATE_TEST_SUITE_P(Encoders, OthersFirst,
 // source's.
 TEST_F(PlayedOrder, OfAnEncoderThatWaitsTheFirstFramesMayLackTheirTimecodes) {
     for (const bool avc : {false, true}) {
-        m_file = m_directory.path(avc ? "avc.ts" : "mpeg2.ts");
+        nextFile();
         Recording r = recording(labelledPlan());
         beginSilent(r, "10:00:00:00");
         LabelledShape shape = idle({.bFrames = 2, .avc = avc});
@@ -320,7 +319,7 @@ protected:
 TEST_P(LabelsInPairs, OfAnEncoderThatWaitsAreCounted) {
     for (const bool goesOn : {false, true}) {
         SCOPED_TRACE(goesOn);
-        m_file = m_directory.path(goesOn ? "on.ts" : "off.ts");
+        nextFile();
         Recording r = recording(pairPlan());
         beginSilent(r, "10:00:00:00");
         m_now += 600ms;
@@ -342,7 +341,7 @@ TEST_P(LabelsInPairs, OfAnEncoderThatWaitsAreCounted) {
 TEST_P(LabelsInPairs, OfAnEncoderThatRunsAreAllRecorded) {
     for (int first = 140; first < 146; ++first) {
         SCOPED_TRACE(first);
-        m_file = m_directory.path(std::to_string(first) + ".ts");
+        nextFile();
         Recording r = recording(pairPlan());
         LabelledStream stream = inPairs(first, frames);
         stream.switchAt(first + frames, "05:00:00:00");
@@ -388,7 +387,7 @@ TEST_F(PlayedOrder, AnEncoderThatCountsFromZeroHasAllOfASourceThatBeginsWithAnOp
     for (const bool avc : {false, true})
         for (const int lost : {0, 1}) {
             SCOPED_TRACE((avc ? "H264 " : "MPEG-2 ") + std::to_string(lost));
-            m_file = m_directory.path((avc ? "avc" : "mpeg2") + std::to_string(lost) + ".ts");
+            nextFile();
             RecordingPlan asked = plan("00:00:00:02", "00:00:04:01");
             asked.wantedFrames = 102;
             asked.hiddenFrames = 2;

@@ -2,7 +2,6 @@
 // for three fields, or one that has lost some. An encoder behind a decoder returns a frame for each period of
 // it; what passes it on returns its own. And of a source whose timecodes jump among its first frames.
 #include "capture/played_fixture.h"
-#include "capture/stamped_frames.h"
 
 #include <algorithm>
 #include <gmock/gmock.h>
@@ -19,20 +18,6 @@ namespace {
 
 constexpr std::int64_t period = PTS::units_per_second / 25;
 
-class Played : public PlayedRecording {
-protected:
-    // Of these frames, how many are in the file.
-    std::size_t recorded(std::span<const CodedFrame> frames) {
-        std::set<Packet> file;
-        for (const Packet& packet : readPackets(m_file))
-            if (startsPicture(packet))
-                file.insert(packet);
-        return static_cast<std::size_t>(std::count_if(frames.begin(), frames.end(), [&](const auto& frame) {
-            return file.contains(*std::find_if(frame.packets.begin(), frame.packets.end(), startsPicture));
-        }));
-    }
-};
-
 struct Return {
     const char* name;
     bool runs; // the encoder sends before
@@ -45,7 +30,7 @@ void PrintTo(const Return& what, std::ostream* out) {
 
 // 80 frames that take 4 s: of each five periods the fourth has none of its own. The timecodes count periods,
 // so they tell where its first frame is, but not which is its last.
-class LongerSource : public Played, public testing::WithParamInterface<Return> {
+class LongerSource : public PlayedRecording, public testing::WithParamInterface<Return> {
 protected:
     int m_periods = 100;
     static bool isOwn(int at) { return at % 5 != 3; }
@@ -58,7 +43,7 @@ protected:
         for (int at = 0; at < m_periods && timesKnown; ++at)
             if (isOwn(at))
                 result.sourceShown.push_back(at * period);
-        m_file = m_directory.path(std::to_string(++m_recordings) + ".ts");
+        nextFile();
         return result;
     }
     // What comes back of it in a stream that goes on; lost: periods of which no frame comes back.
@@ -94,7 +79,6 @@ protected:
                 result.insert(at);
         return result;
     }
-    int m_recordings = 0;
 };
 
 TEST_P(LongerSource, IsCompleteWithAFrameForEachPeriod) {
@@ -236,12 +220,12 @@ TEST(PlayedPlaces, AreNotKnownWhileOneFrameOfThemHasNone) {
 
 // A source that ends with a picture whose B pictures were still to come: it is shown two periods behind the
 // one before.
-class ReturnOfACutSource : public Played, public testing::WithParamInterface<bool> {
+class ReturnOfACutSource : public PlayedRecording, public testing::WithParamInterface<bool> {
 protected:
     static constexpr int periods = 103;
     static bool isOwn(int at) { return at != 100 && at != 101; }
     RecordingPlan plan() {
-        m_file = m_directory.path(std::to_string(++m_recordings) + ".ts");
+        nextFile();
         RecordingPlan result = PlayedRecording::plan("10:00:00:00", "10:00:03:23");
         result.labelledFrames = 96;
         result.wantedFrames = 101;
@@ -276,7 +260,6 @@ protected:
         pass(r, 6s);
     }
     std::vector<CodedFrame> m_source;
-    int m_recordings = 0;
 };
 
 TEST_P(ReturnOfACutSource, IsCompleteWithItsLastFrame) {
@@ -284,7 +267,7 @@ TEST_P(ReturnOfACutSource, IsCompleteWithItsLastFrame) {
         Recording r = recording(plan());
         play(r, {}, more);
         expectRecorded(r);
-        EXPECT_EQ(recorded(m_source), m_source.size());
+        EXPECT_EQ(recordedOf(m_source).size(), m_source.size());
     }
 }
 
@@ -307,10 +290,10 @@ INSTANTIATE_TEST_SUITE_P(Encoders, ReturnOfACutSource, testing::Bool(),
                          [](const auto& runs) { return runs.param ? "Running" : "Silent"; });
 
 // A source that was recorded over an outage of three seconds, of which its play-out takes none.
-class ReturnOfAnOutage : public Played {
+class ReturnOfAnOutage : public PlayedRecording {
 protected:
     RecordingPlan plan() {
-        m_file = m_directory.path(std::to_string(++m_recordings) + ".ts");
+        nextFile();
         RecordingPlan result = PlayedRecording::plan("10:00:00:00", "10:00:01:23");
         result.labelledFrames = 48;
         result.sourceTime = sourceFrames * period;
@@ -342,7 +325,6 @@ protected:
             "known whether all others came back");
     }
     std::vector<CodedFrame> m_source;
-    int m_recordings = 0;
 };
 
 // A decoder may have shown one twice and left out another.
@@ -351,7 +333,7 @@ TEST_F(ReturnOfAnOutage, IsRecordedWithItsFramesOneByOne) {
     play(r, sourceFrames, 0);
     expectRecorded(r);
     EXPECT_THAT(r.status().text, tellsOfRepeats());
-    EXPECT_EQ(recorded(m_source), m_source.size());
+    EXPECT_EQ(recordedOf(m_source).size(), m_source.size());
 }
 
 TEST_F(ReturnOfAnOutage, IsCompleteAsItIs) {
@@ -359,7 +341,7 @@ TEST_F(ReturnOfAnOutage, IsCompleteAsItIs) {
     play(r, sourceFrames, 3 * 90000);
     expectRecorded(r);
     EXPECT_THAT(r.status().text, Not(tellsOfRepeats()));
-    EXPECT_EQ(recorded(m_source), m_source.size());
+    EXPECT_EQ(recordedOf(m_source).size(), m_source.size());
 }
 
 TEST_F(ReturnOfAnOutage, IsCompleteAsItIsHoweverLongThatLasted) {
@@ -369,7 +351,7 @@ TEST_F(ReturnOfAnOutage, IsCompleteAsItIsHoweverLongThatLasted) {
     play(r, sourceFrames, 20 * 90000);
     expectRecorded(r);
     EXPECT_THAT(r.status().text, Not(tellsOfRepeats()));
-    EXPECT_EQ(recorded(m_source), m_source.size());
+    EXPECT_EQ(recordedOf(m_source).size(), m_source.size());
 }
 
 TEST_F(ReturnOfAnOutage, IsNotWithOneFrameLess) {
@@ -399,7 +381,7 @@ TEST_F(ReturnOfAnOutage, OfARunningEncoderIsRecordedToTheLastFrameToo) {
     feed(r, rest);
     pass(r, 6s);
     expectRecorded(r);
-    EXPECT_EQ(recorded(rest), rest.size());
+    EXPECT_EQ(recordedOf(rest).size(), rest.size());
     EXPECT_THAT(r.status().text, tellsOfRepeats());
 }
 
@@ -409,16 +391,16 @@ TEST_F(ReturnOfAnOutage, LosesNoneOfAReturnThatIsLongerByWhatADecoderHolds) {
         Recording r = recording(plan());
         play(r, sourceFrames + more, 0);
         expectRecorded(r);
-        EXPECT_EQ(recorded(m_source), m_source.size());
+        EXPECT_EQ(recordedOf(m_source).size(), m_source.size());
         EXPECT_THAT(r.status().text, tellsOfRepeats());
     }
 }
 
 // Film in 720p, that begins with two frames that cannot be shown: these would take five periods.
-class HiddenFilm : public Played {
+class HiddenFilm : public PlayedRecording {
 protected:
     RecordingPlan plan() {
-        m_file = m_directory.path(std::to_string(++m_recordings) + ".ts");
+        nextFile();
         RecordingPlan result = PlayedRecording::plan();
         result.hiddenFrames = 2;
         result.wantedFrames = 42;
@@ -438,7 +420,6 @@ protected:
         r.sourceEnded(m_now);
         pass(r, 6s);
     }
-    int m_recordings = 0;
 };
 
 TEST_F(HiddenFilm, IsCompleteWithAFrameForEachPeriodInWhichItsOthersAreShown) {
@@ -452,7 +433,7 @@ TEST_F(HiddenFilm, IsCompleteWithAFrameForEachPeriodInWhichItsOthersAreShown) {
 
 // The first timecode that comes back says that the source began 25 frames earlier than the later ones say: it
 // may have jumped back among its first frames, as one that was put together does.
-class JumpAmongTheFirst : public Played {
+class JumpAmongTheFirst : public PlayedRecording {
 protected:
     // The return of a source of 128 frames that begins with the stream's frame 79, in the middle of a GOP.
     void play(Recording& r) {
@@ -480,7 +461,7 @@ TEST_F(JumpAmongTheFirst, LosesNoneOfThem) {
     Recording r = recording(plan(20, "10:00:00:19"));
     play(r);
     expectRecorded(r);
-    EXPECT_EQ(recorded(m_source), m_source.size());
+    EXPECT_EQ(recordedOf(m_source).size(), m_source.size());
     EXPECT_THAT(r.status().text, HasSubstr("the source's timecodes jump near its begin: up to 5 s of other "
                                            "pictures at either end, not known whether it is complete"));
 }

@@ -68,7 +68,7 @@ TEST_P(AcrossMidnight, FramesThatAreLostBehindItAreTold) {
 TEST_P(AcrossMidnight, AllComesBackOfARunningEncoder) {
     for (int came = 0; came < 10; ++came) {
         SCOPED_TRACE(came);
-        m_file = m_directory.path(std::to_string(came) + ".ts");
+        nextFile();
         Recording r = recording(midnightPlan());
         LabelledStream stream(idle(GetParam().shape));
         beginRunning(r, stream, GetParam().first);

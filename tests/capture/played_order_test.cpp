@@ -32,7 +32,7 @@ protected:
     }
     // sourceTime: where the source's frames take longer than their number tells.
     Recording recordingOf(int wanted, std::optional<std::int64_t> sourceTime = std::nullopt) {
-        m_file = m_directory.path(std::to_string(++m_recordings) + ".ts");
+        nextFile();
         RecordingPlan asked = plan();
         asked.wantedFrames = static_cast<std::uint64_t>(wanted);
         asked.sourceTime = sourceTime.value_or(asked.sourceTime);
@@ -55,7 +55,6 @@ protected:
                 last = i;
         return last;
     }
-    int m_recordings = 0;
 };
 
 TEST_P(ByCount, HasEachFrameOfTheSourceAndNoMoreThanItMust) {

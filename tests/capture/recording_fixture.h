@@ -16,7 +16,10 @@ protected:
     TemporaryDirectory m_directory;
     kestrel::capture::Clock::time_point m_now{std::chrono::seconds(1000)};
     std::string m_file = m_directory.path("out.ts");
+    int m_recordings = 0;
 
+    // What is recorded next goes to a file of its own.
+    void nextFile() { m_file = m_directory.path(std::to_string(++m_recordings) + ".ts"); }
     kestrel::capture::RecordingPlan plan(kestrel::capture::CaptureMode mode,
                                          const std::string& duration = "") {
         kestrel::capture::RecordingPlan result;

@@ -1,7 +1,7 @@
 // What a recording counts and says is what is in its file.
-#include "capture/Recording.h"
 #include "capture/captured_log.h"
 #include "capture/labelled_stream.h"
+#include "capture/recording_fixture.h"
 #include "mpeg/CaptureEngUtils.h"
 
 #include <csignal>
@@ -39,23 +39,12 @@ private:
     void (*m_action)(int) = SIG_DFL;
 };
 
-class RecordingTruth : public testing::Test {
+class RecordingTruth : public RecordingFixture {
 protected:
-    TemporaryDirectory m_directory;
-    Clock::time_point m_now{1000s};
-    std::string m_file = m_directory.path("out.ts");
-
     Recording recording(CaptureMode mode, bool overwrite = false) {
-        RecordingPlan plan;
-        plan.mode = mode;
-        plan.name = "Encoder 1";
-        plan.output = m_file;
-        plan.overwrite = overwrite;
-        plan.duration = "00:00:30:00";
-        plan.rollingMinutes = 1;
-        Recording made(plan, Timing{}, m_now);
-        EXPECT_FALSE(made.prepare());
-        return made;
+        RecordingPlan asked = plan(mode, "00:00:30:00");
+        asked.overwrite = overwrite;
+        return RecordingFixture::recording(asked);
     }
 };
 

@@ -3,6 +3,7 @@
 
 #include "capture/labelled_stream.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <vector>
 
@@ -32,6 +33,15 @@ inline void delay(CodedFrame& frame, std::int64_t ticks) {
         if (startsPicture(packet))
             for (const std::size_t at : {std::size_t{13}, std::size_t{18}})
                 putTicks(packet, at, ticksAt(packet, at) + ticks);
+}
+
+// Without timestamps.
+inline void unstamp(CodedFrame& frame) {
+    for (Packet& packet : frame.packets)
+        if (startsPicture(packet) && packet[11] != 0) {
+            packet[11] = 0;
+            std::fill_n(packet.begin() + 13, 10, static_cast<unsigned char>(0xFF));
+        }
 }
 
 // Puts a PCR before each frame, half a second before it is decoded.
