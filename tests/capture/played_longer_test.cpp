@@ -301,10 +301,13 @@ protected:
         return result;
     }
     // So many frames come back, that one and those behind it by so much later; one of them may be lost.
-    void play(Recording& r, int frames, std::int64_t ticks, int lost = -1) {
+    // All are at so many ticks more.
+    void play(Recording& r, int frames, std::int64_t ticks, int lost = -1, std::int64_t more = 0) {
         LabelledStream stream({.gop = 12, .bFrames = 2, .timecodes = false});
         beginSilent(r);
         m_source = stream.frames(frames);
+        for (CodedFrame& frame : m_source)
+            delay(frame, more);
         if (lost >= 0)
             m_source.erase(m_source.begin() + lost);
         for (std::size_t i = 48; i < m_source.size(); ++i)
@@ -352,6 +355,42 @@ TEST_F(ReturnOfAnOutage, IsCompleteAsItIsHoweverLongThatLasted) {
     expectRecorded(r);
     EXPECT_THAT(r.status().text, Not(tellsOfRepeats()));
     EXPECT_EQ(recordedOf(m_source).size(), m_source.size());
+}
+
+// The timestamps, which begin with 10 s, begin anew within it.
+TEST_F(ReturnOfAnOutage, IsCompleteAsItIsOverTheWrapOfTheClock) {
+    for (const int seconds : {3, 20}) {
+        RecordingPlan asked = plan();
+        asked.sourceLeaps = {{(25 * seconds + 1) * period, 25 * seconds * period}};
+        Recording r = recording(asked);
+        play(r, sourceFrames, seconds * 90000, -1, (std::int64_t{1} << 33) - 13 * 90000);
+        expectRecorded(r);
+        EXPECT_THAT(r.status().text, Not(tellsOfRepeats()));
+        EXPECT_EQ(recordedOf(m_source).size(), m_source.size());
+    }
+}
+
+// Of a PES packet of several frames all take their time over it.
+TEST_F(ReturnOfAnOutage, IsCompleteAsItIsWithSeveralFramesInAPacket) {
+    for (const int seconds : {3, 20}) {
+        SCOPED_TRACE(seconds);
+        RecordingPlan asked = plan();
+        asked.sourceLeaps = {{(25 * seconds + 4) * period, 25 * seconds * period}};
+        Recording r = recording(asked);
+        StreamBuilder stream({.framesPerUnit = 4});
+        beginSilent(r);
+        for (int frame = 0; frame < sourceFrames; frame += 4) {
+            if (frame == 48)
+                stream.setDts(126000 + 48 * 3600 + seconds * 90000);
+            r.take(stream.frames(4), m_now);
+            m_now += 4 * m_frameTime;
+        }
+        r.sourceEnded(m_now);
+        pass(r, 6s);
+        expectRecorded(r);
+        EXPECT_THAT(r.status().text, HasSubstr("(100 frames, "));
+        EXPECT_THAT(r.status().text, Not(tellsOfRepeats()));
+    }
 }
 
 TEST_F(ReturnOfAnOutage, IsNotWithOneFrameLess) {

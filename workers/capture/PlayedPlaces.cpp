@@ -14,12 +14,16 @@ constexpr std::int64_t longestDelay = 10 * std::int64_t{PTS::units_per_second};
 
 } // namespace
 
-std::optional<std::int64_t> displayDelay(const VideoUnit& unit) {
+std::optional<std::int64_t> stampedStep(PTS stamp, PTS before) {
     constexpr std::int64_t wrap = std::int64_t{4} << 33; // the 33-bit clock in PTS units
-    if (unit.pts.is_absent() || unit.dts.is_absent())
+    if (stamp.is_absent() || before.is_absent())
         return std::nullopt;
-    const std::int64_t delay = ((unit.pts - unit.dts) % wrap + wrap) % wrap;
-    return delay <= longestDelay ? std::optional(delay) : std::nullopt;
+    return ((stamp - before) % wrap + wrap) % wrap;
+}
+
+std::optional<std::int64_t> displayDelay(const VideoUnit& unit) {
+    const auto delay = stampedStep(unit.pts, unit.dts);
+    return delay && *delay <= longestDelay ? delay : std::nullopt;
 }
 
 PlayedPlaces::PlayedPlaces(std::vector<std::int64_t> source, std::uint64_t hidden)

@@ -137,18 +137,16 @@ void PlayedReturn::notePlace(const Frame& frame) {
 // The same step as in the source is one that took no time when it was played.
 void PlayedReturn::noteLeap(const VideoUnit& unit, const Frame& frame) {
     const std::int64_t begun = frame.clock.place().start;
-    std::int64_t step = begun - std::exchange(m_begunAt, begun);
-    const PTS dts = std::exchange(m_begunDts, unit.dts);
+    const std::int64_t taken = begun - std::exchange(m_begunAt, begun);
+    const auto stamped = stampedStep(unit.dts, std::exchange(m_begunDts, unit.dts));
     if (!m_whole || m_leapsCame == m_leaps.size() || frame.now < begin())
         return;
     const SourceLeap& leap = m_leaps[m_leapsCame];
-    // Of a long step the stream's clock takes the time of a frame only.
-    const bool clocked = leap.step < StreamClock::largestStep;
-    if (!clocked && !unit.dts.is_absent() && !dts.is_absent())
-        step = unit.dts - dts;
+    // Of a long step the stream's clock takes the time of the frames only.
+    const std::int64_t step = leap.step < StreamClock::largestStep ? taken : stamped.value_or(taken);
     if (4 * std::llabs(step - leap.step) > frame.clock.period())
         return;
-    m_leapt += leap.excess - (clocked ? 0 : leap.step - frame.clock.period());
+    m_leapt += leap.excess - (step - taken);
     ++m_leapsCame;
 }
 

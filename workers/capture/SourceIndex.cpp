@@ -62,13 +62,7 @@ private:
                                   unit.temporalReference >= 0, 0, reference});
     }
     static constexpr std::int64_t wrap = std::int64_t{4} << 33; // the 33-bit clock in PTS units
-    // From the other on; none where one of them is absent.
-    static std::optional<std::int64_t> wrapped(PTS stamp, PTS other) {
-        if (stamp.is_absent() || other.is_absent())
-            return std::nullopt;
-        return ((stamp - other) % wrap + wrap) % wrap;
-    }
-    static bool isBefore(PTS stamp, PTS other) { return wrapped(stamp, other).value_or(0) > wrap / 2; }
+    static bool isBefore(PTS stamp, PTS other) { return stampedStep(stamp, other).value_or(0) > wrap / 2; }
     // The next frame is that one, counted from the first random access point.
     void noteShown(const VideoUnit& unit, std::uint64_t frame) {
         if (unit.frames == 0)
@@ -86,12 +80,12 @@ private:
         const std::int64_t step = m_frames.unitTime() - m_lastTime;
         const std::int64_t excess = step - period * m_lastFrames;
         // Frames of a film are shown for that long themselves.
-        const std::int64_t stamped = wrapped(unit.dts, m_lastDts).value_or(step);
+        const std::int64_t stamped = stampedStep(unit.dts, m_lastDts).value_or(step);
         if (m_lastFrames > 0 && period > 0 && excess > longestShown * period)
             m_leaps.late({frame, m_frames.unitTime(), {step, excess}}, m_lastAt, m_unitAt);
         else if (m_lastFrames > 0 && period > 0 && stamped >= StreamClock::largestStep && stamped < wrap / 2)
             m_leaps.late({frame, m_frames.unitTime(), {stamped, stamped - step}, false}, m_lastAt, m_unitAt);
-        if (m_lastFrames == 0 || wrapped(unit.dts, m_lastDts) != step)
+        if (m_lastFrames == 0 || stampedStep(unit.dts, m_lastDts) != step)
             m_stretch = {frame, m_frames.unitTime()};
         m_lastDts = unit.dts;
         m_lastTime = m_frames.unitTime();
