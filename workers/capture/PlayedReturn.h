@@ -141,8 +141,10 @@ public:
     [[nodiscard]] std::uint64_t expected(int recordedRate, std::uint64_t frames) const;
     // It is over, whatever still comes: all that was played must have come back.
     [[nodiscard]] bool late(Clock::time_point now) const;
-    // What is to be said of a whole source: by what it was found, what is missing. ended: nothing more comes.
-    [[nodiscard]] std::string describe(int recordedRate, std::uint64_t frames, bool ended) const;
+    // What is to be said of a whole source: what is not known of it; and by what it was found, what is
+    // missing. ended: nothing more comes.
+    [[nodiscard]] std::string describeUnknown(int recordedRate, std::uint64_t frames, bool ended) const;
+    [[nodiscard]] std::string describe(int recordedRate, bool ended) const;
 
 private:
     // Frames by which what is coded may lag behind what is shown.

@@ -225,23 +225,29 @@ std::uint64_t PlayedReturn::expected(int recordedRate, std::uint64_t frames) con
     return std::max<std::uint64_t>(time / period(recordedRate), 2) - 1;
 }
 
-std::string PlayedReturn::describe(int recordedRate, std::uint64_t frames, bool ended) const {
+std::string PlayedReturn::describeUnknown(int recordedRate, std::uint64_t frames, bool ended) const {
     std::string text;
-    if (unlikeSource(recordedRate))
-        text += format(", at frame rate code %d, the source has %d", recordedRate, m_sourceRateCode);
     if (m_by == By::time)
         text +=
-            format(", the stream ran before the play-out and %s: up to %d s of other pictures at either end, "
-                   "not known whether it is complete",
+            format(", not known whether it is complete: the stream ran before the play-out and %s: up to %d "
+                   "s of other pictures at either end",
                    m_jumps ? "the source's timecodes jump near its begin"
                            : "no timecodes of the source were recognised in it",
                    static_cast<int>(m_longestReturn.count() / 1000));
     if (ended && notKnown(recordedRate, frames) && byNumber(frames) >= total())
-        text += ", some of the source's frames are shown for longer, and not all have timestamps: not known "
-                "whether it is complete";
+        text +=
+            ", not known whether it is complete: some of the source's frames are shown for longer, and not "
+            "all have timestamps";
     if (ended && mayRepeat(frames) && returned(frames) >= expected(recordedRate, frames))
-        text += ", a decoder may have shown frames for longer where the source's timestamps leap: not known "
-                "whether all others came back";
+        text += ", not known whether all came back: a decoder may have shown frames for longer where the "
+                "source's timestamps leap";
+    return text;
+}
+
+std::string PlayedReturn::describe(int recordedRate, bool ended) const {
+    std::string text;
+    if (unlikeSource(recordedRate))
+        text += format(", at frame rate code %d, the source has %d", recordedRate, m_sourceRateCode);
     if (m_by == By::labels || (told() && ended && absent() > 0)) {
         text += ", by the source's timecodes from " + m_range.text(m_offset) + " to " +
                 m_range.text(m_offset + std::min(m_range.highest(), m_range.length() - 1));

@@ -136,6 +136,7 @@ private:
     [[nodiscard]] bool countedOverLeap() const noexcept;
     [[nodiscard]] bool endsWithOthers() const;
     [[nodiscard]] bool unlikeSource() const noexcept;
+    [[nodiscard]] std::string describeUnknown() const;
     [[nodiscard]] std::string describePlayed() const;
     void openGroup(const VideoUnit& unit);
     void holdGroup(const VideoUnit& unit, std::int64_t group, std::int64_t leading);
@@ -176,6 +177,7 @@ private:
     bool m_armed;
     bool m_succeeded = false;
     bool m_complete = false; // what was asked for has come
+    bool m_unknown = false;  // some of it may not have, between marks of what is played
     std::string m_text;
     std::function<void()> m_whenOver;
 

@@ -265,7 +265,6 @@ void Recording::finishComplete(const std::string& besides) {
         return finish(false, format("Error: %" PRIu64 " of %" PRIu64 " frames came back%s. ", returned,
                                     expected, m_played.othersMayBe(m_file.frames()) ? " for certain" : "") +
                                  recorded() + besides);
-    bool unknown = false;
     if (m_plan.mode == CaptureMode::marks) {
         const LabelRule& rule = m_rule;
         // A count that went on over a leap knows not which frames have the labels behind one; on the way to
@@ -273,7 +272,6 @@ void Recording::finishComplete(const std::string& besides) {
         const bool each = m_plan.labelsKnown && (m_plan.labelsLacking.empty() || !countedOverLeap());
         m_range.doubt(m_played.countedOn());
         const std::int64_t absent = each ? m_range.absent() : m_range.missing();
-        unknown = m_plan.played && (!each || m_range.doubted() > 0);
         if (m_plan.played && absent > 0)
             return fail(detailed(failure(error::captureDiscontinuity),
                                  counted(static_cast<std::uint64_t>(absent), "frame") +
@@ -283,12 +281,9 @@ void Recording::finishComplete(const std::string& besides) {
             return fail(detailed(failure(error::captureDiscontinuity),
                                  "the timecode goes past mark-out, to " +
                                      rule.text(m_label.value_or(m_range.out()))));
+        m_unknown = m_plan.played && (!each || m_range.doubted() > 0);
     }
-    finish(true,
-           recorded() + besides +
-               (unknown ? ", the source may have no frame for some timecodes between the marks: not known "
-                          "whether all others came back"
-                        : ""));
+    finish(true, recorded() + besides);
 }
 
 // What is held begins the frame after the last.
@@ -322,6 +317,7 @@ std::string Recording::amount() const {
     text += "), " + counted(m_file.continuityErrors(), "continuity error");
     if (m_stops != 0)
         text += ", stream stopped " + counted(m_stops, "time");
+    text += describeUnknown();
     if (m_plan.mode == CaptureMode::marks)
         text += m_range.describe(m_probeCut || (m_plan.played && m_labels.origin() == LabelOrigin::deck)
                                      ? LabelOrigin::none

@@ -173,17 +173,29 @@ void Recording::beginWith(const PlayedReturn::Point& point) {
     startRecording();
 }
 
-std::string Recording::describePlayed() const {
+// Before all that is merely described: whoever keeps only the beginning of the text keeps that.
+std::string Recording::describeUnknown() const {
     if (!m_plan.played)
         return "";
     if (m_probeCut)
         return ", ended before it was known whether its timecodes are the source's";
+    if (m_plan.mode != CaptureMode::marks)
+        return m_played.describeUnknown(recordedRate(), m_file.frames(), m_complete);
+    std::string text;
+    if (m_unknown)
+        text += ", not known whether all came back: the source may have no frame for some timecodes between "
+                "the marks";
+    if (countedOverLeap())
+        text += ", the marks may be off: the source's timestamps leap before mark-out";
+    return text;
+}
+
+std::string Recording::describePlayed() const {
+    if (!m_plan.played || m_probeCut)
+        return "";
     if (m_plan.mode == CaptureMode::marks)
-        return std::string(m_labels.origin() == LabelOrigin::deck ? ", counted from when the play-out began"
-                                                                  : "") +
-               (countedOverLeap() ? ", the source's timestamps leap before mark-out: the marks may be off"
-                                  : "");
-    return m_played.describe(recordedRate(), m_file.frames(), m_complete);
+        return m_labels.origin() == LabelOrigin::deck ? ", counted from when the play-out began" : "";
+    return m_played.describe(recordedRate(), m_complete);
 }
 
 } // namespace kestrel::capture
