@@ -226,6 +226,20 @@ TEST_P(MarkedOutage, TellsWhichLabelsAreThoseOfFramesOverIt) {
     EXPECT_EQ(part.leaps.size(), 1U);
 }
 
+// Of the part that is played, and wherever in it.
+TEST_P(MarkedOutage, TellsHowFarBeforeMarkInItIs) {
+    const SourceIndex found = index();
+    for (const auto& [frame, secondsBefore] : {std::pair{0, 1}, {3, 1}, {12, 1}, {3, 0}}) {
+        MarkedPart part;
+        ASSERT_FALSE(findPart(found, behind(frame), behind(30), secondsBefore, 0, part));
+        const bool played = GetParam().runs && secondsBefore > 0;
+        EXPECT_EQ(part.lackingBefore, played ? frame + 1 : 0) << frame << ", " << secondsBefore;
+    }
+    MarkedPart part;
+    ASSERT_FALSE(findPart(found, "10:00:01:00", "10:00:01:20", 1, 5, part));
+    EXPECT_EQ(part.lackingBefore, 0) << "it is behind mark-in";
+}
+
 // It is played, but moves no mark.
 TEST_P(MarkedOutage, HasNoLeapBehindMarkOut) {
     MarkedPart part;

@@ -187,6 +187,107 @@ TEST_F(MezzanineRecording, DoesNotMissFramesBehindAnOutageWhoseLabelsWereCounted
             }
 }
 
+// Mark-in is less than a GOP behind an outage, and its label was counted on from before that.
+class MezzanineBehindAnOutage : public MezzanineRecording {
+protected:
+    // The outage is behind the 30th frame, in the GOP that begins with the 24th; mark-in is so many frames
+    // behind it.
+    RecordingPlan marks(int lacks, int behind) {
+        const std::vector<std::string> labels = labelsFrom("10:00:01:05", lacks + behind + 60);
+        RecordingPlan asked = MezzanineRecording::marks();
+        asked.useStreamLabels = true;
+        asked.overwrite = true;
+        asked.markIn = labels[static_cast<std::size_t>(lacks + behind)];
+        asked.markOut = labels.back();
+        asked.lackingBefore = behind + 1;
+        asked.sourceLeaps = {{(lacks + 1) * PTS::units_per_second / 25, lacks * PTS::units_per_second / 25}};
+        return asked;
+    }
+    std::vector<CodedFrame> frames(int lacks, LabelledShape shape) {
+        shape.gop = 12;
+        LabelledStream stream(shape);
+        stream.switchAt(30, labelsFrom("10:00:01:05", lacks + 1).back());
+        return stream.frames(200);
+    }
+};
+
+TEST_F(MezzanineBehindAnOutage, DoesNotMissFramesWhoseLabelsWereCountedOn) {
+    for (const bool avc : {false, true})
+        for (const int lacks : {3, 20, 75, 1000})
+            for (const int behind : {0, 3, 5})
+                for (const int lost : {-1, 45}) {
+                    SCOPED_TRACE(std::to_string(lacks) + (avc ? " avc " : " ") + std::to_string(behind) +
+                                 " " + std::to_string(lost));
+                    Recording r = recording(marks(lacks, behind));
+                    beginSilent(r, "10:00:00:00");
+                    std::vector<CodedFrame> sent = frames(lacks, {.avc = avc, .keysOnly = avc});
+                    const Packets first = sent[static_cast<std::size_t>(30 + behind)].packets;
+                    if (lost >= 0) // in a GOP behind the outage
+                        sent.erase(sent.begin() + lost);
+                    feed(r, sent);
+                    r.sourceEnded(m_now);
+                    pass(r, 6s);
+                    EXPECT_THAT(r.status().text, Not(HasSubstr("missing")));
+                    EXPECT_THAT(r.status().text, Not(HasSubstr("before mark-in")));
+                    if (lost >= 0) {
+                        expectFailed(r, "Error: ");
+                        EXPECT_THAT(r.status().text,
+                                    HasSubstr("(1 frame between the marks did not come back)"));
+                        continue;
+                    }
+                    expectRecorded(r);
+                    EXPECT_THAT(r.status().text, HasSubstr("not known whether all came back"));
+                    const Packets file = readPackets(m_file);
+                    EXPECT_NE(std::find(file.begin(), file.end(), first.back()), file.end());
+                }
+}
+
+// Each picture has a label of its own.
+TEST_F(MezzanineBehindAnOutage, MissesThemWhereNoneWasCountedOn) {
+    for (const int lost : {-1, 30, 33}) {
+        SCOPED_TRACE(lost);
+        Recording r = recording(marks(75, 0));
+        beginSilent(r, "10:00:00:00");
+        std::vector<CodedFrame> sent = frames(75, {.avc = true});
+        if (lost >= 0)
+            sent.erase(sent.begin() + lost);
+        feed(r, sent);
+        r.sourceEnded(m_now);
+        pass(r, 6s);
+        EXPECT_THAT(r.status().text, Not(HasSubstr("not known")));
+        if (lost < 0)
+            expectRecorded(r);
+        else
+            expectFailed(r, "Error: ");
+    }
+}
+
+TEST_F(MezzanineBehindAnOutage, DoesNotMissMarkInWhenItIsCancelled) {
+    Recording r = recording(marks(75, 3));
+    beginSilent(r, "10:00:00:00");
+    std::vector<CodedFrame> sent = frames(75, {});
+    sent.resize(60);
+    feed(r, sent);
+    ASSERT_EQ(r.state(), RecordingState::recording);
+    r.cancel(m_now);
+    EXPECT_THAT(r.status().text, StartsWith("Cancelled after "));
+    EXPECT_THAT(r.status().text, Not(HasSubstr("missing")));
+}
+
+// An encoder that has a timecode only once counts on from it for a day: each frame is looked at once.
+TEST(MarkedRange, KnowsAtOnceWhatIsDoubtedOfADay) {
+    constexpr std::int64_t day = 24 * 3600 * 25;
+    MarkedRange range("00:00:00:00", "23:59:59:24", false, {true});
+    ASSERT_FALSE(range.settle({3, false}));
+    range.begin(0, 0);
+    range.doubt(day);
+    EXPECT_EQ(range.doubted(), day - 1);
+    EXPECT_EQ(range.absent(), 0);
+    range.doubt(12);
+    EXPECT_EQ(range.doubted(), 12);
+    EXPECT_EQ(range.absent(), day - 13);
+}
+
 // Where the source was cut among B pictures a frame may stand alone between labels of none.
 TEST_F(MezzanineRecording, DoesNotMissAFrameThatStandsAloneInAnOutage) {
     RecordingPlan asked = marks();

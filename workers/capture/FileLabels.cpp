@@ -86,6 +86,28 @@ std::vector<bool> FileLabels::lacking(std::int64_t from, std::int64_t to) const 
     return lacking;
 }
 
+std::int64_t FileLabels::lackingBefore(std::int64_t at) const {
+    if (!m_shown.empty()) {
+        for (std::int64_t before = std::min(at, length()) - 1; before >= 0; --before)
+            if (!m_has[static_cast<std::size_t>(before)])
+                return at - before;
+        return 0;
+    }
+    std::int64_t found = 0;
+    const AccessPoint* before = nullptr;
+    for (const AccessPoint& point : m_index.points) {
+        if (!point.timecode || m_counted)
+            continue;
+        const std::int64_t place = position(of(point));
+        if (place > at)
+            break;
+        if (before && place - position(of(*before)) > framesBetween(*before, point))
+            found = at - place + 1;
+        before = &point;
+    }
+    return found;
+}
+
 // Whether the timecodes go on from before one label to behind another, frame by frame or by the time.
 bool FileLabels::countOn(std::int64_t from, std::int64_t to) const {
     const AccessPoint* before = nullptr;

@@ -45,6 +45,9 @@ public:
     [[nodiscard]] bool known(std::int64_t from, std::int64_t to) const;
     // Then: those of no frame, by the distance to the first.
     [[nodiscard]] std::vector<bool> lacking(std::int64_t from, std::int64_t to) const;
+    // The distance to that position from the last one before it whose label is that of no frame, as far as
+    // that is known; 0: none is.
+    [[nodiscard]] std::int64_t lackingBefore(std::int64_t at) const;
 
     // Whether frames take more time than their number gives: some are shown for longer, or were lost.
     [[nodiscard]] bool takesLonger() const;

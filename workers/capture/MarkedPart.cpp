@@ -69,6 +69,9 @@ MaybeFailure findPart(const SourceIndex& index, const std::string& markIn, const
     part.begin = begin == &index.points.front() ? 0 : begin->offset;
     part.firstLabel = rule.text(labels.of(*begin) + begin->skipped);
     part.counted = labels.counted();
+    part.lackingBefore = labels.lackingBefore(first);
+    if (first - part.lackingBefore < labels.position(labels.of(*begin)))
+        part.lackingBefore = 0;
     return std::nullopt;
 }
 

@@ -21,6 +21,8 @@ struct MarkedPart {
     // distance to mark-in.
     bool labelsKnown = false;
     std::vector<bool> lacking{};
+    // Frames from the last label before mark-in that is that of no frame of the part; 0: none is known.
+    std::int64_t lackingBefore = 0;
     std::vector<SourceLeap> leaps{}; // within the part, up to the random access point behind mark-out
 };
 

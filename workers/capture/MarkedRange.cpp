@@ -68,7 +68,10 @@ std::int64_t MarkedRange::position(std::int64_t label) const {
 }
 
 bool MarkedRange::mayBeginAt(std::int64_t group) const {
-    const std::int64_t until = -position(group);
+    std::int64_t until = -position(group);
+    // Labels of no frame take no time: a group may go over them, however many they are.
+    if (m_lackingBefore > 0 && until > m_lackingBefore)
+        until = m_lackingBefore;
     return until >= 0 && static_cast<double>(until) <= longestGroupSeconds * m_rule.framesPerSecond();
 }
 
@@ -117,18 +120,22 @@ bool MarkedRange::between(std::int64_t position) const {
 
 bool MarkedRange::lacks(std::int64_t position) const {
     const auto at = static_cast<std::size_t>(position);
-    return position >= 0 && at < m_lacking.size() && m_lacking[at];
+    if (position < 0)
+        return position == -m_lackingBefore;
+    return at < m_lacking.size() && m_lacking[at];
 }
 
 // One that stands alone between such as no frame has is not told from one that stands for a timecode that
-// the encoder has made up: nothing goes on from it.
+// the encoder has made up: nothing goes on from it. lackingLast: the last one of no frame before it.
+bool MarkedRange::doubtful(std::int64_t position, std::int64_t lackingLast) const {
+    return position - lackingLast <= m_doubt || (lacks(position - 1) && lacks(position + 1));
+}
+
 bool MarkedRange::doubtful(std::int64_t position) const {
-    if (lacks(position - 1) && lacks(position + 1))
-        return true;
-    for (std::int64_t at = position - 1; at >= std::max<std::int64_t>(position - m_doubt, 0); --at)
-        if (lacks(at))
-            return true;
-    return false;
+    std::int64_t last = position - 1;
+    while (last > -m_lackingBefore && position - last <= m_doubt && !lacks(last))
+        --last;
+    return doubtful(position, lacks(last) ? last : position - m_doubt - 1);
 }
 
 bool MarkedRange::complete() const {
@@ -150,14 +157,21 @@ std::int64_t MarkedRange::missing() const {
 
 std::int64_t MarkedRange::without(bool doubtful) const {
     std::int64_t without = 0;
-    for (std::int64_t at = 0; at < m_length; ++at)
-        without += !between(at) && !lacks(at) && this->doubtful(at) == doubtful ? 1 : 0;
+    std::int64_t last = m_lackingBefore > 0 ? -m_lackingBefore : -m_doubt - 1;
+    for (std::int64_t at = 0; at < m_length; ++at) {
+        if (lacks(at))
+            last = at;
+        else
+            without += !between(at) && this->doubtful(at, last) == doubtful ? 1 : 0;
+    }
     return without;
 }
 
 std::string MarkedRange::describe(LabelOrigin origin, bool ended) const {
     std::string text = ", from " + m_rule.text(m_in + m_first) + " to " + m_rule.text(m_in + m_highest);
-    if (m_first < 0)
+    // Of labels that were counted on over such as no frame has it is not known how many are before it.
+    const bool over = m_lackingBefore > 0 && m_first < -m_lackingBefore;
+    if (m_first < 0 && !over)
         text += ", " + frameCount(-m_first) + " before mark-in";
     if (!between(0) && !doubtful(0))
         text += ", the frame at mark-in is missing";

@@ -17,9 +17,11 @@ namespace kestrel::capture {
 class MarkedRange {
 public:
     // pairs: the marks count pairs of frames at the double rates. lacking: labels that no frame has, by the
-    // distance to mark-in.
-    MarkedRange(std::string in, std::string out, bool pairs, std::vector<bool> lacking = {})
-        : m_inText(std::move(in)), m_outText(std::move(out)), m_pairs(pairs), m_lacking(std::move(lacking)) {}
+    // distance to mark-in; lackingBefore: that of the last such before mark-in, 0: there is none.
+    MarkedRange(std::string in, std::string out, bool pairs, std::vector<bool> lacking = {},
+                std::int64_t lackingBefore = 0)
+        : m_inText(std::move(in)), m_outText(std::move(out)), m_pairs(pairs), m_lacking(std::move(lacking)),
+          m_lackingBefore(lackingBefore) {}
 
     // Checks what can be checked without a frame rate.
     [[nodiscard]] static MaybeFailure check(const std::string& in, const std::string& out);
@@ -50,6 +52,8 @@ public:
     void doubt(std::int64_t frames) noexcept { m_doubt = frames; }
     // Those frames do not count after all: the source's carry labels.
     void dropByClock();
+    // Whether the frame at mark-in may have come with such a label.
+    [[nodiscard]] bool inDoubted() const { return doubtful(0); }
     // Position of the highest label taken.
     [[nodiscard]] std::int64_t highest() const noexcept { return m_highest; }
     // All frames up to mark-out have come.
@@ -81,11 +85,13 @@ private:
     [[nodiscard]] bool between(std::int64_t position) const;
     [[nodiscard]] bool lacks(std::int64_t position) const;
     [[nodiscard]] bool doubtful(std::int64_t position) const;
+    [[nodiscard]] bool doubtful(std::int64_t position, std::int64_t lackingLast) const;
     [[nodiscard]] std::int64_t without(bool doubtful) const;
 
     std::string m_inText, m_outText;
     bool m_pairs;
     std::vector<bool> m_lacking;
+    std::int64_t m_lackingBefore;
     std::bitset<lastLabels> m_lackingLast; // by the distance to mark-out
     LabelRule m_rule;
     std::int64_t m_in = 0, m_length = 0;

@@ -18,7 +18,8 @@ constexpr const char* module = "Capture";
 Recording::Recording(RecordingPlan plan, const Timing& timing, Clock::time_point now)
     : m_plan(std::move(plan)), m_timing(timing), m_armed(m_plan.armed), m_file(m_plan.name),
       m_labels(m_plan.useStreamLabels, m_plan.marksCountPairs, m_plan.labelTolerance),
-      m_range(m_plan.markIn, m_plan.markOut, m_plan.marksCountPairs, m_plan.labelsLacking),
+      m_range(m_plan.markIn, m_plan.markOut, m_plan.marksCountPairs, m_plan.labelsLacking,
+              m_plan.lackingBefore),
       m_played(m_plan, timing), m_now(now), m_armedAt(std::max(now, m_plan.begin)), m_lastPacket(now) {
     m_held.reserve(heldPackets);
     if (m_plan.played && m_plan.mode == CaptureMode::marks)
@@ -193,6 +194,7 @@ void Recording::noteLabels(const VideoUnit& unit) {
     std::vector<OwnLabels::Range> taken{{first, m_labels.highest(unit)}};
     if (m_played.whole() || byStreamLabels())
         taken = m_played.note(taken.front().first, taken.front().second);
+    m_range.doubt(m_played.countedOn());
     // What comes back of a whole source has a range of its own; here are no marks then, and no rule for them.
     if (m_plan.mode == CaptureMode::marks)
         for (const auto& [from, to] : taken)

@@ -270,7 +270,6 @@ void Recording::finishComplete(const std::string& besides) {
         // A count that went on over a leap knows not which frames have the labels behind one; on the way to
         // mark-in it only moves them all.
         const bool each = m_plan.labelsKnown && (m_plan.labelsLacking.empty() || !countedOverLeap());
-        m_range.doubt(m_played.countedOn());
         const std::int64_t absent = each ? m_range.absent() : m_range.missing();
         if (m_plan.played && absent > 0)
             return fail(detailed(failure(error::captureDiscontinuity),

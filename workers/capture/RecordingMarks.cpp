@@ -43,8 +43,10 @@ void Recording::openGroup(const VideoUnit& unit) {
     const std::int64_t group = m_labels.groupLabel();
     const std::int64_t position = m_range.position(group);
     const double lost = lostSeconds * m_labels.rule().framesPerSecond();
-    // The frame at mark-in was lost on the way: its group is the one that has just ended.
-    const bool ended = position > 0 && static_cast<double>(position - m_range.highest()) <= lost;
+    // The frame at mark-in was lost on the way, or had a label that was counted on: its group is the one that
+    // has just ended.
+    const bool near = static_cast<double>(position - m_range.highest()) <= lost;
+    const bool ended = position > 0 && (near || m_range.inDoubted());
     if (m_groupHeld && (ended || (m_groupByClock && m_range.position(*m_label) > 0)))
         return startRecording();
     const auto aSecond = static_cast<std::int64_t>(m_labels.rule().framesPerSecond()) + 1;

@@ -32,9 +32,10 @@ struct RecordingPlan {
     std::vector<std::int64_t> sourceShown; // then: see longerPlaces()
     std::vector<SourceLeap> sourceLeaps;   // that time is without those; of what is played
     // Marks: it is known which labels from mark-in to mark-out are those of frames of the source. All but
-    // these, by the distance to mark-in.
+    // these, by the distance to mark-in; and how far before mark-in the last such is, 0: none is known.
     bool labelsKnown = true;
     std::vector<bool> labelsLacking;
+    std::int64_t lackingBefore = 0;
     std::uint64_t labelledFrames = 0;
     std::uint64_t hiddenFrames = 0; // of those wanted, before the first that has such a label
     int rollingMinutes = 0;         // rolling: length of a segment

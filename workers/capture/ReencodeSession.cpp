@@ -136,6 +136,7 @@ MaybeFailure ReencodeSession::planRecording(RecordingPlan& plan, PlayOutPlan& pl
     play.end = m_part.end;
     plan.labelsKnown = m_part.labelsKnown;
     plan.labelsLacking = m_part.lacking;
+    plan.lackingBefore = m_part.lackingBefore;
     plan.sourceLeaps = m_part.leaps;
     // What comes back cannot have the timecodes of a source that has none.
     plan.useStreamLabels = plan.useStreamLabels && !m_part.counted;
