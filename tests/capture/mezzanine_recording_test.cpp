@@ -350,6 +350,37 @@ TEST_F(MezzanineRecording, CountedBehindALeapMissesAFrameBetweenTheMarksAllTheSa
     EXPECT_THAT(r.status().text, HasSubstr("the marks may be off"));
 }
 
+// The timecodes go on by the time that was left out: fewer frames than labels are between the marks.
+TEST_F(MezzanineRecording, CountedOverALeapMissesNoFramesOfItsTime) {
+    for (const bool known : {true, false})
+        for (const int more : {0, 25, -5}) { // behind mark-out
+            SCOPED_TRACE(more);
+            RecordingPlan asked = marks();
+            asked.markOut = "10:00:04:24";
+            asked.overwrite = true;
+            asked.labelsKnown = known;
+            if (known) {
+                asked.labelsLacking.resize(5 + 75);
+                std::fill(asked.labelsLacking.begin() + 5, asked.labelsLacking.end(), true);
+            }
+            asked.sourceLeaps = {{76 * PTS::units_per_second / 25, 75 * PTS::units_per_second / 25}};
+            Recording r = recording(asked);
+            LabelledStream stream(idle());
+            beginSilent(r, "10:00:00:00");
+            feed(r, stream, 50 + more);
+            r.sourceEnded(m_now);
+            pass(r, 6s);
+            EXPECT_THAT(r.status().text, HasSubstr("the marks may be off"));
+            if (more >= 0) {
+                expectRecorded(r);
+                EXPECT_THAT(r.status().text, HasSubstr("not known whether all came back"));
+                continue;
+            }
+            expectFailed(r, "Error: ");
+            EXPECT_THAT(r.status().text, HasSubstr("(5 frames between the marks did not come back)"));
+        }
+}
+
 // The service keeps no more of it than 299 bytes, of each of two encoders no more than half of them.
 TEST_F(MezzanineRecording, TellsFirstWhatIsNotKnown) {
     RecordingPlan asked = marks();

@@ -136,6 +136,7 @@ private:
     [[nodiscard]] bool countedOverLeap() const noexcept;
     [[nodiscard]] bool endsWithOthers() const;
     [[nodiscard]] bool unlikeSource() const noexcept;
+    [[nodiscard]] std::int64_t leapLabels() const;
     [[nodiscard]] std::string describeUnknown() const;
     [[nodiscard]] std::string describePlayed() const;
     void openGroup(const VideoUnit& unit);

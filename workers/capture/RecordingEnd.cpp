@@ -267,16 +267,21 @@ void Recording::finishComplete(const std::string& besides) {
                                  recorded() + besides);
     if (m_plan.mode == CaptureMode::marks) {
         const LabelRule& rule = m_rule;
-        // A count that went on over a leap knows not which frames have the labels behind one; on the way to
-        // mark-in it only moves them all.
-        const bool each = m_plan.labelsKnown && (m_plan.labelsLacking.empty() || !countedOverLeap());
-        const std::int64_t absent = each ? m_range.absent() : m_range.missing();
+        // A count that went on over a leap between the marks knows not which frames have the labels behind it
+        // where these go on by the time that was left out, nor how many are still to come before mark-out.
+        // Where no label lacks a frame the source's count its frames as it does, or all are behind the leap,
+        // which has moved them alike.
+        const bool over = countedOverLeap() && (!m_plan.labelsKnown || !m_plan.labelsLacking.empty());
+        const bool each = m_plan.labelsKnown && !over;
+        const std::int64_t missing = m_range.length() - 1 - m_range.highest();
+        std::int64_t absent = each ? m_range.absent() : m_range.missing();
+        if (over)
+            absent = std::max<std::int64_t>(missing - leapLabels(), 0);
         if (m_plan.played && absent > 0)
             return fail(detailed(failure(error::captureDiscontinuity),
                                  counted(static_cast<std::uint64_t>(absent), "frame") +
                                      " between the marks did not come back"));
-        const std::int64_t missing = m_range.length() - 1 - m_range.highest();
-        if (static_cast<double>(missing) > lostSeconds * rule.framesPerSecond())
+        if (!over && static_cast<double>(missing) > lostSeconds * rule.framesPerSecond())
             return fail(detailed(failure(error::captureDiscontinuity),
                                  "the timecode goes past mark-out, to " +
                                      rule.text(m_label.value_or(m_range.out()))));

@@ -3,6 +3,9 @@
 
 #include "foundation/ErrorCodes.h"
 #include "foundation/Logger.h"
+#include "mpeg/mpeg2.h"
+
+#include <algorithm>
 
 namespace kestrel::capture {
 namespace {
@@ -59,6 +62,15 @@ bool Recording::countedOverLeap() const noexcept {
     const LabelOrigin origin = m_labels.origin();
     return m_plan.played && (origin == LabelOrigin::counted || origin == LabelOrigin::deck) &&
            !m_plan.sourceLeaps.empty();
+}
+
+// Labels by which the leaps may move what was counted.
+std::int64_t Recording::leapLabels() const {
+    const std::int64_t period = std::max(MPEG::SH::decode_PCRs_per_frame(m_plan.sourceRateCode), 1);
+    std::int64_t time = 0;
+    for (const SourceLeap& leap : m_plan.sourceLeaps)
+        time += leap.excess;
+    return (time + period - 1) / period;
 }
 
 // Whether what comes now has another frame rate than the source.
