@@ -7,6 +7,7 @@
 #include "streams/stream_fixtures.h"
 #include "verifier/VerifierXml.h"
 
+#include <algorithm>
 #include <array>
 #include <csignal>
 #include <cstdio>
@@ -339,6 +340,22 @@ TEST_F(FlowScope, DamageAtTheBeginningIsAFindingAndNoRefusal) {
         reported(std::vector<unsigned char>(good.begin() + 88, good.end())),
         HasSubstr("kind=\"sync\" text=\"packet 0: 100 bytes before it, from byte 0 of the file on, are no "
                   "packets\""));
+}
+
+// As of a recording that was cut behind its only sequence header.
+TEST_F(FlowScope, APictureSizeThatNoHeaderTellsIsNotMadeUp) {
+    std::vector<unsigned char> bytes = bytesOfFile(streamFile("m2_sd_25"));
+    const std::vector<unsigned char> sequenceHeader{0, 0, 1, 0xB3};
+    for (auto at = bytes.begin();
+         (at = std::search(at, bytes.end(), sequenceHeader.begin(), sequenceHeader.end())) != bytes.end();)
+        *(at += 3) = 0xB2; // user data
+    const std::string file = directory.file("in.ts", std::string(bytes.begin(), bytes.end()));
+    ASSERT_EQ(run(file, {"-report_name", "r.xml"}), 0) << errors();
+    EXPECT_THAT(errors(), HasSubstr("75 frames, 00:00:03:00, size not known at 25, 1 audio, "));
+    EXPECT_THAT(report("r.xml"), Not(HasSubstr("<VideoResolution>")));
+    ASSERT_EQ(run(file, {"-r", "html", "-report_name", "r.html"}), 0) << errors();
+    EXPECT_THAT(report("r.html"), HasSubstr("not known: no header that tells it"));
+    EXPECT_THAT(report("r.html"), Not(HasSubstr("0x0")));
 }
 
 TEST_F(FlowScope, TheFirstPacketMayBeginAnywhereInTheFirstEightKibibytes) {

@@ -144,9 +144,11 @@ void addVideo(std::string& page, const Analysis& analysis) {
     row(page, "Video",
         format("PID %d, %s %s", analysis.videoPid(), encodingText(analysis).c_str(),
                picture.profile.c_str()));
+    const std::string size = sizeText(analysis);
     row(page, "Picture",
-        format("%dx%d, %s, %s", picture.width, picture.height, picture.aspect.c_str(),
-               picture.interlaced ? "interlaced" : "progressive"));
+        size.empty() ? "not known: no header that tells it"
+                     : format("%s, %s, %s", size.c_str(), picture.aspect.c_str(),
+                              picture.interlaced ? "interlaced" : "progressive"));
     row(page, "Frame rate", rateText(picture.rate()));
     row(page, "Duration", durationText(analysis) + " (" + framesText(analysis) + ")");
     row(page, "Video bit rate",

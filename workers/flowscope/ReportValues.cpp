@@ -102,11 +102,16 @@ std::string framesText(const Analysis& analysis) {
                          : counted(sent, "frame") + format(" that last as long as %llu", shown);
 }
 
+std::string sizeText(const Analysis& analysis) {
+    const VideoFormat& picture = analysis.video()->format();
+    return picture.width > 0 ? format("%dx%d", picture.width, picture.height) : "";
+}
+
 std::string summary(const Analysis& analysis) {
-    const VideoFormat& video = analysis.video()->format();
-    return format("%s, %s, %dx%d at %s, %zu audio, ", framesText(analysis).c_str(),
-                  durationText(analysis).c_str(), video.width, video.height, rateText(video.rate()).c_str(),
-                  analysis.audios().size()) +
+    const std::string size = sizeText(analysis);
+    return format("%s, %s, %s at %s, %zu audio, ", framesText(analysis).c_str(),
+                  durationText(analysis).c_str(), size.empty() ? "size not known" : size.c_str(),
+                  rateText(analysis.video()->format().rate()).c_str(), analysis.audios().size()) +
            findingsText(analysis);
 }
 

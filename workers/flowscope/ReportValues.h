@@ -15,6 +15,8 @@ std::string bitRateText(double bitsPerSecond);
 std::string durationText(const Analysis& analysis);
 // The first time code, likewise; empty when there is none.
 std::string timecodeText(const Analysis& analysis);
+// "1920x1080"; empty where the stream does not tell it.
+std::string sizeText(const Analysis& analysis);
 // "MPEG2" or "H.264".
 std::string encodingText(const Analysis& analysis);
 // What the map says of the audio, "AC3 Audio (ATSC A/52)".

@@ -63,7 +63,7 @@ void addVideo(TiXmlElement& media, const Analysis& analysis) {
     value(stream, "Encoding", encodingText(analysis));
     value(stream, "Profile", picture.profile);
     if (picture.width > 0)
-        value(stream, "VideoResolution", format("%dx%d", picture.width, picture.height));
+        value(stream, "VideoResolution", sizeText(analysis));
     value(stream, "AspectRatio", picture.aspect);
     value(stream, "FrameRate", rateText(picture.rate()));
     value(stream, "Interlaced", yesNo(picture.interlaced));
