@@ -64,6 +64,23 @@ TEST(ServiceLink, DoesWithoutQueuesThatAreNotThereOrGoAway) {
                         " has been removed: the recording goes on, end it with SIGTERM\r\n"),
               1)
         << log.text();
+    EXPECT_EQ(log.count("does not hear of the end"), 0) << "it was told";
+}
+
+TEST(ServiceLink, AQueueThatIsFoundRemovedAtTheEndLetsNothingGoOn) {
+    const CapturedLog log;
+    auto queues = std::make_unique<ServiceQueues>();
+    const std::string name = queues->updateName();
+    ServiceLink link;
+    link.connect(name, queues->managerName());
+    queues.reset();
+    link.sendResults("text");
+    link.sendExit();
+    EXPECT_EQ(
+        log.count("Warning] Queue " + name + " has been removed: the service does not hear of the end\r\n"),
+        1)
+        << log.text();
+    EXPECT_EQ(log.count("goes on"), 0);
 }
 
 } // namespace

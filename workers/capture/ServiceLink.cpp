@@ -96,7 +96,9 @@ bool ServiceLink::trySend(AppMsgType type, const void* payload, int size) {
 }
 
 void ServiceLink::sendHeartbeat() {
-    noticeRemoval();
+    if (removalNoticed())
+        LogUtil::Warning(m_module, "Queue %s has been removed: the %s goes on, end it with SIGTERM",
+                         m_writeName.c_str(), m_work);
     const bool sent = trySend(STATUS_MSG, nullptr, 0);
     if (!sent && !m_fullLogged)
         LogUtil::Warning(m_module, "The service does not read queue %s: status is dropped",
@@ -117,19 +119,19 @@ bool ServiceLink::sendDeckCommand(const _VTRCmdData& command) {
 }
 
 // An unlinked queue goes on taking messages that nobody reads.
-void ServiceLink::noticeRemoval() {
+bool ServiceLink::removalNoticed() {
     struct stat status {};
-    if (m_write < 0 || m_removed || ::fstat(m_write, &status) != 0 || status.st_nlink != 0)
-        return;
-    m_removed = true;
-    LogUtil::Warning(m_module, "Queue %s has been removed: the %s goes on, end it with SIGTERM",
-                     m_writeName.c_str(), m_work);
+    if (m_write < 0 || ::fstat(m_write, &status) != 0 || status.st_nlink != 0)
+        return false;
     closeMsgQueue(m_write);
     m_write = -1;
+    return true;
 }
 
 void ServiceLink::sendSurely(AppMsgType type, const void* payload, int size) {
-    noticeRemoval();
+    if (removalNoticed())
+        LogUtil::Warning(m_module, "Queue %s has been removed: the service does not hear of the end",
+                         m_writeName.c_str());
     const Clock::time_point deadline = Clock::now() + finalSendTime;
     while (!trySend(type, payload, size)) {
         const auto left = std::chrono::duration_cast<milliseconds>(deadline - Clock::now());

@@ -50,7 +50,7 @@ public:
 private:
     bool trySend(AppMsgType type, const void* payload, int size);
     void sendSurely(AppMsgType type, const void* payload, int size);
-    void noticeRemoval();
+    bool removalNoticed();
     void take(const GenericFlatMsg& message, Received& received) const;
 
     int connectOne(const std::string& name, int access) const;
@@ -61,7 +61,6 @@ private:
     int m_write = -1;
     int m_read = -1;
     bool m_fullLogged = false;
-    bool m_removed = false;
 };
 
 } // namespace kestrel::capture
