@@ -47,5 +47,7 @@ has "$(install_profile)" "Installing: $profile"
 [[ -d $scratch/logs ]] || fail "no directory for the logs"
 grep -q "$scratch/prefix/bin/kestrelCapture" "$profile" || fail "the profile does not name the installed worker"
 echo '<Own/>' >"$profile"
-has "$(install_profile)" "Kept: $profile"
+has "$(install_profile)" "Kept: $profile (a new one is among the examples, in $scratch/prefix/share/doc/"
+has "$("$KESTREL_CMAKE" --install "$scratch/build" --component profile --prefix "$scratch/other" 2>&1)" \
+  "in $scratch/other/share/doc/"
 [[ $(<"$profile") == '<Own/>' ]] || fail "the operator's profile has been replaced"
