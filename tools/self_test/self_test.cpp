@@ -34,7 +34,8 @@ constexpr SelfTest SELF_TESTS[] = {
      "rewrites the GOP timecodes of PID 481: mode 0 to zero, 1 adds, 2 subtracts hh:mm:ss:ff; the tail\n"
      "      of the file that fills no block of 65,536 bytes is left out, so that a short one comes out empty",
      true, gop_rebase::testHarness},
-    {"GetDTSBounds", "in.mpeg firstDTS lastDTS", "first and last decoding time, in 90 kHz ticks", true,
+    {"GetDTSBounds", "in.mpeg firstDTS lastDTS",
+     "whether these are the first and the last decoding time, in 90 kHz ticks", true,
      GetDTSBounds::testHarness},
     {"MpegWrapper", "filename.mpg", "MPEG-2 profile and level, SD or HD", true, MpegWrapper::testHarness},
 };
