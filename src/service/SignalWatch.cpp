@@ -1,9 +1,11 @@
 #include "service/SignalWatch.h"
 
+#include <array>
 #include <atomic>
 #include <cerrno>
-#include <fcntl.h>
+#include <cstdint>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <system_error>
 #include <unistd.h>
 
@@ -11,33 +13,27 @@ namespace kestrel {
 
 namespace {
 
-// A handler has no context, so the pipe is the process's own: made once and kept.
-struct SignalPipe {
-    int readEnd = -1;
-    int writeEnd = -1;
-};
-
-SignalPipe& signalPipe() {
-    static SignalPipe pipe = [] {
-        int ends[2] = {-1, -1};
-        if (pipe2(ends, O_CLOEXEC) == 0)
-            fcntl(ends[1], F_SETFL, O_NONBLOCK);
-        return SignalPipe{ends[0], ends[1]};
-    }();
-    return pipe;
+// A handler has no context, so the descriptor is the process's own: made once and kept.
+int wakeDescriptor() {
+    static const int descriptor = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    return descriptor;
 }
 
-std::atomic<int> handlerEnd{-1};
-constexpr unsigned char END = 0;
+std::atomic<int> handlerWake{-1};
+// Which signals have come and were not handed over yet. No number of others can push one out.
+std::array<std::atomic<bool>, NSIG> came{};
+static_assert(std::atomic<bool>::is_always_lock_free, "set by a signal handler");
+constexpr std::size_t END = 0; // no signal has this number
 
-bool writeNumber(unsigned char number) {
-    return write(handlerEnd.load(), &number, 1) == 1;
+void tell(std::size_t number) {
+    came[number] = true;
+    const std::uint64_t one = 1;
+    [[maybe_unused]] const ssize_t written = write(handlerWake, &one, sizeof one);
 }
 
 extern "C" void passOn(int signal) {
     const int saved = errno;
-    // A full pipe holds more signals than anyone needs to be told of.
-    writeNumber(static_cast<unsigned char>(signal));
+    tell(static_cast<std::size_t>(signal));
     errno = saved;
 }
 
@@ -45,10 +41,20 @@ extern "C" void passOn(int signal) {
 
 SignalWatch::SignalWatch(std::initializer_list<int> signals, std::function<void(int)> function)
     : m_function(std::move(function)) {
-    handlerEnd = signalPipe().writeEnd;
-    if (handlerEnd < 0)
-        throw std::system_error(errno, std::generic_category(), "no pipe for signals");
-    m_thread = std::thread([this] { watch(signalPipe().readEnd); });
+    handlerWake = wakeDescriptor();
+    if (handlerWake < 0)
+        throw std::system_error(errno, std::generic_category(), "no descriptor for signals");
+    sigemptyset(&m_signals);
+    for (const int signal : signals)
+        sigaddset(&m_signals, signal);
+    // Blocked before the thread starts, so that the handlers run on it once it is there, and nowhere else.
+    pthread_sigmask(SIG_BLOCK, &m_signals, &m_formerMask);
+    try {
+        m_thread = std::thread([this] { watch(wakeDescriptor()); });
+    } catch (...) {
+        pthread_sigmask(SIG_SETMASK, &m_formerMask, nullptr);
+        throw;
+    }
     for (const int signal : signals) {
         struct sigaction action {};
         action.sa_handler = passOn;
@@ -63,23 +69,27 @@ SignalWatch::SignalWatch(std::initializer_list<int> signals, std::function<void(
 SignalWatch::~SignalWatch() {
     for (const auto& [signal, former] : m_former)
         sigaction(signal, &former, nullptr);
-    // The end must not get lost behind a full pipe, which the thread empties meanwhile.
-    while (!writeNumber(END) && (errno == EAGAIN || errno == EINTR)) {
-        pollfd entry{handlerEnd.load(), POLLOUT, 0};
-        poll(&entry, 1, -1);
-    }
+    tell(END);
     m_thread.join();
+    pthread_sigmask(SIG_SETMASK, &m_formerMask, nullptr);
 }
 
-void SignalWatch::watch(int readEnd) const {
+void SignalWatch::watch(int wake) const {
+    pthread_sigmask(SIG_UNBLOCK, &m_signals, nullptr);
     for (;;) {
-        unsigned char number = END;
-        const ssize_t got = read(readEnd, &number, 1);
-        if (got < 0 && errno == EINTR)
-            continue;
-        if (got <= 0 || number == END)
+        // Rather than in read, which goes on after a signal: the thread sanitizer would run no handler
+        // meanwhile.
+        pollfd entry{wake, POLLIN, 0};
+        poll(&entry, 1, -1);
+        eventfd_t count = 0;
+        eventfd_read(wake, &count);
+        // Asked first: what came before the end is handed over.
+        const bool ended = came[END].exchange(false);
+        for (std::size_t number = 1; number < came.size(); ++number)
+            if (came[number].exchange(false))
+                m_function(static_cast<int>(number));
+        if (ended)
             return;
-        m_function(number);
     }
 }
 
