@@ -1,4 +1,4 @@
-// Who is watching workers, so that all watching can be ended at once.
+// Who is watching workers, and what all of them are to be told.
 #pragma once
 
 #include "foundation/Mutex.h"
@@ -7,13 +7,14 @@
 #include <atomic>
 #include <memory>
 #include <pthread.h>
+#include <vector>
 
 namespace kestrel {
 
-// Counts the threads that watch workers. Those that are members when stopAll is called are told to end; who
+// Knows the threads that watch workers. Those that are members when stopAll is called are told to end; who
 // joins later is not, unless stopAll was asked to keep the registry closed until it is reopened.
 class WatchRegistry {
-    struct Generation;
+    struct Member;
 
 public:
     // A watching thread's membership, from its construction by join() to its end.
@@ -23,43 +24,60 @@ public:
         Membership& operator=(Membership&& other) = delete;
         ~Membership();
 
-        // Readable once the member is to end; -1 when the system had no descriptor left, and the member has
-        // to ask from time to time.
-        [[nodiscard]] int stopDescriptor() const noexcept;
+        // Readable once there is something to look at: stopRequested(), or the worker. It stays so until it
+        // is cleared, which is done before looking. -1 when the system had no descriptor left, and the member
+        // has to look from time to time.
+        [[nodiscard]] int wakeDescriptor() const noexcept;
+        void clearWake() const noexcept;
         [[nodiscard]] bool stopRequested() const noexcept;
 
     private:
         friend class WatchRegistry;
-        explicit Membership(std::shared_ptr<Generation> generation) noexcept
-            : m_generation(std::move(generation)) {}
+        explicit Membership(std::unique_ptr<Member> member) noexcept;
 
-        std::shared_ptr<Generation> m_generation;
+        std::unique_ptr<Member> m_member;
+    };
+
+    // While one lives, its owner takes each SIGCHLD and tells of it; else members have to look for a stopped
+    // worker from time to time. One at a time in a process.
+    class ChildReports {
+    public:
+        ChildReports();
+        ~ChildReports();
+        ChildReports(const ChildReports&) = delete;
+        ChildReports& operator=(const ChildReports&) = delete;
+
+        // Some child has ended, stopped or gone on; signals that come together are one, so nobody knows
+        // which.
+        void childChanged() const;
     };
 
     // The one instance; never destroyed, since watching threads may outlive main.
     static WatchRegistry& instance();
 
+    // Joined before the worker is started, a member misses nothing.
     Membership join();
     // Tells all members to end and waits until they have. When it stays closed, whoever joins later is told
     // to end at once.
     void stopAll(bool staysClosed);
     void reopen();
     int count();
+    [[nodiscard]] bool childrenReported() const noexcept { return m_childrenReported; }
 
 private:
-    struct Generation {
-        UniqueFd event;
+    struct Member {
+        UniqueFd wake;
         std::atomic<bool> stopped{false};
-        int members = 0; // guarded by the registry's mutex
     };
 
     WatchRegistry() = default;
+    void wakeAll();
 
     Mutex m_mutex;
     pthread_cond_t m_left = PTHREAD_COND_INITIALIZER;
-    std::shared_ptr<Generation> m_current GUARDED_BY(m_mutex);
-    int m_count GUARDED_BY(m_mutex) = 0; // members of all generations
+    std::vector<Member*> m_members GUARDED_BY(m_mutex); // not owned
     bool m_closed GUARDED_BY(m_mutex) = false;
+    std::atomic<bool> m_childrenReported{false};
 };
 
 } // namespace kestrel

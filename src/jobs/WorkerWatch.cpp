@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <cstring>
 #include <fcntl.h>
+#include <limits>
 #include <poll.h>
 #include <string>
 #include <sys/syscall.h>
@@ -25,11 +26,12 @@ namespace {
 
 constexpr const char* category = "JobLauncher";
 
-// Messages, the end of the worker and the end of watching are events. That a worker was stopped is none, and
-// is looked for this often.
+// Messages, the end of the worker and the end of watching are events; that a worker was stopped is one where
+// SIGCHLD is told of. A program that does not tell of it has its workers looked at this often.
 constexpr int stoppedCheckMs = 1000;
-// Where the kernel gives no process descriptor, the end is no event either.
+// Where the system has no descriptor for it, the end of the worker, or of watching, is no event either.
 constexpr int endCheckMs = 10;
+constexpr int untilEvent = -1;
 
 UniqueFd openProcess(pid_t pid) {
     return UniqueFd(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
@@ -70,19 +72,30 @@ void WorkerWatch::waitForEvent() {
     // Negative descriptors are skipped by poll.
     const int queue = m_exitAnnounced || !m_queueUsable ? -1 : m_data.updateQueue;
     std::array<pollfd, 3> events{
-        {{queue, POLLIN, 0}, {m_process.get(), POLLIN, 0}, {m_membership.stopDescriptor(), POLLIN, 0}}};
-    if (poll(events.data(), events.size(), waitMilliseconds()) > 0 &&
-        (events[0].revents & (POLLERR | POLLNVAL)) != 0)
+        {{queue, POLLIN, 0}, {m_process.get(), POLLIN, 0}, {m_membership.wakeDescriptor(), POLLIN, 0}}};
+    if (poll(events.data(), events.size(), waitMilliseconds()) <= 0)
+        return;
+    if ((events[0].revents & (POLLERR | POLLNVAL)) != 0)
         m_queueUsable = false;
+    // Before anything is looked at, so that what changes meanwhile ends the next wait.
+    if (events[2].revents != 0)
+        m_membership.clearWake();
 }
 
 int WorkerWatch::waitMilliseconds() const {
-    const int slice = m_process.valid() ? stoppedCheckMs : endCheckMs;
+    const int slice = lookAgainMilliseconds();
     if (m_data.statusTimeout <= 0 || m_exitAnnounced)
         return slice;
+    constexpr int longest = std::numeric_limits<int>::max();
     const auto deadline = m_lastStatus + std::chrono::seconds(std::int64_t{m_data.statusTimeout} + 1);
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    return static_cast<int>(std::clamp<std::int64_t>(left, 0, slice));
+    return static_cast<int>(std::clamp<std::int64_t>(left, 0, slice == untilEvent ? longest : slice));
+}
+
+int WorkerWatch::lookAgainMilliseconds() const {
+    if (!m_process.valid() || m_membership.wakeDescriptor() < 0)
+        return endCheckMs;
+    return WatchRegistry::instance().childrenReported() ? untilEvent : stoppedCheckMs;
 }
 
 // Silence is counted in whole seconds, of a clock that nobody sets.

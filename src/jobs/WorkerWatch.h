@@ -27,6 +27,7 @@ private:
 
     void waitForEvent();
     [[nodiscard]] int waitMilliseconds() const;
+    [[nodiscard]] int lookAgainMilliseconds() const;
     [[nodiscard]] bool silentTooLong() const;
     void drain();
     bool workerChanged();

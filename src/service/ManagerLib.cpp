@@ -6,6 +6,7 @@
 #include "foundation/FixedText.h"
 #include "foundation/PosixWrappers.h"
 #include "jobs/JobLauncher.h"
+#include "jobs/WatchRegistry.h"
 #include "resources/ResourceMgr.h"
 #include "service/CSocketManager.h"
 #include "service/ServiceLimits.h"
@@ -179,6 +180,7 @@ int CManagerLib::RunCmdLine() {
     LogUtil::Info(MODULE, "RunCmdLine");
     if (instance == nullptr)
         return -1;
+    const kestrel::WatchRegistry::ChildReports children;
     // Ends after everything below, so that no shutdown runs on while the process exits.
     std::optional<kestrel::SignalWatch> signals;
     int result = -1;
@@ -186,7 +188,13 @@ int CManagerLib::RunCmdLine() {
         MutexLock oneAtATime(lifeMutex());
         lastStartFailure().clear();
         try {
-            signals.emplace(std::initializer_list<int>{SIGINT, SIGHUP, SIGTERM}, cmdLineExitHandler);
+            signals.emplace(std::initializer_list<int>{SIGINT, SIGHUP, SIGTERM, SIGCHLD},
+                            [&children](int signal) {
+                                if (signal == SIGCHLD)
+                                    children.childChanged();
+                                else
+                                    cmdLineExitHandler(signal);
+                            });
             result = instance->runCmdLine();
         } catch (const std::exception& failure) {
             LogUtil::Error(MODULE, "The service cannot start: %s", failure.what());

@@ -15,6 +15,7 @@ kestrel_add_test(capture_job_tests THREADS SERIAL
     ${CMAKE_CURRENT_LIST_DIR}/job_launcher_failures_test.cpp
     ${CMAKE_CURRENT_LIST_DIR}/job_launcher_test.cpp
     ${CMAKE_CURRENT_LIST_DIR}/job_messages_test.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/worker_watch_test.cpp
   LINKS kestrel::jobs kestrel_stream_fixtures)
 target_compile_definitions(capture_job_tests PRIVATE
   KESTREL_TEST_WORKER="$<TARGET_FILE:capture_job_test_worker>")
