@@ -163,8 +163,11 @@ pid_t daemonOf(const ServiceUnderTest& service) {
             continue;
         std::ifstream in(entry.path() / "environ", std::ios::binary);
         const std::string environment{std::istreambuf_iterator<char>(in), {}};
-        if (environment.find(wanted) != std::string::npos)
-            return std::stoi(name);
+        if (environment.find(wanted) == std::string::npos)
+            continue;
+        // The leader of its session, which it was started by, may not have ended yet.
+        if (const pid_t process = std::stoi(name); getsid(process) != process)
+            return process;
     }
     return -1;
 }
