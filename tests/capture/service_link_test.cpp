@@ -42,6 +42,13 @@ TEST(ServiceLink, OnlyTheCancelMessageCancels) {
     EXPECT_FALSE(link.cancelReceived());
 }
 
+// As when the service ends; the name of the queue that is written to.
+std::string connectAndRemoveQueues(ServiceLink& link) {
+    const ServiceQueues queues;
+    link.connect(queues.updateName(), queues.managerName());
+    return queues.updateName();
+}
+
 TEST(ServiceLink, DoesWithoutQueuesThatAreNotThereOrGoAway) {
     ServiceLink none;
     none.connect("/kestrel_no_such_queue", "");
@@ -50,11 +57,8 @@ TEST(ServiceLink, DoesWithoutQueuesThatAreNotThereOrGoAway) {
     EXPECT_FALSE(none.cancelReceived());
 
     const CapturedLog log;
-    auto queues = std::make_unique<ServiceQueues>();
-    const std::string name = queues->updateName();
     ServiceLink link;
-    link.connect(name, queues->managerName());
-    queues.reset();
+    const std::string name = connectAndRemoveQueues(link);
     for (int i = 0; i < 30; ++i)
         link.sendHeartbeat();
     const auto begin = Clock::now();
@@ -69,11 +73,8 @@ TEST(ServiceLink, DoesWithoutQueuesThatAreNotThereOrGoAway) {
 
 TEST(ServiceLink, AQueueThatIsFoundRemovedAtTheEndLetsNothingGoOn) {
     const CapturedLog log;
-    auto queues = std::make_unique<ServiceQueues>();
-    const std::string name = queues->updateName();
     ServiceLink link;
-    link.connect(name, queues->managerName());
-    queues.reset();
+    const std::string name = connectAndRemoveQueues(link);
     link.sendResults("text");
     link.sendExit();
     EXPECT_EQ(
