@@ -1,0 +1,310 @@
+// Mezzanines of sources that have no frame for some timecodes, or whose timestamps leap.
+#include "capture/mezzanine_fixture.h"
+
+#include <algorithm>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using namespace kestrel::capture;
+using namespace capture_test;
+using namespace std::chrono_literals;
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+
+namespace {
+
+// Which timecodes the source has no frame for is known; the others are all looked for.
+TEST_F(MezzanineRecording, OfASourceThatIsKnownToLackFramesHasAllOthers) {
+    for (const int lost : {-1, 4, 16, 23})
+        for (const int lacks : {10, 19}) { // five from there on
+            SCOPED_TRACE(std::to_string(lost) + " without " + std::to_string(lacks));
+            RecordingPlan asked = marks();
+            asked.useStreamLabels = true;
+            asked.overwrite = true;
+            asked.labelsLacking.resize(static_cast<std::size_t>(lacks) + 5);
+            std::fill(asked.labelsLacking.begin() + lacks, asked.labelsLacking.end(), true);
+            const bool gone = lost >= lacks && lost < lacks + 5;
+            Recording r = recording(asked);
+            beginSilent(r, "10:00:00:00");
+            LabelledStream stream({.gop = 10, .avc = true});
+            std::vector<CodedFrame> frames = stream.frames(80);
+            const std::vector<std::string> labels = labelsFrom("10:00:01:00", 25);
+            std::erase_if(frames, [&](const CodedFrame& frame) {
+                const auto at = std::find(labels.begin(), labels.end(), frame.label) - labels.begin();
+                return at == lost || (at >= lacks && at < lacks + 5);
+            });
+            feed(r, frames);
+            r.sourceEnded(m_now);
+            pass(r, 6s);
+            EXPECT_THAT(r.status().text, Not(HasSubstr("not known")));
+            if (lost < 0 || gone) {
+                expectRecorded(r);
+                continue;
+            }
+            expectFailed(r, "Error: ");
+            EXPECT_THAT(r.status().text, HasSubstr("(1 frame between the marks did not come back)"));
+        }
+}
+
+// The timecodes ran on over an outage that the play-out does not wait for: those behind it come before they
+// are due.
+TEST_F(MezzanineRecording, OverAnOutageHasTheFramesOnBothItsSides) {
+    for (const bool lost : {false, true}) {
+        RecordingPlan asked = marks();
+        asked.markOut = "10:00:04:24";
+        asked.useStreamLabels = true;
+        asked.overwrite = true;
+        asked.labelsLacking.resize(5 + 75);
+        std::fill(asked.labelsLacking.begin() + 5, asked.labelsLacking.end(), true);
+        asked.sourceLeaps = {{76 * PTS::units_per_second / 25, 75 * PTS::units_per_second / 25}};
+        Recording r = recording(asked);
+        beginSilent(r, "10:00:00:00");
+        LabelledStream stream({.gop = 10, .avc = true});
+        feed(r, stream, 30);
+        stream.jumpTo("10:00:04:05");
+        std::vector<CodedFrame> behind = stream.frames(50);
+        if (lost)
+            behind.erase(behind.begin() + 12);
+        feed(r, behind);
+        r.sourceEnded(m_now);
+        pass(r, 6s);
+        if (!lost)
+            expectRecorded(r);
+        else
+            expectFailed(r, "Error: ");
+        EXPECT_THAT(r.status().text, HasSubstr("from 10:00:00:20 to 10:00:04:24"));
+        EXPECT_THAT(r.status().text, Not(HasSubstr("counted")));
+    }
+}
+
+// An encoder that labels GOPs only: the frames behind the outage that come in a GOP of before carry labels
+// that it counts on from there. Which of them came cannot be known; of those of other GOPs it is.
+TEST_F(MezzanineRecording, DoesNotMissFramesBehindAnOutageWhoseLabelsWereCountedOn) {
+    for (const bool avc : {false, true})
+        for (const int lacks : {3, 8, 75}) // from the 35th frame on
+            for (const int lost : {-1, 12, 30}) {
+                SCOPED_TRACE(std::to_string(lacks) + (avc ? " avc " : " ") + std::to_string(lost));
+                RecordingPlan asked = marks();
+                asked.markOut = "10:00:06:00";
+                asked.useStreamLabels = true;
+                asked.overwrite = true;
+                asked.labelsLacking.resize(static_cast<std::size_t>(10 + lacks));
+                std::fill(asked.labelsLacking.begin() + 10, asked.labelsLacking.end(), true);
+                asked.sourceLeaps = {
+                    {(lacks + 1) * PTS::units_per_second / 25, lacks * PTS::units_per_second / 25}};
+                Recording r = recording(asked);
+                beginSilent(r, "10:00:00:00");
+                LabelledStream stream({.gop = 12, .avc = avc, .keysOnly = avc});
+                stream.switchAt(35, labelsFrom("10:00:01:10", lacks + 1).back());
+                std::vector<CodedFrame> frames = stream.frames(200);
+                if (lost >= 0) // in a GOP before the outage or behind it
+                    frames.erase(frames.begin() + 20 + lost);
+                feed(r, frames);
+                r.sourceEnded(m_now);
+                pass(r, 6s);
+                if (lost >= 0) {
+                    expectFailed(r, "Error: ");
+                    EXPECT_THAT(r.status().text, HasSubstr("(1 frame between the marks did not come back)"));
+                    continue;
+                }
+                expectRecorded(r);
+                EXPECT_THAT(r.status().text, HasSubstr("not known whether all came back"));
+            }
+}
+
+// Mark-in is less than a GOP behind an outage, and its label was counted on from before that.
+class MezzanineBehindAnOutage : public MezzanineRecording {
+protected:
+    // The outage is behind the 30th frame, in the GOP that begins with the 24th; mark-in is so many frames
+    // behind it.
+    RecordingPlan marks(int lacks, int behind) {
+        const std::vector<std::string> labels = labelsFrom("10:00:01:05", lacks + behind + 60);
+        RecordingPlan asked = MezzanineRecording::marks();
+        asked.useStreamLabels = true;
+        asked.overwrite = true;
+        asked.markIn = labels[static_cast<std::size_t>(lacks + behind)];
+        asked.markOut = labels.back();
+        asked.lackingBefore = behind + 1;
+        asked.sourceLeaps = {{(lacks + 1) * PTS::units_per_second / 25, lacks * PTS::units_per_second / 25}};
+        return asked;
+    }
+    std::vector<CodedFrame> frames(int lacks, LabelledShape shape) {
+        shape.gop = 12;
+        LabelledStream stream(shape);
+        stream.switchAt(30, labelsFrom("10:00:01:05", lacks + 1).back());
+        return stream.frames(200);
+    }
+};
+
+TEST_F(MezzanineBehindAnOutage, DoesNotMissFramesWhoseLabelsWereCountedOn) {
+    for (const bool avc : {false, true})
+        for (const int lacks : {3, 20, 75, 1000})
+            for (const int behind : {0, 3, 5})
+                for (const int lost : {-1, 45}) {
+                    SCOPED_TRACE(std::to_string(lacks) + (avc ? " avc " : " ") + std::to_string(behind) +
+                                 " " + std::to_string(lost));
+                    Recording r = recording(marks(lacks, behind));
+                    beginSilent(r, "10:00:00:00");
+                    std::vector<CodedFrame> sent = frames(lacks, {.avc = avc, .keysOnly = avc});
+                    const Packets first = sent[static_cast<std::size_t>(30 + behind)].packets;
+                    if (lost >= 0) // in a GOP behind the outage
+                        sent.erase(sent.begin() + lost);
+                    feed(r, sent);
+                    r.sourceEnded(m_now);
+                    pass(r, 6s);
+                    EXPECT_THAT(r.status().text, Not(HasSubstr("missing")));
+                    EXPECT_THAT(r.status().text, Not(HasSubstr("before mark-in")));
+                    if (lost >= 0) {
+                        expectFailed(r, "Error: ");
+                        EXPECT_THAT(r.status().text,
+                                    HasSubstr("(1 frame between the marks did not come back)"));
+                        continue;
+                    }
+                    expectRecorded(r);
+                    EXPECT_THAT(r.status().text, HasSubstr("not known whether all came back"));
+                    const Packets file = readPackets(m_file);
+                    EXPECT_NE(std::find(file.begin(), file.end(), first.back()), file.end());
+                }
+}
+
+// Each picture has a label of its own.
+TEST_F(MezzanineBehindAnOutage, MissesThemWhereNoneWasCountedOn) {
+    for (const int lost : {-1, 30, 33}) {
+        SCOPED_TRACE(lost);
+        Recording r = recording(marks(75, 0));
+        beginSilent(r, "10:00:00:00");
+        std::vector<CodedFrame> sent = frames(75, {.avc = true});
+        if (lost >= 0)
+            sent.erase(sent.begin() + lost);
+        feed(r, sent);
+        r.sourceEnded(m_now);
+        pass(r, 6s);
+        EXPECT_THAT(r.status().text, Not(HasSubstr("not known")));
+        if (lost < 0)
+            expectRecorded(r);
+        else
+            expectFailed(r, "Error: ");
+    }
+}
+
+TEST_F(MezzanineBehindAnOutage, DoesNotMissMarkInWhenItIsCancelled) {
+    Recording r = recording(marks(75, 3));
+    beginSilent(r, "10:00:00:00");
+    std::vector<CodedFrame> sent = frames(75, {});
+    sent.resize(60);
+    feed(r, sent);
+    ASSERT_EQ(r.state(), RecordingState::recording);
+    r.cancel(m_now);
+    EXPECT_THAT(r.status().text, StartsWith("Cancelled after "));
+    EXPECT_THAT(r.status().text, Not(HasSubstr("missing")));
+}
+
+// An encoder that has a timecode only once counts on from it for a day: each frame is looked at once.
+TEST(MarkedRange, KnowsAtOnceWhatIsDoubtedOfADay) {
+    constexpr std::int64_t day = 24 * 3600 * 25;
+    MarkedRange range("00:00:00:00", "23:59:59:24", false, {true});
+    ASSERT_FALSE(range.settle({3, false}));
+    range.begin(0, 0);
+    range.doubt(day);
+    EXPECT_EQ(range.doubted(), day - 1);
+    EXPECT_EQ(range.absent(), 0);
+    range.doubt(12);
+    EXPECT_EQ(range.doubted(), 12);
+    EXPECT_EQ(range.absent(), day - 13);
+}
+
+// Where the source was cut among B pictures a frame may stand alone between labels of none.
+TEST_F(MezzanineRecording, DoesNotMissAFrameThatStandsAloneInAnOutage) {
+    RecordingPlan asked = marks();
+    asked.useStreamLabels = true;
+    asked.labelsLacking.resize(14);
+    std::fill(asked.labelsLacking.begin() + 8, asked.labelsLacking.end(), true);
+    asked.labelsLacking[10] = false;
+    Recording r = recording(asked);
+    beginSilent(r, "10:00:00:00");
+    LabelledStream stream({.gop = 12, .avc = true});
+    stream.switchAt(33, "10:00:01:10");
+    stream.switchAt(34, "10:00:01:14");
+    feed(r, stream, 80);
+    r.sourceEnded(m_now);
+    pass(r, 6s);
+    expectRecorded(r);
+    EXPECT_THAT(r.status().text, HasSubstr("not known whether all came back"));
+}
+
+// Whether its timecodes go on with what is played, and whether the decoder does not wait, a count cannot
+// know.
+TEST_F(MezzanineRecording, CountedOverALeapTellsThatTheMarksMayBeOff) {
+    for (const bool leaps : {true, false})
+        for (const bool running : {true, false}) {
+            RecordingPlan asked = marks();
+            asked.overwrite = true;
+            if (leaps)
+                asked.sourceLeaps = {{3 * PTS::units_per_second, 3 * PTS::units_per_second - 14400}};
+            Recording r = recording(asked);
+            LabelledStream stream(idle());
+            if (running)
+                beginRunning(r, stream, "10:00:00:00");
+            else
+                beginSilent(r, "10:00:00:00");
+            feed(r, stream, 120);
+            expectRecorded(r);
+            const auto told =
+                HasSubstr(", the marks may be off: the source's timestamps leap before mark-out");
+            if (leaps)
+                EXPECT_THAT(r.status().text, told);
+            else
+                EXPECT_THAT(r.status().text, Not(told));
+        }
+}
+
+// All labels of the marks lie behind it then.
+TEST_F(MezzanineRecording, CountedBehindALeapMissesAFrameBetweenTheMarksAllTheSame) {
+    RecordingPlan asked = marks();
+    asked.sourceLeaps = {{3 * PTS::units_per_second, 3 * PTS::units_per_second - 14400}};
+    Recording r = recording(asked);
+    LabelledStream stream(idle());
+    beginSilent(r, "10:00:00:00");
+    std::vector<CodedFrame> frames = stream.frames(120);
+    frames.erase(frames.begin() + 40);
+    feed(r, frames);
+    r.sourceEnded(m_now);
+    pass(r, 6s);
+    expectFailed(r, "Error: ");
+    EXPECT_THAT(r.status().text, HasSubstr("(1 frame between the marks did not come back)"));
+    EXPECT_THAT(r.status().text, HasSubstr("the marks may be off"));
+}
+
+// The timecodes go on by the time that was left out: fewer frames than labels are between the marks.
+TEST_F(MezzanineRecording, CountedOverALeapMissesNoFramesOfItsTime) {
+    for (const bool known : {true, false})
+        for (const int more : {0, 25, -5}) { // behind mark-out
+            SCOPED_TRACE(more);
+            RecordingPlan asked = marks();
+            asked.markOut = "10:00:04:24";
+            asked.overwrite = true;
+            asked.labelsKnown = known;
+            if (known) {
+                asked.labelsLacking.resize(5 + 75);
+                std::fill(asked.labelsLacking.begin() + 5, asked.labelsLacking.end(), true);
+            }
+            asked.sourceLeaps = {{76 * PTS::units_per_second / 25, 75 * PTS::units_per_second / 25}};
+            Recording r = recording(asked);
+            LabelledStream stream(idle());
+            beginSilent(r, "10:00:00:00");
+            feed(r, stream, 50 + more);
+            r.sourceEnded(m_now);
+            pass(r, 6s);
+            EXPECT_THAT(r.status().text, HasSubstr("the marks may be off"));
+            if (more >= 0) {
+                expectRecorded(r);
+                EXPECT_THAT(r.status().text, HasSubstr("not known whether all came back"));
+                continue;
+            }
+            expectFailed(r, "Error: ");
+            EXPECT_THAT(r.status().text, HasSubstr("(5 frames between the marks did not come back)"));
+        }
+}
+
+} // namespace
