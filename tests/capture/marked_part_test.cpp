@@ -247,6 +247,26 @@ TEST_P(MarkedOutage, HasNoLeapBehindMarkOut) {
     EXPECT_TRUE(part.leaps.empty());
 }
 
+// The labels of B pictures that refer to a GOP before are those of no frame that is shown.
+TEST(MarkedPart, LacksNoLabelsOfAnOpenGopThatItBeginsWith) {
+    for (const bool absent : {false, true}) {
+        LabelledStream stream({.gop = 12, .bFrames = 2, .open = true});
+        std::vector<CodedFrame> frames = stream.frames(100);
+        const auto second = std::find_if(frames.begin() + 1, frames.end(),
+                                         [](const CodedFrame& frame) { return frame.type == 'I'; });
+        frames.erase(frames.begin(), second);
+        if (absent)
+            frames.erase(frames.begin() + 1, frames.begin() + 3);
+        for (CodedFrame& frame : frames)
+            addPcr(frame);
+        const SourceIndex index = indexOf(frames);
+        MarkedPart part;
+        ASSERT_FALSE(findPart(index, "10:00:00:20", "10:00:02:00", 20, 5, part));
+        EXPECT_EQ(part.firstLabel, "10:00:00:14");
+        EXPECT_EQ(part.lackingBefore, 0) << absent;
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(Sources, MarkedOutage,
                          testing::Values(Outage{true, true, false}, Outage{true, true, true},
                                          Outage{true, false, false}, Outage{false, true, false},

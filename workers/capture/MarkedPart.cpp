@@ -70,7 +70,7 @@ MaybeFailure findPart(const SourceIndex& index, const std::string& markIn, const
     part.firstLabel = rule.text(labels.of(*begin) + begin->skipped);
     part.counted = labels.counted();
     part.lackingBefore = labels.lackingBefore(first);
-    if (first - part.lackingBefore < labels.position(labels.of(*begin)))
+    if (first - part.lackingBefore < labels.position(labels.of(*begin)) + begin->skipped)
         part.lackingBefore = 0;
     return std::nullopt;
 }
