@@ -240,6 +240,18 @@ TEST_P(MarkedOutage, TellsHowFarBeforeMarkInItIs) {
     EXPECT_EQ(part.lackingBefore, 0) << "it is behind mark-in";
 }
 
+// Those between the marks may leave labels out between them.
+TEST_P(MarkedOutage, TellsWhichLeapsAreBeforeMarkIn) {
+    MarkedPart part;
+    ASSERT_FALSE(findPart(index(), behind(12), behind(30), 1, 0, part));
+    EXPECT_EQ(part.leaps.size(), 1U);
+    EXPECT_EQ(part.leapsBefore, 1U);
+    part = {};
+    ASSERT_FALSE(findPart(index(), "10:00:01:20", behind(5), 0, 0, part));
+    EXPECT_EQ(part.leaps.size(), 1U);
+    EXPECT_EQ(part.leapsBefore, 0U);
+}
+
 // It is played, but moves no mark.
 TEST_P(MarkedOutage, HasNoLeapBehindMarkOut) {
     MarkedPart part;

@@ -40,7 +40,9 @@ MaybeFailure findPart(const SourceIndex& index, const std::string& markIn, const
     const AccessPoint* begin = &index.points.front();
     part.end = std::numeric_limits<std::uint64_t>::max();
     std::uint64_t endFrame = index.frames;
+    std::uint64_t inFrame = begin->frame;
     bool beginPassed = false;
+    bool inPassed = false;
     part.labelsKnown = labels.known(*in, *out);
     part.lacking = labels.lacking(*in, *out);
     for (const AccessPoint& point : index.points) {
@@ -52,6 +54,9 @@ MaybeFailure findPart(const SourceIndex& index, const std::string& markIn, const
         beginPassed = beginPassed || at > first - frames(secondsBefore);
         if (!beginPassed)
             begin = &point;
+        inPassed = inPassed || at > first;
+        if (!inPassed)
+            inFrame = point.frame;
         if (at > last)
             endFrame = std::min(endFrame, point.frame);
         if (at > last + frames(secondsBehind)) {
@@ -65,6 +70,9 @@ MaybeFailure findPart(const SourceIndex& index, const std::string& markIn, const
                      const std::uint64_t frame = firstFrame + leap.frame;
                      return frame > begin->frame && frame < endFrame;
                  });
+    part.leapsBefore = static_cast<std::size_t>(
+        std::count_if(part.leaps.begin(), part.leaps.end(),
+                      [&](const SourceLeap& leap) { return firstFrame + leap.frame <= inFrame; }));
     // Whatever comes before the first random access point is needed for its tables.
     part.begin = begin == &index.points.front() ? 0 : begin->offset;
     part.firstLabel = rule.text(labels.of(*begin) + begin->skipped);

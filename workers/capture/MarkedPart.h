@@ -24,6 +24,7 @@ struct MarkedPart {
     // Frames from the last label before mark-in that is that of no frame of the part; 0: none is known.
     std::int64_t lackingBefore = 0;
     std::vector<SourceLeap> leaps{}; // within the part, up to the random access point behind mark-out
+    std::size_t leapsBefore = 0;     // so many of them are before mark-in for certain
 };
 
 // Finds the part from a random access point so many seconds before mark-in to so many behind mark-out, cut at

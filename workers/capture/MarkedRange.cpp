@@ -167,6 +167,13 @@ std::int64_t MarkedRange::without(bool doubtful) const {
     return without;
 }
 
+std::int64_t MarkedRange::unseen(std::int64_t labels) const {
+    std::int64_t unseen = 0;
+    for (std::int64_t at = 0; at < std::min(labels, m_length); ++at)
+        unseen += between(at) ? 0 : 1;
+    return unseen;
+}
+
 std::string MarkedRange::describe(LabelOrigin origin, bool ended) const {
     std::string text = ", from " + m_rule.text(m_in + m_first) + " to " + m_rule.text(m_in + m_highest);
     // Of labels that were counted on over such as no frame has it is not known how many are before it.

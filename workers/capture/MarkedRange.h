@@ -64,11 +64,13 @@ public:
     [[nodiscard]] std::int64_t absent() const { return without(false); }
     // Those that were not seen, but may be there.
     [[nodiscard]] std::int64_t doubted() const { return without(true); }
+    // Labels among the first so many from mark-in on that were not seen.
+    [[nodiscard]] std::int64_t unseen(std::int64_t labels) const;
     // The label at a position.
     [[nodiscard]] std::string text(std::int64_t position) const { return m_rule.text(m_in + position); }
 
     // ", from 10:00:00:00 to 10:00:10:00" and what else is to be said of what was taken. ended: nothing more
-    // is to come before mark-out.
+    // is to come before mark-out, and its label is that of its frame.
     [[nodiscard]] std::string describe(LabelOrigin origin, bool ended) const;
 
 private:

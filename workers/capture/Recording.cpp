@@ -273,6 +273,9 @@ bool Recording::endsBefore(const VideoUnit& unit) {
         return false;
     if (m_rule.known() && m_labels.rule() != m_rule && endsWithRule())
         return true;
+    // Over a leap a count may be far from mark-out when all that was played has come back.
+    if (countLeavesOut() && m_played.late(m_now))
+        return true;
     if (m_plan.played && !m_played.owns(frame())) {
         if (endsWithOthers())
             return true;

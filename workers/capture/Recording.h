@@ -136,7 +136,10 @@ private:
     [[nodiscard]] bool countedOverLeap() const noexcept;
     [[nodiscard]] bool endsWithOthers() const;
     [[nodiscard]] bool unlikeSource() const noexcept;
+    [[nodiscard]] std::int64_t labelsOf(const SourceLeap& leap) const;
     [[nodiscard]] std::int64_t leapLabels() const;
+    [[nodiscard]] bool countLeavesOut() const;
+    [[nodiscard]] MaybeFailure missedByCount() const;
     [[nodiscard]] std::string describeUnknown() const;
     [[nodiscard]] std::string describePlayed() const;
     void openGroup(const VideoUnit& unit);

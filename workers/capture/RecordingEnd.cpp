@@ -267,20 +267,16 @@ void Recording::finishComplete(const std::string& besides) {
                                  recorded() + besides);
     if (m_plan.mode == CaptureMode::marks) {
         const LabelRule& rule = m_rule;
-        // A count that went on over a leap between the marks knows not which frames have the labels behind it
-        // where these go on by the time that was left out, nor how many are still to come before mark-out.
-        // Where no label lacks a frame the source's count its frames as it does, or all are behind the leap,
-        // which has moved them alike.
-        const bool over = countedOverLeap() && (!m_plan.labelsKnown || !m_plan.labelsLacking.empty());
+        const bool over = countLeavesOut();
+        if (const auto missed = over ? missedByCount() : std::nullopt)
+            return fail(*missed);
         const bool each = m_plan.labelsKnown && !over;
-        const std::int64_t missing = m_range.length() - 1 - m_range.highest();
-        std::int64_t absent = each ? m_range.absent() : m_range.missing();
-        if (over)
-            absent = std::max<std::int64_t>(missing - leapLabels(), 0);
+        const std::int64_t absent = over ? 0 : each ? m_range.absent() : m_range.missing();
         if (m_plan.played && absent > 0)
             return fail(detailed(failure(error::captureDiscontinuity),
                                  counted(static_cast<std::uint64_t>(absent), "frame") +
                                      " between the marks did not come back"));
+        const std::int64_t missing = m_range.length() - 1 - m_range.highest();
         if (!over && static_cast<double>(missing) > lostSeconds * rule.framesPerSecond())
             return fail(detailed(failure(error::captureDiscontinuity),
                                  "the timecode goes past mark-out, to " +
@@ -288,6 +284,25 @@ void Recording::finishComplete(const std::string& besides) {
         m_unknown = m_plan.played && (!each || m_range.doubted() > 0);
     }
     finish(true, recorded() + besides);
+}
+
+// Frames that a count over a leap has not seen, of which there are fewer than labels.
+MaybeFailure Recording::missedByCount() const {
+    const auto lacking = std::count(m_plan.labelsLacking.begin(), m_plan.labelsLacking.end(), true);
+    const std::int64_t without = m_plan.labelsKnown ? lacking : leapLabels();
+    const std::int64_t frames = std::max<std::int64_t>(m_range.length() - without, 0);
+    const std::int64_t absent = m_range.unseen(frames);
+    if (absent == 0)
+        return std::nullopt;
+    // A leap before mark-in moves the count, and a gap may be one that an encoder made of the leap.
+    const std::int64_t seen = m_range.length() - m_range.unseen(m_range.length());
+    std::int64_t leapt = 0;
+    for (const SourceLeap& leap : m_plan.sourceLeaps)
+        leapt += labelsOf(leap);
+    const bool certain = frames - seen >= absent && leapt <= without;
+    return detailed(failure(error::captureDiscontinuity),
+                    counted(static_cast<std::uint64_t>(absent), "frame") + " between the marks " +
+                        (certain ? "did not come back" : "may be missing"));
 }
 
 // What is held begins the frame after the last.
@@ -326,7 +341,7 @@ std::string Recording::amount() const {
         text += m_range.describe(m_probeCut || (m_plan.played && m_labels.origin() == LabelOrigin::deck)
                                      ? LabelOrigin::none
                                      : m_labels.origin(),
-                                 m_complete);
+                                 m_complete && !countLeavesOut());
     return text + describePlayed();
 }
 

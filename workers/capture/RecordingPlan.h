@@ -31,6 +31,7 @@ struct RecordingPlan {
     std::int64_t sourceTime = 0;
     std::vector<std::int64_t> sourceShown; // then: see longerPlaces()
     std::vector<SourceLeap> sourceLeaps;   // that time is without those; of what is played
+    std::size_t leapsBefore = 0;           // marks: so many of them are before mark-in for certain
     // Marks: it is known which labels from mark-in to mark-out are those of frames of the source. All but
     // these, by the distance to mark-in; and how far before mark-in the last such is, 0: none is known.
     bool labelsKnown = true;

@@ -64,13 +64,27 @@ bool Recording::countedOverLeap() const noexcept {
            !m_plan.sourceLeaps.empty();
 }
 
-// Labels by which the leaps may move what was counted.
-std::int64_t Recording::leapLabels() const {
+// Labels by which a leap moves what goes on by its time.
+std::int64_t Recording::labelsOf(const SourceLeap& leap) const {
     const std::int64_t period = std::max(MPEG::SH::decode_PCRs_per_frame(m_plan.sourceRateCode), 1);
-    std::int64_t time = 0;
-    for (const SourceLeap& leap : m_plan.sourceLeaps)
-        time += leap.excess;
-    return (time + period - 1) / period;
+    return (leap.excess + period / 2) / period;
+}
+
+// Those that leaps may have left out between the marks: such as are not before mark-in, and have room.
+std::int64_t Recording::leapLabels() const {
+    std::int64_t labels = 0;
+    for (std::size_t i = m_plan.leapsBefore; i < m_plan.sourceLeaps.size(); ++i)
+        if (const std::int64_t more = labelsOf(m_plan.sourceLeaps[i]); more <= m_range.length() - 2)
+            labels += more;
+    return labels;
+}
+
+// A count that goes on over a leap between the marks knows not which frames have the labels behind it where
+// these go on by the time that was left out: it ends before mark-out then. Where no label lacks a frame the
+// source's count its frames as it does, or all are behind the leap, which has moved them alike.
+bool Recording::countLeavesOut() const {
+    return m_plan.mode == CaptureMode::marks && countedOverLeap() &&
+           (m_plan.labelsKnown ? !m_plan.labelsLacking.empty() : leapLabels() > 0);
 }
 
 // Whether what comes now has another frame rate than the source.

@@ -138,6 +138,7 @@ MaybeFailure ReencodeSession::planRecording(RecordingPlan& plan, PlayOutPlan& pl
     plan.labelsLacking = m_part.lacking;
     plan.lackingBefore = m_part.lackingBefore;
     plan.sourceLeaps = m_part.leaps;
+    plan.leapsBefore = m_part.leapsBefore;
     // What comes back cannot have the timecodes of a source that has none.
     plan.useStreamLabels = plan.useStreamLabels && !m_part.counted;
     const bool toEnd = m_part.end == std::numeric_limits<std::uint64_t>::max();
