@@ -200,6 +200,142 @@ TEST_F(MezzanineBehindAnOutage, DoesNotMissMarkInWhenItIsCancelled) {
     EXPECT_THAT(r.status().text, Not(HasSubstr("missing")));
 }
 
+// Labels of no frame take no time: it has passed all the same.
+TEST_F(MezzanineBehindAnOutage, MissesItsLastFramesWhenItIsCancelledBehindThem) {
+    for (const bool known : {true, false}) // all of the GOP over the outage
+        for (const int lacks : {3, 1000}) {
+            SCOPED_TRACE(lacks);
+            Recording r = recording(marks(lacks, 2));
+            beginSilent(r, "10:00:00:00");
+            std::vector<CodedFrame> sent = frames(lacks, {});
+            sent.resize(72);
+            feed(r, sent);
+            r.sourceEnded(m_now);
+            LabelledStream others({.timecode = "01:00:00:00"});
+            feed(r, others, known ? 60 : 10);
+            ASSERT_EQ(r.state(), RecordingState::recording);
+            r.cancel(m_now);
+            if (!known) {
+                EXPECT_THAT(r.status().text, StartsWith("Cancelled after "));
+                continue;
+            }
+            expectFailed(r, "Error: ");
+            EXPECT_THAT(r.status().text, HasSubstr("(20 frames between the marks did not come back)"));
+        }
+}
+
+// A timecode that came behind the outage shows that those behind it were not counted on over that.
+TEST_F(MezzanineRecording, MissesFramesBehindATimecodeThatCameBehindAnOutage) {
+    for (const int lost : {1, 7}) {
+        RecordingPlan asked = marks();
+        asked.useStreamLabels = true;
+        asked.overwrite = true;
+        asked.markIn = "10:00:02:00";
+        asked.markOut = "10:00:08:00";
+        asked.lackingBefore = 5; // the timecode of the GOP comes two before
+        Recording r = recording(asked);
+        beginSilent(r, "10:00:00:00");
+        LabelledStream stream({.gop = 12});
+        std::vector<CodedFrame> frames = stream.frames(300);
+        frames.erase(frames.begin() + 50, frames.begin() + 50 + lost);
+        feed(r, frames);
+        r.sourceEnded(m_now);
+        pass(r, 12s);
+        expectFailed(r, "Error: ");
+        EXPECT_THAT(r.status().text, HasSubstr(std::to_string(lost) + (lost > 1 ? " frames" : " frame") +
+                                               " between the marks did not come back"));
+        EXPECT_THAT(r.status().text, HasSubstr(", the frame at mark-in is missing"));
+        EXPECT_THAT(r.status().text, Not(HasSubstr("not known")));
+    }
+}
+
+// Of a film some timecodes are those of no frame everywhere. The encoder returns a frame for each: what is
+// lost takes its time, as no timecode of an outage does.
+TEST_F(MezzanineRecording, MissesFramesOfAFilmThatAreLost) {
+    const auto expected = [](int from, int to) { // those with a label
+        int frames = 0;
+        for (int frame = std::max(from, 50); frame < std::min(to, 201); ++frame)
+            frames += frame % 5 != 3 ? 1 : 0;
+        return frames;
+    };
+    for (const auto& [from, to] :
+         {std::pair{0, 0}, {51, 52}, {30, 51}, {100, 105}, {96, 108}, {96, 132}, {80, 190}}) {
+        SCOPED_TRACE(std::to_string(from) + " to " + std::to_string(to));
+        RecordingPlan asked = marks();
+        asked.useStreamLabels = true;
+        asked.overwrite = true;
+        asked.markIn = "10:00:02:00";
+        asked.markOut = "10:00:08:00";
+        asked.labelsLacking.resize(149);
+        for (std::size_t at = 0; at < asked.labelsLacking.size(); ++at)
+            asked.labelsLacking[at] = at % 5 == 3;
+        asked.lackingBefore = 2;
+        Recording r = recording(asked);
+        beginSilent(r, "10:00:00:00");
+        LabelledStream stream({.gop = 12});
+        std::vector<CodedFrame> frames = stream.frames(300);
+        frames.erase(frames.begin() + from, frames.begin() + to);
+        feed(r, frames);
+        r.sourceEnded(m_now);
+        pass(r, 12s);
+        EXPECT_THAT(r.status().text, Not(HasSubstr("not known")));
+        if (from == to) {
+            expectRecorded(r);
+            continue;
+        }
+        expectFailed(r, "Error: ");
+        const int frameCount = expected(from, to);
+        EXPECT_THAT(r.status().text,
+                    HasSubstr("(" + std::to_string(frameCount) + (frameCount > 1 ? " frames" : " frame") +
+                              " between the marks did not come back)"));
+    }
+}
+
+// The last GOP may have had an end that was counted on wrongly, but not all behind it.
+TEST_F(MezzanineRecording, MissesTheEndOfAFilm) {
+    RecordingPlan asked = marks();
+    asked.useStreamLabels = true;
+    asked.markIn = "10:00:02:00";
+    asked.markOut = "10:00:08:00";
+    asked.labelsLacking.resize(149);
+    for (std::size_t at = 0; at < asked.labelsLacking.size(); ++at)
+        asked.labelsLacking[at] = at % 5 == 3;
+    Recording r = recording(asked);
+    beginSilent(r, "10:00:00:00");
+    LabelledStream stream({.gop = 12});
+    feed(r, stream, 180);
+    r.sourceEnded(m_now);
+    pass(r, 12s);
+    expectFailed(r, "Error: ");
+    EXPECT_THAT(r.status().text, HasSubstr("frames between the marks did not come back)"));
+}
+
+// Mark-out is in the GOP over the outage: its timecode goes from before it to behind it.
+TEST_F(MezzanineRecording, DoesNotMissAMarkOutWhoseLabelWasCountedOn) {
+    for (const int lacks : {20, 75, 1000}) {
+        SCOPED_TRACE(lacks);
+        const std::vector<std::string> labels = labelsFrom("10:00:01:05", lacks + 4);
+        RecordingPlan asked = marks();
+        asked.useStreamLabels = true;
+        asked.overwrite = true;
+        asked.markIn = "10:00:00:15";
+        asked.markOut = labels.back();
+        asked.labelsLacking.resize(static_cast<std::size_t>(15 + lacks));
+        std::fill(asked.labelsLacking.begin() + 15, asked.labelsLacking.end(), true);
+        asked.sourceLeaps = {{(lacks + 1) * PTS::units_per_second / 25, lacks * PTS::units_per_second / 25}};
+        Recording r = recording(asked);
+        beginSilent(r, "10:00:00:00");
+        LabelledStream stream({.gop = 12});
+        stream.switchAt(30, labels[static_cast<std::size_t>(lacks)]);
+        feed(r, stream, 200);
+        r.sourceEnded(m_now);
+        pass(r, 6s);
+        expectRecorded(r);
+        EXPECT_THAT(r.status().text, HasSubstr("not known whether all came back"));
+        EXPECT_THAT(r.status().text, Not(HasSubstr("missing")));
+    }
+}
+
 // An encoder that has a timecode only once counts on from it for a day: each frame is looked at once.
 TEST(MarkedRange, KnowsAtOnceWhatIsDoubtedOfADay) {
     constexpr std::int64_t day = 24 * 3600 * 25;

@@ -5,7 +5,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <iterator>
+#include <utility>
 
 namespace kestrel::capture {
 namespace {
@@ -36,6 +38,8 @@ MaybeFailure MarkedRange::settle(const LabelRule& rule) {
     if (rule == m_rule)
         return std::nullopt;
     m_rule = rule;
+    m_moved.clear();
+    m_timecode.reset();
     const auto in = rule.number(m_inText, m_pairs);
     const auto out = rule.number(m_outText, m_pairs);
     const auto reason = [&rule](const std::string& text) {
@@ -79,6 +83,7 @@ void MarkedRange::begin(std::int64_t group, std::int64_t leading) {
     m_first = m_highest = position(group);
     m_leading = leading;
     m_beyond = 0;
+    m_moved.clear();
     m_taken = m_byClock = {};
 }
 
@@ -125,17 +130,54 @@ bool MarkedRange::lacks(std::int64_t position) const {
     return at < m_lacking.size() && m_lacking[at];
 }
 
+// What is lost on the way takes its time: a timecode that is ahead of that went over labels of no frame.
+std::int64_t MarkedRange::timecode(std::int64_t group, std::int64_t shown, std::int64_t period) {
+    const Timecode now{position(group), shown};
+    const Timecode before = std::exchange(m_timecode, now).value_or(now);
+    const std::int64_t ahead = (now.position - before.position) * period - (now.shown - before.shown);
+    if (2 * std::llabs(ahead) <= period) // that is how times of no whole frames are rounded
+        return 0;
+    m_moved.push_back({before.position, now.position});
+    return (ahead + (ahead < 0 ? -period : period) / 2) / period;
+}
+
+// Labels that frames of one group may have come without: those behind a label of no frame, as many as the
+// group can have had frames. It begins at `from`; what comes at `until` has been labelled anew.
+MarkedRange::Doubted MarkedRange::doubted(std::optional<std::int64_t> from, std::int64_t until) const {
+    const bool before = m_lackingBefore > 0 && (!from || *from <= -m_lackingBefore);
+    // Behind a label before mark-in not all frames of the group are known: one at least was before it.
+    std::int64_t frames = before || !from ? 1 : 0;
+    std::int64_t at = before ? -m_lackingBefore : from.value_or(0);
+    std::optional<std::int64_t> begin;
+    for (; at < std::min(until, m_length) && (frames <= m_doubt || lacks(at)); ++at)
+        if (lacks(at))
+            begin = begin.value_or(at);
+        else if (begin || from)
+            ++frames;
+    return {begin.value_or(at), at};
+}
+
+std::vector<MarkedRange::Doubted> MarkedRange::doubtedLabels() const {
+    std::vector<Doubted> all;
+    if (m_doubt == 0)
+        return all;
+    for (const Moved& moved : m_moved)
+        all.push_back(doubted(moved.from, moved.to));
+    all.push_back(doubted(m_timecode ? std::optional(m_timecode->position) : std::nullopt, m_length));
+    return all;
+}
+
 // One that stands alone between such as no frame has is not told from one that stands for a timecode that
-// the encoder has made up: nothing goes on from it. lackingLast: the last one of no frame before it.
-bool MarkedRange::doubtful(std::int64_t position, std::int64_t lackingLast) const {
-    return position - lackingLast <= m_doubt || (lacks(position - 1) && lacks(position + 1));
+// the encoder has made up: nothing goes on from it.
+bool MarkedRange::alone(std::int64_t position) const {
+    return lacks(position - 1) && lacks(position + 1);
 }
 
 bool MarkedRange::doubtful(std::int64_t position) const {
-    std::int64_t last = position - 1;
-    while (last > -m_lackingBefore && position - last <= m_doubt && !lacks(last))
-        --last;
-    return doubtful(position, lacks(last) ? last : position - m_doubt - 1);
+    const std::vector<Doubted> all = doubtedLabels();
+    return alone(position) || std::any_of(all.begin(), all.end(), [position](const Doubted& labels) {
+               return position >= labels.begin && position < labels.end;
+           });
 }
 
 bool MarkedRange::complete() const {
@@ -156,14 +198,14 @@ std::int64_t MarkedRange::missing() const {
 }
 
 std::int64_t MarkedRange::without(bool doubtful) const {
+    std::vector<bool> doubts(static_cast<std::size_t>(m_length));
+    for (const Doubted& labels : doubtedLabels())
+        for (std::int64_t at = std::max<std::int64_t>(labels.begin, 0); at < labels.end; ++at)
+            doubts[static_cast<std::size_t>(at)] = true;
     std::int64_t without = 0;
-    std::int64_t last = m_lackingBefore > 0 ? -m_lackingBefore : -m_doubt - 1;
-    for (std::int64_t at = 0; at < m_length; ++at) {
-        if (lacks(at))
-            last = at;
-        else
-            without += !between(at) && this->doubtful(at, last) == doubtful ? 1 : 0;
-    }
+    for (std::int64_t at = 0; at < m_length; ++at)
+        if (!between(at) && !lacks(at))
+            without += (doubts[static_cast<std::size_t>(at)] || alone(at)) == doubtful ? 1 : 0;
     return without;
 }
 

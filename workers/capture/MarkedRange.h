@@ -6,6 +6,7 @@
 
 #include <bitset>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -48,8 +49,14 @@ public:
     void note(std::int64_t first, std::int64_t last);
     // Frames were taken that have these labels by the time at which they are shown; they carry none.
     void noteByClock(std::int64_t first, std::int64_t last);
-    // So many frames behind a label that no frame has may have come with labels that were merely counted on.
+    // So many frames behind one with a timecode may have labels that were merely counted on. Over one that
+    // no frame has these are wrong, but for those that the next timecode shows to be right.
     void doubt(std::int64_t frames) noexcept { m_doubt = frames; }
+    // A timecode came for a group of pictures that begins with this label, and is shown then (PTS units).
+    // By how many labels it is ahead of what was counted on from the one before.
+    std::int64_t timecode(std::int64_t group, std::int64_t shown, std::int64_t period);
+    // Whether the timecode that came last is that of a group before mark-in.
+    [[nodiscard]] bool timecodeBefore() const { return m_timecode && m_timecode->position < 0; }
     // Those frames do not count after all: the source's carry labels.
     void dropByClock();
     // Whether the frame at mark-in may have come with such a label.
@@ -76,6 +83,16 @@ public:
 private:
     static constexpr std::int64_t lastLabels = 64;
 
+    struct Timecode {
+        std::int64_t position, shown;
+    };
+    // From the group of one timecode to that of the next, which is not what was counted on from it.
+    struct Moved {
+        std::int64_t from, to;
+    };
+    struct Doubted {
+        std::int64_t begin, end;
+    };
     struct Taken {
         void note(std::int64_t position, std::int64_t length);
         std::bitset<lastLabels> last; // by the distance to mark-out
@@ -87,7 +104,9 @@ private:
     [[nodiscard]] bool between(std::int64_t position) const;
     [[nodiscard]] bool lacks(std::int64_t position) const;
     [[nodiscard]] bool doubtful(std::int64_t position) const;
-    [[nodiscard]] bool doubtful(std::int64_t position, std::int64_t lackingLast) const;
+    [[nodiscard]] Doubted doubted(std::optional<std::int64_t> from, std::int64_t until) const;
+    [[nodiscard]] std::vector<Doubted> doubtedLabels() const;
+    [[nodiscard]] bool alone(std::int64_t position) const;
     [[nodiscard]] std::int64_t without(bool doubtful) const;
 
     std::string m_inText, m_outText;
@@ -102,6 +121,8 @@ private:
     std::int64_t m_first = 0, m_highest = 0;
     std::int64_t m_leading = 0, m_beyond = 0;
     std::int64_t m_doubt = 0;
+    std::vector<Moved> m_moved;
+    std::optional<Timecode> m_timecode; // the last
     Taken m_taken, m_byClock;
 };
 

@@ -273,6 +273,8 @@ bool Recording::endsBefore(const VideoUnit& unit) {
         return false;
     if (m_rule.known() && m_labels.rule() != m_rule && endsWithRule())
         return true;
+    if (m_labels.rule() == m_rule)
+        noteTimecode(unit);
     // Over a leap a count may be far from mark-out when all that was played has come back.
     if (countLeavesOut() && m_played.late(m_now))
         return true;

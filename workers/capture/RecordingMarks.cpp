@@ -24,6 +24,7 @@ void Recording::settleMarks(const VideoUnit& unit) {
     if (unit.known && labelCounts()) {
         if (auto failed = m_range.settle(m_labels.rule()))
             return fail(*failed);
+        noteTimecode(unit);
         if (unit.randomAccess)
             openGroup(unit);
         noteLabels(unit);
@@ -37,6 +38,20 @@ void Recording::settleMarks(const VideoUnit& unit) {
     }
     if (!m_groupHeld)
         m_held.clear();
+}
+
+// Of the source's. Labels of no frame take no time: those that a timecode goes over on the way to mark-in are
+// no part of it.
+void Recording::noteTimecode(const VideoUnit& unit) {
+    const std::int64_t period = m_clock.period();
+    const bool sources = byStreamLabels() && (labelCounts() || m_played.owns(frame()));
+    if (!unit.gopTimecode || !sources || !m_label || period == 0)
+        return;
+    const bool before = m_range.timecodeBefore();
+    const std::int64_t group = m_labels.groupLabel();
+    const std::int64_t shown = m_labels.shown() - m_labels.rule().distance(group, *m_label) * period;
+    const std::int64_t over = m_range.timecode(group, shown, period);
+    m_leadIn -= before ? over : 0;
 }
 
 void Recording::openGroup(const VideoUnit& unit) {
@@ -93,6 +108,7 @@ MaybeFailure Recording::openGroupByClock(const VideoUnit& unit) {
     m_clockCounts = !unit.gopTimecode || label - leading < *first;
     if (m_range.position(label) > 0)
         return std::nullopt; // mark-in lies in the group before
+    m_range.timecode(label - leading, *line + rule.distance(*first, label - leading) * period, period);
     holdGroup(unit, label - leading, unit.closedGop ? 0 : leading);
     m_groupByClock = m_groupHeld;
     return std::nullopt;
