@@ -33,9 +33,9 @@ TEST(ResultsText, AFailureIsKeptBeforeAnythingElse) {
 
 TEST(ResultsText, NoPartIsCutAwayWhole) {
     const std::string a(500, 'a'), b(500, 'b'), c(500, 'c');
-    EXPECT_EQ(text({{a, true}, {b, true}}), a.substr(0, 219) + b.substr(0, 80));
+    EXPECT_EQ(text({{a, true}, {b, true}}), a.substr(0, 200) + b.substr(0, 99));
     EXPECT_EQ(text({{a, false}, {b, true}, {c, false}}),
-              a.substr(0, 80) + b.substr(0, 139) + c.substr(0, 80));
+              a.substr(0, 99) + b.substr(0, 101) + c.substr(0, 99));
     EXPECT_EQ(text({{a, true}, {b, true}, {c, true}}, 30),
               a.substr(0, 10) + b.substr(0, 10) + c.substr(0, 10));
     EXPECT_EQ(text({{a, true}, {b, true}}, 0), "");

@@ -335,10 +335,11 @@ std::string Recording::amount() const {
                        format(", %.1f MB", static_cast<double>(m_file.bytes()) / 1e6);
     if (m_file.segments() > 1)
         text += ", " + counted(m_file.segments(), "segment");
-    text += "), " + counted(m_file.continuityErrors(), "continuity error");
+    text += ')';
+    text += describeUnknown();
+    text += ", " + counted(m_file.continuityErrors(), "continuity error");
     if (m_stops != 0)
         text += ", stream stopped " + counted(m_stops, "time");
-    text += describeUnknown();
     if (m_plan.mode == CaptureMode::marks)
         text += m_range.describe(m_probeCut || (m_plan.played && m_labels.origin() == LabelOrigin::deck)
                                      ? LabelOrigin::none

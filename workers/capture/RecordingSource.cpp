@@ -209,8 +209,7 @@ std::string Recording::describeUnknown() const {
         return m_played.describeUnknown(recordedRate(), m_file.frames(), m_complete);
     std::string text;
     if (m_unknown)
-        text += ", not known whether all came back: the source may have no frame for some timecodes between "
-                "the marks";
+        text += ", not known whether all came back: the source may have no frame for some timecodes";
     if (countedOverLeap())
         text += ", the marks may be off: the source's timestamps leap before mark-out";
     return text;

@@ -6,8 +6,9 @@
 namespace kestrel::capture {
 namespace {
 
-// Bytes of each part that are kept in any case: enough to tell what went wrong, or how much was recorded.
-constexpr std::size_t leastBytes = 80;
+// Bytes of each part that are kept in any case: enough to tell what went wrong, or how much was recorded and
+// whether it is known to be all.
+constexpr std::size_t leastBytes = 99;
 
 } // namespace
 
