@@ -71,6 +71,18 @@ TEST(ServiceLink, DoesWithoutQueuesThatAreNotThereOrGoAway) {
     EXPECT_EQ(log.count("does not hear of the end"), 0) << "it was told";
 }
 
+TEST(ServiceLink, ARemovalThatResultsFoundIsToldByTheNextHeartbeat) {
+    const CapturedLog log;
+    ServiceLink link;
+    connectAndRemoveQueues(link);
+    link.sendResults("Encoder 1: of one of two");
+    EXPECT_EQ(log.count("has been removed"), 0);
+    link.sendHeartbeat();
+    EXPECT_EQ(log.count(" has been removed: the recording goes on, end it with SIGTERM\r\n"), 1);
+    link.sendExit();
+    EXPECT_EQ(log.count("has been removed"), 1) << log.text();
+}
+
 TEST(ServiceLink, AQueueThatIsFoundRemovedAtTheEndLetsNothingGoOn) {
     const CapturedLog log;
     ServiceLink link;

@@ -14,6 +14,7 @@
 #include <poll.h>
 #include <span>
 #include <sys/stat.h>
+#include <utility>
 
 namespace kestrel::capture {
 namespace {
@@ -96,9 +97,8 @@ bool ServiceLink::trySend(AppMsgType type, const void* payload, int size) {
 }
 
 void ServiceLink::sendHeartbeat() {
-    if (removalNoticed())
-        LogUtil::Warning(m_module, "Queue %s has been removed: the %s goes on, end it with SIGTERM",
-                         m_writeName.c_str(), m_work);
+    noticeRemoval();
+    tellOfRemoval(std::string("the ") + m_work + " goes on, end it with SIGTERM");
     const bool sent = trySend(STATUS_MSG, nullptr, 0);
     if (!sent && !m_fullLogged)
         LogUtil::Warning(m_module, "The service does not read queue %s: status is dropped",
@@ -119,19 +119,22 @@ bool ServiceLink::sendDeckCommand(const _VTRCmdData& command) {
 }
 
 // An unlinked queue goes on taking messages that nobody reads.
-bool ServiceLink::removalNoticed() {
+void ServiceLink::noticeRemoval() {
     struct stat status {};
     if (m_write < 0 || ::fstat(m_write, &status) != 0 || status.st_nlink != 0)
-        return false;
+        return;
     closeMsgQueue(m_write);
     m_write = -1;
-    return true;
+    m_removalUntold = true;
+}
+
+void ServiceLink::tellOfRemoval(const std::string& consequence) {
+    if (std::exchange(m_removalUntold, false))
+        LogUtil::Warning(m_module, "Queue %s has been removed: %s", m_writeName.c_str(), consequence.c_str());
 }
 
 void ServiceLink::sendSurely(AppMsgType type, const void* payload, int size) {
-    if (removalNoticed())
-        LogUtil::Warning(m_module, "Queue %s has been removed: the service does not hear of the end",
-                         m_writeName.c_str());
+    noticeRemoval();
     const Clock::time_point deadline = Clock::now() + finalSendTime;
     while (!trySend(type, payload, size)) {
         const auto left = std::chrono::duration_cast<milliseconds>(deadline - Clock::now());
@@ -154,6 +157,7 @@ void ServiceLink::sendResults(std::string_view text) {
 
 void ServiceLink::sendExit() {
     sendSurely(EXIT_MSG, nullptr, 0);
+    tellOfRemoval("the service does not hear of the end");
 }
 
 } // namespace kestrel::capture

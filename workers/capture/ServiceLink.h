@@ -50,7 +50,9 @@ public:
 private:
     bool trySend(AppMsgType type, const void* payload, int size);
     void sendSurely(AppMsgType type, const void* payload, int size);
-    bool removalNoticed();
+    void noticeRemoval();
+    // Once: results of one of two encoders are sent while the other goes on.
+    void tellOfRemoval(const std::string& consequence);
     void take(const GenericFlatMsg& message, Received& received) const;
 
     int connectOne(const std::string& name, int access) const;
@@ -61,6 +63,7 @@ private:
     int m_write = -1;
     int m_read = -1;
     bool m_fullLogged = false;
+    bool m_removalUntold = false;
 };
 
 } // namespace kestrel::capture
