@@ -62,11 +62,12 @@ void addVideo(TiXmlElement& media, const Analysis& analysis) {
     value(stream, "Pid", std::to_string(analysis.videoPid()));
     value(stream, "Encoding", encodingText(analysis));
     value(stream, "Profile", picture.profile);
-    if (picture.width > 0)
-        value(stream, "VideoResolution", sizeText(analysis));
+    if (const std::string size = sizeText(analysis); !size.empty()) {
+        value(stream, "VideoResolution", size);
+        value(stream, "Interlaced", yesNo(picture.interlaced));
+    }
     value(stream, "AspectRatio", picture.aspect);
     value(stream, "FrameRate", rateText(picture.rate()));
-    value(stream, "Interlaced", yesNo(picture.interlaced));
     value(stream, "ElementaryBitrate", bitRateText(analysis.videoBitsPerSecond()));
     value(stream, "ConstantBitrate", yesNo(analysis.constantBitRate()));
     value(stream, "GopSize", std::to_string(video.gops().size()));
