@@ -69,7 +69,7 @@ WatchRegistry::ChildReports::~ChildReports() {
     instance().wakeAll();
 }
 
-void WatchRegistry::ChildReports::childChanged() const {
+void WatchRegistry::ChildReports::childChanged() {
     instance().wakeAll();
 }
 

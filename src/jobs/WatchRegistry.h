@@ -49,7 +49,7 @@ public:
 
         // Some child has ended, stopped or gone on; signals that come together are one, so nobody knows
         // which.
-        void childChanged() const;
+        static void childChanged();
     };
 
     // The one instance; never destroyed, since watching threads may outlive main.

@@ -180,21 +180,21 @@ int CManagerLib::RunCmdLine() {
     LogUtil::Info(MODULE, "RunCmdLine");
     if (instance == nullptr)
         return -1;
-    const kestrel::WatchRegistry::ChildReports children;
     // Ends after everything below, so that no shutdown runs on while the process exits.
     std::optional<kestrel::SignalWatch> signals;
+    std::optional<kestrel::WatchRegistry::ChildReports> reported; // only while signals are watched
     int result = -1;
     {
         MutexLock oneAtATime(lifeMutex());
         lastStartFailure().clear();
         try {
-            signals.emplace(std::initializer_list<int>{SIGINT, SIGHUP, SIGTERM, SIGCHLD},
-                            [&children](int signal) {
-                                if (signal == SIGCHLD)
-                                    children.childChanged();
-                                else
-                                    cmdLineExitHandler(signal);
-                            });
+            signals.emplace(std::initializer_list<int>{SIGINT, SIGHUP, SIGTERM, SIGCHLD}, [](int signal) {
+                if (signal == SIGCHLD)
+                    kestrel::WatchRegistry::ChildReports::childChanged();
+                else
+                    cmdLineExitHandler(signal);
+            });
+            reported.emplace();
             result = instance->runCmdLine();
         } catch (const std::exception& failure) {
             LogUtil::Error(MODULE, "The service cannot start: %s", failure.what());

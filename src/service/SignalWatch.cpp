@@ -44,6 +44,9 @@ SignalWatch::SignalWatch(std::initializer_list<int> signals, std::function<void(
     handlerWake = wakeDescriptor();
     if (handlerWake < 0)
         throw std::system_error(errno, std::generic_category(), "no descriptor for signals");
+    // One that came too late for the watch before is not this one's.
+    for (std::atomic<bool>& signal : came)
+        signal = false;
     sigemptyset(&m_signals);
     for (const int signal : signals)
         sigaddset(&m_signals, signal);

@@ -244,7 +244,7 @@ TEST_F(SignalWatchTest, SignalsThatCannotBeCaughtAreLeftOut) {
 }
 
 TEST_F(SignalWatchTest, AFloodOfOneSignalHidesNoOther) {
-    constexpr int FLOOD = 70'000; // more than a pipe holds
+    constexpr int FLOOD = 70'000; // far more than could be kept one by one
     std::mutex gate;
     std::unique_lock closed(gate);
     const SignalWatch watch({SIGUSR1, SIGTERM}, [&](int signal) {

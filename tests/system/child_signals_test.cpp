@@ -75,6 +75,19 @@ TEST(ChildSignals, AWorkerThatIsStoppedWhileItIsQuietIsAnError) {
     EXPECT_TRUE(service.waitForLog("was stopped by signal 19 (SIGSTOP)"));
 }
 
+// Nothing but SIGCHLD tells the request that waits for it.
+TEST_F(VerifierRequests, ARequestWhoseVerifierIsStoppedIsNotAnsweredTrue) {
+    start("--wait-file " + (service.root() / "go").string());
+    const Connection waiting(service.port());
+    ASSERT_TRUE(
+        waiting.send(std::string("GET_MPEG_PROPERTIES,JOB_BEGIN,") + GUID + "," + file + ",VIDEO_PID"));
+    ASSERT_TRUE(eventually([&] { return service.children().size() == 1; }));
+    const pid_t verifier = service.children().front();
+    signalTo(verifier, SIGSTOP);
+    EXPECT_THAT(waiting.receiveAll(20s), testing::StartsWith(NO_PROPERTY));
+    signalTo(verifier, SIGKILL);
+}
+
 TEST_F(VerifierRequests, OneThreadOfTheServiceIsInterruptedBySignalsAndNoChild) {
     const std::string go = (service.root() / "go").string();
     service.set("DeckCtrl", "EXE", KESTREL_TEST_DECK);
