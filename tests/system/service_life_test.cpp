@@ -166,7 +166,8 @@ pid_t daemonOf(const ServiceUnderTest& service) {
         if (environment.find(wanted) == std::string::npos)
             continue;
         // The leader of its session, which it was started by, may not have ended yet.
-        if (const pid_t process = std::stoi(name); getsid(process) != process)
+        const pid_t process = std::stoi(name);
+        if (const pid_t session = getsid(process); session > 0 && session != process)
             return process;
     }
     return -1;
