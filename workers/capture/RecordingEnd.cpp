@@ -291,7 +291,9 @@ void Recording::finishComplete(const std::string& besides) {
 // Frames that a count over a leap has not seen, of which there are fewer than labels.
 MaybeFailure Recording::missedByCount() const {
     const auto lacking = std::count(m_plan.labelsLacking.begin(), m_plan.labelsLacking.end(), true);
-    const std::int64_t without = m_plan.labelsKnown ? lacking : leapLabels();
+    // Others lack for short outages, or between the frames of a film: over these the count goes on by frames.
+    const std::int64_t without =
+        m_plan.labelsKnown ? std::min<std::int64_t>(lacking, leapLabels()) : leapLabels();
     const std::int64_t frames = std::max<std::int64_t>(m_range.length() - without, 0);
     const std::int64_t absent = m_range.unseen(frames);
     if (absent == 0)

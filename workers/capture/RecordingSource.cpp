@@ -83,8 +83,8 @@ std::int64_t Recording::leapLabels() const {
 // these go on by the time that was left out: it ends before mark-out then. Where no label lacks a frame the
 // source's count its frames as it does, or all are behind the leap, which has moved them alike.
 bool Recording::countLeavesOut() const {
-    return m_plan.mode == CaptureMode::marks && countedOverLeap() &&
-           (m_plan.labelsKnown ? !m_plan.labelsLacking.empty() : leapLabels() > 0);
+    return m_plan.mode == CaptureMode::marks && countedOverLeap() && leapLabels() > 0 &&
+           (!m_plan.labelsKnown || !m_plan.labelsLacking.empty());
 }
 
 // Whether what comes now has another frame rate than the source.
