@@ -286,6 +286,10 @@ bool Recording::endsBefore(const VideoUnit& unit) {
             fail(*failed);
             return true;
         }
+        // The label of this frame may be what shows that those before it are the source's.
+        if (m_plan.played && byStreamLabels())
+            for (const auto& [from, to] : m_played.note(1, 0))
+                m_range.note(from, to);
         // What is still to come of the frames up to mark-out is shown, so decoded, no later than mark-out is.
         if (m_range.beyond(*m_label) &&
             (m_range.complete() || m_analyzer.clock().elapsed() >= m_labels.presentation(m_range.out())))
