@@ -177,7 +177,6 @@ private:
     int m_firstField = 0;       // picture_structure of a field that waits for its second
     bool m_progressive = false; // progressive_sequence
     FrameRate m_codedRate;      // of the last sequence header
-    bool m_sequenceHeader = false;
     // H.264
     capture::AvcHeaders m_avc;
     bool m_keyAhead = false; // a parameter set or a recovery point came before the picture

@@ -75,7 +75,6 @@ void VideoTrack::takeMpeg2(std::span<unsigned char> header) {
 // 6.2.2.1
 void VideoTrack::takeSequence(std::span<unsigned char> header) {
     m_format.width = header[4] << 4 | header[5] >> 4;
-    m_sequenceHeader = true;
     m_format.height = (header[5] & 0x0F) << 8 | header[6];
     switch (header[7] >> 4) { // table 6-3
     case 1:
@@ -103,9 +102,6 @@ void VideoTrack::takeSequence(std::span<unsigned char> header) {
 
 // 6.2.2.3
 void VideoTrack::takeSequenceExtension(std::span<unsigned char> header) {
-    // It has the upper bits of what the header in front of it says.
-    if (!m_sequenceHeader)
-        return;
     m_format.profile = profileName((header[4] & 0x0F) << 4 | header[5] >> 4);
     m_progressive = (header[5] & 0x08) != 0;
     m_format.interlaced = !m_progressive;
