@@ -61,6 +61,7 @@ bool WatchRegistry::Membership::stopRequested() const noexcept {
 
 WatchRegistry::ChildReports::ChildReports() {
     instance().m_childrenReported = true;
+    instance().wakeAll(); // what changed before was not reported
 }
 
 // Who waits for a report that does not come any more learns of it.

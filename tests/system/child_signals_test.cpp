@@ -83,6 +83,12 @@ TEST_F(VerifierRequests, ARequestWhoseVerifierIsStoppedIsNotAnsweredTrue) {
         waiting.send(std::string("GET_MPEG_PROPERTIES,JOB_BEGIN,") + GUID + "," + file + ",VIDEO_PID"));
     ASSERT_TRUE(eventually([&] { return service.children().size() == 1; }));
     const pid_t verifier = service.children().front();
+    // Stopped before it runs its program it would hold the thread that makes it.
+    const auto program = [](pid_t process) {
+        std::error_code ignored;
+        return std::filesystem::read_symlink("/proc/" + std::to_string(process) + "/exe", ignored);
+    };
+    ASSERT_TRUE(eventually([&] { return program(verifier) != program(service.process().pid()); }));
     signalTo(verifier, SIGSTOP);
     EXPECT_THAT(waiting.receiveAll(20s), testing::StartsWith(NO_PROPERTY));
     signalTo(verifier, SIGKILL);
