@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <mqueue.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 using namespace kestrel::test;
@@ -87,11 +88,11 @@ rlim_t countedBytes(const std::string& queue) {
 }
 
 // That many jobs at once, whose queues fit into that many bytes.
-void runAtOnce(int count, rlim_t queueBytes) {
+void runAtOnce(int count, rlim_t queueBytes, const std::string& preparation = {}) {
     ServiceUnderTest service;
     const std::string go = service.root() / "go";
     service.setWorker("--wait-file " + go + " --say 7:ok");
-    service.start();
+    service.start(preparation);
     // The first job warms up what stays open.
     std::ofstream(go) << "go";
     ASSERT_EQ(service.ask(manual(count)), "TRUE");
@@ -125,6 +126,14 @@ void runAtOnce(int count, rlim_t queueBytes) {
         eventually([&] { return service.descriptors() <= descriptors && service.threads() <= threads; }));
 }
 
+bool mayBeOtherUsers() {
+    constexpr uid_t KEPT = static_cast<uid_t>(-1);
+    const uid_t user = getuid();
+    // Of this thread alone, unlike the library's call.
+    return syscall(SYS_setresuid, uid_t{100'000}, KEPT, KEPT) == 0 &&
+           syscall(SYS_setresuid, user, KEPT, KEPT) == 0;
+}
+
 TEST(ManyJobs, ThirtyAtOnceRunWithinTheUsualLimits) {
     constexpr rlim_t USUAL_QUEUE_BYTES = 819'200;
     runAtOnce(30, USUAL_QUEUE_BYTES);
@@ -134,9 +143,14 @@ TEST(ManyJobs, AHundredAtOnceRunWhereTheLimitOnQueuesCanBeRaised) {
     const rlimit enough{4'000'000, 4'000'000};
     rlimit queues{};
     ASSERT_EQ(getrlimit(RLIMIT_MSGQUEUE, &queues), 0);
-    if (queues.rlim_max < enough.rlim_max && setrlimit(RLIMIT_MSGQUEUE, &enough) != 0)
-        GTEST_SKIP() << "RLIMIT_MSGQUEUE is " << queues.rlim_max << " bytes and may not be raised here";
-    runAtOnce(100, enough.rlim_max);
+    if (queues.rlim_max >= enough.rlim_max || setrlimit(RLIMIT_MSGQUEUE, &enough) == 0)
+        return runAtOnce(100, enough.rlim_max);
+    // The limit is each user's: where it may not be raised, many users have enough.
+    if (!mayBeOtherUsers())
+        GTEST_SKIP() << "RLIMIT_MSGQUEUE is " << queues.rlim_max
+                     << " bytes and may not be raised here, nor may queues be made as other users";
+    runAtOnce(100, enough.rlim_max,
+              "export ASAN_OPTIONS=verify_asan_link_order=0 LD_PRELOAD=" KESTREL_QUEUE_SHARES);
 }
 
 TEST(ManyJobs, WhenAQueueCannotBeMadeTheClientReadsWhichLimitWasMet) {
