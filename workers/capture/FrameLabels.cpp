@@ -1,5 +1,6 @@
 #include "FrameLabels.h"
 
+#include "ClockTurn.h"
 #include "mpeg/mpeg2.h"
 #include "timecode/mpeg_timecode.h"
 
@@ -9,8 +10,6 @@
 
 namespace kestrel::capture {
 namespace {
-
-constexpr std::int64_t wrap = std::int64_t{4} << 33; // the 33-bit clock in PTS units
 
 std::int64_t modulo(std::int64_t value, std::int64_t divisor) {
     return (value % divisor + divisor) % divisor;
@@ -123,8 +122,7 @@ std::optional<std::int64_t> FrameLabels::label(const VideoUnit& unit, std::int64
         m_period = std::max(MPEG::SH::decode_PCRs_per_frame(rateCode), 1);
     }
     m_codec = codec;
-    const bool stamped = !unit.pts.is_absent() && !unit.dts.is_absent();
-    m_shown = elapsed + (stamped ? modulo(unit.pts - unit.dts, wrap) : 0);
+    m_shown = elapsed + stampedStep(unit.pts, unit.dts).value_or(0);
 
     const bool mayBeStream = m_useStream && (!m_kept || m_origin == LabelOrigin::stream);
     const bool still = unit.gopTimecode && !runs(*unit.gopTimecode);

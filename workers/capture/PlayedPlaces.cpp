@@ -1,5 +1,7 @@
 #include "PlayedPlaces.h"
 
+#include "ClockTurn.h"
+
 #include <algorithm>
 #include <cstdlib>
 #include <iterator>
@@ -13,13 +15,6 @@ namespace {
 constexpr std::int64_t longestDelay = 10 * std::int64_t{PTS::units_per_second};
 
 } // namespace
-
-std::optional<std::int64_t> stampedStep(PTS stamp, PTS before) {
-    constexpr std::int64_t wrap = std::int64_t{4} << 33; // the 33-bit clock in PTS units
-    if (stamp.is_absent() || before.is_absent())
-        return std::nullopt;
-    return ((stamp - before) % wrap + wrap) % wrap;
-}
 
 std::optional<std::int64_t> displayDelay(const VideoUnit& unit) {
     const auto delay = stampedStep(unit.pts, unit.dts);

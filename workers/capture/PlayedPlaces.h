@@ -10,10 +10,6 @@
 
 namespace kestrel::capture {
 
-// From one timestamp to a later one, over the wrap of their 33 bits, in PTS units; none where one of them is
-// absent.
-[[nodiscard]] std::optional<std::int64_t> stampedStep(PTS stamp, PTS before);
-
 // From when the first picture of a PES packet is decoded to when it is shown, in PTS units; none where that
 // is not known.
 [[nodiscard]] std::optional<std::int64_t> displayDelay(const VideoUnit& unit);

@@ -1,5 +1,6 @@
 #include "PlayedReturn.h"
 
+#include "ClockTurn.h"
 #include "mpeg/mpeg2.h"
 
 #include <algorithm>

@@ -1,5 +1,6 @@
 #include "SourceIndex.h"
 
+#include "ClockTurn.h"
 #include "FrameCount.h"
 #include "PacketWindow.h"
 #include "PlayedPlaces.h"
@@ -61,8 +62,9 @@ private:
         m_index.points.push_back({m_unitAt, before, unit.gopTimecode, unit.closedGop ? 0 : reference,
                                   unit.temporalReference >= 0, 0, reference});
     }
-    static constexpr std::int64_t wrap = std::int64_t{4} << 33; // the 33-bit clock in PTS units
-    static bool isBefore(PTS stamp, PTS other) { return stampedStep(stamp, other).value_or(0) > wrap / 2; }
+    static bool isBefore(PTS stamp, PTS other) {
+        return stampedStep(stamp, other).value_or(0) > clockTurn / 2;
+    }
     // The next frame is that one, counted from the first random access point.
     void noteShown(const VideoUnit& unit, std::uint64_t frame) {
         if (unit.frames == 0)
@@ -83,7 +85,8 @@ private:
         const std::int64_t stamped = stampedStep(unit.dts, m_lastDts).value_or(step);
         if (m_lastFrames > 0 && period > 0 && excess > longestShown * period)
             m_leaps.late({frame, m_frames.unitTime(), {step, excess}}, m_lastAt, m_unitAt);
-        else if (m_lastFrames > 0 && period > 0 && stamped >= StreamClock::largestStep && stamped < wrap / 2)
+        else if (m_lastFrames > 0 && period > 0 && stamped >= StreamClock::largestStep &&
+                 stamped < clockTurn / 2)
             m_leaps.late({frame, m_frames.unitTime(), {stamped, stamped - step}, false}, m_lastAt, m_unitAt);
         if (m_lastFrames == 0 || stampedStep(unit.dts, m_lastDts) != step)
             m_stretch = {frame, m_frames.unitTime()};

@@ -1,5 +1,6 @@
 #include "StreamAnalyzer.h"
 
+#include "ClockTurn.h"
 #include "Failure.h"
 #include "mpeg/mpeg2.h"
 #include "mpeg/packet_view.h"
@@ -12,8 +13,7 @@
 namespace kestrel::capture {
 namespace {
 
-constexpr std::int64_t wrap = std::int64_t{4} << 33; // the 33-bit clock in PTS units
-constexpr std::int64_t jitter = 8;                   // two ticks of the 90 kHz clock
+constexpr std::int64_t jitter = 8; // two ticks of the 90 kHz clock
 
 constexpr std::size_t pesFixedHead = 9;
 constexpr std::size_t pmtFixedHead = 12;
@@ -44,9 +44,7 @@ bool announcesDiscontinuity(const unsigned char* packet) noexcept {
 void StreamClock::advance(PTS stamp, unsigned frames, int frameRateCode) noexcept {
     const int rate = frameRateCode != 0 ? frameRateCode : m_rateCode;
     const std::int64_t period = std::max(MPEG::SH::decode_PCRs_per_frame(rate), 0);
-    std::int64_t step = 0;
-    if (!stamp.is_absent() && !m_last.is_absent())
-        step = ((stamp - m_last) % wrap + wrap) % wrap;
+    const std::int64_t step = stampedStep(stamp, m_last).value_or(0);
     const bool plausible = step > 0 && step < largestStep;
     if (m_started)
         m_elapsed += plausible ? step : period * frames;
