@@ -420,6 +420,21 @@ TEST_F(JobLauncherTest, StopWatchingLeavesWorkersAndJobsAsTheyAre) {
     EXPECT_TRUE(eventually([] { return childrenOf(getpid()).empty(); })) << "reaped, though unwatched";
 }
 
+TEST_F(JobLauncherTest, AWorkerThatStartsWhenWatchingHasEndedForGoodIsNotWatched) {
+    JobLauncher::StopWatching(true);
+    const std::string held = file("held");
+    CaptureManualJob job(901218);
+    EXPECT_EQ(launch(job, "hold:" + held), 0);
+    EXPECT_TRUE(allEnded());
+    EXPECT_EQ(job.state(), Job::IN_PROGRESS);
+    EXPECT_THAT(log.text(), HasSubstr("Job 901218  is no longer watched. Its worker, process "));
+    JobLauncher::ResumeWatching();
+    CaptureManualJob next(901219);
+    EXPECT_EQ(run(next, "say:7:next"), Job::COMPLETE);
+    std::ofstream(held).flush();
+    EXPECT_TRUE(eventually([] { return childrenOf(getpid()).empty(); }));
+}
+
 TEST_F(JobLauncherTest, StopWatchingEndsAWaitingLaunchToo) {
     CaptureManualJob job(901220);
     const std::string held = file("held");

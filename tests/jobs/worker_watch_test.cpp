@@ -73,7 +73,7 @@ TEST_F(WorkerWatchTest, AStopThatWasReportedBeforeTheFirstWaitIsSeen) {
         kestrel::ArgumentVector arguments{std::string_view(data.cmdLine)};
         int failure = 0;
         const pid_t worker = AppLaunchUtil::runCmd(arguments, failure);
-        EXPECT_GT(worker, 0);
+        ASSERT_GT(worker, 0);
         waitUntilStopped(worker);
         reports.childChanged();
         WorkerWatch watch(data, worker, membership);
@@ -87,6 +87,22 @@ TEST_F(WorkerWatchTest, AStopThatWasReportedBeforeTheFirstWaitIsSeen) {
     watched.get();
     EXPECT_EQ(job.state(), Job::ERROR);
     EXPECT_EQ(JobLauncher::flushAndDestroyQueue(job.jobUpdateQueueName, data.updateQueue), 0);
+}
+
+TEST_F(WorkerWatchTest, AWorkerThatIsStoppedBehindItsExitMessageIsAnError) {
+    const WatchRegistry::ChildReports reports;
+    CaptureManualJob job(901313);
+    ASSERT_EQ(launch(job, "say:7:last say:0: hold:" + file("held")), 0);
+    EXPECT_TRUE(eventually(
+        [&] { return std::filesystem::exists(file("held.there")) && job.resultsText() == "last"; }));
+    const pid_t worker = job.workerPid();
+    ASSERT_GT(worker, 0);
+    signalTo(worker, SIGSTOP);
+    waitUntilStopped(worker);
+    reports.childChanged();
+    EXPECT_TRUE(allEnded());
+    EXPECT_EQ(job.state(), Job::ERROR);
+    JobLauncher::StopWatching();
 }
 
 TEST_F(WorkerWatchTest, ReportsThatTellOfOthersChangeNothing) {

@@ -1,6 +1,11 @@
 // Workers and the deck process where the system has no thread or process left for them.
+#include "foundation/Eventually.h"
 #include "foundation/PosixWrappers.h"
+#include "foundation/ProcessTree.h"
 #include "foundation/WithoutFurtherProcesses.h"
+#include "jobs/CaptureJob.h"
+#include "jobs/JobLauncher.h"
+#include "jobs/WatchRegistry.h"
 #include "service/CMessageProcessor.h"
 #include "service/CSocketManager.h"
 #include "service_directories.h"
@@ -8,10 +13,15 @@
 #include "system_refusals.h"
 
 #include <cerrno>
+#include <csignal>
 #include <gmock/gmock.h>
 #include <mqueue.h>
 #include <string>
+#include <vector>
 
+using kestrel::test::childrenOf;
+using kestrel::test::eventually;
+using kestrel::test::signalTo;
 using testing::HasSubstr;
 
 namespace {
@@ -82,6 +92,26 @@ TEST_F(LaunchFailures, ACaptureWithoutAThreadIsAnsweredSo) {
     EXPECT_THAT(log(), HasSubstr("[Manager:Error] " + reason + "\r\n"));
     EXPECT_FALSE(queueExists("/mgr_msg_q_0"));
     EXPECT_FALSE(queueExists("/job_update_q_0"));
+}
+
+TEST_F(LaunchFailures, WithoutADescriptorToWakeItsWatchACaptureEndsAsItsWorkerDoes) {
+    const Refusal refusal(systemRefusals().eventfd, EMFILE);
+    EXPECT_EQ(kestrel::WatchRegistry::instance().join().wakeDescriptor(), -1);
+    EXPECT_EQ(capture(), "TRUE");
+    EXPECT_TRUE(eventually([] { return answer("JOB_STATUS,cafe") == "TRUE - COMPLETE"; }));
+}
+
+TEST_F(LaunchFailures, WithoutADescriptorToWakeItWatchingEndsAllTheSame) {
+    const Refusal refusal(systemRefusals().eventfd, EMFILE);
+    CaptureManualJob job(0);
+    ASSERT_EQ(JobLauncher::Launch(&job, "/bin/sleep 600", 0, false), 0);
+    const std::vector<pid_t> worker = childrenOf(getpid());
+    EXPECT_EQ(JobLauncher::WatchingCount(), 1);
+    JobLauncher::StopWatching();
+    EXPECT_EQ(JobLauncher::WatchingCount(), 0);
+    ASSERT_EQ(worker.size(), 1U);
+    signalTo(worker.front(), SIGKILL);
+    EXPECT_TRUE(eventually([] { return childrenOf(getpid()).empty(); }));
 }
 
 TEST_F(LaunchFailures, ACaptureWithoutAProcessIsAnsweredWithTheProgram) {

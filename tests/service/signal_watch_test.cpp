@@ -211,6 +211,22 @@ TEST_F(SignalWatchTest, ItsEndRestoresTheFormerDispositions) {
     sigaction(SIGUSR2, &formerSecond, nullptr);
 }
 
+// Such a handler has begun before the watch ends, and goes on behind its end.
+TEST_F(SignalWatchTest, ASignalThatComesTooLateForAWatchIsNotTheNextOnes) {
+    struct sigaction handler {};
+    {
+        const SignalWatch watch({SIGUSR1}, toReceived());
+        ASSERT_EQ(sigaction(SIGUSR1, nullptr, &handler), 0);
+    }
+    handler.sa_handler(SIGUSR1);
+    {
+        const SignalWatch next({SIGUSR1, SIGUSR2}, toReceived());
+        sendTo(getpid(), SIGUSR2);
+        EXPECT_EQ(received.waitFor(1).size(), 1U);
+    }
+    EXPECT_THAT(received.waitFor(1), ElementsAre(SIGUSR2));
+}
+
 TEST_F(SignalWatchTest, ItsEndWaitsForTheSignalsThatCameBefore) {
     {
         const SignalWatch watch({SIGUSR1, SIGUSR2, SIGHUP}, [&](int signal) {
