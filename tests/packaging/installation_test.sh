@@ -50,4 +50,8 @@ echo '<Own/>' >"$profile"
 has "$(install_profile)" "Kept: $profile (a new one is among the examples, in $scratch/prefix/share/doc/"
 has "$("$KESTREL_CMAKE" --install "$scratch/build" --component profile --prefix "$scratch/other" 2>&1)" \
   "in $scratch/other/share/doc/"
+has "$(DESTDIR=$scratch/stage install_profile)" "Installing: $scratch/stage$profile"
+has "$(DESTDIR=$scratch/stage install_profile)" "in $scratch/stage$scratch/prefix/share/doc/"
+configure -DCMAKE_INSTALL_DOCDIR="$scratch/doc" >/dev/null
+has "$(install_profile)" "in $scratch/doc/examples)"
 [[ $(<"$profile") == '<Own/>' ]] || fail "the operator's profile has been replaced"
