@@ -15,7 +15,9 @@ namespace {
 
 // A handler has no context, so the descriptor is the process's own: made once and kept.
 int wakeDescriptor() {
-    static const int descriptor = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    static int descriptor = -1;
+    if (descriptor < 0)
+        descriptor = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     return descriptor;
 }
 
@@ -70,10 +72,11 @@ SignalWatch::SignalWatch(std::initializer_list<int> signals, std::function<void(
 }
 
 SignalWatch::~SignalWatch() {
-    for (const auto& [signal, former] : m_former)
-        sigaction(signal, &former, nullptr);
+    // With the handlers still in place: a signal that came before may not have reached the thread yet.
     tell(END);
     m_thread.join();
+    for (const auto& [signal, former] : m_former)
+        sigaction(signal, &former, nullptr);
     pthread_sigmask(SIG_SETMASK, &m_formerMask, nullptr);
 }
 

@@ -4,13 +4,16 @@
 #include "loopback.h"
 #include "service/CSocketManager.h"
 #include "service/DeckProcess.h"
+#include "service/SignalWatch.h"
 #include "service_directories.h"
 #include "system_refusals.h"
 
 #include <cerrno>
+#include <csignal>
 #include <gmock/gmock.h>
 #include <mqueue.h>
 #include <sys/wait.h>
+#include <system_error>
 #include <unistd.h>
 
 using testing::HasSubstr;
@@ -135,6 +138,23 @@ TEST_F(ManagerFailures, WithoutADescriptorToWakeTheDecksThreadThereIsNoDeckProce
     manager->EndVTRProcess();
     EXPECT_FALSE(queueExists("/to_vtr_proc_q"));
     EXPECT_FALSE(queueExists("/from_vtr_proc_q"));
+}
+
+// In a process of its own: the descriptor is made once.
+TEST_F(ManagerFailures, SignalsCanBeWatchedOnceThereIsADescriptorForThem) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto tried = [] {
+        {
+            const Refusal refusal(systemRefusals().eventfd, EMFILE);
+            EXPECT_THROW(kestrel::SignalWatch({SIGUSR1}, [](int) {}), std::system_error);
+        }
+        {
+            const kestrel::SignalWatch watch({SIGUSR1}, [](int) { _exit(7); });
+            kill(getpid(), SIGUSR1);
+        }
+        _exit(1);
+    };
+    EXPECT_EXIT(tried(), testing::ExitedWithCode(7), "");
 }
 
 TEST_F(ManagerFailures, AQueueThatCannotBeClosedIsAnErrorThoughTheMessageHasGone) {

@@ -287,18 +287,10 @@ TEST_F(SignalWatchTest, AFloodDoesNotHoldUpTheEnd) {
     });
     for (int i = 0; i < 1'000; ++i)
         interruptThisThread(SIGUSR1);
-    std::thread opener([&] {
-        // Not before the end is asked for.
-        struct sigaction action {};
-        do {
-            std::this_thread::yield();
-            sigaction(SIGUSR1, nullptr, &action);
-        } while (action.sa_handler != SIG_DFL);
-        gate.set_value();
-    });
+    gate.set_value();
     watch.reset();
-    opener.join();
-    EXPECT_FALSE(received.waitFor(1).empty());
+    EXPECT_THAT(received.waitFor(1).size(), testing::AllOf(testing::Ge(1U), testing::Le(2U)))
+        << "the one that was being handed over, and one more";
 }
 
 } // namespace
