@@ -10,6 +10,7 @@
 #include <csignal>
 #include <future>
 #include <gmock/gmock.h>
+#include <poll.h>
 #include <sys/wait.h>
 #include <vector>
 
@@ -60,6 +61,14 @@ TEST_F(WorkerWatchTest, OneReportIsEnoughForAllWorkersThatWereStopped) {
     EXPECT_EQ(jobs[2]->state(), Job::ERROR);
     EXPECT_EQ(processState(first), 'T');
     JobLauncher::StopWatching(); // before the jobs go
+}
+
+TEST_F(WorkerWatchTest, WhenReportsBeginAllThatWatchLookOnce) {
+    const WatchRegistry::Membership member = WatchRegistry::instance().join();
+    pollfd wake{member.wakeDescriptor(), POLLIN, 0};
+    EXPECT_EQ(poll(&wake, 1, 0), 0);
+    const WatchRegistry::ChildReports reports;
+    EXPECT_EQ(poll(&wake, 1, 0), 1) << "what changed before was not reported";
 }
 
 TEST_F(WorkerWatchTest, AStopThatWasReportedBeforeTheFirstWaitIsSeen) {

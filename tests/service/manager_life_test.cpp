@@ -1,5 +1,6 @@
 // The manager's life inside one process: start, stop, and what stays.
 #include "foundation/CallbackLib.h"
+#include "jobs/WatchRegistry.h"
 #include "loopback.h"
 #include "service/CSocketManager.h"
 #include "service_directories.h"
@@ -199,9 +200,11 @@ TEST_F(ManagerLife, APortInUseIsMinusOneAndNothingStays) {
 TEST_F(ManagerLife, ASignalWhileIdleEndsTheForegroundRunWithOne) {
     auto run = std::async(std::launch::async, CManagerLib::RunCmdLine);
     waitUntilItAnswers();
+    EXPECT_TRUE(kestrel::WatchRegistry::instance().childrenReported());
     raise(SIGINT);
     EXPECT_EQ(run.get(), 1);
     EXPECT_EQ(CManagerLib::m_instance, nullptr);
+    EXPECT_FALSE(kestrel::WatchRegistry::instance().childrenReported());
 }
 
 TEST_F(ManagerLife, AStopRequestEndsTheForegroundRunWithTheShutdownsResult) {
