@@ -145,10 +145,11 @@ void addVideo(std::string& page, const Analysis& analysis) {
         format("PID %d, %s %s", analysis.videoPid(), encodingText(analysis).c_str(),
                picture.profile.c_str()));
     const std::string size = sizeText(analysis);
-    row(page, "Picture",
-        size.empty() ? "not known: no header that tells it"
-                     : format("%s, %s, %s", size.c_str(), picture.aspect.c_str(),
-                              picture.interlaced ? "interlaced" : "progressive"));
+    std::string shape =
+        size.empty() ? "size not known: no header that tells it" : size + ", " + picture.aspect;
+    if (picture.interlaced)
+        shape += *picture.interlaced ? ", interlaced" : ", progressive";
+    row(page, "Picture", shape);
     row(page, "Frame rate", rateText(picture.rate()));
     row(page, "Duration", durationText(analysis) + " (" + framesText(analysis) + ")");
     row(page, "Video bit rate",

@@ -104,7 +104,6 @@ std::string framesText(const Analysis& analysis) {
 
 std::string sizeText(const Analysis& analysis) {
     const VideoFormat& picture = analysis.video()->format();
-    // An extension without its header has upper bits of one of them only.
     return picture.width > 0 && picture.height > 0 ? format("%dx%d", picture.width, picture.height) : "";
 }
 

@@ -24,7 +24,7 @@ struct VideoFormat {
     int height = 0;
     std::string aspect;  // of the picture, "16:9"
     FrameRate frameRate; // as the headers say; none while they say nothing
-    bool interlaced = false;
+    std::optional<bool> interlaced;
     std::string profile;
 
     // Frames a second, 0 while unknown.

@@ -76,7 +76,8 @@ void VideoTrack::takeMpeg2(std::span<unsigned char> header) {
 void VideoTrack::takeSequence(std::span<unsigned char> header) {
     m_format.width = header[4] << 4 | header[5] >> 4;
     m_format.height = (header[5] & 0x0F) << 8 | header[6];
-    switch (header[7] >> 4) { // table 6-3
+    m_format.interlaced = m_format.interlaced.value_or(false); // MPEG-1 is not
+    switch (header[7] >> 4) {                                  // table 6-3
     case 1:
         m_format.aspect = pictureAspect(m_format.width, m_format.height);
         break;
@@ -105,8 +106,12 @@ void VideoTrack::takeSequenceExtension(std::span<unsigned char> header) {
     m_format.profile = profileName((header[4] & 0x0F) << 4 | header[5] >> 4);
     m_progressive = (header[5] & 0x08) != 0;
     m_format.interlaced = !m_progressive;
-    m_format.width |= (header[5] & 1) << 13 | (header[6] & 0x80) << 5;
-    m_format.height |= (header[6] & 0x60) << 7;
+    // The upper bits of what the header says: its own are never 0 (6.3.3), so there was none, or a damaged
+    // one.
+    if (m_format.width > 0 && m_format.height > 0) {
+        m_format.width |= (header[5] & 1) << 13 | (header[6] & 0x80) << 5;
+        m_format.height |= (header[6] & 0x60) << 7;
+    }
     if (header.size() < 10)
         return;
     const int bitRateExtension = (header[6] & 0x1F) << 7 | header[7] >> 1;

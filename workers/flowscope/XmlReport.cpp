@@ -62,10 +62,9 @@ void addVideo(TiXmlElement& media, const Analysis& analysis) {
     value(stream, "Pid", std::to_string(analysis.videoPid()));
     value(stream, "Encoding", encodingText(analysis));
     value(stream, "Profile", picture.profile);
-    if (const std::string size = sizeText(analysis); !size.empty()) {
-        value(stream, "VideoResolution", size);
-        value(stream, "Interlaced", yesNo(picture.interlaced));
-    }
+    value(stream, "VideoResolution", sizeText(analysis));
+    if (picture.interlaced)
+        value(stream, "Interlaced", yesNo(*picture.interlaced));
     value(stream, "AspectRatio", picture.aspect);
     value(stream, "FrameRate", rateText(picture.rate()));
     value(stream, "ElementaryBitrate", bitRateText(analysis.videoBitsPerSecond()));
