@@ -30,12 +30,30 @@ TEST(ManualCapture, AManualCaptureEndsWithTheCancelMessageAndKeepsAll) {
     EXPECT_THAT(worker.results(), StartsWith("Recorded 00:00:02:10 (60 frames"));
 }
 
-TEST(ManualCapture, RunByHandItEndsWithSigterm) {
+TEST(ManualCapture, RunByHandASignalEndsItInOrder) {
+    for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
+        Worker worker;
+        worker.useQueues = false;
+        const int port = worker.addEncoder();
+        worker.start();
+        worker.waitForLog(ready);
+        Sender("127.0.0.1", port).send(StreamBuilder().frames(60));
+        worker.waitForLog("recording into");
+        worker.signal(signal);
+        EXPECT_EQ(worker.wait(), 0) << signal;
+        EXPECT_THAT(worker.log(), HasSubstr("Recorded 00:00:02:10 (60 frames")) << signal;
+    }
+}
+
+TEST(ManualCapture, ASighupThatIsIgnoredStaysSo) {
     Worker worker;
     worker.useQueues = false;
     const int port = worker.addEncoder();
+    const auto former = std::signal(SIGHUP, SIG_IGN); // as nohup does
     worker.start();
+    std::signal(SIGHUP, former);
     worker.waitForLog(ready);
+    worker.signal(SIGHUP);
     Sender("127.0.0.1", port).send(StreamBuilder().frames(60));
     worker.waitForLog("recording into");
     worker.signal(SIGTERM);

@@ -103,10 +103,11 @@ std::string usage(const std::string& program) {
            "\n"
            "A Decoder of the map is sent RTP instead of plain UDP when a source file is played to it.\n"
            "\n"
-           "SIGTERM and SIGINT end a recording like the cancel message. Exit code 0: recorded as asked, or\n"
-           "cancelled after something was recorded; a timed capture or a re-encode that is cancelled before\n"
-           "anything was recorded exits 0 as well, and its results say \"nothing recorded\". 1: anything\n"
-           "else; the results say why. 2: wrong command line.\n";
+           "SIGTERM, SIGINT and SIGHUP end a recording like the cancel message. Exit code 0: recorded as\n"
+           "asked, or cancelled after something was recorded; a timed capture or a re-encode that is\n"
+           "cancelled before anything was recorded exits 0 as well, and its results say \"nothing "
+           "recorded\".\n"
+           "1: anything else; the results say why. 2: wrong command line.\n";
 }
 
 } // namespace kestrel::capture

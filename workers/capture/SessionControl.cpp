@@ -39,6 +39,10 @@ UniqueFd takeSignals() {
     sigemptyset(&set);
     sigaddset(&set, SIGTERM);
     sigaddset(&set, SIGINT);
+    // A terminal that is closed ends a recording in order, too, unless it is to outlive it.
+    struct sigaction hangup {};
+    if (sigaction(SIGHUP, nullptr, &hangup) == 0 && hangup.sa_handler != SIG_IGN)
+        sigaddset(&set, SIGHUP);
     ::pthread_sigmask(SIG_BLOCK, &set, nullptr);
     // A file at its size limit is a write error, not the end of the process.
     std::signal(SIGXFSZ, SIG_IGN);
