@@ -65,7 +65,7 @@ TEST(ServiceLink, DoesWithoutQueuesThatAreNotThereOrGoAway) {
     link.sendResults("text");
     EXPECT_LT(Clock::now() - begin, std::chrono::seconds(1)) << "nobody to wait for";
     EXPECT_EQ(log.count("Warning] Queue " + name +
-                        " has been removed: the recording goes on, end it with SIGTERM\r\n"),
+                        " has been removed: this process goes on, end it with SIGTERM\r\n"),
               1)
         << log.text();
     EXPECT_EQ(log.count("does not hear of the end"), 0) << "it was told";
@@ -78,7 +78,7 @@ TEST(ServiceLink, ARemovalThatResultsFoundIsToldByTheNextHeartbeat) {
     link.sendResults("Encoder 1: of one of two");
     EXPECT_EQ(log.count("has been removed"), 0);
     link.sendHeartbeat();
-    EXPECT_EQ(log.count(" has been removed: the recording goes on, end it with SIGTERM\r\n"), 1);
+    EXPECT_EQ(log.count(" has been removed: this process goes on, end it with SIGTERM\r\n"), 1);
     link.sendExit();
     EXPECT_EQ(log.count("has been removed"), 1) << log.text();
 }

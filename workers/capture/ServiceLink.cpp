@@ -98,7 +98,7 @@ bool ServiceLink::trySend(AppMsgType type, const void* payload, int size) {
 
 void ServiceLink::sendHeartbeat() {
     noticeRemoval();
-    tellOfRemoval(std::string("the ") + m_work + " goes on, end it with SIGTERM");
+    tellOfRemoval("this process goes on, end it with SIGTERM");
     const bool sent = trySend(STATUS_MSG, nullptr, 0);
     if (!sent && !m_fullLogged)
         LogUtil::Warning(m_module, "The service does not read queue %s: status is dropped",

@@ -1,5 +1,5 @@
 // The two message queues that connect the worker with the service. Nothing here waits for the service, except
-// the last two messages for a bounded time.
+// results and the last message, for a bounded time.
 #pragma once
 
 #include "foundation/QueueMessages.h"
@@ -12,9 +12,8 @@ namespace kestrel::capture {
 
 class ServiceLink {
 public:
-    // module names the log lines, and work what goes on when the service's queue is gone.
-    explicit ServiceLink(const char* module = "Capture", const char* work = "recording")
-        : m_module(module), m_work(work) {}
+    // module names the log lines.
+    explicit ServiceLink(const char* module = "Capture") : m_module(module) {}
     ~ServiceLink();
     ServiceLink(const ServiceLink&) = delete;
     ServiceLink& operator=(const ServiceLink&) = delete;
@@ -58,7 +57,6 @@ private:
     int connectOne(const std::string& name, int access) const;
 
     const char* m_module;
-    const char* m_work;
     std::string m_writeName;
     int m_write = -1;
     int m_read = -1;

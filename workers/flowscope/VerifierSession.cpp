@@ -59,7 +59,7 @@ void askForEnd(int) {
 } // namespace
 
 VerifierSession::VerifierSession(Options options)
-    : m_options(std::move(options)), m_link("FlowScope", "verification"),
+    : m_options(std::move(options)), m_link("FlowScope"),
       m_nextHeartbeat(std::chrono::steady_clock::now() + heartbeatPeriod) {}
 
 int VerifierSession::run() {
@@ -95,7 +95,7 @@ int VerifierSession::fail(const std::string& why) {
 }
 
 void VerifierSession::refuse(const Options& options) {
-    capture::ServiceLink link("FlowScope", "verification");
+    capture::ServiceLink link("FlowScope");
     link.connect(options.outQueue, options.inQueue);
     link.sendResults("wrong command line: " + options.error);
     link.sendExit();
