@@ -49,11 +49,15 @@ SignalWatch::SignalWatch(std::initializer_list<int> signals, std::function<void(
     // One that came too late for the watch before is not this one's.
     for (std::atomic<bool>& signal : came)
         signal = false;
-    sigemptyset(&m_signals);
+    sigset_t blocked;
+    sigemptyset(&blocked);
     for (const int signal : signals)
-        sigaddset(&m_signals, signal);
+        sigaddset(&blocked, signal);
     // Blocked before the thread starts, so that the handlers run on it once it is there, and nowhere else.
-    pthread_sigmask(SIG_BLOCK, &m_signals, &m_formerMask);
+    pthread_sigmask(SIG_BLOCK, &blocked, &m_formerMask);
+    m_whileWaiting = m_formerMask;
+    for (const int signal : signals)
+        sigdelset(&m_whileWaiting, signal);
     try {
         m_thread = std::thread([this] { watch(wakeDescriptor()); });
     } catch (...) {
@@ -81,16 +85,17 @@ SignalWatch::~SignalWatch() {
 }
 
 void SignalWatch::watch(int wake) const {
-    pthread_sigmask(SIG_UNBLOCK, &m_signals, nullptr);
     for (;;) {
-        // Rather than in read, which goes on after a signal: the thread sanitizer would run no handler
-        // meanwhile.
+        // Interrupted while it waits and at no other time: a flood would keep a function from its end.
         pollfd entry{wake, POLLIN, 0};
-        poll(&entry, 1, -1);
+        ppoll(&entry, 1, nullptr, &m_whileWaiting);
         eventfd_t count = 0;
         eventfd_read(wake, &count);
-        // Asked first: what came before the end is handed over.
         const bool ended = came[END].exchange(false);
+        // What came before the end is handed over. A wait whose descriptor is ready lets no signal in.
+        const timespec none{};
+        if (ended)
+            ppoll(nullptr, 0, &none, &m_whileWaiting);
         for (std::size_t number = 1; number < came.size(); ++number)
             if (came[number].exchange(false))
                 m_function(static_cast<int>(number));
