@@ -9,6 +9,7 @@
 #include <cmath>
 #include <gtest/gtest.h>
 #include <map>
+#include <optional>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -150,9 +151,10 @@ TEST_P(Agreement, OnThePicture) {
     EXPECT_EQ(std::to_string(picture.height), probe.stream("v:0", "height"));
     EXPECT_EQ(picture.aspect, probe.stream("v:0", "display_aspect_ratio"));
     EXPECT_NEAR(picture.rate(), probe.frameRate(), 1e-9);
-    EXPECT_EQ(!picture.interlaced, probe.stream("v:0", "field_order") == "progressive" ||
-                                       // Progressive pictures in a sequence that allows both.
-                                       (probe.stream("v:0", "field_order") == "unknown"));
+    const bool progressive = probe.stream("v:0", "field_order") == "progressive" ||
+                             // Progressive pictures in a sequence that allows both.
+                             probe.stream("v:0", "field_order") == "unknown";
+    EXPECT_EQ(picture.interlaced, std::optional(!progressive));
 }
 
 TEST_P(Agreement, OnTheNumberOfFramesAndTheDuration) {

@@ -35,6 +35,48 @@ TEST(Video, HeadersAreFoundWhereverTheyAreCut) {
     }
 }
 
+// Width, height and, where that is known, the kind of coding that a stream tells.
+std::string shapeOf(const Bytes& stream) {
+    VideoTrack track(VideoCodec::mpeg2);
+    track.feed(stream);
+    track.end();
+    const VideoFormat& format = track.format();
+    return std::to_string(format.width) + "x" + std::to_string(format.height) +
+           (!format.interlaced   ? ""
+            : *format.interlaced ? " interlaced"
+                                 : " progressive");
+}
+
+TEST(Video, ASizeIsThatOfTheLastHeaderAndItsExtension) {
+    const Bytes header = sequenceHeader(720, 576, 3);
+    const Bytes large = sequenceExtension(0x48, false, 1, 2);
+    EXPECT_EQ(shapeOf(header + sequenceExtension(0x48)), "720x576 interlaced");
+    EXPECT_EQ(shapeOf(header + sequenceExtension(0x48, true)), "720x576 progressive");
+    EXPECT_EQ(shapeOf(header + large + large), "4816x8768 interlaced");
+    EXPECT_EQ(shapeOf(header + large + sequenceExtension(0x48)), "720x576 interlaced");
+    EXPECT_EQ(shapeOf(large), "0x0 interlaced") << "upper bits of nothing";
+    EXPECT_EQ(shapeOf(large + header), "720x576 interlaced");
+}
+
+TEST(Video, ADamagedHeaderTellsNothing) {
+    const Bytes good = sequenceHeader(720, 576, 3) + sequenceExtension(0x48);
+    for (const auto& [width, height] : {std::pair(0, 576), {720, 0}, {0, 0}}) {
+        const Bytes damaged = sequenceHeader(width, height, 3);
+        EXPECT_EQ(shapeOf(damaged + sequenceExtension(0x48, false, 1, 1)), "0x0 interlaced");
+        EXPECT_EQ(shapeOf(good + damaged), "720x576 interlaced");
+    }
+}
+
+TEST(Video, Mpeg1IsProgressive) {
+    const Bytes header = sequenceHeader(352, 288, 3);
+    const Bytes picture = pictureHeader(1) + filler(20);
+    EXPECT_EQ(shapeOf(header + picture), "352x288") << "its coding extension may be lost";
+    EXPECT_EQ(shapeOf(header + picture + picture), "352x288 progressive");
+    EXPECT_EQ(shapeOf(header + pictureHeader(1) + pictureCodingExtension(3, true, false) + pictureHeader(1)),
+              "352x288")
+        << "MPEG-2 whose sequence extension is lost";
+}
+
 TEST(Video, TwoFieldsAreOneFrame) {
     VideoTrack track(VideoCodec::mpeg2);
     track.feed(sequenceHeader(720, 576, 3) + sequenceExtension(0x48) + pictureHeader(1) +

@@ -145,8 +145,9 @@ void addVideo(std::string& page, const Analysis& analysis) {
         format("PID %d, %s %s", analysis.videoPid(), encodingText(analysis).c_str(),
                picture.profile.c_str()));
     const std::string size = sizeText(analysis);
-    std::string shape =
-        size.empty() ? "size not known: no header that tells it" : size + ", " + picture.aspect;
+    std::string shape = size.empty() ? "size not known: no header that tells it" : size;
+    if (!picture.aspect.empty())
+        shape += ", " + picture.aspect;
     if (picture.interlaced)
         shape += *picture.interlaced ? ", interlaced" : ", progressive";
     row(page, "Picture", shape);

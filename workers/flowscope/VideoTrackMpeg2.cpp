@@ -74,10 +74,13 @@ void VideoTrack::takeMpeg2(std::span<unsigned char> header) {
 
 // 6.2.2.1
 void VideoTrack::takeSequence(std::span<unsigned char> header) {
-    m_format.width = header[4] << 4 | header[5] >> 4;
-    m_format.height = (header[5] & 0x0F) << 8 | header[6];
-    m_format.interlaced = m_format.interlaced.value_or(false); // MPEG-1 is not
-    switch (header[7] >> 4) {                                  // table 6-3
+    const int width = header[4] << 4 | header[5] >> 4;
+    const int height = (header[5] & 0x0F) << 8 | header[6];
+    if (width == 0 || height == 0) // neither ever is (6.3.3): it is damaged
+        return;
+    m_format.width = width;
+    m_format.height = height;
+    switch (header[7] >> 4) { // table 6-3
     case 1:
         m_format.aspect = pictureAspect(m_format.width, m_format.height);
         break;
@@ -106,11 +109,9 @@ void VideoTrack::takeSequenceExtension(std::span<unsigned char> header) {
     m_format.profile = profileName((header[4] & 0x0F) << 4 | header[5] >> 4);
     m_progressive = (header[5] & 0x08) != 0;
     m_format.interlaced = !m_progressive;
-    // The upper bits of what the header says: its own are never 0 (6.3.3), so there was none, or a damaged
-    // one.
-    if (m_format.width > 0 && m_format.height > 0) {
-        m_format.width |= (header[5] & 1) << 13 | (header[6] & 0x80) << 5;
-        m_format.height |= (header[6] & 0x60) << 7;
+    if (m_format.width > 0) { // it has the upper bits of what a header says
+        m_format.width = (m_format.width & 0xFFF) | (header[5] & 1) << 13 | (header[6] & 0x80) << 5;
+        m_format.height = (m_format.height & 0xFFF) | (header[6] & 0x60) << 7;
     }
     if (header.size() < 10)
         return;
@@ -134,8 +135,10 @@ void VideoTrack::takeGop(std::span<unsigned char> header) {
 
 // 6.2.3
 void VideoTrack::takePicture(std::span<unsigned char> header) {
-    if (m_pictureType != 0)
-        settlePicture(3); // MPEG-1: no coding extension
+    if (m_pictureType != 0) { // MPEG-1: no extensions, and frames only
+        settlePicture(3);
+        m_format.interlaced = m_format.interlaced.value_or(false);
+    }
     constexpr char TYPES[] = {0, 'I', 'P', 'B', 'I'};
     const int type = header[5] >> 3 & 7;
     m_pictureType = type >= 1 && type <= 4 ? TYPES[type] : 0;
