@@ -1,6 +1,7 @@
 // The turns of the 33-bit clock of PTS and DTS (ISO/IEC 13818-1, 2.4.3.7).
 #pragma once
 
+#include "capture/ClockTurn.h"
 #include "mpeg/pts.h"
 
 #include <cmath>
@@ -8,8 +9,7 @@
 
 namespace kestrel::flowscope {
 
-// One turn, in the units of PTS.
-inline constexpr std::int64_t clockTurn = (std::int64_t{1} << 33) * 4;
+using capture::clockTurn;
 
 // The time nearest to `near` that the clock shows as `raw`; `raw` itself where either is absent.
 inline PTS unwrapped(PTS raw, PTS near) {
