@@ -344,7 +344,10 @@ TEST_F(FlowScope, DamageAtTheBeginningIsAFindingAndNoRefusal) {
 }
 
 TEST_F(FlowScope, TheReportTellsHowThePictureIsCoded) {
-    for (const auto& [stream, interlaced] : {std::pair("m2_sd_25", "false"), {"m2_sd_25_fields", "true"}}) {
+    for (const auto& [stream, interlaced] : {std::pair("m2_sd_25", "false"),
+                                             {"m2_sd_25_fields", "true"},
+                                             {"h264_main", "false"},
+                                             {"h264_fields", "true"}}) {
         ASSERT_EQ(run(streamFile(stream), {"-report_name", "r.xml"}), 0) << errors();
         EXPECT_THAT(report("r.xml"), HasSubstr(std::string("<Interlaced value=\"") + interlaced));
     }
@@ -538,7 +541,7 @@ TEST_F(FlowScope, EveryFiveSecondsItSaysThatItLivesAndHowFarItIs) {
 
 TEST_F(FlowScope, SignalsEndItWithoutAReport) {
     const std::string file = endless(directory);
-    for (const int signal : {SIGTERM, SIGINT}) {
+    for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
         ServiceQueues queues;
         start(file, {"-out_queue_name", queues.updateName()});
         ASSERT_TRUE(queues.receive(std::chrono::seconds(30))) << "it reads";

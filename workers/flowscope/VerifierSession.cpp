@@ -65,6 +65,9 @@ VerifierSession::VerifierSession(Options options)
 int VerifierSession::run() {
     std::signal(SIGTERM, askForEnd);
     std::signal(SIGINT, askForEnd);
+    // Unless it is to outlive its terminal.
+    if (std::signal(SIGHUP, askForEnd) == SIG_IGN)
+        std::signal(SIGHUP, SIG_IGN);
     m_link.connect(m_options.outQueue, m_options.inQueue);
     m_link.sendHeartbeat();
     Analysis analysis(m_options.durationSeconds);
