@@ -3,6 +3,7 @@
 #include "capture/worker_process.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 using namespace kestrel::capture;
 using namespace capture_test;
@@ -65,7 +66,8 @@ TEST(ServiceLink, DoesWithoutQueuesThatAreNotThereOrGoAway) {
     link.sendResults("text");
     EXPECT_LT(Clock::now() - begin, std::chrono::seconds(1)) << "nobody to wait for";
     EXPECT_EQ(log.count("Warning] Queue " + name +
-                        " has been removed: this process goes on, end it with SIGTERM\r\n"),
+                        " has been removed: this process goes on; to end it: kill -TERM " +
+                        std::to_string(getpid()) + "\r\n"),
               1)
         << log.text();
     EXPECT_EQ(log.count("does not hear of the end"), 0) << "it was told";
@@ -78,7 +80,9 @@ TEST(ServiceLink, ARemovalThatResultsFoundIsToldByTheNextHeartbeat) {
     link.sendResults("Encoder 1: of one of two");
     EXPECT_EQ(log.count("has been removed"), 0);
     link.sendHeartbeat();
-    EXPECT_EQ(log.count(" has been removed: this process goes on, end it with SIGTERM\r\n"), 1);
+    EXPECT_EQ(log.count(" has been removed: this process goes on; to end it: kill -TERM " +
+                        std::to_string(getpid()) + "\r\n"),
+              1);
     link.sendExit();
     EXPECT_EQ(log.count("has been removed"), 1) << log.text();
 }

@@ -14,6 +14,7 @@
 #include <poll.h>
 #include <span>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <utility>
 
 namespace kestrel::capture {
@@ -98,7 +99,7 @@ bool ServiceLink::trySend(AppMsgType type, const void* payload, int size) {
 
 void ServiceLink::sendHeartbeat() {
     noticeRemoval();
-    tellOfRemoval("this process goes on, end it with SIGTERM");
+    tellOfRemoval("this process goes on; to end it: kill -TERM " + std::to_string(getpid()));
     const bool sent = trySend(STATUS_MSG, nullptr, 0);
     if (!sent && !m_fullLogged)
         LogUtil::Warning(m_module, "The service does not read queue %s: status is dropped",
