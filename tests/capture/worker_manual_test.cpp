@@ -35,7 +35,9 @@ TEST(ManualCapture, RunByHandASignalEndsItInOrder) {
         Worker worker;
         worker.useQueues = false;
         const int port = worker.addEncoder();
+        const auto former = std::signal(SIGHUP, SIG_DFL); // which may be ignored here
         worker.start();
+        std::signal(SIGHUP, former);
         worker.waitForLog(ready);
         Sender("127.0.0.1", port).send(StreamBuilder().frames(60));
         worker.waitForLog("recording into");

@@ -22,9 +22,9 @@ public:
     explicit SessionControl(Options options, Maker maker = &makeSession);
     ~SessionControl();
 
-    // Runs the job to its end and keeps the service informed. Blocks SIGTERM and SIGINT, which then act as
-    // the cancel message. Whatever happens on the way, be it that the command line is wrong, the service gets
-    // a results text and the exit message. Returns the exit code.
+    // Runs the job to its end and keeps the service informed. Blocks SIGTERM, SIGINT and, unless it is
+    // ignored, SIGHUP, which then act as the cancel message. Whatever happens on the way, be it that the
+    // command line is wrong, the service gets a results text and the exit message. Returns the exit code.
     int run() noexcept;
 
 private:
