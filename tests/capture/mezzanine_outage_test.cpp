@@ -347,15 +347,16 @@ INSTANTIATE_TEST_SUITE_P(Frames, MezzanineUpToAnOutage, testing::Values(1, 4, 7,
 // An encoder that has a timecode only once counts on from it for a day: each frame is looked at once.
 TEST(MarkedRange, KnowsAtOnceWhatIsDoubtedOfADay) {
     constexpr std::int64_t day = 24 * 3600 * 25;
-    MarkedRange range("00:00:00:00", "23:59:59:24", false, {true});
+    MarkedRange range("00:00:00:00", "23:59:59:24", false, {false, true});
     ASSERT_FALSE(range.settle({3, false}));
     range.begin(0, 0);
+    range.note(0, 0);
     range.doubt(day);
-    EXPECT_EQ(range.doubted(), day - 1);
+    EXPECT_EQ(range.doubted(), day - 2);
     EXPECT_EQ(range.absent(), 0);
     range.doubt(12);
     EXPECT_EQ(range.doubted(), 12);
-    EXPECT_EQ(range.absent(), day - 13);
+    EXPECT_EQ(range.absent(), day - 14);
 }
 
 // Where the source was cut among B pictures a frame may stand alone between labels of none.

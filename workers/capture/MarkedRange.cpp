@@ -117,17 +117,17 @@ void MarkedRange::dropByClock() {
     m_byClock = {};
 }
 
-bool MarkedRange::between(std::int64_t position) const {
+bool MarkedRange::holds(const std::vector<bool>& labels, std::int64_t position) {
     const auto at = static_cast<std::size_t>(position);
-    return (at < m_taken.between.size() && m_taken.between[at]) ||
-           (at < m_byClock.between.size() && m_byClock.between[at]);
+    return position >= 0 && at < labels.size() && labels[at];
+}
+
+bool MarkedRange::between(std::int64_t position) const {
+    return holds(m_taken.between, position) || holds(m_byClock.between, position);
 }
 
 bool MarkedRange::lacks(std::int64_t position) const {
-    const auto at = static_cast<std::size_t>(position);
-    if (position < 0)
-        return position == -m_lackingBefore;
-    return at < m_lacking.size() && m_lacking[at];
+    return position < 0 ? position == -m_lackingBefore : holds(m_lacking, position);
 }
 
 // What is lost on the way takes its time: a timecode that is ahead of that went over labels of no frame.
@@ -141,43 +141,32 @@ std::int64_t MarkedRange::timecode(std::int64_t group, std::int64_t shown, std::
     return (ahead + (ahead < 0 ? -period : period) / 2) / period;
 }
 
-// Labels that frames of one group may have come without: those behind a label of no frame, as many as the
-// group can have had frames. It begins at `from`; what comes at `until` has been labelled anew.
-MarkedRange::Doubted MarkedRange::doubted(std::optional<std::int64_t> from, std::int64_t until) const {
-    const bool before = m_lackingBefore > 0 && (!from || *from <= -m_lackingBefore);
-    // Behind a label before mark-in not all frames of the group are known: one at least was before it.
-    std::int64_t frames = before || !from ? 1 : 0;
-    std::int64_t at = before ? -m_lackingBefore : from.value_or(0);
-    std::optional<std::int64_t> begin;
-    for (; at < std::min(until, m_length) && (frames <= m_doubt || lacks(at)); ++at)
-        if (lacks(at))
-            begin = begin.value_or(at);
-        else if (begin || from)
-            ++frames;
-    return {begin.value_or(at), at};
-}
-
-std::vector<MarkedRange::Doubted> MarkedRange::doubtedLabels() const {
-    std::vector<Doubted> all;
+// By position: labels whose frames may have come with others. In each group that may have been counted on
+// wrongly these are all behind its first label of no frame, for as many frames as the group can have had.
+std::vector<bool> MarkedRange::doubts() const {
+    std::vector<bool> doubts(static_cast<std::size_t>(m_length));
+    // One that stands alone between such as no frame has is not told from one that stands for a timecode that
+    // the encoder has made up: nothing goes on from it.
+    for (std::int64_t at = 0; at < m_length; ++at)
+        doubts[static_cast<std::size_t>(at)] = lacks(at - 1) && lacks(at + 1);
     if (m_doubt == 0)
-        return all;
-    for (const Moved& moved : m_moved)
-        all.push_back(doubted(moved.from, moved.to));
-    all.push_back(doubted(m_timecode ? std::optional(m_timecode->position) : std::nullopt, m_length));
-    return all;
-}
-
-// One that stands alone between such as no frame has is not told from one that stands for a timecode that
-// the encoder has made up: nothing goes on from it.
-bool MarkedRange::alone(std::int64_t position) const {
-    return lacks(position - 1) && lacks(position + 1);
-}
-
-bool MarkedRange::doubtful(std::int64_t position) const {
-    const std::vector<Doubted> all = doubtedLabels();
-    return alone(position) || std::any_of(all.begin(), all.end(), [position](const Doubted& labels) {
-               return position >= labels.begin && position < labels.end;
-           });
+        return doubts;
+    std::vector<Moved> groups = m_moved;
+    groups.push_back({m_timecode ? m_timecode->position : m_first, m_length});
+    for (const auto& [from, to] : groups) {
+        // Behind a label before mark-in not all frames of the group are known: one at least was before it.
+        const bool before = m_lackingBefore > 0 && from <= -m_lackingBefore;
+        std::int64_t frames = before ? 1 : 0;
+        bool behind = false;
+        for (std::int64_t at = before ? -m_lackingBefore : from;
+             at < std::min(to, m_length) && (frames <= m_doubt || lacks(at)); ++at) {
+            behind = behind || lacks(at);
+            frames += lacks(at) ? 0 : 1;
+            if (behind && at >= 0)
+                doubts[static_cast<std::size_t>(at)] = true;
+        }
+    }
+    return doubts;
 }
 
 bool MarkedRange::complete() const {
@@ -197,16 +186,12 @@ std::int64_t MarkedRange::missing() const {
     return left;
 }
 
-std::int64_t MarkedRange::without(bool doubtful) const {
-    std::vector<bool> doubts(static_cast<std::size_t>(m_length));
-    for (const Doubted& labels : doubtedLabels())
-        for (std::int64_t at = std::max<std::int64_t>(labels.begin, 0); at < labels.end; ++at)
-            doubts[static_cast<std::size_t>(at)] = true;
-    std::int64_t without = 0;
+std::int64_t MarkedRange::unseenFrames(bool doubted) const {
+    const std::vector<bool> doubts = this->doubts();
+    std::int64_t unseen = 0;
     for (std::int64_t at = 0; at < m_length; ++at)
-        if (!between(at) && !lacks(at))
-            without += (doubts[static_cast<std::size_t>(at)] || alone(at)) == doubtful ? 1 : 0;
-    return without;
+        unseen += !between(at) && !lacks(at) && holds(doubts, at) == doubted ? 1 : 0;
+    return unseen;
 }
 
 std::int64_t MarkedRange::unseen(std::int64_t labels) const {
@@ -222,13 +207,14 @@ std::string MarkedRange::describe(LabelOrigin origin, bool ended) const {
     const bool over = m_lackingBefore > 0 && m_first < -m_lackingBefore;
     if (m_first < 0 && !over)
         text += ", " + frameCount(-m_first) + " before mark-in";
-    if (!between(0) && !doubtful(0))
+    const std::vector<bool> doubts = this->doubts();
+    if (!between(0) && !holds(doubts, 0))
         text += ", the frame at mark-in is missing";
     if (m_first + m_leading > 0)
         text += ", the first " + frameCount(m_first + m_leading) + " from mark-in need the GOP before";
     if (m_beyond > 0)
         text += ", " + frameCount(m_beyond) + " beyond mark-out";
-    if (ended && missing() != 0 && !doubtful(m_length - 1))
+    if (ended && missing() != 0 && !holds(doubts, m_length - 1))
         text += ", the frame at mark-out is missing";
     const auto& clocked = m_byClock.between;
     if (const auto until = std::find(clocked.rbegin(), clocked.rend(), true); until != clocked.rend())

@@ -49,8 +49,8 @@ public:
     void note(std::int64_t first, std::int64_t last);
     // Frames were taken that have these labels by the time at which they are shown; they carry none.
     void noteByClock(std::int64_t first, std::int64_t last);
-    // So many frames behind one with a timecode may have labels that were merely counted on. Over one that
-    // no frame has these are wrong, but for those that the next timecode shows to be right.
+    // So many frames behind one with a timecode may have labels that were merely counted on. Behind a label
+    // of no frame these are in doubt, but for those that the next timecode shows to be right.
     void doubt(std::int64_t frames) noexcept { m_doubt = frames; }
     // A timecode came for a group of pictures that begins with this label, and is shown then (PTS units).
     // By how many labels it is ahead of what was counted on from the one before.
@@ -59,8 +59,8 @@ public:
     [[nodiscard]] bool timecodeBefore() const { return m_timecode && m_timecode->position < 0; }
     // Those frames do not count after all: the source's carry labels.
     void dropByClock();
-    // Whether the frame at mark-in may have come with such a label.
-    [[nodiscard]] bool inDoubted() const { return doubtful(0); }
+    // Whether the frame at mark-in may have come with another label.
+    [[nodiscard]] bool inDoubted() const { return holds(doubts(), 0); }
     // Position of the highest label taken.
     [[nodiscard]] std::int64_t highest() const noexcept { return m_highest; }
     // All frames up to mark-out have come.
@@ -68,9 +68,9 @@ public:
     // Frames that are missing just before mark-out; 0 when its own has come.
     [[nodiscard]] std::int64_t missing() const;
     // Frames from mark-in to mark-out that are missing for certain, wherever.
-    [[nodiscard]] std::int64_t absent() const { return without(false); }
-    // Those that were not seen, but may be there.
-    [[nodiscard]] std::int64_t doubted() const { return without(true); }
+    [[nodiscard]] std::int64_t absent() const { return unseenFrames(false); }
+    // Those that were not seen, but may have come with another label.
+    [[nodiscard]] std::int64_t doubted() const { return unseenFrames(true); }
     // Labels among the first so many from mark-in on that were not seen.
     [[nodiscard]] std::int64_t unseen(std::int64_t labels) const;
     // The label at a position.
@@ -90,9 +90,6 @@ private:
     struct Moved {
         std::int64_t from, to;
     };
-    struct Doubted {
-        std::int64_t begin, end;
-    };
     struct Taken {
         void note(std::int64_t position, std::int64_t length);
         std::bitset<lastLabels> last; // by the distance to mark-out
@@ -101,13 +98,11 @@ private:
     [[nodiscard]] std::bitset<lastLabels> last() const {
         return m_taken.last | m_byClock.last | m_lackingLast;
     }
+    [[nodiscard]] static bool holds(const std::vector<bool>& labels, std::int64_t position);
     [[nodiscard]] bool between(std::int64_t position) const;
     [[nodiscard]] bool lacks(std::int64_t position) const;
-    [[nodiscard]] bool doubtful(std::int64_t position) const;
-    [[nodiscard]] Doubted doubted(std::optional<std::int64_t> from, std::int64_t until) const;
-    [[nodiscard]] std::vector<Doubted> doubtedLabels() const;
-    [[nodiscard]] bool alone(std::int64_t position) const;
-    [[nodiscard]] std::int64_t without(bool doubtful) const;
+    [[nodiscard]] std::vector<bool> doubts() const;
+    [[nodiscard]] std::int64_t unseenFrames(bool doubted) const;
 
     std::string m_inText, m_outText;
     bool m_pairs;

@@ -61,8 +61,8 @@ void Recording::openGroup(const VideoUnit& unit) {
     // The frame at mark-in was lost on the way, or had a label that was counted on: its group is the one that
     // has just ended.
     const bool near = static_cast<double>(position - m_range.highest()) <= lost;
-    const bool ended = position > 0 && (near || m_range.inDoubted());
-    if (m_groupHeld && (ended || (m_groupByClock && m_range.position(*m_label) > 0)))
+    const bool byClock = m_groupByClock && m_range.position(*m_label) > 0;
+    if (m_groupHeld && (byClock || (position > 0 && (near || m_range.inDoubted()))))
         return startRecording();
     const auto aSecond = static_cast<std::int64_t>(m_labels.rule().framesPerSecond()) + 1;
     const std::int64_t length = m_groupLabel ? m_labels.rule().distance(*m_groupLabel, group) : 0;
