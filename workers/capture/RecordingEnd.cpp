@@ -265,24 +265,23 @@ void Recording::finishComplete(const std::string& besides) {
         return finish(false, format("Error: %" PRIu64 " of %" PRIu64 " frames came back%s. ", returned,
                                     expected, m_played.othersMayBe(m_file.frames()) ? " for certain" : "") +
                                  recorded() + besides);
-    if (m_plan.mode == CaptureMode::marks) {
-        const LabelRule& rule = m_rule;
-        const bool over = countLeavesOut();
-        if (const auto missed = over ? missedByCount() : std::nullopt)
+    if (countLeavesOut()) {
+        if (const auto missed = missedByCount())
             return fail(*missed);
-        const bool each = m_plan.labelsKnown && !over;
-        const std::int64_t absent = over ? 0 : each ? m_range.absent() : m_range.missing();
+        m_unknown = true;
+    } else if (m_plan.mode == CaptureMode::marks) {
+        const bool each = m_plan.played && m_plan.labelsKnown;
+        const std::int64_t absent = each ? m_range.absent() : m_range.missing();
         if (m_plan.played && absent > 0)
             return fail(detailed(failure(error::captureDiscontinuity),
                                  counted(static_cast<std::uint64_t>(absent), "frame") +
                                      " between the marks did not come back"));
+        // Where each is looked for, those that are missing here may have come with other labels.
         const std::int64_t missing = m_range.length() - 1 - m_range.highest();
-        // Where it is known which frames there are, none is missing here, but for such as may have come.
-        const bool open = !over && !(m_plan.played && each);
-        if (open && static_cast<double>(missing) > lostSeconds * rule.framesPerSecond())
+        if (!each && static_cast<double>(missing) > lostSeconds * m_rule.framesPerSecond())
             return fail(detailed(failure(error::captureDiscontinuity),
                                  "the timecode goes past mark-out, to " +
-                                     rule.text(m_label.value_or(m_range.out()))));
+                                     m_rule.text(m_label.value_or(m_range.out()))));
         m_unknown = m_plan.played && (!each || m_range.doubted() > 0);
     }
     finish(true, recorded() + besides);
@@ -298,12 +297,12 @@ MaybeFailure Recording::missedByCount() const {
     const std::int64_t absent = m_range.unseen(frames);
     if (absent == 0)
         return std::nullopt;
-    // A leap before mark-in moves the count, and a gap may be one that an encoder made of the leap.
-    const std::int64_t seen = m_range.length() - m_range.unseen(m_range.length());
+    // Where a frame came behind these the gap may be one that an encoder made of the leap, and a leap before
+    // mark-in moves the count.
     std::int64_t leapt = 0;
     for (const SourceLeap& leap : m_plan.sourceLeaps)
         leapt += labelsOf(leap);
-    const bool certain = frames - seen >= absent && leapt <= without;
+    const bool certain = m_range.highest() < frames && leapt <= without;
     return detailed(failure(error::captureDiscontinuity),
                     counted(static_cast<std::uint64_t>(absent), "frame") + " between the marks " +
                         (certain ? "did not come back" : "may be missing"));
