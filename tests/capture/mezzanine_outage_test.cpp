@@ -168,6 +168,25 @@ TEST_F(MezzanineBehindAnOutage, DoesNotMissFramesWhoseLabelsWereCountedOn) {
                 }
 }
 
+// The last GOP that came had ended before the outage.
+TEST_F(MezzanineBehindAnOutage, MissesWholeGopsThatAreLost) {
+    for (const int lacks : {3, 20, 75, 1000})
+        for (const int to : {36, 48}) {
+            SCOPED_TRACE(std::to_string(lacks) + " to " + std::to_string(to));
+            Recording r = recording(marks(lacks, 3));
+            beginSilent(r, "10:00:00:00");
+            std::vector<CodedFrame> sent = frames(lacks, {});
+            sent.erase(sent.begin() + 24, sent.begin() + to);
+            feed(r, sent);
+            r.sourceEnded(m_now);
+            pass(r, 6s);
+            expectFailed(r, "Error: ");
+            EXPECT_THAT(r.status().text, HasSubstr("(" + std::to_string(to - 33) +
+                                                   " frames between the marks did not come back)"));
+            EXPECT_THAT(r.status().text, HasSubstr("the frame at mark-in is missing"));
+        }
+}
+
 // Each picture has a label of its own.
 TEST_F(MezzanineBehindAnOutage, MissesThemWhereNoneWasCountedOn) {
     for (const int lost : {-1, 30, 33}) {

@@ -137,8 +137,9 @@ std::int64_t MarkedRange::timecode(std::int64_t group, std::int64_t shown, std::
     const std::int64_t ahead = (now.position - before.position) * period - (now.shown - before.shown);
     if (2 * std::llabs(ahead) <= period) // that is how times of no whole frames are rounded
         return 0;
-    m_moved.push_back({before.position, now.position});
-    return (ahead + (ahead < 0 ? -period : period) / 2) / period;
+    const std::int64_t over = (ahead + (ahead < 0 ? -period : period) / 2) / period;
+    m_moved.push_back({before.position, now.position, over});
+    return over;
 }
 
 // By position: labels whose frames may have come with others. In each group that may have been counted on
@@ -152,14 +153,17 @@ std::vector<bool> MarkedRange::doubts() const {
     if (m_doubt == 0)
         return doubts;
     std::vector<Moved> groups = m_moved;
-    groups.push_back({m_timecode ? m_timecode->position : m_first, m_length});
-    for (const auto& [from, to] : groups) {
-        // Behind a label before mark-in not all frames of the group are known: one at least was before it.
+    // How far the next timecode is ahead of the last is not known.
+    const std::int64_t last = m_timecode ? m_timecode->position : m_first;
+    groups.push_back({last, m_length, m_length - last});
+    for (const auto& [from, to, over] : groups) {
+        // Of the labels of no frame before mark-in only the last is known: up to that the group has had so
+        // many frames at least.
         const bool before = m_lackingBefore > 0 && from <= -m_lackingBefore;
-        std::int64_t frames = before ? 1 : 0;
+        std::int64_t at = before ? -m_lackingBefore : from;
+        std::int64_t frames = before ? std::max<std::int64_t>(at - from + 1 - over, 1) : 0;
         bool behind = false;
-        for (std::int64_t at = before ? -m_lackingBefore : from;
-             at < std::min(to, m_length) && (frames <= m_doubt || lacks(at)); ++at) {
+        for (; at < std::min(to, m_length) && (frames <= m_doubt || lacks(at)); ++at) {
             behind = behind || lacks(at);
             frames += lacks(at) ? 0 : 1;
             if (behind && at >= 0)

@@ -86,9 +86,9 @@ private:
     struct Timecode {
         std::int64_t position, shown;
     };
-    // From the group of one timecode to that of the next, which is not what was counted on from it.
+    // From the group of one timecode to that of the next, which is so many labels ahead of the count.
     struct Moved {
-        std::int64_t from, to;
+        std::int64_t from, to, over;
     };
     struct Taken {
         void note(std::int64_t position, std::int64_t length);

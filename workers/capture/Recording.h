@@ -142,8 +142,8 @@ private:
     [[nodiscard]] MaybeFailure missedByCount() const;
     [[nodiscard]] std::string describeUnknown() const;
     [[nodiscard]] std::string describePlayed() const;
-    void noteTimecode(const VideoUnit& unit);
-    void openGroup(const VideoUnit& unit);
+    std::int64_t noteTimecode(const VideoUnit& unit);
+    void openGroup(const VideoUnit& unit, std::int64_t over);
     void holdGroup(const VideoUnit& unit, std::int64_t group, std::int64_t leading);
     [[nodiscard]] MaybeFailure openGroupByClock(const VideoUnit& unit);
     [[nodiscard]] std::int64_t labelByClock() const;

@@ -24,9 +24,9 @@ void Recording::settleMarks(const VideoUnit& unit) {
     if (unit.known && labelCounts()) {
         if (auto failed = m_range.settle(m_labels.rule()))
             return fail(*failed);
-        noteTimecode(unit);
+        const std::int64_t over = noteTimecode(unit);
         if (unit.randomAccess)
-            openGroup(unit);
+            openGroup(unit, over);
         noteLabels(unit);
         if (m_groupHeld && m_range.position(*m_label) >= 0)
             return startRecording();
@@ -42,25 +42,28 @@ void Recording::settleMarks(const VideoUnit& unit) {
 
 // Of the source's. Labels of no frame take no time: those that a timecode goes over on the way to mark-in are
 // no part of it.
-void Recording::noteTimecode(const VideoUnit& unit) {
+std::int64_t Recording::noteTimecode(const VideoUnit& unit) {
     const std::int64_t period = m_clock.period();
     const bool sources = byStreamLabels() && (labelCounts() || m_played.owns(frame()));
     if (!unit.gopTimecode || !sources || !m_label || period == 0)
-        return;
+        return 0;
     const bool before = m_range.timecodeBefore();
     const std::int64_t group = m_labels.groupLabel();
     const std::int64_t shown = m_labels.shown() - m_labels.rule().distance(group, *m_label) * period;
     const std::int64_t over = m_range.timecode(group, shown, period);
     m_leadIn -= before ? over : 0;
+    return over;
 }
 
-void Recording::openGroup(const VideoUnit& unit) {
+// over: by so many labels its timecode is ahead of what was counted.
+void Recording::openGroup(const VideoUnit& unit, std::int64_t over) {
     const std::int64_t group = m_labels.groupLabel();
     const std::int64_t position = m_range.position(group);
     const double lost = lostSeconds * m_labels.rule().framesPerSecond();
     // The frame at mark-in was lost on the way, or had a label that was counted on: its group is the one that
-    // has just ended.
-    const bool near = static_cast<double>(position - m_range.highest()) <= lost;
+    // has just ended. Labels of no frame are not lost.
+    const std::int64_t jump = position - m_range.highest() - std::max<std::int64_t>(over, 0);
+    const bool near = static_cast<double>(jump) <= lost;
     const bool byClock = m_groupByClock && m_range.position(*m_label) > 0;
     if (m_groupHeld && (byClock || (position > 0 && (near || m_range.inDoubted()))))
         return startRecording();
