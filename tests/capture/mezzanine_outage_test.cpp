@@ -363,6 +363,23 @@ TEST_P(MezzanineUpToAnOutage, DoesNotMissAMarkOutBehindIt) {
 
 INSTANTIATE_TEST_SUITE_P(Frames, MezzanineUpToAnOutage, testing::Values(1, 4, 7, 11, 18));
 
+// A timecode that is behind what was counted went over no label: the film goes on as it was.
+TEST(MarkedRange, DoubtsNothingForATimecodeThatGoesBack) {
+    constexpr std::int64_t period = 3600;
+    for (const int ahead : {5, -5}) {
+        SCOPED_TRACE(ahead);
+        MarkedRange range("00:00:00:00", "00:00:09:24", false, {false, false, false, true});
+        ASSERT_FALSE(range.settle({3, false}));
+        range.begin(0, 0);
+        range.doubt(11);
+        EXPECT_EQ(range.timecode(0, 0, period), 0);
+        EXPECT_EQ(range.timecode(12, (12 - ahead) * period, period), ahead);
+        range.note(12, 249);
+        EXPECT_EQ(range.doubted(), ahead > 0 ? 8 : 0);
+        EXPECT_EQ(range.absent(), ahead > 0 ? 3 : 11);
+    }
+}
+
 // An encoder that has a timecode only once counts on from it for a day: each frame is looked at once.
 TEST(MarkedRange, KnowsAtOnceWhatIsDoubtedOfADay) {
     constexpr std::int64_t day = 24 * 3600 * 25;

@@ -130,7 +130,9 @@ bool MarkedRange::lacks(std::int64_t position) const {
     return position < 0 ? position == -m_lackingBefore : holds(m_lacking, position);
 }
 
-// What is lost on the way takes its time: a timecode that is ahead of that went over labels of no frame.
+// What is lost on the way takes its time: a timecode that is ahead of that went over labels of no frame. One
+// that is behind it went over none: more frames came than there are labels, as of a decoder that stops for a
+// while.
 std::int64_t MarkedRange::timecode(std::int64_t group, std::int64_t shown, std::int64_t period) {
     const Timecode now{position(group), shown};
     const Timecode before = std::exchange(m_timecode, now).value_or(now);
@@ -138,7 +140,8 @@ std::int64_t MarkedRange::timecode(std::int64_t group, std::int64_t shown, std::
     if (2 * std::llabs(ahead) <= period) // that is how times of no whole frames are rounded
         return 0;
     const std::int64_t over = (ahead + (ahead < 0 ? -period : period) / 2) / period;
-    m_moved.push_back({before.position, now.position, over});
+    if (over > 0)
+        m_moved.push_back({before.position, now.position, over});
     return over;
 }
 
