@@ -156,7 +156,9 @@ std::vector<bool> MarkedRange::doubts() const {
     if (m_doubt == 0)
         return doubts;
     std::vector<Moved> groups = m_moved;
-    // How far the next timecode is ahead of the last is not known.
+    // Nothing confirms what was counted on from the last one, though frames be labelled beyond mark-out: with
+    // the first of them the recording ends, before the next timecode, which may be any number of labels
+    // ahead.
     const std::int64_t last = m_timecode ? m_timecode->position : m_first;
     groups.push_back({last, m_length, m_length - last});
     for (const auto& [from, to, over] : groups) {
