@@ -243,6 +243,52 @@ TEST_F(MezzanineBehindAnOutage, MissesItsLastFramesWhenItIsCancelledBehindThem) 
         }
 }
 
+// Likewise over an outage between the marks, in a later GOP than mark-in's.
+TEST_F(MezzanineRecording, MissesItsLastFramesWhenItIsCancelledBehindThem) {
+    for (const int lacks : {3, 75, 1000}) {
+        SCOPED_TRACE(lacks);
+        const std::vector<std::string> labels = labelsFrom("10:00:01:05", lacks + 60);
+        RecordingPlan asked = marks();
+        asked.useStreamLabels = true;
+        asked.overwrite = true;
+        asked.markIn = "10:00:00:05";
+        asked.markOut = labels.back(); // the 90th frame
+        asked.labelsLacking.resize(static_cast<std::size_t>(25 + lacks));
+        std::fill(asked.labelsLacking.begin() + 25, asked.labelsLacking.end(), true);
+        asked.sourceLeaps = {{(lacks + 1) * PTS::units_per_second / 25, lacks * PTS::units_per_second / 25}};
+        Recording r = recording(asked);
+        beginSilent(r, "10:00:00:00");
+        LabelledStream stream({.gop = 12});
+        stream.switchAt(30, labels[static_cast<std::size_t>(lacks)]);
+        feed(r, stream, 70);
+        r.sourceEnded(m_now);
+        LabelledStream others({.timecode = "01:00:00:00"});
+        feed(r, others, 60);
+        ASSERT_EQ(r.state(), RecordingState::recording);
+        r.cancel(m_now);
+        expectFailed(r, "Error: ");
+        EXPECT_THAT(r.status().text, HasSubstr("(20 frames between the marks did not come back)"));
+    }
+}
+
+// Behind mark-out it takes nothing from the time of what is before.
+TEST_F(MezzanineRecording, MissesFramesBeforeAnOutageBehindMarkOut) {
+    RecordingPlan asked = marks();
+    asked.useStreamLabels = true;
+    asked.markIn = "10:00:00:05";
+    asked.markOut = "10:00:01:02"; // three before it
+    asked.sourceLeaps = {{1001 * PTS::units_per_second / 25, 1000 * PTS::units_per_second / 25}};
+    Recording r = recording(asked);
+    beginSilent(r, "10:00:00:00");
+    LabelledStream stream({.gop = 12});
+    stream.switchAt(30, labelsFrom("10:00:01:05", 1001).back());
+    std::vector<CodedFrame> frames = stream.frames(100);
+    frames.erase(frames.begin() + 26, frames.begin() + 36);
+    feed(r, frames);
+    expectFailed(r, "Error: ");
+    EXPECT_THAT(r.status().text, HasSubstr("(2 frames between the marks did not come back)"));
+}
+
 // A timecode that came behind the outage shows that those behind it were not counted on over that.
 TEST_F(MezzanineRecording, MissesFramesBehindATimecodeThatCameBehindAnOutage) {
     for (const int lost : {1, 7}) {

@@ -55,8 +55,6 @@ public:
     // A timecode came for a group of pictures that begins with this label, and is shown then (PTS units).
     // By how many labels it is ahead of what was counted on from the one before.
     std::int64_t timecode(std::int64_t group, std::int64_t shown, std::int64_t period);
-    // Whether the timecode that came last is that of a group before mark-in.
-    [[nodiscard]] bool timecodeBefore() const { return m_timecode && m_timecode->position < 0; }
     // Those frames do not count after all: the source's carry labels.
     void dropByClock();
     // Whether the frame at mark-in may have come with another label.

@@ -207,7 +207,7 @@ private:
     std::optional<std::int64_t> m_label;      // of the newest unit
     bool m_unitNoted = false;                 // that label is among those of the range
     std::optional<std::int64_t> m_groupLabel; // of the last random access point since it was armed
-    std::int64_t m_leadIn = 0;                // frames from the beginning to mark-in
+    std::int64_t m_leadIn = 0; // frames that take, with the range's length, the time up to mark-out
     bool m_passed = false;
     // Of a source that is played, whose labels have been recognised: while none has come with a random access
     // point, a group may be held by the time at which its pictures are shown.

@@ -40,18 +40,18 @@ void Recording::settleMarks(const VideoUnit& unit) {
         m_held.clear();
 }
 
-// Of the source's. Labels of no frame take no time: those that a timecode goes over on the way to mark-in are
-// no part of it.
+// Of the source's. How many labels it is ahead of what was counted: those of no frame take no time, so
+// m_leadIn, which with the length is the time up to mark-out, is without those that are on the way there.
 std::int64_t Recording::noteTimecode(const VideoUnit& unit) {
     const std::int64_t period = m_clock.period();
     const bool sources = byStreamLabels() && (labelCounts() || m_played.owns(frame()));
     if (!unit.gopTimecode || !sources || !m_label || period == 0)
         return 0;
-    const bool before = m_range.timecodeBefore();
     const std::int64_t group = m_labels.groupLabel();
     const std::int64_t shown = m_labels.shown() - m_labels.rule().distance(group, *m_label) * period;
     const std::int64_t over = m_range.timecode(group, shown, period);
-    m_leadIn -= before ? over : 0;
+    if (!m_range.beyond(group))
+        m_leadIn -= over;
     return over;
 }
 
