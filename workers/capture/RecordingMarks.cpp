@@ -45,7 +45,7 @@ void Recording::settleMarks(const VideoUnit& unit) {
 std::int64_t Recording::noteTimecode(const VideoUnit& unit) {
     const std::int64_t period = m_clock.period();
     const bool sources = byStreamLabels() && (labelCounts() || m_played.owns(frame()));
-    if (!unit.gopTimecode || !sources || !m_label || period == 0)
+    if (!unit.gopTimecode || !sources || period == 0)
         return 0;
     const std::int64_t group = m_labels.groupLabel();
     const std::int64_t shown = m_labels.shown() - m_labels.rule().distance(group, *m_label) * period;
