@@ -426,6 +426,33 @@ TEST(MarkedRange, DoubtsNothingForATimecodeThatGoesBack) {
     }
 }
 
+TEST(MarkedRange, CountsAllThatIsMissingBeforeMarkOut) {
+    std::vector<bool> lacking(980);
+    std::fill(lacking.begin() + 970, lacking.end(), true);
+    MarkedRange range("00:00:00:00", "00:00:39:24", false, lacking);
+    ASSERT_FALSE(range.settle({3, false}));
+    range.begin(-5, 0);
+    range.note(-5, 799);
+    EXPECT_EQ(range.missing(), 190);
+    EXPECT_FALSE(range.complete());
+    range.note(936, 969);
+    EXPECT_EQ(range.missing(), 20);
+    range.note(980, 999);
+    EXPECT_EQ(range.missing(), 0);
+    EXPECT_TRUE(range.complete());
+}
+
+// A frame before mark-in is none of them, however short they are.
+TEST(MarkedRange, IsCompleteWithoutWhatIsBeforeMarkIn) {
+    MarkedRange range("00:00:00:00", "00:00:00:24", false);
+    ASSERT_FALSE(range.settle({3, false}));
+    range.begin(-5, 0);
+    range.note(-3, 23);
+    EXPECT_FALSE(range.complete());
+    range.note(24, 24);
+    EXPECT_TRUE(range.complete());
+}
+
 // An encoder that has a timecode only once counts on from it for a day: each frame is looked at once.
 TEST(MarkedRange, KnowsAtOnceWhatIsDoubtedOfADay) {
     constexpr std::int64_t day = 24 * 3600 * 25;

@@ -72,6 +72,21 @@ TEST_F(MezzanineRecording, OfASourceThatLacksFramesBetweenTheMarksTellsThatOther
     }
 }
 
+// Those that are missing before mark-out are told all the same, however many.
+TEST_F(MezzanineRecording, OfASourceThatLacksFramesBetweenTheMarksCountsThoseThatAreMissingAtItsEnd) {
+    RecordingPlan asked = marks();
+    asked.markOut = "10:00:12:24";
+    asked.labelsKnown = false;
+    Recording r = recording(asked);
+    beginSilent(r, "10:00:00:00");
+    LabelledStream stream(idle());
+    feed(r, stream, 125);
+    r.sourceEnded(m_now);
+    pass(r, 6s);
+    expectFailed(r, "Error: ");
+    EXPECT_THAT(r.status().text, HasSubstr("(200 frames between the marks did not come back)"));
+}
+
 // The service keeps no more of it than 299 bytes, and of the second of two encoders 99.
 TEST_F(MezzanineRecording, TellsFirstWhatIsNotKnown) {
     RecordingPlan asked = marks();

@@ -53,9 +53,6 @@ MaybeFailure MarkedRange::settle(const LabelRule& rule) {
     m_in = *in;
     // A pair ends with its second frame.
     m_length = (*out - *in + rule.perDay()) % rule.perDay() + (m_pairs && rule.doubled() ? 2 : 1);
-    m_lackingLast.reset();
-    for (std::int64_t left = 0; left < std::min(lastLabels, m_length); ++left)
-        m_lackingLast[static_cast<std::size_t>(left)] = lacks(m_length - 1 - left);
     return std::nullopt;
 }
 
@@ -84,21 +81,20 @@ void MarkedRange::begin(std::int64_t group, std::int64_t leading) {
     m_leading = leading;
     m_beyond = 0;
     m_moved.clear();
-    m_taken = m_byClock = {};
+    m_taken.clear();
+    m_byClock.clear();
 }
 
-void MarkedRange::Taken::note(std::int64_t position, std::int64_t length) {
-    between.resize(static_cast<std::size_t>(std::max<std::int64_t>(length, 0)));
-    if (position >= 0 && position < length)
-        between[static_cast<std::size_t>(position)] = true;
-    if (const std::int64_t left = length - 1 - position; left >= 0 && left < lastLabels)
-        last.set(static_cast<std::size_t>(left));
+void MarkedRange::take(std::vector<bool>& taken, std::int64_t position) const {
+    taken.resize(static_cast<std::size_t>(m_length));
+    if (position >= 0 && position < m_length)
+        taken[static_cast<std::size_t>(position)] = true;
 }
 
 void MarkedRange::note(std::int64_t first, std::int64_t last) {
     for (std::int64_t label = first; label <= last; ++label) {
         const std::int64_t at = position(label);
-        m_taken.note(at, m_length);
+        take(m_taken, at);
         m_beyond += at >= m_length ? 1 : 0;
         m_highest = std::max(m_highest, at);
         m_first = std::min(m_first, at); // pictures of H.264 may be shown before the one decoding begins with
@@ -108,13 +104,13 @@ void MarkedRange::note(std::int64_t first, std::int64_t last) {
 void MarkedRange::noteByClock(std::int64_t first, std::int64_t last) {
     for (std::int64_t label = first; label <= last; ++label) {
         const std::int64_t at = position(label);
-        m_byClock.note(at, m_length);
+        take(m_byClock, at);
         m_highest = std::max(m_highest, at);
     }
 }
 
 void MarkedRange::dropByClock() {
-    m_byClock = {};
+    m_byClock.clear();
 }
 
 bool MarkedRange::holds(const std::vector<bool>& labels, std::int64_t position) {
@@ -122,8 +118,8 @@ bool MarkedRange::holds(const std::vector<bool>& labels, std::int64_t position) 
     return position >= 0 && at < labels.size() && labels[at];
 }
 
-bool MarkedRange::between(std::int64_t position) const {
-    return holds(m_taken.between, position) || holds(m_byClock.between, position);
+bool MarkedRange::came(std::int64_t position) const {
+    return holds(m_taken, position) || holds(m_byClock, position);
 }
 
 bool MarkedRange::lacks(std::int64_t position) const {
@@ -179,34 +175,34 @@ std::vector<bool> MarkedRange::doubts() const {
 }
 
 bool MarkedRange::complete() const {
-    const std::int64_t all = std::min(m_length - m_first, lastLabels);
-    const auto seen = last();
-    for (std::int64_t left = 0; left < all; ++left)
-        if (!seen[static_cast<std::size_t>(left)])
-            return false;
-    return all > 0;
+    constexpr std::int64_t last = 64;
+    std::int64_t at = std::max({m_first, m_length - last, std::int64_t{0}});
+    if (at >= m_length)
+        return false;
+    while (at < m_length && (came(at) || lacks(at)))
+        ++at;
+    return at == m_length;
 }
 
 std::int64_t MarkedRange::missing() const {
-    const auto seen = last();
-    std::int64_t left = 0;
-    while (left < lastLabels && !seen[static_cast<std::size_t>(left)])
-        ++left;
-    return left;
+    std::int64_t missing = 0;
+    for (std::int64_t at = m_length - 1; at >= 0 && !came(at); --at)
+        missing += lacks(at) ? 0 : 1;
+    return missing;
 }
 
 std::int64_t MarkedRange::unseenFrames(bool doubted) const {
     const std::vector<bool> doubts = this->doubts();
     std::int64_t unseen = 0;
     for (std::int64_t at = 0; at < m_length; ++at)
-        unseen += !between(at) && !lacks(at) && holds(doubts, at) == doubted ? 1 : 0;
+        unseen += !came(at) && !lacks(at) && holds(doubts, at) == doubted ? 1 : 0;
     return unseen;
 }
 
 std::int64_t MarkedRange::unseen(std::int64_t labels) const {
     std::int64_t unseen = 0;
     for (std::int64_t at = 0; at < std::min(labels, m_length); ++at)
-        unseen += between(at) ? 0 : 1;
+        unseen += came(at) ? 0 : 1;
     return unseen;
 }
 
@@ -217,7 +213,7 @@ std::string MarkedRange::describe(LabelOrigin origin, bool ended) const {
     if (m_first < 0 && !over)
         text += ", " + frameCount(-m_first) + " before mark-in";
     const std::vector<bool> doubts = this->doubts();
-    if (!between(0) && !holds(doubts, 0))
+    if (!came(0) && !holds(doubts, 0))
         text += ", the frame at mark-in is missing";
     if (m_first + m_leading > 0)
         text += ", the first " + frameCount(m_first + m_leading) + " from mark-in need the GOP before";
@@ -225,7 +221,7 @@ std::string MarkedRange::describe(LabelOrigin origin, bool ended) const {
         text += ", " + frameCount(m_beyond) + " beyond mark-out";
     if (ended && missing() != 0 && !holds(doubts, m_length - 1))
         text += ", the frame at mark-out is missing";
-    const auto& clocked = m_byClock.between;
+    const auto& clocked = m_byClock;
     if (const auto until = std::find(clocked.rbegin(), clocked.rend(), true); until != clocked.rend())
         text +=
             ", those before " + m_rule.text(m_in + std::distance(until, clocked.rend())) + " by the clock";

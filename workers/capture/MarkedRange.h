@@ -4,7 +4,6 @@
 #include "Failure.h"
 #include "FrameLabels.h"
 
-#include <bitset>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -61,7 +60,8 @@ public:
     [[nodiscard]] bool inDoubted() const { return holds(doubts(), 0); }
     // Position of the highest label taken.
     [[nodiscard]] std::int64_t highest() const noexcept { return m_highest; }
-    // All frames up to mark-out have come.
+    // The last frames up to mark-out have come, more of them than are coded in another order than they are
+    // shown.
     [[nodiscard]] bool complete() const;
     // Frames that are missing just before mark-out; 0 when its own has come.
     [[nodiscard]] std::int64_t missing() const;
@@ -79,8 +79,6 @@ public:
     [[nodiscard]] std::string describe(LabelOrigin origin, bool ended) const;
 
 private:
-    static constexpr std::int64_t lastLabels = 64;
-
     struct Timecode {
         std::int64_t position, shown;
     };
@@ -88,16 +86,9 @@ private:
     struct Moved {
         std::int64_t from, to, over;
     };
-    struct Taken {
-        void note(std::int64_t position, std::int64_t length);
-        std::bitset<lastLabels> last; // by the distance to mark-out
-        std::vector<bool> between;    // by position
-    };
-    [[nodiscard]] std::bitset<lastLabels> last() const {
-        return m_taken.last | m_byClock.last | m_lackingLast;
-    }
+    void take(std::vector<bool>& taken, std::int64_t position) const;
     [[nodiscard]] static bool holds(const std::vector<bool>& labels, std::int64_t position);
-    [[nodiscard]] bool between(std::int64_t position) const;
+    [[nodiscard]] bool came(std::int64_t position) const;
     [[nodiscard]] bool lacks(std::int64_t position) const;
     [[nodiscard]] std::vector<bool> doubts() const;
     [[nodiscard]] std::int64_t unseenFrames(bool doubted) const;
@@ -106,7 +97,6 @@ private:
     bool m_pairs;
     std::vector<bool> m_lacking;
     std::int64_t m_lackingBefore;
-    std::bitset<lastLabels> m_lackingLast; // by the distance to mark-out
     LabelRule m_rule;
     std::int64_t m_in = 0, m_length = 0;
 
@@ -116,7 +106,7 @@ private:
     std::int64_t m_doubt = 0;
     std::vector<Moved> m_moved;
     std::optional<Timecode> m_timecode; // the last
-    Taken m_taken, m_byClock;
+    std::vector<bool> m_taken, m_byClock;
 };
 
 } // namespace kestrel::capture
