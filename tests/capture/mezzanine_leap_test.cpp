@@ -23,10 +23,7 @@ TEST_F(MezzanineRecording, CountedOverALeapTellsThatTheMarksMayBeOff) {
                 asked.sourceLeaps = {{3 * PTS::units_per_second, 3 * PTS::units_per_second - 14400}};
             Recording r = recording(asked);
             LabelledStream stream(idle());
-            if (running)
-                beginRunning(r, stream, "10:00:00:00");
-            else
-                beginSilent(r, "10:00:00:00");
+            begin(r, stream, running);
             feed(r, stream, 120);
             expectRecorded(r);
             const auto told =
@@ -64,11 +61,9 @@ TEST_F(MezzanineRecording, CountedOverALeapMissesNoFramesOfItsTime) {
             asked.markOut = "10:00:04:24";
             asked.overwrite = true;
             asked.labelsKnown = known;
-            if (known) {
-                asked.labelsLacking.resize(5 + 75);
-                std::fill(asked.labelsLacking.begin() + 5, asked.labelsLacking.end(), true);
-            }
-            asked.sourceLeaps = {{76 * PTS::units_per_second / 25, 75 * PTS::units_per_second / 25}};
+            if (known)
+                lack(asked, 5, 75);
+            asked.sourceLeaps = {leapOver(75)};
             Recording r = recording(asked);
             LabelledStream stream(idle());
             beginSilent(r, "10:00:00:00");
@@ -89,9 +84,6 @@ TEST_F(MezzanineRecording, CountedOverALeapMissesNoFramesOfItsTime) {
 
 // No more than those: not such as a leap before mark-in takes, or one that is longer than there is room.
 TEST_F(MezzanineRecording, CountedOverALeapMissesWhatOtherLeapsDoNotLeaveOut) {
-    const auto leap = [](std::int64_t labels) {
-        return SourceLeap{(labels + 1) * PTS::units_per_second / 25, labels * PTS::units_per_second / 25};
-    };
     struct Case {
         std::vector<SourceLeap> leaps;
         std::size_t before;
@@ -101,13 +93,13 @@ TEST_F(MezzanineRecording, CountedOverALeapMissesWhatOtherLeapsDoNotLeaveOut) {
         std::string text;
     };
     const std::vector<Case> cases{
-        {{leap(7200 * 25)}, 1, true, 1, 30, "(220 frames between the marks did not come back)"},
-        {{leap(7200 * 25)}, 0, true, 1, 30, "(220 frames between the marks did not come back)"},
+        {{leapOver(7200 * 25)}, 1, true, 1, 30, "(220 frames between the marks did not come back)"},
+        {{leapOver(7200 * 25)}, 0, true, 1, 30, "(220 frames between the marks did not come back)"},
         // Of a film, whose labels lack all along.
-        {{leap(30)}, 1, true, 40, 206, "frames between the marks did not come back)"},
-        {{leap(7200 * 25)}, 0, false, 0, 30, " frames between the marks did not come back)"},
-        {{leap(99), leap(3)}, 1, true, 3, 151, "(97 frames between the marks may be missing)"},
-        {{leap(99), leap(3)}, 1, false, 0, 151, "(97 frames between the marks may be missing)"},
+        {{leapOver(30)}, 1, true, 40, 206, "(45 frames between the marks did not come back)"},
+        {{leapOver(7200 * 25)}, 0, false, 0, 30, "(221 frames between the marks did not come back)"},
+        {{leapOver(99), leapOver(3)}, 1, true, 3, 151, "(97 frames between the marks may be missing)"},
+        {{leapOver(99), leapOver(3)}, 1, false, 0, 151, "(97 frames between the marks may be missing)"},
     };
     for (const Case& one : cases) {
         SCOPED_TRACE(one.text);
@@ -115,9 +107,8 @@ TEST_F(MezzanineRecording, CountedOverALeapMissesWhatOtherLeapsDoNotLeaveOut) {
         asked.markOut = "10:00:10:00";
         asked.overwrite = true;
         asked.labelsKnown = one.known;
-        asked.labelsLacking.resize(static_cast<std::size_t>(one.lacks > 0 ? 5 + one.lacks : 0));
         if (one.lacks > 0)
-            std::fill(asked.labelsLacking.begin() + 5, asked.labelsLacking.end(), true);
+            lack(asked, 5, one.lacks);
         asked.sourceLeaps = one.leaps;
         asked.leapsBefore = one.before;
         Recording r = recording(asked);
@@ -137,9 +128,8 @@ TEST_F(MezzanineRecording, CountedOverALeapMissesFramesInTheMiddle) {
         RecordingPlan asked = marks();
         asked.markOut = "10:00:08:24"; // 125 frames
         asked.overwrite = true;
-        asked.labelsLacking.resize(35 + 75);
-        std::fill(asked.labelsLacking.begin() + 35, asked.labelsLacking.end(), true);
-        asked.sourceLeaps = {{76 * PTS::units_per_second / 25, 75 * PTS::units_per_second / 25}};
+        lack(asked, 35, 75);
+        asked.sourceLeaps = {leapOver(75)};
         Recording r = recording(asked);
         LabelledStream stream(idle());
         beginSilent(r, "10:00:00:00");
@@ -160,15 +150,11 @@ TEST_F(MezzanineRecording, CountedOverALongLeapEndsWhenAllMustHaveComeBack) {
         RecordingPlan asked = marks();
         asked.markOut = "12:00:02:09"; // the 36th frame
         asked.overwrite = true;
-        asked.labelsLacking.resize(20 + 7200 * 25);
-        std::fill(asked.labelsLacking.begin() + 20, asked.labelsLacking.end(), true);
-        asked.sourceLeaps = {{7200 * PTS::units_per_second, 7200 * PTS::units_per_second - 3600}};
+        lack(asked, 20, 7200 * 25);
+        asked.sourceLeaps = {leapOver(7200 * 25)};
         Recording r = recording(asked);
         LabelledStream stream(idle());
-        if (running)
-            beginRunning(r, stream, "10:00:00:00");
-        else
-            beginSilent(r, "10:00:00:00");
+        begin(r, stream, running);
         feed(r, stream, 75);
         r.sourceEnded(m_now);
         feed(r, stream, 4 * 25);

@@ -22,8 +22,7 @@ TEST_F(MezzanineRecording, OfASourceThatIsKnownToLackFramesHasAllOthers) {
             RecordingPlan asked = marks();
             asked.useStreamLabels = true;
             asked.overwrite = true;
-            asked.labelsLacking.resize(static_cast<std::size_t>(lacks) + 5);
-            std::fill(asked.labelsLacking.begin() + lacks, asked.labelsLacking.end(), true);
+            lack(asked, lacks, 5);
             const bool gone = lost >= lacks && lost < lacks + 5;
             Recording r = recording(asked);
             beginSilent(r, "10:00:00:00");
@@ -55,9 +54,8 @@ TEST_F(MezzanineRecording, OverAnOutageHasTheFramesOnBothItsSides) {
         asked.markOut = "10:00:04:24";
         asked.useStreamLabels = true;
         asked.overwrite = true;
-        asked.labelsLacking.resize(5 + 75);
-        std::fill(asked.labelsLacking.begin() + 5, asked.labelsLacking.end(), true);
-        asked.sourceLeaps = {{76 * PTS::units_per_second / 25, 75 * PTS::units_per_second / 25}};
+        lack(asked, 5, 75);
+        asked.sourceLeaps = {leapOver(75)};
         Recording r = recording(asked);
         beginSilent(r, "10:00:00:00");
         LabelledStream stream({.gop = 10, .avc = true});
@@ -89,10 +87,8 @@ TEST_F(MezzanineRecording, DoesNotMissFramesBehindAnOutageWhoseLabelsWereCounted
                 asked.markOut = "10:00:06:00";
                 asked.useStreamLabels = true;
                 asked.overwrite = true;
-                asked.labelsLacking.resize(static_cast<std::size_t>(10 + lacks));
-                std::fill(asked.labelsLacking.begin() + 10, asked.labelsLacking.end(), true);
-                asked.sourceLeaps = {
-                    {(lacks + 1) * PTS::units_per_second / 25, lacks * PTS::units_per_second / 25}};
+                lack(asked, 10, lacks);
+                asked.sourceLeaps = {leapOver(lacks)};
                 Recording r = recording(asked);
                 beginSilent(r, "10:00:00:00");
                 LabelledStream stream({.gop = 12, .avc = avc, .keysOnly = avc});
@@ -126,7 +122,7 @@ protected:
         asked.markIn = labels[static_cast<std::size_t>(lacks + behind)];
         asked.markOut = labels.back();
         asked.lackingBefore = behind + 1;
-        asked.sourceLeaps = {{(lacks + 1) * PTS::units_per_second / 25, lacks * PTS::units_per_second / 25}};
+        asked.sourceLeaps = {leapOver(lacks)};
         return asked;
     }
     std::vector<CodedFrame> frames(int lacks, LabelledShape shape) {
@@ -253,9 +249,8 @@ TEST_F(MezzanineRecording, MissesItsLastFramesWhenItIsCancelledBehindThem) {
         asked.overwrite = true;
         asked.markIn = "10:00:00:05";
         asked.markOut = labels.back(); // the 90th frame
-        asked.labelsLacking.resize(static_cast<std::size_t>(25 + lacks));
-        std::fill(asked.labelsLacking.begin() + 25, asked.labelsLacking.end(), true);
-        asked.sourceLeaps = {{(lacks + 1) * PTS::units_per_second / 25, lacks * PTS::units_per_second / 25}};
+        lack(asked, 25, lacks);
+        asked.sourceLeaps = {leapOver(lacks)};
         Recording r = recording(asked);
         beginSilent(r, "10:00:00:00");
         LabelledStream stream({.gop = 12});
@@ -277,7 +272,7 @@ TEST_F(MezzanineRecording, MissesFramesBeforeAnOutageBehindMarkOut) {
     asked.useStreamLabels = true;
     asked.markIn = "10:00:00:05";
     asked.markOut = "10:00:01:02"; // three before it
-    asked.sourceLeaps = {{1001 * PTS::units_per_second / 25, 1000 * PTS::units_per_second / 25}};
+    asked.sourceLeaps = {leapOver(1000)};
     Recording r = recording(asked);
     beginSilent(r, "10:00:00:00");
     LabelledStream stream({.gop = 12});
@@ -331,9 +326,7 @@ TEST_F(MezzanineRecording, MissesFramesOfAFilmThatAreLost) {
         asked.overwrite = true;
         asked.markIn = "10:00:02:00";
         asked.markOut = "10:00:08:00";
-        asked.labelsLacking.resize(149);
-        for (std::size_t at = 0; at < asked.labelsLacking.size(); ++at)
-            asked.labelsLacking[at] = at % 5 == 3;
+        lackAsAFilm(asked, 149);
         asked.lackingBefore = 2;
         Recording r = recording(asked);
         beginSilent(r, "10:00:00:00");
@@ -362,9 +355,7 @@ TEST_F(MezzanineRecording, MissesTheEndOfAFilm) {
     asked.useStreamLabels = true;
     asked.markIn = "10:00:02:00";
     asked.markOut = "10:00:08:00";
-    asked.labelsLacking.resize(149);
-    for (std::size_t at = 0; at < asked.labelsLacking.size(); ++at)
-        asked.labelsLacking[at] = at % 5 == 3;
+    lackAsAFilm(asked, 149);
     Recording r = recording(asked);
     beginSilent(r, "10:00:00:00");
     LabelledStream stream({.gop = 12});
@@ -375,8 +366,8 @@ TEST_F(MezzanineRecording, MissesTheEndOfAFilm) {
     EXPECT_THAT(r.status().text, HasSubstr("frames between the marks did not come back)"));
 }
 
-// Mark-out is in the GOP over the outage: its timecode goes from before it to behind it.
-// In the group that was open over the outage, and in the next, whose timecode the next but one confirms.
+// Mark-out is in the GOP that was open over the outage, whose timecode goes from before it to behind it, or
+// in the next, whose timecode the next but one confirms.
 class MezzanineUpToAnOutage : public MezzanineRecording, public testing::WithParamInterface<int> {};
 
 TEST_P(MezzanineUpToAnOutage, DoesNotMissAMarkOutBehindIt) {
@@ -388,9 +379,8 @@ TEST_P(MezzanineUpToAnOutage, DoesNotMissAMarkOutBehindIt) {
         asked.overwrite = true;
         asked.markIn = "10:00:00:15";
         asked.markOut = labels.back();
-        asked.labelsLacking.resize(static_cast<std::size_t>(15 + lacks));
-        std::fill(asked.labelsLacking.begin() + 15, asked.labelsLacking.end(), true);
-        asked.sourceLeaps = {{(lacks + 1) * PTS::units_per_second / 25, lacks * PTS::units_per_second / 25}};
+        lack(asked, 15, lacks);
+        asked.sourceLeaps = {leapOver(lacks)};
         Recording r = recording(asked);
         beginSilent(r, "10:00:00:00");
         LabelledStream stream({.gop = 12});
@@ -413,8 +403,7 @@ INSTANTIATE_TEST_SUITE_P(Frames, MezzanineUpToAnOutage, testing::Values(1, 4, 7,
 TEST_F(MezzanineRecording, DoesNotMissAFrameThatStandsAloneInAnOutage) {
     RecordingPlan asked = marks();
     asked.useStreamLabels = true;
-    asked.labelsLacking.resize(14);
-    std::fill(asked.labelsLacking.begin() + 8, asked.labelsLacking.end(), true);
+    lack(asked, 8, 6);
     asked.labelsLacking[10] = false;
     Recording r = recording(asked);
     beginSilent(r, "10:00:00:00");
