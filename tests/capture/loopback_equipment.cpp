@@ -179,6 +179,8 @@ void RunningEncoder::run() {
         if (labelled && (shown > 0 || coded.front().label == m_source.firstLabel) &&
             ++shown == m_source.frames)
             m_stream.jumpTo("20:00:00:00");
+        if (shown == 1 && !m_source.leapTo.empty())
+            m_stream.switchAt(frame + m_source.leapAt, m_source.leapTo);
         sendBurst(frame, coded.front().packets);
     }
 }

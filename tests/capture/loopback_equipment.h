@@ -64,6 +64,9 @@ public:
         int delay = 10; // frames from the decoder's input to the encoder's output
         int gop = 5;
         int burst = 1; // frames that it sends at once
+        // From that frame of the source on its timecodes go on from this one.
+        int leapAt = 0;
+        std::string leapTo = {};
         // What it sends behind the last frame of the source, or instead of it where the timecodes go on.
         enum class Behind { pictures, nulls, otherRate } behind = Behind::pictures;
         // Another encoder of that port returns what is played as it comes, so much later.
