@@ -16,7 +16,7 @@ TEST(MarkedRange, DoubtsNothingForATimecodeThatGoesBack) {
         MarkedRange range("00:00:00:00", "00:00:09:24", false, {false, false, false, true});
         ASSERT_FALSE(range.settle({3, false}));
         range.begin(0, 0);
-        range.doubt(11);
+        range.countsOn(11);
         EXPECT_EQ(range.timecode(0, 0, period), 0);
         EXPECT_EQ(range.timecode(12, (12 - ahead) * period, period), ahead);
         range.note(12, 249);
@@ -59,10 +59,10 @@ TEST(MarkedRange, KnowsAtOnceWhatIsDoubtedOfADay) {
     ASSERT_FALSE(range.settle({3, false}));
     range.begin(0, 0);
     range.note(0, 0);
-    range.doubt(day);
+    range.countsOn(day);
     EXPECT_EQ(range.doubted(), day - 2);
     EXPECT_EQ(range.absent(), 0);
-    range.doubt(12);
+    range.countsOn(12);
     EXPECT_EQ(range.doubted(), 12);
     EXPECT_EQ(range.absent(), day - 14);
 }

@@ -83,18 +83,27 @@ void MarkedRange::begin(std::int64_t group, std::int64_t leading) {
     m_moved.clear();
     m_taken.clear();
     m_byClock.clear();
+    m_kept.clear();
 }
 
-void MarkedRange::take(std::vector<bool>& taken, std::int64_t position) const {
-    taken.resize(static_cast<std::size_t>(m_length));
-    if (position >= 0 && position < m_length)
-        taken[static_cast<std::size_t>(position)] = true;
+void MarkedRange::take(std::int64_t position) {
+    if (position >= m_length)
+        return;
+    if (m_taken.empty())
+        m_takenFrom = position;
+    if (position < m_takenFrom) {
+        m_taken.insert(m_taken.begin(), static_cast<std::size_t>(m_takenFrom - position), false);
+        m_takenFrom = position;
+    }
+    const auto at = static_cast<std::size_t>(position - m_takenFrom);
+    m_taken.resize(std::max(m_taken.size(), at + 1));
+    m_taken[at] = true;
 }
 
 void MarkedRange::note(std::int64_t first, std::int64_t last) {
     for (std::int64_t label = first; label <= last; ++label) {
         const std::int64_t at = position(label);
-        take(m_taken, at);
+        take(at);
         m_beyond += at >= m_length ? 1 : 0;
         m_highest = std::max(m_highest, at);
         m_first = std::min(m_first, at); // pictures of H.264 may be shown before the one decoding begins with
@@ -104,7 +113,9 @@ void MarkedRange::note(std::int64_t first, std::int64_t last) {
 void MarkedRange::noteByClock(std::int64_t first, std::int64_t last) {
     for (std::int64_t label = first; label <= last; ++label) {
         const std::int64_t at = position(label);
-        take(m_byClock, at);
+        m_byClock.resize(static_cast<std::size_t>(m_length));
+        if (at >= 0 && at < m_length)
+            m_byClock[static_cast<std::size_t>(at)] = true;
         m_highest = std::max(m_highest, at);
     }
 }
@@ -119,7 +130,7 @@ bool MarkedRange::holds(const std::vector<bool>& labels, std::int64_t position) 
 }
 
 bool MarkedRange::came(std::int64_t position) const {
-    return holds(m_taken, position) || holds(m_byClock, position);
+    return holds(m_taken, position - m_takenFrom) || holds(m_byClock, position);
 }
 
 bool MarkedRange::lacks(std::int64_t position) const {
@@ -132,46 +143,98 @@ bool MarkedRange::lacks(std::int64_t position) const {
 std::int64_t MarkedRange::timecode(std::int64_t group, std::int64_t shown, std::int64_t period) {
     const Timecode now{position(group), shown};
     const Timecode before = std::exchange(m_timecode, now).value_or(now);
+    const bool bare = std::exchange(m_bare, false);
     const std::int64_t ahead = (now.position - before.position) * period - (now.shown - before.shown);
     if (2 * std::llabs(ahead) <= period) // that is how times of no whole frames are rounded
         return 0;
     const std::int64_t over = (ahead + (ahead < 0 ? -period : period) / 2) / period;
     if (over > 0)
-        m_moved.push_back({before.position, now.position, over});
+        m_moved.push_back({before.position, now.position, over, bare});
     return over;
 }
 
-// By position: labels whose frames may have come with others. In each group that may have been counted on
-// wrongly these are all behind its first label of no frame, for as many frames as the group can have had.
-std::vector<bool> MarkedRange::doubts() const {
-    std::vector<bool> doubts(static_cast<std::size_t>(m_length));
-    // One that stands alone between such as no frame has is not told from one that stands for a timecode that
-    // the encoder has made up: nothing goes on from it.
-    for (std::int64_t at = 0; at < m_length; ++at)
-        doubts[static_cast<std::size_t>(at)] = lacks(at - 1) && lacks(at + 1);
-    if (m_doubt == 0)
-        return doubts;
-    std::vector<Moved> groups = m_moved;
-    // Nothing confirms what was counted on from the last one, though frames be labelled beyond mark-out: with
-    // the first of them the recording ends, before the next timecode, which may be any number of labels
-    // ahead.
-    const std::int64_t last = m_timecode ? m_timecode->position : m_first;
-    groups.push_back({last, m_length, m_length - last});
-    for (const auto& [from, to, over] : groups) {
-        // Of the labels of no frame before mark-in only the last is known: up to that the group has had so
-        // many frames at least.
-        const bool before = m_lackingBefore > 0 && from <= -m_lackingBefore;
-        std::int64_t at = before ? -m_lackingBefore : from;
-        std::int64_t frames = before ? std::max<std::int64_t>(at - from + 1 - over, 1) : 0;
-        bool behind = false;
-        for (; at < std::min(to, m_length) && (frames <= m_doubt || lacks(at)); ++at) {
-            behind = behind || lacks(at);
-            frames += lacks(at) ? 0 : 1;
-            if (behind && at >= 0)
-                doubts[static_cast<std::size_t>(at)] = true;
-        }
+void MarkedRange::keep(std::vector<std::pair<std::int64_t, std::int64_t>> labels) {
+    m_kept = std::move(labels);
+    for (auto& [first, last] : m_kept) {
+        first = position(first);
+        last = position(last);
     }
-    return doubts;
+}
+
+// Whether a frame came that was given that label, rightly or not.
+MarkedRange::Frame MarkedRange::given(std::int64_t position) const {
+    const auto keeps = [position](const auto& labels) {
+        return position >= labels.first && position <= labels.second;
+    };
+    return came(position)                                     ? Frame::came
+           : std::any_of(m_kept.begin(), m_kept.end(), keeps) ? Frame::open
+                                                              : Frame::missing;
+}
+
+// By position; those of no frame count as come.
+std::vector<MarkedRange::Frame> MarkedRange::frames() const {
+    std::vector<Frame> frames(static_cast<std::size_t>(m_length));
+    for (std::int64_t at = 0; at < m_length; ++at)
+        frames[static_cast<std::size_t>(at)] = lacks(at) ? Frame::came : given(at);
+    if (m_countsOn > 0) {
+        for (const Moved& group : m_moved)
+            shift(group, frames);
+        openLast(frames);
+    }
+    return frames;
+}
+
+// The labels of a group that was counted on over such as no frame has are those of earlier ones from there
+// on: its frames have the others in their order, and how many they are, lost ones among them, tells its time.
+void MarkedRange::shift(const Moved& group, std::vector<Frame>& frames) const {
+    const std::int64_t countedTo = group.to - group.over;
+    // Of the labels of no frame before mark-in only the last is known.
+    const bool before = m_lackingBefore > 0 && group.from <= -m_lackingBefore;
+    const std::int64_t begin = before ? 1 - m_lackingBefore : group.from;
+    const std::int64_t end = std::min(group.to, m_length);
+    if (end <= 0 || begin >= end)
+        return;
+    std::int64_t lacking = before ? 1 : 0;
+    std::int64_t first = begin - 1; // the first of them
+    bool told = !group.bare && (!before || group.to <= m_length);
+    for (std::int64_t at = std::max<std::int64_t>(begin, 0); at < end; ++at) {
+        if (lacks(at) && ++lacking == 1)
+            first = at;
+        // One that was counted back from the next timecode.
+        told = told && !(lacks(at) && at >= countedTo && came(at));
+    }
+    if (lacking == 0)
+        return;
+    told = told && (before || group.to > m_length ? group.over >= lacking : group.over == lacking);
+    // From its end where that is between the marks, else from its beginning.
+    const bool back = group.to <= m_length;
+    std::int64_t label = back ? countedTo - 1 : group.from;
+    for (std::int64_t i = 0; i < end - begin; ++i) {
+        const std::int64_t at = back ? end - 1 - i : begin + i;
+        if (lacks(at))
+            continue;
+        const bool counted = label >= group.from && label < countedTo;
+        const Frame frame = at >= countedTo && came(at) ? Frame::came : counted ? given(label) : Frame::open;
+        if (at >= 0 && (told || at > first))
+            frames[static_cast<std::size_t>(at)] = told ? frame : Frame::open;
+        label += back ? -1 : 1;
+    }
+}
+
+// Nothing shows how the count went on from the last timecode, though frames be labelled beyond mark-out: with
+// the first of them the recording ends, before the next, which may be any number of labels ahead.
+void MarkedRange::openLast(std::vector<Frame>& frames) const {
+    const std::int64_t from = m_timecode ? m_timecode->position : m_first;
+    const bool before = m_lackingBefore > 0 && from <= -m_lackingBefore;
+    std::int64_t counted = before ? 1 : 0;
+    bool behind = false;
+    for (std::int64_t at = before ? -m_lackingBefore : from;
+         at < m_length && (counted <= m_countsOn || lacks(at)); ++at) {
+        behind = behind || lacks(at);
+        counted += lacks(at) ? 0 : 1;
+        if (behind && at >= 0 && !lacks(at))
+            frames[static_cast<std::size_t>(at)] = Frame::open;
+    }
 }
 
 bool MarkedRange::complete() const {
@@ -191,12 +254,9 @@ std::int64_t MarkedRange::missing() const {
     return missing;
 }
 
-std::int64_t MarkedRange::unseenFrames(bool doubted) const {
-    const std::vector<bool> doubts = this->doubts();
-    std::int64_t unseen = 0;
-    for (std::int64_t at = 0; at < m_length; ++at)
-        unseen += !came(at) && !lacks(at) && holds(doubts, at) == doubted ? 1 : 0;
-    return unseen;
+std::int64_t MarkedRange::count(Frame wanted) const {
+    const std::vector<Frame> frames = this->frames();
+    return std::count(frames.begin(), frames.end(), wanted);
 }
 
 std::int64_t MarkedRange::unseen(std::int64_t labels) const {
@@ -212,14 +272,18 @@ std::string MarkedRange::describe(LabelOrigin origin, bool ended) const {
     const bool over = m_lackingBefore > 0 && m_first < -m_lackingBefore;
     if (m_first < 0 && !over)
         text += ", " + frameCount(-m_first) + " before mark-in";
-    const std::vector<bool> doubts = this->doubts();
-    if (!came(0) && !holds(doubts, 0))
+    const std::vector<Frame> frames = this->frames();
+    if (!frames.empty() && frames.front() == Frame::missing)
         text += ", the frame at mark-in is missing";
     if (m_first + m_leading > 0)
         text += ", the first " + frameCount(m_first + m_leading) + " from mark-in need the GOP before";
+    // Of a group that was counted on there are more than its labels say.
+    const bool more =
+        m_countsOn > 0 && std::any_of(m_moved.begin(), m_moved.end(),
+                                      [this](const Moved& group) { return group.to > m_length; });
     if (m_beyond > 0)
-        text += ", " + frameCount(m_beyond) + " beyond mark-out";
-    if (ended && missing() != 0 && !holds(doubts, m_length - 1))
+        text += (more ? ", at least " : ", ") + frameCount(m_beyond) + " beyond mark-out";
+    if (ended && !frames.empty() && frames.back() == Frame::missing)
         text += ", the frame at mark-out is missing";
     const auto& clocked = m_byClock;
     if (const auto until = std::find(clocked.rbegin(), clocked.rend(), true); until != clocked.rend())

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kestrel::capture {
@@ -48,16 +49,20 @@ public:
     void note(std::int64_t first, std::int64_t last);
     // Frames were taken that have these labels by the time at which they are shown; they carry none.
     void noteByClock(std::int64_t first, std::int64_t last);
-    // So many frames behind one with a timecode may have labels that were merely counted on. Behind a label
-    // of no frame these are in doubt, but for those that the next timecode shows to be right.
-    void doubt(std::int64_t frames) noexcept { m_doubt = frames; }
+    // Frames with these labels came that may be the source's.
+    void keep(std::vector<std::pair<std::int64_t, std::int64_t>> labels);
+    // Labels are merely counted on from a timecode, for so many frames at most as far as is known: over such
+    // as no frame has these are wrong. 0: none is.
+    void countsOn(std::int64_t frames) noexcept { m_countsOn = frames; }
+    // A random access point without a timecode came.
+    void bare() noexcept { m_bare = true; }
     // A timecode came for a group of pictures that begins with this label, and is shown then (PTS units).
     // By how many labels it is ahead of what was counted on from the one before.
     std::int64_t timecode(std::int64_t group, std::int64_t shown, std::int64_t period);
     // Those frames do not count after all: the source's carry labels.
     void dropByClock();
-    // Whether the frame at mark-in may have come with another label.
-    [[nodiscard]] bool inDoubted() const { return holds(doubts(), 0); }
+    // Whether the frame at mark-in has come, or may have, if with another label.
+    [[nodiscard]] bool inMayHaveCome() const { return m_length > 0 && frames().front() != Frame::missing; }
     // Position of the highest label taken.
     [[nodiscard]] std::int64_t highest() const noexcept { return m_highest; }
     // The last frames up to mark-out have come, more of them than are coded in another order than they are
@@ -66,9 +71,9 @@ public:
     // Frames that are missing just before mark-out; 0 when its own has come.
     [[nodiscard]] std::int64_t missing() const;
     // Frames from mark-in to mark-out that are missing for certain, wherever.
-    [[nodiscard]] std::int64_t absent() const { return unseenFrames(false); }
-    // Those that were not seen, but may have come with another label.
-    [[nodiscard]] std::int64_t doubted() const { return unseenFrames(true); }
+    [[nodiscard]] std::int64_t absent() const { return count(Frame::missing); }
+    // Those of which it is not known whether they came, since their labels are not to be relied on.
+    [[nodiscard]] std::int64_t doubted() const { return count(Frame::open); }
     // Labels among the first so many from mark-in on that were not seen.
     [[nodiscard]] std::int64_t unseen(std::int64_t labels) const;
     // The label at a position.
@@ -82,16 +87,22 @@ private:
     struct Timecode {
         std::int64_t position, shown;
     };
-    // From the group of one timecode to that of the next, which is so many labels ahead of the count.
+    // From the group of one timecode to that of the next, which is so many labels ahead of the count. bare: a
+    // random access point without a timecode lies between.
     struct Moved {
         std::int64_t from, to, over;
+        bool bare;
     };
-    void take(std::vector<bool>& taken, std::int64_t position) const;
+    enum class Frame : char { came, missing, open };
+    void take(std::int64_t position);
     [[nodiscard]] static bool holds(const std::vector<bool>& labels, std::int64_t position);
     [[nodiscard]] bool came(std::int64_t position) const;
     [[nodiscard]] bool lacks(std::int64_t position) const;
-    [[nodiscard]] std::vector<bool> doubts() const;
-    [[nodiscard]] std::int64_t unseenFrames(bool doubted) const;
+    [[nodiscard]] Frame given(std::int64_t position) const;
+    [[nodiscard]] std::vector<Frame> frames() const;
+    void shift(const Moved& group, std::vector<Frame>& frames) const;
+    void openLast(std::vector<Frame>& frames) const;
+    [[nodiscard]] std::int64_t count(Frame wanted) const;
 
     std::string m_inText, m_outText;
     bool m_pairs;
@@ -103,10 +114,14 @@ private:
     // Positions.
     std::int64_t m_first = 0, m_highest = 0;
     std::int64_t m_leading = 0, m_beyond = 0;
-    std::int64_t m_doubt = 0;
+    std::int64_t m_countsOn = 0;
+    bool m_bare = false;
     std::vector<Moved> m_moved;
     std::optional<Timecode> m_timecode; // the last
-    std::vector<bool> m_taken, m_byClock;
+    std::vector<bool> m_taken;          // by position, from a first one on
+    std::int64_t m_takenFrom = 0;
+    std::vector<bool> m_byClock;
+    std::vector<std::pair<std::int64_t, std::int64_t>> m_kept;
 };
 
 } // namespace kestrel::capture

@@ -68,8 +68,9 @@ void OwnLabels::confirm() {
         return near(m_line, kept.line, m_period);
     });
     for (auto kept = m_pending.begin(); kept != others; ++kept)
-        for (const Range& range : kept->ranges)
-            append(m_confirmed, range);
+        for (const auto& ranges : {kept->ranges, kept->counted})
+            for (const Range& range : ranges)
+                append(m_confirmed, range);
     m_pending.erase(m_pending.begin(), others);
 }
 
@@ -79,10 +80,17 @@ void OwnLabels::keep(const Range& range) {
     if (same != m_pending.end())
         std::rotate(same, same + 1, m_pending.end());
     else
-        m_pending.push_back({*m_run, {}});
+        m_pending.push_back({*m_run});
     if (m_pending.size() > mostKept)
         m_pending.erase(m_pending.begin());
-    append(m_pending.back().ranges, range);
+    append(m_lacking ? m_pending.back().counted : m_pending.back().ranges, range);
+}
+
+std::vector<OwnLabels::Range> OwnLabels::kept() const {
+    std::vector<Range> all;
+    for (const Kept& kept : m_pending)
+        all.insert(all.end(), kept.ranges.begin(), kept.ranges.end());
+    return all;
 }
 
 void OwnLabels::add(std::int64_t first, std::int64_t last) {

@@ -92,9 +92,10 @@ void PlayedReturn::picture(const VideoUnit& unit, const Frame& frame) {
     noteLeap(unit, frame);
     if (!m_recording)
         notePlace(frame);
-    if (!unit.randomAccess) {
-        m_eachLabelled = unit.gopTimecode.has_value();
-    } else if (m_whole && m_by == By::count && !m_agreed) {
+    // One alone may begin a GOP that is no random access point.
+    if (std::exchange(m_labelled, unit.gopTimecode.has_value()) && m_labelled && !unit.randomAccess)
+        m_eachLabelled = true;
+    if (unit.randomAccess && m_whole && m_by == By::count && !m_agreed) {
         if (m_groups.size() >= mostGroups)
             m_groups.erase(m_groups.begin());
         m_groups.push_back({0, unit, frame.clock.place(), frame.now, frame.labels.shown()});
@@ -103,7 +104,7 @@ void PlayedReturn::picture(const VideoUnit& unit, const Frame& frame) {
     const std::int64_t period = frame.clock.period();
     if (unit.gopTimecode) {
         m_candidate = false;
-        m_sinceTimecode = 0;
+        m_countedFrom = frame.labels.groupLabel();
     }
     if (period == 0)
         return m_own.breakOff();
@@ -200,8 +201,8 @@ void PlayedReturn::notePairs(const VideoUnit& unit, const Frame& frame) {
 
 std::vector<OwnLabels::Range> PlayedReturn::note(std::int64_t first, std::int64_t last) {
     m_own.add(first, last);
-    m_sinceTimecode += std::max<std::int64_t>(last - first + 1, 0);
-    m_countedOn = std::max(m_countedOn, m_sinceTimecode - 1);
+    if (m_countedFrom && m_own.counts())
+        m_countedOn = std::max(m_countedOn, last - *m_countedFrom);
     if (m_whole && !m_recording)
         return {};
     auto ranges = m_own.take();

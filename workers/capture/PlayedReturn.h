@@ -94,7 +94,9 @@ public:
     void trustLabels();
     // Other video begins.
     void breakOff() noexcept { m_own.breakOff(); }
-    // Frames that come at the most behind one that has a timecode, without any.
+    // Those of which that is not known.
+    [[nodiscard]] std::vector<OwnLabels::Range> kept() const { return m_own.kept(); }
+    // Frames that come, or would, at the most behind one that has a timecode, without any.
     [[nodiscard]] std::int64_t countedOn() const noexcept { return m_eachLabelled ? 0 : m_countedOn; }
     // Whether the current label is the source's; of labels that were told, always.
     [[nodiscard]] bool owns(const Frame& frame) const;
@@ -253,8 +255,9 @@ private:
     std::optional<LabelPair> m_pair;
     unsigned m_single = 0;
     unsigned m_paired = 0;
-    bool m_eachLabelled = false;      // pictures that are no random access points have a timecode
-    std::int64_t m_sinceTimecode = 0; // frames from the last one on, that one among them
+    bool m_labelled = false;                   // the current picture has a timecode
+    bool m_eachLabelled = false;               // of H.264, not key pictures alone
+    std::optional<std::int64_t> m_countedFrom; // the first label of the group that had the last timecode
     std::int64_t m_countedOn = 0;
 
     // By count: when pictures are shown, from the beginning by the stream's clock.

@@ -194,11 +194,15 @@ void Recording::noteLabels(const VideoUnit& unit) {
     std::vector<OwnLabels::Range> taken{{first, m_labels.highest(unit)}};
     if (m_played.whole() || byStreamLabels())
         taken = m_played.note(taken.front().first, taken.front().second);
-    m_range.doubt(m_played.countedOn());
     // What comes back of a whole source has a range of its own; here are no marks then, and no rule for them.
     if (m_plan.mode == CaptureMode::marks)
         for (const auto& [from, to] : taken)
             m_range.note(from, to);
+    // Labels of no frame that are none of an outage are gone over in time, as between the frames of a film.
+    if (m_plan.mode == CaptureMode::marks && !m_plan.sourceLeaps.empty()) {
+        m_range.keep(m_played.kept());
+        m_range.countsOn(m_played.countedOn());
+    }
     m_unitNoted = true;
 }
 

@@ -60,7 +60,9 @@ bool Recording::lastFramePassed() const {
         return false;
     if (m_played.whole())
         return m_played.lastPassed(frame());
-    return m_range.highest() >= m_range.length() - 1 ||
+    // What is still to come of the frames up to mark-out is shown, so decoded, no later than mark-out is.
+    return (m_range.highest() >= m_range.length() - 1 &&
+            m_analyzer.clock().elapsed() >= m_labels.presentation(m_range.out())) ||
            m_clock.elapsed() > (m_leadIn + m_range.length()) * m_clock.period();
 }
 
@@ -271,13 +273,16 @@ void Recording::finishComplete(const std::string& besides) {
         m_unknown = true;
     } else if (m_plan.mode == CaptureMode::marks) {
         const bool each = m_plan.played && m_plan.labelsKnown;
-        const std::int64_t absent = each ? m_range.absent() : m_range.missing();
+        // Where it is not known which labels are those of frames, leaps may have left out so many.
+        const std::int64_t leapt = each ? 0 : leapLabels();
+        const std::int64_t absent = each ? m_range.absent() : m_range.missing() - leapt;
         if (m_plan.played && absent > 0)
             return fail(detailed(failure(error::captureDiscontinuity),
-                                 counted(static_cast<std::uint64_t>(absent), "frame") +
+                                 ((each ? m_range.doubted() : leapt) > 0 ? "at least " : "") +
+                                     counted(static_cast<std::uint64_t>(absent), "frame") +
                                      " between the marks did not come back"));
         // Where each is looked for, those that are missing here may have come with other labels.
-        const std::int64_t missing = m_range.length() - 1 - m_range.highest();
+        const std::int64_t missing = m_range.length() - 1 - m_range.highest() - leapt;
         if (!each && static_cast<double>(missing) > lostSeconds * m_rule.framesPerSecond())
             return fail(detailed(failure(error::captureDiscontinuity),
                                  "the timecode goes past mark-out, to " +

@@ -45,12 +45,14 @@ void Recording::settleMarks(const VideoUnit& unit) {
 std::int64_t Recording::noteTimecode(const VideoUnit& unit) {
     const std::int64_t period = m_clock.period();
     const bool sources = byStreamLabels() && (labelCounts() || m_played.owns(frame()));
+    if (unit.randomAccess && !unit.gopTimecode)
+        m_range.bare();
     if (!unit.gopTimecode || !sources || period == 0)
         return 0;
     const std::int64_t group = m_labels.groupLabel();
     const std::int64_t shown = m_labels.shown() - m_labels.rule().distance(group, *m_label) * period;
     const std::int64_t over = m_range.timecode(group, shown, period);
-    if (!m_range.beyond(group))
+    if (!m_range.beyond(*m_label))
         m_leadIn -= over;
     return over;
 }
@@ -65,7 +67,7 @@ void Recording::openGroup(const VideoUnit& unit, std::int64_t over) {
     const std::int64_t jump = position - m_range.highest() - std::max<std::int64_t>(over, 0);
     const bool near = static_cast<double>(jump) <= lost;
     const bool byClock = m_groupByClock && m_range.position(*m_label) > 0;
-    if (m_groupHeld && (byClock || (position > 0 && (near || m_range.inDoubted()))))
+    if (m_groupHeld && (byClock || (position > 0 && (near || m_range.inMayHaveCome()))))
         return startRecording();
     const auto aSecond = static_cast<std::int64_t>(m_labels.rule().framesPerSecond()) + 1;
     const std::int64_t length = m_groupLabel ? m_labels.rule().distance(*m_groupLabel, group) : 0;
