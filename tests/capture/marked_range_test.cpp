@@ -25,6 +25,26 @@ TEST(MarkedRange, DoubtsNothingForATimecodeThatGoesBack) {
     }
 }
 
+// Behind one that goes back labels come again: a frame that has one need not be the only one.
+TEST(MarkedRange, TrustsNoLabelsThatCameTwice) {
+    constexpr std::int64_t period = 3600;
+    for (const bool back : {false, true}) {
+        SCOPED_TRACE(back);
+        std::vector<bool> lacking(13);
+        std::fill(lacking.begin() + 10, lacking.end(), true);
+        MarkedRange range("00:00:00:00", "00:00:09:24", false, lacking);
+        ASSERT_FALSE(range.settle({3, false}));
+        range.begin(0, 0);
+        range.countsOn(11);
+        EXPECT_EQ(range.timecode(0, 0, period), 0);
+        EXPECT_EQ(range.timecode(5, (back ? 8 : 5) * period, period), back ? -3 : 0);
+        EXPECT_EQ(range.timecode(20, (back ? 20 : 17) * period, period), 3);
+        range.note(0, 249);
+        EXPECT_EQ(range.absent(), 0);
+        EXPECT_EQ(range.doubted(), back ? 7 : 0);
+    }
+}
+
 TEST(MarkedRange, CountsAllThatIsMissingBeforeMarkOut) {
     std::vector<bool> lacking(980);
     std::fill(lacking.begin() + 970, lacking.end(), true);

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 
 namespace kestrel::capture {
 
@@ -46,6 +47,8 @@ inline constexpr std::size_t heldPackets = 4096;
 inline constexpr std::size_t heldGroupPackets = std::size_t{1} << 17;
 // How long before mark-in a group of pictures may begin that it lies in, in seconds of its frames.
 inline constexpr double longestGroupSeconds = 30;
+// Periods by which a frame may be shown for longer than one without anything missing.
+inline constexpr std::int64_t longestShown = 2;
 
 // How far labels may jump across a mark whose frame then counts as lost on the way, in seconds.
 inline constexpr double lostSeconds = 1;

@@ -1,6 +1,7 @@
 #include "MarkedRange.h"
 
 #include "CountedNoun.h"
+#include "Limits.h"
 #include "foundation/ErrorCodes.h"
 
 #include <algorithm>
@@ -143,8 +144,9 @@ bool MarkedRange::lacks(std::int64_t position) const {
 std::int64_t MarkedRange::timecode(std::int64_t group, std::int64_t shown, std::int64_t period) {
     const Timecode now{position(group), shown};
     const Timecode before = std::exchange(m_timecode, now).value_or(now);
-    const bool bare = std::exchange(m_bare, false);
     const std::int64_t ahead = (now.position - before.position) * period - (now.shown - before.shown);
+    // Behind one that goes back labels come again.
+    const bool bare = std::exchange(m_bare, 2 * ahead < -period);
     if (2 * std::llabs(ahead) <= period) // that is how times of no whole frames are rounded
         return 0;
     const std::int64_t over = (ahead + (ahead < 0 ? -period : period) / 2) / period;
@@ -154,7 +156,10 @@ std::int64_t MarkedRange::timecode(std::int64_t group, std::int64_t shown, std::
 }
 
 void MarkedRange::keep(std::vector<std::pair<std::int64_t, std::int64_t>> labels) {
-    m_kept = std::move(labels);
+    // Where each label is that of a frame the source's timecodes confirm each other.
+    const bool each =
+        m_lackingBefore == 0 && std::find(m_lacking.begin(), m_lacking.end(), true) == m_lacking.end();
+    m_kept = each ? decltype(labels)() : std::move(labels);
     for (auto& [first, last] : m_kept) {
         first = position(first);
         last = position(last);
@@ -194,30 +199,34 @@ void MarkedRange::shift(const Moved& group, std::vector<Frame>& frames) const {
     const std::int64_t end = std::min(group.to, m_length);
     if (end <= 0 || begin >= end)
         return;
-    std::int64_t lacking = before ? 1 : 0;
-    std::int64_t first = begin - 1; // the first of them
-    bool told = !group.bare && (!before || group.to <= m_length);
-    for (std::int64_t at = std::max<std::int64_t>(begin, 0); at < end; ++at) {
-        if (lacks(at) && ++lacking == 1)
-            first = at;
-        // One that was counted back from the next timecode.
-        told = told && !(lacks(at) && at >= countedTo && came(at));
+    std::int64_t lacking = 0;
+    std::int64_t first = end; // from there on the labels are wrong
+    bool back = false;        // some were counted back from the next timecode, over such labels too
+    for (std::int64_t at = before ? begin - 1 : std::max<std::int64_t>(begin, 0); at < end; ++at) {
+        if (!lacks(at))
+            continue;
+        first = std::min(first, at);
+        back = back || (at >= countedTo && came(at));
+        ++lacking;
     }
     if (lacking == 0)
         return;
-    told = told && (before || group.to > m_length ? group.over >= lacking : group.over == lacking);
+    if (back)
+        first = group.from;
+    const bool told = !group.bare && !back &&
+                      (before ? group.to <= m_length && group.over >= lacking : group.over == lacking);
     // From its end where that is between the marks, else from its beginning.
-    const bool back = group.to <= m_length;
-    std::int64_t label = back ? countedTo - 1 : group.from;
+    const bool fromEnd = group.to <= m_length;
+    std::int64_t label = fromEnd ? countedTo - 1 : group.from;
     for (std::int64_t i = 0; i < end - begin; ++i) {
-        const std::int64_t at = back ? end - 1 - i : begin + i;
+        const std::int64_t at = fromEnd ? end - 1 - i : begin + i;
         if (lacks(at))
             continue;
         const bool counted = label >= group.from && label < countedTo;
         const Frame frame = at >= countedTo && came(at) ? Frame::came : counted ? given(label) : Frame::open;
-        if (at >= 0 && (told || at > first))
+        if (at >= 0 && (told || at >= first))
             frames[static_cast<std::size_t>(at)] = told ? frame : Frame::open;
-        label += back ? -1 : 1;
+        label += fromEnd ? -1 : 1;
     }
 }
 
@@ -227,13 +236,19 @@ void MarkedRange::openLast(std::vector<Frame>& frames) const {
     const std::int64_t from = m_timecode ? m_timecode->position : m_first;
     const bool before = m_lackingBefore > 0 && from <= -m_lackingBefore;
     std::int64_t counted = before ? 1 : 0;
+    std::int64_t lacking = 0; // in a row, up to here
     bool behind = false;
+    bool outage = before;
     for (std::int64_t at = before ? -m_lackingBefore : from;
          at < m_length && (counted <= m_countsOn || lacks(at)); ++at) {
-        behind = behind || lacks(at);
-        counted += lacks(at) ? 0 : 1;
-        if (behind && at >= 0 && !lacks(at))
-            frames[static_cast<std::size_t>(at)] = Frame::open;
+        lacking = lacks(at) ? lacking + 1 : 0;
+        behind = behind || lacking > 0;
+        outage = outage || lacking > longestShown; // over fewer, as of a film, a count may well go in time
+        counted += lacking > 0 ? 0 : 1;
+        if (!behind || at < 0 || lacking > 0)
+            continue;
+        Frame& frame = frames[static_cast<std::size_t>(at)];
+        frame = outage || frame != Frame::came ? Frame::open : frame;
     }
 }
 

@@ -198,8 +198,7 @@ void Recording::noteLabels(const VideoUnit& unit) {
     if (m_plan.mode == CaptureMode::marks)
         for (const auto& [from, to] : taken)
             m_range.note(from, to);
-    // Labels of no frame that are none of an outage are gone over in time, as between the frames of a film.
-    if (m_plan.mode == CaptureMode::marks && !m_plan.sourceLeaps.empty()) {
+    if (m_plan.mode == CaptureMode::marks) {
         m_range.keep(m_played.kept());
         m_range.countsOn(m_played.countedOn());
     }

@@ -17,8 +17,6 @@ namespace {
 constexpr std::size_t mostPoints = 6'000'000;
 constexpr std::size_t mostFrames = mostPoints;
 constexpr std::int64_t longestReordering = PTS::units_per_second;
-// By so many frames one may be shown for longer than the stream's period without anything missing.
-constexpr std::int64_t longestShown = 2;
 
 class Indexer {
 public:
