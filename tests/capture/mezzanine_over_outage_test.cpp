@@ -7,6 +7,8 @@
 using namespace kestrel::capture;
 using namespace capture_test;
 using namespace std::chrono_literals;
+using testing::HasSubstr;
+using testing::Not;
 
 namespace {
 
@@ -82,6 +84,37 @@ TEST_F(MezzanineOverAnOutage, DoesNotMissWhatEndsBeforeItsTimecodeIsConfirmed) {
                 EXPECT_THAT(said(upTo(75, behind), frames(75, {.gop = 12, .avc = avc}, 30 + behind + more)),
                             testing::AnyOf("", "not known"));
             }
+}
+
+// Nor where both marks are in the first GOP of the source, before the outage.
+TEST_F(MezzanineOverAnOutage, DoesNotMissWhatHasTheOnlyTimecodeBeforeIt) {
+    RecordingPlan asked = upTo(20, 1);
+    asked.markIn = "10:00:00:03";
+    asked.markOut = "10:00:00:18";
+    asked.labelsLacking.clear();
+    EXPECT_EQ(said(asked, frames(20, {.gop = 36}, 200)), "not known");
+}
+
+// An encoder that ran before the source came gives its first frames no timecode of the source's: they are
+// placed by one that may be behind the outage.
+TEST_F(MezzanineOverAnOutage, DoesNotMissWhatCameBeforeTheFirstTimecode) {
+    for (const int gop : {48, 50, 60}) { // the source begins with the 76th frame
+        SCOPED_TRACE(gop);
+        LabelledStream stream({.timecode = "05:00:00:00", .gop = gop});
+        stream.switchAt(75, "10:00:00:00");
+        stream.switchAt(105, labelsFrom("10:00:01:05", 21).back());
+        RecordingPlan asked = upTo(20, 50);
+        asked.markIn = "10:00:00:05";
+        asked.labelsLacking.clear();
+        lack(asked, 25, 20);
+        Recording r = recording(asked);
+        beginRunning(r, stream, "10:00:00:00");
+        feed(r, stream, 300);
+        r.sourceEnded(m_now);
+        pass(r, 12s);
+        expectRecorded(r);
+        EXPECT_THAT(r.status().text, Not(HasSubstr("missing")));
+    }
 }
 
 TEST_F(MezzanineOverAnOutage, WithLabelsThatAreNotKnownMissesNoneThatALeapMayHaveLeftOut) {

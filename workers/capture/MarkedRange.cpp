@@ -23,6 +23,14 @@ std::string frameCount(std::int64_t frames) {
 
 } // namespace
 
+// Labels of a film lack one by one.
+MarkedRange::MarkedRange(std::string in, std::string out, bool pairs, std::vector<bool> lacking,
+                         std::int64_t lackingBefore, bool outage)
+    : m_inText(std::move(in)), m_outText(std::move(out)), m_pairs(pairs), m_lacking(std::move(lacking)),
+      m_lackingBefore(lackingBefore),
+      m_outage(outage || std::search_n(m_lacking.begin(), m_lacking.end(), longestShown + 1, true) !=
+                             m_lacking.end()) {}
+
 MaybeFailure MarkedRange::check(const std::string& in, const std::string& out) {
     int begin[4] = {};
     int end[4] = {};
@@ -41,6 +49,7 @@ MaybeFailure MarkedRange::settle(const LabelRule& rule) {
     m_rule = rule;
     m_moved.clear();
     m_timecode.reset();
+    m_firstTimecode.reset();
     const auto in = rule.number(m_inText, m_pairs);
     const auto out = rule.number(m_outText, m_pairs);
     const auto reason = [&rule](const std::string& text) {
@@ -155,11 +164,12 @@ std::int64_t MarkedRange::timecode(std::int64_t group, std::int64_t shown, std::
     return over;
 }
 
+void MarkedRange::labelled(std::int64_t group) {
+    m_firstTimecode = m_firstTimecode.value_or(position(group));
+}
+
 void MarkedRange::keep(std::vector<std::pair<std::int64_t, std::int64_t>> labels) {
-    // Where each label is that of a frame the source's timecodes confirm each other.
-    const bool each =
-        m_lackingBefore == 0 && std::find(m_lacking.begin(), m_lacking.end(), true) == m_lacking.end();
-    m_kept = each ? decltype(labels)() : std::move(labels);
+    m_kept = std::move(labels);
     for (auto& [first, last] : m_kept) {
         first = position(first);
         last = position(last);
@@ -171,16 +181,21 @@ MarkedRange::Frame MarkedRange::given(std::int64_t position) const {
     const auto keeps = [position](const auto& labels) {
         return position >= labels.first && position <= labels.second;
     };
-    return came(position)                                     ? Frame::came
-           : std::any_of(m_kept.begin(), m_kept.end(), keeps) ? Frame::open
-                                                              : Frame::missing;
+    if (came(position))
+        return Frame::came;
+    // Where there is no outage the source's timecodes confirm each other.
+    return m_outage && std::any_of(m_kept.begin(), m_kept.end(), keeps) ? Frame::open : Frame::missing;
 }
 
 // By position; those of no frame count as come.
 std::vector<MarkedRange::Frame> MarkedRange::frames() const {
     std::vector<Frame> frames(static_cast<std::size_t>(m_length));
-    for (std::int64_t at = 0; at < m_length; ++at)
-        frames[static_cast<std::size_t>(at)] = lacks(at) ? Frame::came : given(at);
+    // What is placed by a timecode that comes behind it may be off by an outage between.
+    const std::int64_t placed = m_outage ? m_firstTimecode.value_or(0) : 0;
+    for (std::int64_t at = 0; at < m_length; ++at) {
+        const Frame frame = lacks(at) ? Frame::came : given(at);
+        frames[static_cast<std::size_t>(at)] = frame == Frame::missing && at < placed ? Frame::open : frame;
+    }
     if (m_countsOn > 0) {
         for (const Moved& group : m_moved)
             shift(group, frames);

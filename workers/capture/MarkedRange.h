@@ -18,11 +18,10 @@ namespace kestrel::capture {
 class MarkedRange {
 public:
     // pairs: the marks count pairs of frames at the double rates. lacking: labels that no frame has, by the
-    // distance to mark-in; lackingBefore: that of the last such before mark-in, 0: there is none.
+    // distance to mark-in; lackingBefore: that of the last such before mark-in, 0: there is none. outage: the
+    // source has one that is played, whether labels between the marks lack frames or not.
     MarkedRange(std::string in, std::string out, bool pairs, std::vector<bool> lacking = {},
-                std::int64_t lackingBefore = 0)
-        : m_inText(std::move(in)), m_outText(std::move(out)), m_pairs(pairs), m_lacking(std::move(lacking)),
-          m_lackingBefore(lackingBefore) {}
+                std::int64_t lackingBefore = 0, bool outage = false);
 
     // Checks what can be checked without a frame rate.
     [[nodiscard]] static MaybeFailure check(const std::string& in, const std::string& out);
@@ -59,6 +58,8 @@ public:
     // A timecode came for a group of pictures that begins with this label, and is shown then (PTS units).
     // By how many labels it is ahead of what was counted on from the one before.
     std::int64_t timecode(std::int64_t group, std::int64_t shown, std::int64_t period);
+    // That label was a timecode, none that was told by when its frame is shown.
+    void labelled(std::int64_t group);
     // Those frames do not count after all: the source's carry labels.
     void dropByClock();
     // Whether the frame at mark-in has come, or may have, if with another label.
@@ -108,6 +109,7 @@ private:
     bool m_pairs;
     std::vector<bool> m_lacking;
     std::int64_t m_lackingBefore;
+    bool m_outage;
     LabelRule m_rule;
     std::int64_t m_in = 0, m_length = 0;
 
@@ -118,7 +120,8 @@ private:
     bool m_bare = false;
     std::vector<Moved> m_moved;
     std::optional<Timecode> m_timecode; // the last
-    std::vector<bool> m_taken;          // by position, from a first one on
+    std::optional<std::int64_t> m_firstTimecode;
+    std::vector<bool> m_taken; // by position, from a first one on
     std::int64_t m_takenFrom = 0;
     std::vector<bool> m_byClock;
     std::vector<std::pair<std::int64_t, std::int64_t>> m_kept;

@@ -19,7 +19,7 @@ Recording::Recording(RecordingPlan plan, const Timing& timing, Clock::time_point
     : m_plan(std::move(plan)), m_timing(timing), m_armed(m_plan.armed), m_file(m_plan.name),
       m_labels(m_plan.useStreamLabels, m_plan.marksCountPairs, m_plan.labelTolerance),
       m_range(m_plan.markIn, m_plan.markOut, m_plan.marksCountPairs, m_plan.labelsLacking,
-              m_plan.lackingBefore),
+              m_plan.lackingBefore, !m_plan.sourceLeaps.empty()),
       m_played(m_plan, timing), m_now(now), m_armedAt(std::max(now, m_plan.begin)), m_lastPacket(now) {
     m_held.reserve(heldPackets);
     if (m_plan.played && m_plan.mode == CaptureMode::marks)

@@ -52,6 +52,7 @@ std::int64_t Recording::noteTimecode(const VideoUnit& unit) {
     const std::int64_t group = m_labels.groupLabel();
     const std::int64_t shown = m_labels.shown() - m_labels.rule().distance(group, *m_label) * period;
     const std::int64_t over = m_range.timecode(group, shown, period);
+    m_range.labelled(group);
     if (!m_range.beyond(*m_label))
         m_leadIn -= over;
     return over;
