@@ -23,7 +23,7 @@ std::string frameCount(std::int64_t frames) {
 
 } // namespace
 
-// Labels of a film lack one by one.
+// A label or two that no frame has are those of a film.
 MarkedRange::MarkedRange(std::string in, std::string out, bool pairs, std::vector<bool> lacking,
                          std::int64_t lackingBefore, bool outage)
     : m_inText(std::move(in)), m_outText(std::move(out)), m_pairs(pairs), m_lacking(std::move(lacking)),
@@ -174,6 +174,15 @@ void MarkedRange::keep(std::vector<std::pair<std::int64_t, std::int64_t>> labels
         first = position(first);
         last = position(last);
     }
+    // Few are left: of B pictures each came by itself.
+    std::sort(m_kept.begin(), m_kept.end());
+    std::size_t merged = 0;
+    for (const auto& [first, last] : m_kept)
+        if (merged > 0 && first <= m_kept[merged - 1].second + 1)
+            m_kept[merged - 1].second = std::max(m_kept[merged - 1].second, last);
+        else
+            m_kept[merged++] = {first, last};
+    m_kept.resize(merged);
 }
 
 // Whether a frame came that was given that label, rightly or not.

@@ -19,7 +19,7 @@ class MarkedRange {
 public:
     // pairs: the marks count pairs of frames at the double rates. lacking: labels that no frame has, by the
     // distance to mark-in; lackingBefore: that of the last such before mark-in, 0: there is none. outage: the
-    // source has one that is played, whether labels between the marks lack frames or not.
+    // part that is played has one, whether labels between the marks lack frames or not.
     MarkedRange(std::string in, std::string out, bool pairs, std::vector<bool> lacking = {},
                 std::int64_t lackingBefore = 0, bool outage = false);
 
@@ -58,7 +58,7 @@ public:
     // A timecode came for a group of pictures that begins with this label, and is shown then (PTS units).
     // By how many labels it is ahead of what was counted on from the one before.
     std::int64_t timecode(std::int64_t group, std::int64_t shown, std::int64_t period);
-    // That label was a timecode, none that was told by when its frame is shown.
+    // A group with this label had it as a timecode of its own.
     void labelled(std::int64_t group);
     // Those frames do not count after all: the source's carry labels.
     void dropByClock();

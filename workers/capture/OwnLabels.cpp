@@ -68,8 +68,8 @@ void OwnLabels::confirm() {
         return near(m_line, kept.line, m_period);
     });
     for (auto kept = m_pending.begin(); kept != others; ++kept)
-        for (const auto& ranges : {kept->ranges, kept->counted})
-            for (const Range& range : ranges)
+        for (const std::vector<Range>* ranges : {&kept->ranges, &kept->counted})
+            for (const Range& range : *ranges)
                 append(m_confirmed, range);
     m_pending.erase(m_pending.begin(), others);
 }

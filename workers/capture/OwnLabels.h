@@ -42,16 +42,18 @@ public:
     [[nodiscard]] bool own() const noexcept { return m_own || m_back; }
     // When the source's first frame is shown, by the labels that have become the source's last.
     [[nodiscard]] std::optional<std::int64_t> line() const noexcept { return m_line; }
-    // Labels go on from a timecode: no random access point without one has come since.
+    // Labels go on from a timecode that can be the source's. Once they were the source's, no random access
+    // point without one has come since, unless the stream has such.
     [[nodiscard]] bool counts() const noexcept { return m_run && !m_lacking; }
-    // Labels with a timecode of which it is not known whether they are the source's.
+    // Labels of which it is not known whether they are the source's, without those that were counted on
+    // beyond a random access point.
     [[nodiscard]] std::vector<Range> kept() const;
     // The labels that have become the source's since the last call.
     [[nodiscard]] std::vector<Range> take() { return std::exchange(m_confirmed, {}); }
 
 private:
     // Labels that are kept back, and when the source's first frame is shown by them. counted: those behind a
-    // random access point without a timecode.
+    // random access point without a timecode, of labels that had been the source's.
     struct Kept {
         std::int64_t line;
         std::vector<Range> ranges{};

@@ -92,9 +92,11 @@ void PlayedReturn::picture(const VideoUnit& unit, const Frame& frame) {
     noteLeap(unit, frame);
     if (!m_recording)
         notePlace(frame);
-    // One alone may begin a GOP that is no random access point.
-    if (std::exchange(m_labelled, unit.gopTimecode.has_value()) && m_labelled && !unit.randomAccess)
-        m_eachLabelled = true;
+    if (!unit.randomAccess)
+        m_eachLabelled = unit.gopTimecode.has_value();
+    // A few may begin GOPs that are no random access points.
+    if (!unit.randomAccess && m_own.own())
+        m_labelledMore += unit.gopTimecode ? 1 : -1;
     if (unit.randomAccess && m_whole && m_by == By::count && !m_agreed) {
         if (m_groups.size() >= mostGroups)
             m_groups.erase(m_groups.begin());

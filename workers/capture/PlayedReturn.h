@@ -94,10 +94,11 @@ public:
     void trustLabels();
     // Other video begins.
     void breakOff() noexcept { m_own.breakOff(); }
-    // Those of which that is not known.
+    // Labels that came of which it is not known whether they are the source's.
     [[nodiscard]] std::vector<OwnLabels::Range> kept() const { return m_own.kept(); }
-    // Frames that come, or would, at the most behind one that has a timecode, without any.
-    [[nodiscard]] std::int64_t countedOn() const noexcept { return m_eachLabelled ? 0 : m_countedOn; }
+    // Frames behind one with a timecode up to the next, at the most, lost ones among them; 0 where the
+    // encoder labels each.
+    [[nodiscard]] std::int64_t countedOn() const noexcept { return m_labelledMore > 0 ? 0 : m_countedOn; }
     // Whether the current label is the source's; of labels that were told, always.
     [[nodiscard]] bool owns(const Frame& frame) const;
 
@@ -255,8 +256,10 @@ private:
     std::optional<LabelPair> m_pair;
     unsigned m_single = 0;
     unsigned m_paired = 0;
-    bool m_labelled = false;                   // the current picture has a timecode
-    bool m_eachLabelled = false;               // of H.264, not key pictures alone
+    bool m_eachLabelled = false; // the last picture that is no random access point has a timecode
+    // Of the source's pictures that are no random access points, so many more have a timecode than have none:
+    // an encoder that labels each.
+    std::int64_t m_labelledMore = 0;
     std::optional<std::int64_t> m_countedFrom; // the first label of the group that had the last timecode
     std::int64_t m_countedOn = 0;
 

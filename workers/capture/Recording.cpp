@@ -198,10 +198,6 @@ void Recording::noteLabels(const VideoUnit& unit) {
     if (m_plan.mode == CaptureMode::marks)
         for (const auto& [from, to] : taken)
             m_range.note(from, to);
-    if (m_plan.mode == CaptureMode::marks) {
-        m_range.keep(m_played.kept());
-        m_range.countsOn(m_played.countedOn());
-    }
     m_unitNoted = true;
 }
 

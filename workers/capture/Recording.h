@@ -143,6 +143,7 @@ private:
     [[nodiscard]] std::string describeUnknown() const;
     [[nodiscard]] std::string describePlayed() const;
     std::int64_t noteTimecode(const VideoUnit& unit);
+    void weighLabels();
     void openGroup(const VideoUnit& unit, std::int64_t over);
     void holdGroup(const VideoUnit& unit, std::int64_t group, std::int64_t leading);
     [[nodiscard]] MaybeFailure openGroupByClock(const VideoUnit& unit);

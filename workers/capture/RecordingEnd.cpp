@@ -220,6 +220,7 @@ void Recording::endEarly(Clock::time_point now, bool asked) {
     writeHeld();
     if (m_state == RecordingState::ended)
         return;
+    weighLabels();
     const std::string open = beyond ? "" : openFrame();
     if (!bounded())
         return finish(true, recorded() + open);
@@ -236,6 +237,7 @@ std::string Recording::openFrame() const {
 void Recording::fail(const Failure& why) {
     if (m_state == RecordingState::ended)
         return;
+    weighLabels();
     finish(false, m_file.segments() != 0 ? why.text + " " + recorded() : why.text);
 }
 
@@ -256,6 +258,7 @@ void Recording::finish(bool succeeded, std::string text) {
 // All that was asked for has come, as far as it was not lost on the way.
 void Recording::finishComplete(const std::string& besides) {
     m_complete = true;
+    weighLabels();
     if (m_played.beganLate() > Clock::duration::zero())
         return finish(false, format("Error: the stream had no random access point until %.1f s after the "
                                     "play-out began, frames of the source may be missing. ",

@@ -58,8 +58,15 @@ std::int64_t Recording::noteTimecode(const VideoUnit& unit) {
     return over;
 }
 
+// Before it is asked which frames of the range have come.
+void Recording::weighLabels() {
+    m_range.keep(m_played.kept());
+    m_range.countsOn(m_played.countedOn());
+}
+
 // over: by so many labels its timecode is ahead of what was counted.
 void Recording::openGroup(const VideoUnit& unit, std::int64_t over) {
+    weighLabels();
     const std::int64_t group = m_labels.groupLabel();
     const std::int64_t position = m_range.position(group);
     const double lost = lostSeconds * m_labels.rule().framesPerSecond();
