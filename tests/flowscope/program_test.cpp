@@ -44,7 +44,18 @@ protected:
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_addopen(&actions, 2, directory.path("stderr").c_str(),
                                          O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        ASSERT_EQ(posix_spawn(&process, argv[0], &actions, nullptr, argv.data(), environ), 0);
+        // Whoever starts the tests may have it ignored.
+        sigset_t hangup;
+        sigemptyset(&hangup);
+        sigaddset(&hangup, SIGHUP);
+        posix_spawnattr_t attributes;
+        posix_spawnattr_init(&attributes);
+        if (!hangupIgnored) {
+            posix_spawnattr_setsigdefault(&attributes, &hangup);
+            posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
+        }
+        ASSERT_EQ(posix_spawn(&process, argv[0], &actions, &attributes, argv.data(), environ), 0);
+        posix_spawnattr_destroy(&attributes);
         posix_spawn_file_actions_destroy(&actions);
     }
     int finish() {
@@ -79,6 +90,7 @@ protected:
 
     ScratchDir directory;
     pid_t process = -1;
+    bool hangupIgnored = false;
 };
 
 TEST_F(FlowScope, WritesTheReportThatTheServiceReads) {
@@ -550,6 +562,20 @@ TEST_F(FlowScope, SignalsEndItWithoutAReport) {
         EXPECT_EQ(errors(), "flowScope: " + file + ": cancelled: no report is written\n");
         EXPECT_EQ(filesBeside(), 0U);
     }
+}
+
+TEST_F(FlowScope, ASighupThatIsIgnoredStaysSo) {
+    const auto former = std::signal(SIGHUP, SIG_IGN); // as nohup does
+    hangupIgnored = true;
+    ServiceQueues queues;
+    start(endless(directory), {"-out_queue_name", queues.updateName()});
+    std::signal(SIGHUP, former);
+    ASSERT_TRUE(queues.receive(std::chrono::seconds(30))) << "it reads";
+    kestrel::test::signalTo(process, SIGHUP);
+    ASSERT_TRUE(queues.receive(std::chrono::seconds(30))) << "it goes on";
+    EXPECT_EQ(queues.received().back().type, STATUS_MSG);
+    kestrel::test::signalTo(process, SIGTERM);
+    EXPECT_EQ(finish(), 1);
 }
 
 TEST_F(FlowScope, ACancelMessageEndsItInMidPass) {

@@ -64,6 +64,7 @@ TEST(Video, ADamagedHeaderTellsNothing) {
         const Bytes damaged = sequenceHeader(width, height, 3);
         EXPECT_EQ(shapeOf(damaged + sequenceExtension(0x48, false, 1, 1)), "0x0 interlaced");
         EXPECT_EQ(shapeOf(good + damaged), "720x576 interlaced");
+        EXPECT_EQ(shapeOf(good + damaged + sequenceExtension(0x48)), "720x576 interlaced");
     }
 }
 

@@ -66,8 +66,9 @@ int VerifierSession::run() {
     std::signal(SIGTERM, askForEnd);
     std::signal(SIGINT, askForEnd);
     // Unless it is to outlive its terminal.
-    if (std::signal(SIGHUP, askForEnd) == SIG_IGN)
-        std::signal(SIGHUP, SIG_IGN);
+    struct sigaction hangup {};
+    if (sigaction(SIGHUP, nullptr, &hangup) == 0 && hangup.sa_handler != SIG_IGN)
+        std::signal(SIGHUP, askForEnd);
     m_link.connect(m_options.outQueue, m_options.inQueue);
     m_link.sendHeartbeat();
     Analysis analysis(m_options.durationSeconds);
