@@ -87,7 +87,10 @@ protected:
 };
 
 TEST_F(SignalWatchTest, HandsASignalToAThreadOfItsOwn) {
-    const SignalWatch watch({SIGUSR1}, toReceived());
+    const SignalWatch watch({SIGUSR1}, [this](int signal) {
+        EXPECT_TRUE(blocked(SIGUSR1)) << "a flood would keep this from its end";
+        received.add(signal);
+    });
     sendTo(getpid(), SIGUSR1);
     EXPECT_THAT(received.waitFor(1), ElementsAre(SIGUSR1));
     EXPECT_NE(received.thread(), std::this_thread::get_id());
