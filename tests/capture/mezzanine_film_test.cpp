@@ -13,9 +13,25 @@ using testing::Not;
 
 namespace {
 
+class MezzanineOfAFilm : public MezzanineRecording {
+protected:
+    // From mark-in on, the label `first` and every so many behind it are those of no frame.
+    RecordingPlan film(std::size_t first = 3, std::size_t every = 5) {
+        RecordingPlan asked = marks();
+        asked.useStreamLabels = true;
+        asked.overwrite = true;
+        asked.markIn = "10:00:02:00";
+        asked.markOut = "10:00:08:00";
+        asked.labelsLacking.resize(150);
+        for (std::size_t at = first; at < asked.labelsLacking.size(); at += every)
+            asked.labelsLacking[at] = true;
+        return asked;
+    }
+};
+
 // Of a film some timecodes are those of no frame everywhere. The encoder returns a frame for each: what is
 // lost takes its time, as no timecode of an outage does.
-TEST_F(MezzanineRecording, MissesFramesOfAFilmThatAreLost) {
+TEST_F(MezzanineOfAFilm, MissesFramesThatAreLost) {
     const auto expected = [](int from, int to) { // those with a label
         int frames = 0;
         for (int frame = std::max(from, 50); frame < std::min(to, 201); ++frame)
@@ -25,12 +41,7 @@ TEST_F(MezzanineRecording, MissesFramesOfAFilmThatAreLost) {
     for (const auto& [from, to] :
          {std::pair{0, 0}, {51, 52}, {30, 51}, {100, 105}, {96, 108}, {96, 132}, {80, 190}}) {
         SCOPED_TRACE(std::to_string(from) + " to " + std::to_string(to));
-        RecordingPlan asked = marks();
-        asked.useStreamLabels = true;
-        asked.overwrite = true;
-        asked.markIn = "10:00:02:00";
-        asked.markOut = "10:00:08:00";
-        lackAsAFilm(asked, 149);
+        RecordingPlan asked = film();
         asked.lackingBefore = 2;
         Recording r = recording(asked);
         beginSilent(r, "10:00:00:00");
@@ -53,13 +64,8 @@ TEST_F(MezzanineRecording, MissesFramesOfAFilmThatAreLost) {
     }
 }
 
-TEST_F(MezzanineRecording, MissesTheEndOfAFilm) {
-    RecordingPlan asked = marks();
-    asked.useStreamLabels = true;
-    asked.markIn = "10:00:02:00";
-    asked.markOut = "10:00:08:00";
-    lackAsAFilm(asked, 149);
-    Recording r = recording(asked);
+TEST_F(MezzanineOfAFilm, MissesItsEnd) {
+    Recording r = recording(film());
     beginSilent(r, "10:00:00:00");
     LabelledStream stream({.gop = 12});
     feed(r, stream, 180);
@@ -69,15 +75,10 @@ TEST_F(MezzanineRecording, MissesTheEndOfAFilm) {
     EXPECT_THAT(r.status().text, HasSubstr("(at least 14 frames between the marks did not come back)"));
 }
 
-TEST_F(MezzanineRecording, KnowsAFilmBeforeALeap) {
+TEST_F(MezzanineOfAFilm, IsKnownBeforeALeap) {
     for (const int gop : {12, 15, 24}) {
         SCOPED_TRACE(gop);
-        RecordingPlan asked = marks();
-        asked.useStreamLabels = true;
-        asked.overwrite = true;
-        asked.markIn = "10:00:02:00";
-        asked.markOut = "10:00:08:00";
-        lackAsAFilm(asked, 149);
+        RecordingPlan asked = film();
         asked.lackingBefore = 2;
         asked.sourceLeaps = {leapOver(75)};
         Recording r = recording(asked);
@@ -90,15 +91,8 @@ TEST_F(MezzanineRecording, KnowsAFilmBeforeALeap) {
 }
 
 // Where every second label is that of no frame each frame stands alone.
-TEST_F(MezzanineRecording, MissesFramesThatAreShownTwice) {
-    RecordingPlan asked = marks();
-    asked.useStreamLabels = true;
-    asked.markIn = "10:00:02:00";
-    asked.markOut = "10:00:08:00";
-    asked.labelsLacking.resize(150);
-    for (std::size_t at = 1; at < asked.labelsLacking.size(); at += 2)
-        asked.labelsLacking[at] = true;
-    Recording r = recording(asked);
+TEST_F(MezzanineOfAFilm, MissesFramesThatAreShownTwice) {
+    Recording r = recording(film(1, 2));
     beginSilent(r, "10:00:00:00");
     LabelledStream stream({.gop = 12});
     std::vector<CodedFrame> frames = stream.frames(300);

@@ -29,12 +29,6 @@ protected:
         plan.labelsLacking.resize(static_cast<std::size_t>(from + labels));
         std::fill(plan.labelsLacking.begin() + from, plan.labelsLacking.end(), true);
     }
-    // Every fifth of so many.
-    static void lackAsAFilm(kestrel::capture::RecordingPlan& plan, std::size_t labels) {
-        plan.labelsLacking.resize(labels);
-        for (std::size_t at = 3; at < labels; at += 5)
-            plan.labelsLacking[at] = true;
-    }
     // Running: the encoder sends before.
     void begin(kestrel::capture::Recording& r, LabelledStream& stream, bool running) {
         if (running)
